@@ -1,0 +1,60 @@
+# Targets of this project: flags, floors and tests.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+
+add_library(qx_build_flags INTERFACE)
+add_library(qx::build_flags ALIAS qx_build_flags)
+target_compile_options(qx_build_flags INTERFACE -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Wno-missing-field-initializers)
+# Code is position independent everywhere; nobody puts functions of his own in the place of ours, so calls inside a file
+# may be inlined.
+target_compile_options(qx_build_flags INTERFACE -fno-semantic-interposition)
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+  # False alarms of g++ 12 about std::string at -O2 and above (bug 105651 of the compiler).
+  target_compile_options(qx_build_flags INTERFACE -Wno-restrict)
+endif()
+if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+  target_compile_options(qx_build_flags INTERFACE -Wthread-safety)
+endif()
+if(QX_SANITIZE)
+  add_compile_options(-fsanitize=${QX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${QX_SANITIZE})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+    # What the sanitizers add makes g++ see uninitialised members in the standard library.
+    target_compile_options(qx_build_flags INTERFACE -Wno-maybe-uninitialized)
+  endif()
+endif()
+if(QX_FAULT_SEAM)
+  add_compile_definitions(QX_FAULT_SEAM=1)
+endif()
+
+# qx_floor(NAME SOURCES... HEADERS... PUBLIC targets... PRIVATE targets...): the static library of one floor.
+# Every header of the floor is compiled alone by the target all_verify_interface_header_sets.
+function(qx_floor NAME)
+  cmake_parse_arguments(A "" "" "SOURCES;HEADERS;PUBLIC;PRIVATE" ${ARGN})
+  add_library(qx_${NAME} STATIC ${A_SOURCES})
+  add_library(qx::${NAME} ALIAS qx_${NAME})
+  target_sources(qx_${NAME} PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR} FILES ${A_HEADERS})
+  target_include_directories(qx_${NAME} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(qx_${NAME} PUBLIC ${A_PUBLIC} PRIVATE qx::build_flags ${A_PRIVATE})
+endfunction()
+
+# qx_test(NAME LABEL unit|service|slow SOURCES... LINK targets...): one test program.
+function(qx_test NAME)
+  if(NOT QX_BUILD_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(A "" "LABEL" "SOURCES;LINK" ${ARGN})
+  add_executable(${NAME} ${A_SOURCES})
+  target_link_libraries(${NAME} PRIVATE ${A_LINK} GTest::gmock GTest::gtest_main qx::build_flags)
+  target_compile_definitions(${NAME} PRIVATE
+    QX_SOURCE_DIR="${PROJECT_SOURCE_DIR}" QX_BINARY_DIR="${PROJECT_BINARY_DIR}/bin"
+    QX_TEST_DATA_DIR="${PROJECT_SOURCE_DIR}/tests/data")
+  gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS ${A_LABEL} TIMEOUT 300)
+endfunction()

@@ -1,0 +1,448 @@
+#include "platform/file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+
+#include "platform/fault_point.h"
+
+namespace platform {
+namespace {
+
+constexpr mode_t kNewFileMode = 0600;
+constexpr mode_t kNewDirectoryMode = 0700;
+constexpr std::u16string_view kOwnDirectory = u"/Documents and Settings/";
+constexpr std::size_t kReadChunk = 65536;
+constexpr int kMaxLinks = 40;  // as many as the kernel follows
+
+std::mutex g_stateDirectoryMutex;
+std::string g_stateDirectory;
+
+// UTF-8, with lone surrogates in the three-byte form of their number, so that no two texts share a name.
+void AppendUtf8(std::string& out, char32_t c) {
+  if (c < 0x80) {
+    out += static_cast<char>(c);
+  } else if (c < 0x800) {
+    out += static_cast<char>(0xC0 | (c >> 6));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  } else if (c < 0x10000) {
+    out += static_cast<char>(0xE0 | (c >> 12));
+    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (c >> 18));
+    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  }
+}
+
+std::string Utf8(std::u16string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    char32_t c = text[i];
+    const bool pair = c >= 0xD800 && c < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000;
+    if (pair) c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00);
+    AppendUtf8(out, c);
+  }
+  return out;
+}
+
+bool IsDirectory(const std::string& name) {
+  struct stat info {};
+  return ::stat(name.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// The code of a failed call on `name`: a missing directory is told from a missing file.
+ErrorCode CodeForName(int error, const std::string& name) {
+  if (error == ENOENT) {
+    return !name.empty() && IsDirectory(DirectoryOf(name)) ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
+  }
+  if (error == ENXIO) return ERROR_ACCESS_DENIED;  // a pipe or a device
+  return ErrorCodeFromErrno(error);
+}
+
+template <typename Call>
+auto Retry(Call call) {
+  auto result = call();
+  while (result == -1 && errno == EINTR) result = call();
+  return result;
+}
+
+// The name of what a symbolic link stands for, also where that doesn't exist yet.
+ErrorCode FollowLinks(std::string& name) {
+  for (int i = 0; i < kMaxLinks; ++i) {
+    struct stat info {};
+    if (::lstat(name.c_str(), &info) != 0 || !S_ISLNK(info.st_mode)) return ERROR_SUCCESS;
+    char target[PATH_MAX];
+    const ssize_t length = ::readlink(name.c_str(), target, sizeof target);
+    if (length < 0) return CodeForName(errno, name);
+    const std::string text(target, static_cast<std::size_t>(length));
+    name = !text.empty() && text.front() == '/' ? text : DirectoryOf(name) + "/" + text;
+  }
+  return ERROR_PATH_NOT_FOUND;
+}
+
+// What the file has to hand down to the one that takes its place.
+struct Predecessor {
+  bool exists = false;
+  struct stat info {};
+};
+
+ErrorCode LookAtPredecessor(const std::string& name, Predecessor& old) {
+  if (::stat(name.c_str(), &old.info) != 0) {
+    const ErrorCode rc = CodeForName(errno, name);
+    return rc == ERROR_FILE_NOT_FOUND ? ERROR_SUCCESS : rc;
+  }
+  old.exists = true;
+  // The rename asks for nothing but a writable directory; a file that may not be written is to stay as it is.
+  const bool writable = (old.info.st_mode & 0222) != 0 && ::faccessat(AT_FDCWD, name.c_str(), W_OK, AT_EACCESS) == 0;
+  return S_ISREG(old.info.st_mode) && writable ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
+}
+
+ErrorCode InheritFrom(const Predecessor& old, int descriptor) {
+  if (!old.exists) return ERROR_SUCCESS;
+  // Only the superuser may give files away; for others the file becomes their own.
+  if (old.info.st_uid != ::geteuid() || old.info.st_gid != ::getegid()) {
+    [[maybe_unused]] const int ignored = ::fchown(descriptor, old.info.st_uid, old.info.st_gid);
+  }
+  return ::fchmod(descriptor, old.info.st_mode & 07777) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+}
+
+ErrorCode WriteBytes(int descriptor, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = Retry([&] { return ::write(descriptor, bytes.data(), bytes.size()); });
+    if (written < 0) return ErrorCodeFromErrno(errno);
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return ERROR_SUCCESS;
+}
+
+// Owns a descriptor in the functions that need no File.
+class Descriptor {
+ public:
+  explicit Descriptor(int value) : m_value(value) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (m_value >= 0) ::close(m_value);
+  }
+  [[nodiscard]] int get() const { return m_value; }
+
+ private:
+  int m_value;
+};
+
+ErrorCode WriteNewFile(const std::string& name, std::string_view contents, const Predecessor& old, Durable durable) {
+  if (const ErrorCode rc = FaultAt(Operation::kCreateFile, name); rc != ERROR_SUCCESS) return rc;
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
+  int opened = Retry([&] { return ::open(name.c_str(), kFlags, kNewFileMode); });
+  if (opened < 0 && errno == EEXIST && ::unlink(name.c_str()) == 0) {
+    opened = Retry([&] { return ::open(name.c_str(), kFlags, kNewFileMode); });
+  }
+  if (opened < 0) return errno == ENOENT ? ERROR_PATH_NOT_FOUND : CodeForName(errno, name);
+  const Descriptor file(opened);
+  ErrorCode rc = InheritFrom(old, file.get());
+  if (rc == ERROR_SUCCESS) rc = FaultAt(Operation::kWriteFile, name);
+  if (rc == ERROR_SUCCESS) rc = WriteBytes(file.get(), contents);
+  if (rc != ERROR_SUCCESS || durable == Durable::kNo) return rc;
+  rc = FaultAt(Operation::kSyncFile, name);
+  if (rc != ERROR_SUCCESS) return rc;
+  return Retry([&] { return ::fdatasync(file.get()); }) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+}
+
+struct OpenFlags {
+  File::Disposition disposition;
+  int flags;
+};
+constexpr OpenFlags kDispositions[] = {
+    {File::Disposition::kOpenExisting, 0},
+    {File::Disposition::kOpenAlways, O_CREAT},
+    {File::Disposition::kCreateAlways, O_CREAT | O_TRUNC},
+    {File::Disposition::kCreateNew, O_CREAT | O_EXCL},
+    {File::Disposition::kTruncateExisting, O_TRUNC},
+};
+
+int FlagsOf(File::Access access, File::Disposition disposition) {
+  const int mode = access == File::Access::kRead ? O_RDONLY : access == File::Access::kWrite ? O_WRONLY : O_RDWR;
+  int flags = 0;
+  for (const OpenFlags& row : kDispositions) {
+    if (row.disposition == disposition) flags = row.flags;
+  }
+  // Not blocking: the open of a pipe would wait for its other end. Regular files don't know the difference.
+  return mode | flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+}
+
+struct flock ByteLock(short type, std::uint64_t offset) {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = static_cast<off_t>(offset);
+  lock.l_len = 1;
+  return lock;
+}
+
+bool FitsOffset(std::uint64_t offset) { return offset < static_cast<std::uint64_t>(INT64_MAX); }
+
+}  // namespace
+
+// --- names -----------------------------------------------------------------------------------------------------------
+
+void SetStateDirectory(std::string directory) {
+  while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
+  const std::lock_guard lock(g_stateDirectoryMutex);
+  g_stateDirectory = std::move(directory);
+}
+
+std::string StateDirectory() {
+  const std::lock_guard lock(g_stateDirectoryMutex);
+  return g_stateDirectory;
+}
+
+std::string NativePath(std::u16string_view clientPath) {
+  if (clientPath.find(u'\0') != std::u16string_view::npos) return {};
+  std::u16string path(clientPath);
+  for (char16_t& c : path) {
+    if (c == u'\\') c = u'/';
+  }
+  if (path.starts_with(kOwnDirectory)) return StateDirectory() + Utf8(path);
+  const char16_t letter = path.empty() ? u'\0' : static_cast<char16_t>(path.front() | 0x20);
+  if (path.size() < 2 || path[1] != u':' || letter < u'a' || letter > u'z') return Utf8(path);
+  const std::u16string_view rest = std::u16string_view(path).substr(2);
+  const std::string drive = StateDirectory() + "/drives/" + static_cast<char>(letter);
+  return drive + (rest.empty() || rest.front() == u'/' ? "" : "/") + Utf8(rest);
+}
+
+ErrorCode AbsoluteName(std::string& name) {
+  if (name.empty()) return ERROR_PATH_NOT_FOUND;
+  std::string absolute = name;
+  if (absolute.front() != '/') {
+    const std::unique_ptr<char, decltype(&std::free)> here(getcwd(nullptr, 0), &std::free);
+    if (!here) return ErrorCodeFromErrno(errno);
+    absolute = std::string(here.get()) + "/" + absolute;
+  }
+  while (absolute.size() > 1 && absolute.back() == '/') absolute.pop_back();
+  name = std::move(absolute);
+  return ERROR_SUCCESS;
+}
+
+std::string DirectoryOf(const std::string& name) {
+  const std::size_t slash = name.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : name.substr(0, slash);
+}
+
+// --- whole files and directories ---------------------------------------------------------------------------------------
+
+bool FileExists(const std::string& name) {
+  if (FaultAt(Operation::kFileExists, name) != ERROR_SUCCESS) return false;
+  struct stat info {};
+  return ::stat(name.c_str(), &info) == 0 && !S_ISDIR(info.st_mode);
+}
+
+bool DirectoryExists(const std::string& name) {
+  if (FaultAt(Operation::kDirectoryExists, name) != ERROR_SUCCESS) return false;
+  return IsDirectory(name);
+}
+
+ErrorCode DeleteFile(const std::string& name, Durable durable) {
+  if (const ErrorCode rc = FaultAt(Operation::kDeleteFile, name); rc != ERROR_SUCCESS) return rc;
+  if (::unlink(name.c_str()) != 0) return CodeForName(errno, name);
+  return durable == Durable::kYes ? SyncDirectory(DirectoryOf(name)) : ERROR_SUCCESS;
+}
+
+ErrorCode RenameFile(const std::string& from, const std::string& to, Durable durable) {
+  if (const ErrorCode rc = FaultAt(Operation::kRenameFile, from); rc != ERROR_SUCCESS) return rc;
+  if (::rename(from.c_str(), to.c_str()) != 0) {
+    const int error = errno;
+    struct stat info {};
+    const bool targetMissing = error == ENOENT && ::lstat(from.c_str(), &info) == 0;
+    return targetMissing ? ERROR_PATH_NOT_FOUND : CodeForName(error, from);
+  }
+  if (durable == Durable::kNo) return ERROR_SUCCESS;
+  const ErrorCode rc = SyncDirectory(DirectoryOf(to));
+  if (rc != ERROR_SUCCESS || DirectoryOf(from) == DirectoryOf(to)) return rc;
+  return SyncDirectory(DirectoryOf(from));
+}
+
+ErrorCode CreateDirectories(const std::string& name) {
+  if (const ErrorCode rc = FaultAt(Operation::kCreateDirectory, name); rc != ERROR_SUCCESS) return rc;
+  if (name.empty()) return ERROR_PATH_NOT_FOUND;
+  for (std::size_t end = name.find('/', 1);; end = name.find('/', end + 1)) {
+    const std::string part = name.substr(0, end);
+    if (::mkdir(part.c_str(), kNewDirectoryMode) != 0 && !IsDirectory(part)) {
+      const int error = errno == EISDIR ? EEXIST : errno;
+      return error == ENOENT ? ERROR_PATH_NOT_FOUND : ErrorCodeFromErrno(error);
+    }
+    if (end == std::string::npos) return ERROR_SUCCESS;
+  }
+}
+
+ErrorCode SyncDirectory(const std::string& name) {
+  if (const ErrorCode rc = FaultAt(Operation::kSyncFile, name); rc != ERROR_SUCCESS) return rc;
+  const Descriptor directory(Retry([&] { return ::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (directory.get() < 0) return errno == ENOENT ? ERROR_PATH_NOT_FOUND : CodeForName(errno, name);
+  if (Retry([&] { return ::fsync(directory.get()); }) == 0) return ERROR_SUCCESS;
+  // Some file systems have nothing to sync in a directory and say so.
+  return errno == EINVAL ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+}
+
+ErrorCode ReadWholeFile(const std::string& name, std::string& contents) {
+  File file;
+  if (const ErrorCode rc = file.Open(name, File::Access::kRead, File::Disposition::kOpenExisting); rc != ERROR_SUCCESS) {
+    return rc;
+  }
+  std::string bytes;
+  if (const ErrorCode rc = file.ReadAll(bytes); rc != ERROR_SUCCESS) return rc;
+  contents = std::move(bytes);
+  return ERROR_SUCCESS;
+}
+
+ErrorCode ReplaceWholeFile(const std::string& name, std::string_view contents, Durable durable) {
+  std::string target = name;
+  if (const ErrorCode rc = FollowLinks(target); rc != ERROR_SUCCESS) return rc;
+  Predecessor old;
+  if (const ErrorCode rc = LookAtPredecessor(target, old); rc != ERROR_SUCCESS) return rc;
+  const std::size_t slash = target.rfind('/');
+  const std::size_t last = slash == std::string::npos ? 0 : slash + 1;
+  const std::string fresh = target.substr(0, last) + "." + target.substr(last) + ".new";
+  ErrorCode rc = WriteNewFile(fresh, contents, old, durable);
+  if (rc == ERROR_SUCCESS) rc = RenameFile(fresh, target);
+  if (rc != ERROR_SUCCESS) {
+    ::unlink(fresh.c_str());
+    return rc;
+  }
+  return durable == Durable::kYes ? SyncDirectory(DirectoryOf(target)) : ERROR_SUCCESS;
+}
+
+// --- open files ----------------------------------------------------------------------------------------------------
+
+File& File::operator=(File&& other) noexcept {
+  if (this != &other) {
+    Close();
+    m_descriptor = std::exchange(other.m_descriptor, -1);
+  }
+  return *this;
+}
+
+ErrorCode File::Open(const std::string& name, Access access, Disposition disposition) {
+  Close();
+  if (const ErrorCode rc = FaultAt(Operation::kCreateFile, name); rc != ERROR_SUCCESS) return rc;
+  const int flags = FlagsOf(access, disposition);
+  if ((flags & O_TRUNC) != 0 && access == Access::kRead) return ERROR_INVALID_PARAMETER;
+  const int opened = Retry([&] { return ::open(name.c_str(), flags, kNewFileMode); });
+  if (opened < 0) {
+    if (errno == EEXIST) return ERROR_FILE_EXISTS;
+    return CodeForName(errno, name);
+  }
+  struct stat info {};
+  if (::fstat(opened, &info) != 0 || !S_ISREG(info.st_mode)) {
+    ::close(opened);
+    return ERROR_ACCESS_DENIED;
+  }
+  m_descriptor = opened;
+  return ERROR_SUCCESS;
+}
+
+void File::Close() {
+  if (m_descriptor >= 0) ::close(std::exchange(m_descriptor, -1));
+}
+
+ErrorCode File::Size(std::uint64_t& bytes) const {
+  if (const ErrorCode rc = FaultAt(Operation::kGetFileSize); rc != ERROR_SUCCESS) return rc;
+  struct stat info {};
+  if (::fstat(m_descriptor, &info) != 0) return ErrorCodeFromErrno(errno);
+  bytes = static_cast<std::uint64_t>(info.st_size);
+  return ERROR_SUCCESS;
+}
+
+ErrorCode File::SeekToEnd() {
+  if (const ErrorCode rc = FaultAt(Operation::kSetFilePointer); rc != ERROR_SUCCESS) return rc;
+  return ::lseek(m_descriptor, 0, SEEK_END) >= 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+}
+
+ErrorCode File::SeekTo(std::uint64_t offset) {
+  if (const ErrorCode rc = FaultAt(Operation::kSetFilePointer); rc != ERROR_SUCCESS) return rc;
+  if (!FitsOffset(offset)) return ERROR_INVALID_PARAMETER;
+  return ::lseek(m_descriptor, static_cast<off_t>(offset), SEEK_SET) >= 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+}
+
+ErrorCode File::WriteAll(std::string_view bytes) {
+  if (const ErrorCode rc = FaultAt(Operation::kWriteFile); rc != ERROR_SUCCESS) return rc;
+  if (!IsOpen()) return ERROR_INVALID_HANDLE;
+  return WriteBytes(m_descriptor, bytes);
+}
+
+ErrorCode File::Read(std::span<char> buffer, std::size_t& count) {
+  if (const ErrorCode rc = FaultAt(Operation::kReadFile); rc != ERROR_SUCCESS) return rc;
+  if (!IsOpen()) return ERROR_INVALID_HANDLE;
+  std::size_t done = 0;
+  while (done < buffer.size()) {
+    const ssize_t got = Retry([&] { return ::read(m_descriptor, buffer.data() + done, buffer.size() - done); });
+    if (got < 0) return ErrorCodeFromErrno(errno);
+    if (got == 0) break;
+    done += static_cast<std::size_t>(got);
+  }
+  count = done;
+  return ERROR_SUCCESS;
+}
+
+ErrorCode File::ReadAll(std::string& bytes) {
+  std::string chunk(kReadChunk, '\0');
+  std::string all;
+  for (std::size_t count = kReadChunk; count == kReadChunk;) {
+    if (const ErrorCode rc = Read(chunk, count); rc != ERROR_SUCCESS) return rc;
+    all.append(chunk, 0, count);
+  }
+  bytes += all;
+  return ERROR_SUCCESS;
+}
+
+ErrorCode File::Sync() {
+  if (const ErrorCode rc = FaultAt(Operation::kSyncFile); rc != ERROR_SUCCESS) return rc;
+  return Retry([&] { return ::fdatasync(m_descriptor); }) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+}
+
+ErrorCode File::LockByte(std::uint64_t offset) {
+  if (const ErrorCode rc = FaultAt(Operation::kLockFile); rc != ERROR_SUCCESS) return rc;
+  if (!FitsOffset(offset)) return ERROR_INVALID_PARAMETER;
+  struct flock lock = ByteLock(F_WRLCK, offset);
+  return Retry([&] { return ::fcntl(m_descriptor, F_OFD_SETLKW, &lock); }) == 0 ? ERROR_SUCCESS
+                                                                               : ErrorCodeFromErrno(errno);
+}
+
+ErrorCode File::TryLockByte(std::uint64_t offset) {
+  if (const ErrorCode rc = FaultAt(Operation::kLockFile); rc != ERROR_SUCCESS) return rc;
+  if (!FitsOffset(offset)) return ERROR_INVALID_PARAMETER;
+  struct flock lock = ByteLock(F_WRLCK, offset);
+  if (Retry([&] { return ::fcntl(m_descriptor, F_OFD_SETLK, &lock); }) == 0) return ERROR_SUCCESS;
+  return errno == EAGAIN || errno == EACCES ? ERROR_LOCK_VIOLATION : ErrorCodeFromErrno(errno);
+}
+
+ErrorCode File::UnlockByte(std::uint64_t offset) {
+  if (!FitsOffset(offset)) return ERROR_INVALID_PARAMETER;
+  struct flock lock = ByteLock(F_UNLCK, offset);
+  return ::fcntl(m_descriptor, F_OFD_SETLK, &lock) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+}
+
+ErrorCode LockStateDirectory(File& lock) {
+  const std::string directory = StateDirectory();
+  if (const ErrorCode rc = CreateDirectories(directory); rc != ERROR_SUCCESS) return rc;
+  File file;
+  if (const ErrorCode rc = file.Open(directory + "/lock", File::Access::kWrite, File::Disposition::kOpenAlways);
+      rc != ERROR_SUCCESS) {
+    return rc;
+  }
+  if (const ErrorCode rc = file.TryLockByte(0); rc != ERROR_SUCCESS) return rc;
+  lock = std::move(file);
+  return ERROR_SUCCESS;
+}
+
+}  // namespace platform

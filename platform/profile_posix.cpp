@@ -1,0 +1,684 @@
+#include "platform/profile.h"
+
+#include <algorithm>
+#include <cassert>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "platform/fault_point.h"
+#include "platform/file.h"
+#include "platform/text.h"
+
+namespace platform {
+namespace {
+
+constexpr std::string_view kWideMark = "\xFF\xFE";
+constexpr std::string_view kLineEnds = "\r\n";
+constexpr std::string_view kBlanks = " \t\v\f\r\n";
+constexpr std::uint32_t kWholeSectionTail = 2;  // NULs behind the last line: its own and the end's
+
+std::string_view TrimFront(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(kBlanks);
+  return first == std::string_view::npos ? std::string_view() : text.substr(first);
+}
+
+std::string_view Trim(std::string_view text) {
+  text = TrimFront(text);
+  return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+}
+
+template <typename Char>
+std::basic_string_view<Char> UntilNul(std::basic_string_view<Char> text) {
+  return text.substr(0, text.find(Char{}));
+}
+
+bool IsNull(std::u16string_view text) { return text.data() == nullptr; }
+
+// --- the text of a file ------------------------------------------------------------------------------------------------
+
+// Lines are kept as bytes, since bytes that the code page doesn't know must survive an edit of their neighbours. A
+// UTF-16 file is kept in UTF-8 with lone surrogates in the three-byte form, which loses nothing either.
+enum class Encoding { kSystem, kWide };
+
+void AppendUnit(std::string& out, char16_t unit) {
+  if (unit < 0x80) {
+    out += static_cast<char>(unit);
+    return;
+  }
+  if (unit < 0x800) {
+    out += static_cast<char>(0xC0 | (unit >> 6));
+  } else {
+    out += static_cast<char>(0xE0 | (unit >> 12));
+    out += static_cast<char>(0x80 | ((unit >> 6) & 0x3F));
+  }
+  out += static_cast<char>(0x80 | (unit & 0x3F));
+}
+
+// Each unit for itself, pairs too: the form exists in memory only, and is read back by UnitsFromBytes alone.
+std::string BytesFromUnits(std::u16string_view units) {
+  std::string out;
+  out.reserve(units.size());
+  for (const char16_t unit : units) AppendUnit(out, unit);
+  return out;
+}
+
+std::u16string UnitsFromBytes(std::string_view bytes) {
+  std::u16string out;
+  out.reserve(bytes.size());
+  const auto tail = [&](std::size_t i) {
+    return i < bytes.size() ? static_cast<unsigned char>(bytes[i]) & 0x3Fu : 0u;
+  };
+  for (std::size_t i = 0; i < bytes.size();) {
+    const auto lead = static_cast<unsigned char>(bytes[i]);
+    if (lead < 0x80) {
+      out += static_cast<char16_t>(lead);
+      i += 1;
+    } else if (lead < 0xE0) {
+      out += static_cast<char16_t>(((lead & 0x1Fu) << 6) | tail(i + 1));
+      i += 2;
+    } else {
+      out += static_cast<char16_t>(((lead & 0x0Fu) << 12) | (tail(i + 1) << 6) | tail(i + 2));
+      i += 3;
+    }
+  }
+  return out;
+}
+
+struct Line {
+  std::string key;    // the whole line where it has no "="
+  std::string value;  // without blanks around it when it came from a file
+  std::string raw;    // a comment as it stood; empty once it was written to
+  bool hasEquals = false;
+  bool removed = false;
+
+  [[nodiscard]] bool IsComment() const { return key.starts_with(';'); }
+};
+
+struct Section {
+  std::string name;
+  std::string behind;  // what a hand wrote behind the closing bracket
+  bool removed = false;
+  bool hasDuplicates = false;
+  std::vector<Line> lines;
+  std::unordered_map<std::string, std::size_t> index;  // folded key to its first line
+};
+
+// One write, as it was asked for.
+struct Edit {
+  std::u16string section;
+  std::optional<std::u16string> key;
+  std::optional<std::u16string> value;
+};
+
+class ProfileText {
+ public:
+  ProfileText() : ProfileText(std::string_view()) {}
+  explicit ProfileText(std::string_view file) { Parse(file); }
+
+  [[nodiscard]] std::string Serialize() const;
+
+  // The section and the line that count, null where there is none.
+  [[nodiscard]] const Section* FindSection(std::u16string_view name) const;
+  [[nodiscard]] const Line* Find(std::u16string_view section, std::u16string_view key) const;
+
+  [[nodiscard]] std::u16string Decode(std::string_view bytes) const {
+    return m_encoding == Encoding::kWide ? UnitsFromBytes(bytes) : WideFromSystem(bytes);
+  }
+
+  // Carries a write out; true when the text is another one afterwards.
+  bool Apply(const Edit& edit);
+
+ private:
+  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
+  void Parse(std::string_view file);
+  void ParseLine(std::string_view line);
+  Section& BeginSection(std::string name, std::string behind);
+  Line& Append(Section& section, Line line);
+  [[nodiscard]] std::string Encode(std::u16string_view text) const {
+    return m_encoding == Encoding::kWide ? BytesFromUnits(text) : SystemFromWide(text);
+  }
+  [[nodiscard]] std::string Fold(std::string_view bytes) const;
+  [[nodiscard]] std::size_t SectionAt(const std::string& folded) const;
+  [[nodiscard]] static std::size_t LineAt(const Section& section, const std::string& folded);
+  bool RemoveSection(std::size_t at);
+  bool RemoveLine(Section& section, std::size_t at);
+  bool SetValue(Section& section, const std::string& key, std::string value);
+
+  void ReadAgain();
+
+  Encoding m_encoding = Encoding::kSystem;
+  std::string m_verbatim;           // the text as written, where the lines as understood differ; until the next change
+  std::vector<Section> m_sections;  // the first one holds the lines in front of any header
+  std::unordered_map<std::string, std::size_t> m_index;
+};
+
+void ProfileText::Parse(std::string_view file) {
+  std::string wideText;
+  if (file.starts_with(kWideMark)) {
+    m_encoding = Encoding::kWide;
+    std::u16string units;
+    units.reserve(file.size() / 2);
+    for (std::size_t i = kWideMark.size(); i + 1 < file.size(); i += 2) {
+      units += static_cast<char16_t>(static_cast<unsigned char>(file[i]) |
+                                     (static_cast<unsigned char>(file[i + 1]) << 8));
+    }
+    wideText = BytesFromUnits(units);
+    file = wideText;
+  }
+  m_sections.emplace_back();
+  while (!file.empty()) {
+    const std::size_t end = std::min(file.find_first_of(kLineEnds), file.size());
+    ParseLine(Trim(file.substr(0, end)));
+    file.remove_prefix(std::min(end + 1, file.size()));
+  }
+}
+
+void ProfileText::ParseLine(std::string_view line) {
+  if (line.empty()) return;
+  const std::size_t closing = line.front() == '[' ? line.rfind(']') : std::string_view::npos;
+  if (closing != std::string_view::npos) {
+    BeginSection(std::string(Trim(line.substr(1, closing - 1))), std::string(line.substr(closing + 1)));
+    return;
+  }
+  Line parsed;
+  const std::size_t equals = line.find('=');
+  parsed.key = Trim(line.substr(0, equals));
+  if (equals != std::string_view::npos) {
+    parsed.hasEquals = true;
+    parsed.value = Trim(line.substr(equals + 1));
+  }
+  if (parsed.IsComment()) parsed.raw = line;
+  Append(m_sections.back(), std::move(parsed));
+}
+
+Section& ProfileText::BeginSection(std::string name, std::string behind) {
+  m_index.try_emplace(Fold(name), m_sections.size());  // the first of equal names counts
+  Section& section = m_sections.emplace_back();
+  section.name = std::move(name);
+  section.behind = std::move(behind);
+  return section;
+}
+
+Line& ProfileText::Append(Section& section, Line line) {
+  const bool isNew = section.index.try_emplace(Fold(line.key), section.lines.size()).second;
+  if (!isNew) section.hasDuplicates = true;
+  return section.lines.emplace_back(std::move(line));
+}
+
+std::string ProfileText::Serialize() const {
+  if (!m_verbatim.empty()) return m_verbatim;
+  std::string out;
+  for (std::size_t i = 0; i < m_sections.size(); ++i) {
+    const Section& section = m_sections[i];
+    if (section.removed) continue;
+    if (i != 0) out.append("[").append(section.name).append("]").append(section.behind).append(kLineEnds);
+    for (const Line& line : section.lines) {
+      if (line.removed) continue;
+      if (!line.raw.empty()) {
+        out.append(line.raw);
+      } else {
+        out.append(line.key);
+        if (line.hasEquals) out.append("=").append(line.value);
+      }
+      out.append(kLineEnds);
+    }
+  }
+  if (m_encoding == Encoding::kSystem) return out;
+  std::string wide(kWideMark);
+  for (const char16_t unit : UnitsFromBytes(out)) {
+    wide += static_cast<char>(unit & 0xFF);
+    wide += static_cast<char>(unit >> 8);
+  }
+  return wide;
+}
+
+std::string ProfileText::Fold(std::string_view bytes) const {
+  std::string folded(bytes);
+  bool ascii = true;
+  for (char& c : folded) {
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    ascii = ascii && static_cast<unsigned char>(c) < 0x80;
+  }
+  if (ascii) return folded;
+  std::u16string wide = Decode(bytes);
+  for (char16_t& unit : wide) {
+    // The two that would fall on the ASCII letters I and S are names of their own.
+    if (unit != u'\u0131' && unit != u'\u017F') unit = ToUpperSimple(unit);
+  }
+  return BytesFromUnits(wide);
+}
+
+std::size_t ProfileText::SectionAt(const std::string& folded) const {
+  const auto found = m_index.find(folded);
+  return found == m_index.end() ? kNone : found->second;
+}
+
+std::size_t ProfileText::LineAt(const Section& section, const std::string& folded) {
+  const auto found = section.index.find(folded);
+  return found == section.index.end() ? kNone : found->second;
+}
+
+const Section* ProfileText::FindSection(std::u16string_view name) const {
+  const std::size_t at = SectionAt(Fold(Trim(Encode(name))));
+  return at == kNone ? nullptr : &m_sections[at];
+}
+
+const Line* ProfileText::Find(std::u16string_view section, std::u16string_view key) const {
+  const Section* found = FindSection(section);
+  if (found == nullptr) return nullptr;
+  const std::size_t at = LineAt(*found, Fold(Trim(Encode(key))));
+  return at == kNone ? nullptr : &found->lines[at];
+}
+
+bool ProfileText::Apply(const Edit& edit) {
+  const std::string name(Trim(Encode(edit.section)));
+  const std::size_t at = SectionAt(Fold(name));
+  if (!edit.key) return at != kNone && RemoveSection(at);
+  const std::string key(Trim(Encode(*edit.key)));
+  if (!edit.value) {
+    return at != kNone && RemoveLine(m_sections[at], LineAt(m_sections[at], Fold(key)));
+  }
+  std::string value(TrimFront(Encode(*edit.value)));
+  // What the next reader of the file would understand in another way is understood so at once: the bytes of a batch are
+  // those of single calls.
+  const bool trailingBlank = Trim(value).size() != value.size();
+  const bool otherwise = trailingBlank || value.find_first_of(kLineEnds) != std::string::npos ||
+                         key.find_first_of("=\r\n") != std::string::npos || key.starts_with('[') ||
+                         name.find_first_of("]\r\n") != std::string::npos;
+  if (at == kNone) m_verbatim.clear();
+  Section& section = at == kNone ? BeginSection(name, {}) : m_sections[at];
+  const bool changed = SetValue(section, key, std::move(value)) || at == kNone;
+  if (changed && otherwise) ReadAgain();
+  return changed;
+}
+
+void ProfileText::ReadAgain() {
+  std::string verbatim = Serialize();
+  *this = ProfileText(verbatim);
+  m_verbatim = std::move(verbatim);
+}
+
+bool ProfileText::RemoveSection(std::size_t at) {
+  const std::string folded = Fold(m_sections[at].name);
+  m_verbatim.clear();
+  m_sections[at].removed = true;
+  m_sections[at].lines.clear();
+  m_index.erase(folded);
+  for (std::size_t i = at + 1; i < m_sections.size(); ++i) {  // a later one of that name counts from now on
+    if (!m_sections[i].removed && Fold(m_sections[i].name) == folded) {
+      m_index.emplace(folded, i);
+      break;
+    }
+  }
+  return true;
+}
+
+bool ProfileText::RemoveLine(Section& section, std::size_t at) {
+  if (at == kNone) return false;
+  const std::string folded = Fold(section.lines[at].key);
+  m_verbatim.clear();
+  section.lines[at].removed = true;
+  section.index.erase(folded);
+  for (std::size_t i = at + 1; section.hasDuplicates && i < section.lines.size(); ++i) {
+    if (!section.lines[i].removed && Fold(section.lines[i].key) == folded) {
+      section.index.emplace(folded, i);
+      break;
+    }
+  }
+  return true;
+}
+
+bool ProfileText::SetValue(Section& section, const std::string& key, std::string value) {
+  const std::size_t at = LineAt(section, Fold(key));
+  if (at == kNone) {
+    Line line;
+    line.key = key;
+    line.value = std::move(value);
+    line.hasEquals = true;
+    m_verbatim.clear();
+    Append(section, std::move(line));
+    return true;
+  }
+  Line& line = section.lines[at];
+  if (line.hasEquals && line.value == value) return false;
+  m_verbatim.clear();
+  line.value = std::move(value);
+  line.hasEquals = true;
+  line.raw.clear();
+  return true;
+}
+
+// --- the file and the batches --------------------------------------------------------------------------------------------
+
+// A missing file is a text too: the empty one.
+struct ReadText {
+  std::string bytes;
+  bool exists = false;
+};
+
+bool IsMissing(ErrorCode rc) { return rc == ERROR_FILE_NOT_FOUND || rc == ERROR_PATH_NOT_FOUND; }
+
+ErrorCode ReadFileText(const std::string& name, ReadText& out) {
+  out = {};
+  if (name.empty()) return ERROR_ACCESS_DENIED;
+  const ErrorCode rc = ReadWholeFile(name, out.bytes);
+  out.exists = rc == ERROR_SUCCESS;
+  return rc;
+}
+
+// Writers of this process take turns: the new file beside the old one has one name.
+std::mutex g_writers;
+
+ErrorCode AskFault(Operation operation, std::u16string_view what) {
+  if (!detail::g_faultSeamArmed.load(std::memory_order_relaxed)) return ERROR_SUCCESS;
+  return FaultAt(operation, Utf8FromWide(what));
+}
+
+}  // namespace
+
+struct detail::ProfileBatchState {
+  std::string name;
+  ProfileBatch::Purpose purpose = ProfileBatch::kSave;
+  std::thread::id owner = std::this_thread::get_id();
+  ProfileBatchState* older = nullptr;
+  bool isRead = false;
+  ErrorCode readResult = ERROR_SUCCESS;  // of the one read: success, or how the file is missing
+  ReadText original;
+  ProfileText text;
+  std::vector<Edit> edits;
+  bool changed = false;
+  ErrorCode firstFailure = ERROR_SUCCESS;
+
+  // Reads and parses the file, once it can be read.
+  ErrorCode Read() {
+    if (isRead) return readResult;
+    const ErrorCode rc = ReadFileText(name, original);
+    if (rc != ERROR_SUCCESS && !IsMissing(rc)) return rc;
+    text = ProfileText(original.bytes);
+    isRead = true;
+    return readResult = rc;
+  }
+
+  ErrorCode Add(Edit edit) {
+    if (purpose == ProfileBatch::kLoad) return ERROR_ACCESS_DENIED;
+    if (const ErrorCode rc = Read(); rc != ERROR_SUCCESS && rc != ERROR_FILE_NOT_FOUND) return rc;
+    changed = text.Apply(edit) || changed || !original.exists;
+    edits.push_back(std::move(edit));
+    return ERROR_SUCCESS;
+  }
+
+  // When the file isn't the one that was read, the writes are made on what it is now.
+  ErrorCode CatchUp() {
+    ReadText present;
+    const ErrorCode rc = ReadFileText(name, present);
+    if (rc != ERROR_SUCCESS && rc != ERROR_FILE_NOT_FOUND) return rc;
+    if (present.exists == original.exists && present.bytes == original.bytes) return ERROR_SUCCESS;
+    ProfileText replayed(present.bytes);
+    changed = !present.exists && !edits.empty();
+    for (const Edit& edit : edits) changed = replayed.Apply(edit) || changed;
+    text = std::move(replayed);
+    original = std::move(present);
+    return ERROR_SUCCESS;
+  }
+
+  ErrorCode Commit() {
+    if (purpose == ProfileBatch::kLoad) return ERROR_INVALID_FUNCTION;
+    if (firstFailure != ERROR_SUCCESS) return firstFailure;
+    if (edits.empty()) return ERROR_SUCCESS;
+    const std::lock_guard lock(g_writers);
+    if (const ErrorCode rc = CatchUp(); rc != ERROR_SUCCESS) return rc;
+    if (changed) {
+      std::string bytes = text.Serialize();
+      if (const ErrorCode rc = ReplaceWholeFile(name, bytes, Durable::kYes); rc != ERROR_SUCCESS) return rc;
+      original = {std::move(bytes), true};
+      text = ProfileText(original.bytes);
+      readResult = ERROR_SUCCESS;
+    }
+    edits.clear();
+    changed = false;
+    return ERROR_SUCCESS;
+  }
+};
+
+namespace {
+
+thread_local detail::ProfileBatchState* t_youngest = nullptr;
+
+detail::ProfileBatchState* BatchOn(const std::string& name) {
+  detail::ProfileBatchState* batch = t_youngest;
+  while (batch != nullptr && batch->name != name) batch = batch->older;
+  return batch;
+}
+
+// Gives the text of a path to `use`, from the thread's batch where there is one.
+template <typename Use>
+ErrorCode WithText(std::u16string_view path, Use use) {
+  const std::string name = NativePath(path);
+  if (detail::ProfileBatchState* batch = BatchOn(name)) {
+    const ErrorCode rc = batch->Read();
+    if (rc == ERROR_SUCCESS || batch->isRead) use(batch->text);
+    return rc;
+  }
+  ReadText read;
+  const ErrorCode rc = ReadFileText(name, read);
+  if (rc == ERROR_SUCCESS) use(ProfileText(read.bytes));
+  return rc;
+}
+
+// The value of a line as a caller sees it; nothing for a missing one.
+std::optional<std::u16string> ValueOf(const ProfileText& text, std::u16string_view section, std::u16string_view key) {
+  const Line* line = text.Find(UntilNul(section), UntilNul(key));
+  if (line == nullptr || !line->hasEquals) return std::nullopt;
+  return text.Decode(UntilNul<char>(Trim(line->value)));
+}
+
+bool IsQuoted(std::u16string_view text) {
+  return text.size() >= 2 && text.front() == text.back() && (text.front() == u'"' || text.front() == u'\'');
+}
+
+std::u16string_view WithoutQuotes(std::u16string_view text) {
+  return IsQuoted(text) ? text.substr(1, text.size() - 2) : text;
+}
+
+std::uint32_t CopyText(std::u16string_view text, std::span<char16_t> buffer) {
+  if (buffer.empty()) return 0;
+  const std::u16string_view plain = WithoutQuotes(text);
+  const std::size_t length = std::min(plain.size(), buffer.size() - 1);
+  std::copy_n(plain.begin(), length, buffer.begin());
+  buffer[length] = u'\0';
+  // The place of the closing quote is cleared as well, where the buffer reached that far.
+  if (IsQuoted(text) && length == plain.size() && length + 1 < buffer.size()) buffer[length + 1] = u'\0';
+  return static_cast<std::uint32_t>(length);
+}
+
+struct NumberBase {
+  char16_t letter;
+  std::uint32_t base;
+};
+constexpr NumberBase kNumberBases[] = {{u'x', 16}, {u'o', 8}, {u'b', 2}};
+
+std::uint32_t DigitOf(char16_t c) {
+  if (c >= u'0' && c <= u'9') return static_cast<std::uint32_t>(c - u'0');
+  if (c >= u'a' && c <= u'f') return static_cast<std::uint32_t>(c - u'a' + 10);
+  if (c >= u'A' && c <= u'F') return static_cast<std::uint32_t>(c - u'A' + 10);
+  return 99;
+}
+
+std::uint32_t ParseInteger(std::u16string_view text) {
+  while (!text.empty() && text.front() <= u' ') text.remove_prefix(1);
+  const bool negative = text.starts_with(u'-');
+  if (negative || text.starts_with(u'+')) text.remove_prefix(1);
+  std::uint32_t base = 10;
+  for (const NumberBase& row : kNumberBases) {
+    if (text.size() >= 2 && text[0] == u'0' && text[1] == row.letter) base = row.base;
+  }
+  if (base != 10) text.remove_prefix(2);
+  std::uint32_t result = 0;  // unsigned: overflow wraps
+  for (const char16_t c : text) {
+    const std::uint32_t digit = DigitOf(c);
+    if (digit >= base) break;
+    result = result * base + digit;
+  }
+  return negative ? 0u - result : result;
+}
+
+std::u16string LinesOf(const ProfileText& text, const Section& section) {
+  std::string bytes;
+  for (const Line& line : section.lines) {
+    if (line.removed || line.IsComment()) continue;
+    std::string whole = line.key;
+    if (line.hasEquals) whole.append("=").append(Trim(line.value));
+    bytes.append(UntilNul<char>(whole));
+    bytes += '\0';
+  }
+  return text.Decode(bytes);
+}
+
+std::uint32_t CountLines(std::u16string_view text) {
+  return static_cast<std::uint32_t>(std::count(text.begin(), text.end(), u'\0'));
+}
+
+ProfileSectionText CopyLines(std::u16string_view lines, std::span<char16_t> buffer) {
+  ProfileSectionText out;
+  const std::size_t size = buffer.size();
+  if (size == 0) return out;
+  buffer[0] = u'\0';
+  if (size < kWholeSectionTail) return out;
+  const bool fits = size >= lines.size() + kWholeSectionTail;
+  const std::u16string_view copied = lines.substr(0, fits ? lines.size() : size - kWholeSectionTail);
+  std::copy(copied.begin(), copied.end(), buffer.begin());
+  out.length = static_cast<std::uint32_t>(copied.size());
+  buffer[copied.size()] = u'\0';
+  out.completeLines = CountLines(copied);
+  if (copied.empty() || copied.back() == u'\0') return out;
+  // Cut: the line gets a NUL of its own, and is a whole one where the cut fell on its end.
+  buffer[copied.size() + 1] = u'\0';
+  if (lines[copied.size()] == u'\0') ++out.completeLines;
+  return out;
+}
+
+ErrorCode WriteAlone(const std::string& name, const Edit& edit) {
+  const std::lock_guard lock(g_writers);
+  ReadText read;
+  if (const ErrorCode rc = ReadFileText(name, read); rc != ERROR_SUCCESS && rc != ERROR_FILE_NOT_FOUND) return rc;
+  ProfileText text(read.bytes);
+  if (!text.Apply(edit) && read.exists) return ERROR_SUCCESS;
+  return ReplaceWholeFile(name, text.Serialize(), Durable::kNo);
+}
+
+ErrorCode MakeEdit(std::u16string_view section, std::u16string_view key, const char16_t* value, Edit& edit) {
+  const bool removesSection = IsNull(key);
+  section = UntilNul(section);
+  key = UntilNul(key);
+  if (section.empty() || (key.empty() && !removesSection)) return ERROR_INVALID_PARAMETER;
+  edit.section = section;
+  if (!removesSection) edit.key = key;
+  if (value != nullptr) edit.value = value;
+  return ERROR_SUCCESS;
+}
+
+}  // namespace
+
+// --- the calls -------------------------------------------------------------------------------------------------------------
+
+ErrorCode GetProfileInt(std::u16string_view path, std::u16string_view section, std::u16string_view key,
+                        std::int32_t defaultValue, std::int32_t& value) {
+  const bool missingName = IsNull(section) || IsNull(key);
+  value = missingName ? 0 : defaultValue;
+  if (const ErrorCode rc = AskFault(Operation::kGetProfileInt, key); rc != ERROR_SUCCESS) return rc;
+  if (missingName) return ERROR_SUCCESS;
+  return WithText(path, [&](const ProfileText& text) {
+    const std::optional<std::u16string> found = ValueOf(text, section, key);
+    if (!found) return;
+    const std::u16string_view plain = WithoutQuotes(*found);
+    if (!plain.empty()) value = static_cast<std::int32_t>(ParseInteger(plain));
+  });
+}
+
+ErrorCode GetProfileString(std::u16string_view path, std::u16string_view section, std::u16string_view key,
+                           std::u16string_view defaultText, std::span<char16_t> buffer, std::uint32_t& length) {
+  std::u16string_view fallback = UntilNul(defaultText);
+  fallback = fallback.substr(0, fallback.find_last_not_of(u' ') + 1);
+  ErrorCode rc = AskFault(Operation::kGetProfileString, key);
+  std::optional<std::u16string> found;
+  if (rc == ERROR_SUCCESS && !IsNull(section) && !IsNull(key)) {
+    rc = WithText(path, [&](const ProfileText& text) { found = ValueOf(text, section, key); });
+  }
+  length = CopyText(found ? std::u16string_view(*found) : fallback, buffer);
+  return rc;
+}
+
+ErrorCode GetProfileSection(std::u16string_view path, std::u16string_view section, std::span<char16_t> buffer,
+                            ProfileSectionText& out) {
+  bool isThere = false;
+  std::u16string lines;
+  ErrorCode rc = AskFault(Operation::kGetProfileSection, section);
+  if (rc == ERROR_SUCCESS && !IsNull(section)) {
+    rc = WithText(path, [&](const ProfileText& text) {
+      const Section* found = text.FindSection(UntilNul(section));
+      if (found == nullptr) return;
+      isThere = true;
+      lines = LinesOf(text, *found);
+    });
+  }
+  out = CopyLines(lines, buffer);
+  if (!isThere && buffer.size() >= kWholeSectionTail) buffer[1] = u'\0';
+  return rc;
+}
+
+ErrorCode WriteProfileString(std::u16string_view path, std::u16string_view section, std::u16string_view key,
+                             const char16_t* value) {
+  const std::string name = NativePath(path);
+  detail::ProfileBatchState* batch = BatchOn(name);
+  Edit edit;
+  ErrorCode rc = AskFault(Operation::kWriteProfileString, key);
+  if (rc == ERROR_SUCCESS) rc = MakeEdit(section, key, value, edit);
+  if (batch == nullptr) return rc == ERROR_SUCCESS ? WriteAlone(name, edit) : rc;
+  if (rc == ERROR_SUCCESS) rc = batch->Add(std::move(edit));
+  if (batch->firstFailure == ERROR_SUCCESS) batch->firstFailure = rc;
+  return rc;
+}
+
+ErrorCode WriteProfileStringNarrow(std::string_view path, std::string_view section, std::string_view key,
+                                   const char* value) {
+  const std::u16string widePath = WideFromSystem(path);
+  const std::u16string wideSection = WideFromSystem(section);
+  const std::u16string wideKey = WideFromSystem(key);
+  const std::u16string wideValue = value == nullptr ? std::u16string() : WideFromSystem(value);
+  return WriteProfileString(widePath, section.data() == nullptr ? std::u16string_view() : wideSection,
+                            key.data() == nullptr ? std::u16string_view() : wideKey,
+                            value == nullptr ? nullptr : wideValue.c_str());
+}
+
+ProfileBatch::ProfileBatch(std::u16string_view path, Purpose purpose)
+    : m_state(std::make_unique<detail::ProfileBatchState>()) {
+  m_state->name = NativePath(path);
+  m_state->purpose = purpose;
+  m_state->older = std::exchange(t_youngest, m_state.get());
+}
+
+ProfileBatch::~ProfileBatch() {
+  assert(m_state->owner == std::this_thread::get_id());
+  detail::ProfileBatchState** link = &t_youngest;
+  while (*link != nullptr && *link != m_state.get()) link = &(*link)->older;
+  if (*link != nullptr) *link = m_state->older;
+}
+
+ErrorCode ProfileBatch::Commit() {
+  if (const ErrorCode rc = FaultAt(Operation::kCommitProfiles, m_state->name); rc != ERROR_SUCCESS) return rc;
+  return m_state->Commit();
+}
+
+ErrorCode CommitProfiles() {
+  if (const ErrorCode rc = FaultAt(Operation::kCommitProfiles); rc != ERROR_SUCCESS) return rc;
+  detail::ProfileBatchState* batch = t_youngest;
+  while (batch != nullptr && batch->purpose != ProfileBatch::kSave) batch = batch->older;
+  return batch == nullptr ? ERROR_INVALID_FUNCTION : batch->Commit();
+}
+
+}  // namespace platform

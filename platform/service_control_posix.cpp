@@ -1,0 +1,155 @@
+#include "platform/service_control.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/apartment.h"
+#include "platform/fault_point.h"
+
+namespace platform {
+namespace {
+
+std::string_view AssignmentOf(ServiceState state) {
+  switch (state) {
+    case ServiceState::kRunning:
+      return "READY=1\n";
+    case ServiceState::kStopPending:
+      return "STOPPING=1\n";
+    case ServiceState::kStopped:
+    case ServiceState::kStartPending:
+      break;
+  }
+  return "";
+}
+
+}  // namespace
+
+bool HasServiceManager() {
+  const char* const socket = std::getenv("NOTIFY_SOCKET");
+  return socket != nullptr && *socket != '\0';
+}
+
+ErrorCode ReportServiceState(ServiceState state, std::string_view statusText) {
+  if (!HasServiceManager()) return ERROR_SUCCESS;
+  // A line end would begin an assignment of its own.
+  std::string message(AssignmentOf(state));
+  message += "STATUS=";
+  message += statusText.substr(0, statusText.find_first_of(std::string_view("\n\0", 2)));
+  const int result = sd_notify(0, message.c_str());
+  return result < 0 ? ErrorCodeFromErrno(-result) : ERROR_SUCCESS;
+}
+
+ErrorCode SendStopControl(std::uint32_t processId) {
+  const auto process = static_cast<pid_t>(processId);
+  if (process <= 0) return ERROR_INVALID_PARAMETER;  // 0 and below would be groups of processes
+  return kill(process, SIGTERM) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+}
+
+struct ServiceControlHandler::State {
+  Handler handler;
+  int signals = -1;
+  int wake = -1;
+  sigset_t earlierMask = {};
+  std::thread thread;
+  std::mutex mutex;
+  std::vector<std::uint32_t> injected;  // guarded by mutex
+  bool ending = false;                  // guarded by mutex
+
+  ~State() {
+    if (thread.joinable()) {
+      {
+        const std::lock_guard lock(mutex);
+        ending = true;
+      }
+      Wake();
+      thread.join();
+      pthread_sigmask(SIG_SETMASK, &earlierMask, nullptr);
+    }
+    if (signals >= 0) close(signals);
+    if (wake >= 0) close(wake);
+  }
+
+  void Wake() const {
+    const std::uint64_t one = 1;
+    (void)!write(wake, &one, sizeof one);
+  }
+
+  void Deliver(std::uint32_t control) const {
+    (void)RunGuarded("service control", [&] { handler(control); });
+  }
+
+  void Body() {
+    while (true) {
+      std::array<pollfd, 2> descriptors = {{{signals, POLLIN, 0}, {wake, POLLIN, 0}}};
+      (void)poll(descriptors.data(), descriptors.size(), -1);
+      signalfd_siginfo info = {};
+      while (read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) Deliver(kServiceControlStop);
+      std::uint64_t count = 0;
+      (void)!read(wake, &count, sizeof count);
+      std::vector<std::uint32_t> controls;
+      bool last = false;
+      {
+        const std::lock_guard lock(mutex);
+        controls.swap(injected);
+        last = ending;
+      }
+      for (const std::uint32_t control : controls) Deliver(control);
+      if (last) return;
+    }
+  }
+};
+
+ServiceControlHandler::ServiceControlHandler() = default;
+ServiceControlHandler::~ServiceControlHandler() = default;
+
+ErrorCode ServiceControlHandler::Start(Handler handler) {
+  if (const ErrorCode rc = FaultAt(Operation::kRegisterServiceHandler); rc != ERROR_SUCCESS) return rc;
+  if (m_state) return ERROR_BUSY;
+  if (!handler) return ERROR_INVALID_PARAMETER;
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGTERM);
+  sigaddset(&stop, SIGINT);
+  auto state = std::make_unique<State>();
+  state->handler = std::move(handler);
+  state->signals = signalfd(-1, &stop, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (state->signals < 0) return ErrorCodeFromErrno(errno);
+  state->wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (state->wake < 0) return ErrorCodeFromErrno(errno);
+  pthread_sigmask(SIG_BLOCK, &stop, &state->earlierMask);
+  try {
+    state->thread = std::thread(&State::Body, state.get());
+  } catch (const std::system_error&) {
+    pthread_sigmask(SIG_SETMASK, &state->earlierMask, nullptr);
+    return ERROR_NO_PROC_SLOTS;
+  }
+  m_state = std::move(state);
+  return ERROR_SUCCESS;
+}
+
+void ServiceControlHandler::Inject(std::uint32_t control) {
+  if (!m_state) return;
+  {
+    const std::lock_guard lock(m_state->mutex);
+    m_state->injected.push_back(control);
+  }
+  m_state->Wake();
+}
+
+}  // namespace platform

@@ -1,0 +1,101 @@
+#include "platform/testing/fault.h"
+
+#include <cassert>
+#include <mutex>
+#include <string>
+
+namespace platform {
+namespace {
+
+struct InstalledPlan {
+  bool anyOperation = false;
+  Operation operation = Operation::kCount;
+  std::string detail;
+  int n = 0;  // 0 fails nothing
+  ErrorCode code = ERROR_SUCCESS;
+  FaultMode mode = kOnce;
+  int calls = 0;
+  int hits = 0;
+};
+
+std::mutex g_planMutex;
+InstalledPlan g_plan;
+
+void Install(InstalledPlan plan) {
+  const std::lock_guard lock(g_planMutex);
+  assert(!detail::g_faultSeamArmed.load() && "one fault plan at a time");
+  g_plan = std::move(plan);
+  detail::g_faultSeamArmed.store(true);
+}
+
+}  // namespace
+
+ErrorCode detail::AskFaultPlan(Operation operation, std::string_view detailText) {
+  const std::lock_guard lock(g_planMutex);
+  if (!g_faultSeamArmed.load()) return ERROR_SUCCESS;
+  if (!g_plan.anyOperation && g_plan.operation != operation) return ERROR_SUCCESS;
+  if (!g_plan.detail.empty() && g_plan.detail != detailText) return ERROR_SUCCESS;
+  ++g_plan.calls;
+  if (g_plan.n == 0) return ERROR_SUCCESS;
+  const bool fails = g_plan.mode == kOnce ? g_plan.calls == g_plan.n : g_plan.calls >= g_plan.n;
+  if (!fails) return ERROR_SUCCESS;
+  ++g_plan.hits;
+  return g_plan.code;
+}
+
+FaultPlan FaultPlan::FailCall(Operation operation, int n, ErrorCode code, FaultMode mode, std::string_view detailText) {
+  InstalledPlan installed;
+  installed.operation = operation;
+  installed.detail = detailText;
+  installed.n = n;
+  installed.code = code;
+  installed.mode = mode;
+  Install(std::move(installed));
+  FaultPlan plan;
+  plan.m_installed = true;
+  return plan;
+}
+
+FaultPlan FaultPlan::FailAnyCall(int n, ErrorCode code, FaultMode mode) {
+  InstalledPlan installed;
+  installed.anyOperation = true;
+  installed.n = n;
+  installed.code = code;
+  installed.mode = mode;
+  Install(std::move(installed));
+  FaultPlan plan;
+  plan.m_installed = true;
+  return plan;
+}
+
+FaultPlan FaultPlan::CountOnly() { return FailAnyCall(0, ERROR_SUCCESS); }
+
+FaultPlan::FaultPlan(FaultPlan&& other) noexcept
+    : m_installed(other.m_installed), m_hits(other.m_hits), m_calls(other.m_calls) {
+  other.m_installed = false;
+}
+
+FaultPlan::~FaultPlan() { Remove(); }
+
+void FaultPlan::Remove() {
+  if (!m_installed) return;
+  const std::lock_guard lock(g_planMutex);
+  m_hits = g_plan.hits;
+  m_calls = g_plan.calls;
+  m_installed = false;
+  detail::g_faultSeamArmed.store(false);
+}
+
+int FaultPlan::hits() const {
+  if (!m_installed) return m_hits;
+  const std::lock_guard lock(g_planMutex);
+  return g_plan.hits;
+}
+
+int FaultPlan::calls() const {
+  if (!m_installed) return m_calls;
+  const std::lock_guard lock(g_planMutex);
+  return g_plan.calls;
+}
+
+}  // namespace platform

@@ -1,0 +1,71 @@
+#include "platform/thread.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "platform/fault_point.h"
+
+namespace platform {
+namespace {
+
+constexpr std::size_t kThreadNameBytes = 15;  // the kernel's limit, without the NUL
+
+ErrorCode Launch(std::string_view name, std::function<void()> function, std::thread& out) {
+  if (const ErrorCode fault = FaultAt(Operation::kCreateThread, name); fault != ERROR_SUCCESS) return fault;
+  try {
+    std::string shown(name.substr(0, kThreadNameBytes));
+    std::thread started([shown = std::move(shown), body = std::move(function)]() noexcept {
+      (void)pthread_setname_np(pthread_self(), shown.c_str());
+      body();
+    });
+    out = std::move(started);
+  } catch (const std::system_error& error) {
+    return ErrorCodeFromErrno(error.code().value());
+  }
+  return ERROR_SUCCESS;
+}
+
+}  // namespace
+
+Thread& Thread::operator=(Thread&& other) noexcept {
+  if (this == &other) return *this;
+  Join();
+  m_thread = std::move(other.m_thread);
+  return *this;
+}
+
+ErrorCode Thread::Start(std::string_view name, std::function<void()> function, Thread& out) {
+  Thread thread;
+  if (const ErrorCode rc = Launch(name, std::move(function), thread.m_thread); rc != ERROR_SUCCESS) return rc;
+  out = std::move(thread);
+  return ERROR_SUCCESS;
+}
+
+void Thread::Join() {
+  if (m_thread.joinable()) m_thread.join();
+}
+
+void Thread::Detach() {
+  if (m_thread.joinable()) m_thread.detach();
+}
+
+ErrorCode StartThread(std::string_view name, std::function<void()> function) {
+  Thread thread;
+  if (const ErrorCode rc = Thread::Start(name, std::move(function), thread); rc != ERROR_SUCCESS) return rc;
+  thread.Detach();
+  return ERROR_SUCCESS;
+}
+
+std::uint32_t CurrentProcessId() {
+  return static_cast<std::uint32_t>(getpid());
+}
+
+std::uint32_t CurrentThreadId() {
+  return static_cast<std::uint32_t>(gettid());
+}
+
+}  // namespace platform
