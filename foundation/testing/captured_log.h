@@ -1,0 +1,71 @@
+// foundation/testing/captured_log.h: for tests: collects what ServiceLog() is given.
+//
+// Installed for its lifetime; captures of inner scopes take over and give back. Threads: lines of any thread are taken.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "foundation/include/zfclog.h"
+
+namespace ZepFoundation {
+
+struct CapturedLogLine {
+  std::uint32_t level = 0;
+  std::string text;  // system code page, which is UTF-8 unless a test sets another
+  friend bool operator==(const CapturedLogLine&, const CapturedLogLine&) = default;
+  friend std::ostream& operator<<(std::ostream& out, const CapturedLogLine& line) {
+    return out << '{' << line.level << ", \"" << line.text << "\"}";
+  }
+};
+
+class CapturedServiceLog final : public ServiceLogWriter {
+ public:
+  CapturedServiceLog() : m_before(SetServiceLogWriter(this)) {}
+  ~CapturedServiceLog() override { SetServiceLogWriter(m_before); }
+  CapturedServiceLog(const CapturedServiceLog&) = delete;
+  CapturedServiceLog& operator=(const CapturedServiceLog&) = delete;
+
+  // All lines so far, in order.
+  [[nodiscard]] std::vector<CapturedLogLine> lines() const {
+    const std::lock_guard<std::mutex> hold(m_lock);
+    return m_lines;
+  }
+  // The texts of the lines up to a level.
+  [[nodiscard]] std::vector<std::string> texts(std::uint32_t greatestLevel = 0xFFFFFFFFu) const {
+    const std::lock_guard<std::mutex> hold(m_lock);
+    std::vector<std::string> out;
+    for (const CapturedLogLine& line : m_lines) {
+      if (line.level <= greatestLevel) out.push_back(line.text);
+    }
+    return out;
+  }
+  // Whether a line is exactly this.
+  [[nodiscard]] bool Has(std::uint32_t level, std::string_view text) const { return Count(level, text) != 0; }
+  [[nodiscard]] int Count(std::uint32_t level, std::string_view text) const {
+    const std::lock_guard<std::mutex> hold(m_lock);
+    int count = 0;
+    for (const CapturedLogLine& line : m_lines) count += line.level == level && line.text == text;
+    return count;
+  }
+  void Clear() {
+    const std::lock_guard<std::mutex> hold(m_lock);
+    m_lines.clear();
+  }
+
+  void Write(std::uint32_t level, std::string_view text) override {
+    const std::lock_guard<std::mutex> hold(m_lock);
+    m_lines.push_back({level, std::string(text)});
+  }
+
+ private:
+  mutable std::mutex m_lock;
+  std::vector<CapturedLogLine> m_lines;
+  ServiceLogWriter* m_before;
+};
+
+}  // namespace ZepFoundation

@@ -1,0 +1,293 @@
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cstring>
+#include <limits>
+#include <sstream>
+#include <string>
+
+#include "foundation/include/zfcbytes.h"
+#include "platform/debug_output.h"
+
+namespace ZepFoundation {
+namespace {
+
+constexpr auto kBig = CByteOrder::kBigEndian;
+constexpr auto kLittle = CByteOrder::kLittleEndian;
+
+std::string Bytes(std::initializer_list<int> values) {
+  std::string bytes;
+  for (int value : values) bytes.push_back(static_cast<char>(value));
+  return bytes;
+}
+
+TEST(BinaryStream, WritesA32BitValueInTheStreamsOrder) {
+  bostrstream big(kBig);
+  big << std::uint32_t{0x01020304};
+  EXPECT_EQ(big.view(), Bytes({1, 2, 3, 4}));
+  bostrstream little(kLittle);
+  little << std::uint32_t{0x01020304};
+  EXPECT_EQ(little.view(), Bytes({4, 3, 2, 1}));
+}
+
+TEST(BinaryStream, WritesEachIntegerInTheWidthOfItsType) {
+  bostrstream out(kBig);
+  out << 'a' << static_cast<signed char>(-1) << static_cast<unsigned char>(2) << std::int16_t{-2} << std::uint16_t{0x0304}
+      << std::int32_t{-3} << std::int64_t{-4} << std::uint64_t{0x0102030405060708};
+  EXPECT_EQ(out.view(), Bytes({'a', 0xFF, 2, 0xFF, 0xFE, 3, 4, 0xFF, 0xFF, 0xFF, 0xFD, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+                               0xFF, 0xFF, 0xFC, 1, 2, 3, 4, 5, 6, 7, 8}));
+}
+
+TEST(BinaryStream, ReadsBackWhatItWroteInEitherOrder) {
+  for (auto order : {kBig, kLittle, CByteOrder::kNative}) {
+    bostrstream out(order);
+    out << std::int16_t{-2} << std::uint16_t{40000} << std::int32_t{std::numeric_limits<std::int32_t>::min()}
+        << std::uint32_t{4000000000} << std::int64_t{-5} << std::uint64_t{1} << 'x';
+    bistrstream in(out.view().data(), static_cast<std::streamsize>(out.view().size()), order);
+    std::int16_t a = 0;
+    std::uint16_t b = 0;
+    std::int32_t c = 0;
+    std::uint32_t d = 0;
+    std::int64_t e = 0;
+    std::uint64_t f = 0;
+    char g = 0;
+    in >> a >> b >> c >> d >> e >> f >> g;
+    EXPECT_TRUE(in.good());
+    EXPECT_EQ(a, -2);
+    EXPECT_EQ(b, 40000);
+    EXPECT_EQ(c, std::numeric_limits<std::int32_t>::min());
+    EXPECT_EQ(d, 4000000000);
+    EXPECT_EQ(e, -5);
+    EXPECT_EQ(f, 1u);
+    EXPECT_EQ(g, 'x');
+  }
+}
+
+TEST(BinaryStream, TakesTheHostsOrderForTheNativeOne) {
+  bostrstream native(CByteOrder::kNative);
+  EXPECT_EQ(native.byte_order(), CByteOrder::Native());
+  EXPECT_EQ(native.byte_order(), std::endian::native == std::endian::little ? kLittle : kBig);
+  bistrstream in("", 0, CByteOrder::kNative);
+  EXPECT_EQ(in.byte_order(), CByteOrder::Native());
+}
+
+TEST(BinaryStream, FailsAfterStoringTheByte255OfAText) {
+  const std::string bytes = Bytes({0x41, 0xFF, 0x42, 0});
+  bistrstream in(bytes.data(), static_cast<std::streamsize>(bytes.size()), kBig);
+  char text[8];
+  std::memset(text, 'z', sizeof(text));
+  in >> text;
+  EXPECT_TRUE(in.fail());
+  EXPECT_EQ(text[0], 'A');
+  EXPECT_EQ(text[1], '\xFF');
+  EXPECT_EQ(text[2], 'z');
+}
+
+TEST(BinaryStream, ReadsATextWithItsZeroByte) {
+  bistrstream in("ab\0c", 4, kBig);
+  char text[8];
+  std::memset(text, 'z', sizeof(text));
+  in >> text;
+  EXPECT_TRUE(in.good());
+  EXPECT_STREQ(text, "ab");
+  EXPECT_EQ(in.get(), 'c');
+}
+
+TEST(BinaryStream, FailsWhereATextHasNoEnd) {
+  bistrstream in("ab", 2, kBig);
+  char text[8] = {};
+  in >> text;
+  EXPECT_TRUE(in.fail());
+  EXPECT_STREQ(text, "ab");
+}
+
+TEST(BinaryStream, LeavesThePositionAloneWhenItIsAskedForItsSize) {
+  bistrstream in("abcdef", 6, kBig);
+  EXPECT_EQ(in.get(), 'a');
+  EXPECT_EQ(in.get(), 'b');
+  EXPECT_EQ(in.size(), 6);
+  EXPECT_EQ(in.get(), 'c');
+  bostrstream out(kBig);
+  out << std::uint32_t{1} << std::uint32_t{2};
+  EXPECT_EQ(out.size(), 8);
+  out << std::uint16_t{3};
+  EXPECT_EQ(out.size(), 10);
+  EXPECT_EQ(out.view().substr(8), Bytes({0, 3}));
+}
+
+TEST(BinaryStream, HasNoSizeWithoutABuffer) {
+  bistream in(nullptr, kBig);
+  EXPECT_EQ(in.size(), -1);
+  EXPECT_EQ(in.get(), -1);
+  EXPECT_TRUE(in.bad());
+  bostream out(nullptr, kBig);
+  EXPECT_EQ(out.size(), -1);
+  out.put('a');
+  EXPECT_TRUE(out.bad());
+}
+
+TEST(BinaryStream, KeepsTheCountOfAReadThatRunsOverTheEnd) {
+  bistrstream in("abc", 3, kBig);
+  char buffer[8] = {};
+  in.read(buffer, 8);
+  EXPECT_TRUE(in.fail());
+  EXPECT_FALSE(in.bad());
+  EXPECT_EQ(in.gcount(), 3);
+  EXPECT_STREQ(buffer, "abc");
+}
+
+TEST(BinaryStream, CountsNothingWhenAReadGetsAll) {
+  bistrstream in("abc", 3, kBig);
+  char buffer[3];
+  in.read(buffer, 3);
+  EXPECT_TRUE(in.good());
+  EXPECT_EQ(in.gcount(), 0);
+  in.read(buffer, 0);
+  in.read(buffer, -1);
+  EXPECT_TRUE(in.good());
+}
+
+TEST(BinaryStream, ReadsNothingOnceItHasFailed) {
+  bistrstream in("abc", 3, kBig);
+  in.setstate(std::ios::failbit);
+  char c = 'z';
+  in.read(&c, 1);
+  EXPECT_EQ(c, 'z');
+  EXPECT_EQ(in.gcount(), 0);
+  in.clear();
+  EXPECT_EQ(in.get(), 'a');
+}
+
+TEST(BinaryStream, GivesEveryByteBySingleReads) {
+  const std::string bytes = Bytes({0xFF, 0, 7});
+  bistrstream in(bytes.data(), 3, kBig);
+  EXPECT_EQ(in.peek(), 255);
+  EXPECT_EQ(in.get(), 255);
+  EXPECT_EQ(in.get(), 0);
+  EXPECT_EQ(in.get(), 7);
+  in.putback('\x07');
+  EXPECT_EQ(in.get(), 7);
+  EXPECT_TRUE(in.good());
+  EXPECT_EQ(in.get(), -1);
+  EXPECT_TRUE(in.fail());
+}
+
+TEST(BinaryStream, RefusesToPutBackWhatMayNotBeWritten) {
+  bistrstream in("ab", 2, kBig);
+  in.get();
+  in.putback('z');
+  EXPECT_TRUE(in.bad());
+}
+
+TEST(BinaryStream, CopiesTheRestOfOneStreamIntoAnother) {
+  std::string text(1300, 'q');
+  text += "end";
+  bistrstream in(text.data(), static_cast<std::streamsize>(text.size()), kBig);
+  in.get();
+  bostrstream out(kBig);
+  in >> out;
+  EXPECT_TRUE(in.good());
+  EXPECT_EQ(out.view(), text.substr(1));
+  in >> out;
+  EXPECT_TRUE(in.fail());
+
+  std::stringbuf source("xyz");
+  bostrstream second(kBig);
+  second << source;
+  EXPECT_EQ(second.view(), "xyz");
+  EXPECT_TRUE(second.good());
+  second << source;
+  EXPECT_TRUE(second.fail());
+}
+
+TEST(BinaryStream, CopiesFromABinaryStreamAndIntoAPlainBuffer) {
+  bistrstream in("abc", 3, kBig);
+  std::stringbuf target;
+  in >> target;
+  EXPECT_EQ(target.str(), "abc");
+  bistrstream again("def", 3, kBig);
+  bostrstream out(kBig);
+  out << again;
+  EXPECT_EQ(out.view(), "def");
+}
+
+TEST(BinaryStream, EndsLinesAndTexts) {
+  bostrstream out(kBig);
+  out << endl << ends << flush;
+  EXPECT_EQ(out.view(), Bytes({'\n', 0}));
+  EXPECT_TRUE(out.good());
+}
+
+TEST(BinaryStream, SetsTheBadBitWhereAFixedBufferIsFull) {
+  char buffer[5] = {};
+  bostrstream out(buffer, sizeof(buffer), kBig);
+  out << std::uint32_t{0x01020304};
+  EXPECT_TRUE(out.good());
+  out << std::uint32_t{0x05060708};
+  EXPECT_TRUE(out.bad());
+  EXPECT_EQ(out.view().substr(0, 4), Bytes({1, 2, 3, 4}));
+}
+
+TEST(BinaryStream, SetsTheBadBitForANegativeCount) {
+  bostrstream out(kBig);
+  out.write("abc", -1);
+  EXPECT_TRUE(out.bad());
+  EXPECT_EQ(out.view(), "");
+}
+
+TEST(MemoryBuffer, GrowsAndKeepsWhatWasWritten) {
+  bostrstream out(kBig);
+  std::string expected;
+  for (int i = 0; i < 5000; ++i) {
+    out.put(static_cast<char>(i));
+    expected.push_back(static_cast<char>(i));
+  }
+  EXPECT_TRUE(out.good());
+  EXPECT_EQ(out.view(), expected);
+}
+
+TEST(MemoryBuffer, ReadsWhatWasWrittenToIt) {
+  bstrstreambuf buffer;
+  bostream out(&buffer, kBig);
+  bistream in(&buffer, kBig);
+  out << std::uint16_t{0x4142};
+  EXPECT_EQ(in.get(), 'A');
+  out << std::uint16_t{0x4344};
+  EXPECT_EQ(in.get(), 'B');
+  EXPECT_EQ(in.get(), 'C');
+  EXPECT_EQ(in.size(), 4);
+  EXPECT_EQ(in.get(), 'D');
+  EXPECT_EQ(in.get(), -1);
+}
+
+std::string g_debugText;
+void KeepDebugText(std::string_view text) { g_debugText += text; }
+
+TEST(MemoryBuffer, TellsTheDebuggerWhenTheReadLimitIsMet) {
+  g_debugText.clear();
+  const platform::DebugSink before = platform::SetDebugSink(&KeepDebugText);
+  bistrstream in("a", 1, kBig);
+  EXPECT_EQ(in.get(), 'a');
+  EXPECT_EQ(in.get(), -1);
+  EXPECT_EQ(g_debugText, "");
+  in.clear();
+  in.rdbuf()->SetReadLimit(true);
+  EXPECT_EQ(in.get(), -1);
+  EXPECT_TRUE(in.fail());
+  platform::SetDebugSink(before);
+  EXPECT_EQ(g_debugText, "bstrstream: READ LIMIT ENGAGED!!!\n");
+}
+
+TEST(MemoryBuffer, RefusesPositionsOutsideWhatIsThere) {
+  bistrstream in("abc", 3, kBig);
+  bstrstreambuf* buffer = in.rdbuf();
+  EXPECT_EQ(buffer->pubseekoff(-1, std::ios::beg, std::ios::in), std::streampos(-1));
+  EXPECT_EQ(buffer->pubseekoff(4, std::ios::beg, std::ios::in), std::streampos(-1));
+  EXPECT_EQ(buffer->pubseekoff(std::numeric_limits<std::streamoff>::min(), std::ios::cur, std::ios::in), std::streampos(-1));
+  EXPECT_EQ(buffer->pubseekoff(0, std::ios::beg, std::ios::out), std::streampos(-1));
+  EXPECT_EQ(buffer->pubseekoff(-1, std::ios::end, std::ios::in), std::streampos(2));
+  EXPECT_EQ(in.get(), 'c');
+}
+
+}  // namespace
+}  // namespace ZepFoundation
