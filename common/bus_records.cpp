@@ -1,0 +1,463 @@
+#include "common/bus_records.h"
+
+#include <algorithm>
+#include <array>
+#include <type_traits>
+#include <utility>
+#include <variant>
+
+#include "platform/file.h"
+#include "platform/text.h"
+
+namespace qx {
+namespace {
+
+using platform::BusError;
+using platform::BusKind;
+using platform::ERROR_SUCCESS;
+using platform::MessageReader;
+using platform::MessageWriter;
+
+constexpr std::string_view kRulesKey = "stScheduleRules";
+
+// One key of a record: where its value stands. The member's type says how it travels.
+template <class Record>
+struct Field {
+  std::string_view key;
+  std::variant<BSTR Record::*, std::uint32_t Record::*, std::int32_t Record::*,
+               std::array<std::int16_t, kDaysOfMonthCount> Record::*,
+               std::array<std::uint32_t, kDaysOfWeekCount> Record::*,
+               std::array<std::int32_t, kSpecificDateCount> Record::*, SCHEDULE_RULE Record::*>
+      member;
+};
+
+using R = SCHEDULE_RULE;
+constexpr Field<R> kRuleFields[] = {
+    {"lStartTime", &R::lStartTime},
+    {"lEndTime", &R::lEndTime},
+    {"dwTimeDuration", &R::dwTimeDuration},
+    {"bEffectiveDate", &R::bEffectiveDate},
+    {"lEffectiveDate", &R::lEffectiveDate},
+    {"bRestartInterval", &R::bRestartInterval},
+    {"dwRestartInterval", &R::dwRestartInterval},
+    {"bRepeatInterval", &R::bRepeatInterval},
+    {"dwRepeatInterval", &R::dwRepeatInterval},
+    {"lAnchorDate", &R::lAnchorDate},
+    {"adwDaysOfMonth", &R::adwDaysOfMonth},
+    {"bLastDayOfMonth", &R::bLastDayOfMonth},
+    {"dwDaysOfWeek0", &R::dwDaysOfWeek0},
+    {"dwDaysOfWeek1", &R::dwDaysOfWeek1},
+    {"dwDaysOfWeek2", &R::dwDaysOfWeek2},
+    {"dwDaysOfWeek3", &R::dwDaysOfWeek3},
+    {"dwDaysOfWeek4", &R::dwDaysOfWeek4},
+    {"alIncludeDates", &R::alIncludeDates},
+    {"alExcludeDates", &R::alExcludeDates},
+};
+
+using S = SCHEDULE_OBJECT;
+constexpr Field<S> kScheduleFields[] = {
+    {"bstrName", &S::bstrName},
+    {"bstrDescription", &S::bstrDescription},
+    {"bstrApplication", &S::bstrApplication},
+    {"bstrObjectID", &S::bstrObjectID},
+    {"dwTaskOpCode", &S::dwTaskOpCode},
+    {"bstrWrapperBinaryName", &S::bstrWrapperBinaryName},
+    {"bstrXMLFilePathName", &S::bstrXMLFilePathName},
+    {"bstrParameters", &S::bstrParameters},
+    {"bstrPreScript", &S::bstrPreScript},
+    {"bstrPostScript", &S::bstrPostScript},
+    {"bRunNow", &S::bRunNow},
+    {"bUseGUID", &S::bUseGUID},
+    {"lNextTimeWindow", &S::lNextTimeWindow},
+    {kRulesKey, &S::stScheduleRules},
+};
+
+// --- scalars by type ---
+
+constexpr std::string_view TypeOf(const BSTR*) {
+  return "s";
+}
+constexpr std::string_view TypeOf(const std::uint32_t*) {
+  return "u";
+}
+constexpr std::string_view TypeOf(const std::int32_t*) {
+  return "i";
+}
+constexpr std::string_view TypeOf(const std::int16_t*) {
+  return "n";
+}
+constexpr std::string_view TypeOf(const SCHEDULE_RULE*) {
+  return "a{sv}";
+}
+constexpr std::string_view TypeOf(const std::array<std::int16_t, kDaysOfMonthCount>*) {
+  return "an";
+}
+constexpr std::string_view TypeOf(const std::array<std::uint32_t, kDaysOfWeekCount>*) {
+  return "au";
+}
+constexpr std::string_view TypeOf(const std::array<std::int32_t, kSpecificDateCount>*) {
+  return "ai";
+}
+
+void Append(MessageWriter& writer, std::uint32_t value) {
+  writer.AppendUint32(value);
+}
+void Append(MessageWriter& writer, std::int32_t value) {
+  writer.AppendInt32(value);
+}
+void Append(MessageWriter& writer, std::int16_t value) {
+  writer.AppendInt16(value);
+}
+
+platform::ErrorCode Read(MessageReader& reader, std::uint32_t& value) {
+  return reader.ReadUint32(value);
+}
+platform::ErrorCode Read(MessageReader& reader, std::int32_t& value) {
+  return reader.ReadInt32(value);
+}
+platform::ErrorCode Read(MessageReader& reader, std::int16_t& value) {
+  return reader.ReadInt16(value);
+}
+
+std::string Quoted(std::string_view key) {
+  return "'" + std::string(key) + "'";
+}
+
+BusError WrongType(std::string_view key, std::string_view expected) {
+  return BusError::InvalidArgs("wrong type of key " + Quoted(key) + ": expected '" + std::string(expected) + "'");
+}
+
+// What can't go wrong with a message that the library has checked, except at its end.
+BusError Malformed(std::string_view key) {
+  return BusError::InvalidArgs("key " + Quoted(key) + " can't be read");
+}
+
+BusError CheckText(Reading reading, std::string_view key, std::string_view text) {
+  constexpr std::string_view kForbidden("\r\n\0", 3);
+  if (reading == Reading::kReply || text.find_first_of(kForbidden) == std::string_view::npos) return {};
+  return BusError::InvalidArgs("a line end in key " + Quoted(key));
+}
+
+// --- writing ---
+
+template <class Record, std::size_t N>
+void AppendRecord(MessageWriter& writer, const Record& record, const Field<Record> (&fields)[N]);
+
+template <class Value>
+void AppendValue(MessageWriter& writer, const Value& value) {
+  if constexpr (std::is_same_v<Value, BSTR>) {
+    AppendText(writer, *value);
+  } else if constexpr (std::is_same_v<Value, SCHEDULE_RULE>) {
+    AppendRecord(writer, value, kRuleFields);
+  } else if constexpr (std::is_integral_v<Value>) {
+    Append(writer, value);
+  } else {
+    const auto last = std::find_if(value.rbegin(), value.rend(), [](auto element) { return element != 0; });
+    writer.OpenArray(TypeOf(value.data()));
+    std::for_each(value.begin(), last.base(), [&](auto element) { Append(writer, element); });
+    writer.Close();
+  }
+}
+
+template <class Record, std::size_t N>
+void AppendRecord(MessageWriter& writer, const Record& record, const Field<Record> (&fields)[N]) {
+  writer.OpenArray("{sv}");
+  for (const Field<Record>& field : fields) {
+    std::visit(
+        [&](auto member) {
+          const auto& value = record.*member;
+          if constexpr (std::is_same_v<std::remove_cvref_t<decltype(value)>, BSTR>) {
+            if (!value) return;
+          }
+          writer.OpenDictEntry("sv");
+          writer.AppendString(field.key);
+          writer.OpenVariant(TypeOf(&value));
+          AppendValue(writer, value);
+          writer.Close();
+          writer.Close();
+        },
+        field.member);
+  }
+  writer.Close();
+}
+
+// --- reading ---
+
+template <class Record, std::size_t N>
+BusError ReadRecord(MessageReader& reader, Reading reading, const std::string& prefix, Record& record,
+                    const Field<Record> (&fields)[N]);
+
+template <class Element, std::size_t N>
+BusError ReadArray(MessageReader& reader, const std::string& key, std::array<Element, N>& array) {
+  if (reader.EnterArray(TypeOf(array.data())) != ERROR_SUCCESS) return Malformed(key);
+  std::array<Element, N> read{};
+  for (std::size_t i = 0; !reader.AtEnd(); ++i) {
+    if (i == N) {
+      return BusError::InvalidArgs("too many elements in key " + Quoted(key) + ": at most " + std::to_string(N));
+    }
+    if (Read(reader, read[i]) != ERROR_SUCCESS) return Malformed(key);
+  }
+  array = read;
+  return reader.Exit() == ERROR_SUCCESS ? BusError() : Malformed(key);
+}
+
+// The value inside the variant, of the type that was looked at.
+template <class Value>
+BusError ReadValue(MessageReader& reader, Reading reading, const std::string& key, Value& value) {
+  if constexpr (std::is_same_v<Value, BSTR>) {
+    std::string_view text;
+    if (reader.ReadString(text) != ERROR_SUCCESS) return Malformed(key);
+    if (BusError error = CheckText(reading, key, text); error.IsSet()) return error;
+    value = platform::WideFromUtf8(text);
+    return {};
+  } else if constexpr (std::is_same_v<Value, SCHEDULE_RULE>) {
+    return ReadRecord(reader, reading, key + ".", value, kRuleFields);
+  } else if constexpr (std::is_integral_v<Value>) {
+    return Read(reader, value) == ERROR_SUCCESS ? BusError() : Malformed(key);
+  } else {
+    return ReadArray(reader, key, value);
+  }
+}
+
+// Flags are the fields of 32 bits whose names begin with b.
+bool IsFlag(std::string_view key) {
+  return key.starts_with('b');
+}
+
+template <class Value>
+BusError ReadVariant(MessageReader& reader, Reading reading, std::string_view name, const std::string& key,
+                     Value& value) {
+  const std::string_view expected = TypeOf(&value);
+  const std::string given(reader.PeekType().contents);
+  if constexpr (std::is_same_v<Value, std::uint32_t>) {
+    if (IsFlag(name) && given == "b") {
+      bool flag = false;
+      if (reader.EnterVariant("b") != ERROR_SUCCESS || reader.ReadBool(flag) != ERROR_SUCCESS) return Malformed(key);
+      value = flag ? 1 : 0;
+      return reader.Exit() == ERROR_SUCCESS ? BusError() : Malformed(key);
+    }
+  }
+  if (given != expected) {
+    BusError error = WrongType(key, expected);
+    error.text += ", got '" + given + "'";
+    return error;
+  }
+  if (reader.EnterVariant(expected) != ERROR_SUCCESS) return Malformed(key);
+  if (BusError error = ReadValue(reader, reading, key, value); error.IsSet()) return error;
+  return reader.Exit() == ERROR_SUCCESS ? BusError() : Malformed(key);
+}
+
+template <class Record, std::size_t N>
+BusError ReadRecord(MessageReader& reader, Reading reading, const std::string& prefix, Record& record,
+                    const Field<Record> (&fields)[N]) {
+  if (reader.EnterArray("{sv}") != ERROR_SUCCESS) return WrongType("schedule", kScheduleType);
+  Record read;
+  bool seen[N] = {};
+  while (!reader.AtEnd()) {
+    std::string_view name;
+    if (reader.EnterDictEntry("sv") != ERROR_SUCCESS || reader.ReadString(name) != ERROR_SUCCESS) {
+      return Malformed(prefix);
+    }
+    const std::string key = prefix + std::string(name);
+    const auto field = std::find_if(std::begin(fields), std::end(fields), [&](const auto& f) { return f.key == name; });
+    if (field == std::end(fields)) return BusError::InvalidArgs("unknown key " + Quoted(key));
+    if (std::exchange(seen[field - std::begin(fields)], true)) {
+      return BusError::InvalidArgs("key " + Quoted(key) + " is given twice");
+    }
+    BusError error = std::visit(
+        [&](auto member) { return ReadVariant(reader, reading, field->key, key, read.*member); }, field->member);
+    if (error.IsSet()) return error;
+    if (reader.Exit() != ERROR_SUCCESS) return Malformed(key);
+  }
+  if (reader.Exit() != ERROR_SUCCESS) return Malformed(prefix);
+  record = std::move(read);
+  return {};
+}
+
+// A struct's fields one after the other: the first failure is named and ends the reading.
+class StructReader {
+ public:
+  explicit StructReader(MessageReader& reader) : m_reader(reader) {}
+  void Number(std::string_view name, std::uint32_t& value) { Note(name, "u", m_reader.ReadUint32(value)); }
+  void Number(std::string_view name, std::int32_t& value) { Note(name, "i", m_reader.ReadInt32(value)); }
+  void Text(std::string_view name, std::u16string& value) {
+    std::string_view text;
+    Note(name, "s", m_reader.ReadString(text));
+    value = platform::WideFromUtf8(text);
+  }
+  void Text(std::string_view name, BSTR& value) { Text(name, value.emplace()); }
+  BusError TakeError() { return std::move(m_error); }
+
+ private:
+  void Note(std::string_view name, std::string_view type, platform::ErrorCode rc) {
+    if (rc != ERROR_SUCCESS && !m_error.IsSet()) m_error = WrongType(name, type);
+  }
+  MessageReader& m_reader;
+  BusError m_error;
+};
+
+std::u16string_view OrEmpty(const BSTR& text) {
+  return text ? std::u16string_view(*text) : std::u16string_view();
+}
+
+}  // namespace
+
+std::size_t ReplyLimit() {
+  const bool installed = std::any_of(std::begin(kPolicyFiles), std::end(kPolicyFiles),
+                                     [](const char* name) { return platform::FileExists(name); });
+  return installed ? kReplyLimitWithPolicy : kReplyLimit;
+}
+
+BusError CheckReplySize(const MessageWriter& reply, std::size_t limit) {
+  if (reply.BytesSoFar() <= limit) return {};
+  return BusError::LimitsExceeded("the reply would take more than " + std::to_string(limit >> 20) +
+                                  " MiB; read the schedules in pages with " + std::string(kBusManagerInterface) +
+                                  ".ListInfo");
+}
+
+void AppendSchedule(MessageWriter& writer, const SCHEDULE_OBJECT& schedule) {
+  AppendRecord(writer, schedule, kScheduleFields);
+}
+
+BusError ReadSchedule(MessageReader& reader, Reading reading, SCHEDULE_OBJECT& schedule) {
+  return ReadRecord(reader, reading, {}, schedule, kScheduleFields);
+}
+
+void AppendScheduleEx(MessageWriter& writer, const SCHEDULE_OBJECT_EX& schedule) {
+  writer.OpenStruct(kScheduleExContents);
+  writer.AppendUint32(schedule.dwTaskOpCode);
+  for (const BSTR* text :
+       {&schedule.bstrScheduleID, &schedule.bstrApplication, &schedule.bstrObjectID, &schedule.bstrWrapperBinaryName,
+        &schedule.bstrXMLFilePathName, &schedule.bstrParameters, &schedule.bstrPreScript, &schedule.bstrPostScript}) {
+    AppendText(writer, OrEmpty(*text));
+  }
+  writer.AppendUint32(schedule.bUseGUID);
+  writer.Close();
+}
+
+BusError ReadScheduleEx(MessageReader& reader, SCHEDULE_OBJECT_EX& schedule) {
+  if (reader.EnterStruct(kScheduleExContents) != ERROR_SUCCESS) return WrongType("schedules", kScheduleListType);
+  SCHEDULE_OBJECT_EX read;
+  StructReader fields(reader);
+  fields.Number("dwTaskOpCode", read.dwTaskOpCode);
+  fields.Text("bstrScheduleID", read.bstrScheduleID);
+  fields.Text("bstrApplication", read.bstrApplication);
+  fields.Text("bstrObjectID", read.bstrObjectID);
+  fields.Text("bstrWrapperBinaryName", read.bstrWrapperBinaryName);
+  fields.Text("bstrXMLFilePathName", read.bstrXMLFilePathName);
+  fields.Text("bstrParameters", read.bstrParameters);
+  fields.Text("bstrPreScript", read.bstrPreScript);
+  fields.Text("bstrPostScript", read.bstrPostScript);
+  fields.Number("bUseGUID", read.bUseGUID);
+  if (BusError error = fields.TakeError(); error.IsSet()) return error;
+  if (reader.Exit() != ERROR_SUCCESS) return Malformed("schedules");
+  schedule = std::move(read);
+  return {};
+}
+
+void AppendListRow(MessageWriter& writer, const ListRow& row) {
+  writer.OpenStruct(kListRowContents);
+  for (const std::u16string* text : {&row.id, &row.name, &row.application, &row.objectId}) AppendText(writer, *text);
+  writer.AppendUint32(row.taskCode);
+  for (const std::u16string* text : {&row.wrapper, &row.xml, &row.parameters, &row.preScript, &row.postScript}) {
+    AppendText(writer, *text);
+  }
+  writer.AppendUint32(row.passId);
+  writer.AppendInt32(row.nextWindow);
+  writer.Close();
+}
+
+BusError ReadListRow(MessageReader& reader, ListRow& row) {
+  if (reader.EnterStruct(kListRowContents) != ERROR_SUCCESS) return WrongType("rows", kListRowsType);
+  ListRow read;
+  StructReader fields(reader);
+  fields.Text("id", read.id);
+  fields.Text("name", read.name);
+  fields.Text("application", read.application);
+  fields.Text("object_id", read.objectId);
+  fields.Number("task_code", read.taskCode);
+  fields.Text("wrapper", read.wrapper);
+  fields.Text("xml", read.xml);
+  fields.Text("parameters", read.parameters);
+  fields.Text("pre_script", read.preScript);
+  fields.Text("post_script", read.postScript);
+  fields.Number("pass_id", read.passId);
+  fields.Number("next_window", read.nextWindow);
+  if (BusError error = fields.TakeError(); error.IsSet()) return error;
+  if (reader.Exit() != ERROR_SUCCESS) return Malformed("rows");
+  row = std::move(read);
+  return {};
+}
+
+void AppendScheduleId(MessageWriter& writer, const ScheduleGuid& id) {
+  AppendText(writer, platform::GuidText(id));
+}
+
+bool ParseScheduleId(std::string_view text, ScheduleGuid& id) {
+  const std::u16string wide = platform::WideFromUtf8(text);
+  ScheduleGuid read;
+  if (wide.size() != platform::kGuidTextLength || platform::ClsidFromString(wide, read) != 0) return false;
+  id = read;
+  return true;
+}
+
+BusError ReadScheduleId(MessageReader& reader, std::string_view name, ScheduleGuid& id) {
+  std::string_view text;
+  if (reader.ReadString(text) != ERROR_SUCCESS) return WrongType(name, "s");
+  if (ParseScheduleId(text, id)) return {};
+  return BusError::InvalidArgs("key " + Quoted(name) + " is no identifier in braces");
+}
+
+void AppendText(MessageWriter& writer, std::u16string_view text) {
+  if (text.find(u'\0') == std::u16string_view::npos) {
+    writer.AppendString(platform::Utf8FromWide(text));
+    return;
+  }
+  std::u16string shown(text);
+  std::replace(shown.begin(), shown.end(), u'\0', u'\uFFFD');
+  writer.AppendString(platform::Utf8FromWide(shown));
+}
+
+BusError ReadText(MessageReader& reader, Reading reading, std::string_view name, std::u16string& text) {
+  std::string_view read;
+  if (reader.ReadString(read) != ERROR_SUCCESS) return WrongType(name, "s");
+  if (BusError error = CheckText(reading, name, read); error.IsSet()) return error;
+  text = platform::WideFromUtf8(read);
+  return {};
+}
+
+void AppendTexts(MessageWriter& writer, const std::vector<std::u16string>& texts) {
+  writer.OpenArray("s");
+  for (const std::u16string& text : texts) AppendText(writer, text);
+  writer.Close();
+}
+
+BusError ReadTexts(MessageReader& reader, Reading reading, std::string_view name, std::vector<std::u16string>& texts) {
+  if (reader.EnterArray("s") != ERROR_SUCCESS) return WrongType(name, "as");
+  std::vector<std::u16string> read;
+  while (!reader.AtEnd()) {
+    if (BusError error = ReadText(reader, reading, name, read.emplace_back()); error.IsSet()) return error;
+  }
+  if (reader.Exit() != ERROR_SUCCESS) return Malformed(name);
+  texts = std::move(read);
+  return {};
+}
+
+void AppendNumbers(MessageWriter& writer, const std::vector<std::int32_t>& numbers) {
+  writer.OpenArray("i");
+  for (const std::int32_t number : numbers) writer.AppendInt32(number);
+  writer.Close();
+}
+
+BusError ReadNumbers(MessageReader& reader, std::string_view name, std::vector<std::int32_t>& numbers) {
+  if (reader.EnterArray("i") != ERROR_SUCCESS) return WrongType(name, "ai");
+  std::vector<std::int32_t> read;
+  while (!reader.AtEnd()) {
+    if (reader.ReadInt32(read.emplace_back()) != ERROR_SUCCESS) return Malformed(name);
+  }
+  if (reader.Exit() != ERROR_SUCCESS) return Malformed(name);
+  numbers = std::move(read);
+  return {};
+}
+
+}  // namespace qx

@@ -1,0 +1,234 @@
+// common/zepSchedIUnknown.h: the abstract interfaces of the schedule rules library, its result codes and identifiers.
+//
+// Every interface begins with the three operations of zepIUnknown, and the order of virtual operations is fixed: it is
+// the contract between a program and a library that was loaded at run time.
+// Threads: the reference count is atomic; all else serves one thread at a time.
+// Strings: a getter hands out a new NUL-terminated buffer, which the caller gives back with ZepStringFree.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/guid.h"
+
+using ZRESULT = std::int32_t;  // 0 or positive: done; negative: failed
+using zepByte = unsigned char;
+using ZepGuid = platform::GUID;
+using ZepTime = std::int64_t;  // seconds since 1970 in UTC
+
+namespace ZepFoundation {
+class CGUID;
+}
+
+// Results of the library.
+inline constexpr ZRESULT ZepResult(std::uint32_t code) { return static_cast<ZRESULT>(code); }
+inline constexpr ZRESULT ZEP_S_OK = 0;
+inline constexpr ZRESULT ZEP_S_FALSE = 1;  // no further time window, and no restart interval is in use
+inline constexpr ZRESULT ZEP_E_NOTIMPL = ZepResult(0x80000001);
+inline constexpr ZRESULT ZEP_E_OUTOFMEMORY = ZepResult(0x80000002);
+inline constexpr ZRESULT ZEP_E_INVALIDARG = ZepResult(0x80000003);
+inline constexpr ZRESULT ZEP_E_NOINTERFACE = ZepResult(0x80000004);
+inline constexpr ZRESULT ZEP_E_POINTER = ZepResult(0x80000005);
+inline constexpr ZRESULT ZEP_E_FAIL = ZepResult(0x80000006);
+inline constexpr ZRESULT ZEP_E_NOAGGREGATION = ZepResult(0x80010007);
+inline constexpr ZRESULT ZEP_E_CLASSNOTAVAILABLE = ZepResult(0x80010003);
+inline constexpr ZRESULT ZEP_E_ALREADYINITIALIZED = ZepResult(0x80010004);
+inline constexpr ZRESULT ZEP_E_ENTRYNOTFOUND = ZepResult(0x80010009);
+inline constexpr ZRESULT ZEP_SCHED_E_NORUNDAY = ZepResult(0x80040000);
+inline constexpr ZRESULT ZEP_SCHED_E_DATEOVERLAP = ZepResult(0x80040001);  // understood by the adapter, never returned
+inline constexpr ZRESULT ZEP_SCHED_E_RESTARTTOOLONG = ZepResult(0x80040002);
+
+[[nodiscard]] inline constexpr bool ZepFailed(ZRESULT result) { return result < 0; }
+
+// End of every time and of every search: the last second of 2037 in UTC.
+inline constexpr ZepTime ZEP_MAX_TIME = 2145916799;
+
+// Class and interface identifiers.
+inline constexpr ZepGuid CLSID_CSchedule{0xC2EDA523, 0x69C6, 0x11D2, {0x8A, 0x7C, 0x00, 0x00, 0xC0, 0xB8, 0x39, 0xE5}};
+inline constexpr ZepGuid IID_zepISchedule{0x59FC77E0, 0x323E, 0x11D4, {0xB1, 0xFB, 0x00, 0x10, 0x5A, 0x9C, 0xC6, 0x42}};
+inline constexpr ZepGuid IID_zepIPersistStreamInit{
+    0x759F00F0, 0x3154, 0x11D4, {0xB1, 0xFA, 0x00, 0x10, 0x5A, 0x9C, 0xC6, 0x42}};
+inline constexpr ZepGuid IID_zepIPersistPropertyBag{
+    0xEFF3D633, 0x4827, 0x11D4, {0xB1, 0x04, 0x00, 0x10, 0x4B, 0x22, 0xCC, 0xD0}};
+inline constexpr ZepGuid IID_zepIPersistMemory{
+    0xFB9996E0, 0x315B, 0x11D4, {0xB1, 0xFA, 0x00, 0x10, 0x5A, 0x9C, 0xC6, 0x42}};
+inline constexpr ZepGuid IID_zepIUnknown{0x3B942460, 0x1A8F, 0x11D3, {0x80, 0x79, 0x00, 0x10, 0x5A, 0x9B, 0x6A, 0x36}};
+// The property bag's own identifier; made for this implementation, no file or wire holds it.
+inline constexpr ZepGuid IID_zepIPropertyBag{
+    0x2B8F6C51, 0x0D34, 0x4B6E, {0x9A, 0x1D, 0x5E, 0x72, 0xC4, 0x90, 0x3F, 0x18}};
+
+// The two sets of specific dates.
+inline constexpr std::uint32_t ZEP_SPECIFIC_INCLUDE = 1;
+inline constexpr std::uint32_t ZEP_SPECIFIC_EXCLUDE = 2;
+
+// Which rule gave the last run day; bits add up where two rules gave the same day.
+inline constexpr std::uint32_t ZEP_RULE_INCLUDE_DATE = 1;
+inline constexpr std::uint32_t ZEP_RULE_DAY_OF_WEEK = 2;
+inline constexpr std::uint32_t ZEP_RULE_DAY_OF_MONTH = 4;  // 0: the repeat rule alone
+
+class zepIUnknown {
+ public:
+  // Gives the interface `iid` of the object and adds a reference; an unknown one gives null and ZEP_E_NOINTERFACE.
+  virtual ZRESULT QueryInterface(const ZepGuid& iid, void** out) = 0;
+  virtual std::uint32_t AddRef() = 0;
+  // Gives up one reference; the object is gone when the answer is 0.
+  virtual std::uint32_t Release() = 0;
+
+ protected:
+  ~zepIUnknown() = default;
+};
+
+struct PropertyValue;
+
+// A store of named, tagged values (property_value.h tells the tags and who owns what a value points to).
+class zepIPropertyBag : public zepIUnknown {
+ public:
+  virtual ZRESULT Write(const char16_t* name, PropertyValue* value) = 0;
+  virtual ZRESULT Read(const char16_t* name, PropertyValue* value) = 0;
+
+ protected:
+  ~zepIPropertyBag() = default;
+};
+
+// A byte stream; both answer how many bytes they took.
+class zepIStream : public zepIUnknown {
+ public:
+  virtual ZRESULT Read(void* buffer, std::uint32_t size, std::uint32_t* read) = 0;
+  virtual ZRESULT Write(const void* buffer, std::uint32_t size, std::uint32_t* written) = 0;
+
+ protected:
+  ~zepIStream() = default;
+};
+
+class zepIPersistPropertyBag : public zepIUnknown {
+ public:
+  virtual ZRESULT GetClassID(ZepGuid* classId) = 0;  // null: ZEP_E_POINTER
+  virtual ZRESULT InitNew() = 0;                     // always ZEP_E_NOTIMPL
+  virtual ZRESULT Load(zepIPropertyBag* bag) = 0;
+  virtual ZRESULT Save(zepIPropertyBag* bag, zepByte clearDirty) = 0;
+
+ protected:
+  ~zepIPersistPropertyBag() = default;
+};
+
+class zepIPersistStreamInit : public zepIUnknown {
+ public:
+  virtual ZRESULT GetClassID(ZepGuid* classId) = 0;
+  virtual ZRESULT InitNew() = 0;
+  virtual ZRESULT IsDirty() = 0;  // 0 when dirty, 1 when not
+  virtual ZRESULT GetSizeMax(std::uint32_t* size) = 0;  // an estimate
+  virtual ZRESULT Load(zepIStream* stream) = 0;
+  virtual ZRESULT Save(zepIStream* stream, zepByte clearDirty) = 0;
+
+ protected:
+  ~zepIPersistStreamInit() = default;
+};
+
+class zepIPersistMemory : public zepIUnknown {
+ public:
+  virtual ZRESULT GetClassID(ZepGuid* classId) = 0;
+  virtual ZRESULT InitNew() = 0;
+  virtual ZRESULT IsDirty() = 0;
+  virtual ZRESULT GetSizeMax(std::uint32_t* size) = 0;  // exact
+  virtual ZRESULT Load(void* memory, std::uint32_t size) = 0;
+  virtual ZRESULT Save(void* memory, zepByte clearDirty, std::uint32_t size) = 0;
+
+ protected:
+  ~zepIPersistMemory() = default;
+};
+
+// One schedule: its time-of-day window, its run-day rules and a few free-form extras. Times are seconds since 1970 and
+// at most ZEP_MAX_TIME, else ZEP_E_INVALIDARG; dates are passed in the same form and cut to their local date. A null out
+// pointer is ZEP_E_POINTER. A refused value leaves the object as it was.
+class zepISchedule : public zepIUnknown {
+ public:
+  virtual ZRESULT get_ScheduleID(ZepFoundation::CGUID* id) = 0;
+  virtual ZRESULT put_ScheduleID(const ZepFoundation::CGUID* id) = 0;
+  virtual ZRESULT get_Name(char16_t** name) = 0;
+  virtual ZRESULT put_Name(const char16_t* name) = 0;
+  virtual ZRESULT get_Description(char16_t** description) = 0;
+  virtual ZRESULT put_Description(const char16_t* description) = 0;
+  // The time of day at which a window opens, as seconds on a date on which that time exists (today where it does).
+  virtual ZRESULT get_StartTime(ZepTime* time) = 0;
+  // Keeps the local time of day and computes the duration anew.
+  virtual ZRESULT put_StartTime(ZepTime time) = 0;
+  virtual ZRESULT get_EndTime(ZepTime* time) = 0;
+  virtual ZRESULT put_EndTime(ZepTime time) = 0;
+  // Milliseconds, 1000 to 86400000. Setting it moves the end.
+  virtual ZRESULT get_TimeDuration(std::uint32_t* milliseconds) = 0;
+  virtual ZRESULT put_TimeDuration(std::uint32_t milliseconds) = 0;
+  virtual ZRESULT get_UseEffectiveDate(zepByte* use) = 0;
+  virtual ZRESULT put_UseEffectiveDate(zepByte use) = 0;
+  virtual ZRESULT get_EffectiveDate(ZepTime* date) = 0;
+  virtual ZRESULT put_EffectiveDate(ZepTime date) = 0;
+  virtual ZRESULT get_UseRestartInterval(zepByte* use) = 0;
+  virtual ZRESULT put_UseRestartInterval(zepByte use) = 0;
+  // Milliseconds, 1000 to 86400000.
+  virtual ZRESULT get_RestartInterval(std::uint32_t* milliseconds) = 0;
+  virtual ZRESULT put_RestartInterval(std::uint32_t milliseconds) = 0;
+  virtual ZRESULT get_UseRepeatInterval(zepByte* use) = 0;
+  virtual ZRESULT put_UseRepeatInterval(zepByte use) = 0;
+  // Days, 1 to 9999.
+  virtual ZRESULT get_RepeatInterval(std::int32_t* days) = 0;
+  virtual ZRESULT put_RepeatInterval(std::int32_t days) = 0;
+  virtual ZRESULT get_AnchorDate(ZepTime* date) = 0;
+  virtual ZRESULT put_AnchorDate(ZepTime date) = 0;
+  virtual ZRESULT get_Dirty(zepByte* dirty) = 0;
+  virtual ZRESULT put_Dirty(zepByte dirty) = 0;
+  // Day 0 (Sunday) to 6, week 0 (first) to 4 (last).
+  virtual ZRESULT SetDayOfWeek(zepByte day, zepByte week) = 0;
+  virtual ZRESULT GetDayOfWeek(zepByte day, zepByte week, zepByte* set) = 0;
+  virtual ZRESULT ClearDayOfWeek(zepByte day, zepByte week) = 0;
+  virtual ZRESULT ClearAllDaysOfWeek() = 0;
+  virtual ZRESULT IsDayOfWeekSet(zepByte* any) = 0;
+  // Index 0 to 30 is day 1 to 31, index 31 the last day of the month.
+  virtual ZRESULT SetDayOfMonth(std::uint16_t index) = 0;
+  virtual ZRESULT ClearDayOfMonth(std::uint16_t index) = 0;
+  virtual ZRESULT ClearDaysOfMonth() = 0;
+  virtual ZRESULT GetDaysOfMonthCount(std::uint16_t* count) = 0;  // always 32
+  virtual ZRESULT GetDayOfMonth(std::uint16_t index, std::uint16_t* set) = 0;
+  virtual ZRESULT SetSpecificDate(std::uint32_t type, ZepTime date) = 0;
+  virtual ZRESULT ClearSpecificDate(std::uint32_t type, ZepTime date) = 0;
+  virtual ZRESULT ClearSpecificDates(std::uint32_t type) = 0;
+  virtual ZRESULT GetSpecificDatesCount(std::uint32_t type, std::uint32_t* count) = 0;
+  virtual ZRESULT GetSpecificDate(std::uint32_t type, std::uint32_t index, ZepTime* date) = 0;
+  virtual ZRESULT get_CustomBitSet(std::uint32_t* bits) = 0;
+  virtual ZRESULT put_CustomBitSet(std::uint32_t bits) = 0;
+  virtual ZRESULT SetCustomString(const char16_t* key, const char16_t* value) = 0;
+  virtual ZRESULT ClearCustomStrings() = 0;
+  virtual ZRESULT GetCustomStringCount(std::uint32_t* count) = 0;
+  virtual ZRESULT GetCustomString(const char16_t* key, char16_t** value) = 0;
+  virtual ZRESULT GetCustomStringAt(std::uint32_t index, char16_t** key, char16_t** value) = 0;
+  // 1 when the time lies strictly inside a window, else 0; never fails.
+  virtual zepByte IsScheduleInTimeWindow(ZepTime reference) = 0;
+  virtual ZRESULT Validate() = 0;
+  // The first window that opens after `reference`. Anchor and effective date of 0 mean the schedule's own.
+  //   nextStart, nextEnd  seconds; -1 when there is none
+  //   last                1 when no window follows this one
+  //   returns  0; ZEP_S_FALSE when there is none and no restart interval is in use; ZEP_E_FAIL when there is none and
+  //            one is; ZEP_E_POINTER; ZEP_E_INVALIDARG with the outs untouched
+  virtual ZRESULT GetNextTimeWindow(ZepTime anchor, ZepTime effective, ZepTime reference, ZepTime* nextStart,
+                                    ZepTime* nextEnd, zepByte* last) = 0;
+  virtual ZRESULT Reset() = 0;
+  // 00:00:00.000 to 23:59:59.059.
+  virtual ZRESULT SetFullDay() = 0;
+  virtual ZRESULT CopyFrom(zepISchedule* source) = 0;
+
+ protected:
+  ~zepISchedule() = default;
+};
+
+class zepISchedule2 : public zepISchedule {
+ public:
+  // As GetNextTimeWindow, and which rule gave the day (ZEP_RULE_...).
+  virtual ZRESULT GetNextTimeWindowEx(ZepTime anchor, ZepTime effective, ZepTime reference, ZepTime* nextStart,
+                                      ZepTime* nextEnd, zepByte* last, std::uint32_t* ruleMatch) = 0;
+  // Seconds west of UTC of the machine that a loaded stream comes from: -46800 to 43200; -1 for no adjustment.
+  virtual ZRESULT SetSenderTimeZoneOffset(std::int32_t seconds) = 0;
+
+ protected:
+  ~zepISchedule2() = default;
+};
+
+// Gives back a string that a getter handed out; null is allowed.
+void ZepStringFree(char16_t* text);
