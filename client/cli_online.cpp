@@ -1,0 +1,754 @@
+#include "client/cli_online.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <istream>
+#include <nlohmann/json.hpp>
+#include <ostream>
+#include <tuple>
+#include <utility>
+
+#include "client/cli_offline.h"
+#include "client/schedule_file.h"
+#include "client/schedule_json.h"
+#include "client/status_text.h"
+#include "client/time_text.h"
+#include "platform/clock.h"
+#include "platform/file.h"
+#include "platform/host.h"
+#include "platform/interrupt.h"
+#include "platform/terminal.h"
+#include "platform/text.h"
+
+namespace qx {
+namespace {
+
+using nlohmann::ordered_json;
+using platform::Utf8FromWide;
+
+constexpr std::uint32_t kPageRows = 1000;
+constexpr std::int64_t kWindowsShown = 3;
+// How long monitor may take to hear of an interrupt.
+constexpr std::uint32_t kMonitorTurnMs = 250;
+constexpr std::size_t kMostCandidatesShown = 10;
+constexpr int kMostBackupsOfOneSecond = 1000;
+
+void WriteJson(std::ostream& out, const ordered_json& json) {
+  out << json.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << "\n";
+}
+
+std::string Hex(Status status) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", status);
+  return text;
+}
+
+std::string IdText(const ScheduleGuid& id) {
+  return Utf8FromWide(platform::GuidText(id));
+}
+
+ordered_json WindowJson(std::int32_t window) {
+  if (window < 0) return nullptr;
+  return window;
+}
+
+std::string WindowText(std::int32_t window) {
+  if (window == kDamagedKey) return "damaged";
+  return window < 0 ? "-" : FormatInstant(window, platform::CurrentZone());
+}
+
+std::string ZoneText() {
+  const std::string& name = platform::CurrentZone().Name();
+  return name.empty() ? "local" : name;
+}
+
+// --- identifiers ---
+
+bool IsHexDigit(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+// The digits of an ID or of its beginning, in upper case; empty for any other text.
+std::string IdDigits(std::string_view text) {
+  std::string digits;
+  for (const char c : text) {
+    if (IsHexDigit(c)) {
+      digits += c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c;
+    } else if (c != '-' && c != '{' && c != '}') {
+      return "";
+    }
+  }
+  return digits;
+}
+
+bool ParseFullId(const std::string& text, ScheduleGuid& id) {
+  return ParseScheduleId(text, id) || ParseScheduleId("{" + text + "}", id);
+}
+
+struct Target {
+  ScheduleGuid id;
+  std::string name;     // where it is known
+  bool listed = false;  // the service has it in its list
+};
+
+bool Answers(const ListRow& row, const std::string& schedule, const std::string& digits) {
+  if (row.nextWindow != kDamagedKey && Utf8FromWide(row.name) == schedule) return true;
+  return digits.size() >= kFewestIdDigits && IdDigits(Utf8FromWide(row.id)).starts_with(digits);
+}
+
+// --- the service ---
+
+// One command's link to the service, and how it tells of failures.
+class Session {
+ public:
+  Session(CliContext& context, const OnlineSettings& settings) : m_context(context), m_settings(settings) {}
+
+  // Connects and asks the service about itself.
+  int Connect();
+  // Lives in the service's zone from now on.
+  int UseServiceZone();
+  [[nodiscard]] const ServiceFacts& Facts() const { return m_facts; }
+  ServiceLink& Link() { return *m_link; }
+
+  // Carries out a call; tells after a while what is waited for. An interrupt ends the process with a word that a
+  // change goes on without it.
+  //   doing  "read the schedules"
+  template <class Call>
+  Status Wait(const std::string& doing, bool changes, Call call);
+
+  // Tells why the last call failed.
+  //   about  what it was about, ahead of the sentence; may be empty
+  int Fail(Status status, const std::string& about);
+
+  int AllRows(std::vector<ListRow>& rows);
+  // Finds the schedules that the words name. Nothing is left out: the first word that names none ends it.
+  int Find(const std::vector<std::string>& words, std::vector<Target>& targets);
+  int Fetch(const Target& target, SCHEDULE_OBJECT& record);
+
+ private:
+  [[nodiscard]] platform::BusAddress Address() const;
+  int Unreachable(const std::string& why);
+  int FindInList(const std::string& word, const std::vector<ListRow>& rows, Target& target);
+
+  CliContext& m_context;
+  const OnlineSettings& m_settings;
+  std::unique_ptr<ServiceLink> m_link;
+  ServiceFacts m_facts;
+};
+
+platform::BusAddress Session::Address() const {
+  const std::string& bus = m_context.options.bus;
+  if (bus == "session") return platform::BusAddress::Session();
+  if (bus == "system") return platform::BusAddress::System();
+  if (!bus.empty()) return platform::BusAddress::Explicit(bus);
+  return platform::IsRootUser() ? platform::BusAddress::System() : platform::BusAddress::Session();
+}
+
+template <class Call>
+Status Session::Wait(const std::string& doing, bool changes, Call call) {
+  CliContext& context = m_context;
+  const auto late = [&] {
+    PrintNote(context, "waiting for the service to " + doing +
+                           (changes ? " (Ctrl-C leaves; the operation goes on)" : " (Ctrl-C leaves)"));
+    context.err.flush();
+  };
+  const auto interrupted = [&] {
+    if (changes) PrintError(context, "left; the service goes on to " + doing);
+    context.err.flush();
+    platform::EndByInterrupt();
+  };
+  const platform::InterruptWatch watch(m_settings.noticeAfterMs, late, interrupted);
+  return call();
+}
+
+int Session::Unreachable(const std::string& why) {
+  PrintError(m_context, "the service can't be reached: " + why);
+  const platform::BusAddress address = Address();
+  PrintHint(m_context, address.kind == platform::BusAddress::Kind::kSystem
+                           ? "start it with: systemctl start QxSchedService"
+                       : address.kind == platform::BusAddress::Kind::kSession
+                           ? "start it with: QxSchedService --foreground"
+                           : "start it with: QxSchedService --foreground --bus=" + address.address);
+  return kExitUnreachable;
+}
+
+int Session::Fail(Status status, const std::string& about) {
+  const platform::BusError error = m_link->LastError();
+  if (error.IsSet()) {
+    static constexpr std::string_view kGone[] = {platform::kBusErrorServiceUnknown, platform::kBusErrorNameHasNoOwner,
+                                                 platform::kBusErrorNoReply, platform::kBusErrorDisconnected};
+    const std::string why = error.text + " (" + Hex(status) + ", " + error.name + ")";
+    if (std::find(std::begin(kGone), std::end(kGone), error.name) != std::end(kGone)) return Unreachable(why);
+    if (error.name == platform::kBusErrorAccessDenied) {
+      PrintError(m_context, "the service may not be used: " + why);
+      PrintHint(m_context, "root and the members of the group qxsched may use it");
+      return kExitPermission;
+    }
+    PrintError(m_context, (about.empty() ? "" : about + ": ") + "the service refuses the call: " + why);
+    return error.name == platform::kBusErrorInvalidArgs ? kExitRulesRefused : kExitFailed;
+  }
+  PrintError(m_context, (about.empty() ? "" : about + ": ") + FormatStatus(status));
+  PrintHint(m_context, DescribeStatus(status).hint);
+  return ExitCodeOf(status);
+}
+
+int Session::Connect() {
+  const platform::ErrorCode code = m_settings.connect(Address(), m_link);
+  if (code != platform::ERROR_SUCCESS) {
+    const std::string why = FormatStatus(0x80070000 | code);
+    if (code != platform::ERROR_ACCESS_DENIED) return Unreachable(why);
+    PrintError(m_context, "the bus may not be used: " + why);
+    PrintHint(m_context, "root and the members of the group qxsched may use the service");
+    return kExitPermission;
+  }
+  const Status status = Wait("answer", false, [&] { return m_link->ReadFacts(m_facts); });
+  return status == kStatusOk ? static_cast<int>(kExitDone) : Fail(status, "");
+}
+
+int Session::UseServiceZone() {
+  const std::string& zone = m_facts.zone;
+  if (zone.empty() || zone == platform::CurrentZone().Name()) return kExitDone;
+  const bool file = zone.front() == ':';
+  if (file ? !platform::FileExists(zone.substr(1)) : !IsKnownZone(zone)) {
+    PrintError(m_context, "the zone of the service is unknown here: \"" + zone + "\"");
+    PrintHint(m_context, "install the zone files (tzdata)");
+    return kExitFailed;
+  }
+  (void)platform::PutEnvironment(("TZ=" + zone).c_str());
+  platform::TzSet();
+  return kExitDone;
+}
+
+int Session::AllRows(std::vector<ListRow>& rows) {
+  for (std::u16string after;;) {
+    std::vector<ListRow> page;
+    const Status status = Wait("list the schedules", false, [&] { return m_link->ListInfo(after, kPageRows, page); });
+    if (status != kStatusOk) return Fail(status, "");
+    // A page that begins again would never end.
+    if (page.empty() || page.back().id == after) return kExitDone;
+    after = page.back().id;
+    std::move(page.begin(), page.end(), std::back_inserter(rows));
+  }
+}
+
+int Session::FindInList(const std::string& word, const std::vector<ListRow>& rows, Target& target) {
+  const std::string digits = IdDigits(word);
+  std::vector<const ListRow*> found;
+  for (const ListRow& row : rows) {
+    if (Answers(row, word, digits)) found.push_back(&row);
+  }
+  if (found.size() == 1 && ParseScheduleId(Utf8FromWide(found[0]->id), target.id)) {
+    target.name = Utf8FromWide(found[0]->name);
+    target.listed = true;
+    return kExitDone;
+  }
+  if (found.empty()) {
+    PrintError(m_context, word + ": no such schedule");
+    PrintHint(m_context, !digits.empty() && digits.size() < kFewestIdDigits
+                             ? "the beginning of an ID needs at least four digits"
+                             : "see qxsched list");
+    return kExitNotFound;
+  }
+  PrintError(m_context, word + ": is ambiguous, " + std::to_string(found.size()) + " schedules answer to it:");
+  for (std::size_t i = 0; i < found.size() && i < kMostCandidatesShown; ++i) {
+    m_context.err << "  " << Printable(Utf8FromWide(found[i]->id)) << "  " << Printable(Utf8FromWide(found[i]->name))
+                  << "\n";
+  }
+  if (found.size() > kMostCandidatesShown) m_context.err << "  ...\n";
+  PrintHint(m_context, "give more digits of the ID");
+  return kExitNotFound;
+}
+
+int Session::Find(const std::vector<std::string>& words, std::vector<Target>& targets) {
+  std::optional<std::vector<ListRow>> rows;
+  for (const std::string& word : words) {
+    Target target;
+    if (!ParseFullId(word, target.id)) {
+      if (!rows) {
+        rows.emplace();
+        if (const int exit = AllRows(*rows); exit != kExitDone) return exit;
+      }
+      if (const int exit = FindInList(word, *rows, target); exit != kExitDone) return exit;
+    }
+    const auto same = [&](const Target& other) { return other.id == target.id; };
+    if (std::none_of(targets.begin(), targets.end(), same)) targets.push_back(std::move(target));
+  }
+  return kExitDone;
+}
+
+int Session::Fetch(const Target& target, SCHEDULE_OBJECT& record) {
+  ScheduleInfo info;
+  const Status status =
+      Wait("read the schedule", false, [&] { return m_link->Service().GetScheduleInfo(target.id, info); });
+  if (status != kStatusOk) return Fail(status, IdText(target.id));
+  if (info.size() != 1) {
+    PrintError(m_context, IdText(target.id) + ": the service answers without a record");
+    return kExitFailed;
+  }
+  record = info.records()[0];
+  return kExitDone;
+}
+
+// Connects, and lives in the service's zone.
+int Begin(Session& session) {
+  const int exit = session.Connect();
+  return exit == kExitDone ? session.UseServiceZone() : exit;
+}
+
+// Connects and finds the one schedule that a word names.
+int BeginWith(Session& session, const std::string& schedule, Target& target) {
+  if (const int exit = Begin(session); exit != kExitDone) return exit;
+  std::vector<Target> targets;
+  const int exit = session.Find({schedule}, targets);
+  if (exit == kExitDone) target = targets.front();
+  return exit;
+}
+
+// --- list ---
+
+struct Line {
+  std::string next;
+  std::string name;
+  std::string id;
+  std::string command;
+};
+
+// Those with a window by time, then those without one, then what can't be read.
+bool ComesBefore(const ListRow& a, const ListRow& b) {
+  const auto rank = [](const ListRow& row) { return row.nextWindow >= 0 ? 0 : row.nextWindow == kDamagedKey ? 2 : 1; };
+  return std::tuple(rank(a), a.nextWindow, std::cref(a.name).get(), std::cref(a.id).get()) <
+         std::tuple(rank(b), b.nextWindow, std::cref(b.name).get(), std::cref(b.id).get());
+}
+
+std::size_t Width(std::string_view text) {
+  return static_cast<std::size_t>(
+      std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+}
+
+// The text in exactly (pad) or at most `width` characters.
+std::string Fit(std::string text, std::size_t width, bool pad) {
+  const std::size_t has = Width(text);
+  if (has > width) {
+    std::size_t at = 0;
+    for (std::size_t kept = 0; at < text.size(); ++at) {
+      if ((static_cast<unsigned char>(text[at]) & 0xC0) != 0x80 && kept++ == width - 1) break;
+    }
+    return text.substr(0, at) + "…";
+  }
+  if (pad) text.append(width - has, ' ');
+  return text;
+}
+
+struct Widths {
+  std::size_t next = 4, name = 4, id = 2, command = 7;
+};
+
+// Where the line is too short, first the ID gives way down to eight digits, which still name a schedule, then the
+// command, then the name.
+Widths WidthsFor(const std::vector<Line>& lines, std::size_t columns) {
+  constexpr std::size_t kGaps = 6, kLeastId = 10, kLeastText = 12;
+  Widths widths;
+  for (const Line& line : lines) {
+    widths.next = std::max(widths.next, Width(line.next));
+    widths.name = std::max(widths.name, Width(line.name));
+    widths.id = std::max(widths.id, Width(line.id));
+    widths.command = std::max(widths.command, Width(line.command));
+  }
+  if (columns == 0) return widths;
+  const auto total = [&] { return widths.next + widths.name + widths.id + widths.command + kGaps; };
+  const auto shrink = [&](std::size_t& width, std::size_t least) {
+    if (total() > columns && width > least) width -= std::min(width - least, total() - columns);
+  };
+  // A long text doesn't cost the ID its digits.
+  shrink(widths.command, 2 * kLeastText);
+  shrink(widths.name, 2 * kLeastText);
+  shrink(widths.id, kLeastId);
+  shrink(widths.command, kLeastText);
+  shrink(widths.name, kLeastText);
+  return widths;
+}
+
+void PrintListTable(CliContext& context, const std::vector<ListRow>& rows, std::size_t columns) {
+  std::vector<Line> lines;
+  std::size_t without = 0, damaged = 0;
+  for (const ListRow& row : rows) {
+    damaged += row.nextWindow == kDamagedKey;
+    without += row.nextWindow < 0 && row.nextWindow != kDamagedKey;
+    std::string command = Utf8FromWide(row.wrapper);
+    if (!row.parameters.empty()) command += " " + Utf8FromWide(row.parameters);
+    lines.push_back({WindowText(row.nextWindow), Printable(Utf8FromWide(row.name)), Printable(Utf8FromWide(row.id)),
+                     Printable(command)});
+  }
+  const Widths widths = WidthsFor(lines, columns);
+  const auto text = [&](const Line& line) {
+    std::string out = Fit(line.next, widths.next, true) + "  " + Fit(line.name, widths.name, true) + "  " +
+                      Fit(line.id, widths.id, true) + "  " + Fit(line.command, widths.command, false);
+    out.erase(out.find_last_not_of(' ') + 1);
+    return out;
+  };
+  if (!context.options.noLegend) {
+    context.out << Paint(context.colourOut, Colour::kBold, text({"NEXT", "NAME", "ID", "COMMAND"})) << "\n";
+  }
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    const bool bad = rows[i].nextWindow == kDamagedKey;
+    context.out << Paint(context.colourOut && bad, Colour::kRed, text(lines[i])) << "\n";
+  }
+  if (context.options.noLegend) return;
+  context.out << "\n" << rows.size() << (rows.size() == 1 ? " schedule" : " schedules");
+  if (without > 0) context.out << ", " << without << " without a window to come";
+  if (damaged > 0) context.out << ", " << damaged << " damaged";
+  context.out << ", zone " << Printable(ZoneText()) << ".\n";
+}
+
+ordered_json RowJson(const ListRow& row) {
+  ordered_json out = ordered_json::object();
+  out["id"] = Utf8FromWide(row.id);
+  out["name"] = Utf8FromWide(row.name);
+  out["application"] = Utf8FromWide(row.application);
+  out["object_id"] = Utf8FromWide(row.objectId);
+  out["task_code"] = row.taskCode;
+  out["wrapper"] = Utf8FromWide(row.wrapper);
+  out["xml"] = Utf8FromWide(row.xml);
+  out["parameters"] = Utf8FromWide(row.parameters);
+  out["pre_script"] = Utf8FromWide(row.preScript);
+  out["post_script"] = Utf8FromWide(row.postScript);
+  out["pass_id"] = row.passId != 0;
+  out["next_window"] = WindowJson(row.nextWindow);
+  if (row.nextWindow == kDamagedKey) out["damaged"] = true;
+  return out;
+}
+
+// --- rm ---
+
+// The state directory's backups for root and where one is named, else the user's own.
+std::string BackupDirectory(const CliContext& context) {
+  if (!context.options.root.empty() || platform::IsRootUser()) return platform::StateDirectory() + "/backups";
+  const std::string home = platform::UserStateHome();
+  return home.empty() ? "" : home + "/qxsched/backups";
+}
+
+// "20261130-130000", UTC, so that names sort by time in any zone.
+std::string StampOf(std::int64_t seconds) {
+  constexpr std::int64_t kDay = 86400;
+  const platform::CivilDate date = platform::CivilFromDays(seconds / kDay);
+  const int second = static_cast<int>(seconds % kDay);
+  char text[32];
+  std::snprintf(text, sizeof text, "%04d%02d%02d-%02d%02d%02d", static_cast<int>(date.year), date.month, date.day,
+                second / 3600, second / 60 % 60, second % 60);
+  return text;
+}
+
+platform::ErrorCode WriteBackup(const std::string& directory, const Target& target, const SCHEDULE_OBJECT& record,
+                                std::string& file) {
+  using platform::File;
+  if (directory.empty()) return platform::ERROR_PATH_NOT_FOUND;
+  if (const platform::ErrorCode code = platform::CreateDirectories(directory); code != platform::ERROR_SUCCESS) {
+    return code;
+  }
+  const std::string id = IdText(target.id);
+  const std::string stem = directory + "/" + id.substr(1, id.size() - 2) + "-" + StampOf(platform::NowSeconds());
+  File handle;
+  platform::ErrorCode code = platform::ERROR_FILE_EXISTS;
+  for (int i = 1; code == platform::ERROR_FILE_EXISTS && i <= kMostBackupsOfOneSecond; ++i) {
+    file = stem + (i == 1 ? "" : "-" + std::to_string(i)) + ".toml";
+    code = handle.Open(file, File::Access::kWrite, File::Disposition::kCreateNew);
+  }
+  if (code == platform::ERROR_SUCCESS) {
+    code = handle.WriteAll("# " + id + ", deleted\n" + WriteScheduleFile(record, platform::CurrentZone()));
+    if (code == platform::ERROR_SUCCESS) code = handle.Sync();
+    handle.Close();
+    // Half a backup would pass for a whole one.
+    if (code != platform::ERROR_SUCCESS) (void)platform::DeleteFile(file);
+  }
+  return code;
+}
+
+struct Removal {
+  Target target;
+  std::string backup;
+  Status status = kStatusOk;
+};
+
+int WriteBackups(CliContext& context, Session& session, std::vector<Removal>& removals) {
+  const std::string directory = BackupDirectory(context);
+  for (Removal& removal : removals) {
+    SCHEDULE_OBJECT record;
+    int exit = session.Fetch(removal.target, record);
+    if (exit == kExitDone) {
+      const platform::ErrorCode code = WriteBackup(directory, removal.target, record, removal.backup);
+      if (code == platform::ERROR_SUCCESS) {
+        PrintNote(context, "backup: " + removal.backup);
+        continue;
+      }
+      PrintError(context, "the backup can't be written to " + (directory.empty() ? "any directory" : directory) + ": " +
+                              FormatStatus(0x80070000 | code));
+      exit = code == platform::ERROR_ACCESS_DENIED ? kExitPermission : kExitFailed;
+    }
+    PrintError(context, "nothing is deleted");
+    // What is there and can't be read can still be deleted.
+    const bool there = exit != kExitNotFound || removal.target.listed;
+    if (there && exit != kExitUnreachable) PrintHint(context, "--no-backup deletes without a backup");
+    return exit;
+  }
+  return kExitDone;
+}
+
+std::string Naming(const Target& target) {
+  return IdText(target.id) + (target.name.empty() ? "" : " \"" + target.name + "\"");
+}
+
+bool Confirmed(CliContext& context, const std::vector<Removal>& removals) {
+  for (const Removal& removal : removals) context.err << "  " << Printable(Naming(removal.target)) << "\n";
+  context.err << "Delete " << (removals.size() == 1 ? "this schedule" : "these schedules") << "? [y/N] ";
+  context.err.flush();
+  std::string answer;
+  std::getline(context.in, answer);
+  return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+// --- monitor ---
+
+// Writes each event as a line.
+class EventPrinter : public ISchedulerServiceEvents {
+ public:
+  explicit EventPrinter(CliContext& context) : m_context(context) {}
+
+  void Schedule_Add(const ScheduleGuid& id) override { Print("Schedule_Add", id, std::nullopt); }
+  void Schedule_Modify(const ScheduleGuid& id) override { Print("Schedule_Modify", id, std::nullopt); }
+  void Schedule_Delete(const ScheduleGuid& id) override { Print("Schedule_Delete", id, std::nullopt); }
+  void NextTimeWindow_Modify(const ScheduleGuid& id, std::int32_t nextTimeWindow) override {
+    Print("NextTimeWindow_Modify", id, nextTimeWindow);
+  }
+  void SystemTime_Change(std::int32_t, const std::vector<std::u16string>& ids,
+                         const std::vector<std::int32_t>& nextTimeWindows) override {
+    const std::size_t count = std::min(ids.size(), nextTimeWindows.size());
+    ordered_json schedules = ordered_json::array();
+    if (!m_context.options.json) m_context.out << Head("SystemTime_Change") << count << " schedules\n";
+    for (std::size_t i = 0; i < count; ++i) {
+      if (m_context.options.json) {
+        schedules.push_back({{"id", Utf8FromWide(ids[i])}, {"next_window", WindowJson(nextTimeWindows[i])}});
+      } else {
+        m_context.out << "    " << Printable(Utf8FromWide(ids[i])) << "  " << Next(nextTimeWindows[i]) << "\n";
+      }
+    }
+    if (m_context.options.json) {
+      ordered_json out = ordered_json::object();
+      out["event"] = "SystemTime_Change";
+      out["schedules"] = std::move(schedules);
+      WriteJson(m_context.out, out);
+    }
+    m_context.out.flush();
+  }
+
+ private:
+  static std::string Next(std::int32_t window) {
+    return window < 0 ? "no window to come" : "next " + FormatInstant(window, platform::CurrentZone());
+  }
+  [[nodiscard]] std::string Head(const std::string& event) const {
+    return FormatInstant(platform::NowSeconds(), platform::CurrentZone()) + "  " +
+           Paint(m_context.colourOut, Colour::kBold, Fit(event, 21, true)) + "  ";
+  }
+  void Print(const std::string& event, const ScheduleGuid& id, std::optional<std::int32_t> window) {
+    if (m_context.options.json) {
+      ordered_json out = ordered_json::object();
+      out["event"] = event;
+      out["id"] = IdText(id);
+      if (window) out["next_window"] = WindowJson(*window);
+      WriteJson(m_context.out, out);
+    } else {
+      m_context.out << Head(event) << IdText(id) << (window ? "  " + Next(*window) : "") << "\n";
+    }
+    m_context.out.flush();
+  }
+
+  CliContext& m_context;
+};
+
+}  // namespace
+
+int RunList(CliContext& context, const OnlineSettings& settings) {
+  Session session(context, settings);
+  if (const int exit = Begin(session); exit != kExitDone) return exit;
+  std::vector<ListRow> rows;
+  if (const int exit = session.AllRows(rows); exit != kExitDone) return exit;
+  std::sort(rows.begin(), rows.end(), ComesBefore);
+  if (context.options.json) {
+    ordered_json out = ordered_json::array();
+    for (const ListRow& row : rows) out.push_back(RowJson(row));
+    WriteJson(context.out, out);
+    return kExitDone;
+  }
+  PrintListTable(context, rows, settings.columns.value_or(context.columns));
+  return kExitDone;
+}
+
+int RunShow(CliContext& context, const OnlineSettings& settings, const std::string& schedule) {
+  Session session(context, settings);
+  Target target;
+  if (const int exit = BeginWith(session, schedule, target); exit != kExitDone) return exit;
+  SCHEDULE_OBJECT record;
+  if (const int exit = session.Fetch(target, record); exit != kExitDone) return exit;
+  if (context.options.json) {
+    WriteJson(context.out, RecordToJson(record));
+    return kExitDone;
+  }
+  const platform::Zone& zone = platform::CurrentZone();
+  context.out << "# id: " << IdText(target.id) << "\n";
+  Status status = kStatusOk;
+  const auto windows = ComingWindows(record, platform::NowSeconds(), kWindowsShown, status);
+  for (const ComingWindow& window : windows) {
+    context.out << "# next: " << FormatInstant(window.start, zone) << " to " << FormatInstant(window.end, zone)
+                << (window.last ? ", the last one" : "") << "\n";
+  }
+  if (windows.empty()) {
+    context.out << "# next: none" << (status == kStatusOk ? "" : ", " + FormatStatus(status)) << "\n";
+  }
+  context.out << WriteScheduleFile(record, zone);
+  return kExitDone;
+}
+
+int RunStatus(CliContext& context, const OnlineSettings& settings) {
+  Session session(context, settings);
+  std::vector<ListRow> rows;
+  int exit = Begin(session);
+  if (exit == kExitDone) exit = session.AllRows(rows);
+  if (exit != kExitDone) {
+    if (context.options.json) WriteJson(context.out, {{"reachable", false}});
+    return exit;
+  }
+  const ServiceFacts& facts = session.Facts();
+  const auto damaged =
+      std::count_if(rows.begin(), rows.end(), [](const ListRow& r) { return r.nextWindow == kDamagedKey; });
+  const auto due = std::count_if(rows.begin(), rows.end(), [](const ListRow& r) { return r.nextWindow >= 0; });
+  const auto without = static_cast<std::ptrdiff_t>(rows.size()) - due - damaged;
+  if (context.options.json) {
+    ordered_json out = ordered_json::object();
+    out["reachable"] = true;
+    out["version"] = facts.version;
+    out["zone"] = facts.zone;
+    out["port"] = facts.port;
+    out["trace_level"] = facts.traceLevel;
+    out["next_wake_up"] = facts.nextWakeUp < 0 ? ordered_json(nullptr) : ordered_json(facts.nextWakeUp);
+    out["state_directory"] = facts.stateDirectory;
+    out["schedules"] = rows.size();
+    out["with_window"] = due;
+    out["without_window"] = without;
+    out["damaged"] = damaged;
+    WriteJson(context.out, out);
+    return kExitDone;
+  }
+  const std::string wakeUp = facts.nextWakeUp < 0 ? "none" : FormatInstant(facts.nextWakeUp, platform::CurrentZone());
+  context.out << "Service:          " << Paint(context.colourOut, Colour::kGreen, "running") << ", version "
+              << Printable(facts.version) << "\n"
+              << "Zone:             " << Printable(facts.zone) << "\n"
+              << "Port:             " << (facts.port == 0 ? "none" : std::to_string(facts.port)) << "\n"
+              << "Trace level:      " << facts.traceLevel << "\n"
+              << "Next wake-up:     " << wakeUp << "\n"
+              << "State directory:  " << Printable(facts.stateDirectory) << "\n"
+              << "Schedules:        " << rows.size() << " (" << due << " with a window to come, " << without
+              << " without, " << damaged << " damaged)\n";
+  return kExitDone;
+}
+
+int RunAdd(CliContext& context, const OnlineSettings& settings, const std::string& file, bool allowRelativePaths) {
+  Session session(context, settings);
+  // The service first: the times in the file are those of its zone.
+  if (const int exit = Begin(session); exit != kExitDone) return exit;
+  CheckedFile checked;
+  if (const int exit = ReadAndCheck(context, file, allowRelativePaths, checked); exit != kExitDone) return exit;
+  for (const Finding& finding : checked.findings) PrintFinding(context, file, finding);
+  if (HasErrors(checked.findings)) {
+    if (checked.status != kStatusOk) PrintHint(context, DescribeStatus(checked.status).hint);
+    return kExitRulesRefused;
+  }
+  ScheduleGuid id;
+  const Status status = session.Wait("create the schedule", true,
+                                     [&] { return session.Link().Service().CreateSchedule(checked.record, id); });
+  const bool answered = !session.Link().LastError().IsSet();
+  if (context.options.json && answered) {
+    const ordered_json idJson = status == kStatusOk ? ordered_json(IdText(id)) : ordered_json(nullptr);
+    WriteJson(context.out, {{"status", Hex(status)}, {"id", idJson}});
+  }
+  if (status != kStatusOk) return session.Fail(status, file);
+  if (!context.options.json) context.out << IdText(id) << "\n";
+  return kExitDone;
+}
+
+int RunRemove(CliContext& context, const OnlineSettings& settings, const RemoveArguments& arguments) {
+  Session session(context, settings);
+  if (const int exit = Begin(session); exit != kExitDone) return exit;
+  std::vector<Target> targets;
+  if (const int exit = session.Find(arguments.schedules, targets); exit != kExitDone) return exit;
+  std::vector<Removal> removals;
+  for (Target& target : targets) removals.push_back({std::move(target), "", kStatusOk});
+  const bool ask = settings.confirm.value_or(platform::IsTerminal(platform::StandardStream::kInput));
+  if (ask && !arguments.yes && !Confirmed(context, removals)) {
+    PrintError(context, "nothing is deleted");
+    return kExitFailed;
+  }
+  if (!arguments.noBackup) {
+    if (const int exit = WriteBackups(context, session, removals); exit != kExitDone) return exit;
+  }
+  int exit = kExitDone;
+  ordered_json report = ordered_json::array();
+  for (Removal& removal : removals) {
+    removal.status = session.Wait("delete the schedule", true,
+                                  [&] { return session.Link().Service().DeleteSchedule(removal.target.id); });
+    const bool answered = !session.Link().LastError().IsSet();
+    if (removal.status != kStatusOk) {
+      const int failed = session.Fail(removal.status, Naming(removal.target));
+      if (exit == kExitDone) exit = failed;
+      if (!answered) break;  // nobody is there for the others
+    } else {
+      PrintNote(context, "deleted: " + Naming(removal.target));
+    }
+    report.push_back({{"id", IdText(removal.target.id)},
+                      {"status", Hex(removal.status)},
+                      {"backup", removal.backup.empty() ? ordered_json(nullptr) : ordered_json(removal.backup)}});
+  }
+  if (context.options.json) WriteJson(context.out, report);
+  return exit;
+}
+
+int RunMonitor(CliContext& context, const OnlineSettings& settings) {
+  Session session(context, settings);
+  if (const int exit = Begin(session); exit != kExitDone) return exit;
+  std::atomic<bool> stop = false;
+  const platform::InterruptWatch watch(platform::InterruptWatch::kNever, {}, [&] { stop = true; });
+  EventPrinter printer(context);
+  if (const Status status = session.Link().Listen(printer); status != kStatusOk) return session.Fail(status, "");
+  PrintNote(context, "waiting for events, Ctrl-C ends");
+  context.err.flush();
+  while (!stop && context.out) {
+    if (!session.Link().WaitForEvents(kMonitorTurnMs)) {
+      PrintError(context, "the bus of the service is lost");
+      PrintHint(context, "events are not repeated; see qxsched list for what is there now");
+      return kExitUnreachable;
+    }
+  }
+  return kExitDone;
+}
+
+int RunRefresh(CliContext& context, const OnlineSettings& settings) {
+  Session session(context, settings);
+  if (const int exit = session.Connect(); exit != kExitDone) return exit;
+  const Status status = session.Wait("read its store again", true, [&] { return session.Link().Service().Refresh(); });
+  if (status != kStatusOk) return session.Fail(status, "");
+  PrintNote(context, "the service has read its store again");
+  return kExitDone;
+}
+
+int FetchSchedule(CliContext& context, const OnlineSettings& settings, const std::string& schedule, bool keepZone,
+                  SCHEDULE_OBJECT& record) {
+  Session session(context, settings);
+  if (const int exit = session.Connect(); exit != kExitDone) return exit;
+  if (!keepZone) {
+    if (const int exit = session.UseServiceZone(); exit != kExitDone) return exit;
+  }
+  std::vector<Target> targets;
+  const int exit = session.Find({schedule}, targets);
+  return exit == kExitDone ? session.Fetch(targets.front(), record) : exit;
+}
+
+}  // namespace qx

@@ -1,0 +1,76 @@
+#include "client/cli_output.h"
+
+#include <ostream>
+
+#include "platform/error_codes.h"
+
+namespace qx {
+namespace {
+
+const char* ColourSequence(Colour colour) {
+  switch (colour) {
+    case Colour::kRed:
+      return "\033[31m";
+    case Colour::kYellow:
+      return "\033[33m";
+    case Colour::kGreen:
+      return "\033[32m";
+    case Colour::kBold:
+      return "\033[1m";
+    case Colour::kPlain:
+      break;
+  }
+  return "";
+}
+
+}  // namespace
+
+std::string Paint(bool on, Colour colour, std::string_view text) {
+  if (!on || colour == Colour::kPlain) return std::string(text);
+  return ColourSequence(colour) + std::string(text) + "\033[0m";
+}
+
+void PrintError(CliContext& context, std::string_view text) {
+  context.err << Paint(context.colourErr, Colour::kRed, "qxsched:") << " " << Printable(text) << "\n";
+}
+
+void PrintNote(CliContext& context, std::string_view text) {
+  if (!context.options.quiet) context.err << "qxsched: " << Printable(text) << "\n";
+}
+
+void PrintHint(CliContext& context, std::string_view text) {
+  if (!text.empty()) PrintNote(context, "hint: " + std::string(text));
+}
+
+void PrintFinding(CliContext& context, std::string_view file, const Finding& finding) {
+  if (finding.severity == Severity::kWarning) {
+    if (context.options.quiet) return;
+    context.err << Paint(context.colourErr, Colour::kYellow, "qxsched:");
+  } else {
+    context.err << Paint(context.colourErr, Colour::kRed, "qxsched:");
+  }
+  context.err << " " << FormatFinding(file, finding) << "\n";
+}
+
+int ExitCodeOf(Status status) {
+  switch (status) {
+    case kStatusOk:
+      return kExitDone;
+    case kStatusRulesInvalid:
+    case kStatusNoRunDay:
+    case kStatusDateOverlap:
+    case kStatusRestartTooLong:
+    case kStatusBackdated:
+      return kExitRulesRefused;
+    case kStatusNoSuchKey:
+    case kStatusNotFoundForDelete:
+    case kStatusRegistryRead:
+      return kExitNotFound;
+    case 0x80070000 | platform::ERROR_ACCESS_DENIED:
+      return kExitPermission;
+    default:
+      return kExitFailed;
+  }
+}
+
+}  // namespace qx

@@ -1,0 +1,125 @@
+// client/scheduler_client.h: the client library: the service's interface over the message bus.
+//
+// SchedulerClient implements ISchedulerService, so that a program is written the same way inside the service's process
+// and outside it. A call waits for its answer without a time limit (an operation on nodes may take minutes); events
+// that arrive meanwhile are delivered by the next WaitForEvents().
+//
+// A call that doesn't reach the service, or that it refuses, returns a status in the form 0x8007xxxx, and LastError()
+// has the error's name and text; a refusal of arguments names the key ("unknown key 'stScheduleRules.foo'"). Outputs
+// stay untouched then. Statuses of the service itself come as they are, with an empty LastError().
+// Threads: one client is used by one thread at a time; it may be handed on.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/bus_records.h"
+#include "interface/ISchedulerService.h"
+#include "platform/bus.h"
+
+namespace qx {
+
+// Results of subscriptions (CONNECT_E_NOCONNECTION and CONNECT_E_CANNOTCONNECT of olectl.h).
+inline constexpr Status kStatusNoSuchSubscription = 0x80040200;
+inline constexpr Status kStatusNoSink = 0x80040202;
+
+// What the service says about itself.
+struct ServiceProperties {
+  std::string version;
+  std::string zone;  // a TZ text
+  std::uint16_t port = 0;
+  std::uint32_t traceLevel = 0;
+  std::int64_t nextWakeUp = -1;  // seconds since 1970; -1: nothing to wait for
+  std::string stateDirectory;
+};
+
+class SchedulerClient : public ISchedulerService {
+ public:
+  using Sink = std::shared_ptr<ISchedulerServiceEvents>;
+
+  SchedulerClient();
+  SchedulerClient(const SchedulerClient&) = delete;
+  SchedulerClient& operator=(const SchedulerClient&) = delete;
+  ~SchedulerClient() override;
+
+  // Connects to a bus; subscriptions of an earlier connection are set up again. The service itself need not be there.
+  //   returns  0; 0x8007xxxx
+  Status Connect(const platform::BusAddress& address);
+  void Disconnect();
+  // False before Connect(), after Disconnect() and when the connection was lost.
+  [[nodiscard]] bool IsConnected() const;
+  // Of the last call of any method; unset when that reached the service and was answered.
+  [[nodiscard]] const platform::BusError& LastError() const { return m_error; }
+
+  Status CreateSchedule(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id) override;
+  Status DeleteSchedule(const ScheduleGuid& id) override;
+  Status ModifySchedule(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule) override;
+  Status ListSchedule(std::uint32_t& count, ScheduleList& schedules) override;
+  Status GetScheduleInfo(const ScheduleGuid& id, ScheduleInfo& schedule) override;
+  Status CreateScheduleOnNodes(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id, std::uint32_t nodeCount,
+                               const NodeNames& nodeNames, NodeResults& results) override;
+  Status DeleteScheduleOnNodes(const ScheduleGuid& id, std::uint32_t nodeCount, const NodeNames& nodeNames,
+                               NodeResults& results) override;
+  Status ModifyScheduleOnNodes(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule, std::uint32_t nodeCount,
+                               const NodeNames& nodeNames, NodeResults& results) override;
+  Status Refresh() override;
+  Status Notify_NextTimeWindow_Modify(const ScheduleGuid& id, std::int32_t nextTimeWindow) override;
+  Status Notify_SystemTime_Change(std::int32_t count, const std::vector<std::u16string>& ids,
+                                  const std::vector<std::int32_t>& nextTimeWindows) override;
+  Status UpdateList(std::int32_t type, const BSTR& value, std::uint32_t& count,
+                    std::vector<std::u16string>& ids) override;
+  Status PerformOperationOnNodes(const BSTR& data, std::uint32_t nodeCount, const NodeNames& nodeNames,
+                                 NodeResults& results) override;
+
+  // --- events ---
+
+  // Puts a sink into the first empty slot; slots are told of an event in their order. The first one subscribes at the
+  // service.
+  //   cookie   names the sink in Unadvise(): never 0, never given twice; untouched on failure
+  //   returns  0; kStatusNoSink for null; 0x8007xxxx: not subscribed
+  Status Advise(Sink sink, std::uint32_t& cookie);
+  //   returns  0; kStatusNoSuchSubscription
+  Status Unadvise(std::uint32_t cookie);
+  // Delivers the events that are there, and waits for the first one at most `limitMs` milliseconds.
+  //   returns  the number of events delivered; 0 when none came in time or the connection was lost
+  std::size_t WaitForEvents(std::uint32_t limitMs);
+
+  // --- the Manager interface ---
+
+  // One page: the schedules behind `afterId` (empty: from the first). No rows: the end.
+  //   limit    0: as many as the service likes
+  //   rows     appended to
+  Status ListInfo(std::u16string_view afterId, std::uint32_t limit, std::vector<ListRow>& rows);
+  // All pages.
+  Status ListAll(std::vector<ListRow>& rows);
+  Status Properties(ServiceProperties& properties);
+
+ private:
+  using Write = std::function<void(platform::MessageWriter&)>;
+  using Read = std::function<platform::BusError(platform::MessageReader&)>;
+  Status Call(std::string_view interface, std::string_view member, const Write& write, const Read& read);
+  Status CallService(std::string_view member, const Write& write, const Read& read = {});
+  Status Request(std::string_view interface, std::string_view member, const Write& write,
+                 platform::MessageReader& reply);
+  Status Fail(platform::ErrorCode code, platform::BusError error);
+  Status Subscribe();
+  void OnSignal(platform::MessageReader& signal);
+  void Deliver(const std::function<void(ISchedulerServiceEvents&)>& event);
+
+  struct Slot {
+    Sink sink;
+    std::uint32_t cookie = 0;
+  };
+  platform::BusConnection m_connection;
+  platform::BusError m_error;
+  std::vector<Slot> m_slots;
+  std::uint32_t m_lastCookie = 0;
+  bool m_subscribed = false;
+  std::size_t m_delivered = 0;
+};
+
+}  // namespace qx

@@ -1,0 +1,53 @@
+#include "client/service_link.h"
+
+#include <utility>
+
+#include "client/scheduler_client.h"
+
+namespace qx {
+namespace {
+
+class BusLink : public ServiceLink {
+ public:
+  platform::ErrorCode Open(const platform::BusAddress& address) {
+    // The low half of a status of the form 0x8007xxxx.
+    return static_cast<platform::ErrorCode>(m_client.Connect(address) & 0xFFFF);
+  }
+
+  ISchedulerService& Service() override { return m_client; }
+  Status ListInfo(const std::u16string& afterId, std::uint32_t limit, std::vector<ListRow>& rows) override {
+    return m_client.ListInfo(afterId, limit, rows);
+  }
+  Status ReadFacts(ServiceFacts& facts) override {
+    ServiceProperties read;
+    const Status status = m_client.Properties(read);
+    if (status != kStatusOk) return status;
+    facts = {std::move(read.version), std::move(read.zone), read.port,
+             read.traceLevel,         read.nextWakeUp,      std::move(read.stateDirectory)};
+    return kStatusOk;
+  }
+  Status Listen(ISchedulerServiceEvents& sink) override {
+    std::uint32_t cookie = 0;
+    // Borrowed: nobody counts references of the sink.
+    return m_client.Advise(SchedulerClient::Sink(&sink, [](ISchedulerServiceEvents*) {}), cookie);
+  }
+  bool WaitForEvents(std::uint32_t limitMs) override {
+    (void)m_client.WaitForEvents(limitMs);
+    return m_client.IsConnected();
+  }
+  [[nodiscard]] platform::BusError LastError() const override { return m_client.LastError(); }
+
+ private:
+  SchedulerClient m_client;
+};
+
+}  // namespace
+
+platform::ErrorCode ConnectOverBus(const platform::BusAddress& address, std::unique_ptr<ServiceLink>& link) {
+  auto fresh = std::make_unique<BusLink>();
+  const platform::ErrorCode code = fresh->Open(address);
+  if (code == platform::ERROR_SUCCESS) link = std::move(fresh);
+  return code;
+}
+
+}  // namespace qx
