@@ -1,0 +1,96 @@
+#include "service/job_list.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "foundation/include/zfclog.h"
+
+using ZepFoundation::ServiceLog;
+
+platform::CriticalSection g_JobListLock;
+CJobList g_JobList;
+
+namespace {
+
+std::int64_t SignExtended(std::int64_t window) { return static_cast<std::int32_t>(window); }
+
+}  // namespace
+
+bool CJobList::ById::operator()(const ScheduleGuid& a, const ScheduleGuid& b) const {
+  return std::memcmp(&a, &b, sizeof a) < 0;
+}
+
+Status CJobList::AddJob(CJobNode node) {
+  const platform::CriticalSectionGuard guard(g_JobListLock);
+  const ScheduleGuid id = node.ScheduleID;
+  const auto [at, inserted] = m_entries.try_emplace(id);
+  if (!inserted) return kStatusJobExists;
+  Entry& entry = at->second;
+  entry.node = std::move(node);
+  entry.listedWindow = SignExtended(entry.node.NextTimeWindow);
+  entry.rank = --m_firstRank;
+  m_sequence.insert(&entry);
+  m_size.store(m_entries.size(), std::memory_order_relaxed);
+  return kStatusOk;
+}
+
+void CJobList::RemoveJob(CJobNode node) {
+  const platform::CriticalSectionGuard guard(g_JobListLock);
+  const Position at = Find(node.ScheduleID);
+  if (at == End()) {
+    ServiceLog(3, u"RemoveJob: jobnode with scheduleID %s does not exists", node.IdText());
+    return;
+  }
+  Erase(at);
+}
+
+CJobList::Position CJobList::Find(const ScheduleGuid& id) {
+  const auto at = m_entries.find(id);
+  return at == m_entries.end() ? End() : Position(m_sequence.find(&at->second));
+}
+
+CJobList::Position CJobList::Erase(Position at) {
+  Entry* const entry = *at.m_at;
+  if (entry->changed) {
+    // A node is erased right after it was marked, if at all, so it is the last one.
+    if (m_changed.back() == entry) {
+      m_changed.pop_back();
+    } else {
+      std::erase(m_changed, entry);
+    }
+  }
+  const Position next(m_sequence.erase(at.m_at));
+  m_entries.erase(ScheduleGuid(entry->node.ScheduleID));
+  m_size.store(m_entries.size(), std::memory_order_relaxed);
+  return next;
+}
+
+void CJobList::MarkChanged(Position at) {
+  Entry* const entry = *at.m_at;
+  if (entry->changed) return;
+  entry->changed = true;
+  m_changed.push_back(entry);
+}
+
+void CJobList::Sort() {
+  // What a stable sort does with a changed node: among the equals of its new window it stands first when it came from
+  // further ahead, last when it came from further behind, and nodes that moved together keep their order.
+  std::sort(m_changed.begin(), m_changed.end(), InOrder());
+  for (Entry* const entry : m_changed) m_sequence.erase(entry);
+  const auto place = [this](Entry* entry, std::int64_t rank) {
+    entry->listedWindow = entry->node.NextTimeWindow;
+    entry->rank = rank;
+    entry->changed = false;
+    m_sequence.insert(entry);
+  };
+  std::vector<Entry*> later;
+  for (Entry* const entry : m_changed) {
+    if (entry->node.NextTimeWindow > entry->listedWindow) {
+      later.push_back(entry);
+    } else {
+      place(entry, entry->node.NextTimeWindow < entry->listedWindow ? ++m_lastRank : entry->rank);
+    }
+  }
+  for (auto entry = later.rbegin(); entry != later.rend(); ++entry) place(*entry, --m_firstRank);
+  m_changed.clear();
+}

@@ -1,0 +1,202 @@
+#include "service/populate.h"
+
+#include <string>
+
+#include "common/ini_recovery.h"
+#include "foundation/include/zfclog.h"
+#include "platform/file.h"
+#include "platform/memory.h"
+#include "service/ini_path.h"
+#include "service/job_list.h"
+#include "service/schedule_store.h"
+
+using platform::ERROR_SUCCESS;
+using platform::Hive;
+using platform::RegistryKey;
+using ZepFoundation::ForLog;
+using ZepFoundation::ServiceLog;
+
+namespace qx {
+
+const JobBuildWords kPopulateWords = {
+    .idBeforeKey = false,
+    .badId = u"Invalid ScheduleID/GUID in registry",
+    .noIniFileLevel = 1,
+    .noIniFile = u"Ini file does not exists: %s",
+    .noIniFileNamesKey = false,
+    .pathBeforeScheduler = false,
+    .readFailed = u"Did not find the ini file, error = %x",
+};
+const JobBuildWords kTimeChangeWords = {
+    .idBeforeKey = true,
+    .badId = u"Failed to convert String to GUID",
+    .noIniFileLevel = 4,
+    .noIniFile = u"ini file does not exists: %s",
+    .noIniFileNamesKey = true,
+    .pathBeforeScheduler = true,
+    .readFailed = u"failed to read schedule from ini file, error = %x",
+};
+
+namespace {
+
+bool ParseId(const std::u16string& keyName, const JobBuildWords& words, CJobNode& node) {
+  if (StringToGUID(keyName.c_str(), node.ScheduleID)) return true;
+  ServiceLog(1, words.badId);
+  return false;
+}
+
+bool OpenScheduleKey(const RegistryKey& schedules, std::u16string_view keyName, RegistryKey& key) {
+  if (platform::OpenKey(schedules, keyName, platform::KEY_ALL_ACCESS, key) == ERROR_SUCCESS) return true;
+  ServiceLog(1, u" Failed to open scheduleKey");
+  return false;
+}
+
+bool FindIniFile(const std::u16string& keyName, const std::u16string& path, const JobBuildWords& words) {
+  (void)RestoreOldIniFile(path);
+  if (platform::FileExists(platform::NativePath(path))) return true;
+  ServiceLog(words.noIniFileLevel, words.noIniFile, ForLog(words.noIniFileNamesKey ? keyName : path));
+  return false;
+}
+
+// The values of a job in the order of reading; the .ini file is looked for as soon as its path is known.
+bool ReadJob(const RegistryKey& key, const std::u16string& keyName, const JobBuildWords& words, const CJobNode& node,
+             StoredJob& job, std::u16string& iniPath) {
+  platform::KeyInfo info;
+  if (platform::QueryInfoKey(key, info) != ERROR_SUCCESS) {
+    ServiceLog(1, u"Failed queryinfokey(scheduleKey)");
+    return false;
+  }
+  platform::NamedBuffer<char16_t> buffer(std::size_t{info.maxValueLength} + 1, "BuildJobNode");
+  if (!buffer) {
+    ServiceLog(1, u"calloc failed to allocate memory");
+    return false;
+  }
+  const auto text = [&](const char16_t* name, std::u16string& out, const char16_t* failure) {
+    if (ReadTextValue(key, name, buffer.span(), out) == ERROR_SUCCESS) return true;
+    ServiceLog(1, failure);
+    return false;
+  };
+  if (!text(u"XMLFilePathName", job.xmlPath, u"Query Value of XML file path failed")) return false;
+  iniPath = IniPath(node.ScheduleID, job.xmlPath);
+  if (!FindIniFile(keyName, iniPath, words)) return false;
+  std::uint32_t useGuid = 0;
+  if (platform::ReadRegistryDword(key, u"UseGUID", useGuid) != ERROR_SUCCESS) {
+    ServiceLog(1, u"Query Value of UseGUID fails");
+    return false;
+  }
+  job.useGuid = useGuid != 0;
+  return text(u"WrapperBinary", job.wrapper, u"Query Value of wrapper binary fails") &&
+         text(u"Parameters", job.parameters, u"Query Value of parameters failed") &&
+         text(u"PostScript", job.postScript, u"Query Value of post script failed ") &&
+         text(u"PreScript", job.preScript, u"Query Value of prescript failed ");
+}
+
+bool SetConfigPath(const std::u16string& iniPath, CJobNode& node) {
+  const Status status = node.SetConfigFilePath(iniPath);
+  if (status == kStatusOk) return true;
+  ServiceLog(1, u"Failed to set the ini file path, error = %x", status);
+  return false;
+}
+
+bool SetUpNode(const StoredJob& job, const std::u16string& iniPath, const JobBuildWords& words, CJobNode& node) {
+  if (words.pathBeforeScheduler && !SetConfigPath(iniPath, node)) return false;
+  if (const Status status = node.InitializeScheduler(); status != kStatusOk) {
+    ServiceLog(1, u"Failed to initiallise ZEP scheduler, error = %x", status);
+    return false;
+  }
+  if (const Status status = node.SetLaunchPath(job.wrapper, job.xmlPath, job.parameters, job.useGuid ? 1 : 0,
+                                               job.preScript, job.postScript);
+      status != kStatusOk) {
+    ServiceLog(1, u"Failed to set the lauch path, error = %x", status);
+    return false;
+  }
+  if (!words.pathBeforeScheduler && !SetConfigPath(iniPath, node)) return false;
+  if (const Status status = node.ReadScheduleFromFile(); status != kStatusOk) {
+    ServiceLog(1, words.readFailed, status);
+    return false;
+  }
+  return true;
+}
+
+void PopulateOne(const RegistryKey& schedules, std::u16string_view keyName) {
+  CJobNode node;
+  if (!BuildJobNode(schedules, keyName, kPopulateWords, node)) return;
+  if (node.UpdateNextTimeWindow() <= 0) {
+    ServiceLog(2, u"NextTimeWindow is over: %s", node.IdText());
+    node.ReleaseScheduler();
+    return;
+  }
+  if (const Status status = g_JobList.AddJob(node); status != kStatusOk) {
+    ServiceLog(1, u"Failed to add the job to the job list, error = %x", status);
+    node.ReleaseScheduler();
+  }
+}
+
+// Makes the key when it is missing. A key that wrote is closed before anything else: its close says whether it stands.
+bool OpenSchedulesKey(const RegistryKey& version, RegistryKey& schedules) {
+  bool created = false;
+  if (platform::CreateKey(version, kSchedulesKeyName, platform::KEY_ALL_ACCESS, schedules, &created) != ERROR_SUCCESS) {
+    return false;
+  }
+  if (!created) return true;
+  return schedules.Close() == ERROR_SUCCESS &&
+         platform::OpenKey(version, kSchedulesKeyName, platform::KEY_ALL_ACCESS, schedules) == ERROR_SUCCESS;
+}
+
+}  // namespace
+
+bool BuildJobNode(const RegistryKey& schedules, std::u16string_view keyName, const JobBuildWords& words,
+                  CJobNode& node) {
+  const std::u16string name(keyName);
+  RegistryKey key;
+  if (words.idBeforeKey && !ParseId(name, words, node)) return false;
+  if (!OpenScheduleKey(schedules, name, key)) return false;
+  if (!words.idBeforeKey && !ParseId(name, words, node)) return false;
+  StoredJob job;
+  std::u16string iniPath;
+  if (ReadJob(key, name, words, node, job, iniPath) && SetUpNode(job, iniPath, words, node)) return true;
+  node.ReleaseScheduler();
+  return false;
+}
+
+}  // namespace qx
+
+Status PopulateJobList() {
+  RegistryKey version, schedules;
+  if (platform::OpenKey(Hive::kLocalMachine, qx::kCurrentVersionKey, platform::KEY_ALL_ACCESS, version) !=
+      ERROR_SUCCESS) {
+    ServiceLog(1, u"Failed to open HKEY_LOCAL_MACHINE\\SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion key");
+    return kStatusOk;
+  }
+  if (!qx::OpenSchedulesKey(version, schedules)) {
+    ServiceLog(1, u"Failed to create\\open the Schedules key");
+    return kStatusOk;
+  }
+  platform::KeyInfo info;
+  if (platform::QueryInfoKey(schedules, info) != ERROR_SUCCESS) {
+    ServiceLog(1, u"Failed to query the 'schedules' key for number of schedules");
+    return kStatusOk;
+  }
+  ServiceLog(3, u"Number of Schedules in the registry = %d", info.subKeyCount);
+  if (info.subKeyCount == 0) return kStatusOk;
+  for (std::uint32_t i = 0; i < info.subKeyCount; ++i) {
+    std::u16string name;
+    if (platform::EnumKey(schedules, i, name) != ERROR_SUCCESS) {
+      ServiceLog(1, u" Failed RegEnumKey for %d key", i);
+      continue;
+    }
+    qx::PopulateOne(schedules, name);
+  }
+  schedules.Close();
+  version.Close();
+  ServiceLog(4, u"Exited from PopulateJobList()");
+  return kStatusOk;
+}
+
+void DoCleanUp() {
+  const platform::CriticalSectionGuard guard(g_JobListLock);
+  for (CJobList::Position at = g_JobList.Begin(); at != g_JobList.End(); at = g_JobList.Erase(at)) {
+    const Status status = at->ReleaseScheduler();
+    if (status != kStatusOk) ServiceLog(1, u"DoCleanUp: ReleaseScheduler failed with error %x", status);
+  }
+}

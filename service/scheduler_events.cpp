@@ -1,0 +1,3 @@
+#include "service/scheduler_events.h"
+
+platform::EventSet g_SchedulerEvents;

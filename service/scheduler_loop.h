@@ -1,0 +1,67 @@
+// service/scheduler_loop.h: sleeps until the first job falls due, starts it, works out its next window, sleeps again.
+//
+// The thread's body is while (Step()) {}; a test calls Step() itself. Events that clients hear of a pass are collected
+// under g_JobListLock and put, in order, into the apartment's queue after it is released; nobody waits for them.
+// Threads: Step() on one thread; HeadIsOverdue() on any.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "interface/ISchedulerService.h"
+#include "platform/apartment.h"
+#include "platform/clock.h"
+#include "platform/clock_watch.h"
+#include "service/node_channel.h"
+
+namespace qx {
+
+// The sleep before a window, in milliseconds.
+//   headWindow  its low 32 bits count, sign-extended
+// Deliberate: unsigned 32-bit arithmetic without a limit. A window more than 49.7 days ahead wraps and wakes too early,
+// which does no harm; one inside the present second wraps to nearly 2^32, unless the milliseconds are 0.
+[[nodiscard]] std::uint32_t SleepBefore(std::int64_t headWindow, platform::WallClockReading now);
+
+class CSchedulerLoop {
+ public:
+  // All are borrowed and outlive the loop.
+  //   apartment  where the service's object lives
+  //   service    the service itself, called there
+  //   watch      ended at shutdown; null for none
+  //   nodes      closed at shutdown; null for none
+  CSchedulerLoop(platform::Apartment& apartment, ISchedulerService& service, platform::ClockWatch* watch = nullptr,
+                 INodeChannel* nodes = nullptr);
+  CSchedulerLoop(const CSchedulerLoop&) = delete;
+  CSchedulerLoop& operator=(const CSchedulerLoop&) = delete;
+
+  // One cycle: skips windows that have passed, sleeps until the first window or an event, and does what is to be done.
+  //   returns  false after SHUTDOWN_EVENT and after a failed wait: the loop is over for good
+  bool Step();
+
+  // Whether the head's window has passed by more than a second, at `nowSeconds`. Takes g_JobListLock.
+  [[nodiscard]] static bool HeadIsOverdue(std::int64_t nowSeconds);
+
+ private:
+  struct Notification {
+    ScheduleGuid id;
+    std::int32_t nextTimeWindow;
+  };
+
+  std::uint32_t PrepareSleep();
+  void SkipPassedWindows(std::int64_t now);
+  void LaunchPass();
+  void LaunchDueJobs(Status instance, std::vector<Notification>& notifications);
+  void Shutdown();
+
+  platform::Apartment& m_apartment;
+  ISchedulerService& m_service;
+  platform::ClockWatch* m_watch;
+  INodeChannel* m_nodes;
+  std::int64_t m_firstWindow = 0;  // the head's window when the cycle began
+  std::int64_t m_sleepFrom = 0;    // steady nanoseconds from which the sleep runs, so that it ends on the second
+};
+
+// The body of the scheduler thread. Always 0.
+std::uint32_t ThreadProcedure(CSchedulerLoop& loop);
+
+}  // namespace qx

@@ -1,0 +1,352 @@
+#include "service/service_module.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include "foundation/include/zfclog.h"
+#include "platform/event_log.h"
+#include "platform/host.h"
+#include "platform/memory.h"
+#include "platform/registry.h"
+#include "platform/terminal.h"
+#include "platform/text.h"
+#include "platform/thread.h"
+#include "service/schedule_store.h"
+#include "service/scheduler_events.h"
+#include "service/service_registration.h"
+
+namespace qx {
+namespace {
+
+using platform::ERROR_FILE_NOT_FOUND;
+using platform::ERROR_SUCCESS;
+using platform::ErrorCode;
+using platform::ServiceState;
+using ZepFoundation::ForLog;
+using ZepFoundation::ServiceLog;
+
+constexpr int kExitDone = 0;
+constexpr int kExitFailed = 1;
+
+// An own option: where its value goes, or its flag.
+struct OwnOption {
+  std::string_view name;
+  std::string ServiceOptions::*value;
+  bool ServiceOptions::*flag;
+};
+constexpr OwnOption kOwnOptions[] = {
+    {"--root", &ServiceOptions::root, nullptr},       {"--bus", &ServiceOptions::busAddress, nullptr},
+    {"--destdir", &ServiceOptions::destdir, nullptr}, {"--foreground", nullptr, &ServiceOptions::foreground},
+    {"--version", nullptr, &ServiceOptions::version}, {"--help", nullptr, &ServiceOptions::help},
+};
+
+constexpr std::pair<std::string_view, CommandWord> kWords[] = {{"unregserver", CommandWord::kUnregServer},
+                                                               {"regserver", CommandWord::kRegServer},
+                                                               {"service", CommandWord::kService}};
+
+constexpr std::string_view kHelp =
+    "Usage: QxSchedService [OPTIONS] [-RegServer | -UnregServer | -Service]\n"
+    "\n"
+    "Runs the scheduler service. It has to be registered once before.\n"
+    "\n"
+    "  -RegServer         register: make the state directory and its registry\n"
+    "  -Service           register as a service of this machine\n"
+    "  -UnregServer       take the registration back; schedules stay\n"
+    "\n"
+    "  --root DIR         state directory (QXSVC_ROOT; /var/lib/qxsvc for root, else ~/.local/state/qxsvc)\n"
+    "  --bus ADDRESS      message bus: session, system or an address (system for root, else session)\n"
+    "  --foreground       stay until SIGTERM; without it and without a service manager the program ends with its\n"
+    "                     last client\n"
+    "  --destdir DIR      put files of the host below DIR (packaging)\n"
+    "  --version          print the version\n"
+    "  --help             print this\n";
+
+std::string Lower(std::string_view text) {
+  std::string lower(text);
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : static_cast<char>(c);
+  });
+  return lower;
+}
+
+void ComplainUtf8(const std::string& text) {
+  Complain(platform::WideFromUtf8(text));
+}
+
+void ReportGuard(std::string_view where, std::string_view what) {
+  ServiceLog(0, u"An exception was caught in %s: %s", ForLog(platform::WideFromUtf8(where)),
+             ForLog(platform::WideFromUtf8(what)));
+}
+
+void WriteEvent(std::uint32_t number) {
+  platform::ReportEvent(kServiceTitle, platform::EventKindOf(number), number, u"");
+}
+
+}  // namespace
+
+bool ParseServiceArguments(std::span<const char* const> arguments, ServiceOptions& options, std::string& error) {
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    const std::string_view word = arguments[i];
+    const std::size_t equals = word.find('=');
+    const auto own = std::find_if(std::begin(kOwnOptions), std::end(kOwnOptions), [&](const OwnOption& option) {
+      return option.name == (option.value != nullptr ? word.substr(0, equals) : word);
+    });
+    if (own == std::end(kOwnOptions)) {
+      if (!options.words.empty()) options.words += ' ';
+      options.words += word;
+    } else if (own->flag != nullptr) {
+      options.*own->flag = true;
+    } else if (equals != std::string_view::npos) {
+      options.*own->value = word.substr(equals + 1);
+    } else if (i + 1 < arguments.size()) {
+      options.*own->value = arguments[++i];
+    } else {
+      error = "option " + std::string(word) + " needs a value";
+      return false;
+    }
+  }
+  return true;
+}
+
+CommandWord FindCommandWord(std::string_view words) {
+  const std::string line = Lower(words);
+  for (std::size_t cut = line.find_first_of("-/"); cut != std::string::npos; cut = line.find_first_of("-/", cut + 1)) {
+    for (const auto& [text, word] : kWords) {
+      if (std::string_view(line).substr(cut + 1) == text) return word;
+    }
+  }
+  return CommandWord::kNone;
+}
+
+CServiceModule::CServiceModule(ServiceOptions options, INodeChannel* nodes)
+    : m_options(std::move(options)),
+      m_nodes(nodes),
+      m_loop(m_apartment, m_service, &m_clockWatch, nodes),
+      m_timeChange(m_clockWatch),
+      m_parts{m_loop, m_timeChange, nodes} {}
+
+CServiceModule::~CServiceModule() = default;
+
+int CServiceModule::Main() {
+  if (m_options.help) {
+    std::fwrite(kHelp.data(), 1, kHelp.size(), stdout);
+    return kExitDone;
+  }
+  if (m_options.version) {
+    std::puts("QxSchedService " QX_VERSION);
+    return kExitDone;
+  }
+  if (!FindStateDirectory()) return kExitFailed;
+  const CommandWord word = FindCommandWord(m_options.words);
+  return word == CommandWord::kNone ? Start() : Register(word);
+}
+
+bool CServiceModule::FindStateDirectory() {
+  std::string directory = m_options.root.empty() ? platform::DefaultStateDirectory() : m_options.root;
+  if (directory.empty()) {
+    Complain(u"There is no state directory: name one with --root");
+    return false;
+  }
+  if (const ErrorCode rc = platform::AbsoluteName(directory); rc != ERROR_SUCCESS) {
+    ComplainUtf8("The state directory " + directory + " can't be found, error " + std::to_string(rc));
+    return false;
+  }
+  platform::SetStateDirectory(directory);
+  return true;
+}
+
+int CServiceModule::Register(CommandWord word) {
+  const std::string directory = platform::StateDirectory();
+  const std::string file = RegistryFile(directory);
+  if (word == CommandWord::kUnregServer && !platform::FileExists(file)) return kExitDone;  // never registered
+  if (const ErrorCode rc = CreateStateFolders(); rc != ERROR_SUCCESS) {
+    ComplainUtf8("The state directory " + directory + " can't be made, error " + std::to_string(rc));
+    return kExitFailed;
+  }
+  std::string why;
+  if (platform::OpenRegistryStore(file, &why) != ERROR_SUCCESS) {
+    ComplainUtf8(why);
+    return kExitFailed;
+  }
+  const ErrorCode done =
+      word == CommandWord::kUnregServer ? UnregisterServer() : RegisterServer(word == CommandWord::kService);
+  const ErrorCode closed = platform::CloseRegistryStore();
+  return done == ERROR_SUCCESS && closed == ERROR_SUCCESS ? kExitDone : kExitFailed;
+}
+
+int CServiceModule::Start() {
+  const std::string directory = platform::StateDirectory();
+  const auto unregistered = [&](ErrorCode code) {
+    ComplainUtf8("This server isn't registered in " + directory + " (error " + std::to_string(code) +
+                 "). Register it once with: QxSchedService -RegServer");
+    return static_cast<int>(code);
+  };
+  // Looked for first: opening would make it.
+  if (!platform::FileExists(RegistryFile(directory))) return unregistered(ERROR_FILE_NOT_FOUND);
+  if (const ErrorCode rc = platform::LockStateDirectory(m_stateLock); rc != ERROR_SUCCESS) {
+    ComplainUtf8(rc == platform::ERROR_LOCK_VIOLATION
+                     ? "Another service works on " + directory
+                     : "The state directory " + directory + " can't be locked, error " + std::to_string(rc));
+    return kExitFailed;
+  }
+  if (!OpenStore()) return kExitFailed;
+  if (const ErrorCode rc = ReadApplicationKey(); rc != ERROR_SUCCESS) return unregistered(rc);
+  if (const ErrorCode rc = CreateStateFolders(); rc != ERROR_SUCCESS) {
+    ComplainUtf8("The folders of " + directory + " can't be made, error " + std::to_string(rc));
+    return kExitFailed;
+  }
+  platform::SetGuardReport(&ReportGuard);
+  if (m_runsAsService) m_runsAsService = StartDispatcher();
+  if (m_runsAsService) {
+    ServiceMain();
+  } else {
+    Run();
+  }
+  // The store stays open: closing it would commit what another thread has half written.
+  return static_cast<int>(m_exitCode);
+}
+
+// Opens the registry store when it is whole.
+bool CServiceModule::OpenStore() {
+  const std::string file = RegistryFile(platform::StateDirectory());
+  std::string where;
+  if (const ErrorCode rc = platform::CheckRegistryStore(file, where); rc != ERROR_SUCCESS) {
+    ComplainUtf8("The registry " + file + " is damaged: " + where);
+    std::string copy;
+    const ErrorCode kept = platform::KeepDamagedCopy(file, copy);
+    ComplainUtf8(kept == ERROR_SUCCESS ? "A copy was kept as " + copy +
+                                             ". Restore the registry from a backup, or remove it and register anew."
+                                       : "It couldn't be copied, error " + std::to_string(kept));
+    return false;
+  }
+  std::string why;
+  if (platform::OpenRegistryStore(file, &why) == ERROR_SUCCESS) return true;
+  ComplainUtf8(why);
+  return false;
+}
+
+// The running-as-service flag stays set when the value "LocalService" can be read; --foreground is a service in any
+// case.
+ErrorCode CServiceModule::ReadApplicationKey() {
+  platform::RegistryKey key;
+  const ErrorCode rc = platform::OpenKey(platform::Hive::kClassesRoot, ApplicationKey(), platform::KEY_READ, key);
+  if (rc != ERROR_SUCCESS) return rc;
+  std::u16string name;
+  m_runsAsService = m_options.foreground || platform::ReadRegistryString(key, u"LocalService", name) == ERROR_SUCCESS;
+  return ERROR_SUCCESS;
+}
+
+// Whether somebody is there to say when the service shall stop.
+bool CServiceModule::StartDispatcher() {
+  return m_options.foreground || platform::HasServiceManager();
+}
+
+void CServiceModule::ServiceMain() {
+  m_controls.emplace();
+  const ErrorCode rc = m_controls->Start([this](std::uint32_t control) { HandleControl(control); });
+  if (rc != ERROR_SUCCESS) {
+    WriteEvent(kEventHandlerNotInstalled);
+    Complain(u"The control handler can't be installed");
+    m_exitCode = kExitFailed;
+    return;
+  }
+  Report(ServiceState::kStartPending, "starting");
+  m_exitCode = kExitDone;
+  Run();
+  SetProcessRef(true);
+  Report(ServiceState::kStopped, "stopped");
+  WriteEvent(kEventStopped);
+}
+
+void CServiceModule::HandleControl(std::uint32_t control) {
+  switch (control) {
+    case platform::kServiceControlStop: {
+      const std::lock_guard hold(m_stopLock);
+      if (m_eventsReady) {
+        g_SchedulerEvents.Set(SHUTDOWN_EVENT);
+      } else {
+        m_stopWanted = true;
+      }
+      Report(ServiceState::kStopPending, "stopping");
+      m_apartment.Quit();
+      break;
+    }
+    case platform::kServiceControlPause:
+    case platform::kServiceControlContinue:
+    case platform::kServiceControlInterrogate:
+    case platform::kServiceControlShutdown:
+      break;  // Deliberate: a shutdown of the system is no orderly stop.
+    default:
+      WriteEvent(kEventBadControl);
+  }
+}
+
+void CServiceModule::Run() {
+  StartBus();
+  WriteEvent(kEventStarted);
+  if (m_runsAsService) Report(ServiceState::kRunning, "running");
+  // Deliberate: the level of the log isn't known yet, so that the line is never written.
+  ServiceLog(1, u"Service is starting");
+  (void)RunThread(m_parts);  // Deliberate: whatever it met, the service goes on with what did start.
+  for (platform::Thread* thread : {&m_parts.schedulerThread, &m_parts.timeChangeThread, &m_parts.socketThread}) {
+    if (thread->joinable()) thread->Detach();
+  }
+  {
+    const std::lock_guard hold(m_stopLock);
+    m_eventsReady = true;
+    if (m_stopWanted) g_SchedulerEvents.Set(SHUTDOWN_EVENT);
+  }
+  SetProcessRef(false);
+  m_apartment.Run();
+  m_bus->Stop();
+}
+
+void CServiceModule::StartBus() {
+  m_bus.emplace(m_apartment, m_service, m_service);
+  CServiceBus::Options options;
+  options.address = BusAddress();
+  options.version = QX_VERSION;
+  options.port = [this] { return m_parts.port; };
+  if (!m_runsAsService) options.lastClientLeft = [this] { m_apartment.Quit(); };
+  // Only while it starts: whoever read the program's errors may be gone later. The log has each loss.
+  options.lost = [this](ErrorCode code) {
+    if (m_started) return;
+    ComplainUtf8("No connection to the bus, error " + std::to_string(code) + "; jobs run without it");
+  };
+  (void)m_bus->Start(std::move(options));  // a failure was told, and it is tried again
+  m_started = true;
+}
+
+platform::BusAddress CServiceModule::BusAddress() const {
+  if (m_options.busAddress == "session") return platform::BusAddress::Session();
+  if (m_options.busAddress == "system") return platform::BusAddress::System();
+  if (!m_options.busAddress.empty()) return platform::BusAddress::Explicit(m_options.busAddress);
+  return platform::RunsAsRoot() ? platform::BusAddress::System() : platform::BusAddress::Session();
+}
+
+void CServiceModule::Report(ServiceState state, std::string_view text) {
+  (void)platform::ReportServiceState(state, text);  // a manager that can't be told finds out by itself
+}
+
+void CServiceModule::SetProcessRef(bool reset) {
+  platform::RegistryKey key;
+  ErrorCode rc = platform::OpenKey(platform::Hive::kLocalMachine, kProviderKey, platform::KEY_ALL_ACCESS, key);
+  if (rc != ERROR_SUCCESS) {
+    ServiceLog(2, u"CServiceModule::SetProcessRef , RegOpenKeyEx failed hr = %ul", rc);
+    return;
+  }
+  platform::NamedBuffer<std::uint32_t> process(1, "SetProcessRef");
+  if (!process) {
+    ServiceLog(2, u"CServiceModule::SetProcessRef pBuff = NULL");
+    return;
+  }
+  process[0] = reset ? 0 : platform::CurrentProcessId();
+  rc = platform::SetDword(key, u"ProcId", process[0]);
+  const ErrorCode closed = key.Close();
+  if (rc == ERROR_SUCCESS) rc = closed;
+  ServiceLog(2, reset ? u"CServiceModule::SetProcessRef , PID reseted" : u"CServiceModule::SetProcessRef , PID set");
+  ServiceLog(2, u"CServiceModule::SetProcessRef , res = %ul", rc);
+}
+
+}  // namespace qx

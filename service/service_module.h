@@ -1,0 +1,110 @@
+// service/service_module.h: the program as a whole: its words, its start, its service states, its end.
+//
+// A service stays until the stop control; a plain server ends with its last client. It is a service when it was
+// registered as one and a service manager listens (NOTIFY_SOCKET), or when it was started with --foreground.
+// Threads: everything on the main thread, which becomes the apartment's; HandleControl() on the control handler's.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "platform/apartment.h"
+#include "platform/bus.h"
+#include "platform/clock_watch.h"
+#include "platform/file.h"
+#include "platform/service_control.h"
+#include "service/node_channel.h"
+#include "service/run_thread.h"
+#include "service/scheduler_service.h"
+#include "service/service_bus.h"
+
+namespace qx {
+
+// Numbers of the events; each is written with an empty text.
+inline constexpr std::uint32_t kEventStarted = 0x68110002;
+inline constexpr std::uint32_t kEventStopped = 0x68110004;
+inline constexpr std::uint32_t kEventHandlerNotInstalled = 0xE8110001;
+inline constexpr std::uint32_t kEventBadControl = 0xE8110003;
+
+// The command line.
+struct ServiceOptions {
+  std::string root;         // --root DIR: the state directory; empty: the default one
+  std::string busAddress;   // --bus ADDRESS: "session", "system" or an address; empty: system for root, else session
+  std::string destdir;      // --destdir DIR: where files for the host are put, in front of their places
+  bool foreground = false;  // --foreground: stay until SIGTERM
+  bool version = false;
+  bool help = false;
+  std::string words;  // all other words, joined by one blank
+};
+
+// Takes the program's own options, "--name VALUE" or "--name=VALUE", out of its arguments (without its name).
+//   error    a sentence, when an option's value is missing
+//   returns  false then; `options` is partly filled
+[[nodiscard]] bool ParseServiceArguments(std::span<const char* const> arguments, ServiceOptions& options,
+                                         std::string& error);
+
+enum class CommandWord { kNone, kUnregServer, kRegServer, kService };
+
+// The line is cut at each "-" or "/"; the first cut behind which the whole rest is one of the words, in any case of
+// letters, wins. So a further argument behind a word makes it none.
+[[nodiscard]] CommandWord FindCommandWord(std::string_view words);
+
+class CServiceModule {
+ public:
+  //   nodes  borrowed for the life of the process; null: nothing is carried to other nodes
+  explicit CServiceModule(ServiceOptions options, INodeChannel* nodes = nullptr);
+  CServiceModule(const CServiceModule&) = delete;
+  CServiceModule& operator=(const CServiceModule&) = delete;
+  // Never reached while the threads run: the process ends by _Exit() with the code of Main().
+  ~CServiceModule();
+
+  // Does what the command line says: registers, unregisters, or runs to the end.
+  //   returns  the process's exit code: 0; 2 when the server was never registered; 1 for a failed start or registration
+  int Main();
+
+  // What a control does. Any thread.
+  void HandleControl(std::uint32_t control);
+
+  // Sets "ProcId" to the process's number, or to 0; the key isn't made here. Failures are logged and stop nothing.
+  static void SetProcessRef(bool reset);
+
+ private:
+  [[nodiscard]] bool FindStateDirectory();
+  int Register(CommandWord word);
+  int Start();
+  [[nodiscard]] bool OpenStore();
+  [[nodiscard]] platform::ErrorCode ReadApplicationKey();
+  [[nodiscard]] bool StartDispatcher();
+  void ServiceMain();
+  void Run();
+  void StartBus();
+  void Report(platform::ServiceState state, std::string_view text);
+  [[nodiscard]] platform::BusAddress BusAddress() const;
+
+  const ServiceOptions m_options;
+  INodeChannel* const m_nodes;
+  bool m_runsAsService = true;
+  bool m_started = false;  // the first attempt at the bus is over
+  std::uint32_t m_exitCode = 0;  // of the status record
+
+  platform::File m_stateLock;
+  std::optional<platform::ServiceControlHandler> m_controls;
+  platform::Apartment m_apartment;
+  CSchedulerService m_service;
+  platform::ClockWatch m_clockWatch;
+  CSchedulerLoop m_loop;
+  CTimeChangeThread m_timeChange;
+  RunThreadParts m_parts;
+  std::optional<CServiceBus> m_bus;
+
+  std::mutex m_stopLock;
+  bool m_eventsReady = false;  // guarded by m_stopLock: RunThread has made the events
+  bool m_stopWanted = false;   // guarded by m_stopLock: the stop control came before
+};
+
+}  // namespace qx

@@ -1,0 +1,126 @@
+#include "service/list_info.h"
+
+#include "service/tests/service_fixture.h"
+
+namespace qx {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class ListInfo : public testing::ServiceFixture {
+ protected:
+  std::vector<ListRow> Page(const std::u16string& after = {}, std::uint32_t limit = 0) {
+    std::vector<ListRow> rows;
+    EXPECT_EQ(m_list.Page(after, limit, rows), kStatusOk);
+    return rows;
+  }
+  static std::vector<std::string> Ids(const std::vector<ListRow>& rows) {
+    std::vector<std::string> ids;
+    for (const ListRow& row : rows) ids.push_back(testing::Narrow(row.id));
+    return ids;
+  }
+  // `count` schedules; their IDs in order.
+  std::vector<std::string> CreateMany(int count) {
+    std::vector<std::string> ids;
+    for (int i = 0; i < count; ++i) ids.push_back(Text(Create(Daily())));
+    std::sort(ids.begin(), ids.end());
+    return ids;
+  }
+  CListInfo m_list;
+};
+
+TEST_F(ListInfo, TellsEverythingOfAListedSchedule) {
+  SCHEDULE_OBJECT schedule = Daily();
+  schedule.bstrParameters = u"-v";
+  schedule.bstrPreScript = u"pre";
+  schedule.bstrPostScript = u"post";
+  schedule.bUseGUID = 1;
+  const ScheduleGuid id = Create(schedule);
+  const ListRow expected = {
+      platform::GuidText(id),        u"daily", u"snapshot", u"vol-17", 4, u"/bin/true",
+      *schedule.bstrXMLFilePathName, u"-v",    u"pre",      u"post",   1, schedule.stScheduleRules.lStartTime};
+  const std::vector<ListRow> rows = Page();
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_TRUE(rows[0] == expected);
+}
+
+TEST_F(ListInfo, ReadsTheNameOfAScheduleWithoutANodeFromItsFile) {
+  const ScheduleGuid id = Create(Daily());
+  DoCleanUp();
+  const std::vector<ListRow> rows = Page();
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].name, u"daily");
+  EXPECT_EQ(rows[0].nextWindow, kNoWindow);
+  std::filesystem::remove(IniFile(id));
+  EXPECT_EQ(Page()[0].name, u"");
+}
+
+TEST_F(ListInfo, MovesAFileThatLiesAsideBackBeforeItReads) {
+  const ScheduleGuid id = Create(Daily());
+  DoCleanUp();
+  std::filesystem::rename(IniFile(id), IniFile(id) + ".old");
+  EXPECT_EQ(Page()[0].name, u"daily");
+  EXPECT_TRUE(std::filesystem::exists(IniFile(id)));
+}
+
+TEST_F(ListInfo, ShowsADamagedKeyByItsIdAlone) {
+  const ScheduleGuid id = Create(Daily());
+  RemoveValue(id, u"PostScript");
+  const std::vector<ListRow> rows = Page();
+  ASSERT_EQ(rows.size(), 1u);
+  ListRow expected;
+  expected.id = platform::GuidText(id);
+  expected.nextWindow = kDamagedKey;
+  EXPECT_TRUE(rows[0] == expected);
+}
+
+TEST_F(ListInfo, LeavesKeysOutWhoseNamesAreNoIds) {
+  MakeKey(std::u16string(kSchedulesKey) + u"\\{not an id}");
+  EXPECT_THAT(Page(), IsEmpty());
+}
+
+TEST_F(ListInfo, PagesMeetEveryScheduleOnce) {
+  const std::vector<std::string> ids = CreateMany(11);
+  for (const std::uint32_t limit : {1u, 2u, 3u, 10u, 11u, 12u, 0u}) {
+    std::vector<std::string> seen;
+    std::u16string last;
+    while (true) {
+      const std::vector<ListRow> page = Page(last, limit);
+      if (page.empty()) break;
+      EXPECT_LE(page.size(), limit == 0 ? kListPageLimit : limit);
+      for (const std::string& id : Ids(page)) seen.push_back(id);
+      last = page.back().id;
+    }
+    EXPECT_EQ(seen, ids) << "limit " << limit;
+  }
+}
+
+TEST_F(ListInfo, GoesOnBehindAnIdWhateverHappenedMeanwhile) {
+  const std::vector<std::string> ids = CreateMany(6);
+  const auto deleteOne = [&](const std::string& text) {
+    ScheduleGuid id;
+    ASSERT_EQ(platform::ClsidFromString(testing::Wide(text), id), 0u);
+    ASSERT_EQ(m_service.DeleteSchedule(id), kStatusOk);
+  };
+  EXPECT_THAT(Ids(Page({}, 3)), ElementsAre(ids[0], ids[1], ids[2]));
+  deleteOne(ids[0]);  // everything moves up by one
+  EXPECT_THAT(Ids(Page(testing::Wide(ids[2]), 2)), ElementsAre(ids[3], ids[4]));
+  deleteOne(ids[4]);  // the place itself is gone
+  EXPECT_THAT(Ids(Page(testing::Wide(ids[4]), 2)), ElementsAre(ids[5]));
+  EXPECT_THAT(Page(testing::Wide(ids[5]), 2), IsEmpty());
+}
+
+TEST_F(ListInfo, FailsAsTheListDoesWhenTheKeysCantBeRead) {
+  Create(Daily());
+  for (const platform::Operation operation : {platform::Operation::kRegOpenKey, platform::Operation::kRegEnumKey}) {
+    std::vector<ListRow> rows(1);
+    const auto plan = platform::FaultPlan::FailCall(operation, 1, platform::ERROR_REGISTRY_IO_FAILED);
+    EXPECT_EQ(m_list.Page({}, 0, rows), kStatusList) << platform::OperationName(operation);
+    EXPECT_EQ(rows.size(), 1u);
+  }
+  EXPECT_TRUE(m_log.Has(1, "ListInfo: Failed with error : 3f8"));
+}
+
+}  // namespace
+}  // namespace qx

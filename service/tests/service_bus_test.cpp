@@ -1,0 +1,283 @@
+#include "service/service_bus.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <stdexcept>
+
+#include "common/bus_records.h"
+#include "foundation/testing/captured_log.h"
+#include "platform/text.h"
+#include "service/scheduler_service.h"
+
+namespace qx {
+namespace {
+
+using platform::BusConnection;
+using platform::BusError;
+using platform::BusValue;
+using platform::ERROR_SUCCESS;
+using platform::MessageReader;
+using platform::MessageWriter;
+using testing::ElementsAre;
+
+// Notes the calls and answers what it was told to.
+class FakeService : public ISchedulerService {
+ public:
+  Status CreateSchedule(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id) override {
+    id = CLSID_SchedulerService;
+    return Note("CreateSchedule " + Text(schedule.bstrName));
+  }
+  Status DeleteSchedule(const ScheduleGuid& id) override { return Note("DeleteSchedule " + Text(id)); }
+  Status ModifySchedule(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule) override {
+    return Note("ModifySchedule " + Text(id) + " " + Text(schedule.bstrName));
+  }
+  Status ListSchedule(std::uint32_t& count, ScheduleList& schedules) override {
+    if (throws) throw std::runtime_error("thrown");
+    count = static_cast<std::uint32_t>(listed.size());
+    if (!listed.empty()) Fill(schedules, listed);
+    return Note("ListSchedule");
+  }
+  Status GetScheduleInfo(const ScheduleGuid& id, ScheduleInfo& schedule) override {
+    if (!info.empty()) Fill(schedule, info);
+    return Note("GetScheduleInfo " + Text(id));
+  }
+  Status CreateScheduleOnNodes(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id, std::uint32_t count,
+                               const NodeNames& names, NodeResults& results) override {
+    id = CLSID_SchedulerService;
+    return NoteNodes("CreateScheduleOnNodes " + Text(schedule.bstrName), count, names, results);
+  }
+  Status DeleteScheduleOnNodes(const ScheduleGuid& id, std::uint32_t count, const NodeNames& names,
+                               NodeResults& results) override {
+    return NoteNodes("DeleteScheduleOnNodes " + Text(id), count, names, results);
+  }
+  Status ModifyScheduleOnNodes(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule, std::uint32_t count,
+                               const NodeNames& names, NodeResults& results) override {
+    return NoteNodes("ModifyScheduleOnNodes " + Text(id) + " " + Text(schedule.bstrName), count, names, results);
+  }
+  Status Refresh() override { return Note("Refresh"); }
+  Status Notify_NextTimeWindow_Modify(const ScheduleGuid& id, std::int32_t window) override {
+    return Note("Notify_NextTimeWindow_Modify " + Text(id) + " " + std::to_string(window));
+  }
+  Status Notify_SystemTime_Change(std::int32_t count, const std::vector<std::u16string>& ids,
+                                  const std::vector<std::int32_t>& windows) override {
+    return Note("Notify_SystemTime_Change " + std::to_string(count) + " " + std::to_string(ids.size()) + " " +
+                std::to_string(windows.size()));
+  }
+  Status UpdateList(std::int32_t type, const BSTR& value, std::uint32_t&, std::vector<std::u16string>&) override {
+    return Note("UpdateList " + std::to_string(type) + " " + Text(value));
+  }
+  Status PerformOperationOnNodes(const BSTR& data, std::uint32_t count, const NodeNames& names,
+                                 NodeResults& results) override {
+    return NoteNodes("PerformOperationOnNodes " + Text(data), count, names, results);
+  }
+
+  std::vector<std::string> calls;
+  Status answer = kStatusOk;
+  bool throws = false;
+  std::vector<SCHEDULE_OBJECT_EX> listed;
+  std::vector<SCHEDULE_OBJECT> info;
+
+ private:
+  template <class Record>
+  static void Fill(platform::RecordArray<Record>& array, const std::vector<Record>& records) {
+    Record* data = nullptr;
+    ASSERT_EQ(array.Create(records.size(), "test"), 0u);
+    ASSERT_EQ(array.AccessData(data, "test"), 0u);
+    std::copy(records.begin(), records.end(), data);
+    ASSERT_EQ(array.UnaccessData("test"), 0u);
+  }
+  static std::string Text(const BSTR& text) { return text ? platform::Utf8FromWide(*text) : "null"; }
+  static std::string Text(const ScheduleGuid& id) { return platform::Utf8FromWide(platform::GuidText(id)); }
+  Status Note(std::string call) {
+    calls.push_back(std::move(call));
+    return answer;
+  }
+  Status NoteNodes(std::string call, std::uint32_t count, const NodeNames& names, NodeResults& results) {
+    call += " " + std::to_string(count);
+    for (const std::u16string& name : names) call += " " + platform::Utf8FromWide(name);
+    for (const std::int32_t result : results) call += " " + std::to_string(result);
+    results = {0, 1};
+    return Note(std::move(call));
+  }
+};
+
+class ServiceBus : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(BusConnection::OpenPair(m_server, m_client), ERROR_SUCCESS);
+    ASSERT_EQ(m_bus.Export(m_server), ERROR_SUCCESS);
+  }
+  // The reply's values, or the error.
+  BusError Call(std::string_view member, const std::vector<BusValue>& arguments,
+                std::vector<BusValue>* values = nullptr) {
+    MessageWriter call;
+    EXPECT_EQ(m_client.NewCall("", kBusPath, kBusServiceInterface, member, call), ERROR_SUCCESS);
+    for (const BusValue& argument : arguments) call.AppendValue(argument);
+    std::optional<BusError> answer;
+    EXPECT_EQ(m_client.CallAsync(std::move(call),
+                                 [&](MessageReader& reply, const BusError& error) {
+                                   answer = error;
+                                   while (values != nullptr && !reply.AtEnd()) {
+                                     if (reply.ReadValue(values->emplace_back()) != ERROR_SUCCESS) break;
+                                   }
+                                 }),
+              ERROR_SUCCESS);
+    while (!answer && m_server.IsOpen() && m_client.IsOpen()) {
+      (void)m_server.Process();
+      (void)m_client.Process();
+    }
+    return answer.value_or(BusError::Failed("the connection was lost"));
+  }
+
+  ZepFoundation::CapturedServiceLog m_log;
+  platform::Apartment m_apartment;
+  FakeService m_service;
+  CProxyISchedulerServiceEvents m_events;
+  CServiceBus m_bus{m_apartment, m_service, m_events};
+  BusConnection m_server;
+  BusConnection m_client;
+};
+
+const std::string kId = "{99E6EA90-FFAE-46F2-B940-62519E6E0FD6}";
+const BusValue kIdValue = BusValue::String(kId);
+const BusValue kSchedule = BusValue::Dict({{"bstrName", BusValue::String("n")}});
+
+BusValue Strings(const std::vector<std::string>& texts) {
+  std::vector<BusValue> values;
+  for (const std::string& text : texts) values.push_back(BusValue::String(text));
+  return BusValue::Array("s", std::move(values));
+}
+BusValue Numbers(const std::vector<std::int32_t>& numbers) {
+  std::vector<BusValue> values;
+  for (const std::int32_t number : numbers) values.push_back(BusValue::Int32(number));
+  return BusValue::Array("i", std::move(values));
+}
+
+struct MethodCase {
+  int line;
+  const char* member;
+  std::vector<BusValue> arguments;
+  std::string call;               // as the service meets it
+  std::vector<BusValue> outputs;  // behind the status
+};
+
+std::vector<MethodCase> MethodCases() {
+  const std::vector<BusValue> nodes = {BusValue::Uint32(2), Strings({"a", "b"}), Numbers({7, 8})};
+  const auto with = [&](std::vector<BusValue> arguments) {
+    arguments.insert(arguments.end(), nodes.begin(), nodes.end());
+    return arguments;
+  };
+  const BusValue results = Numbers({0, 1});
+  return {
+      {__LINE__, "CreateSchedule", {kSchedule}, "CreateSchedule n", {kIdValue}},
+      {__LINE__, "DeleteSchedule", {kIdValue}, "DeleteSchedule " + kId, {}},
+      {__LINE__, "ModifySchedule", {kIdValue, kSchedule}, "ModifySchedule " + kId + " n", {}},
+      {__LINE__, "ListSchedule", {}, "ListSchedule", {BusValue::Uint32(0), BusValue::Array("(ussssssssu)", {})}},
+      {__LINE__, "GetScheduleInfo", {kIdValue}, "GetScheduleInfo " + kId, {BusValue::Array("a{sv}", {})}},
+      {__LINE__, "CreateScheduleOnNodes", with({kSchedule}), "CreateScheduleOnNodes n 2 a b 7 8", {kIdValue, results}},
+      {__LINE__, "DeleteScheduleOnNodes", with({kIdValue}), "DeleteScheduleOnNodes " + kId + " 2 a b 7 8", {results}},
+      {__LINE__,
+       "ModifyScheduleOnNodes",
+       with({kIdValue, kSchedule}),
+       "ModifyScheduleOnNodes " + kId + " n 2 a b 7 8",
+       {results}},
+      {__LINE__, "Refresh", {}, "Refresh", {}},
+      {__LINE__,
+       "Notify_NextTimeWindow_Modify",
+       {kIdValue, BusValue::Int32(-1)},
+       "Notify_NextTimeWindow_Modify " + kId + " -1",
+       {}},
+      {__LINE__,
+       "Notify_SystemTime_Change",
+       {BusValue::Int32(1), Strings({"x"}), Numbers({5})},
+       "Notify_SystemTime_Change 1 1 1",
+       {}},
+      {__LINE__,
+       "UpdateList",
+       {BusValue::Int32(2), BusValue::String("v")},
+       "UpdateList 2 v",
+       {BusValue::Uint32(0), Strings({})}},
+      {__LINE__,
+       "PerformOperationOnNodes",
+       with({BusValue::String("d")}),
+       "PerformOperationOnNodes d 2 a b 7 8",
+       {results}},
+  };
+}
+
+TEST_F(ServiceBus, EachMethodHandsItsArgumentsOnAndAnswersStatusAndOutputs) {
+  for (const Status status : {kStatusOk, kStatusFailure, kStatusRegistryRead}) {
+    m_service.answer = status;
+    for (const MethodCase& c : MethodCases()) {
+      m_service.calls.clear();
+      std::vector<BusValue> values;
+      EXPECT_EQ(Call(c.member, c.arguments, &values).text, "") << "line " << c.line;
+      EXPECT_THAT(m_service.calls, ElementsAre(c.call)) << "line " << c.line;
+      std::vector<BusValue> expected = {BusValue::Int32(static_cast<std::int32_t>(status))};
+      expected.insert(expected.end(), c.outputs.begin(), c.outputs.end());
+      EXPECT_TRUE(values == expected) << c.member << ", line " << c.line;
+    }
+  }
+}
+
+TEST_F(ServiceBus, AnOperationThatIsNotCarriedOutIsABusError) {
+  m_service.answer = kStatusNotSupported;
+  for (const MethodCase& c : MethodCases()) {
+    EXPECT_EQ(Call(c.member, c.arguments).name, kBusErrorNotSupported) << c.member;
+  }
+}
+
+TEST_F(ServiceBus, RefusedArgumentsDontReachTheService) {
+  const BusValue noId = BusValue::String("x");
+  for (MethodCase& c : MethodCases()) {
+    for (std::size_t i = 0; i < c.arguments.size(); ++i) {
+      std::vector<BusValue> arguments = c.arguments;
+      if (arguments[i] == kIdValue) {
+        arguments[i] = noId;
+      } else if (arguments[i] == kSchedule) {
+        arguments[i] = BusValue::Dict({{"nothing", BusValue::Int32(1)}});
+      } else if (arguments[i].type == "as") {
+        arguments[i] = Strings({"a\nb"});
+      } else if (arguments[i].type == "s") {
+        arguments[i] = BusValue::String("a\rb");
+      } else {
+        continue;  // any number is taken
+      }
+      EXPECT_EQ(Call(c.member, arguments).name, platform::kBusErrorInvalidArgs) << c.member << " argument " << i;
+    }
+  }
+  EXPECT_TRUE(m_service.calls.empty());
+}
+
+TEST_F(ServiceBus, AListAboveTheLimitIsRefusedNamingListInfo) {
+  SCHEDULE_OBJECT_EX large;
+  large.bstrParameters = std::u16string(std::size_t{1} << 20, u'x');
+  m_service.listed.assign(ReplyLimit() >> 20, large);  // with the other fields a little above
+  const BusError error = Call("ListSchedule", {});
+  EXPECT_EQ(error.name, platform::kBusErrorLimitsExceeded);
+  EXPECT_THAT(error.text, testing::HasSubstr("com.korvane.QxSched1.Manager.ListInfo"));
+  m_service.listed.resize(2);
+  std::vector<BusValue> values;
+  EXPECT_EQ(Call("ListSchedule", {}, &values).text, "");
+  ASSERT_EQ(values.size(), 3u);
+  EXPECT_EQ(values[1], BusValue::Uint32(2));
+  EXPECT_EQ(std::get<std::vector<BusValue>>(values[2].data).size(), 2u);
+}
+
+TEST_F(ServiceBus, AnExceptionOfTheServiceAnswersTheCallerAndNoMore) {
+  m_service.throws = true;
+  EXPECT_EQ(Call("ListSchedule", {}).name, platform::kBusErrorFailed);
+  m_service.throws = false;
+  EXPECT_EQ(Call("ListSchedule", {}).text, "");
+}
+
+TEST_F(ServiceBus, WithoutAConnectionEventsAreDropped) {
+  m_events.Fire_Schedule_Add(CLSID_SchedulerService);
+  m_events.Fire_SystemTime_Change(1, {u"x"}, {1});
+  EXPECT_TRUE(m_log.texts(1).empty());
+}
+
+}  // namespace
+}  // namespace qx

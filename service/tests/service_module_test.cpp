@@ -1,0 +1,157 @@
+#include "service/service_module.h"
+
+#include "platform/event_log.h"
+#include "service/service_registration.h"
+#include "service/tests/service_fixture.h"
+
+namespace qx {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+struct WordCase {
+  int line;
+  const char* words;
+  CommandWord word;
+};
+
+TEST(CommandLine, TheFirstWordBehindACutThatMatchesWins) {
+  const WordCase kCases[] = {
+      {__LINE__, "-RegServer", CommandWord::kRegServer},
+      {__LINE__, "/regserver", CommandWord::kRegServer},
+      {__LINE__, "-REGSERVER", CommandWord::kRegServer},
+      {__LINE__, "--RegServer", CommandWord::kRegServer},
+      {__LINE__, "-UnregServer", CommandWord::kUnregServer},
+      {__LINE__, "/UNREGSERVER", CommandWord::kUnregServer},
+      {__LINE__, "-Service", CommandWord::kService},
+      {__LINE__, "/service", CommandWord::kService},
+      {__LINE__, "x -Service", CommandWord::kService},
+      {__LINE__, "-x/Service", CommandWord::kService},
+      {__LINE__, "-RegServer -Service", CommandWord::kService},
+      {__LINE__, "-Service x", CommandWord::kNone},
+      {__LINE__, "-Service ", CommandWord::kNone},
+      {__LINE__, "- Service", CommandWord::kNone},
+      {__LINE__, "Service", CommandWord::kNone},
+      {__LINE__, "-Services", CommandWord::kNone},
+      {__LINE__, "-", CommandWord::kNone},
+      {__LINE__, "", CommandWord::kNone},
+  };
+  for (const WordCase& c : kCases) EXPECT_EQ(FindCommandWord(c.words), c.word) << "line " << c.line;
+}
+
+ServiceOptions Parsed(const std::vector<const char*>& arguments) {
+  ServiceOptions options;
+  std::string error;
+  EXPECT_TRUE(ParseServiceArguments(arguments, options, error)) << error;
+  return options;
+}
+
+TEST(CommandLine, OwnOptionsAreTakenOutAndTheRestIsJoinedByBlanks) {
+  const ServiceOptions options = Parsed(
+      {"-Reg", "--root", "/a-Service/b", "--bus=unix:path=/x", "Server", "--foreground", "--destdir", "/d", "/q"});
+  EXPECT_EQ(options.root, "/a-Service/b");
+  EXPECT_EQ(options.busAddress, "unix:path=/x");
+  EXPECT_EQ(options.destdir, "/d");
+  EXPECT_TRUE(options.foreground);
+  EXPECT_EQ(options.words, "-Reg Server /q");
+  EXPECT_FALSE(options.version);
+  EXPECT_FALSE(options.help);
+}
+
+TEST(CommandLine, APathWithAWordInItIsNoWord) {
+  EXPECT_EQ(FindCommandWord(Parsed({"--root", "/srv/service"}).words), CommandWord::kNone);
+  EXPECT_EQ(FindCommandWord(Parsed({"--root=/srv/service", "-RegServer"}).words), CommandWord::kRegServer);
+}
+
+TEST(CommandLine, AnOptionWithoutItsValueIsRefused) {
+  for (const char* option : {"--root", "--bus", "--destdir"}) {
+    ServiceOptions options;
+    std::string error;
+    const char* const arguments[] = {option};
+    EXPECT_FALSE(ParseServiceArguments(arguments, options, error));
+    EXPECT_EQ(error, "option " + std::string(option) + " needs a value");
+  }
+}
+
+class ServiceModule : public testing::ServiceFixture {
+ protected:
+  void SetUp() override {
+    ServiceFixture::SetUp();
+    platform::InstallEventSink([this](const platform::LoggedEvent& event) { m_written.push_back(event); });
+  }
+  void TearDown() override {
+    platform::InstallEventSink(nullptr);
+    ServiceFixture::TearDown();
+  }
+  std::uint32_t ProcessRef() {
+    platform::RegistryKey key;
+    std::uint32_t value = 0;
+    EXPECT_EQ(platform::OpenKey(platform::Hive::kLocalMachine, kProviderKey, platform::KEY_READ, key), 0u);
+    EXPECT_EQ(platform::ReadRegistryDword(key, u"ProcId", value), 0u);
+    return value;
+  }
+  std::vector<platform::LoggedEvent> m_written;
+};
+
+TEST_F(ServiceModule, OnlyTheStopControlDoesAnythingAndUnknownOnesAreWrittenAsEvents) {
+  struct Case {
+    std::uint32_t control;
+    bool quits;
+    bool event;
+  };
+  const Case kCases[] = {
+      {platform::kServiceControlPause, false, false},
+      {platform::kServiceControlContinue, false, false},
+      {platform::kServiceControlInterrogate, false, false},
+      {platform::kServiceControlShutdown, false, false},
+      {0, false, true},
+      {6, false, true},
+      {200, false, true},
+  };
+  CServiceModule module{ServiceOptions()};
+  for (const Case& c : kCases) {
+    m_written.clear();
+    module.HandleControl(c.control);
+    EXPECT_EQ(m_written.size(), c.event ? 1u : 0u) << c.control;
+    if (c.event && !m_written.empty()) {
+      EXPECT_EQ(m_written[0].number, 0xE8110003u);
+      EXPECT_EQ(m_written[0].text, "");
+      EXPECT_EQ(m_written[0].source, "Korvane Scheduler Service");
+    }
+    EXPECT_EQ(TakeEvent(), -1) << c.control;
+  }
+}
+
+TEST_F(ServiceModule, TheProcessReferenceIsSetAndReset) {
+  CServiceModule::SetProcessRef(false);
+  EXPECT_EQ(ProcessRef(), platform::CurrentProcessId());
+  CServiceModule::SetProcessRef(true);
+  EXPECT_EQ(ProcessRef(), 0u);
+  EXPECT_THAT(m_log.texts(2),
+              ElementsAre("CServiceModule::SetProcessRef , PID set", "CServiceModule::SetProcessRef , res = 0l",
+                          "CServiceModule::SetProcessRef , PID reseted", "CServiceModule::SetProcessRef , res = 0l"));
+}
+
+TEST_F(ServiceModule, AMissingProviderKeyIsLoggedAndNotMade) {
+  ASSERT_EQ(platform::DeleteKey(platform::Hive::kLocalMachine, kProviderKey), 0u);
+  CServiceModule::SetProcessRef(false);
+  EXPECT_THAT(m_log.texts(2), ElementsAre("CServiceModule::SetProcessRef , RegOpenKeyEx failed hr = 2l"));
+  platform::RegistryKey key;
+  EXPECT_EQ(platform::OpenKey(platform::Hive::kLocalMachine, kProviderKey, platform::KEY_READ, key),
+            platform::ERROR_FILE_NOT_FOUND);
+}
+
+TEST_F(ServiceModule, ARefusedBufferLeavesTheProcessReference) {
+  CServiceModule::SetProcessRef(false);
+  m_log.Clear();
+  const auto plan = platform::FaultPlan::FailCall(platform::Operation::kAllocate, 1, platform::ERROR_OUTOFMEMORY,
+                                                  platform::kOnce, "SetProcessRef");
+  CServiceModule::SetProcessRef(true);
+  EXPECT_EQ(plan.hits(), 1);
+  EXPECT_THAT(m_log.texts(2), ElementsAre("CServiceModule::SetProcessRef pBuff = NULL"));
+  EXPECT_EQ(ProcessRef(), platform::CurrentProcessId());
+}
+
+}  // namespace
+}  // namespace qx

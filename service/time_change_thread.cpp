@@ -1,0 +1,80 @@
+#include "service/time_change_thread.h"
+
+#include <span>
+
+#include "foundation/include/zfclog.h"
+#include "foundation/include/zfclogformat.h"
+#include "service/scheduler_events.h"
+
+using ZepFoundation::ServiceLog;
+
+namespace qx {
+namespace {
+
+constexpr std::size_t kTimeZoneTextSize = 30;  // characters, the final NUL included
+
+// Milliseconds from `from` to `to`, in 32 bits as the comparison wants them.
+std::int32_t MillisecondsBetween(platform::WallClockReading from, platform::WallClockReading to) {
+  const auto seconds = static_cast<std::uint32_t>(to.seconds - from.seconds);
+  return static_cast<std::int32_t>(seconds * 1000u + to.milliseconds - from.milliseconds);
+}
+
+}  // namespace
+
+std::string TimeZoneText(std::int32_t bias) {
+  const std::int32_t east = -bias;
+  const ZepFoundation::LogArgument arguments[] = {east / 60, east % 60, 0};
+  char text[kTimeZoneTextSize] = "";
+  (void)ZepFoundation::FormatLogText(std::span<char>(text, sizeof text - 1), "GMT+%ld:%ld:%ld", arguments);
+  return text;
+}
+
+void AnnounceTimeZone(std::uint32_t level, const char16_t* format, std::int32_t bias) {
+  const std::string text = TimeZoneText(bias);
+  ServiceLog(level, format, text);
+  (void)platform::PutEnvironment(text.c_str());
+  platform::TzSet();
+}
+
+void CTimeChangeThread::OnNotice(const platform::ClockNotice& notice) {
+  if (notice.message != platform::ClockNotice::kTimeChange) return;
+  std::uint32_t tickCount = platform::TickCount();
+  const platform::WallClockReading wall = platform::NowWithMilliseconds();
+  const std::int32_t bias = platform::GetTimeZoneInformation().bias;
+  const bool zoneChanged = bias != m_bias || notice.zoneRulesChanged;
+  m_bias = bias;
+  AnnounceTimeZone(1, u"Timezone has been changed to : %S", bias);
+  if (m_tickCount != 0 && !zoneChanged) {
+    const auto ticks = static_cast<std::int32_t>(tickCount - m_tickCount);
+    const auto drift = static_cast<std::int32_t>(static_cast<std::uint32_t>(MillisecondsBetween(m_wall, wall)) -
+                                                 static_cast<std::uint32_t>(ticks));
+    const std::int64_t magnitude = drift < 0 ? -std::int64_t{drift} : std::int64_t{drift};
+    if (magnitude <= kToleratedDriftMs) return;
+  }
+  ServiceLog(3, u"SYSTEM_TIME_CHANGED event has been set");
+  g_SchedulerEvents.Set(SYSTEM_TIME_CHANGED);
+  m_tickCount = tickCount;
+  m_wall = wall;
+}
+
+void CTimeChangeThread::Run() {
+  const auto procedure = [this](const platform::ClockNotice& notice) { OnNotice(notice); };
+  if (const platform::ErrorCode code = m_watch.Register(procedure); code != platform::ERROR_SUCCESS) {
+    ServiceLog(1, u"Failed  to register with error = %d", code);
+  }
+  if (const platform::ErrorCode code = m_watch.Create(); code != platform::ERROR_SUCCESS) {
+    ServiceLog(1, u"Create Window failed with error = %d", code);
+  }
+  while (true) {
+    platform::ClockNotice notice;
+    if (m_watch.Read(notice) != platform::ERROR_SUCCESS) {
+      ServiceLog(1, u"Error in GetMessage");
+      continue;
+    }
+    if (notice.message == 0) return;  // destroyed: the process is about to end
+    ServiceLog(5, u"GetMessage --- %d", notice.message);
+    m_watch.Dispatch(notice);
+  }
+}
+
+}  // namespace qx

@@ -1,0 +1,48 @@
+// service/time_change_thread.h: tells real changes of the clock and the zone from echoes of small adjustments.
+//
+// Threads: SaveBias() before the thread is started; all else on the thread alone.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/clock.h"
+#include "platform/clock_watch.h"
+
+namespace qx {
+
+// A drift up to this counts as an adjustment, in milliseconds.
+inline constexpr std::int64_t kToleratedDriftMs = 1000;
+
+// "GMT+%ld:%ld:%ld" with hours, minutes and 0 east of Greenwich: "GMT+-5:0:0" for a bias of 300.
+//   bias  minutes to add to local time to give UTC
+[[nodiscard]] std::string TimeZoneText(std::int32_t bias);
+
+// Reads the zone's bias, logs it behind `format` (one %S) at `level` and does the pair of calls with its text.
+// Deliberate: the text has no "TZ=" in front, so the first call refuses it, and its result isn't looked at.
+void AnnounceTimeZone(std::uint32_t level, const char16_t* format, std::int32_t bias);
+
+class CTimeChangeThread {
+ public:
+  // The watch is borrowed.
+  explicit CTimeChangeThread(platform::ClockWatch& watch) : m_watch(watch) {}
+
+  // The bias that the next notice is compared with, in minutes.
+  void SaveBias(std::int32_t bias) { m_bias = bias; }
+
+  // The thread's body: registers, creates, reads and hands on notices until the watch is destroyed. Failures are logged
+  // and the thread goes on.
+  void Run();
+
+  // One notice. A kTimeChange sets SYSTEM_TIME_CHANGED unless the wall clock has drifted from the tick count by at most
+  // kToleratedDriftMs since the last accepted one and the zone is the same; the first is always accepted.
+  void OnNotice(const platform::ClockNotice& notice);
+
+ private:
+  platform::ClockWatch& m_watch;
+  std::int32_t m_bias = 0;
+  std::uint32_t m_tickCount = 0;  // of the last accepted change; 0 for none
+  platform::WallClockReading m_wall{};
+};
+
+}  // namespace qx
