@@ -1,0 +1,196 @@
+// The real program qxsched against the real service.
+#include <gmock/gmock.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/running_service.h"
+
+namespace {
+
+using nlohmann::json;
+using qx::testing::Child;
+using qx::testing::kPatience;
+using qx::testing::RunningService;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class QxschedProgram : public testing::Test {
+ protected:
+  struct Result {
+    int exit;
+    std::string out;  // what came on both streams
+  };
+
+  void SetUp() override {
+    m_service.Register();
+    m_service.Start();
+  }
+
+  std::vector<std::string> Words(std::vector<std::string> words) {
+    const std::vector<std::string> place = {"--root", m_service.Root(), "--bus", m_service.Bus().Address()};
+    words.insert(words.begin(), place.begin(), place.end());
+    return words;
+  }
+  static std::vector<std::string> Environment() {
+    std::vector<std::string> environment = {"TZ=XXX+5", "PATH=/usr/bin:/bin", "HOME=/nonexistent"};
+    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+      if (const char* const value = std::getenv(name)) environment.push_back(std::string(name) + "=" + value);
+    }
+    return environment;
+  }
+  Result Ask(std::vector<std::string> words) {
+    const std::string output = m_service.Jobs() + "/qxsched.out";
+    Child child(kProgram, Words(std::move(words)), output, Environment());
+    const int exit = child.Wait();
+    return {exit, RunningService::ReadFile(output)};
+  }
+  json AskJson(std::vector<std::string> words) {
+    words.insert(words.begin(), {"--json", "--quiet"});
+    const Result result = Ask(std::move(words));
+    EXPECT_EQ(result.exit, 0) << result.out;
+    return json::parse(result.out, nullptr, false);
+  }
+  std::string Write(const std::string& name, const std::string& text) {
+    const std::string file = m_service.Jobs() + "/" + name;
+    std::ofstream(file) << text;
+    return file;
+  }
+  // Adds the daily schedule; its ID.
+  std::string Add() {
+    const json added = AskJson({"add", Write("daily.toml", kDaily)});
+    EXPECT_EQ(added.value("status", ""), "0x00000000") << added;
+    return added.value("id", "");
+  }
+
+  const std::string kProgram = std::string(QX_BINARY_DIR) + "/qxsched";
+  const std::string kDaily =
+      "name = \"daily\"\napplication = \"app\"\ntask_code = 7\n[job]\nwrapper = \"/bin/true\"\nparameters = \"-v\"\n"
+      "[window]\nstart = \"22:00\"\nend = \"23:00\"\n"
+      "[days]\nevery = [\"sun\", \"mon\", \"tue\", \"wed\", \"thu\", \"fri\", \"sat\"]\nexclude = [2036-01-01]\n";
+  RunningService m_service;
+};
+
+// Reads lines of a process as they come, without a sleep.
+class LineReader {
+ public:
+  explicit LineReader(std::string fifo) : m_name(std::move(fifo)) {
+    EXPECT_EQ(mkfifo(m_name.c_str(), 0600), 0);
+    m_descriptor = open(m_name.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);  // both ends, so that nobody waits to open
+  }
+  LineReader(const LineReader&) = delete;
+  LineReader& operator=(const LineReader&) = delete;
+  ~LineReader() { close(m_descriptor); }
+
+  // The first line that holds `text`; empty when none came in time.
+  std::string WaitFor(const std::string& text) {
+    for (;;) {
+      for (std::size_t end; (end = m_text.find('\n')) != std::string::npos;) {
+        const std::string line = m_text.substr(0, end);
+        m_text.erase(0, end + 1);
+        if (line.find(text) != std::string::npos) return line;
+      }
+      pollfd ready = {m_descriptor, POLLIN, 0};
+      if (poll(&ready, 1, static_cast<int>(kPatience)) != 1) return "";
+      char buffer[4096];
+      const ssize_t count = read(m_descriptor, buffer, sizeof buffer);
+      if (count > 0) m_text.append(buffer, static_cast<std::size_t>(count));
+    }
+  }
+  [[nodiscard]] const std::string& Name() const { return m_name; }
+
+ private:
+  std::string m_name;
+  int m_descriptor = -1;
+  std::string m_text;
+};
+
+TEST_F(QxschedProgram, TakesAScheduleThroughItsLife) {
+  EXPECT_EQ(AskJson({"list"}), json::array());
+  const std::string id = Add();
+  const json list = AskJson({"list"});
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(list[0]["id"], id);
+  EXPECT_EQ(list[0]["name"], "daily");
+  EXPECT_EQ(list[0]["application"], "app");
+  EXPECT_EQ(list[0]["task_code"], 7);
+  EXPECT_EQ(list[0]["wrapper"], "/bin/true");
+  EXPECT_EQ(list[0]["parameters"], "-v");
+  EXPECT_EQ(list[0]["pass_id"], false);
+  // The times of the file were those of the service's zone, not of the client's.
+  EXPECT_EQ(list[0]["next_window"].get<std::int64_t>() % 86400, 22 * 3600);
+
+  const Result shown = Ask({"show", id.substr(1, 8)});
+  EXPECT_EQ(shown.exit, 0);
+  EXPECT_THAT(shown.out,
+              AllOf(StartsWith("# id: " + id + "\n# next: "), HasSubstr("22:00:00 +0000"), HasSubstr("2036-01-01")));
+  const json record = AskJson({"show", "daily"});
+  EXPECT_EQ(record["bstrName"], "daily");
+  EXPECT_EQ(record["lNextTimeWindow"], list[0]["next_window"]);
+  EXPECT_EQ(AskJson({"next", "daily", "-n", "1"})["windows"][0]["start"], list[0]["next_window"]);
+
+  const json removed = AskJson({"rm", "daily"});
+  ASSERT_EQ(removed.size(), 1u);
+  EXPECT_EQ(removed[0]["id"], id);
+  EXPECT_EQ(AskJson({"list"}), json::array());
+  // The backup brings it back under another ID.
+  const json again = AskJson({"add", removed[0]["backup"].get<std::string>()});
+  EXPECT_NE(again["id"], id);
+  EXPECT_EQ(AskJson({"list"})[0]["next_window"], list[0]["next_window"]);
+}
+
+TEST_F(QxschedProgram, TellsWhatTheServiceSaysAboutItself) {
+  (void)Add();
+  const json status = AskJson({"status"});
+  EXPECT_EQ(status["reachable"], true);
+  EXPECT_EQ(status["zone"], "UTC");
+  EXPECT_EQ(status["state_directory"], m_service.Root());
+  EXPECT_EQ(status["schedules"], 1);
+  EXPECT_EQ(status["with_window"], 1);
+  EXPECT_EQ(status["next_wake_up"], AskJson({"list"})[0]["next_window"]);
+  EXPECT_EQ(Ask({"refresh"}).exit, 0);
+}
+
+TEST_F(QxschedProgram, ShowsEventsAsTheyComeUntilAnInterrupt) {
+  LineReader lines(m_service.Jobs() + "/events");
+  Child monitor(kProgram, Words({"monitor", "--json"}), lines.Name(), Environment());
+  ASSERT_NE(lines.WaitFor("waiting for events"), "");
+  const std::string id = Add();
+  EXPECT_EQ(lines.WaitFor("Schedule_Add"), "{\"event\":\"Schedule_Add\",\"id\":\"" + id + "\"}");
+  EXPECT_EQ(Ask({"rm", id}).exit, 0);
+  EXPECT_EQ(lines.WaitFor("Schedule_Delete"), "{\"event\":\"Schedule_Delete\",\"id\":\"" + id + "\"}");
+  monitor.Signal(SIGINT);
+  EXPECT_EQ(monitor.Wait(), 0);
+}
+
+TEST_F(QxschedProgram, EndsMonitoringWithTheBus) {
+  LineReader lines(m_service.Jobs() + "/events");
+  Child monitor(kProgram, Words({"monitor"}), lines.Name(), Environment());
+  ASSERT_NE(lines.WaitFor("waiting for events"), "");
+  m_service.Bus().Kill();
+  EXPECT_NE(lines.WaitFor("the bus of the service is lost"), "");
+  EXPECT_EQ(monitor.Wait(), 6);
+}
+
+TEST_F(QxschedProgram, TellsApartWhatGoesWrong) {
+  const Result refused = Ask({"add", Write("none.toml", "job.wrapper = \"/bin/true\"\n")});
+  EXPECT_EQ(refused.exit, 5);
+  EXPECT_THAT(refused.out, HasSubstr("0x8004020A No run day rule defined."));
+  const Result place = Ask({"add", Write("place.toml",
+                                         "job.wrapper = \"/bin/true\"\njob.xml = \"/nonexistent/x.xml\"\n"
+                                         "days.of_month = [1]\n")});
+  EXPECT_EQ(place.exit, 1);
+  EXPECT_THAT(place.out, AllOf(HasSubstr("0x8004020F The directory of the XML path doesn't exist."),
+                               HasSubstr("hint: create the directory")));
+  EXPECT_EQ(Ask({"show", "nobody"}).exit, 3);
+  EXPECT_EQ(Ask({"show", "{00000000-0000-4001-8000-000000000000}"}).exit, 3);
+  EXPECT_EQ(AskJson({"list"}), json::array());
+  ASSERT_EQ(m_service.Stop(), 0);
+  const Result stopped = Ask({"list"});
+  EXPECT_EQ(stopped.exit, 6);
+  EXPECT_THAT(stopped.out, HasSubstr("hint: start it with: QxSchedService --foreground --bus="));
+  m_service.Bus().Kill();
+  EXPECT_EQ(Ask({"list"}).exit, 6);
+}
+
+}  // namespace
