@@ -1,7 +1,7 @@
 // Random rules and references in many zones: the search against plain loops, and what must hold of every answer.
 //
-// QX_SEED sets the seed (it is printed), QX_CASES the number of cases. A failing case names its own number: the same
-// seed makes it again.
+// QX_SEED sets the random generator's start (it is printed), QX_CASES the number of cases. A failing case names its own
+// number: the same start makes it again.
 #include <algorithm>
 #include <cstdlib>
 #include <random>

@@ -68,7 +68,9 @@ class CRegistry {
   //   keyClass  given to the last key; the store keeps no classes, so it has no effect
   OsError CreateKey(const CPath& path, const wcstring& keyClass);
 
-  // Deliberate: not implemented (code 120); only the root's name is looked at. EnumerateKeys tells default values.
+  // Deliberate: fetches nothing. EnumerateKeys tells default values.
+  //   value    untouched
+  //   returns  120 where the path's root is one, 161 (bad path) where it isn't; the key itself isn't looked at
   OsError FetchKeyValue(const CPath& path, wcstring& value);
 
   // Deletes the value of that name where there is one, else the key.
