@@ -52,9 +52,6 @@ function(qx_test NAME)
   endif()
   cmake_parse_arguments(A "" "LABEL" "SOURCES;LINK" ${ARGN})
   add_executable(${NAME} ${A_SOURCES})
-  target_link_libraries(${NAME} PRIVATE ${A_LINK} GTest::gmock GTest::gtest_main qx::build_flags)
-  target_compile_definitions(${NAME} PRIVATE
-    QX_SOURCE_DIR="${PROJECT_SOURCE_DIR}" QX_BINARY_DIR="${PROJECT_BINARY_DIR}/bin"
-    QX_TEST_DATA_DIR="${PROJECT_SOURCE_DIR}/tests/data")
+  target_link_libraries(${NAME} PRIVATE ${A_LINK} qx::test_paths GTest::gmock GTest::gtest_main qx::build_flags)
   gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS ${A_LABEL} TIMEOUT 300)
 endfunction()

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_target.h"
+#include "tests/test_paths.h"
 
 #define QX_FUZZ_ENTRY(name) int Fuzz_##name(const std::uint8_t* data, std::size_t size);
 #include "fuzz_entries.inc"
@@ -28,7 +29,7 @@ constexpr Target kTargets[] = {
 #undef QX_FUZZ_ENTRY
 };
 
-const fs::path kCorpus = fs::path(QX_SOURCE_DIR) / "fuzz" / "corpus";
+const fs::path kCorpus = fs::path(test_paths::Source()) / "fuzz" / "corpus";
 
 std::vector<fs::path> FilesOf(const std::string& target) {
   std::vector<fs::path> files;

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/test_paths.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -39,7 +41,7 @@ const std::map<std::string, std::set<std::string>> kBelow = {
 std::vector<SourceFile> AllSources() {
   std::vector<SourceFile> files;
   for (const std::string& floor : kFloors) {
-    const fs::path top = fs::path(QX_SOURCE_DIR) / floor;
+    const fs::path top = fs::path(test_paths::Source()) / floor;
     if (!fs::exists(top)) continue;
     for (const auto& entry : fs::recursive_directory_iterator(top)) {
       const std::string extension = entry.path().extension().string();
@@ -47,7 +49,7 @@ std::vector<SourceFile> AllSources() {
       std::ifstream in(entry.path());
       std::stringstream text;
       text << in.rdbuf();
-      files.push_back({fs::relative(entry.path(), QX_SOURCE_DIR), floor, text.str()});
+      files.push_back({fs::relative(entry.path(), test_paths::Source()), floor, text.str()});
     }
   }
   return files;
@@ -84,7 +86,7 @@ TEST(FloorsHold, EveryProjectIncludeNamesAFileThatExists) {
   for (const SourceFile& file : AllSources()) {
     for (const std::string& include : IncludesOf(file.text)) {
       if (!kBelow.contains(include.substr(0, include.find('/')))) continue;
-      EXPECT_TRUE(fs::exists(fs::path(QX_SOURCE_DIR) / include)) << file.path << " includes " << include;
+      EXPECT_TRUE(fs::exists(fs::path(test_paths::Source()) / include)) << file.path << " includes " << include;
     }
   }
 }

@@ -28,6 +28,7 @@
 #include "platform/clock.h"
 #include "platform/testing/private_bus.h"
 #include "platform/text.h"
+#include "tests/test_paths.h"
 
 namespace qx::testing {
 
@@ -249,7 +250,7 @@ class RunningService {
   }
 
  private:
-  static std::string Program() { return std::string(QX_BINARY_DIR) + "/QxSchedService"; }
+  static std::string Program() { return test_paths::Programs() + "/QxSchedService"; }
   [[nodiscard]] std::string OutputFile() const { return m_directory + "/output"; }
   std::vector<std::string> WithPlace(std::vector<std::string> arguments) const {
     const std::vector<std::string> place = {"--root", Root(), "--bus=" + m_bus.Address()};

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/running_service.h"
+#include "tests/test_paths.h"
 
 namespace {
 
@@ -63,7 +64,7 @@ class QxschedProgram : public testing::Test {
     return added.value("id", "");
   }
 
-  const std::string kProgram = std::string(QX_BINARY_DIR) + "/qxsched";
+  const std::string kProgram = test_paths::Programs() + "/qxsched";
   const std::string kDaily =
       "name = \"daily\"\napplication = \"app\"\ntask_code = 7\n[job]\nwrapper = \"/bin/true\"\nparameters = \"-v\"\n"
       "[window]\nstart = \"22:00\"\nend = \"23:00\"\n"

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include "client/tests/cli_fixture.h"
+#include "tests/test_paths.h"
 
 namespace {
 
@@ -181,7 +182,7 @@ TEST_F(Check, ReadsTimesInTheZoneThatItIsTold) {
 
 TEST_F(Check, FindsNoErrorInTheExamples) {
   int count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(QX_SOURCE_DIR "/examples")) {
+  for (const auto& entry : std::filesystem::directory_iterator(test_paths::Source() + "/examples")) {
     if (entry.path().extension() != ".toml") continue;
     ++count;
     const Result result = Run({"check", entry.path().string()});

@@ -19,6 +19,7 @@
 #include "platform/profile.h"
 #include "platform/testing/fault.h"
 #include "platform/text.h"
+#include "tests/test_paths.h"
 
 namespace {
 
@@ -403,7 +404,7 @@ TEST_F(Adapter, WritesTheFileOfAFullScheduleLetterByLetter) {
   s.SetCustomString(u"colour", u"blue");
   s.SetCustomString(u"a", u"1");
   ASSERT_EQ(m_adapter.SaveScheduleToFile(), 0u);
-  const std::string expected = FileText(QX_TEST_DATA_DIR "/formats/schedule_full.ini");
+  const std::string expected = FileText(test_paths::Data() + "/formats/schedule_full.ini");
   ASSERT_FALSE(expected.empty());
   EXPECT_EQ(FileText(m_file), expected);
   // A second save changes no byte.

@@ -9,6 +9,7 @@
 #include "common/ini_property_bag.h"
 #include "platform/profile.h"
 #include "platform/text.h"
+#include "tests/test_paths.h"
 
 namespace {
 
@@ -76,7 +77,7 @@ class golden_ini : public testing::TestWithParam<bool> {
 };
 
 TEST_P(golden_ini, IsWrittenByteByByteAsTheFormatSays) {
-  const std::string expected = Contents(QX_TEST_DATA_DIR "/formats/schedule.ini");
+  const std::string expected = Contents(test_paths::Data() + "/formats/schedule.ini");
   ASSERT_FALSE(expected.empty());
   const std::string file = m_directory + "/schedule.ini";
   const std::u16string path = platform::WideFromUtf8(file);

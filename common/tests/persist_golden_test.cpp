@@ -15,6 +15,7 @@
 #include "foundation/include/zfcguid.h"
 #include "platform/guid.h"
 #include "platform/text.h"
+#include "tests/test_paths.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ using qx::testing::Shown;
 
 // The bytes of an annotated file: pairs of hex digits; "#" begins a comment that goes to the end of the line.
 std::string BytesOf(const std::string& name) {
-  const std::string path = std::string(QX_TEST_DATA_DIR "/formats/") + name;
+  const std::string path = test_paths::Data() + "/formats/" + name;
   std::ifstream in(path);
   if (!in) throw std::runtime_error("no file " + path);
   std::string digits;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "foundation/include/zfclogformat.h"
+#include "tests/test_paths.h"
 
 namespace {
 
@@ -23,7 +24,7 @@ constexpr std::size_t kRecordedRoom = 199;
 
 json Recorded() {
   const char* const folder = std::getenv("QX_GOLDEN_DIR");
-  const std::string path = (folder != nullptr ? std::string(folder) : QX_TEST_DATA_DIR "/golden") + "/wprintf.json";
+  const std::string path = (folder != nullptr ? std::string(folder) : test_paths::Data() + "/golden") + "/wprintf.json";
   std::ifstream file(path);
   EXPECT_TRUE(file.is_open()) << path;
   return file.is_open() ? json::parse(file) : json::object();

@@ -18,6 +18,7 @@
 #include "platform/host.h"
 #include "platform/registry.h"
 #include "platform/text.h"
+#include "tests/test_paths.h"
 
 namespace {
 
@@ -93,7 +94,7 @@ TEST_F(TraceFiles, AreAsRecordedForEveryFilter) {
     char name[] = "filter_00.txt";
     name[7] = static_cast<char>('0' + filter / 10);
     name[8] = static_cast<char>('0' + filter % 10);
-    const fs::path recorded = fs::path(QX_TEST_DATA_DIR) / "formats" / "trace" / name;
+    const fs::path recorded = fs::path(test_paths::Data()) / "formats" / "trace" / name;
     ASSERT_TRUE(fs::exists(recorded)) << recorded;
     std::string expected = ContentsOf(recorded);
     ReplaceAll(expected, "{TIME}", kNow);

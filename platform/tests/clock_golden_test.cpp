@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "tests/test_paths.h"
 
 namespace platform {
 namespace {
@@ -19,7 +20,7 @@ class golden_time : public ::testing::Test {
  protected:
   void SetUp() override {
     const char* folder = std::getenv("QX_GOLDEN_DIR");
-    const std::string path = std::string(folder != nullptr ? folder : QX_TEST_DATA_DIR "/golden") + "/time.json";
+    const std::string path = std::string(folder != nullptr ? folder : test_paths::Data() + "/golden") + "/time.json";
     std::ifstream file(path);
     ASSERT_TRUE(file.is_open()) << path;
     m_file = Json::parse(file);

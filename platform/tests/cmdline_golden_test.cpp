@@ -9,6 +9,7 @@
 
 #include "platform/process.h"
 #include "platform/text.h"
+#include "tests/test_paths.h"
 
 namespace platform {
 namespace {
@@ -17,7 +18,7 @@ using Json = nlohmann::json;
 
 Json Rows() {
   const char* folder = std::getenv("QX_GOLDEN_DIR");
-  const std::string path = std::string(folder != nullptr ? folder : QX_TEST_DATA_DIR "/golden") + "/cmdline.json";
+  const std::string path = std::string(folder != nullptr ? folder : test_paths::Data() + "/golden") + "/cmdline.json";
   std::ifstream file(path);
   EXPECT_TRUE(file.is_open()) << path;
   if (!file.is_open()) return Json::array();

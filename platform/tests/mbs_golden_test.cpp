@@ -8,6 +8,7 @@
 #include <string>
 
 #include "platform/text.h"
+#include "tests/test_paths.h"
 
 namespace platform {
 namespace {
@@ -16,7 +17,7 @@ using nlohmann::json;
 
 json LoadGolden(const std::string& name) {
   const char* directory = std::getenv("QX_GOLDEN_DIR");
-  std::ifstream file((directory != nullptr ? std::string(directory) : QX_TEST_DATA_DIR "/golden") + "/" + name);
+  std::ifstream file((directory != nullptr ? std::string(directory) : test_paths::Data() + "/golden") + "/" + name);
   if (!file) throw std::runtime_error("cannot read the golden file " + name);
   return json::parse(file);
 }

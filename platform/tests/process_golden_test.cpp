@@ -12,6 +12,7 @@
 #include "platform/file.h"
 #include "platform/process.h"
 #include "platform/text.h"
+#include "tests/test_paths.h"
 
 namespace platform {
 namespace {
@@ -25,7 +26,7 @@ class golden_process : public testing::Test {
  protected:
   void SetUp() override {
     const char* folder = std::getenv("QX_GOLDEN_DIR");
-    const std::string path = std::string(folder != nullptr ? folder : QX_TEST_DATA_DIR "/golden") + "/process.json";
+    const std::string path = std::string(folder != nullptr ? folder : test_paths::Data() + "/golden") + "/process.json";
     std::ifstream file(path);
     ASSERT_TRUE(file.is_open()) << path;
     m_file = Json::parse(file);

@@ -12,6 +12,7 @@
 #include "platform/file.h"
 #include "platform/profile.h"
 #include "platform/text.h"
+#include "tests/test_paths.h"
 
 namespace platform {
 namespace {
@@ -20,7 +21,7 @@ using nlohmann::json;
 
 std::string GoldenFile(const char* name) {
   const char* folder = std::getenv("QX_GOLDEN_DIR");
-  return std::string(folder != nullptr ? folder : QX_TEST_DATA_DIR "/golden") + "/" + name;
+  return std::string(folder != nullptr ? folder : test_paths::Data() + "/golden") + "/" + name;
 }
 
 // Bytes of a file as a recorded text of Latin-1 shows them.

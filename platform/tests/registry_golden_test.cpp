@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/registry.h"
+#include "tests/test_paths.h"
 
 namespace {
 
@@ -21,7 +22,7 @@ using nlohmann::json;
 
 json LoadGolden() {
   const char* folder = std::getenv("QX_GOLDEN_DIR");
-  const std::string path = (folder != nullptr ? std::string(folder) : QX_TEST_DATA_DIR "/golden") + "/registry.json";
+  const std::string path = (folder != nullptr ? std::string(folder) : test_paths::Data() + "/golden") + "/registry.json";
   std::ifstream in(path);
   EXPECT_TRUE(in.good()) << path;
   return in.good() ? json::parse(in) : json::object();

@@ -11,6 +11,7 @@
 #include "platform/text.h"
 #include "service/schedule_store.h"
 #include "service/tests/service_fixture.h"
+#include "tests/test_paths.h"
 
 namespace qx::testing {
 namespace {
@@ -61,7 +62,7 @@ TEST_F(ScheduleKey, HoldsTheValuesOfTheLayout) {
   const ScheduleGuid id = platform::GuidConstant(u"{0E9D3A52-6C41-4F7B-9A08-1D2C3B4A5968}");
   ASSERT_EQ(WriteRegistry(schedule, id), kStatusOk);
 
-  std::ifstream file(QX_TEST_DATA_DIR "/formats/schedule_key.txt", std::ios::binary);
+  std::ifstream file(test_paths::Data() + "/formats/schedule_key.txt", std::ios::binary);
   std::stringstream golden;
   golden << file.rdbuf();
   ASSERT_FALSE(golden.str().empty());
