@@ -32,6 +32,10 @@ enum class ServiceState : std::uint32_t { kStopped = 1, kStartPending = 2, kStop
 //   returns  0, also when there is no manager; the host's code when it couldn't be told
 [[nodiscard]] ErrorCode ReportServiceState(ServiceState state, std::string_view statusText);
 
+// Tells the manager a status text alone. Any thread.
+//   returns  as ReportServiceState()
+[[nodiscard]] ErrorCode ReportServiceStatus(std::string_view statusText);
+
 // Sends the stop control to a running service and doesn't wait for the effect.
 //   returns  0; ERROR_INVALID_PARAMETER (87) for number 0; ERROR_ACCESS_DENIED (5) and other codes of the host
 [[nodiscard]] ErrorCode SendStopControl(std::uint32_t processId);

@@ -38,6 +38,16 @@ std::string_view AssignmentOf(ServiceState state) {
   return "";
 }
 
+ErrorCode Notify(std::string_view assignment, std::string_view statusText) {
+  if (!HasServiceManager()) return ERROR_SUCCESS;
+  // A line end would begin an assignment of its own.
+  std::string message(assignment);
+  message += "STATUS=";
+  message += statusText.substr(0, statusText.find_first_of(std::string_view("\n\0", 2)));
+  const int result = sd_notify(0, message.c_str());
+  return result < 0 ? ErrorCodeFromErrno(-result) : ERROR_SUCCESS;
+}
+
 }  // namespace
 
 bool HasServiceManager() {
@@ -46,14 +56,10 @@ bool HasServiceManager() {
 }
 
 ErrorCode ReportServiceState(ServiceState state, std::string_view statusText) {
-  if (!HasServiceManager()) return ERROR_SUCCESS;
-  // A line end would begin an assignment of its own.
-  std::string message(AssignmentOf(state));
-  message += "STATUS=";
-  message += statusText.substr(0, statusText.find_first_of(std::string_view("\n\0", 2)));
-  const int result = sd_notify(0, message.c_str());
-  return result < 0 ? ErrorCodeFromErrno(-result) : ERROR_SUCCESS;
+  return Notify(AssignmentOf(state), statusText);
 }
+
+ErrorCode ReportServiceStatus(std::string_view statusText) { return Notify("", statusText); }
 
 ErrorCode SendStopControl(std::uint32_t processId) {
   const auto process = static_cast<pid_t>(processId);

@@ -77,6 +77,7 @@ void CSchedulerLoop::SkipPassedWindows(std::int64_t now) {
 
 std::uint32_t CSchedulerLoop::PrepareSleep() {
   m_sleepFrom = 0;
+  m_wakeUp = kNoWakeUp;
   const CriticalSectionGuard guard(g_JobListLock);
   if (g_JobList.Empty()) {
     ServiceLog(3, u"Service will sleep for INFINITE time");
@@ -96,6 +97,7 @@ std::uint32_t CSchedulerLoop::PrepareSleep() {
              text.size() > kYearPart ? text.substr(kYearPart) : std::string());
   const std::int64_t head = g_JobList.Begin()->NextTimeWindow;
   const std::uint32_t sleep = SleepBefore(head, clock);
+  m_wakeUp = SignExtended(head);
   ServiceLog(3, u"Service will now sleep for %f seconds", SecondsUntil(head, clock.seconds));
   ServiceLog(5, u"Sleeptime in milli seconds %u", sleep);
   // A wrapped sleep of exactly this value would never end, and a window 49.7 days ahead would be missed.
@@ -156,6 +158,7 @@ void CSchedulerLoop::Shutdown() {
 
 bool CSchedulerLoop::Step() {
   const std::uint32_t sleep = PrepareSleep();
+  if (m_sleepNotice) m_sleepNotice(m_wakeUp);
   WaitResult wait;
   if (sleep != 0) {
     if (const platform::ErrorCode code = g_SchedulerEvents.Wait(sleep, wait, m_sleepFrom); code != platform::ERROR_SUCCESS) {

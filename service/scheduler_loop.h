@@ -6,6 +6,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <utility>
 #include <vector>
 
 #include "interface/ISchedulerService.h"
@@ -22,6 +24,8 @@ namespace qx {
 // which does no harm; one inside the present second wraps to nearly 2^32, unless the milliseconds are 0.
 [[nodiscard]] std::uint32_t SleepBefore(std::int64_t headWindow, platform::WallClockReading now);
 
+inline constexpr std::int64_t kNoWakeUp = -1;
+
 class CSchedulerLoop {
  public:
   // All are borrowed and outlive the loop.
@@ -33,6 +37,10 @@ class CSchedulerLoop {
                  INodeChannel* nodes = nullptr);
   CSchedulerLoop(const CSchedulerLoop&) = delete;
   CSchedulerLoop& operator=(const CSchedulerLoop&) = delete;
+
+  // Has `notice` called ahead of each sleep, without a lock, on the thread of Step(): with the window that is slept
+  // until, kNoWakeUp for an endless sleep. Set before the first Step().
+  void SetSleepNotice(std::function<void(std::int64_t window)> notice) { m_sleepNotice = std::move(notice); }
 
   // One cycle: skips windows that have passed, sleeps until the first window or an event, and does what is to be done.
   //   returns  false after SHUTDOWN_EVENT and after a failed wait: the loop is over for good
@@ -58,6 +66,8 @@ class CSchedulerLoop {
   platform::ClockWatch* m_watch;
   INodeChannel* m_nodes;
   std::int64_t m_firstWindow = 0;  // the head's window when the cycle began
+  std::function<void(std::int64_t)> m_sleepNotice;
+  std::int64_t m_wakeUp = kNoWakeUp;  // the window that the sleep was computed for
   std::int64_t m_sleepFrom = 0;    // steady nanoseconds from which the sleep runs, so that it ends on the second
 };
 

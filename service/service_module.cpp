@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <utility>
 
 #include "foundation/include/zfclog.h"
+#include "platform/clock.h"
 #include "platform/event_log.h"
 #include "platform/host.h"
 #include "platform/memory.h"
@@ -117,6 +119,16 @@ CommandWord FindCommandWord(std::string_view words) {
     }
   }
   return CommandWord::kNone;
+}
+
+std::string RunningText(std::int64_t window) {
+  std::tm local{};
+  if (window <= 0) return "running; no job is due";  // 0: a job that the loop leaves alone
+  if (!platform::LocalBreakdown(window, local)) return "running";
+  char text[96] = "";
+  std::snprintf(text, sizeof text, "running; next job at %04d-%02d-%02d %02d:%02d:%02d", 1900 + local.tm_year,
+                1 + local.tm_mon, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+  return text;
 }
 
 CServiceModule::CServiceModule(ServiceOptions options, INodeChannel* nodes)
@@ -263,11 +275,8 @@ void CServiceModule::HandleControl(std::uint32_t control) {
   switch (control) {
     case platform::kServiceControlStop: {
       const std::lock_guard hold(m_stopLock);
-      if (m_eventsReady) {
-        g_SchedulerEvents.Set(SHUTDOWN_EVENT);
-      } else {
-        m_stopWanted = true;
-      }
+      m_stopWanted = true;
+      if (m_eventsReady) g_SchedulerEvents.Set(SHUTDOWN_EVENT);  // else as soon as they are made
       Report(ServiceState::kStopPending, "stopping");
       m_apartment.Quit();
       break;
@@ -282,12 +291,24 @@ void CServiceModule::HandleControl(std::uint32_t control) {
   }
 }
 
+// Ahead of a sleep of the scheduler thread, which itself waits for no manager.
+void CServiceModule::TellSleep(std::int64_t window) {
+  std::string text = RunningText(window);
+  if (text == m_toldSleep) return;
+  m_toldSleep = text;
+  m_apartment.Post([this, text = std::move(text)] {
+    const std::lock_guard hold(m_stopLock);
+    if (!m_stopWanted) (void)platform::ReportServiceStatus(text);
+  });
+}
+
 void CServiceModule::Run() {
   StartBus();
   WriteEvent(kEventStarted);
   if (m_runsAsService) Report(ServiceState::kRunning, "running");
   // Deliberate: the level of the log isn't known yet, so that the line is never written.
   ServiceLog(1, u"Service is starting");
+  if (m_runsAsService) m_loop.SetSleepNotice([this](std::int64_t window) { TellSleep(window); });
   (void)RunThread(m_parts);  // Deliberate: whatever it met, the service goes on with what did start.
   for (platform::Thread* thread : {&m_parts.schedulerThread, &m_parts.timeChangeThread, &m_parts.socketThread}) {
     if (thread->joinable()) thread->Detach();

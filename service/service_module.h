@@ -54,6 +54,10 @@ enum class CommandWord { kNone, kUnregServer, kRegServer, kService };
 // letters, wins. So a further argument behind a word makes it none.
 [[nodiscard]] CommandWord FindCommandWord(std::string_view words);
 
+// The status text of a running service for people, in local time: "running; next job at 2026-11-28 22:00:00".
+//   window  seconds since 1970; below 1, as kNoWakeUp, for none
+[[nodiscard]] std::string RunningText(std::int64_t window);
+
 class CServiceModule {
  public:
   //   nodes  borrowed for the life of the process; null: nothing is carried to other nodes
@@ -84,6 +88,7 @@ class CServiceModule {
   void Run();
   void StartBus();
   void Report(platform::ServiceState state, std::string_view text);
+  void TellSleep(std::int64_t window);
   [[nodiscard]] platform::BusAddress BusAddress() const;
 
   const ServiceOptions m_options;
@@ -104,7 +109,8 @@ class CServiceModule {
 
   std::mutex m_stopLock;
   bool m_eventsReady = false;  // guarded by m_stopLock: RunThread has made the events
-  bool m_stopWanted = false;   // guarded by m_stopLock: the stop control came before
+  bool m_stopWanted = false;   // guarded by m_stopLock: the stop control came, maybe before the events
+  std::string m_toldSleep;     // the scheduler thread's: the last status text about a sleep
 };
 
 }  // namespace qx

@@ -197,6 +197,7 @@ TEST_F(Service, UnderAManagerItTellsItsStatesAndStays) {
   ASSERT_NO_FATAL_FAILURE(service.Start({}));
   EXPECT_EQ(manager.Next(), "STATUS=starting");
   EXPECT_EQ(manager.Next(), "READY=1\nSTATUS=running");
+  EXPECT_EQ(manager.Next(), "STATUS=running; no job is due");
   ASSERT_NO_FATAL_FAILURE(service.Connect(client));
   EXPECT_EQ(client.Refresh(), 0u);
   client.Disconnect();
@@ -205,6 +206,71 @@ TEST_F(Service, UnderAManagerItTellsItsStatesAndStays) {
   EXPECT_EQ(service.Stop(), 0);
   EXPECT_EQ(manager.Next(), "STOPPING=1\nSTATUS=stopping");
   EXPECT_EQ(manager.Next(), "STATUS=stopped");
+}
+
+TEST_F(Service, ItsStatusTellsTheNextWakeUp) {
+  ASSERT_NO_FATAL_FAILURE(service.Register("-Service"));
+  const std::string path = service.Jobs() + "/notify";
+  Manager manager(path);
+  service.AddVariable("NOTIFY_SOCKET=" + path);
+  ASSERT_NO_FATAL_FAILURE(service.Start({}));
+  ASSERT_NO_FATAL_FAILURE(service.Connect(client));
+  const auto expectNext = [&](const std::string& text) { EXPECT_EQ(manager.Next(), text) << service.Log(); };
+  expectNext("STATUS=starting");
+  expectNext("READY=1\nSTATUS=running");
+  expectNext("STATUS=running; no job is due");
+  const auto textOf = [](std::int64_t window) {  // the service's zone is UTC
+    const std::time_t seconds = window;
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char text[64];
+    std::strftime(text, sizeof text, "STATUS=running; next job at %Y-%m-%d %H:%M:%S", &utc);
+    return std::string(text);
+  };
+  const std::int64_t late = FarStart() + 60;
+  const std::int64_t early = FarStart();
+  ScheduleGuid lateId, earlyId;
+  ASSERT_EQ(client.CreateSchedule(service.Job("late", late), lateId), 0u);
+  expectNext(textOf(late));
+  ASSERT_EQ(client.CreateSchedule(service.Job("early", early), earlyId), 0u);
+  expectNext(textOf(early));
+  ASSERT_EQ(client.DeleteSchedule(earlyId), 0u);
+  expectNext(textOf(late));
+  ASSERT_EQ(client.Refresh(), 0u);  // the same again isn't told again
+  ASSERT_EQ(client.DeleteSchedule(lateId), 0u);
+  expectNext("STATUS=running; no job is due");
+  EXPECT_EQ(service.Stop(), 0);
+  expectNext("STOPPING=1\nSTATUS=stopping");
+  expectNext("STATUS=stopped");
+}
+
+TEST_F(Service, TheStopControlDuringTheStartEndsItInOrder) {
+  ASSERT_NO_FATAL_FAILURE(service.Register("-Service"));
+  const std::string path = service.Jobs() + "/notify";
+  Manager manager(path);
+  service.AddVariable("NOTIFY_SOCKET=" + path);
+  // The start ends with a value in the registry, and there somebody else is writing.
+  ASSERT_EQ(platform::OpenRegistryStore(service.Root() + "/registry.db"), ERROR_SUCCESS);
+  platform::RegistryKey key;
+  ASSERT_EQ(platform::CreateKey(platform::Hive::kLocalMachine, u"SOFTWARE\\busy", platform::KEY_ALL_ACCESS, key),
+            ERROR_SUCCESS);
+  service.Launch({});
+  EXPECT_EQ(manager.Next(), "STATUS=starting");
+  EXPECT_EQ(manager.Next(), "READY=1\nSTATUS=running");
+  service.Process().Signal(SIGTERM);
+  EXPECT_EQ(manager.Next(), "STOPPING=1\nSTATUS=stopping");
+  ASSERT_EQ(key.Close(), ERROR_SUCCESS);
+  EXPECT_EQ(service.Process().Wait(), 0) << service.Output();
+  EXPECT_EQ(manager.Next(), "STATUS=stopped");
+  std::uint32_t process = 99;
+  ASSERT_EQ(platform::OpenKey(platform::Hive::kLocalMachine,
+                              u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Providers\\scheduler",
+                              platform::KEY_READ, key),
+            ERROR_SUCCESS);
+  EXPECT_EQ(platform::ReadRegistryDword(key, u"ProcId", process), ERROR_SUCCESS);
+  EXPECT_EQ(process, 0u);
+  ASSERT_EQ(key.Close(), ERROR_SUCCESS);
+  ASSERT_EQ(platform::CloseRegistryStore(), ERROR_SUCCESS);
 }
 
 struct PortCase {

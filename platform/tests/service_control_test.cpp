@@ -62,6 +62,8 @@ TEST(ServiceState, IsToldToTheManager) {
   EXPECT_EQ(manager.Next(), "STATUS=loading");
   EXPECT_EQ(ReportServiceState(ServiceState::kRunning, "3 schedules\nREADY=0"), ERROR_SUCCESS);
   EXPECT_EQ(manager.Next(), "READY=1\nSTATUS=3 schedules");
+  EXPECT_EQ(ReportServiceStatus("4 schedules\nSTOPPING=1"), ERROR_SUCCESS);
+  EXPECT_EQ(manager.Next(), "STATUS=4 schedules");
   EXPECT_EQ(ReportServiceState(ServiceState::kStopPending, "ending"), ERROR_SUCCESS);
   EXPECT_EQ(manager.Next(), "STOPPING=1\nSTATUS=ending");
   EXPECT_EQ(ReportServiceState(ServiceState::kStopped, "ended"), ERROR_SUCCESS);

@@ -123,6 +123,23 @@ TEST_F(ServiceModule, OnlyTheStopControlDoesAnythingAndUnknownOnesAreWrittenAsEv
   }
 }
 
+TEST_F(ServiceModule, ItsStatusTextNamesTheNextJobInLocalTime) {
+  EXPECT_EQ(RunningText(kNoWakeUp), "running; no job is due");
+  EXPECT_EQ(RunningText(0), "running; no job is due");
+  EXPECT_EQ(RunningText(testing::kPresent), "running; next job at 2025-01-01 08:00:00");
+  const platform::ScopedZone zone("Europe/Berlin");
+  EXPECT_EQ(RunningText(testing::kPresent), "running; next job at 2025-01-01 09:00:00");
+}
+
+// The events of a module are made by its start; these stand for them.
+TEST_F(ServiceModule, ASystemShutdownLeavesTheShutdownEventAndTheProcessReference) {
+  CServiceModule::SetProcessRef(false);
+  CServiceModule module{ServiceOptions()};
+  module.HandleControl(platform::kServiceControlShutdown);
+  EXPECT_EQ(TakeEvent(), -1);
+  EXPECT_EQ(ProcessRef(), platform::CurrentProcessId());
+}
+
 TEST_F(ServiceModule, TheProcessReferenceIsSetAndReset) {
   CServiceModule::SetProcessRef(false);
   EXPECT_EQ(ProcessRef(), platform::CurrentProcessId());
