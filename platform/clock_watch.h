@@ -5,7 +5,7 @@
 // of a changed zone file is given out.
 // Sources of the notices: a timer of the kernel that is cancelled when the wall clock is set (timerfd_create(2)), the
 // system's zone file and the file that its link names (inotify(7)), a second timer for the guard.
-// Threads: SetGuard(), NotifyForTest() and Destroy() from any thread; the others from the reading thread.
+// Threads: SetGuard(), Guard(), NotifyForTest() and Destroy() from any thread; the others from the reading thread.
 #pragma once
 
 #include <cstdint>
@@ -55,6 +55,8 @@ class ClockWatch {
   // Has Read() give kGuard once the wall clock has reached a moment, in seconds since 1970; 0 or less for no guard.
   // Replaces the earlier moment; costs no wake-up before it.
   void SetGuard(std::int64_t wallSeconds);
+  // The moment that was set last, 0 for none; it stays after its notice.
+  [[nodiscard]] std::int64_t Guard() const;
   // Ends the watch: Read() returns at once with message 0, now and from now on.
   void Destroy();
   // Has Read() give a kTimeChange, as if the clock had been set.

@@ -90,6 +90,7 @@ struct ClockWatch::State {
   const Descriptor told{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
   const Descriptor guard{timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK)};
   std::atomic<bool> destroyed{false};
+  std::atomic<std::int64_t> guardMoment{0};
   Procedure procedure;
   Descriptor clock;
   Descriptor zone;
@@ -209,10 +210,13 @@ void ClockWatch::Dispatch(const ClockNotice& notice) const {
 }
 
 void ClockWatch::SetGuard(std::int64_t wallSeconds) {
+  m_state->guardMoment.store(wallSeconds > 0 ? wallSeconds : 0);
   itimerspec when = {};
   if (wallSeconds > 0) when.it_value.tv_sec = wallSeconds < kNeverSeconds ? wallSeconds : kNeverSeconds;
   (void)timerfd_settime(m_state->guard.Get(), TFD_TIMER_ABSTIME, &when, nullptr);
 }
+
+std::int64_t ClockWatch::Guard() const { return m_state->guardMoment.load(); }
 
 void ClockWatch::Destroy() {
   m_state->destroyed.store(true);

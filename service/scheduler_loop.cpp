@@ -36,6 +36,9 @@ std::string ClockText(std::int64_t seconds) {
 
 constexpr std::size_t kYearPart = 20;  // where the year begins in the clock's text form
 
+// A head that has passed by more than this counts as overlooked.
+constexpr std::int64_t kToleratedDelaySeconds = 1;
+
 double SecondsUntil(std::int64_t window, std::int64_t now) { return static_cast<double>(SignExtended(window) - now); }
 
 // Erases an ended job, whose reference is given up first.
@@ -59,8 +62,9 @@ CSchedulerLoop::CSchedulerLoop(platform::Apartment& apartment, ISchedulerService
 
 void CSchedulerLoop::SkipPassedWindows(std::int64_t now) {
   CJobList::Position at = g_JobList.Begin();
-  while (at != g_JobList.End()) {
-    if (at->NextTimeWindow < now && at->NextTimeWindow > 0) {
+  // The list is in order here: behind the first window that hasn't passed there is nothing to be found.
+  while (at != g_JobList.End() && at->NextTimeWindow < now) {
+    if (at->NextTimeWindow > 0) {
       ServiceLog(2, u"Something wrong, next time window can't be earlier than current time: %s", at->IdText());
       const std::int64_t window = at->UpdateNextTimeWindow();
       g_JobList.MarkChanged(at);
@@ -75,17 +79,26 @@ void CSchedulerLoop::SkipPassedWindows(std::int64_t now) {
   g_JobList.Sort();
 }
 
+// The caller holds the lock, so that the moment belongs to the head of the sleep that begins.
+void CSchedulerLoop::SetGuard() const {
+  if (!m_guarded || m_watch == nullptr) return;
+  const std::int64_t head = g_JobList.Empty() ? 0 : SignExtended(g_JobList.Begin()->NextTimeWindow);
+  m_watch->SetGuard(head > 0 ? head + kToleratedDelaySeconds + 1 : 0);
+}
+
 std::uint32_t CSchedulerLoop::PrepareSleep() {
   m_sleepFrom = 0;
   m_wakeUp = kNoWakeUp;
   const CriticalSectionGuard guard(g_JobListLock);
   if (g_JobList.Empty()) {
+    SetGuard();
     ServiceLog(3, u"Service will sleep for INFINITE time");
     return platform::kWaitForever;
   }
   const std::int64_t now = platform::NowSeconds();
   m_firstWindow = SignExtended(g_JobList.Begin()->NextTimeWindow);
   if (now > m_firstWindow) SkipPassedWindows(now);
+  SetGuard();
   const platform::WallClockReading clock = platform::NowWithMilliseconds();
   m_sleepFrom = clock.steadyNanoseconds;
   if (g_JobList.Empty()) {
@@ -196,10 +209,11 @@ bool CSchedulerLoop::HeadIsOverdue(std::int64_t nowSeconds) {
   const CriticalSectionGuard guard(g_JobListLock);
   if (g_JobList.Empty()) return false;
   const std::int64_t window = SignExtended(g_JobList.Begin()->NextTimeWindow);
-  return window > 0 && nowSeconds - window > 1;
+  return window > 0 && nowSeconds - window > kToleratedDelaySeconds;
 }
 
 std::uint32_t ThreadProcedure(CSchedulerLoop& loop) {
+  loop.EnableGuard();
   while (loop.Step()) {
   }
   return 0;

@@ -2,7 +2,11 @@
 //
 // The thread's body is while (Step()) {}; a test calls Step() itself. Events that clients hear of a pass are collected
 // under g_JobListLock and put, in order, into the apartment's queue after it is released; nobody waits for them.
-// Threads: Step() on one thread; HeadIsOverdue() on any.
+//
+// A window inside the present second makes the sleep wrap to seven weeks, and that window is skipped. So that the other
+// schedules don't wait with it, the thread sets the guard of the clock watch before each sleep: once the head's window
+// has passed by more than a second and the loop still sleeps, the time-change thread wakes it with REFRESH_EVENT.
+// Threads: EnableGuard() and Step() on one thread; HeadIsOverdue() on any.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +35,7 @@ class CSchedulerLoop {
   // All are borrowed and outlive the loop.
   //   apartment  where the service's object lives
   //   service    the service itself, called there
-  //   watch      ended at shutdown; null for none
+  //   watch      bears the guard and is ended at shutdown; null for none
   //   nodes      closed at shutdown; null for none
   CSchedulerLoop(platform::Apartment& apartment, ISchedulerService& service, platform::ClockWatch* watch = nullptr,
                  INodeChannel* nodes = nullptr);
@@ -46,6 +50,9 @@ class CSchedulerLoop {
   //   returns  false after SHUTDOWN_EVENT and after a failed wait: the loop is over for good
   bool Step();
 
+  // From now on Step() sets the watch's guard. Off at first, as whoever calls Step() himself looks when he likes.
+  void EnableGuard() { m_guarded = true; }
+
   // Whether the head's window has passed by more than a second, at `nowSeconds`. Takes g_JobListLock.
   [[nodiscard]] static bool HeadIsOverdue(std::int64_t nowSeconds);
 
@@ -56,6 +63,7 @@ class CSchedulerLoop {
   };
 
   std::uint32_t PrepareSleep();
+  void SetGuard() const;
   void SkipPassedWindows(std::int64_t now);
   void LaunchPass();
   void LaunchDueJobs(Status instance, std::vector<Notification>& notifications);
@@ -65,13 +73,14 @@ class CSchedulerLoop {
   ISchedulerService& m_service;
   platform::ClockWatch* m_watch;
   INodeChannel* m_nodes;
+  bool m_guarded = false;
   std::int64_t m_firstWindow = 0;  // the head's window when the cycle began
   std::function<void(std::int64_t)> m_sleepNotice;
   std::int64_t m_wakeUp = kNoWakeUp;  // the window that the sleep was computed for
   std::int64_t m_sleepFrom = 0;    // steady nanoseconds from which the sleep runs, so that it ends on the second
 };
 
-// The body of the scheduler thread. Always 0.
+// The body of the scheduler thread, with the guard. Always 0.
 std::uint32_t ThreadProcedure(CSchedulerLoop& loop);
 
 }  // namespace qx

@@ -5,6 +5,7 @@
 #include "foundation/include/zfclog.h"
 #include "foundation/include/zfclogformat.h"
 #include "service/scheduler_events.h"
+#include "service/scheduler_loop.h"
 
 using ZepFoundation::ServiceLog;
 
@@ -37,11 +38,19 @@ void AnnounceTimeZone(std::uint32_t level, const char16_t* format, std::int32_t 
 }
 
 void CTimeChangeThread::OnNotice(const platform::ClockNotice& notice) {
-  if (notice.message != platform::ClockNotice::kTimeChange) return;
+  if (notice.message == platform::ClockNotice::kTimeChange) {
+    OnTimeChange(notice.zoneRulesChanged);
+  } else if (notice.message == platform::ClockNotice::kGuard && CSchedulerLoop::HeadIsOverdue(platform::NowSeconds())) {
+    ServiceLog(2, u"The first window has passed while the scheduler slept: the schedules are looked at again");
+    g_SchedulerEvents.Set(REFRESH_EVENT);
+  }
+}
+
+void CTimeChangeThread::OnTimeChange(bool zoneRulesChanged) {
   std::uint32_t tickCount = platform::TickCount();
   const platform::WallClockReading wall = platform::NowWithMilliseconds();
   const std::int32_t bias = platform::GetTimeZoneInformation().bias;
-  const bool zoneChanged = bias != m_bias || notice.zoneRulesChanged;
+  const bool zoneChanged = bias != m_bias || zoneRulesChanged;
   m_bias = bias;
   AnnounceTimeZone(1, u"Timezone has been changed to : %S", bias);
   if (m_tickCount != 0 && !zoneChanged) {
@@ -52,6 +61,7 @@ void CTimeChangeThread::OnNotice(const platform::ClockNotice& notice) {
     if (magnitude <= kToleratedDriftMs) return;
   }
   ServiceLog(3, u"SYSTEM_TIME_CHANGED event has been set");
+  m_watch.SetGuard(0);  // the loop looks anyway, and sets it anew
   g_SchedulerEvents.Set(SYSTEM_TIME_CHANGED);
   m_tickCount = tickCount;
   m_wall = wall;

@@ -1,4 +1,5 @@
-// service/time_change_thread.h: tells real changes of the clock and the zone from echoes of small adjustments.
+// service/time_change_thread.h: tells real changes of the clock and the zone from echoes of small adjustments, and
+// wakes a scheduler loop that sleeps past its head.
 //
 // Threads: SaveBias() before the thread is started; all else on the thread alone.
 #pragma once
@@ -35,10 +36,13 @@ class CTimeChangeThread {
   void Run();
 
   // One notice. A kTimeChange sets SYSTEM_TIME_CHANGED unless the wall clock has drifted from the tick count by at most
-  // kToleratedDriftMs since the last accepted one and the zone is the same; the first is always accepted.
+  // kToleratedDriftMs since the last accepted one and the zone is the same; the first is always accepted. A kGuard sets
+  // REFRESH_EVENT, with one log line, when the head of the job list is overdue (scheduler_loop.h).
   void OnNotice(const platform::ClockNotice& notice);
 
  private:
+  void OnTimeChange(bool zoneRulesChanged);
+
   platform::ClockWatch& m_watch;
   std::int32_t m_bias = 0;
   std::uint32_t m_tickCount = 0;  // of the last accepted change; 0 for none

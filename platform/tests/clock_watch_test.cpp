@@ -120,6 +120,16 @@ TEST_F(ClockWatchTest, GivesTheGuardWhenItsMomentHasPassed) {
   EXPECT_EQ(Next(watch).message, ClockNotice::kTimeChange);
 }
 
+TEST_F(ClockWatchTest, TellsTheGuardsMoment) {
+  ClockWatch watch(Link());
+  EXPECT_EQ(watch.Guard(), 0);
+  watch.SetGuard(1000);
+  EXPECT_EQ(Next(watch).message, ClockNotice::kGuard);
+  EXPECT_EQ(watch.Guard(), 1000);
+  watch.SetGuard(-5);
+  EXPECT_EQ(watch.Guard(), 0);
+}
+
 TEST_F(ClockWatchTest, EndsAtOnceAndForGoodWhenDestroyed) {
   ClockWatch watch(Link());
   ASSERT_EQ(watch.Create(), ERROR_SUCCESS);

@@ -86,14 +86,16 @@ TEST_F(RunCommand, AnswersThatAProgramDoesNotExist) {
   const std::string command = m_folder + "/absent a";
   EXPECT_EQ(qx::RunCommand(command, &exitCode), 0x80070002u);
   EXPECT_EQ(exitCode, 77u);
-  EXPECT_THAT(m_log.lines(),
-              ElementsAre(Line{1, "SchedulerService RunCommand, Enter " + command},
-                          Line{1, "SchedulerService RunCommand, CreateProcessA failed. Command=" + command +
-                                      ", 0x80070002"},
-                          Line{1, "SchedulerService RunCommand, Exit 0x80070002"}));
+  EXPECT_THAT(
+      m_log.lines(),
+      ElementsAre(Line{1, "SchedulerService RunCommand, Enter " + command},
+                  Line{1, "SchedulerService RunCommand, CreateProcessA failed. Command=" + command + ", 0x80070002"},
+                  Line{1, "SchedulerService RunCommand, Exit 0x80070002"}));
 }
 
-TEST_F(RunCommand, StartsNothingForAnEmptyText) { EXPECT_EQ(qx::RunCommand(""), 0x80070002u); }
+TEST_F(RunCommand, StartsNothingForAnEmptyText) {
+  EXPECT_EQ(qx::RunCommand(""), 0x80070002u);
+}
 
 TEST_F(RunCommand, CutsAHostileTextInItsLogLines) {
   const std::string command = m_folder + "/absent " + std::string(5000, '%');
@@ -113,7 +115,8 @@ const StepCase kSteps[] = {
      "SchedulerService RunCommand, CreatePipe failed for stderr_read and stderr_write. 0x800705aa"},
     {__LINE__, Operation::kSetHandleInformation,
      "SchedulerService RunCommand, SetHandleInformation failed for stderr_read. 0x800705aa"},
-    {__LINE__, Operation::kCreateProcess, "SchedulerService RunCommand, CreateProcessA failed. Command=true, 0x800705aa"},
+    {__LINE__, Operation::kCreateProcess,
+     "SchedulerService RunCommand, CreateProcessA failed. Command=true, 0x800705aa"},
     {__LINE__, Operation::kWaitForProcess, "SchedulerService RunCommand, WaitForSingleObject failed. 0x800705aa"},
     {__LINE__, Operation::kGetExitCodeProcess, "SchedulerService RunCommand, GetExitCodeProcess failed. 0x800705aa"},
 };

@@ -147,6 +147,37 @@ TEST_F(SchedulerLoop, CallsAHeadOverdueOnlyBeyondOneSecond) {
   EXPECT_FALSE(qx::CSchedulerLoop::HeadIsOverdue(kPresent));
 }
 
+TEST_F(SchedulerLoop, SetsTheGuardTwoSecondsBehindTheHeadOfEachSleep) {
+  m_loop.EnableGuard();
+  const ScheduleGuid id = Create(Daily());
+  EXPECT_TRUE(m_loop.Step());
+  EXPECT_EQ(m_watch.Guard(), kPresent + 3602);
+  EXPECT_TRUE(m_loop.Step());
+  g_SchedulerEvents.Set(REFRESH_EVENT);
+  EXPECT_TRUE(m_loop.Step());
+  EXPECT_EQ(m_watch.Guard(), kPresent + 3602 + kSecondsOfDay);
+  ASSERT_EQ(m_service.DeleteSchedule(id), kStatusOk);
+  EXPECT_TRUE(m_loop.Step());
+  EXPECT_EQ(m_watch.Guard(), 0);
+}
+
+TEST_F(SchedulerLoop, TakesTheGuardBackWhenTheScanEmptiesTheList) {
+  m_loop.EnableGuard();
+  (void)Create(Once(100));
+  EXPECT_TRUE(m_loop.Step());
+  EXPECT_EQ(m_watch.Guard(), kPresent + 102);
+  m_clock.SetWall(kPresent + 1000);
+  g_SchedulerEvents.Set(REFRESH_EVENT);
+  EXPECT_TRUE(m_loop.Step());
+  EXPECT_EQ(m_watch.Guard(), 0);
+}
+
+TEST_F(SchedulerLoop, SetsNoGuardWhereATestCallsStep) {
+  (void)Create(Daily());
+  EXPECT_TRUE(m_loop.Step());
+  EXPECT_EQ(m_watch.Guard(), 0);
+}
+
 TEST_F(SchedulerLoop, DoesNotRunAWindowBeyond49DaysEarly) {
   SCHEDULE_OBJECT schedule = Once(60 * kSecondsOfDay);
   const ScheduleGuid id = Add(schedule);

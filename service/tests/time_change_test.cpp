@@ -259,8 +259,34 @@ TEST_F(TimeChangeThread, AlwaysAcceptsAChangeOfTheZone) {
 }
 
 TEST_F(TimeChangeThread, LeavesOtherNoticesAlone) {
-  EXPECT_FALSE(Sets({platform::ClockNotice::kGuard, false}));
+  EXPECT_FALSE(Sets({1, false}));
+  EXPECT_FALSE(Sets({platform::ClockNotice::kGuard, false}));  // nothing is listed
   EXPECT_THAT(m_log.lines(), IsEmpty());
+}
+
+TEST_F(TimeChangeThread, WakesTheLoopWhenTheGuardFindsTheHeadOverdue) {
+  m_clock.SetWall(kPresent);
+  (void)Add(Daily(10));
+  constexpr platform::ClockNotice kGuard{platform::ClockNotice::kGuard, false};
+  m_clock.SetWall(kPresent + 11, 999);
+  m_thread.OnNotice(kGuard);
+  EXPECT_EQ(TakeEvent(), -1);
+  EXPECT_THAT(m_log.lines(), IsEmpty());
+  m_clock.SetWall(kPresent + 12);
+  m_thread.OnNotice(kGuard);
+  EXPECT_EQ(TakeEvent(), REFRESH_EVENT);
+  constexpr const char* kText =
+      "The first window has passed while the scheduler slept: the schedules are looked at again";
+  EXPECT_THAT(m_log.lines(), ElementsAre(ZepFoundation::CapturedLogLine{2, kText}));
+}
+
+TEST_F(TimeChangeThread, TakesTheGuardBackWhenTheLoopIsToLookAnyway) {
+  m_watch.SetGuard(2000000000);
+  ASSERT_TRUE(Sets());
+  EXPECT_EQ(m_watch.Guard(), 0);
+  m_watch.SetGuard(2000000000);
+  EXPECT_FALSE(Sets());  // an echo leaves it alone
+  EXPECT_EQ(m_watch.Guard(), 2000000000);
 }
 
 TEST_F(TimeChangeThread, ReadsNoticesUntilTheWatchIsDestroyed) {
