@@ -128,7 +128,8 @@ class RunningService {
     std::filesystem::remove_all(m_directory, ignored);
   }
 
-  // The state directory, and one for the files of jobs.
+  // The directory of all that follows; the state directory, and one for the files of jobs.
+  [[nodiscard]] const std::string& Directory() const { return m_directory; }
   [[nodiscard]] std::string Root() const { return m_directory + "/state"; }
   [[nodiscard]] std::string Jobs() const { return m_directory + "/jobs"; }
   platform::PrivateBus& Bus() { return m_bus; }
@@ -137,6 +138,10 @@ class RunningService {
 
   // A variable that the program gets from now on.
   void AddVariable(const std::string& assignment) { m_variables.push_back(assignment); }
+  // All variables that it gets from now on beside the usual ones.
+  void SetVariables(std::vector<std::string> assignments) { m_variables = std::move(assignments); }
+  // Where the program lies from now on; empty for the build's own.
+  void SetPrograms(std::string directory) { m_programs = std::move(directory); }
 
   // Runs the program to its end; its exit code.
   int Run(std::vector<std::string> arguments) {
@@ -174,6 +179,16 @@ class RunningService {
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
+  }
+
+  // What every program of a test gets.
+  std::vector<std::string> Environment() const {
+    std::vector<std::string> environment = {"TZ=UTC", "PATH=/usr/bin:/bin", "HOME=/nonexistent"};
+    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "TMPDIR"}) {
+      if (const char* const value = std::getenv(name)) environment.push_back(std::string(name) + "=" + value);
+    }
+    environment.insert(environment.end(), m_variables.begin(), m_variables.end());
+    return environment;
   }
 
   // A client that is connected, with its events kept.
@@ -250,23 +265,18 @@ class RunningService {
   }
 
  private:
-  static std::string Program() { return test_paths::Programs() + "/QxSchedService"; }
+  [[nodiscard]] std::string Program() const {
+    return (m_programs.empty() ? test_paths::Programs() : m_programs) + "/QxSchedService";
+  }
   [[nodiscard]] std::string OutputFile() const { return m_directory + "/output"; }
   std::vector<std::string> WithPlace(std::vector<std::string> arguments) const {
     const std::vector<std::string> place = {"--root", Root(), "--bus=" + m_bus.Address()};
     arguments.insert(arguments.begin(), place.begin(), place.end());
     return arguments;
   }
-  std::vector<std::string> Environment() const {
-    std::vector<std::string> environment = {"TZ=UTC", "PATH=/usr/bin:/bin", "HOME=/nonexistent"};
-    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "TMPDIR"}) {
-      if (const char* const value = std::getenv(name)) environment.push_back(std::string(name) + "=" + value);
-    }
-    environment.insert(environment.end(), m_variables.begin(), m_variables.end());
-    return environment;
-  }
 
   std::string m_directory;
+  std::string m_programs;
   std::vector<std::string> m_variables;
   platform::PrivateBus m_bus;
   std::unique_ptr<Child> m_service;

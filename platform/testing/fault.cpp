@@ -3,6 +3,11 @@
 #include <cassert>
 #include <mutex>
 #include <string>
+#include <utility>
+
+#ifdef QX_FAULT_SEAM
+#include "platform/testing/kill_switch.h"
+#endif
 
 namespace platform {
 namespace {
@@ -14,28 +19,39 @@ struct InstalledPlan {
   int n = 0;  // 0 fails nothing
   ErrorCode code = ERROR_SUCCESS;
   FaultMode mode = kOnce;
+  FaultPlan::Answer answer;
   int calls = 0;
   int hits = 0;
 };
 
 std::mutex g_planMutex;
 InstalledPlan g_plan;
+bool g_isInstalled = false;
 
 void Install(InstalledPlan plan) {
   const std::lock_guard lock(g_planMutex);
-  assert(!detail::g_faultSeamArmed.load() && "one fault plan at a time");
+  assert(!g_isInstalled && "one fault plan at a time");
   g_plan = std::move(plan);
+  g_isInstalled = true;
   detail::g_faultSeamArmed.store(true);
 }
 
 }  // namespace
 
 ErrorCode detail::AskFaultPlan(Operation operation, std::string_view detailText) {
+#ifdef QX_FAULT_SEAM
+  CountForKillSwitch(static_cast<std::uint16_t>(operation));
+#endif
   const std::lock_guard lock(g_planMutex);
-  if (!g_faultSeamArmed.load()) return ERROR_SUCCESS;
+  if (!g_isInstalled) return ERROR_SUCCESS;
   if (!g_plan.anyOperation && g_plan.operation != operation) return ERROR_SUCCESS;
   if (!g_plan.detail.empty() && g_plan.detail != detailText) return ERROR_SUCCESS;
   ++g_plan.calls;
+  if (g_plan.answer) {
+    const ErrorCode code = g_plan.answer(g_plan.calls, operation, detailText);
+    if (code != ERROR_SUCCESS) ++g_plan.hits;
+    return code;
+  }
   if (g_plan.n == 0) return ERROR_SUCCESS;
   const bool fails = g_plan.mode == kOnce ? g_plan.calls == g_plan.n : g_plan.calls >= g_plan.n;
   if (!fails) return ERROR_SUCCESS;
@@ -68,6 +84,16 @@ FaultPlan FaultPlan::FailAnyCall(int n, ErrorCode code, FaultMode mode) {
   return plan;
 }
 
+FaultPlan FaultPlan::Ask(Answer answer) {
+  InstalledPlan installed;
+  installed.anyOperation = true;
+  installed.answer = std::move(answer);
+  Install(std::move(installed));
+  FaultPlan plan;
+  plan.m_installed = true;
+  return plan;
+}
+
 FaultPlan FaultPlan::CountOnly() { return FailAnyCall(0, ERROR_SUCCESS); }
 
 FaultPlan::FaultPlan(FaultPlan&& other) noexcept
@@ -83,6 +109,8 @@ void FaultPlan::Remove() {
   m_hits = g_plan.hits;
   m_calls = g_plan.calls;
   m_installed = false;
+  g_isInstalled = false;
+  g_plan.answer = nullptr;
   detail::g_faultSeamArmed.store(false);
 }
 

@@ -4,6 +4,7 @@
 // test's thread; calls of any thread are counted.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -23,6 +24,10 @@ class FaultPlan {
                                           std::string_view detail = {});
   // Fails call number n (from 1) of any operation.
   [[nodiscard]] static FaultPlan FailAnyCall(int n, ErrorCode code, FaultMode mode = kOnce);
+  // Asks `answer` at every call, with its number (from 1), and fails the call with what it returns unless that is 0.
+  // It is asked on the calling thread, one call at a time, and must make no platform call itself.
+  using Answer = std::function<ErrorCode(int call, Operation operation, std::string_view detail)>;
+  [[nodiscard]] static FaultPlan Ask(Answer answer);
   // Fails nothing and counts every call.
   [[nodiscard]] static FaultPlan CountOnly();
 

@@ -30,6 +30,20 @@ TEST(FaultPlan, FailsFromACallOn) {
   EXPECT_EQ(Ask(3), (Answers{0, ERROR_DISK_FULL, ERROR_DISK_FULL}));
 }
 
+TEST(FaultPlan, AsksAtEveryCall) {
+  std::vector<std::string> asked;
+  const FaultPlan plan = FaultPlan::Ask([&](int call, Operation operation, std::string_view detail) -> ErrorCode {
+    asked.push_back(std::to_string(call) + " " + std::string(OperationName(operation)) + " " + std::string(detail));
+    return call == 2 ? ERROR_DISK_FULL : ERROR_SUCCESS;
+  });
+  EXPECT_EQ(Ask(1, Operation::kReadFile, "a"), Answers{0});
+  EXPECT_EQ(Ask(1, Operation::kWriteFile, "b"), Answers{ERROR_DISK_FULL});
+  EXPECT_EQ(Ask(1, Operation::kWriteFile), Answers{0});
+  EXPECT_EQ(asked, (std::vector<std::string>{"1 ReadFile a", "2 WriteFile b", "3 WriteFile "}));
+  EXPECT_EQ(plan.hits(), 1);
+  EXPECT_EQ(plan.calls(), 3);
+}
+
 TEST(FaultPlan, CountsOnlyItsOperation) {
   const FaultPlan plan = FaultPlan::FailCall(Operation::kWriteFile, 1, ERROR_DISK_FULL);
   EXPECT_EQ(Ask(1, Operation::kReadFile), Answers{0});

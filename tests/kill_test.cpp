@@ -1,0 +1,33 @@
+// Kills the real service at every platform call of a change, and starts it anew.
+#include <iostream>
+
+#include "tests/killed_service.h"
+
+namespace qx::testing {
+namespace {
+
+class KillAtEveryCall : public ::testing::TestWithParam<Change> {};
+
+TEST_P(KillAtEveryCall, LeavesTheScheduleWholeAndTheOthersAlone) {
+  KilledService service;
+  std::map<Outcome, int> outcomes;
+  std::uint32_t n = 1;
+  for (;; ++n) {
+    const KilledService::Round round = service.Run(GetParam(), n);
+    ASSERT_FALSE(HasFailure()) << "killed at call " << n << " (" << service.LastOperation() << ")";
+    if (!round.killed) break;  // acknowledged, judged, and killed behind it
+    ++outcomes[round.outcome];
+  }
+  std::cout << NameOf(GetParam()) << ": killed at " << n - 1 << " calls: " << outcomes[Outcome::kOld]
+            << " left the old state, " << outcomes[Outcome::kNewKeyOldRules] << " new values beside old rules, "
+            << outcomes[Outcome::kNew] << " the new state\n";
+  // The range held the change's own point of no return.
+  EXPECT_GT(outcomes[Outcome::kOld], 5);
+  EXPECT_GT(outcomes[Outcome::kNew], 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Changes, KillAtEveryCall, ::testing::Values(Change::kCreate, Change::kDelete),
+                         [](const auto& change) { return NameOf(change.param); });
+
+}  // namespace
+}  // namespace qx::testing
