@@ -1,9 +1,12 @@
 #include "client/scheduler_client.h"
 
 #include <algorithm>
+#include <functional>
 #include <iterator>
 #include <utility>
 
+#include "common/bus_records.h"
+#include "platform/bus.h"
 #include "platform/clock.h"
 
 namespace qx {
@@ -79,52 +82,80 @@ void AppendNodes(MessageWriter& call, std::uint32_t count, const NodeNames& name
 
 }  // namespace
 
-SchedulerClient::SchedulerClient() = default;
+struct [[gnu::visibility("hidden")]] SchedulerClient::Impl {
+  using Write = std::function<void(MessageWriter&)>;
+  using Read = std::function<BusError(MessageReader&)>;
+  struct Slot {
+    Sink sink;
+    std::uint32_t cookie = 0;
+  };
+
+  Status Fail(ErrorCode code, BusError refusal);
+  Status Request(std::string_view interface, std::string_view member, const Write& write, MessageReader& reply);
+  Status Call(std::string_view interface, std::string_view member, const Write& write, const Read& read);
+  Status CallService(std::string_view member, const Write& write, const Read& read = {});
+  Status Subscribe();
+  void OnSignal(MessageReader& signal);
+  void Deliver(const std::function<void(ISchedulerServiceEvents&)>& event);
+
+  platform::BusConnection connection;
+  BusError lastError;
+  std::vector<Slot> slots;
+  std::uint32_t lastCookie = 0;
+  bool subscribed = false;
+  std::size_t delivered = 0;
+};
+
+SchedulerClient::SchedulerClient() : m_impl(std::make_unique<Impl>()) {}
 SchedulerClient::~SchedulerClient() = default;
 
+const BusError& SchedulerClient::LastError() const {
+  return m_impl->lastError;
+}
+
 Status SchedulerClient::Connect(const platform::BusAddress& address) {
-  m_error = {};
-  m_subscribed = false;
-  m_connection.Close();
-  if (const ErrorCode rc = m_connection.Open(address); rc != ERROR_SUCCESS) {
-    return Fail(rc, BusError::Failed("no connection to the message bus"));
+  m_impl->lastError = {};
+  m_impl->subscribed = false;
+  m_impl->connection.Close();
+  if (const ErrorCode rc = m_impl->connection.Open(address); rc != ERROR_SUCCESS) {
+    return m_impl->Fail(rc, BusError::Failed("no connection to the message bus"));
   }
   const bool anySink =
-      std::any_of(m_slots.begin(), m_slots.end(), [](const Slot& slot) { return slot.sink != nullptr; });
-  return anySink ? Subscribe() : kStatusOk;
+      std::any_of(m_impl->slots.begin(), m_impl->slots.end(), [](const Impl::Slot& slot) { return slot.sink != nullptr; });
+  return anySink ? m_impl->Subscribe() : kStatusOk;
 }
 
 void SchedulerClient::Disconnect() {
-  m_subscribed = false;
-  m_connection.Close();
+  m_impl->subscribed = false;
+  m_impl->connection.Close();
 }
 
 bool SchedulerClient::IsConnected() const {
-  return m_connection.IsOpen();
+  return m_impl->connection.IsOpen();
 }
 
-Status SchedulerClient::Fail(ErrorCode code, BusError error) {
-  m_error = std::move(error);
-  return platform::StatusFromErrorCode(CodeOf(code, m_error));
+Status SchedulerClient::Impl::Fail(ErrorCode code, BusError refusal) {
+  lastError = std::move(refusal);
+  return platform::StatusFromErrorCode(CodeOf(code, lastError));
 }
 
 // Sends a call and waits for its reply.
-Status SchedulerClient::Request(std::string_view interface, std::string_view member, const Write& write,
+Status SchedulerClient::Impl::Request(std::string_view interface, std::string_view member, const Write& write,
                                 MessageReader& reply) {
-  m_error = {};
+  lastError = {};
   MessageWriter call;
-  ErrorCode rc = m_connection.NewCall(kBusName, kBusPath, interface, member, call);
+  ErrorCode rc = connection.NewCall(kBusName, kBusPath, interface, member, call);
   if (rc != ERROR_SUCCESS) {
     return Fail(rc, {std::string(platform::kBusErrorDisconnected), "not connected to the message bus"});
   }
   if (write) write(call);
   BusError error;
-  rc = m_connection.Call(std::move(call), reply, error, platform::kNoCallLimit);
+  rc = connection.Call(std::move(call), reply, error, platform::kNoCallLimit);
   return rc == ERROR_SUCCESS ? kStatusOk : Fail(rc, std::move(error));
 }
 
 // A call whose reply begins with the service's status; `read` takes what stands behind it.
-Status SchedulerClient::Call(std::string_view interface, std::string_view member, const Write& write,
+Status SchedulerClient::Impl::Call(std::string_view interface, std::string_view member, const Write& write,
                              const Read& read) {
   MessageReader reply;
   if (const Status status = Request(interface, member, write, reply); status != kStatusOk) return status;
@@ -136,29 +167,29 @@ Status SchedulerClient::Call(std::string_view interface, std::string_view member
   return static_cast<Status>(status);
 }
 
-Status SchedulerClient::CallService(std::string_view member, const Write& write, const Read& read) {
+Status SchedulerClient::Impl::CallService(std::string_view member, const Write& write, const Read& read) {
   return Call(kBusServiceInterface, member, write, read);
 }
 
 Status SchedulerClient::CreateSchedule(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id) {
-  return CallService(
+  return m_impl->CallService(
       "CreateSchedule", [&](MessageWriter& call) { AppendSchedule(call, schedule); },
       [&](MessageReader& reply) { return ReadScheduleId(reply, "schedule_id", id); });
 }
 
 Status SchedulerClient::DeleteSchedule(const ScheduleGuid& id) {
-  return CallService("DeleteSchedule", [&](MessageWriter& call) { AppendScheduleId(call, id); });
+  return m_impl->CallService("DeleteSchedule", [&](MessageWriter& call) { AppendScheduleId(call, id); });
 }
 
 Status SchedulerClient::ModifySchedule(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule) {
-  return CallService("ModifySchedule", [&](MessageWriter& call) {
+  return m_impl->CallService("ModifySchedule", [&](MessageWriter& call) {
     AppendScheduleId(call, id);
     AppendSchedule(call, schedule);
   });
 }
 
 Status SchedulerClient::ListSchedule(std::uint32_t& count, ScheduleList& schedules) {
-  return CallService("ListSchedule", {}, [&](MessageReader& reply) {
+  return m_impl->CallService("ListSchedule", {}, [&](MessageReader& reply) {
     std::uint32_t read = 0;
     if (reply.ReadUint32(read) != ERROR_SUCCESS) return BadReply("count");
     std::vector<SCHEDULE_OBJECT_EX> records;
@@ -171,7 +202,7 @@ Status SchedulerClient::ListSchedule(std::uint32_t& count, ScheduleList& schedul
 }
 
 Status SchedulerClient::GetScheduleInfo(const ScheduleGuid& id, ScheduleInfo& schedule) {
-  return CallService(
+  return m_impl->CallService(
       "GetScheduleInfo", [&](MessageWriter& call) { AppendScheduleId(call, id); },
       [&](MessageReader& reply) {
         std::vector<SCHEDULE_OBJECT> records;
@@ -186,7 +217,7 @@ Status SchedulerClient::GetScheduleInfo(const ScheduleGuid& id, ScheduleInfo& sc
 Status SchedulerClient::CreateScheduleOnNodes(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id,
                                               std::uint32_t nodeCount, const NodeNames& nodeNames,
                                               NodeResults& results) {
-  return CallService(
+  return m_impl->CallService(
       "CreateScheduleOnNodes",
       [&](MessageWriter& call) {
         AppendSchedule(call, schedule);
@@ -200,7 +231,7 @@ Status SchedulerClient::CreateScheduleOnNodes(const SCHEDULE_OBJECT& schedule, S
 
 Status SchedulerClient::DeleteScheduleOnNodes(const ScheduleGuid& id, std::uint32_t nodeCount,
                                               const NodeNames& nodeNames, NodeResults& results) {
-  return CallService(
+  return m_impl->CallService(
       "DeleteScheduleOnNodes",
       [&](MessageWriter& call) {
         AppendScheduleId(call, id);
@@ -212,7 +243,7 @@ Status SchedulerClient::DeleteScheduleOnNodes(const ScheduleGuid& id, std::uint3
 Status SchedulerClient::ModifyScheduleOnNodes(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule,
                                               std::uint32_t nodeCount, const NodeNames& nodeNames,
                                               NodeResults& results) {
-  return CallService(
+  return m_impl->CallService(
       "ModifyScheduleOnNodes",
       [&](MessageWriter& call) {
         AppendScheduleId(call, id);
@@ -223,11 +254,11 @@ Status SchedulerClient::ModifyScheduleOnNodes(const ScheduleGuid& id, const SCHE
 }
 
 Status SchedulerClient::Refresh() {
-  return CallService("Refresh", {});
+  return m_impl->CallService("Refresh", {});
 }
 
 Status SchedulerClient::Notify_NextTimeWindow_Modify(const ScheduleGuid& id, std::int32_t nextTimeWindow) {
-  return CallService("Notify_NextTimeWindow_Modify", [&](MessageWriter& call) {
+  return m_impl->CallService("Notify_NextTimeWindow_Modify", [&](MessageWriter& call) {
     AppendScheduleId(call, id);
     call.AppendInt32(nextTimeWindow);
   });
@@ -235,7 +266,7 @@ Status SchedulerClient::Notify_NextTimeWindow_Modify(const ScheduleGuid& id, std
 
 Status SchedulerClient::Notify_SystemTime_Change(std::int32_t count, const std::vector<std::u16string>& ids,
                                                  const std::vector<std::int32_t>& nextTimeWindows) {
-  return CallService("Notify_SystemTime_Change", [&](MessageWriter& call) {
+  return m_impl->CallService("Notify_SystemTime_Change", [&](MessageWriter& call) {
     call.AppendInt32(count);
     AppendTexts(call, ids);
     AppendNumbers(call, nextTimeWindows);
@@ -244,7 +275,7 @@ Status SchedulerClient::Notify_SystemTime_Change(std::int32_t count, const std::
 
 // Deliberate: both outs stay as they came in, here as in the service.
 Status SchedulerClient::UpdateList(std::int32_t type, const BSTR& value, std::uint32_t&, std::vector<std::u16string>&) {
-  return CallService("UpdateList", [&](MessageWriter& call) {
+  return m_impl->CallService("UpdateList", [&](MessageWriter& call) {
     call.AppendInt32(type);
     AppendText(call, OrEmpty(value));
   });
@@ -252,7 +283,7 @@ Status SchedulerClient::UpdateList(std::int32_t type, const BSTR& value, std::ui
 
 Status SchedulerClient::PerformOperationOnNodes(const BSTR& data, std::uint32_t nodeCount, const NodeNames& nodeNames,
                                                 NodeResults& results) {
-  return CallService(
+  return m_impl->CallService(
       "PerformOperationOnNodes",
       [&](MessageWriter& call) {
         AppendText(call, OrEmpty(data));
@@ -264,38 +295,43 @@ Status SchedulerClient::PerformOperationOnNodes(const BSTR& data, std::uint32_t 
 // --- events ---
 
 Status SchedulerClient::Advise(Sink sink, std::uint32_t& cookie) {
-  m_error = {};
+  m_impl->lastError = {};
   if (!sink) return kStatusNoSink;
-  if (const Status status = Subscribe(); status != kStatusOk) return status;
-  auto slot = std::find_if(m_slots.begin(), m_slots.end(), [](const Slot& s) { return s.sink == nullptr; });
-  if (slot == m_slots.end()) slot = m_slots.insert(slot, Slot());
-  *slot = {std::move(sink), ++m_lastCookie};
-  cookie = m_lastCookie;
+  if (const Status status = m_impl->Subscribe(); status != kStatusOk) return status;
+  auto& slots = m_impl->slots;
+  auto slot = std::find_if(slots.begin(), slots.end(), [](const Impl::Slot& s) { return s.sink == nullptr; });
+  if (slot == slots.end()) {
+    const std::size_t used = slots.size();
+    slots.resize(used == 0 ? 1 : 2 * used);
+    slot = slots.begin() + static_cast<std::ptrdiff_t>(used);
+  }
+  *slot = {std::move(sink), ++m_impl->lastCookie};
+  cookie = slot->cookie;
   return kStatusOk;
 }
 
 Status SchedulerClient::Unadvise(std::uint32_t cookie) {
-  m_error = {};
-  const auto slot = std::find_if(m_slots.begin(), m_slots.end(),
-                                 [&](const Slot& s) { return s.sink != nullptr && s.cookie == cookie; });
-  if (slot == m_slots.end()) return kStatusNoSuchSubscription;
-  slot->sink.reset();
+  m_impl->lastError = {};
+  const auto slot = std::find_if(m_impl->slots.begin(), m_impl->slots.end(),
+                                 [&](const Impl::Slot& s) { return s.sink != nullptr && s.cookie == cookie; });
+  if (slot == m_impl->slots.end()) return kStatusNoSuchSubscription;
+  const Sink gone = std::move(slot->sink);  // released at the end: the last reference runs code of the sink
   return kStatusOk;
 }
 
-Status SchedulerClient::Subscribe() {
-  if (m_subscribed) return kStatusOk;
-  const ErrorCode rc = m_connection.Subscribe(kBusName, kBusPath, kBusEventsInterface, "",
+Status SchedulerClient::Impl::Subscribe() {
+  if (subscribed) return kStatusOk;
+  const ErrorCode rc = connection.Subscribe(kBusName, kBusPath, kBusEventsInterface, "",
                                               [this](MessageReader& signal) { OnSignal(signal); });
   if (rc != ERROR_SUCCESS) return Fail(rc, BusError::Failed("the service's events can't be subscribed to"));
-  m_subscribed = true;
+  subscribed = true;
   // Makes this end a client that a plain server waits for. A service that isn't there yet will send its events.
   (void)Call(kBusManagerInterface, "Subscribe", {}, {});
-  m_error = {};
+  lastError = {};
   return kStatusOk;
 }
 
-void SchedulerClient::OnSignal(MessageReader& signal) {
+void SchedulerClient::Impl::OnSignal(MessageReader& signal) {
   using Event = void (ISchedulerServiceEvents::*)(const ScheduleGuid&);
   static constexpr std::pair<std::string_view, Event> kPlainEvents[] = {
       {"Schedule_Add", &ISchedulerServiceEvents::Schedule_Add},
@@ -325,32 +361,32 @@ void SchedulerClient::OnSignal(MessageReader& signal) {
 }
 
 // The number of slots is read once; a sink may advise and unadvise meanwhile.
-void SchedulerClient::Deliver(const std::function<void(ISchedulerServiceEvents&)>& event) {
-  ++m_delivered;
-  const std::size_t count = m_slots.size();
+void SchedulerClient::Impl::Deliver(const std::function<void(ISchedulerServiceEvents&)>& event) {
+  ++delivered;
+  const std::size_t count = slots.size();
   for (std::size_t i = 0; i < count; ++i) {
-    const Sink sink = m_slots[i].sink;
+    const Sink sink = slots[i].sink;
     if (sink) (void)platform::RunGuarded("event sink", [&] { event(*sink); });
   }
 }
 
 std::size_t SchedulerClient::WaitForEvents(std::uint32_t limitMs) {
-  m_delivered = 0;
+  m_impl->delivered = 0;
   const std::uint32_t begun = platform::TickCount();
-  while (m_connection.IsOpen()) {
-    while (m_connection.Process()) {
+  while (m_impl->connection.IsOpen()) {
+    while (m_impl->connection.Process()) {
     }
     const std::uint32_t passed = platform::TickCount() - begun;
-    if (m_delivered != 0 || passed >= limitMs) break;
-    (void)m_connection.WaitForWork(limitMs - passed);
+    if (m_impl->delivered != 0 || passed >= limitMs) break;
+    (void)m_impl->connection.WaitForWork(limitMs - passed);
   }
-  return m_delivered;
+  return m_impl->delivered;
 }
 
 // --- the Manager interface ---
 
 Status SchedulerClient::ListInfo(std::u16string_view afterId, std::uint32_t limit, std::vector<ListRow>& rows) {
-  return Call(
+  return m_impl->Call(
       kBusManagerInterface, "ListInfo",
       [&](MessageWriter& call) {
         AppendText(call, afterId);
@@ -378,7 +414,7 @@ Status SchedulerClient::ListAll(std::vector<ListRow>& rows) {
 
 Status SchedulerClient::Properties(ServiceProperties& properties) {
   MessageReader reply;
-  const Status status = Request(
+  const Status status = m_impl->Request(
       kPropertiesInterface, "GetAll", [](MessageWriter& call) { call.AppendString(kBusManagerInterface); }, reply);
   if (status != kStatusOk) return status;
   ServiceProperties read;
@@ -415,7 +451,7 @@ Status SchedulerClient::Properties(ServiceProperties& properties) {
     }
     if (rc == ERROR_SUCCESS) rc = reply.Exit();
   }
-  if (rc != ERROR_SUCCESS) return Fail(platform::ERROR_INVALID_DATA, BadReply("properties as expected"));
+  if (rc != ERROR_SUCCESS) return m_impl->Fail(platform::ERROR_INVALID_DATA, BadReply("properties as expected"));
   properties = std::move(read);
   return kStatusOk;
 }

@@ -10,16 +10,16 @@
 // Threads: one client is used by one thread at a time; it may be handed on.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "common/bus_records.h"
 #include "interface/ISchedulerService.h"
-#include "platform/bus.h"
+#include "interface/list_row.h"
+#include "platform/bus_address.h"
 
 namespace qx {
 
@@ -53,7 +53,7 @@ class SchedulerClient : public ISchedulerService {
   // False before Connect(), after Disconnect() and when the connection was lost.
   [[nodiscard]] bool IsConnected() const;
   // Of the last call of any method; unset when that reached the service and was answered.
-  [[nodiscard]] const platform::BusError& LastError() const { return m_error; }
+  [[nodiscard]] const platform::BusError& LastError() const;
 
   Status CreateSchedule(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id) override;
   Status DeleteSchedule(const ScheduleGuid& id) override;
@@ -77,11 +77,13 @@ class SchedulerClient : public ISchedulerService {
 
   // --- events ---
 
-  // Puts a sink into the first empty slot; slots are told of an event in their order. The first one subscribes at the
-  // service.
+  // Puts a sink into the first empty slot; slots are told of an event in their order. The array of slots grows by
+  // doubling, and an event reads its length once: a sink that is put into one of the slots behind, from within an event,
+  // hears of that event still. The first sink subscribes at the service. What a sink throws stays with it.
   //   cookie   names the sink in Unadvise(): never 0, never given twice; untouched on failure
   //   returns  0; kStatusNoSink for null; 0x8007xxxx: not subscribed
   Status Advise(Sink sink, std::uint32_t& cookie);
+  // Empties the slot; the next sink takes it.
   //   returns  0; kStatusNoSuchSubscription
   Status Unadvise(std::uint32_t cookie);
   // Delivers the events that are there, and waits for the first one at most `limitMs` milliseconds.
@@ -99,27 +101,8 @@ class SchedulerClient : public ISchedulerService {
   Status Properties(ServiceProperties& properties);
 
  private:
-  using Write = std::function<void(platform::MessageWriter&)>;
-  using Read = std::function<platform::BusError(platform::MessageReader&)>;
-  Status Call(std::string_view interface, std::string_view member, const Write& write, const Read& read);
-  Status CallService(std::string_view member, const Write& write, const Read& read = {});
-  Status Request(std::string_view interface, std::string_view member, const Write& write,
-                 platform::MessageReader& reply);
-  Status Fail(platform::ErrorCode code, platform::BusError error);
-  Status Subscribe();
-  void OnSignal(platform::MessageReader& signal);
-  void Deliver(const std::function<void(ISchedulerServiceEvents&)>& event);
-
-  struct Slot {
-    Sink sink;
-    std::uint32_t cookie = 0;
-  };
-  platform::BusConnection m_connection;
-  platform::BusError m_error;
-  std::vector<Slot> m_slots;
-  std::uint32_t m_lastCookie = 0;
-  bool m_subscribed = false;
-  std::size_t m_delivered = 0;
+  struct Impl;
+  std::unique_ptr<Impl> m_impl;
 };
 
 }  // namespace qx

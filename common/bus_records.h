@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "interface/list_row.h"
 #include "interface/records.h"
 #include "platform/bus.h"
 
@@ -64,24 +65,6 @@ void AppendScheduleEx(platform::MessageWriter& writer, const SCHEDULE_OBJECT_EX&
 [[nodiscard]] platform::BusError ReadScheduleEx(platform::MessageReader& reader, SCHEDULE_OBJECT_EX& schedule);
 
 // One line of the paged list.
-struct ListRow {
-  std::u16string id;
-  std::u16string name;
-  std::u16string application;
-  std::u16string objectId;
-  std::uint32_t taskCode = 0;
-  std::u16string wrapper;
-  std::u16string xml;
-  std::u16string parameters;
-  std::u16string preScript;
-  std::u16string postScript;
-  std::uint32_t passId = 0;
-  std::int32_t nextWindow = -1;  // kNoWindow, kDamagedKey, or seconds since 1970
-  friend bool operator==(const ListRow&, const ListRow&) = default;
-};
-inline constexpr std::int32_t kNoWindow = -1;    // the schedule has no further window
-inline constexpr std::int32_t kDamagedKey = -2;  // the schedule's key can't be read: only the id stands
-
 void AppendListRow(platform::MessageWriter& writer, const ListRow& row);
 [[nodiscard]] platform::BusError ReadListRow(platform::MessageReader& reader, ListRow& row);
 

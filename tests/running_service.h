@@ -25,6 +25,8 @@
 #include <vector>
 
 #include "client/scheduler_client.h"
+#include "common/bus_records.h"
+#include "platform/bus.h"
 #include "platform/clock.h"
 #include "platform/testing/private_bus.h"
 #include "platform/text.h"

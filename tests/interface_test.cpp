@@ -1,0 +1,399 @@
+// The client interface as its users see it: each test runs on the service's own object within this process and over the
+// bus, on the client library and the real program.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+
+#include "client/scheduler_client.h"
+#include "foundation/include/zfclog.h"
+#include "platform/file.h"
+#include "platform/registry.h"
+#include "service/job_list.h"
+#include "service/populate.h"
+#include "service/schedule_store.h"
+#include "service/scheduler_events.h"
+#include "service/scheduler_service.h"
+#include "tests/running_service.h"
+
+namespace {
+
+using platform::Utf8FromWide;
+using qx::testing::Child;
+using qx::testing::Event;
+using qx::testing::EventLog;
+using qx::testing::RunningService;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using Sink = std::shared_ptr<ISchedulerServiceEvents>;
+
+// A service somewhere, and how its events come.
+class Host {
+ public:
+  virtual ~Host() = default;
+  virtual ISchedulerService& Service() = 0;
+  virtual Status Advise(Sink sink, std::uint32_t& cookie) = 0;
+  virtual Status Unadvise(std::uint32_t cookie) = 0;
+  // Has every event of the calls so far arrive.
+  virtual void Settle() = 0;
+  // A directory for the files of jobs.
+  [[nodiscard]] virtual std::string Jobs() const = 0;
+};
+
+// The service's object, called directly, over a store of its own.
+class InProcess : public Host {
+ public:
+  InProcess() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "qx-interface-XXXXXX").string();
+    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
+    m_folder = pattern;
+    platform::SetStateDirectory(m_folder);
+    EXPECT_EQ(platform::OpenRegistryStore(m_folder + "/registry.db"), 0u);
+    for (const auto path : {qx::kVolumeManagerKey, qx::kProviderKey, qx::kSchedulesKey}) {
+      platform::RegistryKey key;
+      EXPECT_EQ(platform::CreateKey(platform::Hive::kLocalMachine, path, platform::KEY_ALL_ACCESS, key), 0u);
+      EXPECT_EQ(key.Close(), 0u);
+    }
+    EXPECT_EQ(g_SchedulerEvents.Create(kSchedulerEventCount), 0u);
+  }
+  ~InProcess() override {
+    DoCleanUp();
+    g_SchedulerEvents = {};
+    (void)platform::CloseRegistryStore();
+    platform::SetStateDirectory({});
+    std::filesystem::remove_all(m_folder);
+    ZepFoundation::SetServiceLogWriter(m_writerBefore);
+  }
+  ISchedulerService& Service() override { return m_service; }
+  Status Advise(Sink sink, std::uint32_t& cookie) override { return m_service.Advise(std::move(sink), cookie); }
+  Status Unadvise(std::uint32_t cookie) override { return m_service.Unadvise(cookie); }
+  void Settle() override {}  // they came within the call
+  [[nodiscard]] std::string Jobs() const override { return m_folder; }
+
+ private:
+  std::string m_folder;
+  ZepFoundation::ServiceLogWriter* m_writerBefore =
+      ZepFoundation::SetServiceLogWriter(ZepFoundation::NullServiceLogWriter());
+  CSchedulerService m_service;
+};
+
+// The real program, asked by the client library.
+class OverBus : public Host {
+ public:
+  OverBus() {
+    m_program.Register();
+    m_program.Start();
+    m_program.Connect(m_client);
+  }
+  ISchedulerService& Service() override { return m_client; }
+  Status Advise(Sink sink, std::uint32_t& cookie) override { return m_client.Advise(std::move(sink), cookie); }
+  Status Unadvise(std::uint32_t cookie) override { return m_client.Unadvise(cookie); }
+  void Settle() override {
+    // A signal overtakes no answer: with this one here, those of the calls before are here too.
+    qx::ServiceProperties properties;
+    EXPECT_EQ(m_client.Properties(properties), kStatusOk) << m_client.LastError().text;
+    (void)m_client.WaitForEvents(0);
+  }
+  [[nodiscard]] std::string Jobs() const override { return m_program.Jobs(); }
+
+ private:
+  RunningService m_program;
+  qx::SchedulerClient m_client;
+};
+
+struct HostKind {
+  const char* name;
+  std::unique_ptr<Host> (*make)();
+};
+
+class Interface : public testing::TestWithParam<HostKind> {
+ protected:
+  ISchedulerService& Service() { return m_host->Service(); }
+
+  // Daily, an hour from now, for a minute.
+  SCHEDULE_OBJECT Daily() const {
+    SCHEDULE_OBJECT schedule;
+    schedule.bstrName = u"daily";
+    schedule.bstrDescription = u"made by a test";
+    schedule.bstrApplication = u"snapshot";
+    schedule.bstrObjectID = u"vol-17";
+    schedule.dwTaskOpCode = 4;
+    schedule.bstrWrapperBinaryName = u"/bin/true";
+    schedule.bstrXMLFilePathName = platform::WideFromUtf8(m_host->Jobs() + "/job.xml");
+    schedule.bstrParameters = u"-v \u00E4";
+    schedule.stScheduleRules.lStartTime = static_cast<std::int32_t>(platform::NowSeconds() + 3600);
+    schedule.stScheduleRules.dwTimeDuration = 60 * 1000;
+    schedule.stScheduleRules.bRepeatInterval = 1;
+    schedule.stScheduleRules.dwRepeatInterval = 1;
+    return schedule;
+  }
+  ScheduleGuid Create(const SCHEDULE_OBJECT& schedule) {
+    ScheduleGuid id{};
+    EXPECT_EQ(Service().CreateSchedule(schedule, id), kStatusOk);
+    return id;
+  }
+  SCHEDULE_OBJECT Get(const ScheduleGuid& id) {
+    ScheduleInfo info;
+    EXPECT_EQ(Service().GetScheduleInfo(id, info), kStatusOk);
+    EXPECT_EQ(info.size(), 1u);
+    return info.size() == 1 ? info.records()[0] : SCHEDULE_OBJECT();
+  }
+  std::uint32_t Count() {
+    std::uint32_t count = 0;
+    ScheduleList list;
+    EXPECT_EQ(Service().ListSchedule(count, list), kStatusOk);
+    EXPECT_EQ(list.size(), count);
+    return count;
+  }
+  static std::vector<std::string> Names(const EventLog& log) {
+    std::vector<std::string> names;
+    for (const Event& event : log.events) names.push_back(event.name);
+    return names;
+  }
+
+  std::unique_ptr<Host> m_host = GetParam().make();
+};
+
+INSTANTIATE_TEST_SUITE_P(Everywhere, Interface,
+                         testing::Values(HostKind{"InProcess", []() -> std::unique_ptr<Host> {
+                                                    return std::make_unique<InProcess>();
+                                                  }},
+                                         HostKind{"OverBus", []() -> std::unique_ptr<Host> {
+                                                    return std::make_unique<OverBus>();
+                                                  }}),
+                         [](const auto& kind) { return std::string(kind.param.name); });
+
+TEST_P(Interface, AScheduleIsReadBackAsItWasGiven) {
+  const SCHEDULE_OBJECT given = Daily();
+  const SCHEDULE_OBJECT back = Get(Create(given));
+  EXPECT_EQ(back.bstrName, given.bstrName);
+  EXPECT_EQ(back.bstrDescription, given.bstrDescription);
+  EXPECT_EQ(back.bstrApplication, given.bstrApplication);
+  EXPECT_EQ(back.bstrObjectID, given.bstrObjectID);
+  EXPECT_EQ(back.dwTaskOpCode, given.dwTaskOpCode);
+  EXPECT_EQ(back.bstrWrapperBinaryName, given.bstrWrapperBinaryName);
+  EXPECT_EQ(back.bstrXMLFilePathName, given.bstrXMLFilePathName);
+  EXPECT_EQ(back.bstrParameters, given.bstrParameters);
+  EXPECT_EQ(back.stScheduleRules.dwTimeDuration, given.stScheduleRules.dwTimeDuration);
+  EXPECT_EQ(back.stScheduleRules.dwRepeatInterval, 1);
+  EXPECT_EQ(back.lNextTimeWindow, given.stScheduleRules.lStartTime);
+  EXPECT_EQ(back.bRunNow, 0u);
+}
+
+TEST_P(Interface, AListOfNoSchedulesIsEmptyAndTheArrayStays) {
+  std::uint32_t count = 7;
+  ScheduleList list;
+  EXPECT_EQ(Service().ListSchedule(count, list), kStatusOk);
+  EXPECT_EQ(count, 0u);
+  EXPECT_FALSE(list);
+}
+
+TEST_P(Interface, TheListHoldsEverySchedule) {
+  SCHEDULE_OBJECT other = Daily();
+  other.bstrObjectID = u"vol-18";
+  other.dwTaskOpCode = 0xFFFFFFFF;
+  const ScheduleGuid first = Create(Daily()), second = Create(other);
+  std::uint32_t count = 0;
+  ScheduleList list;
+  ASSERT_EQ(Service().ListSchedule(count, list), kStatusOk);
+  ASSERT_EQ(count, 2u);
+  ASSERT_EQ(list.size(), 2u);
+  for (const SCHEDULE_OBJECT_EX& row : list.records()) {
+    const bool isSecond = row.bstrScheduleID == platform::GuidText(second);
+    EXPECT_EQ(row.bstrScheduleID, platform::GuidText(isSecond ? second : first));
+    EXPECT_EQ(row.bstrObjectID, isSecond ? u"vol-18" : u"vol-17");
+    EXPECT_EQ(row.dwTaskOpCode, isSecond ? 0xFFFFFFFF : 4);
+    EXPECT_EQ(row.bstrWrapperBinaryName, u"/bin/true");
+  }
+}
+
+TEST_P(Interface, ADeletedScheduleIsGone) {
+  const ScheduleGuid id = Create(Daily());
+  EXPECT_EQ(Service().DeleteSchedule(id), kStatusOk);
+  EXPECT_EQ(Count(), 0u);
+  ScheduleInfo info;
+  EXPECT_EQ(Service().GetScheduleInfo(id, info), kStatusRegistryRead);
+  EXPECT_FALSE(info);
+  EXPECT_EQ(Service().DeleteSchedule(id), kStatusNotFoundForDelete);
+}
+
+TEST_P(Interface, ARefusedScheduleHasItsStatusAndLeavesNothingBehind) {
+  struct Case {
+    int line;
+    Status status;
+    std::function<void(SCHEDULE_OBJECT&)> spoil;
+  };
+  const Case cases[] = {
+      {__LINE__, kStatusFailure, [](SCHEDULE_OBJECT& s) { s.bstrWrapperBinaryName = u""; }},
+      {__LINE__, kStatusNoDirectory, [](SCHEDULE_OBJECT& s) { s.bstrXMLFilePathName = u"/nonexistent/job.xml"; }},
+      {__LINE__, kStatusNoDirectory, [](SCHEDULE_OBJECT& s) { s.bstrXMLFilePathName.reset(); }},
+      {__LINE__, kStatusNoRunDay, [](SCHEDULE_OBJECT& s) { s.stScheduleRules.bRepeatInterval = 0; }},
+      {__LINE__, kStatusRestartTooLong,
+       [](SCHEDULE_OBJECT& s) {
+         s.stScheduleRules.bRestartInterval = 1;
+         s.stScheduleRules.dwRestartInterval = 61 * 1000;
+       }},
+      {__LINE__, kStatusBackdated,
+       [](SCHEDULE_OBJECT& s) {
+         s.stScheduleRules.bRepeatInterval = 0;
+         s.stScheduleRules.alIncludeDates[0] = s.stScheduleRules.lStartTime - 10 * 86400;
+       }},
+  };
+  for (const Case& c : cases) {
+    SCHEDULE_OBJECT schedule = Daily();
+    c.spoil(schedule);
+    ScheduleGuid id{};
+    EXPECT_EQ(Service().CreateSchedule(schedule, id), c.status) << "line " << c.line;
+    EXPECT_NE(id, ScheduleGuid{}) << "the ID is made first, line " << c.line;
+  }
+  EXPECT_EQ(Count(), 0u);
+}
+
+TEST_P(Interface, TwoSchedulesMayBearOneName) {
+  EXPECT_NE(Create(Daily()), Create(Daily()));
+  EXPECT_EQ(Count(), 2u);
+}
+
+TEST_P(Interface, ReadingTheStoreAgainKeepsEverySchedule) {
+  const ScheduleGuid id = Create(Daily());
+  const std::int32_t window = Get(id).lNextTimeWindow;
+  EXPECT_EQ(Service().Refresh(), kStatusOk);
+  EXPECT_EQ(Get(id).lNextTimeWindow, window);
+}
+
+TEST_P(Interface, UpdateListTakesTheKnownTypesAndLeavesTheOutputs) {
+  const std::pair<std::int32_t, Status> cases[] = {{0, 0}, {1, 0}, {2, 0}, {3, 1}, {-1, 1}};
+  for (const auto& [type, status] : cases) {
+    std::uint32_t count = 99;
+    std::vector<std::u16string> ids = {u"before"};
+    EXPECT_EQ(Service().UpdateList(type, u"snapshot", count, ids), status) << type;
+    EXPECT_EQ(count, 99u);
+    EXPECT_THAT(ids, ElementsAre(u"before"));
+  }
+}
+
+// --- events ---
+
+TEST_P(Interface, EventsTellOfChangesInTheirOrder) {
+  const auto log = std::make_shared<EventLog>();
+  std::uint32_t cookie = 0;
+  ASSERT_EQ(m_host->Advise(log, cookie), kStatusOk);
+  const ScheduleGuid id = Create(Daily());
+  ASSERT_EQ(Service().DeleteSchedule(id), kStatusOk);
+  SCHEDULE_OBJECT refused = Daily();
+  refused.stScheduleRules.bRepeatInterval = 0;
+  ScheduleGuid none{};
+  ASSERT_EQ(Service().CreateSchedule(refused, none), kStatusNoRunDay);
+  ASSERT_EQ(Service().Notify_NextTimeWindow_Modify(id, -1), kStatusOk);
+  ASSERT_EQ(Service().Notify_SystemTime_Change(2, {u"a", u"b"}, {5, -1}), kStatusOk);
+  m_host->Settle();
+  EXPECT_THAT(Names(*log),
+              ElementsAre("Schedule_Add", "Schedule_Delete", "NextTimeWindow_Modify", "SystemTime_Change"));
+  ASSERT_EQ(log->events.size(), 4u);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(log->events[static_cast<std::size_t>(i)].id, id) << i;
+  EXPECT_EQ(log->events[2].window, -1);
+  EXPECT_EQ(log->events[3].window, 2);
+}
+
+// Tells in a common list which sink heard of a deletion; does something else meanwhile.
+class Numbered : public EventLog {
+ public:
+  Numbered(int number, std::vector<int>& heard, std::function<void()> meanwhile = {})
+      : m_number(number), m_heard(heard), m_meanwhile(std::move(meanwhile)) {}
+  void Schedule_Delete(const ScheduleGuid&) override {
+    m_heard.push_back(m_number);
+    if (m_meanwhile) m_meanwhile();
+  }
+
+ private:
+  int m_number;
+  std::vector<int>& m_heard;
+  std::function<void()> m_meanwhile;
+};
+
+TEST_P(Interface, SinksHearInTheOrderOfTheirSlotsAndAnEmptySlotIsTakenAgain) {
+  std::vector<int> heard;
+  std::uint32_t cookies[4] = {};
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(m_host->Advise(std::make_shared<Numbered>(i, heard), cookies[i]), kStatusOk);
+  ASSERT_EQ(m_host->Unadvise(cookies[1]), kStatusOk);
+  ASSERT_EQ(m_host->Advise(std::make_shared<Numbered>(3, heard), cookies[3]), kStatusOk);
+  for (const std::uint32_t cookie : {cookies[0], cookies[1], cookies[2]}) EXPECT_NE(cookie, cookies[3]);
+  (void)Service().DeleteSchedule(Create(Daily()));
+  m_host->Settle();
+  EXPECT_THAT(heard, ElementsAre(0, 3, 2));
+}
+
+TEST_P(Interface, ACookieThatNamesNobodyAndANullSinkAreRefused) {
+  std::uint32_t cookie = 77;
+  EXPECT_EQ(m_host->Advise(nullptr, cookie), qx::kStatusNoSink);
+  EXPECT_EQ(cookie, 77u);
+  EXPECT_EQ(m_host->Unadvise(cookie), qx::kStatusNoSuchSubscription);
+  ASSERT_EQ(m_host->Advise(std::make_shared<EventLog>(), cookie), kStatusOk);
+  EXPECT_EQ(m_host->Unadvise(cookie), kStatusOk);
+  EXPECT_EQ(m_host->Unadvise(cookie), qx::kStatusNoSuchSubscription);
+}
+
+TEST_P(Interface, ASinkThatThrowsStopsNobodyElse) {
+  std::vector<int> heard;
+  std::uint32_t cookie = 0;
+  ASSERT_EQ(m_host->Advise(std::make_shared<Numbered>(0, heard, [] { throw std::runtime_error("a bad sink"); }), cookie),
+            kStatusOk);
+  ASSERT_EQ(m_host->Advise(std::make_shared<Numbered>(1, heard), cookie), kStatusOk);
+  (void)Service().DeleteSchedule(Create(Daily()));
+  m_host->Settle();
+  EXPECT_THAT(heard, ElementsAre(0, 1));
+}
+
+TEST_P(Interface, ASinkMayLeaveInsideItsOwnEvent) {
+  std::vector<int> heard;
+  std::uint32_t first = 0, second = 0;
+  ASSERT_EQ(m_host->Advise(std::make_shared<Numbered>(0, heard, [&] { (void)m_host->Unadvise(first); }), first),
+            kStatusOk);
+  ASSERT_EQ(m_host->Advise(std::make_shared<Numbered>(1, heard), second), kStatusOk);
+  const ScheduleGuid a = Create(Daily()), b = Create(Daily());
+  (void)Service().DeleteSchedule(a);
+  m_host->Settle();
+  (void)Service().DeleteSchedule(b);
+  m_host->Settle();
+  EXPECT_THAT(heard, ElementsAre(0, 1, 1));
+}
+
+// The array's length is read once: with three sinks in four slots the fourth slot still belongs to the event, a fifth
+// one, for which the array has to grow, doesn't.
+TEST_P(Interface, ASinkThatComesInsideAnEventHearsOfItOnlyInASlotThatIsThere) {
+  std::vector<int> heard;
+  std::uint32_t cookie = 0;
+  bool come = true;
+  ASSERT_EQ(m_host->Advise(std::make_shared<Numbered>(0, heard,
+                                                      [&] {
+                                                        if (!come) return;
+                                                        come = false;
+                                                        for (int i = 3; i < 5; ++i) {
+                                                          (void)m_host->Advise(std::make_shared<Numbered>(i, heard),
+                                                                               cookie);
+                                                        }
+                                                      }),
+                           cookie),
+            kStatusOk);
+  for (int i = 1; i < 3; ++i) ASSERT_EQ(m_host->Advise(std::make_shared<Numbered>(i, heard), cookie), kStatusOk);
+  (void)Service().DeleteSchedule(Create(Daily()));
+  m_host->Settle();
+  EXPECT_THAT(heard, ElementsAre(0, 1, 2, 3));
+}
+
+// --- the example ---
+
+TEST(ClientExample, ListsAndHearsOfItsOwnSchedule) {
+  RunningService service;
+  service.Register();
+  service.Start();
+  const std::string output = service.Jobs() + "/watch.out";
+  Child example(test_paths::Programs() + "/qx_example_client", {service.Bus().Address()}, output,
+                {"PATH=/usr/bin:/bin", "TZ=UTC"});
+  EXPECT_EQ(example.Wait(), 0) << RunningService::ReadFile(output);
+  EXPECT_EQ(RunningService::ReadFile(output), "0 schedules\nevent: added mine\nevent: deleted mine\n");
+}
+
+}  // namespace
