@@ -28,7 +28,15 @@ namespace platform {
   X(LoadLibrary) X(GetProcAddress)                                                                           \
   X(BusConnect) X(BusRequestName) X(BusCreateInstance) X(BusSend)                                            \
   X(SocketStartup) X(OpenServiceManager) X(OpenService) X(QueryServiceConfig) X(CreateService) X(DeleteService) \
-  X(RegisterServiceHandler) X(ConvertText)
+  X(RegisterServiceHandler) X(ConvertText)                                                                   \
+  X(CryptAcquireContext) X(CryptGenKey) X(CryptExportKey) X(CryptImportKey) X(CryptEncrypt) X(CryptDecrypt)  \
+  X(CryptDestroyKey)                                                                                         \
+  X(CoInitialize) X(XmlCreate) X(XmlLoad) X(XmlFind) X(XmlText)                                              \
+  X(SocketCreate) X(SocketOption) X(SocketBind) X(SocketListen) X(SocketAccept) X(SocketConnect)             \
+  X(SocketReceive) X(SocketSend) X(SocketSelect) X(SocketEvents) X(ResolveAddress)                           \
+  X(OpenProcessToken) X(GetTokenInformation) X(AcquireCredentials) X(GetUserName)                            \
+  X(InitializeSecurityContext) X(AcceptSecurityContext) X(CompleteAuthToken) X(ImpersonateContext)           \
+  X(AllocateSid) X(CheckTokenMembership)
 
 enum class Operation : std::uint16_t {
 #define QX_PLATFORM_OPERATION_ENUM(name) k##name,

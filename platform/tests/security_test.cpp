@@ -1,0 +1,298 @@
+#include "platform/security.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/testing/fault.h"
+#include "platform/text.h"
+
+namespace platform {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+constexpr std::size_t kMax = 12000;
+
+// A credentials file of its own and no realm.
+class Security : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (std::filesystem::temp_directory_path() / "qxsecurity_XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    m_folder = pattern;
+    m_file = m_folder + "/nodes.key";
+    ASSERT_EQ(MakeCredentialsFile(m_file, "CLUSTER", "qxsvc"), 0u);
+    setenv("NTLM_USER_FILE", m_file.c_str(), 1);
+    setenv("KRB5CCNAME", "MEMORY:none", 1);
+    setenv("KRB5_CONFIG", "/dev/null", 1);
+    ErrorCode code = 0;
+    ASSERT_EQ(LoadSecurityPackage(code), SecurityLoad::kLoaded) << code;
+  }
+  void TearDown() override {
+    FreeSecurityPackage();
+    for (const char* name : {"NTLM_USER_FILE", "KRB5CCNAME", "KRB5_CONFIG"}) unsetenv(name);
+    std::filesystem::remove_all(m_folder);
+  }
+  std::string m_folder;
+  std::string m_file;
+};
+
+struct Side {
+  SecurityCredentials credentials;
+  SecurityContext context;
+  SecurityStatus status = SEC_I_CONTINUE_NEEDED;
+  Bytes token;
+};
+
+// Both sides up to the end or the first refusal.
+void Exchange(Side& initiator, Side& acceptor) {
+  std::uint32_t attributes = 0;
+  initiator.token.clear();
+  Bytes reply;
+  for (int pass = 0; pass < 10; ++pass) {
+    initiator.status = initiator.context.Initialize(initiator.credentials, u"Client", ISC_REQ_CONFIDENTIALITY, reply,
+                                                    kMax, initiator.token);
+    if (SecurityFailed(initiator.status) || initiator.token.empty()) return;
+    acceptor.status = acceptor.context.Accept(acceptor.credentials, initiator.token, attributes, kMax, reply, attributes);
+    if (SecurityFailed(acceptor.status)) return;
+  }
+}
+
+void Acquire(Side& initiator, Side& acceptor) {
+  ASSERT_EQ(SecurityCredentials::Acquire(CredentialsUse::kOutbound, 1, initiator.credentials), SEC_E_OK)
+      << Utf8FromWide(LastSecurityErrorText());
+  ASSERT_EQ(SecurityCredentials::Acquire(CredentialsUse::kInbound, 1, acceptor.credentials), SEC_E_OK);
+}
+
+TEST_F(Security, TwoSidesOfOneCredentialsFileAgree) {
+  Side initiator, acceptor;
+  Acquire(initiator, acceptor);
+  EXPECT_FALSE(initiator.credentials.UsesRealm());
+  Exchange(initiator, acceptor);
+  EXPECT_EQ(initiator.status, SEC_E_OK) << Utf8FromWide(LastSecurityErrorText());
+  EXPECT_EQ(acceptor.status, SEC_E_OK);
+  EXPECT_EQ(acceptor.context.PeerName(), u"CLUSTER\\qxsvc");
+  EXPECT_EQ(acceptor.context.Impersonate(), SEC_E_OK);
+  AnonymousSid anonymous;
+  bool member = true;
+  ASSERT_EQ(AnonymousSid::Allocate(anonymous), 0u);
+  ASSERT_EQ(anonymous.IsMember(acceptor.context, member), 0u);
+  EXPECT_FALSE(member);
+}
+
+TEST_F(Security, AWrongSecretIsRefusedByTheAcceptingSide) {
+  Side initiator, acceptor;
+  Acquire(initiator, acceptor);
+  Bytes reply;
+  std::uint32_t attributes = 0;
+  const auto initiate = [&] {
+    return initiator.context.Initialize(initiator.credentials, u"Client", ISC_REQ_CONFIDENTIALITY, reply, kMax,
+                                        initiator.token);
+  };
+  ASSERT_EQ(initiate(), SEC_I_CONTINUE_NEEDED);
+  ASSERT_EQ(acceptor.context.Accept(acceptor.credentials, initiator.token, 0, kMax, reply, attributes),
+            SEC_I_CONTINUE_NEEDED);
+  ASSERT_EQ(initiate(), SEC_I_CONTINUE_NEEDED);
+  // The accepting side's file has another secret by now: the library reads it at each exchange.
+  std::filesystem::remove(m_file);
+  ASSERT_EQ(MakeCredentialsFile(m_file, "CLUSTER", "qxsvc"), 0u);
+  EXPECT_EQ(acceptor.context.Accept(acceptor.credentials, initiator.token, 0, kMax, reply, attributes),
+            SEC_E_LOGON_DENIED);
+  EXPECT_TRUE(reply.empty());
+  EXPECT_FALSE(LastSecurityErrorText().empty());
+}
+
+TEST_F(Security, WithoutSecretsOnlyTheAcceptingSideGetsCredentials) {
+  std::filesystem::remove(m_file);
+  SecurityCredentials credentials;
+  EXPECT_EQ(SecurityCredentials::Acquire(CredentialsUse::kOutbound, 1, credentials), SEC_E_NO_CREDENTIALS);
+  EXPECT_FALSE(LastSecurityErrorText().empty());
+  EXPECT_EQ(SecurityCredentials::Acquire(CredentialsUse::kInbound, 1, credentials), SEC_E_OK);
+}
+
+TEST_F(Security, GarbageIsAnInvalidToken) {
+  for (const std::size_t size : {1u, 40u, 600u, 12000u}) {
+    Side initiator, acceptor;
+    Acquire(initiator, acceptor);
+    Bytes reply = {1};
+    std::uint32_t attributes = 0;
+    EXPECT_EQ(acceptor.context.Accept(acceptor.credentials, Bytes(size, 0x41), 0, kMax, reply, attributes),
+              SEC_E_INVALID_TOKEN)
+        << size;
+    EXPECT_TRUE(reply.empty());
+    EXPECT_FALSE(acceptor.context);
+  }
+}
+
+TEST_F(Security, AnEmptyFirstTokenIsAnsweredWithHints) {
+  Side initiator, acceptor;
+  Acquire(initiator, acceptor);
+  Bytes reply;
+  std::uint32_t attributes = 0;
+  ASSERT_EQ(acceptor.context.Accept(acceptor.credentials, {}, 0, kMax, reply, attributes), SEC_I_CONTINUE_NEEDED);
+  EXPECT_FALSE(reply.empty());
+  Exchange(initiator, acceptor);
+  EXPECT_EQ(acceptor.status, SEC_E_OK);
+}
+
+TEST_F(Security, ATokenLongerThanTheBufferIsAFailure) {
+  Side initiator, acceptor;
+  Acquire(initiator, acceptor);
+  EXPECT_EQ(initiator.context.Initialize(initiator.credentials, u"Client", 0, {}, 10, initiator.token),
+            SEC_E_BUFFER_TOO_SMALL);
+  EXPECT_TRUE(initiator.token.empty());
+}
+
+TEST_F(Security, AnUnfinishedContextHasNobody) {
+  SecurityContext context;
+  EXPECT_EQ(context.Impersonate(), SEC_E_INVALID_HANDLE);
+  bool member = false;
+  EXPECT_EQ(AnonymousSid().IsMember(context, member), ERROR_NO_TOKEN);
+  EXPECT_TRUE(context.PeerName().empty());
+}
+
+TEST_F(Security, CredentialsOfAFileHaveNoFullName) {
+  Side initiator, acceptor;
+  Acquire(initiator, acceptor);
+  std::u16string name = u"as before";
+  EXPECT_EQ(initiator.credentials.UserName(259, name), ERROR_NONE_MAPPED);
+  EXPECT_EQ(name, u"as before");
+}
+
+TEST_F(Security, WithoutTheLibraryNothingIsAcquired) {
+  FreeSecurityPackage();
+  EXPECT_FALSE(IsSecurityPackageLoaded());
+  SecurityCredentials credentials;
+  EXPECT_EQ(SecurityCredentials::Acquire(CredentialsUse::kOutbound, 1, credentials), SEC_E_SECPKG_NOT_FOUND);
+  ErrorCode code = 0;
+  {
+    const FaultPlan plan = FaultPlan::FailCall(Operation::kLoadLibrary, 1, ERROR_MOD_NOT_FOUND);
+    EXPECT_EQ(LoadSecurityPackage(code), SecurityLoad::kNoLibrary);
+    EXPECT_EQ(code, ERROR_MOD_NOT_FOUND);
+  }
+  {
+    const FaultPlan plan = FaultPlan::FailCall(Operation::kGetProcAddress, 3, ERROR_PROC_NOT_FOUND);
+    EXPECT_EQ(LoadSecurityPackage(code), SecurityLoad::kNoEntry);
+    EXPECT_EQ(code, ERROR_PROC_NOT_FOUND);
+  }
+  EXPECT_FALSE(IsSecurityPackageLoaded());
+}
+
+TEST_F(Security, WhatLivesKeepsTheLibrary) {
+  Side initiator, acceptor;
+  Acquire(initiator, acceptor);
+  FreeSecurityPackage();
+  Exchange(initiator, acceptor);
+  EXPECT_EQ(acceptor.status, SEC_E_OK);
+}
+
+TEST_F(Security, TheTokenOfTheProcessNamesItsSession) {
+  ProcessToken token;
+  std::uint32_t size = 0;
+  EXPECT_EQ(token.Statistics({}, size), ERROR_INVALID_HANDLE);
+  ASSERT_EQ(ProcessToken::Open(token), 0u);
+  EXPECT_EQ(token.Statistics({}, size), ERROR_INSUFFICIENT_BUFFER);
+  ASSERT_EQ(size, kTokenStatisticsSize);
+  Bytes buffer(size);
+  EXPECT_EQ(token.Statistics(buffer, size), 0u);
+}
+
+TEST_F(Security, FailsByTheSeam) {
+  Side initiator, acceptor;
+  Acquire(initiator, acceptor);
+  ProcessToken token;
+  AnonymousSid sid;
+  SecurityCredentials credentials;
+  std::uint32_t number = 0;
+  std::u16string name;
+  bool member = false;
+  const struct {
+    Operation operation;
+    std::function<std::uint32_t()> call;
+  } kCalls[] = {
+      {Operation::kOpenProcessToken, [&] { return ProcessToken::Open(token); }},
+      {Operation::kGetTokenInformation, [&] { return token.Statistics({}, number); }},
+      {Operation::kAcquireCredentials,
+       [&] { return SecurityCredentials::Acquire(CredentialsUse::kInbound, 1, credentials); }},
+      {Operation::kGetUserName, [&] { return initiator.credentials.UserName(259, name); }},
+      {Operation::kInitializeSecurityContext,
+       [&] { return initiator.context.Initialize(initiator.credentials, u"Client", 0, {}, kMax, initiator.token); }},
+      {Operation::kAcceptSecurityContext,
+       [&] { return acceptor.context.Accept(acceptor.credentials, {}, 0, kMax, acceptor.token, number); }},
+      {Operation::kCompleteAuthToken, [&] { return acceptor.context.CompleteToken(); }},
+      {Operation::kImpersonateContext, [&] { return acceptor.context.Impersonate(); }},
+      {Operation::kAllocateSid, [&] { return AnonymousSid::Allocate(sid); }},
+      {Operation::kCheckTokenMembership, [&] { return sid.IsMember(acceptor.context, member); }},
+  };
+  for (const auto& c : kCalls) {
+    const FaultPlan plan = FaultPlan::FailCall(c.operation, 1, SEC_E_INTERNAL_ERROR);
+    EXPECT_EQ(c.call(), SEC_E_INTERNAL_ERROR) << OperationName(c.operation);
+  }
+  // A status that is no failure takes the place of the call's own.
+  const FaultPlan plan = FaultPlan::FailCall(Operation::kInitializeSecurityContext, 1, SEC_I_COMPLETE_AND_CONTINUE);
+  EXPECT_EQ(initiator.context.Initialize(initiator.credentials, u"Client", 0, {}, kMax, initiator.token),
+            SEC_I_COMPLETE_AND_CONTINUE);
+  EXPECT_FALSE(initiator.token.empty());
+}
+
+TEST_F(Security, ACredentialsFileHoldsARandomSecretForItsOwnerAlone) {
+  struct stat info {};
+  ASSERT_EQ(stat(m_file.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  const auto text = [](const std::string& file) {
+    std::ifstream in(file);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+  };
+  const std::string begin = "CLUSTER\\qxsvc:0:" + std::string(32, 'X') + ":";
+  const std::string first = text(m_file);
+  ASSERT_EQ(first.size(), begin.size() + 32 + 2);
+  EXPECT_EQ(first.substr(0, begin.size()), begin);
+  EXPECT_EQ(first.find_first_not_of("0123456789ABCDEF", begin.size()), begin.size() + 32);
+  EXPECT_EQ(first.substr(begin.size() + 32), ":\n");
+  EXPECT_EQ(MakeCredentialsFile(m_file, "CLUSTER", "qxsvc"), ERROR_FILE_EXISTS);
+  EXPECT_EQ(text(m_file), first);
+  const std::string other = m_folder + "/other.key";
+  ASSERT_EQ(MakeCredentialsFile(other, "CLUSTER", "qxsvc"), 0u);
+  EXPECT_NE(text(other), first);
+  EXPECT_EQ(MakeCredentialsFile(m_folder + "/none/x", "a", "b"), ERROR_FILE_NOT_FOUND);
+}
+
+TEST_F(Security, ACredentialsFileThatOthersMayReadIsRefused) {
+  unsetenv("NTLM_USER_FILE");
+  std::string file, why;
+  EXPECT_EQ(UseCredentialsFile(m_file, file, why), 0u);
+  EXPECT_EQ(file, m_file);
+  EXPECT_STREQ(getenv("NTLM_USER_FILE"), m_file.c_str());
+  for (const mode_t mode : {0640u, 0604u, 0620u, 0666u}) {
+    ASSERT_EQ(chmod(m_file.c_str(), mode), 0);
+    setenv("NTLM_USER_FILE", m_file.c_str(), 1);
+    EXPECT_EQ(UseCredentialsFile("", file, why), ERROR_ACCESS_DENIED) << mode;
+    EXPECT_EQ(why, m_file + " can be read or written by others (its mode must be 0600)");
+    SecurityCredentials credentials;
+    EXPECT_EQ(SecurityCredentials::Acquire(CredentialsUse::kOutbound, 1, credentials), SEC_E_NO_CREDENTIALS);
+  }
+  unsetenv("NTLM_USER_FILE");
+  EXPECT_EQ(UseCredentialsFile(m_folder, file, why), ERROR_ACCESS_DENIED);
+  EXPECT_EQ(why, m_folder + " is not a regular file");
+  unsetenv("NTLM_USER_FILE");
+  EXPECT_EQ(UseCredentialsFile(m_folder + "/none", file, why), ERROR_FILE_NOT_FOUND);
+  if (geteuid() != 0) return;
+  ASSERT_EQ(chmod(m_file.c_str(), 0600), 0);
+  ASSERT_EQ(chown(m_file.c_str(), 65534, 65534), 0);
+  setenv("NTLM_USER_FILE", m_file.c_str(), 1);
+  EXPECT_EQ(UseCredentialsFile("", file, why), ERROR_ACCESS_DENIED);
+  EXPECT_EQ(why, m_file + " belongs to another account (user 65534)");
+}
+
+}  // namespace
+}  // namespace platform
