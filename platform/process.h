@@ -39,6 +39,17 @@ void SetJobOutputInherited(bool inherited);
 //            ERROR_NO_PROC_SLOTS (89): too many processes
 [[nodiscard]] ErrorCode StartDetached(std::u16string_view commandLine);
 
+// What tests put in the place of the start itself: while installed, StartDetached() asks its operation and hands the
+// command line over. Called from any thread.
+class JobStarter {
+ public:
+  virtual ~JobStarter() = default;
+  // Returns what StartDetached() is to return.
+  virtual ErrorCode Start(std::u16string_view commandLine) = 0;
+};
+// Installs a starter for the whole process, null for real processes; returns the one before. Only tests call this.
+JobStarter* InstallJobStarter(JobStarter* starter);
+
 // One child that somebody waits for. Move only. Destroying one that still runs lets it run on.
 class ChildProcess {
  public:

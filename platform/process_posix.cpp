@@ -180,6 +180,7 @@ class Reaper {
 };
 
 std::atomic<bool> g_jobOutputInherited{false};
+std::atomic<JobStarter*> g_jobStarter{nullptr};
 
 // The attributes and file actions of a child. Both may run out of memory: the errno value is kept.
 class SpawnSettings {
@@ -236,7 +237,6 @@ std::vector<char*> ChildEnvironment() {
 }
 
 ErrorCode StartCommandLine(std::u16string_view commandLine, bool waited, std::uint64_t& ticket) {
-  if (const ErrorCode rc = FaultAt(Operation::kCreateProcess); rc != ERROR_SUCCESS) return rc;
   const std::vector<std::u16string> wide = SplitCommandLine(commandLine);
   if (wide.empty() || wide.front().empty()) return ERROR_FILE_NOT_FOUND;
   const std::u16string& program = wide.front();
@@ -280,7 +280,11 @@ std::vector<std::u16string> SplitCommandLine(std::u16string_view line) {
 
 void SetJobOutputInherited(bool inherited) { g_jobOutputInherited.store(inherited); }
 
+JobStarter* InstallJobStarter(JobStarter* starter) { return g_jobStarter.exchange(starter); }
+
 ErrorCode StartDetached(std::u16string_view commandLine) {
+  if (const ErrorCode rc = FaultAt(Operation::kCreateProcess); rc != ERROR_SUCCESS) return rc;
+  if (JobStarter* const starter = g_jobStarter.load()) return starter->Start(commandLine);
   std::uint64_t ticket = 0;
   return StartCommandLine(commandLine, false, ticket);
 }
@@ -308,6 +312,7 @@ void ChildProcess::Forget() {
 }
 
 ErrorCode ChildProcess::Start(std::string_view command) {
+  if (const ErrorCode rc = FaultAt(Operation::kCreateProcess); rc != ERROR_SUCCESS) return rc;
   std::uint64_t ticket = 0;
   const ErrorCode rc = StartCommandLine(WideFromSystem(command), true, ticket);
   if (rc != ERROR_SUCCESS) return rc;

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "platform/file.h"
+#include "platform/testing/counting_launcher.h"
 #include "platform/testing/fault.h"
 #include "platform/text.h"
 
@@ -294,6 +295,26 @@ TEST_F(ProcessTest, FailsAtEachStepWithTheInjectedCode) {
   }
   const FaultPlan plan = FaultPlan::FailCall(Operation::kCreateProcess, 1, 8);
   EXPECT_EQ(StartDetached(u"true"), 8u);
+}
+
+TEST_F(ProcessTest, HandsDetachedJobsToAnInstalledStarterAndNothingElse) {
+  std::vector<std::string> lines;
+  {
+    CountingLauncher launcher([&](std::u16string_view line) {
+      lines.push_back(Utf8FromWide(line));
+      return lines.size() == 2 ? ERROR_ACCESS_DENIED : ERROR_SUCCESS;
+    });
+    EXPECT_EQ(Start(Path("missing") + " a"), ERROR_SUCCESS);
+    EXPECT_EQ(Start("b"), ERROR_ACCESS_DENIED);
+    std::uint32_t exitCode = 77;
+    EXPECT_EQ(RunAndWait(Script("five", "exit 5"), exitCode), ERROR_SUCCESS);
+    EXPECT_EQ(exitCode, 5u);
+    const FaultPlan plan = FaultPlan::FailCall(Operation::kCreateProcess, 1, 8);
+    EXPECT_EQ(Start("c"), 8u);
+    EXPECT_EQ(launcher.count(), 2u);
+  }
+  EXPECT_THAT(lines, ElementsAre(Path("missing") + " a", "b"));
+  EXPECT_EQ(Start(Path("missing") + " a"), ERROR_FILE_NOT_FOUND);
 }
 
 TEST(AnonymousPipe, FailsAtEachStepWithTheInjectedCodeAndClosesItsEnds) {
