@@ -1,5 +1,6 @@
 #include "service/time_change.h"
 
+#include <cstdlib>
 #include <filesystem>
 
 #include "service/tests/service_fixture.h"
@@ -256,6 +257,20 @@ TEST_F(TimeChangeThread, AlwaysAcceptsAChangeOfTheZone) {
     EXPECT_TRUE(m_log.Has(1, "Timezone has been changed to : GMT+-5:0:0"));
     EXPECT_FALSE(Sets());
   }
+}
+
+// The text names no variable, so the first call of the pair changes nothing; the second has the zone read anew.
+TEST_F(TimeChangeThread, DoesThePairOfCallsAndLeavesTheEnvironmentAsItIs) {
+  const platform::ScopedZone zone("Asia/Kolkata");
+  ASSERT_TRUE(Sets());
+  EXPECT_TRUE(m_log.Has(1, "Timezone has been changed to : GMT+5:30:0"));
+  EXPECT_STREQ(std::getenv("TZ"), "Asia/Kolkata");
+  EXPECT_EQ(std::getenv("GMT+5:30:0"), nullptr);
+  EXPECT_EQ(platform::CurrentZone().Name(), "Asia/Kolkata");
+  ::setenv("TZ", "America/Caracas", 1);
+  EXPECT_EQ(platform::CurrentZone().Name(), "Asia/Kolkata");
+  (void)Sets();
+  EXPECT_EQ(platform::CurrentZone().Name(), "America/Caracas");
 }
 
 TEST_F(TimeChangeThread, LeavesOtherNoticesAlone) {
