@@ -17,7 +17,7 @@ set(platform_parts
   clock_posix critical_section_posix debug_output fault_point file_posix guid_posix host_posix
   library_posix memory registry_save registry_sqlite stack_trace_posix text_case text_posix thread_posix)
 if(QX_FAULT_SEAM)
-  list(APPEND platform_parts fault)  # of platform/testing
+  list(APPEND platform_parts fault kill_switch)  # of platform/testing
 endif()
 list(JOIN platform_parts "|" platform_pattern)
 set(platform_objects "$<FILTER:$<TARGET_OBJECTS:qx_platform>,INCLUDE,/(${platform_pattern})\\.cpp\\.o$>")
