@@ -575,23 +575,24 @@ bool CSchedule::InitializeEnvironment() {
 // --- windows ---
 
 qx::WindowRules CSchedule::RulesForSearch(std::int32_t anchorDay, std::int32_t effectiveDay) const {
-  qx::WindowRules rules{.include = m_SpecificIncludeDateSet, .exclude = m_SpecificExcludeDateSet};
-  rules.startMs = qx::PresentedMilliseconds(m_StartTime);
-  rules.startExists = rules.startMs < qx::kMillisecondsPerDay;
-  rules.durationMs = SignedMilliseconds(m_TimeDuration);
-  rules.useEffective = m_bUseEffectiveDate != 0;
-  rules.effectiveDay = effectiveDay;
-  rules.useRestart = m_bUseRestartInterval != 0;
-  if (rules.useRestart) {
-    rules.endTime = &m_EndTime;
-    rules.restartMs = SignedMilliseconds(m_RestartInterval);
-  }
-  rules.useRepeat = m_bUseRepeatInterval != 0;
-  rules.repeatDays = m_iRepeatInterval;
-  rules.anchorDay = anchorDay;
-  rules.daysOfWeek = m_DayOfWeekList.Words();
-  rules.daysOfMonth = m_DaysOfMonth;
-  return rules;
+  // Every member is named: what is left out would be zeroed first, for a tenth of a query's time.
+  const std::int64_t startMs = m_StartTime.PresentedMilliseconds();
+  const bool useRestart = m_bUseRestartInterval != 0;
+  return {.startMs = startMs,
+          .startExists = startMs < qx::kMillisecondsPerDay,
+          .endTime = useRestart ? &m_EndTime : nullptr,
+          .durationMs = SignedMilliseconds(m_TimeDuration),
+          .useEffective = m_bUseEffectiveDate != 0,
+          .effectiveDay = effectiveDay,
+          .useRestart = useRestart,
+          .restartMs = useRestart ? SignedMilliseconds(m_RestartInterval) : 0,
+          .useRepeat = m_bUseRepeatInterval != 0,
+          .repeatDays = m_iRepeatInterval,
+          .anchorDay = anchorDay,
+          .daysOfWeek = m_DayOfWeekList.Words(),
+          .daysOfMonth = m_DaysOfMonth,
+          .include = m_SpecificIncludeDateSet,
+          .exclude = m_SpecificExcludeDateSet};
 }
 
 ZRESULT CSchedule::GetNextTimeWindow(ZepTime anchor, ZepTime effective, ZepTime reference, ZepTime* nextStart,

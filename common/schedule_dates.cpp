@@ -40,12 +40,6 @@ std::int32_t LocalDayOf(ZepTime seconds) {
 
 ZepTime SecondsOfDay(std::int32_t day) { return DateFromDay(day).AsANSITime(); }
 
-std::int64_t PresentedMilliseconds(const WTime& time) {
-  int hour = 0, minute = 0, second = 0, millisecond = 0;
-  (void)time.GetTime(&hour, &minute, &second, &millisecond);
-  return ((std::int64_t{hour} * 60 + minute) * 60 + second) * 1000 + millisecond;
-}
-
 ZepTime SecondsOfTimeOfDay(const WTime& time) {
   int hour = 0, minute = 0, second = 0;
   if (!time.GetTime(&hour, &minute, &second, nullptr) || hour >= 24) return time.AsANSITime();

@@ -78,10 +78,6 @@ struct Moment {
 // Local midnight of a date, in seconds.
 [[nodiscard]] ZepTime SecondsOfDay(std::int32_t day);
 
-// The time of day as presented, in milliseconds; 24 hours and more in some zones. The fields of an invalid one are 0, as
-// where a date takes them.
-[[nodiscard]] std::int64_t PresentedMilliseconds(const ZepFoundation::WTime& time);
-
 // A time of day as seconds on today's date; when the local clock leaves that time out today, on the nearest earlier
 // date on which it exists. So a start inside a gap survives a save and a read on the day of change.
 [[nodiscard]] ZepTime SecondsOfTimeOfDay(const ZepFoundation::WTime& time);

@@ -92,6 +92,10 @@ class WTime {
   virtual void CarryHour(int days);
 
  public:
+  // The presented fields as one number of milliseconds: a day and more where GetTime() gives an hour of 24 or more; 0 for
+  // an invalid time.
+  [[nodiscard]] std::int64_t PresentedMilliseconds() const;
+
   // Hour, minute and second of the breakdown, milliseconds 0.
   bool SetTime(const std::tm& time);
   // The local or UTC time of day of an instant, by the local flag; false when it has no breakdown.

@@ -105,16 +105,19 @@ bool WTime::IsLocal() const { return m_local != 0; }
 
 bool WTime::GetTime(int* hour, int* minute, int* second, int* millisecond) const {
   if (!IsValid()) return false;
-  std::int64_t v = m_milliseconds;
-  if (m_local != 0) {
-    v -= std::int64_t{1000} * Zep_TimeZoneOffsetInSeconds();
-    if (v < 0) v += kMillisecondsOfADay;  // once; nothing is reduced at the top
-  }
+  const std::int64_t v = PresentedMilliseconds();
   if (hour != nullptr) *hour = static_cast<int>(v / 3'600'000);
   if (minute != nullptr) *minute = static_cast<int>(v / 60'000 % 60);
   if (second != nullptr) *second = static_cast<int>(v / 1000 % 60);
   if (millisecond != nullptr) *millisecond = static_cast<int>(v % 1000);
   return true;
+}
+
+std::int64_t WTime::PresentedMilliseconds() const {
+  if (!IsValid()) return 0;
+  if (m_local == 0) return m_milliseconds;
+  const std::int64_t shown = m_milliseconds - std::int64_t{1000} * Zep_TimeZoneOffsetInSeconds();
+  return shown < 0 ? shown + kMillisecondsOfADay : shown;  // once; nothing is reduced at the top
 }
 
 int WTime::GetHour() const { return FieldsOf(*this).hour; }

@@ -84,6 +84,23 @@ TEST(TimeOfDay, ReadsBackALateEveningWestOfGreenwich) {
   EXPECT_EQ(Shown(time), "22:0:0.0");
 }
 
+TEST(TimeOfDay, GivesItsPresentedFieldsAsOneNumber) {
+  const VirtualClock clock(Utc(2024, 1, 10, 12));
+  for (const char* const tz : {"UTC", "EST5", "JST-9", "XXX-14", "YYY12", "NPT-5:45"}) {
+    const ScopedZone zone(tz);
+    for (const int hour : {0, 3, 9, 15, 23}) {
+      for (const WTime& time : {Local(hour, 59, 58, 997), Plain(hour, 1, 2, 3)}) {
+        int h = 0, mi = 0, s = 0, ms = 0;
+        ASSERT_TRUE(time.GetTime(&h, &mi, &s, &ms)) << tz;
+        EXPECT_EQ(time.PresentedMilliseconds(), ((h * 60 + mi) * 60 + s) * std::int64_t{1000} + ms) << tz << ' ' << hour;
+      }
+    }
+  }
+  WTime invalid = Local(5);
+  invalid.Invalidate();
+  EXPECT_EQ(invalid.PresentedMilliseconds(), 0);
+}
+
 TEST(TimeOfDay, ShowsAnHourAbove23EastOfGreenwich) {
   const ScopedZone zone("Asia/Tokyo");
   WTime time = Plain(20, 30);
