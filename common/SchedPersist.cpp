@@ -503,12 +503,20 @@ bool ReadProperty(zepIPropertyBag& bag, const PersistRow& row, CDayOfWeek& days)
   return true;
 }
 
-// What left a save: nothing may leave the interface as an exception.
-ZRESULT FailedSave(const std::exception& error) {
-  QX_TRACE(kTraceError, "CSchedule::Save() - Error: A C++ exception was caught during the save process.  "
-                        "The error message text is:"
-                            << error.what());
-  return dynamic_cast<const std::bad_alloc*>(&error) != nullptr ? ZEP_E_OUTOFMEMORY : ZEP_E_FAIL;
+// Runs `save`. Nothing leaves the interface as an exception: bags and streams are other people's.
+template <typename Save>
+ZRESULT GuardSave(Save&& save) {
+  try {
+    return save();
+  } catch (const std::exception& error) {
+    QX_TRACE(kTraceError, "CSchedule::Save() - Error: A C++ exception was caught during the save process.  "
+                          "The error message text is:"
+                              << error.what());
+    return dynamic_cast<const std::bad_alloc*>(&error) != nullptr ? ZEP_E_OUTOFMEMORY : ZEP_E_FAIL;
+  } catch (...) {
+    QX_TRACE(kTraceError, "CSchedule::Save() - Error: A generic exception was caught during the save process.");
+    return ZEP_E_FAIL;
+  }
 }
 
 // What left a load of bytes; `form` is the operation as its trace names it.
@@ -649,7 +657,7 @@ void SchedulePersistence::LoadFromBag(zepIPropertyBag& bag, std::span<const Pers
 
 ZRESULT SchedulePersistence::Save(zepIPropertyBag* bag, zepByte clearDirty) const {
   if (bag == nullptr) return RefusePointer();
-  try {
+  return GuardSave([&]() -> ZRESULT {
     PropertyValue type = ValueOf(kTagText, CGUID(CLSID_CSchedule).GUIDAsString(0));
     const ZRESULT result = bag->Write(kObjectType, &type);
     if (ZepFailed(result)) return result;
@@ -660,9 +668,7 @@ ZRESULT SchedulePersistence::Save(zepIPropertyBag* bag, zepByte clearDirty) cons
     SaveToBag(*bag, Rows());
     if (clearDirty != 0) m_schedule.m_bDirty = 0;
     return result;
-  } catch (const std::exception& error) {
-    return FailedSave(error);
-  }
+  });
 }
 
 void SchedulePersistence::ReadBag(zepIPropertyBag& bag, ZRESULT& result) const {
@@ -711,7 +717,7 @@ void SchedulePersistence::WriteAll(bostream& out) const {
 
 ZRESULT SchedulePersistence::Save(zepIStream* stream, zepByte clearDirty) const {
   if (stream == nullptr) return RefusePointer();
-  try {
+  return GuardSave([&]() -> ZRESULT {
     bostrstream out(kOrder);
     WriteAll(out);
     if (!out) return ZEP_E_OUTOFMEMORY;
@@ -721,14 +727,12 @@ ZRESULT SchedulePersistence::Save(zepIStream* stream, zepByte clearDirty) const 
     // Deliberate: also when the stream refused the bytes.
     if (clearDirty != 0) m_schedule.m_bDirty = 0;
     return result;
-  } catch (const std::exception& error) {
-    return FailedSave(error);
-  }
+  });
 }
 
 ZRESULT SchedulePersistence::Save(void* memory, zepByte clearDirty, std::uint32_t size) const {
   if (memory == nullptr) return RefusePointer();
-  try {
+  return GuardSave([&]() -> ZRESULT {
     bostrstream out(kOrder);
     WriteAll(out);
     if (!out) return ZEP_E_OUTOFMEMORY;
@@ -737,9 +741,7 @@ ZRESULT SchedulePersistence::Save(void* memory, zepByte clearDirty, std::uint32_
     std::memcpy(memory, bytes.data(), bytes.size());
     if (clearDirty != 0) m_schedule.m_bDirty = 0;
     return ZEP_S_OK;
-  } catch (const std::exception& error) {
-    return FailedSave(error);
-  }
+  });
 }
 
 // Reads header and rows; `result` is set where the load comes to an end of its own.
@@ -818,14 +820,13 @@ ZRESULT SchedulePersistence::StreamSizeMax(std::uint32_t* size) const {
 
 ZRESULT SchedulePersistence::MemorySizeMax(std::uint32_t* size) const {
   if (size == nullptr) return RefusePointer();
-  try {
+  *size = 0;
+  (void)GuardSave([&] {
     bostrstream out(kOrder);
     WriteAll(out);
-    *size = out ? static_cast<std::uint32_t>(out.view().size()) : 0;
-  } catch (const std::exception& error) {
-    (void)FailedSave(error);
-    *size = 0;
-  }
+    if (out) *size = static_cast<std::uint32_t>(out.view().size());
+    return ZEP_S_OK;
+  });
   return ZEP_S_OK;
 }
 

@@ -57,6 +57,7 @@ class MemoryBag final : public zepIPropertyBag {
   ZRESULT Write(const char16_t* name, PropertyValue* value) override {
     const std::u16string key(name);
     if (key == m_failing) return ZEP_E_FAIL;
+    if (m_onWrite) m_onWrite(name);
     m_names.push_back(key);
     m_values.insert_or_assign(key, Copy(*value));
     return ZEP_S_OK;
@@ -75,6 +76,7 @@ class MemoryBag final : public zepIPropertyBag {
   std::vector<std::u16string> m_names;
   std::u16string m_failing;
   std::function<void(std::u16string_view)> m_onRead;
+  std::function<void(std::u16string_view)> m_onWrite;
 };
 
 // A stream over a string.
@@ -92,6 +94,7 @@ class MemoryStream final : public zepIStream {
   }
   ZRESULT Write(const void* buffer, std::uint32_t size, std::uint32_t* written) override {
     ++m_calls;
+    if (m_onWrite) m_onWrite();
     m_bytes.assign(static_cast<const char*>(buffer), size);
     *written = size;
     return m_result;
@@ -101,6 +104,7 @@ class MemoryStream final : public zepIStream {
   ZRESULT m_result = ZEP_S_OK;
   int m_calls = 0;
   std::function<void()> m_onRead;
+  std::function<void()> m_onWrite;
 };
 
 std::string Hex(std::string_view bytes) {
@@ -356,6 +360,41 @@ TEST_F(Persist, NothingIsThrownOutOfASave) {
                                                   platform::kOnce, "PropertyValue text");
   EXPECT_EQ(m_source.Save(&bag, 1), ZEP_E_OUTOFMEMORY);
   EXPECT_EQ(plan.hits(), 1);
+}
+
+TEST_F(Persist, WhateverAForeignBagThrowsFailsTheSaveAndKeepsTheDirtyFlag) {
+  CapturedTrace trace;
+  MemoryBag bag;
+  m_source.put_Dirty(1);
+  for (const char16_t* const at : {u"Object Type", u"Object Version", u"m_ScheduleID", u"m_CustomStringMap"}) {
+    SCOPED_TRACE(Text(at));
+    bag.m_onWrite = [at](std::u16string_view name) {
+      if (name == at) throw std::runtime_error("full");
+    };
+    EXPECT_EQ(m_source.Save(&bag, 1), ZEP_E_FAIL);
+    EXPECT_TRUE(trace.Has(kTraceError, "CSchedule::Save() - Error: A C++ exception was caught during the save process.  "
+                                       "The error message text is:full"));
+    bag.m_onWrite = [at](std::u16string_view name) {
+      if (name == at) throw 1;
+    };
+    EXPECT_EQ(m_source.Save(&bag, 1), ZEP_E_FAIL);
+    EXPECT_TRUE(trace.Has(kTraceError,
+                          "CSchedule::Save() - Error: A generic exception was caught during the save process."));
+    trace.Clear();
+    EXPECT_EQ(Dirty(m_source), 1);
+  }
+}
+
+TEST_F(Persist, WhateverAForeignStreamThrowsFailsTheSaveAndKeepsTheDirtyFlag) {
+  MemoryStream stream;
+  m_source.put_Dirty(1);
+  stream.m_onWrite = [] { throw std::runtime_error("line gone"); };
+  EXPECT_EQ(m_source.Save(&stream, 1), ZEP_E_FAIL);
+  stream.m_onWrite = [] { throw std::bad_alloc(); };
+  EXPECT_EQ(m_source.Save(&stream, 1), ZEP_E_OUTOFMEMORY);
+  stream.m_onWrite = [] { throw 1; };
+  EXPECT_EQ(m_source.Save(&stream, 1), ZEP_E_FAIL);
+  EXPECT_EQ(Dirty(m_source), 1);
 }
 
 TEST_F(Persist, TracesEachItemOfTheBag) {
