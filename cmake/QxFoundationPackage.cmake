@@ -5,12 +5,10 @@
 # Exported from the shared library: what public headers of the foundation declare behind ZEP_FOUNDATION_API, and the
 # platform functions that they and the store's opening need.
 
-include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
+include(QxPackagePlaces)
 
 set(QX_FOUNDATION_NAME qxZepFoundation)
-set(QX_INCLUDE_ROOT ${CMAKE_INSTALL_INCLUDEDIR}/qxsched)
-set(QX_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/QxSched)
 
 # Source files of platform/ whose objects the library holds.
 set(platform_parts
@@ -63,7 +61,7 @@ foreach(header ${platform_headers})
 endforeach()
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/QxSchedConfig.cmake.in ${PROJECT_BINARY_DIR}/QxSchedConfig.cmake
-  INSTALL_DESTINATION ${QX_PACKAGE_DIR})
+  INSTALL_DESTINATION ${QX_PACKAGE_DIR} PATH_VARS CMAKE_INSTALL_LIBDIR)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/QxSchedConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/QxSchedConfig.cmake ${PROJECT_BINARY_DIR}/QxSchedConfigVersion.cmake
   DESTINATION ${QX_PACKAGE_DIR} COMPONENT foundation-dev)
