@@ -99,8 +99,17 @@ class CPath {
   [[nodiscard]] wcstring Path(unsigned char flag = 0) const;
   // Replaces all but the elements' flag, as the constructor.
   void Path(const wcstring& text, char16_t separator);
-  // Path(flag), then "?" and the annotations in order of their keys, when there are any. Reading it back gives the
-  // same path unless an element contains "?".
+  // Path(flag), then "?" and the annotations in order of their keys, when there are any; an "&" ends a text that would
+  // end in "\", "/" or the separator. Read by a constructor with the same separator it gives the same root flag,
+  // elements and annotations, except for what no text stands for:
+  //   an empty last element                     is lost
+  //   an empty first element of a relative path makes it rooted
+  //   an element with the separator in it       comes back as several
+  //   a relative path of one element that holds the other one of "\" and "/" comes back with that separator, as several
+  //   an element with "?" in it                 begins the annotations where a "=" follows
+  //   a bare root under a set flag              is empty text
+  // Only Lop(), Swallow(), RemoveRoot(), Rooted() and the joining of elements lead to one of the first four, or a text
+  // with one more separator at its end than is dropped.
   [[nodiscard]] wcstring PathWithAnnotations(unsigned char flag = 0) const;
 
   // Whether the path begins at a root; sets it.

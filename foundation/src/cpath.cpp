@@ -142,6 +142,9 @@ wcstring CPath::PathWithAnnotations(unsigned char flag) const {
     text = text + before + key + u'=' + value;
     before = u'&';
   }
+  // A separator at the end would be dropped from the last value; a pair without "=" is passed over.
+  const char16_t last = text.empty() ? u'\0' : text[text.length() - 1];
+  if (before == u'&' && (last == u'\\' || last == u'/' || last == m_separator)) text.push_back(u'&');
   return text;
 }
 

@@ -131,6 +131,54 @@ TEST(Path, WritesItsAnnotationsSoThatTheyAreReadAgain) {
   }
 }
 
+TEST(Path, KeepsASeparatorAtTheEndOfItsLastAnnotation) {
+  for (const char16_t* const value : {u"C:\\", u"usr/", u"\\", u"x"}) {
+    for (const char16_t separator : {u'\\', u'/', u':'}) {
+      CPath path(u"a", 0, separator);
+      ASSERT_TRUE(path.AddAnnotation(u"k", value));
+      EXPECT_EQ(CPath(path.PathWithAnnotations(), 0, separator).AnnotationValue(u"k"), value);
+      EXPECT_EQ(CPath(path.PathWithAnnotations()).AnnotationValue(u"k"), value);
+    }
+  }
+}
+
+// What has no text of its own, as the header lists it: the text that is written, and what it reads as.
+TEST(Path, IsReadAsAnotherOneWhereNoTextStandsForIt) {
+  const auto joined = [](const char16_t* first, const char16_t* element) {
+    CPath path(first);
+    path += CPathElement(element);
+    return path;
+  };
+  const auto swallowed = [](const char16_t* text) {
+    CPath path(text);
+    (void)path.Swallow(1);
+    return path;
+  };
+  const struct {
+    int line;
+    CPath path;
+    const char* written;
+    bool rooted;
+    std::vector<std::string> elements;
+  } cases[] = {
+      {__LINE__, joined(u"a", u""), "a\\", false, {"a"}},                 // an empty last element
+      {__LINE__, swallowed(u"a\\\\b"), "\\b", true, {"b"}},             // an empty first one
+      {__LINE__, joined(u"a", u"b\\c"), "a\\b\\c", false, {"a", "b", "c"}},  // the separator in an element
+      {__LINE__, joined(u"", u"a/b"), "a/b", false, {"a", "b"}},          // the other separator in the only element
+      {__LINE__, joined(u"a", u"b?c=d"), "a\\b?c=d", false, {"a", "b"}},  // a question mark before an equals sign
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Narrow(c.path.PathWithAnnotations()), c.written) << c.line;
+    const CPath again(c.path.PathWithAnnotations());
+    EXPECT_EQ(again.Rooted(), c.rooted) << c.line;
+    EXPECT_EQ(Elements(again), c.elements) << c.line;
+  }
+  // The same where the path has a second element, or a root: the separator stands in the text.
+  for (const CPath& path : {joined(u"a", u"b/c"), joined(u"\\", u"a/b")}) {
+    EXPECT_EQ(CPath(path.PathWithAnnotations()), path);
+  }
+}
+
 TEST(Path, RefusesAnAnnotationThatItsFormCannotHold) {
   CPath path(u"a");
   EXPECT_FALSE(path.AddAnnotation(u"k=", u"v"));
