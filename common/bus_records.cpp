@@ -72,6 +72,29 @@ constexpr Field<S> kScheduleFields[] = {
     {kRulesKey, &S::stScheduleRules},
 };
 
+// --- text ---
+
+// The noncharacters of Unicode, which the bus library takes for ill-formed: U+FDD0 to U+FDEF and the last two of a plane.
+constexpr bool IsNoncharacter(std::uint32_t c) { return (c >= 0xFDD0 && c <= 0xFDEF) || (c & 0xFFFE) == 0xFFFE; }
+
+// The text with U+FFFD for each character that no string of the bus holds. A lone surrogate is left to the conversion.
+std::u16string Sendable(std::u16string_view text) {
+  std::u16string sent;
+  sent.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const std::uint32_t high = text[i];
+    const bool pair = (high & 0xFC00) == 0xD800 && i + 1 < text.size() && (text[i + 1] & 0xFC00) == 0xDC00;
+    const std::uint32_t c = pair ? 0x10000 + ((high & 0x3FF) << 10) + (text[i + 1] & 0x3FFu) : high;
+    if (c == 0 || IsNoncharacter(c)) {
+      sent += u'\uFFFD';
+    } else {
+      sent.append(text.substr(i, pair ? 2 : 1));
+    }
+    if (pair) ++i;
+  }
+  return sent;
+}
+
 // --- scalars by type ---
 
 constexpr std::string_view TypeOf(const BSTR*) {
@@ -409,13 +432,7 @@ BusError ReadScheduleId(MessageReader& reader, std::string_view name, ScheduleGu
 }
 
 void AppendText(MessageWriter& writer, std::u16string_view text) {
-  if (text.find(u'\0') == std::u16string_view::npos) {
-    writer.AppendString(platform::Utf8FromWide(text));
-    return;
-  }
-  std::u16string shown(text);
-  std::replace(shown.begin(), shown.end(), u'\0', u'\uFFFD');
-  writer.AppendString(platform::Utf8FromWide(shown));
+  writer.AppendString(platform::Utf8FromWide(Sendable(text)));
 }
 
 BusError ReadText(MessageReader& reader, Reading reading, std::string_view name, std::u16string& text) {

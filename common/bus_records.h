@@ -76,7 +76,8 @@ void AppendScheduleId(platform::MessageWriter& writer, const ScheduleGuid& id);
 // The text of an identifier itself; false for any other text, `id` untouched.
 [[nodiscard]] bool ParseScheduleId(std::string_view text, ScheduleGuid& id);
 
-// Plain strings and arrays. A lone surrogate or a NUL, which no bus string can hold, travels as U+FFFD.
+// Plain strings and arrays. A lone surrogate, a NUL and a noncharacter (U+FFFE, U+FDD0), which no bus string can hold,
+// travel as U+FFFD.
 void AppendText(platform::MessageWriter& writer, std::u16string_view text);
 [[nodiscard]] platform::BusError ReadText(platform::MessageReader& reader, Reading reading, std::string_view name,
                                           std::u16string& text);
