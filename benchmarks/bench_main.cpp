@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -19,11 +20,6 @@ double SteadyNanoseconds() {
 
 namespace {
 
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
 struct Row {
   double ours;
   double reference;
@@ -37,7 +33,7 @@ Row Measure(const Figure& figure) {
     reference.push_back(figure.reference());
     ratios.push_back(ours.back() / reference.back());
   }
-  return {Median(ours), Median(reference), Median(ratios)};
+  return {Quantile(ours, 0.5), Quantile(reference, 0.5), Quantile(ratios, 0.5)};
 }
 
 bool Wanted(const std::string& name, const std::vector<std::string>& words) {
@@ -58,9 +54,11 @@ int Run(int argc, char** argv) {
       words.emplace_back(argv[i]);
     }
   }
-  std::vector<Figure> figures = NextWindowFigures();
-  for (Figure& figure : FoundationFigures()) figures.push_back(std::move(figure));
-  for (Figure& figure : ServiceFigures()) figures.push_back(std::move(figure));
+  std::vector<Figure> figures;
+  for (const auto group :
+       {NextWindowFigures, FoundationFigures, StartFigures, StoreFigures, LaunchFigures, ResidentFigures}) {
+    for (Figure& figure : group()) figures.push_back(std::move(figure));
+  }
   std::erase_if(figures, [&](const Figure& figure) { return !Wanted(figure.name, words); });
   if (figures.empty()) {
     std::fprintf(stderr, "qx_bench: no figure of that name\n");
@@ -95,6 +93,10 @@ int Run(int argc, char** argv) {
 }  // namespace qx::bench
 
 int main(int argc, char** argv) {
-  if (argc == 3 && std::strcmp(argv[1], "--stamp") == 0) return qx::bench::StampMain(argv[2]);
-  return qx::bench::Run(argc, argv);
+  try {
+    return qx::bench::Run(argc, argv);
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "qx_bench: %s\n", failure.what());
+    return 1;
+  }
 }

@@ -1,0 +1,207 @@
+// Figures of the launch: how late a job starts, alone and with many due at once, against a bare spawn of the same job.
+#include <sys/wait.h>
+#include <time.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "benchmarks/bench_service.h"
+#include "benchmarks/figure.h"
+#include "platform/text.h"
+
+namespace qx::bench {
+namespace {
+
+constexpr std::int64_t kFarStart = 1704906000;  // a time of day
+constexpr int kSamplesARound = 10;
+constexpr int kManySchedules = 100000;
+constexpr std::size_t kLongParameters = 2000;  // characters; makes the service hold more than half a gigabyte
+constexpr long kLoadedResidentKb = 500 * 1024;
+
+void SleepUntil(std::int64_t second) {
+  const timespec at{second, 0};
+  clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &at, nullptr);
+}
+
+double LateMs(std::int64_t stamp, std::int64_t due) {
+  return static_cast<double>(stamp - due * kNanosecondsPerSecond) / 1e6;
+}
+
+// The next second that leaves time to prepare.
+std::int64_t NextDue() { return (WallNanoseconds() + kNanosecondsPerSecond * 3 / 10) / kNanosecondsPerSecond + 1; }
+
+long ResidentKb(pid_t process) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
+  }
+  return 0;
+}
+
+// --- lateness ---
+
+class Lateness {
+ public:
+  explicit Lateness(bool loaded) : m_stamps(m_service.Directory() + "/stamps") {
+    if (loaded) {
+      Fill(m_service, kManySchedules,
+           DailyAt(FarFromNow(), m_service.Directory(), "/bin/true", std::string(kLongParameters, 'x')));
+    }
+    m_service.Start();
+    if (loaded && ResidentKb(m_service.Process()) < kLoadedResidentKb) throw std::runtime_error("not that much resident");
+  }
+
+  // Milliseconds from the due second to the job's first instruction, the median of a round.
+  double Ours() { return Round(m_ours, [this] { return OneOfOurs(); }); }
+  // The same by an absolute timer of the kernel and a spawn.
+  double Reference() { return Round(m_reference, [this] { return OneReference(); }); }
+
+  // Of all rounds so far.
+  double OursWorst() { return Worst(m_ours, [this] { return Ours(); }); }
+  double ReferenceWorst() { return Worst(m_reference, [this] { return Reference(); }); }
+
+ private:
+  static std::int64_t FarFromNow() { return WallNanoseconds() / kNanosecondsPerSecond + 6 * 3600; }
+
+  template <typename One>
+  static double Round(std::vector<double>& all, One one) {
+    std::vector<double> round;
+    for (int i = 0; i < kSamplesARound; ++i) round.push_back(one());
+    all.insert(all.end(), round.begin(), round.end());
+    return Quantile(round, 0.5);
+  }
+
+  template <typename More>
+  static double Worst(std::vector<double>& all, More more) {
+    while (all.size() < 10 * kSamplesARound) more();
+    return Quantile(all, 0.99);
+  }
+
+  double OneOfOurs() {
+    const std::int64_t due = NextDue();
+    SCHEDULE_OBJECT schedule = DailyAt(due, m_service.Directory(), ProgramBeside("qx_stamp"), m_stamps.Path());
+    schedule.bstrXMLFilePathName = u"";  // the default directory, and no path on the command line
+    ScheduleGuid id{};
+    if (m_service.Client().CreateSchedule(schedule, id) != kStatusOk) throw std::runtime_error("not created");
+    const std::int64_t stamp = m_stamps.ReadLast(1);
+    (void)m_service.Client().DeleteSchedule(id);
+    return LateMs(stamp, due);
+  }
+
+  double OneReference() {
+    const std::int64_t due = NextDue();
+    SleepUntil(due);
+    const pid_t job = Spawn({ProgramBeside("qx_stamp"), m_stamps.Path()});
+    const std::int64_t stamp = m_stamps.ReadLast(1);
+    waitpid(job, nullptr, 0);
+    return LateMs(stamp, due);
+  }
+
+  Service m_service;
+  StampPipe m_stamps;
+  std::vector<double> m_ours;
+  std::vector<double> m_reference;
+};
+
+Lateness& Plain() {
+  static Lateness bench(false);
+  return bench;
+}
+Lateness& Loaded() {
+  static Lateness bench(true);
+  return bench;
+}
+
+// --- many at once ---
+
+std::string ReadText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+class Burst {
+ public:
+  explicit Burst(int count) : m_count(count), m_stamps(m_service.Directory() + "/stamps") {
+    SCHEDULE_OBJECT schedule = DailyAt(kFarStart, m_service.Directory(), ProgramBeside("qx_stamp"), m_stamps.Path());
+    schedule.bstrXMLFilePathName = platform::WideFromUtf8(m_service.Directory() + "/");
+    // The job takes one word: the path of the XML file would be another.
+    m_files = Fill(m_service, count, schedule);
+    m_text = ReadText(m_files.front());
+  }
+
+  // Milliseconds from the due second to the last start.
+  double Ours() {
+    const std::int64_t due = WallNanoseconds() / kNanosecondsPerSecond + 4 + m_count / 2000;
+    SetStart(due);
+    m_service.Start();
+    if (WallNanoseconds() >= due * kNanosecondsPerSecond) throw std::runtime_error("the start took too long");
+    const double taken = LateMs(m_stamps.ReadLast(static_cast<std::size_t>(m_count)), due);
+    m_service.Stop();
+    return taken;
+  }
+
+  double Reference() {
+    const std::int64_t due = NextDue();
+    std::int64_t last = 0;
+    std::thread reader([&] { last = m_stamps.ReadLast(static_cast<std::size_t>(m_count)); });
+    const std::string program = ProgramBeside("qx_stamp");
+    SleepUntil(due);
+    std::vector<pid_t> jobs;
+    for (int i = 0; i < m_count; ++i) jobs.push_back(Spawn({program, m_service.Directory() + "/", m_stamps.Path()}));
+    reader.join();
+    for (const pid_t job : jobs) waitpid(job, nullptr, 0);
+    return LateMs(last, due);
+  }
+
+ private:
+  // Moves all windows of a stopped service.
+  void SetStart(std::int64_t due) {
+    std::string text = m_text;
+    for (const auto& [key, second] : {std::pair<std::string, std::int64_t>{"m_StartTime=", due}, {"m_EndTime=", due + 3600}}) {
+      const std::size_t at = text.find(key) + key.size();
+      text.replace(at, text.find('\r', at) - at, std::to_string(second));
+    }
+    for (const std::string& file : m_files) std::ofstream(file, std::ios::binary) << text;
+  }
+
+  int m_count;
+  Service m_service;
+  StampPipe m_stamps;
+  std::vector<std::string> m_files;
+  std::string m_text;
+};
+
+Burst& Of(int count) {
+  static std::unique_ptr<Burst> few, many;
+  std::unique_ptr<Burst>& burst = count == 200 ? few : many;
+  if (!burst) burst = std::make_unique<Burst>(count);
+  return *burst;
+}
+
+}  // namespace
+
+std::vector<Figure> LaunchFigures() {
+  constexpr char kTimer[] = "an absolute timer and a spawn";
+  return {
+      {"launch/lateness-median", kTimer, "ms", 1.5, [] { return Plain().Ours(); }, [] { return Plain().Reference(); }, 10},
+      {"launch/lateness-p99", kTimer, "ms", 2.0, [] { return Plain().OursWorst(); },
+       [] { return Plain().ReferenceWorst(); }, 1},
+      {"launch/lateness-100k-500mb", "the median without them", "ms", 1.2, [] { return Loaded().Ours(); },
+       [] { return Plain().Ours(); }},
+      {"launch/200-due", "a bare loop of posix_spawn", "ms", 1.25, [] { return Of(200).Ours(); },
+       [] { return Of(200).Reference(); }},
+      {"launch/10000-due", "a bare loop of posix_spawn", "ms", 1.25, [] { return Of(10000).Ours(); },
+       [] { return Of(10000).Reference(); }},
+  };
+}
+
+}  // namespace qx::bench
