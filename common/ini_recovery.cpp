@@ -12,8 +12,9 @@ using ZepFoundation::ServiceLog;
 
 bool RestoreOldIniFile(std::u16string_view path) {
   const std::string file = platform::NativePath(path);
+  if (file.empty() || platform::FileExists(file)) return false;
   const std::string old = platform::NativePath(std::u16string(path).append(kOldIniSuffix));
-  if (file.empty() || platform::FileExists(file) || !platform::FileExists(old)) return false;
+  if (!platform::FileExists(old)) return false;
   const platform::ErrorCode rc = platform::RenameFile(old, file, platform::Durable::kYes);
   // Only the directory's sync can have failed where the file is there.
   if (rc != platform::ERROR_SUCCESS && !platform::FileExists(file)) {

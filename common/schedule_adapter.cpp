@@ -241,12 +241,12 @@ std::optional<std::int64_t> ParseDecimal(std::u16string_view text) {
 
 // The lines of a section, first ones first.
 std::map<std::u16string, std::u16string> ReadSection(std::u16string_view path, std::u16string_view section) {
-  constexpr std::size_t kFirstSize = 4096;  // units: room for some 200 dates
+  constexpr std::size_t kFirstSize = 256;  // units: most schedules have few dates of their own
   std::vector<char16_t> buffer(kFirstSize);
   platform::ProfileSectionText found;
   while (platform::GetProfileSection(path, section, buffer, found) == platform::ERROR_SUCCESS &&
          found.length + 2 >= buffer.size()) {
-    buffer.resize(buffer.size() * 2);
+    buffer.resize(buffer.size() * 8);
   }
   std::map<std::u16string, std::u16string> lines;
   std::u16string_view rest(buffer.data(), found.length);

@@ -395,9 +395,12 @@ ErrorCode File::Read(std::span<char> buffer, std::size_t& count) {
 }
 
 ErrorCode File::ReadAll(std::string& bytes) {
-  std::string chunk(kReadChunk, '\0');
+  // One byte more than the file has tells its end with the first read.
+  struct stat info {};
+  const bool isSmall = ::fstat(m_descriptor, &info) == 0 && info.st_size < static_cast<off_t>(kReadChunk);
+  std::string chunk(isSmall ? static_cast<std::size_t>(info.st_size) + 1 : kReadChunk, '\0');
   std::string all;
-  for (std::size_t count = kReadChunk; count == kReadChunk;) {
+  for (std::size_t count = chunk.size(); count == chunk.size();) {
     if (const ErrorCode rc = Read(chunk, count); rc != ERROR_SUCCESS) return rc;
     all.append(chunk, 0, count);
   }

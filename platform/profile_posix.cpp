@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <deque>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -18,17 +19,20 @@ namespace {
 
 constexpr std::string_view kWideMark = "\xFF\xFE";
 constexpr std::string_view kLineEnds = "\r\n";
-constexpr std::string_view kBlanks = " \t\v\f\r\n";
+constexpr std::size_t kUsualSections = 8;
 constexpr std::uint32_t kWholeSectionTail = 2;  // NULs behind the last line: its own and the end's
 
+bool IsBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
 std::string_view TrimFront(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(kBlanks);
-  return first == std::string_view::npos ? std::string_view() : text.substr(first);
+  while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
+  return text;
 }
 
 std::string_view Trim(std::string_view text) {
   text = TrimFront(text);
-  return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+  while (!text.empty() && IsBlank(text.back())) text.remove_suffix(1);
+  return text;
 }
 
 template <typename Char>
@@ -88,10 +92,11 @@ std::u16string UnitsFromBytes(std::string_view bytes) {
   return out;
 }
 
+// Views of the text that holds them.
 struct Line {
-  std::string key;    // the whole line where it has no "="
-  std::string value;  // without blanks around it when it came from a file
-  std::string raw;    // a comment as it stood; empty once it was written to
+  std::string_view key;    // the whole line where it has no "="
+  std::string_view value;  // without blanks around it when it came from a file
+  std::string_view raw;    // a comment as it stood; empty once it was written to
   bool hasEquals = false;
   bool removed = false;
 
@@ -99,12 +104,13 @@ struct Line {
 };
 
 struct Section {
-  std::string name;
-  std::string behind;  // what a hand wrote behind the closing bracket
+  std::string_view name;
+  std::string_view behind;  // what a hand wrote behind the closing bracket
   bool removed = false;
-  bool hasDuplicates = false;
   std::vector<Line> lines;
-  std::unordered_map<std::string, std::size_t> index;  // folded key to its first line
+  // Of a section of many lines that was searched: folded key to the first line that bears it.
+  mutable std::unordered_map<std::string, std::size_t> index;
+  mutable std::size_t indexed = 0;  // lines that the index knows
 };
 
 // One write, as it was asked for.
@@ -114,10 +120,33 @@ struct Edit {
   std::optional<std::u16string> value;
 };
 
+// What is the same byte in every encoding, and has no other case than the ASCII one.
+bool IsPlain(char32_t c) {
+  return (c >= U'a' && c <= U'z') || (c >= U'A' && c <= U'Z') || (c >= U'0' && c <= U'9') || c == U'_' || c == U' ';
+}
+
+char UpperAscii(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
+
+// A name that is searched for. Stays where it was made: `bytes` may lie inside.
+struct WantedName {
+  static constexpr std::size_t kSmall = 64;
+  std::string_view bytes;  // as the file would have it, without blanks around it
+  bool isPlain = false;
+  std::string folded;  // empty for a plain one
+  char small[kSmall];
+  std::string large;
+
+  WantedName() = default;
+  WantedName(const WantedName&) = delete;
+  WantedName& operator=(const WantedName&) = delete;
+};
+
 class ProfileText {
  public:
-  ProfileText() : ProfileText(std::string_view()) {}
-  explicit ProfileText(std::string_view file) { Parse(file); }
+  ProfileText() : ProfileText(std::string()) {}
+  explicit ProfileText(std::string file) { Parse(m_texts.emplace_back(std::move(file))); }
+  ProfileText(ProfileText&&) = default;
+  ProfileText& operator=(ProfileText&&) = default;
 
   [[nodiscard]] std::string Serialize() const;
 
@@ -134,31 +163,33 @@ class ProfileText {
 
  private:
   static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+  static constexpr std::size_t kManyLines = 48;  // from here on an index pays
 
   void Parse(std::string_view file);
   void ParseLine(std::string_view line);
-  Section& BeginSection(std::string name, std::string behind);
-  Line& Append(Section& section, Line line);
+  Section& BeginSection(std::string_view name, std::string_view behind);
   [[nodiscard]] std::string Encode(std::u16string_view text) const {
     return m_encoding == Encoding::kWide ? BytesFromUnits(text) : SystemFromWide(text);
   }
   [[nodiscard]] std::string Fold(std::string_view bytes) const;
-  [[nodiscard]] std::size_t SectionAt(const std::string& folded) const;
-  [[nodiscard]] static std::size_t LineAt(const Section& section, const std::string& folded);
-  bool RemoveSection(std::size_t at);
+  void Want(std::u16string_view name, WantedName& out) const;
+  [[nodiscard]] bool IsThatName(std::string_view bytes, const WantedName& wanted) const;
+  [[nodiscard]] std::size_t SectionAt(const WantedName& name) const;
+  [[nodiscard]] std::size_t LineAt(const Section& section, const WantedName& key) const;
   bool RemoveLine(Section& section, std::size_t at);
-  bool SetValue(Section& section, const std::string& key, std::string value);
+  bool SetValue(Section& section, const WantedName& key, std::string value);
 
+  // Keeps a text for the views of it.
+  std::string_view Keep(std::string_view text) { return m_texts.emplace_back(text); }
   void ReadAgain();
 
   Encoding m_encoding = Encoding::kSystem;
+  std::deque<std::string> m_texts;  // the file, and what was written since: lines are views of it
   std::string m_verbatim;           // the text as written, where the lines as understood differ; until the next change
   std::vector<Section> m_sections;  // the first one holds the lines in front of any header
-  std::unordered_map<std::string, std::size_t> m_index;
 };
 
 void ProfileText::Parse(std::string_view file) {
-  std::string wideText;
   if (file.starts_with(kWideMark)) {
     m_encoding = Encoding::kWide;
     std::u16string units;
@@ -167,14 +198,15 @@ void ProfileText::Parse(std::string_view file) {
       units += static_cast<char16_t>(static_cast<unsigned char>(file[i]) |
                                      (static_cast<unsigned char>(file[i + 1]) << 8));
     }
-    wideText = BytesFromUnits(units);
-    file = wideText;
+    file = m_texts.emplace_back(BytesFromUnits(units));
   }
+  m_sections.reserve(kUsualSections);
   m_sections.emplace_back();
-  while (!file.empty()) {
-    const std::size_t end = std::min(file.find_first_of(kLineEnds), file.size());
-    ParseLine(Trim(file.substr(0, end)));
-    file.remove_prefix(std::min(end + 1, file.size()));
+  for (std::size_t begin = 0; begin < file.size();) {
+    std::size_t end = begin;
+    while (end < file.size() && file[end] != '\r' && file[end] != '\n') ++end;
+    ParseLine(Trim(file.substr(begin, end - begin)));
+    begin = end + 1;
   }
 }
 
@@ -182,7 +214,7 @@ void ProfileText::ParseLine(std::string_view line) {
   if (line.empty()) return;
   const std::size_t closing = line.front() == '[' ? line.rfind(']') : std::string_view::npos;
   if (closing != std::string_view::npos) {
-    BeginSection(std::string(Trim(line.substr(1, closing - 1))), std::string(line.substr(closing + 1)));
+    BeginSection(Trim(line.substr(1, closing - 1)), line.substr(closing + 1));
     return;
   }
   Line parsed;
@@ -193,21 +225,14 @@ void ProfileText::ParseLine(std::string_view line) {
     parsed.value = Trim(line.substr(equals + 1));
   }
   if (parsed.IsComment()) parsed.raw = line;
-  Append(m_sections.back(), std::move(parsed));
+  m_sections.back().lines.push_back(parsed);
 }
 
-Section& ProfileText::BeginSection(std::string name, std::string behind) {
-  m_index.try_emplace(Fold(name), m_sections.size());  // the first of equal names counts
+Section& ProfileText::BeginSection(std::string_view name, std::string_view behind) {
   Section& section = m_sections.emplace_back();
-  section.name = std::move(name);
-  section.behind = std::move(behind);
+  section.name = name;
+  section.behind = behind;
   return section;
-}
-
-Line& ProfileText::Append(Section& section, Line line) {
-  const bool isNew = section.index.try_emplace(Fold(line.key), section.lines.size()).second;
-  if (!isNew) section.hasDuplicates = true;
-  return section.lines.emplace_back(std::move(line));
 }
 
 std::string ProfileText::Serialize() const {
@@ -253,45 +278,91 @@ std::string ProfileText::Fold(std::string_view bytes) const {
   return BytesFromUnits(wide);
 }
 
-std::size_t ProfileText::SectionAt(const std::string& folded) const {
-  const auto found = m_index.find(folded);
-  return found == m_index.end() ? kNone : found->second;
+void ProfileText::Want(std::u16string_view name, WantedName& out) const {
+  const auto isPlain = [](auto text) {
+    return std::all_of(text.begin(), text.end(), [](auto c) { return IsPlain(static_cast<char32_t>(c)); });
+  };
+  if (name.size() <= WantedName::kSmall && isPlain(name)) {
+    std::transform(name.begin(), name.end(), out.small, [](char16_t c) { return static_cast<char>(c); });
+    out.bytes = Trim({out.small, name.size()});
+    out.isPlain = true;
+    return;
+  }
+  out.large = Encode(name);
+  out.bytes = Trim(out.large);
+  out.folded = Fold(out.bytes);
 }
 
-std::size_t ProfileText::LineAt(const Section& section, const std::string& folded) {
-  const auto found = section.index.find(folded);
+bool ProfileText::IsThatName(std::string_view bytes, const WantedName& wanted) const {
+  if (!wanted.isPlain) return Fold(bytes) == wanted.folded;
+  return bytes.size() == wanted.bytes.size() &&
+         std::equal(bytes.begin(), bytes.end(), wanted.bytes.begin(),
+                    [](char a, char b) { return UpperAscii(a) == UpperAscii(b); });
+}
+
+// Of equal names the first counts.
+std::size_t ProfileText::SectionAt(const WantedName& name) const {
+  for (std::size_t i = 1; i < m_sections.size(); ++i) {
+    if (!m_sections[i].removed && IsThatName(m_sections[i].name, name)) return i;
+  }
+  return kNone;
+}
+
+std::size_t ProfileText::LineAt(const Section& section, const WantedName& key) const {
+  const std::vector<Line>& lines = section.lines;
+  if (lines.size() < kManyLines) {
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+      if (!lines[i].removed && IsThatName(lines[i].key, key)) return i;
+    }
+    return kNone;
+  }
+  for (; section.indexed < lines.size(); ++section.indexed) {
+    const Line& line = lines[section.indexed];
+    if (!line.removed) section.index.try_emplace(Fold(line.key), section.indexed);
+  }
+  const auto found = section.index.find(key.isPlain ? Fold(key.bytes) : key.folded);
   return found == section.index.end() ? kNone : found->second;
 }
 
 const Section* ProfileText::FindSection(std::u16string_view name) const {
-  const std::size_t at = SectionAt(Fold(Trim(Encode(name))));
+  WantedName wanted;
+  Want(name, wanted);
+  const std::size_t at = SectionAt(wanted);
   return at == kNone ? nullptr : &m_sections[at];
 }
 
 const Line* ProfileText::Find(std::u16string_view section, std::u16string_view key) const {
   const Section* found = FindSection(section);
   if (found == nullptr) return nullptr;
-  const std::size_t at = LineAt(*found, Fold(Trim(Encode(key))));
+  WantedName wanted;
+  Want(key, wanted);
+  const std::size_t at = LineAt(*found, wanted);
   return at == kNone ? nullptr : &found->lines[at];
 }
 
 bool ProfileText::Apply(const Edit& edit) {
-  const std::string name(Trim(Encode(edit.section)));
-  const std::size_t at = SectionAt(Fold(name));
-  if (!edit.key) return at != kNone && RemoveSection(at);
-  const std::string key(Trim(Encode(*edit.key)));
-  if (!edit.value) {
-    return at != kNone && RemoveLine(m_sections[at], LineAt(m_sections[at], Fold(key)));
+  WantedName name;
+  Want(edit.section, name);
+  const std::size_t at = SectionAt(name);
+  if (!edit.key) {
+    if (at == kNone) return false;
+    m_verbatim.clear();
+    m_sections[at] = Section();
+    m_sections[at].removed = true;  // a later one of that name counts from now on
+    return true;
   }
+  WantedName key;
+  Want(*edit.key, key);
+  if (!edit.value) return at != kNone && RemoveLine(m_sections[at], LineAt(m_sections[at], key));
   std::string value(TrimFront(Encode(*edit.value)));
   // What the next reader of the file would understand in another way is understood so at once: the bytes of a batch are
   // those of single calls.
   const bool trailingBlank = Trim(value).size() != value.size();
   const bool otherwise = trailingBlank || value.find_first_of(kLineEnds) != std::string::npos ||
-                         key.find_first_of("=\r\n") != std::string::npos || key.starts_with('[') ||
-                         name.find_first_of("]\r\n") != std::string::npos;
+                         key.bytes.find_first_of("=\r\n") != std::string::npos || key.bytes.starts_with('[') ||
+                         name.bytes.find_first_of("]\r\n") != std::string::npos;
   if (at == kNone) m_verbatim.clear();
-  Section& section = at == kNone ? BeginSection(name, {}) : m_sections[at];
+  Section& section = at == kNone ? BeginSection(Keep(name.bytes), {}) : m_sections[at];
   const bool changed = SetValue(section, key, std::move(value)) || at == kNone;
   if (changed && otherwise) ReadAgain();
   return changed;
@@ -303,53 +374,32 @@ void ProfileText::ReadAgain() {
   m_verbatim = std::move(verbatim);
 }
 
-bool ProfileText::RemoveSection(std::size_t at) {
-  const std::string folded = Fold(m_sections[at].name);
-  m_verbatim.clear();
-  m_sections[at].removed = true;
-  m_sections[at].lines.clear();
-  m_index.erase(folded);
-  for (std::size_t i = at + 1; i < m_sections.size(); ++i) {  // a later one of that name counts from now on
-    if (!m_sections[i].removed && Fold(m_sections[i].name) == folded) {
-      m_index.emplace(folded, i);
-      break;
-    }
-  }
-  return true;
-}
-
 bool ProfileText::RemoveLine(Section& section, std::size_t at) {
   if (at == kNone) return false;
-  const std::string folded = Fold(section.lines[at].key);
   m_verbatim.clear();
   section.lines[at].removed = true;
-  section.index.erase(folded);
-  for (std::size_t i = at + 1; section.hasDuplicates && i < section.lines.size(); ++i) {
-    if (!section.lines[i].removed && Fold(section.lines[i].key) == folded) {
-      section.index.emplace(folded, i);
-      break;
-    }
-  }
+  section.index.clear();  // a later line of that key counts from now on
+  section.indexed = 0;
   return true;
 }
 
-bool ProfileText::SetValue(Section& section, const std::string& key, std::string value) {
-  const std::size_t at = LineAt(section, Fold(key));
+bool ProfileText::SetValue(Section& section, const WantedName& key, std::string value) {
+  const std::size_t at = LineAt(section, key);
   if (at == kNone) {
     Line line;
-    line.key = key;
-    line.value = std::move(value);
+    line.key = Keep(key.bytes);
+    line.value = Keep(value);
     line.hasEquals = true;
     m_verbatim.clear();
-    Append(section, std::move(line));
+    section.lines.push_back(line);
     return true;
   }
   Line& line = section.lines[at];
   if (line.hasEquals && line.value == value) return false;
   m_verbatim.clear();
-  line.value = std::move(value);
+  line.value = Keep(value);
   line.hasEquals = true;
-  line.raw.clear();
+  line.raw = {};
   return true;
 }
 
@@ -382,6 +432,7 @@ ErrorCode AskFault(Operation operation, std::u16string_view what) {
 }  // namespace
 
 struct detail::ProfileBatchState {
+  std::u16string path;
   std::string name;
   ProfileBatch::Purpose purpose = ProfileBatch::kSave;
   std::thread::id owner = std::this_thread::get_id();
@@ -449,7 +500,11 @@ namespace {
 
 thread_local detail::ProfileBatchState* t_youngest = nullptr;
 
-detail::ProfileBatchState* BatchOn(const std::string& name) {
+// The thread's batch of a path; null when there is none, with the kernel's name of the path in `name`.
+detail::ProfileBatchState* BatchOn(std::u16string_view path, std::string& name) {
+  // The words of the last batch are the usual ones, and are cheaper to compare than to translate.
+  if (t_youngest != nullptr && t_youngest->path == path) return t_youngest;
+  name = NativePath(path);
   detail::ProfileBatchState* batch = t_youngest;
   while (batch != nullptr && batch->name != name) batch = batch->older;
   return batch;
@@ -458,15 +513,15 @@ detail::ProfileBatchState* BatchOn(const std::string& name) {
 // Gives the text of a path to `use`, from the thread's batch where there is one.
 template <typename Use>
 ErrorCode WithText(std::u16string_view path, Use use) {
-  const std::string name = NativePath(path);
-  if (detail::ProfileBatchState* batch = BatchOn(name)) {
+  std::string name;
+  if (detail::ProfileBatchState* batch = BatchOn(path, name)) {
     const ErrorCode rc = batch->Read();
     if (rc == ERROR_SUCCESS || batch->isRead) use(batch->text);
     return rc;
   }
   ReadText read;
   const ErrorCode rc = ReadFileText(name, read);
-  if (rc == ERROR_SUCCESS) use(ProfileText(read.bytes));
+  if (rc == ERROR_SUCCESS) use(ProfileText(std::move(read.bytes)));
   return rc;
 }
 
@@ -531,9 +586,10 @@ std::u16string LinesOf(const ProfileText& text, const Section& section) {
   std::string bytes;
   for (const Line& line : section.lines) {
     if (line.removed || line.IsComment()) continue;
-    std::string whole = line.key;
-    if (line.hasEquals) whole.append("=").append(Trim(line.value));
-    bytes.append(UntilNul<char>(whole));
+    const std::size_t begin = bytes.size();
+    bytes.append(line.key);
+    if (line.hasEquals) bytes.append("=").append(Trim(line.value));
+    bytes.resize(std::min(bytes.find('\0', begin), bytes.size()));
     bytes += '\0';
   }
   return text.Decode(bytes);
@@ -633,8 +689,8 @@ ErrorCode GetProfileSection(std::u16string_view path, std::u16string_view sectio
 
 ErrorCode WriteProfileString(std::u16string_view path, std::u16string_view section, std::u16string_view key,
                              const char16_t* value) {
-  const std::string name = NativePath(path);
-  detail::ProfileBatchState* batch = BatchOn(name);
+  std::string name;
+  detail::ProfileBatchState* batch = BatchOn(path, name);
   Edit edit;
   ErrorCode rc = AskFault(Operation::kWriteProfileString, key);
   if (rc == ERROR_SUCCESS) rc = MakeEdit(section, key, value, edit);
@@ -657,6 +713,7 @@ ErrorCode WriteProfileStringNarrow(std::string_view path, std::string_view secti
 
 ProfileBatch::ProfileBatch(std::u16string_view path, Purpose purpose)
     : m_state(std::make_unique<detail::ProfileBatchState>()) {
+  m_state->path = path;
   m_state->name = NativePath(path);
   m_state->purpose = purpose;
   m_state->older = std::exchange(t_youngest, m_state.get());
