@@ -442,14 +442,22 @@ Status CZEPScheduleObj::LoadScheduleFromFile() {
     return static_cast<Status>(persist.Result());
   }
   (void)qx::RestoreOldIniFile(m_IniFilePath.view());
-  const platform::ProfileBatch batch(m_IniFilePath.view(), platform::ProfileBatch::kLoad);
-  const ZRESULT result = persist->Load(bag.Get());
-  if (ZepFailed(result)) {
+  const auto failed = [](Status status) {
     ServiceLog(kLogFailure, u"CZEPScheduleObj::LoadScheduleFromFile:Failed to load the ini file into propBag, hr : %x",
-               result);
-    return static_cast<Status>(result);
+               status);
+    return status;
+  };
+  platform::ProfileBatch batch(m_IniFilePath.view(), platform::ProfileBatch::kLoad);
+  // A file that can't be read would load as one without values, and the job would run by other rules or not at all.
+  if (const platform::ErrorCode rc = batch.Read(); rc != platform::ERROR_SUCCESS) {
+    return failed(platform::StatusFromErrorCode(rc));
   }
+  const ZRESULT result = persist->Load(bag.Get());
+  if (ZepFailed(result)) return failed(static_cast<Status>(result));
   LoadDateSections(*m_pSchedule, m_IniFilePath.view());
+  if (const platform::ErrorCode rc = batch.FirstFailure(); rc != platform::ERROR_SUCCESS) {
+    return failed(platform::StatusFromErrorCode(rc));
+  }
   return static_cast<Status>(result);
 }
 

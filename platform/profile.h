@@ -96,6 +96,13 @@ class ProfileBatch {
   ProfileBatch(const ProfileBatch&) = delete;
   ProfileBatch& operator=(const ProfileBatch&) = delete;
 
+  // Reads the file now instead of at the first call.
+  //   returns  ERROR_SUCCESS (0), also for a missing file, which is read as an empty one; codes of files
+  [[nodiscard]] ErrorCode Read();
+  // The code of the first call into this batch that failed for another reason than a missing file; 0 when none did.
+  // Readers get their default from a failed call: this tells that it wasn't the file's.
+  [[nodiscard]] ErrorCode FirstFailure() const;
+
   // Puts all writes so far into the file at once: one new file, synced, renamed, its directory synced. When the file
   // changed since the batch read it, the writes are made again on its present text. The bytes are those that the
   // single calls would have left. Without writes that change something the file is left alone.

@@ -443,7 +443,8 @@ struct detail::ProfileBatchState {
   ProfileText text;
   std::vector<Edit> edits;
   bool changed = false;
-  ErrorCode firstFailure = ERROR_SUCCESS;
+  ErrorCode firstFailure = ERROR_SUCCESS;      // of the writes
+  ErrorCode firstReadFailure = ERROR_SUCCESS;  // of the reads
 
   // Reads and parses the file, once it can be read.
   ErrorCode Read() {
@@ -511,14 +512,18 @@ detail::ProfileBatchState* BatchOn(std::u16string_view path, std::string& name) 
 }
 
 // Gives the text of a path to `use`, from the thread's batch where there is one.
+//   fault  of the call itself: it is made only without one
 template <typename Use>
-ErrorCode WithText(std::u16string_view path, Use use) {
+ErrorCode WithText(std::u16string_view path, ErrorCode fault, Use use) {
   std::string name;
   if (detail::ProfileBatchState* batch = BatchOn(path, name)) {
-    const ErrorCode rc = batch->Read();
-    if (rc == ERROR_SUCCESS || batch->isRead) use(batch->text);
+    const ErrorCode rc = fault != ERROR_SUCCESS ? fault : batch->Read();
+    if (fault == ERROR_SUCCESS && (rc == ERROR_SUCCESS || batch->isRead)) use(batch->text);
+    const bool isMissing = fault == ERROR_SUCCESS && IsMissing(rc);
+    if (batch->firstReadFailure == ERROR_SUCCESS && !isMissing) batch->firstReadFailure = rc;
     return rc;
   }
+  if (fault != ERROR_SUCCESS) return fault;
   ReadText read;
   const ErrorCode rc = ReadFileText(name, read);
   if (rc == ERROR_SUCCESS) use(ProfileText(std::move(read.bytes)));
@@ -646,9 +651,9 @@ ErrorCode GetProfileInt(std::u16string_view path, std::u16string_view section, s
                         std::int32_t defaultValue, std::int32_t& value) {
   const bool missingName = IsNull(section) || IsNull(key);
   value = missingName ? 0 : defaultValue;
-  if (const ErrorCode rc = AskFault(Operation::kGetProfileInt, key); rc != ERROR_SUCCESS) return rc;
-  if (missingName) return ERROR_SUCCESS;
-  return WithText(path, [&](const ProfileText& text) {
+  const ErrorCode fault = AskFault(Operation::kGetProfileInt, key);
+  if (missingName) return fault;
+  return WithText(path, fault, [&](const ProfileText& text) {
     const std::optional<std::u16string> found = ValueOf(text, section, key);
     if (!found) return;
     const std::u16string_view plain = WithoutQuotes(*found);
@@ -662,8 +667,8 @@ ErrorCode GetProfileString(std::u16string_view path, std::u16string_view section
   fallback = fallback.substr(0, fallback.find_last_not_of(u' ') + 1);
   ErrorCode rc = AskFault(Operation::kGetProfileString, key);
   std::optional<std::u16string> found;
-  if (rc == ERROR_SUCCESS && !IsNull(section) && !IsNull(key)) {
-    rc = WithText(path, [&](const ProfileText& text) { found = ValueOf(text, section, key); });
+  if (!IsNull(section) && !IsNull(key)) {
+    rc = WithText(path, rc, [&](const ProfileText& text) { found = ValueOf(text, section, key); });
   }
   length = CopyText(found ? std::u16string_view(*found) : fallback, buffer);
   return rc;
@@ -674,8 +679,8 @@ ErrorCode GetProfileSection(std::u16string_view path, std::u16string_view sectio
   bool isThere = false;
   std::u16string lines;
   ErrorCode rc = AskFault(Operation::kGetProfileSection, section);
-  if (rc == ERROR_SUCCESS && !IsNull(section)) {
-    rc = WithText(path, [&](const ProfileText& text) {
+  if (!IsNull(section)) {
+    rc = WithText(path, rc, [&](const ProfileText& text) {
       const Section* found = text.FindSection(UntilNul(section));
       if (found == nullptr) return;
       isThere = true;
@@ -724,6 +729,15 @@ ProfileBatch::~ProfileBatch() {
   detail::ProfileBatchState** link = &t_youngest;
   while (*link != nullptr && *link != m_state.get()) link = &(*link)->older;
   if (*link != nullptr) *link = m_state->older;
+}
+
+ErrorCode ProfileBatch::Read() {
+  const ErrorCode rc = m_state->Read();
+  return IsMissing(rc) ? ErrorCode{ERROR_SUCCESS} : rc;
+}
+
+ErrorCode ProfileBatch::FirstFailure() const {
+  return m_state->firstFailure != ERROR_SUCCESS ? m_state->firstFailure : m_state->firstReadFailure;
 }
 
 ErrorCode ProfileBatch::Commit() {

@@ -119,9 +119,8 @@ Status WriteKey(const SCHEDULE_OBJECT& schedule, const ScheduleGuid& id) {
     return kStatusRegistryWrite;
   }
   const bool written = SetAllValues(key, schedule, time);
-  // The commit of all values: its failure is that of the last of them.
-  bool committed = Done(key.Close());
-  committed = Done(schedules.Close()) && committed;
+  // The commit of all values, and of a new "Schedules" key with them: its failure is that of the last of them.
+  const bool committed = Done(key.Close());
   return written && committed ? kStatusOk : kStatusRegistryWrite;
 }
 

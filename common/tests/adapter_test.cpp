@@ -493,6 +493,21 @@ TEST_F(Adapter, ADamagedDateSectionKeepsWhatItHoldsAndIsTold) {
   }
 }
 
+TEST_F(Adapter, AFileThatCanNotBeReadFailsToLoadAndChangesNoRule) {
+  const SCHEDULE_OBJECT object = Friday();
+  ASSERT_EQ(m_adapter.AddScheduleRules(&object), 0u);
+  SCHEDULE_OBJECT before;
+  ASSERT_EQ(m_adapter.LoadScheduleFromPropBag(&before), 0u);
+  {
+    const FaultPlan plan = FaultPlan::FailCall(Operation::kReadFile, 1, platform::ERROR_IO_DEVICE);
+    EXPECT_EQ(m_adapter.LoadScheduleFromFile(), 0x8007045Du);
+  }
+  EXPECT_TRUE(m_log.Has(1, "CZEPScheduleObj::LoadScheduleFromFile:Failed to load the ini file into propBag, hr : 8007045d"));
+  SCHEDULE_OBJECT after;
+  ASSERT_EQ(m_adapter.LoadScheduleFromPropBag(&after), 0u);
+  EXPECT_TRUE(after == before);
+}
+
 TEST_F(Adapter, AMissingFileFailsToLoad) {
   EXPECT_EQ(m_adapter.LoadScheduleFromFile(), 0x80000006u);
   EXPECT_TRUE(m_log.Has(1, "CZEPScheduleObj::LoadScheduleFromFile:Failed to load the ini file into propBag, hr : 80000006"));

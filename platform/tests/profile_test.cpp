@@ -433,6 +433,29 @@ TEST_F(ProfileFile, AnswersAsMissingToAWholeBatchForLoading) {
   }
 }
 
+TEST_F(ProfileFile, TellsByItsBatchThatItCouldNotBeRead) {
+  Put(kOldText);
+  const FaultPlan plan = FaultPlan::FailCall(Operation::kReadFile, 1, ERROR_IO_DEVICE);
+  ProfileBatch batch(m_path, ProfileBatch::kLoad);
+  EXPECT_EQ(Read(u"S", u"a"), u"(none)");  // the default
+  EXPECT_EQ(Read(u"S", u"a"), u"1");
+  EXPECT_EQ(batch.FirstFailure(), ERROR_IO_DEVICE);
+}
+
+TEST_F(ProfileFile, IsReadByItsBatchAheadOfTheFirstCall) {
+  {
+    ProfileBatch batch(m_path, ProfileBatch::kLoad);
+    EXPECT_EQ(batch.Read(), ERROR_SUCCESS);  // missing: an empty one
+    EXPECT_EQ(Read(u"S", u"a"), u"(none)");
+    EXPECT_EQ(batch.FirstFailure(), ERROR_SUCCESS);
+  }
+  Put(kOldText);
+  ProfileBatch batch(m_path, ProfileBatch::kLoad);
+  EXPECT_EQ(batch.Read(), ERROR_SUCCESS);
+  Put("[S]\r\na=changed\r\n");
+  EXPECT_EQ(Read(u"S", u"a"), u"1");
+}
+
 TEST_F(ProfileFile, IsNotWrittenThroughABatchForLoading) {
   Put(kOldText);
   ProfileBatch batch(m_path, ProfileBatch::kLoad);
