@@ -48,6 +48,9 @@ void SetStateDirectory(std::string directory);
 // looked at doesn't exist.
 [[nodiscard]] bool FileExists(const std::string& name);
 [[nodiscard]] bool DirectoryExists(const std::string& name);
+// Whether the names lead to two files or directories that both exist and aren't one and the same; links are followed.
+// What can't be looked at doesn't differ.
+[[nodiscard]] bool AreDifferentFiles(const std::string& a, const std::string& b);
 
 // kYes: the directory is synced too, so that the change survives a power cut; a failed sync is returned though the
 // change itself is made.
@@ -56,6 +59,9 @@ enum class Durable { kNo, kYes };
 [[nodiscard]] ErrorCode DeleteFile(const std::string& name, Durable durable = Durable::kNo);
 // Replaces a file `to` that exists, in one step. Both names lie in one file system.
 [[nodiscard]] ErrorCode RenameFile(const std::string& from, const std::string& to, Durable durable = Durable::kNo);
+// The same for a `to` that doesn't exist, also where another thread makes one meanwhile.
+//   returns  ERROR_FILE_EXISTS (80): nothing changed
+[[nodiscard]] ErrorCode RenameToNewFile(const std::string& from, const std::string& to, Durable durable = Durable::kNo);
 // Creates a directory and those above it that are missing; one that exists is no failure.
 [[nodiscard]] ErrorCode CreateDirectories(const std::string& name);
 [[nodiscard]] ErrorCode SyncDirectory(const std::string& name);

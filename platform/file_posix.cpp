@@ -158,6 +158,33 @@ ErrorCode WriteNewFile(const std::string& name, std::string_view contents, const
   return Retry([&] { return ::fdatasync(file.get()); }) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
 }
 
+// `flags` 0 or RENAME_NOREPLACE. A file system that doesn't know the flag is asked before.
+int RenameAtOnce(const std::string& from, const std::string& to, unsigned flags) {
+  const int renamed = ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags);
+  if (renamed == 0 || flags == 0 || (errno != EINVAL && errno != ENOSYS)) return renamed;
+  struct stat info {};
+  if (::lstat(to.c_str(), &info) == 0) {
+    errno = EEXIST;
+    return -1;
+  }
+  return ::rename(from.c_str(), to.c_str());
+}
+
+ErrorCode Rename(const std::string& from, const std::string& to, Durable durable, unsigned flags) {
+  if (const ErrorCode rc = FaultAt(Operation::kRenameFile, from); rc != ERROR_SUCCESS) return rc;
+  if (RenameAtOnce(from, to, flags) != 0) {
+    const int error = errno;
+    if (error == EEXIST) return ERROR_FILE_EXISTS;
+    struct stat info {};
+    const bool targetMissing = error == ENOENT && ::lstat(from.c_str(), &info) == 0;
+    return targetMissing ? ERROR_PATH_NOT_FOUND : CodeForName(error, from);
+  }
+  if (durable == Durable::kNo) return ERROR_SUCCESS;
+  const ErrorCode rc = SyncDirectory(DirectoryOf(to));
+  if (rc != ERROR_SUCCESS || DirectoryOf(from) == DirectoryOf(to)) return rc;
+  return SyncDirectory(DirectoryOf(from));
+}
+
 struct OpenFlags {
   File::Disposition disposition;
   int flags;
@@ -252,6 +279,13 @@ bool DirectoryExists(const std::string& name) {
   return IsDirectory(name);
 }
 
+bool AreDifferentFiles(const std::string& a, const std::string& b) {
+  if (FaultAt(Operation::kFileExists, a) != ERROR_SUCCESS) return false;
+  struct stat first {}, second {};
+  if (::stat(a.c_str(), &first) != 0 || ::stat(b.c_str(), &second) != 0) return false;
+  return first.st_dev != second.st_dev || first.st_ino != second.st_ino;
+}
+
 ErrorCode DeleteFile(const std::string& name, Durable durable) {
   if (const ErrorCode rc = FaultAt(Operation::kDeleteFile, name); rc != ERROR_SUCCESS) return rc;
   if (::unlink(name.c_str()) != 0) return CodeForName(errno, name);
@@ -259,17 +293,11 @@ ErrorCode DeleteFile(const std::string& name, Durable durable) {
 }
 
 ErrorCode RenameFile(const std::string& from, const std::string& to, Durable durable) {
-  if (const ErrorCode rc = FaultAt(Operation::kRenameFile, from); rc != ERROR_SUCCESS) return rc;
-  if (::rename(from.c_str(), to.c_str()) != 0) {
-    const int error = errno;
-    struct stat info {};
-    const bool targetMissing = error == ENOENT && ::lstat(from.c_str(), &info) == 0;
-    return targetMissing ? ERROR_PATH_NOT_FOUND : CodeForName(error, from);
-  }
-  if (durable == Durable::kNo) return ERROR_SUCCESS;
-  const ErrorCode rc = SyncDirectory(DirectoryOf(to));
-  if (rc != ERROR_SUCCESS || DirectoryOf(from) == DirectoryOf(to)) return rc;
-  return SyncDirectory(DirectoryOf(from));
+  return Rename(from, to, durable, 0);
+}
+
+ErrorCode RenameToNewFile(const std::string& from, const std::string& to, Durable durable) {
+  return Rename(from, to, durable, RENAME_NOREPLACE);
 }
 
 ErrorCode CreateDirectories(const std::string& name) {

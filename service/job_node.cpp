@@ -20,6 +20,9 @@ std::atomic<bool> g_rulesLibraryReady{false};
 constexpr char kLibrarySearchPath[] = ".;lib;..\\lib";
 constexpr LibraryTableEntry kLibraries[] = {{"ZepSchedule", 2, "U"}};
 
+// The answer where a failed InitializeScheduler() left no rule object.
+constexpr auto kNoScheduler = static_cast<Status>(ZEP_E_POINTER);
+
 void LogFactoryResult(ZRESULT result) {
   struct Row {
     ZRESULT result;
@@ -120,19 +123,24 @@ std::int64_t CJobNode::UpdateNextTimeWindow() {
   return NextTimeWindow;
 }
 
-Status CJobNode::ReadScheduleFromFile() { return ScheduleObj.LoadScheduleFromFile(); }
+Status CJobNode::ReadScheduleFromFile() {
+  return ScheduleObj.m_pSchedule == nullptr ? kNoScheduler : ScheduleObj.LoadScheduleFromFile();
+}
 
 Status CJobNode::LoadScheduleFromFile(SCHEDULE_OBJECT& schedule) {
   const Status status = ReadScheduleFromFile();
   return status == kStatusOk ? ScheduleObj.LoadScheduleFromPropBag(&schedule) : status;
 }
 
-Status CJobNode::SavScheduleToFile(const SCHEDULE_OBJECT& schedule) { return ScheduleObj.AddScheduleRules(&schedule); }
+Status CJobNode::SavScheduleToFile(const SCHEDULE_OBJECT& schedule) {
+  return ScheduleObj.m_pSchedule == nullptr ? kNoScheduler : ScheduleObj.AddScheduleRules(&schedule);
+}
 
 void CJobNode::DeleteScheduleRuleFile() {
   const std::u16string path(ScheduleObj.m_IniFilePath.view());
   const std::string aside = platform::NativePath(path + std::u16string(qx::kOldIniSuffix));
-  const platform::ErrorCode code = platform::RenameFile(platform::NativePath(path), aside, platform::Durable::kYes);
+  // Not synced: a power cut finds the file under one of its two names.
+  const platform::ErrorCode code = platform::RenameFile(platform::NativePath(path), aside);
   if (code != platform::ERROR_SUCCESS) ServiceLog(1, u"Failed to delete old ini file with error %d", code);
 }
 

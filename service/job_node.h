@@ -40,12 +40,13 @@ class CJobNode {
   [[nodiscard]] Status ValidateScheduleRules(const SCHEDULE_OBJECT& schedule);
   // Computes the window that follows the present; a negative value: none.
   std::int64_t UpdateNextTimeWindow();
+  //   returns  0; a negative result of the library, ZEP_E_POINTER without a rule object
   [[nodiscard]] Status ReadScheduleFromFile();
   // ReadScheduleFromFile, then the rules into the record.
   [[nodiscard]] Status LoadScheduleFromFile(SCHEDULE_OBJECT& schedule);
-  // Sets the rules and writes the .ini file.
+  // Sets the rules and writes the .ini file; ZEP_E_POINTER without a rule object. What the save answers isn't returned.
   Status SavScheduleToFile(const SCHEDULE_OBJECT& schedule);  // Deliberate: spelled so.
-  // Moves the .ini file aside, to {ID}.ini.old; a failure is logged and ignored.
+  // Moves the .ini file aside, to {ID}.ini.old, not synced; a failure is logged and ignored.
   void DeleteScheduleRuleFile();
 
   // The braced, upper-case ID: also the name of the registry key and of the .ini file.

@@ -10,6 +10,8 @@
 #include "platform/registry.h"
 #include "service/ini_path.h"
 #include "service/job_list.h"
+#include "service/modify_schedule.h"
+#include "service/node_setup.h"
 #include "service/populate.h"
 #include "service/schedule_store.h"
 #include "service/scheduler_events.h"
@@ -22,8 +24,6 @@ using ZepFoundation::ServiceLog;
 
 namespace {
 
-std::u16string_view TextOf(const BSTR& text) { return text ? std::u16string_view(*text) : std::u16string_view(); }
-
 // A step of an operation: a failed one ends it with `status`, which may be 0.
 struct Outcome {
   bool done = true;
@@ -31,11 +31,6 @@ struct Outcome {
   bool added = false;  // the node had come into the list
   static Outcome Failed(Status status, bool added = false) { return {false, status, added}; }
 };
-
-// Asks for the memory of a path; false when it is refused.
-bool HasMemoryFor(std::u16string_view path, std::string_view name) {
-  return static_cast<bool>(platform::NamedBuffer<char16_t>(path.size() + 1, name));
-}
 
 Outcome LaunchNow(const SCHEDULE_OBJECT& schedule, CJobNode& node) {
   if (schedule.bRunNow == 0) return {};
@@ -47,18 +42,19 @@ Outcome LaunchNow(const SCHEDULE_OBJECT& schedule, CJobNode& node) {
 }
 
 Outcome FindDirectory(const SCHEDULE_OBJECT& schedule, CJobNode& node) {
-  std::u16string directory;  // stays empty for a null path, and so doesn't exist
-  if (schedule.bstrXMLFilePathName) directory = qx::IniDirectory(*schedule.bstrXMLFilePathName);
-  if (!HasMemoryFor(directory, "CreateSchedule wcConfigPath")) {
-    ServiceLog(1, u"Failed calloc(wcConfigPath)");
-    // Deliberate: the status is 0, with nothing created.
-    return Outcome::Failed(kStatusOk);
+  std::u16string path;
+  switch (qx::FindIniPlace(schedule, node.ScheduleID, "CreateSchedule wcConfigPath", path)) {
+    case qx::IniPlace::kNoMemory:
+      ServiceLog(1, u"Failed calloc(wcConfigPath)");
+      // Deliberate: the status is 0, with nothing created.
+      return Outcome::Failed(kStatusOk);
+    case qx::IniPlace::kNoDirectory:
+      ServiceLog(1, u"CreateSchedule: Given XMLFilePath does not exists");
+      return Outcome::Failed(kStatusNoDirectory);
+    case qx::IniPlace::kFound:
+      break;
   }
-  if (!platform::DirectoryExists(platform::NativePath(directory))) {
-    ServiceLog(1, u"CreateSchedule: Given XMLFilePath does not exists");
-    return Outcome::Failed(kStatusNoDirectory);
-  }
-  (void)node.SetConfigFilePath(directory + node.IdText() + u".ini");
+  (void)node.SetConfigFilePath(path);
   return {};
 }
 
@@ -107,10 +103,7 @@ void UndoJob(CJobNode& node, bool added) {
 }
 
 Outcome SetUpAndStore(const SCHEDULE_OBJECT& schedule, CJobNode& node) {
-  if (const Status status = node.SetLaunchPath(
-          TextOf(schedule.bstrWrapperBinaryName), TextOf(schedule.bstrXMLFilePathName), TextOf(schedule.bstrParameters),
-          schedule.bUseGUID, TextOf(schedule.bstrPreScript), TextOf(schedule.bstrPostScript));
-      status != kStatusOk) {
+  if (const Status status = qx::SetLaunchPathFrom(schedule, node); status != kStatusOk) {
     ServiceLog(1, u"Failed to set the launch parameters, error = %x", status);
     return Outcome::Failed(status);
   }
@@ -155,7 +148,7 @@ bool FindIniPath(const ScheduleGuid& id, std::u16string& iniPath) {
     return false;
   }
   iniPath = qx::IniPath(id, xmlPath);
-  if (HasMemoryFor(iniPath, "DeleteSchedule path")) return true;
+  if (qx::HasMemoryFor(iniPath, "DeleteSchedule path")) return true;
   ServiceLog(1, u"DeleteSchedule:Failed to allocate memory");
   return false;
 }
@@ -215,16 +208,12 @@ Status ReadFromFile(SCHEDULE_OBJECT& record, CJobNode& node) {
     ServiceLog(1, u"GetScheduleInfo: Failed to initiallise ZEP scheduler, error = %x", status);
     return status;
   }
-  const std::u16string_view xmlPath = TextOf(record.bstrXMLFilePathName);
-  if (const Status status = node.SetLaunchPath(TextOf(record.bstrWrapperBinaryName), xmlPath,
-                                               TextOf(record.bstrParameters), record.bUseGUID,
-                                               TextOf(record.bstrPreScript), TextOf(record.bstrPostScript));
-      status != kStatusOk) {
+  if (const Status status = qx::SetLaunchPathFrom(record, node); status != kStatusOk) {
     ServiceLog(1, u"GetScheduleInfo: Failed to set the launch path, error = %x", status);
     return status;
   }
-  const std::u16string iniPath = qx::IniPath(node.ScheduleID, xmlPath);
-  if (!HasMemoryFor(iniPath, "GetScheduleInfo path")) {
+  const std::u16string iniPath = qx::IniPath(node.ScheduleID, qx::TextOf(record.bstrXMLFilePathName));
+  if (!qx::HasMemoryFor(iniPath, "GetScheduleInfo path")) {
     ServiceLog(1, u"GetScheduleInfo: Calloc failed to allocate memory");
     return kStatusFailure;
   }
@@ -387,10 +376,10 @@ Status CSchedulerService::UpdateList(std::int32_t type, const BSTR& value, std::
       ServiceLog(3, u"Requested to update the joblist");
       return kStatusOk;
     case APPLICATION_NAME:
-      ServiceLog(3, u"Requested to update the schedules having Application Name = %s", ForLog(TextOf(value)));
+      ServiceLog(3, u"Requested to update the schedules having Application Name = %s", ForLog(qx::TextOf(value)));
       return kStatusOk;
     case OBJECT_ID:
-      ServiceLog(3, u"Requested to update the schedules having ObjectID = %s", ForLog(TextOf(value)));
+      ServiceLog(3, u"Requested to update the schedules having ObjectID = %s", ForLog(qx::TextOf(value)));
       return kStatusOk;
     default:
       ServiceLog(1, u"Wrong parameter type");
@@ -398,7 +387,16 @@ Status CSchedulerService::UpdateList(std::int32_t type, const BSTR& value, std::
   }
 }
 
-Status CSchedulerService::ModifySchedule(const ScheduleGuid&, const SCHEDULE_OBJECT&) { return kStatusNotSupported; }
+Status CSchedulerService::ModifySchedule(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule) {
+  bool modified = false;
+  const Status status = qx::ModifyStores(id, schedule, modified);
+  // Deliberate: a modification that was rolled back whole returns 0 too; only the missing event tells it.
+  if (!modified) return status;
+  g_SchedulerEvents.Set(MODIFY_EVENT);
+  Fire_Schedule_Modify(id);
+  ServiceLog(2, u"Successfully Modified the Schedule: %s on local host", platform::GuidText(id));
+  return status;
+}
 
 Status CSchedulerService::CreateScheduleOnNodes(const SCHEDULE_OBJECT&, ScheduleGuid&, std::uint32_t, const NodeNames&,
                                                 NodeResults&) {

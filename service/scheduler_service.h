@@ -21,6 +21,10 @@ class CSchedulerService : public ISchedulerService, public CProxyISchedulerServi
   // and a power cut. Deliberate: 0 also when the memory for its directory is refused, with nothing created.
   Status CreateSchedule(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id) override;
   Status DeleteSchedule(const ScheduleGuid& id) override;
+  // New job, new rules; application, object and task code must be the old ones. Status 0 with Schedule_Modify: the change
+  // survives a kill and a power cut.
+  // Deliberate: 0 without the event: the change was refused or failed, and the old schedule is back.
+  Status ModifySchedule(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule) override;
   Status ListSchedule(std::uint32_t& count, ScheduleList& schedules) override;
   Status GetScheduleInfo(const ScheduleGuid& id, ScheduleInfo& schedule) override;
   Status Refresh() override;
@@ -31,7 +35,6 @@ class CSchedulerService : public ISchedulerService, public CProxyISchedulerServi
                     std::vector<std::u16string>& ids) override;
 
   // These change nothing and return kStatusNotSupported.
-  Status ModifySchedule(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule) override;
   Status CreateScheduleOnNodes(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id, std::uint32_t nodeCount,
                                const NodeNames& nodeNames, NodeResults& results) override;
   Status DeleteScheduleOnNodes(const ScheduleGuid& id, std::uint32_t nodeCount, const NodeNames& nodeNames,

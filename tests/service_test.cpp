@@ -630,6 +630,80 @@ TEST_F(Service, AScheduleThatTheServiceRefusesKeepsItsStatus) {
   EXPECT_EQ(Count(), 0u);
 }
 
+// --- modifying ---
+
+TEST_F(Service, AModificationChangesEverythingButWhatIsFixedAndTellsOfIt) {
+  ASSERT_NO_FATAL_FAILURE(StartAll());
+  auto events = std::make_shared<EventLog>();
+  std::uint32_t cookie = 0;
+  ASSERT_EQ(client.Advise(events, cookie), 0u) << client.LastError().text;
+  ScheduleGuid id;
+  const std::int64_t start = FarStart();
+  ASSERT_EQ(client.CreateSchedule(service.Job("nightly", start), id), 0u) << client.LastError().text;
+  SCHEDULE_OBJECT changed = Read(id);
+  changed.bstrName = u"hourly";
+  changed.bstrDescription = u"changed by a test";
+  changed.bstrWrapperBinaryName = u"/bin/true";
+  changed.bstrParameters = u"-q";
+  changed.bstrPreScript = u"before";
+  changed.bstrPostScript = u"after";
+  changed.stScheduleRules.lStartTime = static_cast<std::int32_t>(start + kAnHour);
+  changed.stScheduleRules.lEndTime = static_cast<std::int32_t>(start + kAnHour + 120);
+  changed.stScheduleRules.dwTimeDuration = 120000;
+  ASSERT_EQ(client.ModifySchedule(id, changed), 0u) << client.LastError().text;
+  const auto modified = RunningService::WaitFor(client, *events, "Schedule_Modify");
+  ASSERT_TRUE(modified);
+  EXPECT_TRUE(modified->id == id);
+  changed.lNextTimeWindow = static_cast<std::int32_t>(start + kAnHour);
+  EXPECT_TRUE(Read(id) == changed);
+  EXPECT_EQ(Count(), 1u);
+
+  // What is read back is what the service finds after a restart.
+  ASSERT_EQ(service.Stop(), 0);
+  ASSERT_NO_FATAL_FAILURE(service.Start());
+  ASSERT_NO_FATAL_FAILURE(service.Connect(client));
+  EXPECT_TRUE(Read(id) == changed);
+}
+
+TEST_F(Service, ARefusedModificationKeepsItsStatusAndARolledBackOneHasNoEvent) {
+  ASSERT_NO_FATAL_FAILURE(StartAll());
+  auto events = std::make_shared<EventLog>();
+  std::uint32_t cookie = 0;
+  ASSERT_EQ(client.Advise(events, cookie), 0u) << client.LastError().text;
+  ScheduleGuid id;
+  ASSERT_EQ(client.CreateSchedule(service.Job("nightly", FarStart()), id), 0u) << client.LastError().text;
+  const SCHEDULE_OBJECT before = Read(id);
+  EXPECT_EQ(client.ModifySchedule(CLSID_SchedulerService, before), kStatusNoSuchKey);
+  SCHEDULE_OBJECT changed = before;
+  changed.stScheduleRules.adwDaysOfMonth.fill(0);
+  EXPECT_EQ(client.ModifySchedule(id, changed), kStatusNoRunDay);
+  changed = before;
+  changed.bstrName = u"other";
+  changed.bstrApplication = u"other";
+  EXPECT_EQ(client.ModifySchedule(id, changed), 0u);
+  EXPECT_TRUE(Read(id) == before);
+  EXPECT_THAT(service.Log(), HasSubstr("Trying to modify the Application Name"));
+  // The next event is that of the deletion.
+  ASSERT_EQ(client.DeleteSchedule(id), 0u);
+  ASSERT_TRUE(RunningService::WaitFor(client, *events, "Schedule_Delete"));
+  for (const Event& event : events->events) EXPECT_NE(event.name, "Schedule_Modify");
+}
+
+TEST_F(Service, AModifiedJobStartsInItsNewWindow) {
+  ASSERT_NO_FATAL_FAILURE(StartAll());
+  ScheduleGuid id;
+  ASSERT_EQ(client.CreateSchedule(service.Job("later", FarStart()), id), 0u) << client.LastError().text;
+  const std::string pipe = service.Jobs() + "/ran";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_GE(reader, 0);
+  const std::int64_t start = platform::NowSeconds() + 3;
+  ASSERT_EQ(client.ModifySchedule(id, service.Job("soon", start, "echo ran > " + pipe)), 0u) << client.LastError().text;
+  pollfd written = {reader, POLLIN, 0};
+  EXPECT_EQ(poll(&written, 1, static_cast<int>(kPatience)), 1) << service.Log();
+  close(reader);
+}
+
 TEST_F(Service, OperationsOnNodesAreNotSupportedYet) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   NodeResults results = {7};

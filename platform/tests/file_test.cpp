@@ -281,6 +281,33 @@ TEST_F(Files, AreDeletedAndRenamed) {
   EXPECT_EQ(DeleteFile(m_directory + "/d"), ERROR_ACCESS_DENIED);
 }
 
+TEST_F(Files, AreRenamedToNewNamesOnly) {
+  Put(m_name, "x");
+  Put(m_name + "2", "y");
+  EXPECT_EQ(RenameToNewFile(m_name, m_name + "2", Durable::kYes), ERROR_FILE_EXISTS);
+  EXPECT_EQ(Get(m_name), "x");
+  EXPECT_EQ(Get(m_name + "2"), "y");
+  EXPECT_EQ(RenameToNewFile(m_name, m_name + "3", Durable::kYes), ERROR_SUCCESS);
+  EXPECT_EQ(Get(m_name + "3"), "x");
+  EXPECT_EQ(RenameToNewFile(m_name, m_name + "4"), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(RenameToNewFile(m_name + "2", m_directory + "/none/a"), ERROR_PATH_NOT_FOUND);
+}
+
+TEST_F(Files, AreDifferentUnlessTheirNamesLeadToOneFileOrNone) {
+  Put(m_name, "x");
+  Put(m_name + "2", "x");
+  std::filesystem::create_symlink(m_name, m_name + "3");
+  EXPECT_TRUE(AreDifferentFiles(m_name, m_name + "2"));
+  EXPECT_TRUE(AreDifferentFiles(m_name, m_directory));
+  EXPECT_FALSE(AreDifferentFiles(m_name, m_name));
+  EXPECT_FALSE(AreDifferentFiles(m_name, m_name + "3"));
+  EXPECT_FALSE(AreDifferentFiles(m_directory, m_directory + "//."));
+  EXPECT_FALSE(AreDifferentFiles(m_name, m_name + "4"));
+  EXPECT_FALSE(AreDifferentFiles(m_name + "4", m_name));
+  const FaultPlan plan = FaultPlan::FailCall(Operation::kFileExists, 1, ERROR_IO_DEVICE);
+  EXPECT_FALSE(AreDifferentFiles(m_name, m_name + "2"));
+}
+
 TEST_F(Files, GetTheirDirectoriesCreated) {
   const std::string deep = m_directory + "/x/y//z/";
   EXPECT_EQ(CreateDirectories(deep), ERROR_SUCCESS);
@@ -345,6 +372,7 @@ TEST_F(Files, AskTheFaultSeamForEveryCall) {
       {__LINE__, Operation::kCreateFile, [&] { return lock.Open(m_name, Access::kRead, Disposition::kOpenExisting); }},
       {__LINE__, Operation::kDeleteFile, [&] { return DeleteFile(m_name); }},
       {__LINE__, Operation::kRenameFile, [&] { return RenameFile(m_name, m_name + "2"); }},
+      {__LINE__, Operation::kRenameFile, [&] { return RenameToNewFile(m_name, m_name + "2"); }},
       {__LINE__, Operation::kCreateDirectory, [&] { return CreateDirectories(m_directory + "/d"); }},
       {__LINE__, Operation::kSyncFile, [&] { return SyncDirectory(m_directory); }},
       {__LINE__, Operation::kCreateFile, [&] { return ReplaceWholeFile(m_name, "z", Durable::kYes); }},

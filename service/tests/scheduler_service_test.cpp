@@ -520,7 +520,6 @@ TEST_F(SchedulerService, AnswersThatItDoesNotCarryOutChangesOnNodes) {
   EXPECT_EQ(m_service.DeleteScheduleOnNodes(id, 0, {}, results), kStatusNotSupported);
   EXPECT_EQ(m_service.ModifyScheduleOnNodes(id, Daily(), 0, {}, results), kStatusNotSupported);
   EXPECT_EQ(m_service.PerformOperationOnNodes(u"x", 0, {}, results), kStatusNotSupported);
-  EXPECT_EQ(m_service.ModifySchedule(id, Daily()), kStatusNotSupported);
   EXPECT_EQ(g_JobList.Size(), 0u);
 }
 

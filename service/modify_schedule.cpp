@@ -1,0 +1,342 @@
+#include "service/modify_schedule.h"
+
+#include <string>
+
+#include "common/ini_recovery.h"
+#include "foundation/include/zfclog.h"
+#include "platform/file.h"
+#include "platform/registry.h"
+#include "service/ini_path.h"
+#include "service/job_list.h"
+#include "service/node_setup.h"
+#include "service/schedule_store.h"
+
+namespace qx {
+namespace {
+
+using platform::ErrorCode;
+using platform::ERROR_SUCCESS;
+using platform::Hive;
+using platform::RegistryKey;
+using ZepFoundation::ForLog;
+using ZepFoundation::ServiceLog;
+
+bool SameIdentity(const SCHEDULE_OBJECT& a, const SCHEDULE_OBJECT& b) {
+  return TextOf(a.bstrApplication) == TextOf(b.bstrApplication) && TextOf(a.bstrObjectID) == TextOf(b.bstrObjectID) &&
+         a.dwTaskOpCode == b.dwTaskOpCode;
+}
+
+bool IsMissing(ErrorCode code) {
+  return code == platform::ERROR_FILE_NOT_FOUND || code == platform::ERROR_PATH_NOT_FOUND;
+}
+
+void RemoveCopy(const std::u16string& path) {
+  const ErrorCode code = platform::DeleteFile(platform::NativePath(path));
+  if (code == ERROR_SUCCESS || IsMissing(code)) return;
+  ServiceLog(1, u"ModifySchedule: Failed to delete the copy %s, error = %d", ForLog(path), code);
+}
+
+class Modification {
+ public:
+  Modification(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule) : m_schedule(schedule) {
+    m_new.ScheduleID = id;
+    m_old.ScheduleID = id;
+  }
+  Modification(const Modification&) = delete;
+  Modification& operator=(const Modification&) = delete;
+  // What the list didn't take over is given up here, whatever happened.
+  ~Modification() {
+    m_new.ReleaseScheduler();
+    m_old.ReleaseScheduler();
+  }
+
+  Status CheckNew();
+  Status CaptureOld();
+  Status Commit(bool& modified);
+
+ private:
+  Status FindNewIniPath();
+  Status CheckRules();
+  bool TakeListedJob();
+  Status RebuildOldJob();
+  void PutOldFileAside();
+  bool KeepCopyBesideNewFile();
+  void RemoveCopies();
+  void RunNow();
+  void ListNewJob();
+  void ListOldJob();
+  Status RevertRegistry();
+  Status RestoreOldFile();
+  Status RollBackRegistry(Status cause);
+  Status RollBackFile();
+  void LogFailed() const { ServiceLog(1, u"Failed to Modify Schedule: %s", m_new.IdText()); }
+
+  const SCHEDULE_OBJECT& m_schedule;
+  SCHEDULE_OBJECT m_oldRecord;
+  CJobNode m_new;
+  CJobNode m_old;
+  bool m_wasListed = false;
+  std::u16string m_newPath;       // the .ini files, as the clients' texts
+  std::u16string m_oldPath;
+  bool m_otherDirectory = false;  // the new file lies in another directory than the old one
+  bool m_isAside = false;         // the old file lies under its .old name
+};
+
+// --- the new data ---
+
+Status Modification::CheckNew() {
+  const std::u16string idText = m_new.IdText();
+  RegistryKey schedules, key;
+  if (platform::OpenKey(Hive::kLocalMachine, kSchedulesKey, platform::KEY_ALL_ACCESS, schedules) != ERROR_SUCCESS) {
+    ServiceLog(1, u"ModifySchedule: Failed to open the SCHEDULES registry key");
+    return kStatusModify;
+  }
+  if (const ErrorCode code = platform::OpenKey(schedules, idText, platform::KEY_ALL_ACCESS, key);
+      code != ERROR_SUCCESS) {
+    ServiceLog(1, u"ModifySchedule:Failed to open the schedule key: %s with error: %x", idText, code);
+    return kStatusNoSuchKey;
+  }
+  if (const Status status = m_new.InitializeScheduler(); status != kStatusOk) {
+    ServiceLog(1, u"ModifySchedule:Failed to initiallise ZEP scheduler, error = %x", status);
+    ServiceLog(1, u"Failed to ModifySchedule: %s", idText);
+    return kStatusFailure;
+  }
+  // Deliberate: the listed job follows a new bUseGUID; its key keeps the flag of the creation, which applies again after
+  // a restart.
+  if (const Status status = SetLaunchPathFrom(m_schedule, m_new); status != kStatusOk) {
+    ServiceLog(1, u"ModifySchedule:Failed to set launch parameters, error = %x", status);
+    ServiceLog(1, u"Failed to modify schedule: %s", idText);
+    return status;
+  }
+  if (const Status status = FindNewIniPath(); status != kStatusOk) return status;
+  return CheckRules();
+}
+
+Status Modification::FindNewIniPath() {
+  switch (FindIniPlace(m_schedule, m_new.ScheduleID, "ModifySchedule wcConfigPath", m_newPath)) {
+    case IniPlace::kNoMemory:
+      ServiceLog(1, u"ModifySchedule: Calloc(wcConfigPath) failed");
+      return kStatusFailure;
+    case IniPlace::kNoDirectory:
+      ServiceLog(1, u"ModifySchedule:Given XMLFilePath does not exists");
+      ServiceLog(1, u"Failed to Modify Schedule");
+      return kStatusNoDirectory;
+    case IniPlace::kFound:
+      break;
+  }
+  const Status status = m_new.SetConfigFilePath(m_newPath);
+  if (status != kStatusOk) {
+    ServiceLog(1, u"ModifySchedule:Failed to set the ini file path with error = %x", status);
+    LogFailed();
+  }
+  return status;
+}
+
+Status Modification::CheckRules() {
+  if (const Status status = m_new.ValidateScheduleRules(m_schedule); status != kStatusOk) {
+    ServiceLog(1, u"ModifySchedule:Invalid schedule rule, error: %x", status);
+    LogFailed();
+    return status;
+  }
+  if (m_new.UpdateNextTimeWindow() >= 0) return kStatusOk;
+  ServiceLog(2, u"Failed to Modify: Requested to modify with backdated schedule rules");
+  return kStatusBackdated;
+}
+
+// --- the old state ---
+
+Status Modification::CaptureOld() {
+  if (const Status status = ReadRegistry(m_old.ScheduleID, m_oldRecord); status != kStatusOk) {
+    ServiceLog(1, u"ModifySchedule:Failed to get the old registry information");
+    ServiceLog(1, u"Failed to modify the schedule");
+    return status;
+  }
+  if (const Status status = m_old.InitializeScheduler(); status != kStatusOk) {
+    ServiceLog(1, u"Failed to initiallise ZEP scheduler, error = %x", status);
+  }
+  m_wasListed = TakeListedJob();
+  if (!m_wasListed) {
+    if (const Status status = RebuildOldJob(); status != kStatusOk) return status;
+  }
+  m_oldPath = m_old.ScheduleObj.m_IniFilePath.view();
+  m_otherDirectory = platform::AreDifferentFiles(platform::DirectoryOf(platform::NativePath(m_oldPath)),
+                                                 platform::DirectoryOf(platform::NativePath(m_newPath)));
+  return kStatusOk;
+}
+
+bool Modification::TakeListedJob() {
+  const platform::CriticalSectionGuard guard(g_JobListLock);
+  const CJobList::Position at = g_JobList.Find(m_old.ScheduleID);
+  if (at == g_JobList.End()) return false;
+  m_old.ReleaseScheduler();
+  m_old.LaunchPath = at->LaunchPath;
+  m_old.NextTimeWindow = at->NextTimeWindow;
+  m_old.ScheduleObj = at->ScheduleObj;
+  // The list gives its count up below; a rollback needs the object until the operation ends.
+  if (m_old.ScheduleObj.m_pSchedule != nullptr) m_old.ScheduleObj.m_pSchedule->AddRef();
+  (void)at->LoadScheduleFromFile(m_oldRecord);
+  if (const Status status = at->ReleaseScheduler(); status != kStatusOk) {
+    ServiceLog(1, u"ModifySchedule:Failed ReleaseScheduler, with error %x", status);
+  }
+  g_JobList.Erase(at);
+  return true;
+}
+
+Status Modification::RebuildOldJob() {
+  if (const Status status = SetLaunchPathFrom(m_oldRecord, m_old); status != kStatusOk) {
+    ServiceLog(1, u"ModifySchedule:Failed to set old launch parameters, error = %x", status);
+    LogFailed();
+    return status;
+  }
+  // Deliberate: directory and file name of the old path meet in two separators.
+  const std::u16string path = OldIniPath(m_old.ScheduleID, TextOf(m_oldRecord.bstrXMLFilePathName));
+  if (!HasMemoryFor(path, "ModifySchedule old path")) {
+    ServiceLog(1, u"ModifySchedule:calloc failed");
+    LogFailed();
+    return kStatusFailure;
+  }
+  if (const Status status = m_old.SetConfigFilePath(path); status != kStatusOk) {
+    ServiceLog(1, u"ModifySchedule:Failed to set the old ini file path, error = %x", status);
+    LogFailed();
+    return status;
+  }
+  if (const Status status = m_old.LoadScheduleFromFile(m_oldRecord); status != kStatusOk) {
+    ServiceLog(1, u"ModifySchedule:Failed to load the old schedule rules from file with error: %x", status);
+  }
+  return kStatusOk;
+}
+
+// --- the change ---
+
+Status Modification::Commit(bool& modified) {
+  PutOldFileAside();
+  const bool canSave = KeepCopyBesideNewFile();
+  // Where the new file can't be written the key stays untouched, unless it will refuse the change by itself.
+  if (canSave || !SameIdentity(m_schedule, m_oldRecord)) {
+    if (const Status status = ModifyRegistry(m_new.ScheduleID, m_schedule); status != kStatusOk) {
+      return RollBackRegistry(status);
+    }
+  }
+  if (!canSave || m_new.ScheduleObj.SaveScheduleToFile() != kStatusOk) return RollBackFile();
+  RemoveCopies();
+  RunNow();
+  ListNewJob();
+  modified = true;
+  // Deliberate: 0, whatever the run and the list met.
+  return kStatusOk;
+}
+
+// The old file goes first, because the new one may have the same path.
+void Modification::PutOldFileAside() {
+  m_old.DeleteScheduleRuleFile();
+  m_isAside = !platform::FileExists(platform::NativePath(m_oldPath)) &&
+              platform::FileExists(platform::NativePath(m_oldPath + std::u16string(kOldIniSuffix)));
+}
+
+// Before the key names another directory, the old rules lie there too, safe from a power cut.
+//   returns  false when the copy can't be written there, and so the new file neither
+bool Modification::KeepCopyBesideNewFile() {
+  if (!m_otherDirectory) return true;
+  const std::u16string source = m_isAside ? m_oldPath + std::u16string(kOldIniSuffix) : m_oldPath;
+  const std::u16string copy = m_newPath + std::u16string(kOldIniSuffix);
+  std::string text;
+  ErrorCode code = platform::ReadWholeFile(platform::NativePath(source), text);
+  if (IsMissing(code)) return true;  // there are no old rules
+  if (code == ERROR_SUCCESS) {
+    code = platform::ReplaceWholeFile(platform::NativePath(copy), text, platform::Durable::kYes);
+  }
+  if (code == ERROR_SUCCESS) return true;
+  ServiceLog(1, u"ModifySchedule: Failed to copy the old rules to %s, error = %d", ForLog(copy), code);
+  return false;
+}
+
+void Modification::RemoveCopies() {
+  RemoveCopy(m_oldPath + std::u16string(kOldIniSuffix));
+  if (m_otherDirectory) RemoveCopy(m_newPath + std::u16string(kOldIniSuffix));
+}
+
+void Modification::RunNow() {
+  // Deliberate: exactly 1; a creation takes any value but 0.
+  if (m_schedule.bRunNow != 1 || m_new.Launch() == kStatusOk) return;
+  ServiceLog(1, u"ModifySchedule: Failed to Launch the schedule even bRunNow is true");
+}
+
+// Without a window the schedule stays on disk without a node.
+void Modification::ListNewJob() {
+  if (m_new.NextTimeWindow <= 0) return;
+  if (const Status status = g_JobList.AddJob(m_new); status != kStatusOk) {
+    ServiceLog(1, u"ModifySchedule: Failed to add the job node to joblist with error: %x", status);
+    return;
+  }
+  m_new.ScheduleObj.m_pSchedule = nullptr;  // the list's now
+}
+
+// --- the way back ---
+
+Status Modification::RollBackRegistry(Status cause) {
+  ServiceLog(1, u"Failed to modify registry with error %x", cause);
+  if (const Status status = RevertRegistry(); status != kStatusOk) return status;
+  if (const Status status = RestoreOldFile(); status != kStatusOk) {
+    ServiceLog(1, u"ModifySchedule:Failed to restore old ini file with error: %x", status);
+    return status;
+  }
+  ListOldJob();
+  // Deliberate: a change that was undone whole is a success; no event tells of it.
+  return kStatusOk;
+}
+
+Status Modification::RollBackFile() {
+  ServiceLog(1, u"Failed to save the new schedule rule information");
+  Status status = RevertRegistry();
+  if (status == kStatusOk) {
+    // A save whose last step failed, the sync, has left its file.
+    if (m_otherDirectory) (void)platform::DeleteFile(platform::NativePath(m_newPath));
+    status = RestoreOldFile();
+    if (status == kStatusOk) {
+      ListOldJob();
+    } else {
+      ServiceLog(1, u"Failed to recover old ini file");
+    }
+  }
+  LogFailed();
+  // Deliberate: 0 after a whole rollback.
+  return status;
+}
+
+// Deliberate: "LastOperation" tells a modification afterwards. Where the key can't be written back, the copies of the
+// old rules stay for the next load.
+Status Modification::RevertRegistry() {
+  const Status status = ModifyRegistry(m_old.ScheduleID, m_oldRecord);
+  if (status != kStatusOk) {
+    LogFailed();
+    ServiceLog(1, u"ModifySchedule:Failed to revert back the registry entries %x", status);
+  }
+  return status;
+}
+
+// The old file comes back as it was, then the old rules are saved into it: a save that fails leaves it whole.
+Status Modification::RestoreOldFile() {
+  const std::string file = platform::NativePath(m_oldPath);
+  if (m_isAside) (void)platform::RenameFile(platform::NativePath(m_oldPath + std::u16string(kOldIniSuffix)), file);
+  const Status status = m_old.SavScheduleToFile(m_oldRecord);
+  if (platform::FileExists(file)) RemoveCopies();
+  return status;
+}
+
+// Sets no event: the scheduler's sleep still counts on the old window.
+void Modification::ListOldJob() {
+  if (!m_wasListed || m_old.NextTimeWindow < 1) return;
+  // Refused only when the scheduler thread has listed the schedule anew meanwhile.
+  if (g_JobList.AddJob(m_old) == kStatusOk) m_old.ScheduleObj.m_pSchedule = nullptr;  // the list's now
+}
+
+}  // namespace
+
+Status ModifyStores(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule, bool& modified) {
+  Modification modification(id, schedule);
+  if (const Status status = modification.CheckNew(); status != kStatusOk) return status;
+  if (const Status status = modification.CaptureOld(); status != kStatusOk) return status;
+  return modification.Commit(modified);
+}
+
+}  // namespace qx
