@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "foundation/include/zfcclock.h"
 #include "foundation/include/zfcdbg.h"
 #include "foundation/include/zfctext.h"
 #include "platform/clock.h"
@@ -576,11 +577,12 @@ bool CSchedule::InitializeEnvironment() {
 
 qx::WindowRules CSchedule::RulesForSearch(std::int32_t anchorDay, std::int32_t effectiveDay) const {
   // Every member is named: what is left out would be zeroed first, for a tenth of a query's time.
-  const std::int64_t startMs = m_StartTime.PresentedMilliseconds();
+  const std::int32_t bias = ZepFoundation::Zep_TimeZoneOffsetInSeconds();
+  const std::int64_t startMs = m_StartTime.PresentedMilliseconds(bias);
   const bool useRestart = m_bUseRestartInterval != 0;
   return {.startMs = startMs,
           .startExists = startMs < qx::kMillisecondsPerDay,
-          .endTime = useRestart ? &m_EndTime : nullptr,
+          .endMs = useRestart ? m_EndTime.PresentedMilliseconds(bias) : 0,
           .durationMs = SignedMilliseconds(m_TimeDuration),
           .useEffective = m_bUseEffectiveDate != 0,
           .effectiveDay = effectiveDay,

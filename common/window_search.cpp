@@ -2,8 +2,6 @@
 
 #include <bit>
 
-#include "foundation/include/zfctime.h"
-
 namespace qx {
 namespace {
 
@@ -308,7 +306,7 @@ bool WindowSearch::NextRestartTime(Moment ref, Window& window, std::uint32_t& ru
   Moment askFrom = ref;
   const bool today = !Less(ref, start) && Less(ref, end);
   if (!today) {
-    const std::int64_t endMs = m_rules.endTime->PresentedMilliseconds();
+    const std::int64_t endMs = m_rules.endMs;
     if (m_rules.startMs <= endMs) return false;  // the window doesn't cross midnight
     end = At(DateOf(ref), endMs, endMs < kMillisecondsPerDay);
     start = Plus(end, -m_rules.durationMs);

@@ -95,6 +95,8 @@ class WTime {
   // The presented fields as one number of milliseconds: a day and more where GetTime() gives an hour of 24 or more; 0 for
   // an invalid time.
   [[nodiscard]] std::int64_t PresentedMilliseconds() const;
+  // The same by a bias that was asked for before: Zep_TimeZoneOffsetInSeconds().
+  [[nodiscard]] std::int64_t PresentedMilliseconds(std::int32_t standardBias) const;
 
   // Hour, minute and second of the breakdown, milliseconds 0.
   bool SetTime(const std::tm& time);

@@ -113,10 +113,12 @@ bool WTime::GetTime(int* hour, int* minute, int* second, int* millisecond) const
   return true;
 }
 
-std::int64_t WTime::PresentedMilliseconds() const {
+std::int64_t WTime::PresentedMilliseconds() const { return PresentedMilliseconds(Zep_TimeZoneOffsetInSeconds()); }
+
+std::int64_t WTime::PresentedMilliseconds(std::int32_t standardBias) const {
   if (!IsValid()) return 0;
   if (m_local == 0) return m_milliseconds;
-  const std::int64_t shown = m_milliseconds - std::int64_t{1000} * Zep_TimeZoneOffsetInSeconds();
+  const std::int64_t shown = m_milliseconds - std::int64_t{1000} * standardBias;
   return shown < 0 ? shown + kMillisecondsOfADay : shown;  // once; nothing is reduced at the top
 }
 
