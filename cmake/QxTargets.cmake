@@ -45,13 +45,17 @@ function(qx_floor NAME)
   target_link_libraries(qx_${NAME} PUBLIC ${A_PUBLIC} PRIVATE qx::build_flags ${A_PRIVATE})
 endfunction()
 
-# qx_test(NAME LABEL unit|service|slow SOURCES... LINK targets...): one test program.
+# qx_test(NAME LABEL unit|service|slow [TIMEOUT seconds] SOURCES... LINK targets...): one test program; each of its tests
+# has five minutes unless told otherwise.
 function(qx_test NAME)
   if(NOT QX_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(A "" "LABEL" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(A "" "LABEL;TIMEOUT" "SOURCES;LINK" ${ARGN})
+  if(NOT A_TIMEOUT)
+    set(A_TIMEOUT 300)
+  endif()
   add_executable(${NAME} ${A_SOURCES})
   target_link_libraries(${NAME} PRIVATE ${A_LINK} qx::test_paths GTest::gmock GTest::gtest_main qx::build_flags)
-  gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS ${A_LABEL} TIMEOUT 300)
+  gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS ${A_LABEL} TIMEOUT ${A_TIMEOUT})
 endfunction()

@@ -139,6 +139,17 @@ inline std::vector<std::int64_t> TakeWindows(DayRule& rule, std::int64_t from, s
   return windows;
 }
 
+// A node of a record without a key and a file, under an ID of that number; whoever lists it owns its rule object.
+inline CJobNode MakeNode(const SCHEDULE_OBJECT& schedule, std::uint32_t number) {
+  CJobNode node;
+  node.ScheduleID.Data1 = number;
+  EXPECT_EQ(node.InitializeScheduler(), kStatusOk);
+  EXPECT_EQ(node.ValidateScheduleRules(schedule), kStatusOk);
+  EXPECT_EQ(node.SetLaunchPath(*schedule.bstrWrapperBinaryName, u"", u"", 1, u"", u""), kStatusOk);
+  EXPECT_GT(node.UpdateNextTimeWindow(), 0);
+  return node;
+}
+
 class SimulatedMachine : public ServiceFixture {
  protected:
   explicit SimulatedMachine(const std::string& zone = "UTC", std::int64_t present = kPresent)
@@ -182,15 +193,6 @@ class SimulatedMachine : public ServiceFixture {
     EXPECT_EQ(g_JobList.AddJob(node), kStatusOk);
     Remember(Narrow(node.IdText()), std::move(rule));
     return node.ScheduleID;
-  }
-  static CJobNode MakeNode(const SCHEDULE_OBJECT& schedule, std::uint32_t number) {
-    CJobNode node;
-    node.ScheduleID.Data1 = number;
-    EXPECT_EQ(node.InitializeScheduler(), kStatusOk);
-    EXPECT_EQ(node.ValidateScheduleRules(schedule), kStatusOk);
-    EXPECT_EQ(node.SetLaunchPath(*schedule.bstrWrapperBinaryName, u"", u"", 1, u"", u""), kStatusOk);
-    EXPECT_GT(node.UpdateNextTimeWindow(), 0);
-    return node;
   }
 
   // --- the script ---
