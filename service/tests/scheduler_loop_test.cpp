@@ -242,6 +242,25 @@ TEST_F(SchedulerLoop, LaunchesWithoutNoticesWhenTheServiceCanNotBeReached) {
   EXPECT_EQ(m_log.Count(1, " ReleaseScheduler failed with error 80070005"), 1);
 }
 
+TEST_F(SchedulerLoop, WaitsForNobodyWhoIsToHearOfALaunch) {
+  const ScheduleGuid first = Add(Daily());
+  const ScheduleGuid second = Add(Daily(7200));
+  for (int day = 0; day < 3; ++day) {  // the apartment is busy all the while
+    EXPECT_TRUE(m_loop.Step());
+    EXPECT_EQ(platform::NowSeconds(), kPresent + 3600 + day * kSecondsOfDay);
+    EXPECT_TRUE(m_loop.Step());
+    EXPECT_EQ(platform::NowSeconds(), kPresent + 7200 + day * kSecondsOfDay);
+  }
+  EXPECT_THAT(m_sink->heard, IsEmpty());
+  Deliver();
+  std::vector<std::string> expected;
+  for (int day = 1; day <= 3; ++day) {
+    expected.push_back(Window(first, kPresent + 3600 + day * kSecondsOfDay));
+    expected.push_back(Window(second, kPresent + 7200 + day * kSecondsOfDay));
+  }
+  EXPECT_EQ(m_sink->heard, expected);
+}
+
 TEST_F(SchedulerLoop, SkipsPassedWindowsWithoutALaunchAndWithoutANotice) {
   const ScheduleGuid daily = Add(Daily());
   const ScheduleGuid far = Add(Daily(20000));
