@@ -21,7 +21,8 @@ TEST_P(KillAtACall, LeavesTheScheduleWholeAndTheOthersAlone) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Changes, KillAtACall, ::testing::Values(Change::kCreate, Change::kDelete),
+INSTANTIATE_TEST_SUITE_P(Changes, KillAtACall,
+                         ::testing::Values(Change::kCreate, Change::kModify, Change::kMove, Change::kDelete),
                          [](const auto& change) { return NameOf(change.param); });
 
 }  // namespace

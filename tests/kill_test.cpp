@@ -26,7 +26,8 @@ TEST_P(KillAtEveryCall, LeavesTheScheduleWholeAndTheOthersAlone) {
   EXPECT_GT(outcomes[Outcome::kNew], 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Changes, KillAtEveryCall, ::testing::Values(Change::kCreate, Change::kDelete),
+INSTANTIATE_TEST_SUITE_P(Changes, KillAtEveryCall,
+                         ::testing::Values(Change::kCreate, Change::kModify, Change::kMove, Change::kDelete),
                          [](const auto& change) { return NameOf(change.param); });
 
 }  // namespace

@@ -21,10 +21,10 @@
 
 namespace qx::testing {
 
-enum class Change { kCreate, kModify, kDelete };
+enum class Change { kCreate, kModify, kMove, kDelete };  // kMove: a modification that names another directory
 
 inline std::string NameOf(Change change) {
-  static constexpr const char* kNames[] = {"create", "modify", "delete"};
+  static constexpr const char* kNames[] = {"create", "modify", "move", "delete"};
   return kNames[static_cast<int>(change)];
 }
 
@@ -35,6 +35,7 @@ class KilledService {
  public:
   KilledService() {
     EXPECT_TRUE(m_switch.IsReady());
+    std::filesystem::create_directory(m_service.Jobs() + "/other");
     m_service.Register();
     m_service.Start();
     SchedulerClient client;
@@ -112,9 +113,15 @@ class KilledService {
     record.stScheduleRules.adwDaysOfMonth[3] = 0;
     return record;
   }
+  SCHEDULE_OBJECT Moved() const {
+    SCHEDULE_OBJECT record = Modified();
+    record.bstrXMLFilePathName = platform::WideFromUtf8(m_service.Jobs() + "/other/job.xml");
+    return record;
+  }
   Status Make(Change change, SchedulerClient& client, const ScheduleGuid& subject, ScheduleGuid& made) {
     if (change == Change::kCreate) return client.CreateSchedule(Record("created"), made);
     if (change == Change::kModify) return client.ModifySchedule(subject, Modified());
+    if (change == Change::kMove) return client.ModifySchedule(subject, Moved());
     return client.DeleteSchedule(subject);
   }
 
@@ -197,8 +204,9 @@ class KilledService {
     const bool isThere = listed.erase(Text(subject)) != 0;
     EXPECT_TRUE(listed.empty()) << "a schedule that nobody made: " << *listed.begin();
     const SCHEDULE_OBJECT found = isThere ? Read(client, subject) : SCHEDULE_OBJECT();
-    const SCHEDULE_OBJECT fresh =
-        change == Change::kModify ? Undisturbed("modified", Modified()) : Undisturbed("created", Record("created"));
+    const SCHEDULE_OBJECT fresh = change == Change::kModify ? Undisturbed("modified", Modified())
+                                  : change == Change::kMove ? Undisturbed("moved", Moved())
+                                                            : Undisturbed("created", Record("created"));
     round.outcome = OutcomeOf(change, isThere, found, fresh);
     if (!round.killed) {
       EXPECT_EQ(round.outcome, Outcome::kNew) << "acknowledged, and gone";

@@ -84,6 +84,7 @@ class FaultSweep : public ServiceFixture {
     ASSERT_EQ(m_before.failure, "");
     for (const ScheduleGuid& id : {m_first, m_subject, m_second}) m_records[id] = Record(id);
     m_keep = m_folder + "-kept";
+    std::filesystem::create_directory(m_folder + "/other");
     DoCleanUp();
     ASSERT_EQ(platform::CloseRegistryStore(), 0u);
     std::filesystem::copy(m_folder, m_keep, std::filesystem::copy_options::recursive);
@@ -305,6 +306,59 @@ TEST_F(FaultSweep, DeleteRemovesTheScheduleOrLeavesItWhole) {
           EXPECT_EQ(ListedIds().size(), 2u);
         });
 }
+
+// The one directory, or another one for the new file.
+class FaultSweepOfAModification : public FaultSweep, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(FaultSweepOfAModification, MakesTheChangeOrPutsTheOldScheduleBack) {
+  Status status = 0;
+  SCHEDULE_OBJECT changed = Named("changed");
+  changed.bstrParameters = u"-changed";
+  changed.bstrXMLFilePathName = Wide(m_folder + GetParam() + "/job.xml");
+  changed.stScheduleRules.lStartTime += 60;
+  SCHEDULE_OBJECT expected;
+  const auto withoutKey = [](SCHEDULE_OBJECT record) {
+    record.bstrParameters = record.bstrXMLFilePathName = std::nullopt;
+    return record;
+  };
+  Sweep([&] { status = m_service.ModifySchedule(m_subject, changed); },
+        [&](const Fault* fault) {
+          ExpectOthersUntouched(m_subject);
+          const SCHEDULE_OBJECT& old = m_records.at(m_subject);
+          if (!m_sink->heard.empty()) {
+            EXPECT_THAT(m_sink->heard, ElementsAre("modify " + Text(m_subject)));
+            EXPECT_EQ(status, kStatusOk);
+            EXPECT_EQ(TakeEvent(), MODIFY_EVENT);
+            if (fault == nullptr) expected = Record(m_subject);
+            for (int round = 0; round < 2; ++round) {  // in the list, and in the stores
+              EXPECT_EQ(ListedWindow(m_subject), kPresent + 3660);
+              EXPECT_TRUE(Record(m_subject) == expected);
+              EXPECT_EQ(m_service.Refresh(), kStatusOk);
+            }
+            return;
+          }
+          // No event: the change wasn't made, whether the status says so or, after a rollback, is 0.
+          ASSERT_NE(fault, nullptr);
+          ExpectTold();
+          EXPECT_EQ(TakeEvent(), -1);
+          if (fault->mode == platform::kOnce) {
+            EXPECT_EQ(ListedWindow(m_subject), kPresent + 3600);
+            EXPECT_TRUE(Record(m_subject) == old);
+            EXPECT_EQ(FileText(IniFile(m_subject)), m_before.files.at(Text(m_subject) + ".ini"));
+          }
+          // Never none: after a start it is the old schedule. Where the way back was barred too it may be old rules
+          // beside new values, or the new schedule, whose very last step failed.
+          EXPECT_EQ(m_service.Refresh(), kStatusOk);
+          const SCHEDULE_OBJECT found = Record(m_subject);
+          const bool isNew = found == expected;
+          EXPECT_EQ(ListedWindow(m_subject), isNew ? kPresent + 3660 : kPresent + 3600);
+          EXPECT_TRUE(isNew || withoutKey(found) == withoutKey(old));
+          EXPECT_TRUE(found == old || (fault->mode == platform::kFromThenOn && status != kStatusOk));
+        });
+}
+
+INSTANTIATE_TEST_SUITE_P(Directories, FaultSweepOfAModification, ::testing::Values("", "/other"),
+                         [](const auto& directory) { return directory.index == 0 ? "Same" : "Other"; });
 
 TEST_F(FaultSweep, LoadTakesEachScheduleWholeOrSkipsItWithALine) {
   Sweep([&] { EXPECT_EQ(PopulateJobList(), kStatusOk); },

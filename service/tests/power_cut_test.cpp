@@ -31,6 +31,9 @@ class PowerCut : public ServiceFixture {
     m_first = Create(Named("first"));
     m_subject = Create(Named("subject"));
     m_second = Create(Named("second"));
+    std::filesystem::create_directory(m_folder + "/other");
+    m_disk->Look();
+    ASSERT_EQ(platform::SyncDirectory(m_folder), 0u);
     m_before = ReadStoredState(m_folder);
     ASSERT_EQ(m_before.failure, "");
   }
@@ -120,7 +123,7 @@ class PowerCut : public ServiceFixture {
       EXPECT_EQ(m_service.DeleteSchedule(next), kStatusOk);
       if (found.keys.contains(Text(subject))) {
         EXPECT_EQ(m_service.DeleteSchedule(subject), kStatusOk);
-        EXPECT_FALSE(std::filesystem::exists(IniFile(subject)));
+        EXPECT_FALSE(HasKey(subject));
       }
       DoCleanUp();
       ASSERT_EQ(platform::CloseRegistryStore(), 0u);
@@ -157,6 +160,34 @@ TEST_F(PowerCut, ACreatedScheduleIsThereWholeOrNotAtAll) {
     return "new";
   });
 }
+
+// The one directory, or another one for the new file.
+class PowerCutInAModification : public PowerCut, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(PowerCutInAModification, LeavesOldOrNewOrOldRulesBesideNewValues) {
+  SCHEDULE_OBJECT changed = Named("changed");
+  changed.bstrXMLFilePathName = Wide(m_folder + GetParam() + "/job.xml");
+  changed.stScheduleRules.dwTimeDuration = 10 * 60 * 1000;
+  ASSERT_NO_FATAL_FAILURE(CutThrough([&] { return m_service.ModifySchedule(m_subject, changed); }));
+  const std::string id = Text(m_subject);
+  const std::string newName = m_folder + GetParam() + "/" + id + ".ini";
+  const std::string newText = FileText(newName);
+  const std::string oldText = FileOf(m_before, id);
+  ASSERT_NE(newText, oldText);
+  ASSERT_NE(m_after.keys.at(id), m_before.keys.at(id));
+  JudgeAll(m_subject, [&](const StoredState& found) -> std::string {
+    if (!HasKeyOf(found, id)) return "! no key";
+    if (found.keys.at(id) == m_before.keys.at(id))
+      return FileOf(found, id) == oldText ? "old" : "! old values without their rules";
+    if (found.keys.at(id) != m_after.keys.at(id)) return "! a part of the key";
+    const std::string text = FileText(newName);
+    return text == newText ? "new" : text == oldText ? "new-values-old-rules" : "! new values without rules";
+  });
+  EXPECT_FALSE(std::filesystem::exists(newName));  // deleted at the end of each
+}
+
+INSTANTIATE_TEST_SUITE_P(Directories, PowerCutInAModification, ::testing::Values("", "/other"),
+                         [](const auto& directory) { return directory.index == 0 ? "Same" : "Other"; });
 
 TEST_F(PowerCut, ADeletedScheduleIsThereWholeOrNotAtAll) {
   ASSERT_NO_FATAL_FAILURE(CutThrough([&] { return m_service.DeleteSchedule(m_subject); }));
