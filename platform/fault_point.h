@@ -27,7 +27,7 @@ namespace platform {
   X(ArrayCreate) X(ArrayAccessData) X(ArrayUnaccessData) X(ArrayDestroy) X(GetRecordInfo)                    \
   X(LoadLibrary) X(GetProcAddress)                                                                           \
   X(BusConnect) X(BusRequestName) X(BusCreateInstance) X(BusSend)                                            \
-  X(SocketStartup) X(OpenServiceManager) X(OpenService) X(QueryServiceConfig) X(CreateService) X(DeleteService) \
+  X(SocketStartup) X(OpenServiceManager) X(OpenService) X(QueryServiceConfig) X(ChangeServiceConfig) X(CreateService) X(DeleteService) \
   X(RegisterServiceHandler) X(ConvertText)                                                                   \
   X(CryptAcquireContext) X(CryptGenKey) X(CryptExportKey) X(CryptImportKey) X(CryptEncrypt) X(CryptDecrypt)  \
   X(CryptDestroyKey)                                                                                         \

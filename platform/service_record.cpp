@@ -1,10 +1,12 @@
 #include "platform/service_record.h"
 
+#include <algorithm>
 #include <span>
 #include <utility>
 
 #include "platform/fault_point.h"
 #include "platform/registry.h"
+#include "platform/text.h"
 
 namespace platform {
 namespace {
@@ -40,6 +42,11 @@ ErrorCode SetValues(const RegistryKey& key, const ServiceRecord& record) {
 }
 
 }  // namespace
+
+bool IsLocalSystemAccount(std::u16string_view account) {
+  return std::equal(account.begin(), account.end(), kLocalSystemAccount.begin(), kLocalSystemAccount.end(),
+                    [](char16_t a, char16_t b) { return ToUpperSimple(a) == ToUpperSimple(b); });
+}
 
 ErrorCode OpenServiceManager() {
   if (const ErrorCode rc = FaultAt(Operation::kOpenServiceManager); rc != ERROR_SUCCESS) return rc;
@@ -78,6 +85,15 @@ ErrorCode QueryServiceAccount(std::u16string_view name, std::u16string& account)
   RegistryKey key;
   if (const ErrorCode rc = OpenKey(Hive::kLocalMachine, KeyOf(name), KEY_READ, key); rc != ERROR_SUCCESS) return rc;
   return ReadRegistryString(key, u"ObjectName", account);
+}
+
+ErrorCode ChangeServiceAccount(std::u16string_view name, std::u16string_view account) {
+  if (const ErrorCode rc = FaultAt(Operation::kChangeServiceConfig); rc != ERROR_SUCCESS) return rc;
+  RegistryKey key;
+  if (const ErrorCode rc = OpenKey(Hive::kLocalMachine, KeyOf(name), KEY_ALL_ACCESS, key); rc != ERROR_SUCCESS) return rc;
+  const ErrorCode set = SetString(key, u"ObjectName", account.empty() ? kLocalSystemAccount : account);
+  const ErrorCode closed = key.Close();
+  return set != ERROR_SUCCESS ? set : closed;
 }
 
 }  // namespace platform

@@ -20,6 +20,9 @@ inline constexpr std::uint32_t kServiceErrorNormal = 1;
 // The account that a service without one runs under; stands for root.
 inline constexpr std::u16string_view kLocalSystemAccount = u"LocalSystem";
 
+// Whether a name stands for it: in any case of letters.
+[[nodiscard]] bool IsLocalSystemAccount(std::u16string_view account);
+
 struct ServiceRecord {
   std::u16string displayName;
   std::u16string description;
@@ -47,5 +50,10 @@ struct ServiceRecord {
 // The configured account. Asks Operation::kQueryServiceConfig.
 //   returns  0; ERROR_FILE_NOT_FOUND (2): no such service, or its record names none; ERROR_INVALID_DATA (13)
 [[nodiscard]] ErrorCode QueryServiceAccount(std::u16string_view name, std::u16string& account);
+
+// Changes the configured account. Asks Operation::kChangeServiceConfig.
+//   account  empty: kLocalSystemAccount
+//   returns  0; ERROR_FILE_NOT_FOUND (2): no such service; codes of the store: the record is unchanged
+[[nodiscard]] ErrorCode ChangeServiceAccount(std::u16string_view name, std::u16string_view account);
 
 }  // namespace platform

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace platform {
 
@@ -24,5 +25,8 @@ enum class StandardStream { kInput, kOutput, kError };
 // anybody else, $HOME/.local/state/qxsvc without that variable. Without a separator at its end; empty when a user has
 // no home.
 [[nodiscard]] std::string DefaultStateDirectory();
+// The same without QXSVC_ROOT: where the host's own service keeps its state.
+[[nodiscard]] std::string HostStateDirectory();
+inline constexpr std::string_view kSystemStateDirectory = "/var/lib/qxsvc";  // that of root
 
 }  // namespace platform

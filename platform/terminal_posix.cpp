@@ -47,7 +47,11 @@ std::string UserStateHome() {
 
 std::string DefaultStateDirectory() {
   if (std::string root = DirectoryVariable("QXSVC_ROOT"); !root.empty()) return root;
-  if (IsRootUser()) return "/var/lib/qxsvc";
+  return HostStateDirectory();
+}
+
+std::string HostStateDirectory() {
+  if (IsRootUser()) return std::string(kSystemStateDirectory);
   const std::string home = UserStateHome();
   return home.empty() ? "" : home + "/qxsvc";
 }

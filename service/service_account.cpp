@@ -1,6 +1,5 @@
 #include "service/service_account.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <string>
 
@@ -8,7 +7,6 @@
 #include "platform/event_log.h"
 #include "platform/memory.h"
 #include "platform/service_record.h"
-#include "platform/text.h"
 #include "service/service_registration.h"
 
 namespace qx {
@@ -24,13 +22,6 @@ constexpr char16_t kLocalSystemText[] =
     u"which is valid on all the nodes of the cluster. The user should have privileges to change the registry on the "
     u"current node.";
 
-bool IsLocalSystem(std::u16string_view account) {
-  const std::u16string_view local = platform::kLocalSystemAccount;
-  return std::equal(account.begin(), account.end(), local.begin(), local.end(), [](char16_t a, char16_t b) {
-    return platform::ToUpperSimple(a) == platform::ToUpperSimple(b);
-  });
-}
-
 }  // namespace
 
 bool CheckIfRunningAsLocalSystem() {
@@ -41,7 +32,9 @@ bool CheckIfRunningAsLocalSystem() {
       return false;
     }
     std::u16string account;
-    if (platform::QueryServiceAccount(kServiceName, account) == ERROR_SUCCESS && !IsLocalSystem(account)) return false;
+    if (platform::QueryServiceAccount(kServiceName, account) == ERROR_SUCCESS && !platform::IsLocalSystemAccount(account)) {
+      return false;
+    }
   }
   ServiceLog(0, kLocalSystemText);
   // The event has no number of its own: its text says all.

@@ -52,15 +52,16 @@ constexpr std::string_view kHelp =
     "\n"
     "Runs the scheduler service. It has to be registered once before.\n"
     "\n"
-    "  -RegServer         register: make the state directory and its registry\n"
-    "  -Service           register as a service of this machine\n"
+    "  -RegServer         register: make the state directory and its registry; the bus starts the program on demand\n"
+    "  -Service           register as a service of this machine: also a unit of systemd\n"
     "  -UnregServer       take the registration back; schedules stay\n"
     "\n"
-    "  --root DIR         state directory (QXSVC_ROOT; /var/lib/qxsvc for root, else ~/.local/state/qxsvc)\n"
+    "  --root DIR         state directory (QXSVC_ROOT; /var/lib/qxsvc for root, else ~/.local/state/qxsvc); for one of\n"
+    "                     your own, registering writes no files of the host unless --destdir says where\n"
     "  --bus ADDRESS      message bus: session, system or an address (system for root, else session)\n"
     "  --foreground       stay until SIGTERM; without it and without a service manager the program ends with its\n"
     "                     last client\n"
-    "  --destdir DIR      put files of the host below DIR (packaging)\n"
+    "  --destdir DIR      put the files of the host below DIR; without --root nothing else is registered (packaging)\n"
     "  --version          print the version\n"
     "  --help             print this\n";
 
@@ -149,13 +150,15 @@ int CServiceModule::Main() {
     std::puts("QxSchedService " QX_VERSION);
     return kExitDone;
   }
-  if (!FindStateDirectory()) return kExitFailed;
   const CommandWord word = FindCommandWord(m_options.words);
+  m_filesOnly = word != CommandWord::kNone && !m_options.destdir.empty() && m_options.root.empty();
+  if (!FindStateDirectory()) return kExitFailed;
   return word == CommandWord::kNone ? Start() : Register(word);
 }
 
 bool CServiceModule::FindStateDirectory() {
-  std::string directory = m_options.root.empty() ? platform::DefaultStateDirectory() : m_options.root;
+  std::string directory = m_options.root;
+  if (directory.empty()) directory = m_filesOnly ? std::string(platform::kSystemStateDirectory) : platform::DefaultStateDirectory();
   if (directory.empty()) {
     Complain(u"There is no state directory: name one with --root");
     return false;
@@ -169,6 +172,12 @@ bool CServiceModule::FindStateDirectory() {
 }
 
 int CServiceModule::Register(CommandWord word) {
+  const int stored = m_filesOnly ? kExitDone : RegisterInStore(word);
+  const int onHost = RegisterOnThisHost(word);
+  return stored != kExitDone ? stored : onHost;
+}
+
+int CServiceModule::RegisterInStore(CommandWord word) {
   const std::string directory = platform::StateDirectory();
   const std::string file = RegistryFile(directory);
   if (word == CommandWord::kUnregServer && !platform::FileExists(file)) return kExitDone;  // never registered
@@ -185,6 +194,27 @@ int CServiceModule::Register(CommandWord word) {
       word == CommandWord::kUnregServer ? UnregisterServer() : RegisterServer(word == CommandWord::kService);
   const ErrorCode closed = platform::CloseRegistryStore();
   return done == ERROR_SUCCESS && closed == ERROR_SUCCESS ? kExitDone : kExitFailed;
+}
+
+int CServiceModule::RegisterOnThisHost(CommandWord word) {
+  std::string destination = m_options.destdir;
+  const std::string directory = platform::StateDirectory();
+  if (!destination.empty()) {
+    if (const ErrorCode rc = platform::AbsoluteName(destination); rc != ERROR_SUCCESS) {
+      ComplainUtf8("The directory " + destination + " can't be found, error " + std::to_string(rc));
+      return kExitFailed;
+    }
+  }
+  if (!ConcernsHost(destination, directory)) return kExitDone;
+  const ErrorCode rc = word == CommandWord::kUnregServer
+                           ? UnregisterFromHost(destination, directory)
+                           : RegisterOnHost(destination, directory, word == CommandWord::kService);
+  if (rc != ERROR_SUCCESS) return kExitFailed;
+  if (word == CommandWord::kService && destination.empty()) {
+    const char* const user = platform::RunsAsRoot() ? "" : "--user ";
+    std::printf("Start it with: systemctl %sdaemon-reload && systemctl %sstart QxSchedService\n", user, user);
+  }
+  return kExitDone;
 }
 
 int CServiceModule::Start() {

@@ -35,7 +35,7 @@ inline constexpr std::uint32_t kEventBadControl = 0xE8110003;
 struct ServiceOptions {
   std::string root;         // --root DIR: the state directory; empty: the default one
   std::string busAddress;   // --bus ADDRESS: "session", "system" or an address; empty: system for root, else session
-  std::string destdir;      // --destdir DIR: where files for the host are put, in front of their places
+  std::string destdir;      // --destdir DIR: in front of the places of the host's files; without --root nothing else is written
   bool foreground = false;  // --foreground: stay until SIGTERM
   bool version = false;
   bool help = false;
@@ -80,6 +80,8 @@ class CServiceModule {
  private:
   [[nodiscard]] bool FindStateDirectory();
   int Register(CommandWord word);
+  [[nodiscard]] int RegisterInStore(CommandWord word);
+  [[nodiscard]] int RegisterOnThisHost(CommandWord word);
   int Start();
   [[nodiscard]] bool OpenStore();
   [[nodiscard]] platform::ErrorCode ReadApplicationKey();
@@ -93,6 +95,7 @@ class CServiceModule {
 
   const ServiceOptions m_options;
   INodeChannel* const m_nodes;
+  bool m_filesOnly = false;  // registering for a package: of this host nothing is changed
   bool m_runsAsService = true;
   bool m_started = false;  // the first attempt at the bus is over
   std::uint32_t m_exitCode = 0;  // of the status record

@@ -153,6 +153,10 @@ ErrorCode ComplainOf(ErrorCode code, std::u16string_view text) {
   return code;
 }
 
+std::u16string FileAndCode(const std::string& name, ErrorCode code) {
+  return platform::WideFromUtf8(name + ", error " + std::to_string(code));
+}
+
 // Creates the service unless it is there.
 ErrorCode Install() {
   if (const ErrorCode rc = platform::OpenServiceManager(); rc != ERROR_SUCCESS) {
@@ -268,6 +272,23 @@ ErrorCode UnregisterServer() {
   if (keys.Code() != ERROR_SUCCESS) Complain(u"Couldn't write the registry");
   failure.Note(keys.Code());
   return failure.Code();
+}
+
+ErrorCode RegisterOnHost(const std::string& destination, const std::string& stateDirectory, bool asService) {
+  std::u16string program;
+  if (const ErrorCode rc = platform::ProgramFilePath(program); rc != ERROR_SUCCESS) {
+    return ComplainOf(rc, u"Couldn't get module file name");
+  }
+  std::string failed;
+  const ErrorCode rc = platform::InstallFiles(
+      Installation(destination, platform::Utf8FromWide(program), stateDirectory, asService), failed);
+  return rc == ERROR_SUCCESS ? rc : ComplainOf(rc, u"Couldn't write " + FileAndCode(failed, rc));
+}
+
+ErrorCode UnregisterFromHost(const std::string& destination, const std::string& stateDirectory) {
+  std::string failed;
+  const ErrorCode rc = platform::RemoveFiles(Installation(destination, {}, stateDirectory, true), failed);
+  return rc == ERROR_SUCCESS ? rc : ComplainOf(rc, u"Couldn't delete " + FileAndCode(failed, rc));
 }
 
 }  // namespace qx

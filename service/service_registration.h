@@ -11,13 +11,12 @@
 #include <string>
 #include <string_view>
 
+#include "common/service_install.h"
 #include "platform/error_codes.h"
 #include "platform/guid.h"
 
 namespace qx {
 
-inline constexpr std::u16string_view kServiceName = u"QxSchedService";              // of the record
-inline constexpr std::u16string_view kServiceTitle = u"Korvane Scheduler Service";  // string resource 100
 inline constexpr std::u16string_view kClassText = u"SchedulerService Class";
 inline constexpr std::u16string_view kProgId = u"QxSchedService.SchedulerService.1";
 inline constexpr std::u16string_view kVersionIndependentProgId = u"QxSchedService.SchedulerService";
@@ -43,5 +42,13 @@ void Complain(std::u16string_view text);
 [[nodiscard]] platform::ErrorCode RegisterServer(bool asService);
 // An installed service gets the stop control first, without waiting for the effect, when it runs.
 [[nodiscard]] platform::ErrorCode UnregisterServer();
+
+// Writes and removes the files of the host (common/service_install.h). What is missing is no failure of a removal.
+//   destination     in front of every place; empty for the host itself
+//   stateDirectory  an absolute name
+//   returns  0; the code of what failed first, told
+[[nodiscard]] platform::ErrorCode RegisterOnHost(const std::string& destination, const std::string& stateDirectory,
+                                                 bool asService);
+[[nodiscard]] platform::ErrorCode UnregisterFromHost(const std::string& destination, const std::string& stateDirectory);
 
 }  // namespace qx

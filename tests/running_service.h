@@ -115,7 +115,8 @@ class EventLog : public ISchedulerServiceEvents {
 // A state directory, a bus, and the program on both.
 class RunningService {
  public:
-  RunningService() {
+  //   busConfiguration  a file of the bus daemon's; empty: that of a session bus
+  explicit RunningService(const std::string& busConfiguration = {}) : m_bus(busConfiguration) {
     const char* const temporary = std::getenv("TMPDIR");
     std::string pattern = std::string(temporary != nullptr ? temporary : "/tmp") + "/qx-service-XXXXXX";
     EXPECT_NE(mkdtemp(pattern.data()), nullptr);

@@ -24,7 +24,11 @@ namespace platform {
 // Starts a bus daemon and ends it at destruction. Address() is empty when it couldn't be started.
 class PrivateBus {
  public:
-  PrivateBus() { Start(); }
+  //   configuration  a file of the daemon's; empty: that of a session bus
+  explicit PrivateBus(std::string configuration = {})
+      : m_kind(configuration.empty() ? "--session" : "--config-file=" + configuration) {
+    Start();
+  }
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
   ~PrivateBus() {
@@ -68,7 +72,7 @@ class PrivateBus {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, output[1], 1);
     posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    std::string words[] = {"dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1", "--address=" + listen};
+    std::string words[] = {"dbus-daemon", m_kind, "--nofork", "--nopidfile", "--print-address=1", "--address=" + listen};
     char* arguments[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data(),
                          words[4].data(), words[5].data(), nullptr};
     const int error = posix_spawnp(&m_number, "dbus-daemon", &actions, nullptr, arguments, environ);
@@ -89,6 +93,7 @@ class PrivateBus {
     return line;
   }
 
+  std::string m_kind;
   std::string m_directory;
   std::string m_socket;
   std::string m_address;
