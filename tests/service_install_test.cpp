@@ -60,7 +60,9 @@ void ExpectGolden(const std::string& name, const Tree& tree) {
   EXPECT_EQ(names, expectedNames);
   for (const auto& [file, contents] : golden) {
     const auto at = tree.find(file);
-    if (at != tree.end()) EXPECT_EQ(at->second, contents) << file;
+    if (at != tree.end()) {
+      EXPECT_EQ(at->second, contents) << file;
+    }
   }
 }
 
