@@ -111,7 +111,8 @@ TEST_F(JobEngine, ComputesAHundredThousandWindowsAnewAtAChangeOfTheClock) {
 // What an insertion, a deletion and a launch cost may grow with the logarithm of the list, not with its length: the
 // lists differ by a factor of a hundred, the costs by less than ten, of which the caches take most.
 TEST_F(JobEngine, WalksOverNoListToInsertDeleteOrLaunch) {
-  constexpr std::uint32_t kFew = 1000;
+  constexpr std::uint32_t kFew = 500;
+  constexpr std::uint32_t kHundredTimesAsMany = 100 * kFew;
   constexpr double kLimit = 10;
   const CountingLauncher launcher;
   struct Cost {
@@ -144,7 +145,7 @@ TEST_F(JobEngine, WalksOverNoListToInsertDeleteOrLaunch) {
     return cost;
   };
   const Cost few = measure(kFew);
-  const Cost many = measure(kMany);
+  const Cost many = measure(kHundredTimesAsMany);
   RecordProperty("insertAndDeleteRatio", std::to_string(many.change / few.change));
   RecordProperty("launchRatio", std::to_string(many.launch / few.launch));
   std::printf("ratio of the costs: insert and delete %.2f, launch %.2f\n", many.change / few.change,

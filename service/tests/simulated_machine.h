@@ -245,9 +245,12 @@ class SimulatedMachine : public ServiceFixture {
   CTimeChangeThread m_timeChange{m_watch};
   std::map<std::string, DayRule> m_rules;
   std::map<std::string, std::vector<std::int64_t>> m_runs;  // of the present stretch
+  std::vector<std::pair<std::string, std::int64_t>> m_launches;  // all, in order
   platform::CountingLauncher m_launcher{[this](std::u16string_view line) {
     const std::size_t brace = line.find(u'{');
-    m_runs[Narrow(line.substr(brace, 38))].push_back(platform::NowSeconds());
+    const std::string id = Narrow(line.substr(brace, 38));
+    m_runs[id].push_back(platform::NowSeconds());
+    m_launches.emplace_back(id, platform::NowSeconds());
     return platform::ErrorCode{0};
   }};
 

@@ -1,0 +1,187 @@
+// Schedules that have a key and no node, at a change of the clock.
+#include <filesystem>
+
+#include "common/zep_factory.h"
+#include "service/tests/service_fixture.h"
+#include "service/time_change.h"
+
+namespace {
+
+using platform::FaultPlan;
+using platform::Operation;
+using qx::testing::kPresent;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class Revival : public qx::testing::ServiceFixture {
+ protected:
+  // A schedule without a node.
+  ScheduleGuid Lost() {
+    const ScheduleGuid id = Create(Daily());
+    Forget(id);
+    return id;
+  }
+  void Forget(const ScheduleGuid& id) {
+    const platform::CriticalSectionGuard guard(g_JobListLock);
+    const auto at = g_JobList.Find(id);
+    ASSERT_FALSE(at == g_JobList.End());
+    at->ReleaseScheduler();
+    g_JobList.Erase(at);
+    m_log.Clear();
+  }
+  void Pass() {
+    qx::TimeChangePass(m_apartment, m_service);
+    (void)m_apartment.Step(0);
+  }
+  int Looks() const {
+    int count = 0;
+    for (const std::string& text : m_log.texts()) count += text.starts_with("Entered into loop for ");
+    return count;
+  }
+};
+
+struct ValueCase {
+  int line;
+  const char16_t* name;
+  const char* text;
+};
+const ValueCase kValues[] = {
+    {__LINE__, u"XMLFilePathName", "Query Value of XML file path failed"},
+    {__LINE__, u"UseGUID", "Query Value of UseGUID fails"},
+    {__LINE__, u"WrapperBinary", "Query Value of wrapper binary fails"},
+    {__LINE__, u"Parameters", "Query Value of parameters failed"},
+    {__LINE__, u"PostScript", "Query Value of post script failed "},
+    {__LINE__, u"PreScript", "Query Value of prescript failed "},
+};
+
+TEST_F(Revival, TellsWhichValueIsMissingAndBringsTheOthersBack) {
+  const ScheduleGuid good = Lost();
+  for (const ValueCase& c : kValues) {
+    const ScheduleGuid bad = Lost();
+    RemoveValue(bad, c.name);
+    m_log.Clear();
+    Pass();
+    EXPECT_THAT(m_log.texts(1), ElementsAre(c.text)) << c.line;
+    EXPECT_THAT(ListedIds(), ElementsAre(Text(good))) << c.line;
+    ASSERT_EQ(DeleteRegistry(bad), kStatusOk);
+    Forget(good);
+  }
+}
+
+struct FailureCase {
+  int line;
+  Operation operation;
+  int call;
+  const char* detail;
+  const char* text;
+};
+const FailureCase kFailures[] = {
+    {__LINE__, Operation::kRegOpenKey, 3, "", " Failed to open scheduleKey"},
+    {__LINE__, Operation::kRegQueryInfoKey, 2, "", "Failed queryinfokey(scheduleKey)"},
+    {__LINE__, Operation::kAllocate, 1, "BuildJobNode", "calloc failed to allocate memory"},
+};
+
+TEST_F(Revival, TellsWhichStepFailed) {
+  const ScheduleGuid id = Lost();
+  for (const FailureCase& c : kFailures) {
+    m_log.Clear();
+    FaultPlan plan = FaultPlan::FailCall(c.operation, c.call, 5, platform::kOnce, c.detail);
+    Pass();
+    plan.Remove();
+    EXPECT_EQ(plan.hits(), 1) << c.line;
+    EXPECT_THAT(m_log.texts(1), ElementsAre(c.text)) << c.line;
+    EXPECT_EQ(ListedWindow(id), -2) << c.line;
+  }
+  Pass();
+  EXPECT_EQ(ListedWindow(id), kPresent + 3600);
+}
+
+TEST_F(Revival, TellsThatTheRuleFileCanNotBeRead) {
+  const ScheduleGuid id = Lost();
+  { std::ofstream(IniFile(id), std::ios::trunc) << "no rules"; }
+  Pass();
+  ASSERT_FALSE(m_log.texts(1).empty());  // the adapter's own line comes before
+  EXPECT_THAT(m_log.texts(1).back(), testing::StartsWith("failed to read schedule from ini file, error = "));
+  EXPECT_EQ(ListedWindow(id), -2);
+}
+
+TEST_F(Revival, TellsThatThereIsNoWrapper) {
+  SetText(Lost(), u"WrapperBinary", u"");
+  m_log.Clear();
+  Pass();
+  EXPECT_THAT(m_log.texts(1),
+              ElementsAre("No wrapperbinary name mentioned ", "Failed to set the lauch path, error = 1"));
+}
+
+// Here and when the list is filled.
+TEST_F(Revival, TellsThatNoRuleObjectCouldBeMade) {
+  const ScheduleGuid id = Lost();
+  static constexpr LibraryTableEntry kRules[] = {{"ZepSchedule", 2, "U"}};
+  zepFactory::Instance().Terminate();
+  Pass();
+  const auto expected = ElementsAre("Class not registered.", "Failed to initiallise ZEP scheduler, error = 80010003");
+  EXPECT_THAT(m_log.texts(1), expected);
+  m_log.Clear();
+  EXPECT_EQ(PopulateJobList(), kStatusOk);
+  EXPECT_THAT(m_log.texts(1), expected);
+  ASSERT_EQ(InitializeZEP(".;lib;..\\lib", true, kRules, 1, 0), ZEP_S_OK);
+  Pass();
+  EXPECT_EQ(ListedWindow(id), kPresent + 3600);
+}
+
+// The name of the key is compared as it stands; read as an ID it is that of a listed schedule.
+TEST_F(Revival, TakesAKeyInSmallLettersForAMissingScheduleAndCanNotAddIt) {
+  const ScheduleGuid id = Create(Daily());
+  SCHEDULE_OBJECT stored;
+  ASSERT_EQ(ReadRegistry(id, stored), kStatusOk);
+  std::u16string name = platform::GuidText(id);
+  for (char16_t& c : name) c = c >= u'A' && c <= u'F' ? static_cast<char16_t>(c - u'A' + u'a') : c;
+  ASSERT_EQ(DeleteRegistry(id), kStatusOk);
+  MakeKey(std::u16string(qx::kSchedulesKey) + u"\\" + name);
+  MakeKey(std::u16string(qx::kSchedulesKey) + u"\\~");  // one key more than nodes, behind it
+  ASSERT_EQ(WriteRegistry(stored, id), kStatusOk);
+  m_log.Clear();
+  Pass();
+  EXPECT_TRUE(m_log.Has(1, "Failed to add the job to the job list, error = 80040200"));
+  EXPECT_THAT(ListedIds(), ElementsAre(Text(id)));
+}
+
+TEST_F(Revival, LooksNoFurtherWhenAsManyAreFoundAsAreMissing) {
+  for (int i = 0; i < 4; ++i) (void)Create(Daily());
+  // Enumerated in the order of their names.
+  std::vector<std::string> names = ListedIds();
+  std::sort(names.begin(), names.end());
+  ScheduleGuid first{};
+  ASSERT_TRUE(StringToGUID(qx::testing::Wide(names.front()).c_str(), first));
+  Forget(first);
+  Pass();
+  EXPECT_EQ(Looks(), 1);
+  EXPECT_EQ(g_JobList.Size(), 4u);
+  m_log.Clear();
+  Pass();
+  EXPECT_EQ(Looks(), 0);
+}
+
+// Deliberate: the difference of the two numbers is taken without a sign.
+TEST_F(Revival, LooksAtEveryKeyWhenMoreNodesThanKeysAreThere) {
+  std::vector<ScheduleGuid> ids;
+  for (int i = 0; i < 4; ++i) ids.push_back(Create(Daily()));
+  ASSERT_EQ(DeleteRegistry(ids[0]), kStatusOk);
+  ASSERT_EQ(DeleteRegistry(ids[1]), kStatusOk);
+  m_log.Clear();
+  Pass();
+  EXPECT_EQ(Looks(), 2);
+  EXPECT_EQ(g_JobList.Size(), 4u);
+}
+
+TEST_F(Revival, DropsOneWithoutAWindowWithoutAWord) {
+  const ScheduleGuid id = Create(Once());
+  Forget(id);
+  m_clock.SetWall(kPresent + 7200);
+  Pass();
+  EXPECT_THAT(m_log.texts(3), IsEmpty());
+  EXPECT_EQ(ListedWindow(id), -2);
+  EXPECT_TRUE(HasKey(id));
+}
+
+}  // namespace
