@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tests/line_reader.h"
 #include "tests/running_service.h"
 #include "tests/test_paths.h"
 
@@ -10,7 +11,7 @@ namespace {
 
 using nlohmann::json;
 using qx::testing::Child;
-using qx::testing::kPatience;
+using qx::testing::LineReader;
 using qx::testing::RunningService;
 using testing::AllOf;
 using testing::HasSubstr;
@@ -70,40 +71,6 @@ class QxschedProgram : public testing::Test {
       "[window]\nstart = \"22:00\"\nend = \"23:00\"\n"
       "[days]\nevery = [\"sun\", \"mon\", \"tue\", \"wed\", \"thu\", \"fri\", \"sat\"]\nexclude = [2036-01-01]\n";
   RunningService m_service;
-};
-
-// Reads lines of a process as they come, without a sleep.
-class LineReader {
- public:
-  explicit LineReader(std::string fifo) : m_name(std::move(fifo)) {
-    EXPECT_EQ(mkfifo(m_name.c_str(), 0600), 0);
-    m_descriptor = open(m_name.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);  // both ends, so that nobody waits to open
-  }
-  LineReader(const LineReader&) = delete;
-  LineReader& operator=(const LineReader&) = delete;
-  ~LineReader() { close(m_descriptor); }
-
-  // The first line that holds `text`; empty when none came in time.
-  std::string WaitFor(const std::string& text) {
-    for (;;) {
-      for (std::size_t end; (end = m_text.find('\n')) != std::string::npos;) {
-        const std::string line = m_text.substr(0, end);
-        m_text.erase(0, end + 1);
-        if (line.find(text) != std::string::npos) return line;
-      }
-      pollfd ready = {m_descriptor, POLLIN, 0};
-      if (poll(&ready, 1, static_cast<int>(kPatience)) != 1) return "";
-      char buffer[4096];
-      const ssize_t count = read(m_descriptor, buffer, sizeof buffer);
-      if (count > 0) m_text.append(buffer, static_cast<std::size_t>(count));
-    }
-  }
-  [[nodiscard]] const std::string& Name() const { return m_name; }
-
- private:
-  std::string m_name;
-  int m_descriptor = -1;
-  std::string m_text;
 };
 
 TEST_F(QxschedProgram, TakesAScheduleThroughItsLife) {

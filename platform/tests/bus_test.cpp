@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <chrono>
 #include <future>
 #include <stdexcept>
 #include <string>
@@ -646,6 +647,32 @@ TEST_F(DaemonTest, ConnectsAgainAfterALossAndTellsEachWayOnce) {
   while (presence.Connection() == nullptr) apartment.Step(1000);
   EXPECT_THAT(told, ElementsAre("lost", "restored"));
   EXPECT_EQ(setUps, 2);
+}
+
+TEST_F(DaemonTest, TriesAgainWithPausesThatDoubleUpToTheLongest) {
+  Apartment apartment;
+  BusPresence presence(apartment);
+  BusPresence::Options options;
+  options.address = bus.ForClients();
+  options.setUp = [](BusConnection&) -> ErrorCode { return ERROR_SUCCESS; };
+  options.firstPauseMs = 5;
+  options.longestPauseMs = 20;
+  ASSERT_EQ(presence.Start(std::move(options)), ERROR_SUCCESS);
+  bus.Kill();
+  while (presence.Connection() != nullptr) apartment.Step(1000);
+  std::vector<std::chrono::steady_clock::time_point> moments = {std::chrono::steady_clock::now()};
+  {
+    const FaultPlan plan = FaultPlan::Ask([&](int, Operation operation, std::string_view) -> ErrorCode {
+      if (operation == Operation::kBusConnect) moments.push_back(std::chrono::steady_clock::now());
+      return ERROR_SUCCESS;
+    });
+    while (moments.size() < 6) apartment.Step(1000);
+  }
+  // Never earlier; how much later is the machine's. The first pause began with the loss, just before the first moment.
+  static constexpr int kPauses[] = {5, 10, 20, 20, 20};
+  for (std::size_t i = 1; i < std::size(kPauses); ++i) {
+    EXPECT_GE(moments[i + 1] - moments[i], std::chrono::milliseconds(kPauses[i])) << i;
+  }
 }
 
 TEST_F(DaemonTest, CountsAFailedSetUpAsAFailedAttempt) {
