@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/text.h"
+#include "replication/node_channel.h"
 #include "service/service_module.h"
 #include "service/service_registration.h"
 
@@ -15,7 +16,8 @@ int main(int argc, char** argv) {
     qx::Complain(platform::WideFromUtf8(error));
     return EXIT_FAILURE;
   }
-  qx::CServiceModule module(std::move(options));
+  qx::CNodeChannel nodes;
+  qx::CServiceModule module(std::move(options), &nodes);
   const int code = module.Main();
   std::fflush(nullptr);
   // Threads of the service may still run: nothing that they use is destroyed.

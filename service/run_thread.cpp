@@ -77,6 +77,7 @@ Status RunThread(RunThreadParts& parts) {
   parts.securityLoaded = LoadSecurityLibrary(parts.nodes);
   parts.port = ReadPort();
   ServiceLog(3, u"Port Value set is: %u", parts.port);
+  if (parts.nodes != nullptr) parts.nodes->SetPort(parts.port);
   const std::int32_t bias = platform::GetTimeZoneInformation().bias;
   parts.timeChange.SaveBias(bias);
   AnnounceTimeZone(3, u"Intial TimeZone = %S", bias);

@@ -398,20 +398,28 @@ Status CSchedulerService::ModifySchedule(const ScheduleGuid& id, const SCHEDULE_
   return status;
 }
 
-Status CSchedulerService::CreateScheduleOnNodes(const SCHEDULE_OBJECT&, ScheduleGuid&, std::uint32_t, const NodeNames&,
-                                                NodeResults&) {
-  return kStatusNotSupported;
+Status CSchedulerService::CreateScheduleOnNodes(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id,
+                                                std::uint32_t nodeCount, const NodeNames& nodeNames,
+                                                NodeResults& results) {
+  if (m_nodes == nullptr) return kStatusNotSupported;
+  return m_nodes->CreateScheduleOnNodes(*this, schedule, id, nodeCount, nodeNames, results);
 }
 
-Status CSchedulerService::DeleteScheduleOnNodes(const ScheduleGuid&, std::uint32_t, const NodeNames&, NodeResults&) {
-  return kStatusNotSupported;
+Status CSchedulerService::DeleteScheduleOnNodes(const ScheduleGuid& id, std::uint32_t nodeCount,
+                                                const NodeNames& nodeNames, NodeResults& results) {
+  if (m_nodes == nullptr) return kStatusNotSupported;
+  return m_nodes->DeleteScheduleOnNodes(*this, id, nodeCount, nodeNames, results);
 }
 
-Status CSchedulerService::ModifyScheduleOnNodes(const ScheduleGuid&, const SCHEDULE_OBJECT&, std::uint32_t,
-                                                const NodeNames&, NodeResults&) {
-  return kStatusNotSupported;
+Status CSchedulerService::ModifyScheduleOnNodes(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule,
+                                                std::uint32_t nodeCount, const NodeNames& nodeNames,
+                                                NodeResults& results) {
+  if (m_nodes == nullptr) return kStatusNotSupported;
+  return m_nodes->ModifyScheduleOnNodes(*this, id, schedule, nodeCount, nodeNames, results);
 }
 
-Status CSchedulerService::PerformOperationOnNodes(const BSTR&, std::uint32_t, const NodeNames&, NodeResults&) {
-  return kStatusNotSupported;
+Status CSchedulerService::PerformOperationOnNodes(const BSTR& data, std::uint32_t nodeCount, const NodeNames& nodeNames,
+                                                  NodeResults& results) {
+  if (m_nodes == nullptr) return kStatusNotSupported;
+  return m_nodes->PerformOperationOnNodes(*this, data, nodeCount, nodeNames, results);
 }

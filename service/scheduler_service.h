@@ -11,12 +11,13 @@
 
 #include "interface/ISchedulerService.h"
 #include "service/event_sinks.h"
-
-// The answer of an operation that this build of the service doesn't carry out (E_NOTIMPL of winerror.h).
-inline constexpr Status kStatusNotSupported = 0x80004001;
+#include "service/node_channel.h"
 
 class CSchedulerService : public ISchedulerService, public CProxyISchedulerServiceEvents {
  public:
+  // Who carries operations to other nodes; borrowed for the life of the object, null for nobody. Before the first call.
+  void SetNodes(qx::INodeChannel* nodes) { m_nodes = nodes; }
+
   // The rules are saved and the key written before the event goes out: status 0 means that the schedule survives a kill
   // and a power cut. Deliberate: 0 also when the memory for its directory is refused, with nothing created.
   Status CreateSchedule(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id) override;
@@ -34,7 +35,7 @@ class CSchedulerService : public ISchedulerService, public CProxyISchedulerServi
   Status UpdateList(std::int32_t type, const BSTR& value, std::uint32_t& count,
                     std::vector<std::u16string>& ids) override;
 
-  // These change nothing and return kStatusNotSupported.
+  // By the channel of nodes; without one they change nothing and return kStatusNotSupported.
   Status CreateScheduleOnNodes(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id, std::uint32_t nodeCount,
                                const NodeNames& nodeNames, NodeResults& results) override;
   Status DeleteScheduleOnNodes(const ScheduleGuid& id, std::uint32_t nodeCount, const NodeNames& nodeNames,
@@ -43,4 +44,7 @@ class CSchedulerService : public ISchedulerService, public CProxyISchedulerServi
                                const NodeNames& nodeNames, NodeResults& results) override;
   Status PerformOperationOnNodes(const BSTR& data, std::uint32_t nodeCount, const NodeNames& nodeNames,
                                  NodeResults& results) override;
+
+ private:
+  qx::INodeChannel* m_nodes = nullptr;
 };

@@ -137,7 +137,9 @@ CServiceModule::CServiceModule(ServiceOptions options, INodeChannel* nodes)
       m_nodes(nodes),
       m_loop(m_apartment, m_service, &m_clockWatch, nodes),
       m_timeChange(m_clockWatch),
-      m_parts{m_loop, m_timeChange, nodes} {}
+      m_parts{m_loop, m_timeChange, nodes} {
+  m_service.SetNodes(nodes);
+}
 
 CServiceModule::~CServiceModule() = default;
 
