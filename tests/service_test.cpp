@@ -704,18 +704,24 @@ TEST_F(Service, AModifiedJobStartsInItsNewWindow) {
   close(reader);
 }
 
-TEST_F(Service, OperationsOnNodesAreNotSupportedYet) {
+TEST_F(Service, OperationsOnNodesDoTheirLocalStepAndNoneOfAMachinesOwnAccountLeaves) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   NodeResults results = {7};
   ScheduleGuid id;
-  const NodeNames nodes = {u"localhost"};
-  EXPECT_EQ(client.PerformOperationOnNodes(u"data", 1, nodes, results), 0x80070032u);
-  EXPECT_EQ(client.LastError().name, kBusErrorNotSupported);
-  EXPECT_EQ(client.CreateScheduleOnNodes(service.Job("n", FarStart()), id, 1, nodes, results), 0x80070032u);
-  EXPECT_EQ(client.DeleteScheduleOnNodes(id, 1, nodes, results), 0x80070032u);
-  EXPECT_EQ(client.ModifyScheduleOnNodes(id, service.Job("n", FarStart()), 1, nodes, results), 0x80070032u);
-  EXPECT_THAT(results, ElementsAre(7));
+  const NodeNames here = {u"localhost"};
+  EXPECT_EQ(client.CreateScheduleOnNodes(service.Job("n", FarStart()), id, 1, here, results), 0u);
+  EXPECT_THAT(results, ElementsAre(0));
+  EXPECT_EQ(Count(), 1u);
+  EXPECT_EQ(client.ModifyScheduleOnNodes(id, service.Job("n", FarStart()), 1, here, results), 0u);
+  EXPECT_EQ(client.PerformOperationOnNodes(u"/bin/true", 1, here, results), 0u);
+  EXPECT_THAT(results, ElementsAre(1));  // no local step
+  results = {7, 7};
+  EXPECT_EQ(client.DeleteScheduleOnNodes(id, 2, {u"127.0.0.2", u"localhost"}, results), 1u);
+  EXPECT_THAT(results, ElementsAre(1, 0));
   EXPECT_EQ(Count(), 0u);
+  EXPECT_THAT(service.Log(), HasSubstr("Scheduler service is running in the localsystem account."));
+  EXPECT_EQ(client.DeleteScheduleOnNodes(id, 0, {}, results), 0x80040211u);
+  EXPECT_EQ(client.DeleteScheduleOnNodes(id, 1, {u"LOCALHOST"}, results), 0x80040212u);
 }
 
 TEST_F(Service, UpdateListTakesTheKnownTypesAndLeavesTheOutputs) {

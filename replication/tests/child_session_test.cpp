@@ -447,18 +447,15 @@ TEST_F(ChildSession, PlatformFailuresEndTheConnectionWithTheirLine) {
     m_log.Clear();
     const ScheduleGuid id = NewId();
     Caller caller;
-    Call(caller, id);
-    ASSERT_EQ(getLuidForProc(caller.credentials, platform::CredentialsUse::kOutbound), 0u);
     if (c.call == 2) {
-      caller.socket.Close();
-      WaitForChildren();
       const FaultPlan plan = FaultPlan::FailCall(c.operation, 1, 8);
       Caller refused;
       Call(refused, id);
       EXPECT_TRUE(refused.IsClosed());
       WaitForChildren();
     } else {
-      ASSERT_EQ(createContext(caller.socket, caller.credentials, caller.context, id), 0);
+      Call(caller, id);
+      caller.Authenticate();
       caller.ExchangeKeys();
       const Bytes body = DeleteBody(id);
       // The first conversion is that of the header.

@@ -6,6 +6,7 @@
 #include "platform/service_record.h"
 #include "replication/node_channel.h"
 #include "replication/tests/replication_fixture.h"
+#include "replication/tests/wire_tap.h"
 #include "service/service_registration.h"
 
 namespace qx {
@@ -387,6 +388,39 @@ TEST_F(NodeOperations, ALongBodyIsSentAndRefusedByThePeer) {
   EXPECT_EQ(m_operations.CreateScheduleOnNodes(m_self, schedule, m_id, 2, {u"127.0.0.2", u"localhost"}, m_results), 0u);
   EXPECT_THAT(m_results, ElementsAre(1, 0));
   EXPECT_THAT(m_log.texts(), Contains(HasSubstr("Large invalid message length received: 6")));
+}
+
+TEST_F(NodeOperations, TheConversationIsTokensKeysOperationAndAnswer) {
+  testing::WireTap tap(m_listener.Port());
+  m_operations.SetPort(tap.Port());
+  ASSERT_EQ(Run(Which::kDelete, {u"127.0.0.1", u"localhost"}), 0u);
+  const std::vector<testing::TappedMessage> messages = tap.Messages();
+  struct Expected {
+    bool fromInitiator;
+    std::uint32_t type;
+    std::size_t least, most;  // payload bytes
+  };
+  const Expected kExpected[] = {
+      {true, MSG_CONTEXT_REQUEST, 60, 100},  {false, MSG_CONTEXT_REPLY, 120, 250}, {true, MSG_CONTEXT_REQUEST, 250, 400},
+      {false, MSG_CONTEXT_REPLY, 9, 60},     {true, MSG_PUBLIC_KEY, 276, 276},     {false, MSG_PUBLIC_KEY, 276, 276},
+      {true, MSG_DELETE, 256, 256},          {false, MSG_DELETE | ACK_FLAG, 256, 256},
+  };
+  ASSERT_EQ(messages.size(), std::size(kExpected));
+  for (std::size_t i = 0; i < messages.size(); ++i) {
+    const testing::TappedMessage& message = messages[i];
+    EXPECT_EQ(message.fromInitiator, kExpected[i].fromInitiator) << i;
+    EXPECT_EQ(message.decoded.msgType, kExpected[i].type) << i;
+    EXPECT_GE(message.payload.size(), kExpected[i].least) << i;
+    EXPECT_LE(message.payload.size(), kExpected[i].most) << i;
+    EXPECT_EQ(message.decoded.scheduleId, m_id) << i;
+    if (getenv("QX_SHOW_WIRE") != nullptr) {
+      std::printf("%c %s\n  %s\n", message.fromInitiator ? '>' : '<', testing::Hex(message.header).c_str(),
+                  testing::Hex(message.payload).c_str());
+    }
+  }
+  // Nothing of the body or of the answer crosses readably.
+  const std::string_view cipher(reinterpret_cast<const char*>(messages[6].payload.data()), 256);
+  EXPECT_EQ(cipher.find("QxSched"), std::string_view::npos);
 }
 
 TEST_F(NodeOperations, TheChannelIsTheWayOfTheServicesObject) {
