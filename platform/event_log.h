@@ -1,7 +1,7 @@
 // platform/event_log.h: the system's event log: numbered events under a source's name.
 //
-// An event goes to the journal with its number in the field EVENT_ID where the journal's socket exists, else to syslog.
-// Writing an event never fails for its caller and never waits for a reader.
+// An event goes to the journal with its number in the field EVENT_ID where a journal listens, else to syslog. Writing an
+// event never fails for its caller and never waits for a reader: one whose queue is full misses it.
 // Threads: any.
 #pragma once
 
@@ -39,7 +39,7 @@ struct LoggedEvent {
 };
 
 // Writes an event; the line for people is "event 0xNUMBER" in eight hexadecimal digits, with ": TEXT" behind it when
-// the text isn't empty. The texts are used up to a NUL.
+// the text isn't empty; of number 0, which stands for none, the text alone. The texts are used up to a NUL.
 void ReportEvent(std::u16string_view source, EventKind kind, std::uint32_t number, std::u16string_view text);
 
 // That line.

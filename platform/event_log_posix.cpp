@@ -1,10 +1,11 @@
 #include "platform/event_log.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
-#define SD_JOURNAL_SUPPRESS_LOCATION  // the place in this file says nothing about the event
-#include <systemd/sd-journal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <mutex>
 
@@ -13,8 +14,10 @@
 namespace platform {
 namespace {
 
-// Where the journal listens (systemd-journald.service(8)).
-constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
+// Where the journal listens (systemd-journald.service(8)), and a syslog daemon (syslog(3)). Their libraries would wait
+// for one that doesn't read.
+constexpr std::string_view kJournalSocket = "/run/systemd/journal/socket";
+constexpr std::string_view kSyslogSocket = "/dev/log";
 
 std::mutex g_sinkMutex;
 std::function<void(const LoggedEvent&)>& Sink() {
@@ -36,20 +39,54 @@ int PriorityOf(EventKind kind) {
   return LOG_INFO;
 }
 
-bool HasJournal() { return access(kJournalSocket, F_OK) == 0; }
-
-bool WriteToJournal(const LoggedEvent& event) {
-  return sd_journal_send("MESSAGE=%s", EventLine(event).c_str(), "PRIORITY=%d", PriorityOf(event.kind), "EVENT_ID=%u",
-                         event.number, "SYSLOG_IDENTIFIER=%s", event.source.c_str(), nullptr) == 0;
+// One datagram, without waiting for a reader whose queue is full: false only when nobody listens there.
+bool SendTo(std::string_view socketName, const std::string& datagram) {
+  const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (sender < 0) return true;
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  socketName.copy(address.sun_path, sizeof address.sun_path - 1);
+  const ssize_t sent = sendto(sender, datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                              reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  const bool nobody = sent < 0 && (errno == ENOENT || errno == ECONNREFUSED || errno == ENOTDIR);
+  close(sender);
+  return !nobody;
 }
 
+// A field as the journal takes it (systemd.io, "Journal Native Protocol"): of several lines with its size, 64 bits with
+// the lowest byte first.
+void AppendField(std::string& datagram, std::string_view name, const std::string& value) {
+  datagram += name;
+  if (value.find('\n') == std::string::npos) {
+    datagram += '=';
+  } else {
+    datagram += '\n';
+    for (unsigned shift = 0; shift < 64; shift += 8) {
+      datagram += static_cast<char>(static_cast<std::uint64_t>(value.size()) >> shift & 0xFF);
+    }
+  }
+  datagram += value + '\n';
+}
+
+bool WriteToJournal(const LoggedEvent& event) {
+  std::string datagram;
+  AppendField(datagram, "MESSAGE", EventLine(event));
+  AppendField(datagram, "PRIORITY", std::to_string(PriorityOf(event.kind)));
+  AppendField(datagram, "EVENT_ID", std::to_string(event.number));
+  AppendField(datagram, "SYSLOG_IDENTIFIER", event.source);
+  return SendTo(kJournalSocket, datagram);
+}
+
+// Without a time: the daemon takes that of the arrival.
 void WriteToSyslog(const LoggedEvent& event) {
-  syslog(LOG_DAEMON | PriorityOf(event.kind), "%s: %s", event.source.c_str(), EventLine(event).c_str());
+  (void)SendTo(kSyslogSocket, "<" + std::to_string(LOG_DAEMON | PriorityOf(event.kind)) + ">" + event.source + ": " +
+                                  EventLine(event));
 }
 
 }  // namespace
 
 std::string EventLine(const LoggedEvent& event) {
+  if (event.number == 0) return event.text;
   char number[sizeof "event 0x00000000"];
   std::snprintf(number, sizeof number, "event 0x%08X", static_cast<unsigned>(event.number));
   return event.text.empty() ? std::string(number) : std::string(number) + ": " + event.text;
@@ -61,7 +98,7 @@ void ReportEvent(std::u16string_view source, EventKind kind, std::uint32_t numbe
     const std::lock_guard lock(g_sinkMutex);
     if (Sink()) return Sink()(event);
   }
-  if (!HasJournal() || !WriteToJournal(event)) WriteToSyslog(event);
+  if (!WriteToJournal(event)) WriteToSyslog(event);
 }
 
 void InstallEventSink(std::function<void(const LoggedEvent&)> sink) {
