@@ -131,4 +131,54 @@ TEST_F(RunThread, TellsOfEventsThatCouldNotBeMade) {
   EXPECT_THAT(m_log.texts(0), Contains("RunThread: the events couldn't be made, error :8"));
 }
 
+// Notes what is there when it is called.
+class ObservingChannel : public Channel {
+ public:
+  Security LoadSecurityLibrary(platform::ErrorCode& code) override {
+    platform::WaitResult result;
+    const bool events = g_SchedulerEvents.Wait(0, result) == 0;
+    ZepFoundation::ServiceLog(0, u"security, events: %d, listed: %d", events ? 1 : 0,
+                              static_cast<std::uint32_t>(g_JobList.Size()));
+    return Channel::LoadSecurityLibrary(code);
+  }
+  platform::ErrorCode StartSockets() override {
+    ZepFoundation::ServiceLog(0, u"sockets, listed: %d, scheduler: %d, time change: %d",
+                              static_cast<std::uint32_t>(g_JobList.Size()), scheduler->joinable() ? 1 : 0,
+                              timeChange->joinable() ? 1 : 0);
+    return 0;
+  }
+  platform::Thread* scheduler = nullptr;
+  platform::Thread* timeChange = nullptr;
+};
+
+TEST_F(RunThread, MakesWhatLaterStepsUseAheadOfThem) {
+  Create(Daily());
+  DoCleanUp();
+  m_log.Clear();
+  g_SchedulerEvents = {};
+  ObservingChannel channel;
+  platform::ClockWatch watch("/nonexistent/zone");
+  qx::CSchedulerLoop loop(m_apartment, m_service, &watch, &channel);
+  qx::CTimeChangeThread timeChange(watch);
+  qx::RunThreadParts parts{.loop = loop, .timeChange = timeChange, .nodes = &channel};
+  channel.scheduler = &parts.schedulerThread;
+  channel.timeChange = &parts.timeChangeThread;
+  EXPECT_EQ(qx::RunThread(parts), kStatusOk);
+  g_SchedulerEvents.Set(SHUTDOWN_EVENT);
+  parts.schedulerThread.Join();
+  watch.Destroy();
+  parts.timeChangeThread.Join();
+  parts.socketThread.Join();
+  // The lines of the starting thread.
+  std::vector<std::string> steps;
+  for (const std::string& text : m_log.texts(5)) {
+    for (const char* own : {"security,", "Port Value", "Intial", "sockets,", "successful"}) {
+      if (text.starts_with(own)) steps.push_back(text);
+    }
+  }
+  EXPECT_THAT(steps, ElementsAre("security, events: 1, listed: 0", "Port Value set is: 4888",
+                                 "Intial TimeZone = GMT+0:0:0", "sockets, listed: 1, scheduler: 1, time change: 1",
+                                 "successful WSAStartup"));
+}
+
 }  // namespace
