@@ -136,12 +136,13 @@ Status CJobNode::SavScheduleToFile(const SCHEDULE_OBJECT& schedule) {
   return ScheduleObj.m_pSchedule == nullptr ? kNoScheduler : ScheduleObj.AddScheduleRules(&schedule);
 }
 
-void CJobNode::DeleteScheduleRuleFile() {
+platform::ErrorCode CJobNode::DeleteScheduleRuleFile() {
   const std::u16string path(ScheduleObj.m_IniFilePath.view());
   const std::string aside = platform::NativePath(path + std::u16string(qx::kOldIniSuffix));
   // Not synced: a power cut finds the file under one of its two names.
   const platform::ErrorCode code = platform::RenameFile(platform::NativePath(path), aside);
   if (code != platform::ERROR_SUCCESS) ServiceLog(1, u"Failed to delete old ini file with error %d", code);
+  return code;
 }
 
 std::u16string CJobNode::IdText() const { return platform::GuidText(ScheduleID); }

@@ -12,6 +12,7 @@
 #include "common/schedule_adapter.h"
 #include "foundation/include/zfcstring.h"
 #include "interface/records.h"
+#include "platform/error_codes.h"
 
 class CJobNode {
  public:
@@ -46,8 +47,9 @@ class CJobNode {
   [[nodiscard]] Status LoadScheduleFromFile(SCHEDULE_OBJECT& schedule);
   // Sets the rules and writes the .ini file; ZEP_E_POINTER without a rule object. What the save answers isn't returned.
   Status SavScheduleToFile(const SCHEDULE_OBJECT& schedule);  // Deliberate: spelled so.
-  // Moves the .ini file aside, to {ID}.ini.old, not synced; a failure is logged and ignored.
-  void DeleteScheduleRuleFile();
+  // Moves the .ini file aside, to {ID}.ini.old, not synced; a failure is logged.
+  //   returns  0: it lies aside; a code of platform::RenameFile: it is where it was, if anywhere
+  platform::ErrorCode DeleteScheduleRuleFile();
 
   // The braced, upper-case ID: also the name of the registry key and of the .ini file.
   [[nodiscard]] std::u16string IdText() const;

@@ -80,6 +80,7 @@ class Modification {
   std::u16string m_oldPath;
   bool m_otherDirectory = false;  // the new file lies in another directory than the old one
   bool m_isAside = false;         // the old file lies under its .old name
+  bool m_hasOldRules = false;     // of the listed job, or in the old file
 };
 
 // --- the new data ---
@@ -174,6 +175,8 @@ bool Modification::TakeListedJob() {
   m_old.ScheduleObj = at->ScheduleObj;
   // The list gives its count up below; a rollback needs the object until the operation ends.
   if (m_old.ScheduleObj.m_pSchedule != nullptr) m_old.ScheduleObj.m_pSchedule->AddRef();
+  // Where the file can't be read, a rollback writes the rules by which the job ran.
+  (void)at->ScheduleObj.LoadScheduleFromPropBag(&m_oldRecord);
   (void)at->LoadScheduleFromFile(m_oldRecord);
   if (const Status status = at->ReleaseScheduler(); status != kStatusOk) {
     ServiceLog(1, u"ModifySchedule:Failed ReleaseScheduler, with error %x", status);
@@ -228,9 +231,9 @@ Status Modification::Commit(bool& modified) {
 
 // The old file goes first, because the new one may have the same path.
 void Modification::PutOldFileAside() {
-  m_old.DeleteScheduleRuleFile();
-  m_isAside = !platform::FileExists(platform::NativePath(m_oldPath)) &&
-              platform::FileExists(platform::NativePath(m_oldPath + std::u16string(kOldIniSuffix)));
+  const ErrorCode code = m_old.DeleteScheduleRuleFile();
+  m_isAside = code == ERROR_SUCCESS;
+  m_hasOldRules = m_wasListed || !IsMissing(code);
 }
 
 // Before the key names another directory, the old rules lie there too, safe from a power cut.
@@ -314,11 +317,19 @@ Status Modification::RevertRegistry() {
   return status;
 }
 
-// The old file comes back as it was, then the old rules are saved into it: a save that fails leaves it whole.
+// The old rules are saved; then the old file takes their place, byte by byte as it was, also where the save failed. One
+// that can't be moved back stays aside for the next load.
 Status Modification::RestoreOldFile() {
   const std::string file = platform::NativePath(m_oldPath);
-  if (m_isAside) (void)platform::RenameFile(platform::NativePath(m_oldPath + std::u16string(kOldIniSuffix)), file);
-  const Status status = m_old.SavScheduleToFile(m_oldRecord);
+  // A schedule that had neither job nor file gets no file with the rules of an empty one.
+  const Status status = m_hasOldRules ? m_old.SavScheduleToFile(m_oldRecord) : kStatusOk;
+  if (m_isAside) {
+    const std::u16string aside = m_oldPath + std::u16string(kOldIniSuffix);
+    const ErrorCode code = platform::RenameFile(platform::NativePath(aside), file);
+    if (code != ERROR_SUCCESS && !IsMissing(code)) {
+      ServiceLog(1, u"ModifySchedule: Failed to move %s back, error = %d", ForLog(aside), code);
+    }
+  }
   if (platform::FileExists(file)) RemoveCopies();
   return status;
 }

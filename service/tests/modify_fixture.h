@@ -10,6 +10,33 @@
 #include "service/modify_schedule.h"
 #include "service/tests/service_fixture.h"
 
+// How a record is printed: texts and the plain numbers of the rules.
+inline void PrintTo(const SCHEDULE_OBJECT& s, std::ostream* out) {
+  for (const BSTR& text : {s.bstrName, s.bstrDescription, s.bstrApplication, s.bstrObjectID, s.bstrWrapperBinaryName,
+                           s.bstrXMLFilePathName, s.bstrParameters, s.bstrPreScript, s.bstrPostScript}) {
+    *out << (text ? "'" + platform::Utf8FromWide(*text) + "' " : "null ");
+  }
+  const SCHEDULE_RULE& r = s.stScheduleRules;
+  *out << "code " << s.dwTaskOpCode << " now " << s.bRunNow << " id " << s.bUseGUID << " next " << s.lNextTimeWindow
+       << " start " << r.lStartTime << " end " << r.lEndTime << " duration " << r.dwTimeDuration << " effective "
+       << r.bEffectiveDate << "," << r.lEffectiveDate << " restart " << r.bRestartInterval << "," << r.dwRestartInterval
+       << " repeat " << r.bRepeatInterval << "," << r.dwRepeatInterval << "," << r.lAnchorDate;
+  const auto list = [out](const char* name, const auto& values) {
+    *out << " " << name;
+    for (std::size_t i = 0; i < values.size(); ++i) {
+      if (values[i] != 0) *out << " " << i << ":" << values[i];
+    }
+  };
+  list("month", r.adwDaysOfMonth);
+  list("weeks", r.dwDaysOfWeek0);
+  list("/", r.dwDaysOfWeek1);
+  list("/", r.dwDaysOfWeek2);
+  list("/", r.dwDaysOfWeek3);
+  list("/", r.dwDaysOfWeek4);
+  list("include", r.alIncludeDates);
+  list("exclude", r.alExcludeDates);
+}
+
 namespace qx::testing {
 
 // Everything that is kept of one schedule, but for the time and kind of the last operation.

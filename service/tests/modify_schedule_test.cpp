@@ -490,6 +490,47 @@ TEST_F(ModifySchedule, TakesAFileThatAnEarlierModificationLeftAside) {
   }
 }
 
+TEST_F(ModifySchedule, WritesAMissingFileOfAListedJobAgainInARollback) {
+  const ScheduleGuid id = CreateQuietly(Before());
+  std::filesystem::remove(Folder(Ini(id)));
+  SCHEDULE_OBJECT after = After("b");
+  after.bstrApplication = u"other";
+  EXPECT_EQ(m_service.ModifySchedule(id, after), kStatusOk);
+  EXPECT_THAT(FileNames(), ElementsAre(Ini(id)));
+  EXPECT_EQ(Stored(id), ReadsAs(Before(), 0));
+  EXPECT_EQ(Listed(id), ReadsAs(Before(), 0));
+  ExpectSilence(__LINE__);
+}
+
+TEST_F(ModifySchedule, MakesNoFileInARollbackOfAScheduleThatHadNeitherJobNorFile) {
+  const ScheduleGuid id = CreateQuietly(Before());
+  Unlist(id);
+  std::filesystem::remove(Folder(Ini(id)));
+  const Kept before = Keep(id);
+  SCHEDULE_OBJECT after = After("b");
+  after.bstrApplication = u"other";
+  EXPECT_EQ(m_service.ModifySchedule(id, after), kStatusOk);
+  EXPECT_EQ(Keep(id), before);
+  ExpectSilence(__LINE__);
+  // New rules make it whole.
+  EXPECT_EQ(m_service.ModifySchedule(id, After("b")), kStatusOk);
+  EXPECT_EQ(Stored(id), ReadsAs(After("b"), 0));
+  EXPECT_EQ(Listed(id), ReadsAs(After("b"), 0));
+}
+
+TEST_F(ModifySchedule, RollsBackToTheRulesByWhichTheJobRanWhenItsFileCanNotBeRead) {
+  const ScheduleGuid id = CreateQuietly(Before());
+  const Kept before = Keep(id);
+  SCHEDULE_OBJECT after = After("b");
+  after.bstrApplication = u"other";
+  FaultPlan plan = FaultPlan::FailCall(Operation::kAllocate, 1, 8, platform::kOnce, "CIniFilePropertyBag");
+  EXPECT_EQ(m_service.ModifySchedule(id, after), kStatusOk);
+  plan.Remove();
+  EXPECT_EQ(plan.hits(), 1);
+  EXPECT_EQ(Keep(id), before);
+  ExpectSilence(__LINE__);
+}
+
 TEST_F(ModifySchedule, TellsThatACopyCouldNotBeDeleted) {
   const ScheduleGuid id = CreateQuietly(Before());
   FaultPlan plan = FaultPlan::FailCall(Operation::kDeleteFile, 1, 5);
@@ -654,9 +695,10 @@ TEST_F(ModifySchedule, ReturnsTheFailureOfAKeyThatCouldNotBeWrittenBackAndListsN
 TEST_F(ModifySchedule, ReturnsThatTheOldRulesCouldNotBeRestoredAndKeepsTheOldFile) {
   const ScheduleGuid id = CreateQuietly(Before());
   const Kept before = Keep(id);
+  Unlist(id);
   SCHEDULE_OBJECT after = After("b");
   after.bstrApplication = u"other";
-  // The listed job's rules can't be read, so that none are there to write.
+  // The old rules can't be read, so that none are there to write.
   FaultPlan plan = FaultPlan::FailCall(Operation::kAllocate, 1, 8, platform::kOnce, "CIniFilePropertyBag");
   EXPECT_EQ(m_service.ModifySchedule(id, after), kStatusNoRunDay);
   plan.Remove();
@@ -792,6 +834,7 @@ TEST_F(ModifySchedule, ReturnsTheFailureOfAKeyThatCouldNotBeWrittenBackAfterAFai
 TEST_F(ModifySchedule, ReturnsThatTheOldFileCouldNotBeRecovered) {
   const ScheduleGuid id = CreateQuietly(Before());
   const Kept before = Keep(id);
+  Unlist(id);
   std::filesystem::create_directories(Folder("b/" + Text(id) + ".ini/x"));
   FaultPlan plan = FaultPlan::FailCall(Operation::kAllocate, 1, 8, platform::kOnce, "CIniFilePropertyBag");
   EXPECT_EQ(m_service.ModifySchedule(id, After("b")), kStatusNoRunDay);
