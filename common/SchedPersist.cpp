@@ -7,6 +7,7 @@
 #include <new>
 #include <optional>
 #include <ostream>
+#include <source_location>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -82,18 +83,21 @@ constexpr char16_t kScheduleID[] = u"m_ScheduleID";
 constexpr std::u16string_view kDaysOfMonthName = u"m_DaysOfMonth";
 constexpr std::u16string_view kDayOfWeekListName = u"m_DayOfWeekList";
 
-ZRESULT RefusePointer() {
-  QX_TRACE(kTraceError, "ZEP_E_POINTER");
+// A refusal is traced with the file and line of the operation that refuses.
+using Place = std::source_location;
+
+ZRESULT RefusePointer(Place at = Place::current()) {
+  QX_TRACE_AT(kTraceError, at.file_name(), at.line(), "ZEP_E_POINTER");
   return ZEP_E_POINTER;
 }
 
-ZRESULT RefuseArgument() {
-  QX_TRACE(kTraceError, "ZEP_E_INVALIDARG");
+ZRESULT RefuseArgument(Place at = Place::current()) {
+  QX_TRACE_AT(kTraceError, at.file_name(), at.line(), "ZEP_E_INVALIDARG");
   return ZEP_E_INVALIDARG;
 }
 
-ZRESULT RefuseFail() {
-  QX_TRACE(kTraceError, "ZEP_E_FAIL");
+ZRESULT RefuseFail(Place at = Place::current()) {
+  QX_TRACE_AT(kTraceError, at.file_name(), at.line(), "ZEP_E_FAIL");
   return ZEP_E_FAIL;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <ostream>
+#include <source_location>
 #include <stdexcept>
 #include <vector>
 
@@ -34,30 +35,33 @@ constexpr std::uint32_t kMaxSpecificType = 10;
 constexpr std::int32_t kMinSenderOffset = -46800;
 constexpr std::int32_t kMaxSenderOffset = 43200;
 
-ZRESULT RefusePointer() {
-  QX_TRACE(kTraceError, "ZEP_E_POINTER");
+// A refusal is traced with the file and line of the operation that refuses.
+using Place = std::source_location;
+
+ZRESULT RefusePointer(Place at = Place::current()) {
+  QX_TRACE_AT(kTraceError, at.file_name(), at.line(), "ZEP_E_POINTER");
   return ZEP_E_POINTER;
 }
 
-ZRESULT RefuseArgument() {
-  QX_TRACE(kTraceError, "ZEP_E_INVALIDARG");
+ZRESULT RefuseArgument(Place at = Place::current()) {
+  QX_TRACE_AT(kTraceError, at.file_name(), at.line(), "ZEP_E_INVALIDARG");
   return ZEP_E_INVALIDARG;
 }
 
-ZRESULT RefuseFail() {
-  QX_TRACE(kTraceError, "ZEP_E_FAIL");
+ZRESULT RefuseFail(Place at = Place::current()) {
+  QX_TRACE_AT(kTraceError, at.file_name(), at.line(), "ZEP_E_FAIL");
   return ZEP_E_FAIL;
 }
 
 template <typename Out, typename Value>
-ZRESULT Give(Out* out, const Value& value) {
-  if (out == nullptr) return RefusePointer();
+ZRESULT Give(Out* out, const Value& value, Place at = Place::current()) {
+  if (out == nullptr) return RefusePointer(at);
   *out = static_cast<Out>(value);
   return ZEP_S_OK;
 }
 
-ZRESULT GiveText(char16_t** out, const wcstring& text) {
-  if (out == nullptr) return RefusePointer();
+ZRESULT GiveText(char16_t** out, const wcstring& text, Place at = Place::current()) {
+  if (out == nullptr) return RefusePointer(at);
   *out = ZepFoundation::ZepDuplicateWideString(text.c_str());
   return *out != nullptr ? ZEP_S_OK : ZEP_E_OUTOFMEMORY;
 }
@@ -368,14 +372,15 @@ ZRESULT CSchedule::ClearSpecificDate(std::uint32_t type, ZepTime date) {
   const CDate cut = qx::DateFromDay(qx::LocalDayOf(date));
   QX_TRACE(kTraceDebug, "CSchedule::ClearSpecificDate() specificDate=" << cut.GetDay() << " " << cut.GetMonth() << " "
                                                                        << cut.GetYear());
-  qx::DateSet* const dates = SpecificDates(type);
-  if (dates != nullptr && dates->Erase(static_cast<std::int32_t>(qx::DayFromDate(cut)))) m_bDirty = 1;
+  if (qx::DateSet* const dates = SpecificDates(type)) {
+    dates->Erase(static_cast<std::int32_t>(qx::DayFromDate(cut)));
+    m_bDirty = 1;  // as every clearing of a rule, whether the date was there or not
+  }
   return ZEP_S_OK;
 }
 
 ZRESULT CSchedule::ClearSpecificDates(std::uint32_t type) {
-  qx::DateSet* const dates = SpecificDates(type);
-  if (dates != nullptr && !dates->Empty()) {
+  if (qx::DateSet* const dates = SpecificDates(type)) {
     dates->Clear();
     m_bDirty = 1;
   }

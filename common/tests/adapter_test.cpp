@@ -181,10 +181,23 @@ TEST_F(Adapter, TheLastDayFlagAloneIsNotRead) {
 }
 
 TEST_F(Adapter, AStartOfZeroLeavesTheStartAtMidnight) {
+  const platform::ScopedZone zone("EST5");  // the instant 0 is 19:00 there
   SCHEDULE_OBJECT object = Friday();
   object.stScheduleRules.lStartTime = 0;
   EXPECT_EQ(m_adapter.Validate_ScheduleRules(&object), 0u);
   EXPECT_EQ(Shown(Given().stScheduleRules.lStartTime), "2024-06-15 00:00:00");
+  EXPECT_EQ(Shown(Given().stScheduleRules.lEndTime), "2024-06-15 11:00:00");
+}
+
+TEST_F(Adapter, AnEndAnAnchorAndADurationOfZeroLeaveTheResetOnes) {
+  const platform::ScopedZone zone("EST5");
+  SCHEDULE_OBJECT object = Friday();
+  object.stScheduleRules.lStartTime = 0;
+  object.stScheduleRules.lEndTime = 0;
+  EXPECT_EQ(m_adapter.Validate_ScheduleRules(&object), 0u);
+  EXPECT_EQ(Shown(Given().stScheduleRules.lEndTime), "2024-06-15 23:59:59");
+  EXPECT_EQ(Shown(Given().stScheduleRules.lAnchorDate), "2024-06-15 00:00:00");
+  EXPECT_EQ(Given().stScheduleRules.dwTimeDuration, 86399059u);
 }
 
 TEST_F(Adapter, ARepeatIntervalOfZeroKeepsTheTwoDays) {
@@ -308,11 +321,12 @@ TEST_F(Adapter, AFailingTextGetterIsTheResult) {
 
 TEST_F(Adapter, FailingDateGettersAreToldAndPassedOver) {
   FailingSchedule& schedule = Failing();
+  schedule.SetSpecificDate(1, Local("2024-12-24"));
   schedule.SetSpecificDate(2, Local("2024-12-25"));
   SCHEDULE_OBJECT object;
   schedule.m_date = ZEP_E_FAIL;
   EXPECT_EQ(m_adapter.LoadScheduleFromPropBag(&object), 0u);
-  EXPECT_TRUE(m_log.Has(1, " GetSpecificDate(INCLUDE, 0) returned with error 80000006"));
+  EXPECT_EQ(m_log.Count(1, " GetSpecificDate(INCLUDE, 0) returned with error 80000006"), 2);  // also of the exclude date
   schedule.m_count = ZEP_E_INVALIDARG;
   EXPECT_EQ(m_adapter.LoadScheduleFromPropBag(&object), 0u);
   EXPECT_TRUE(m_log.Has(1, "CZEPScheduleObj::LoadScheduleFromPropBag - GetSpecificDatesCount(INCLUDE) returned with error : 80000003"));

@@ -1,4 +1,5 @@
 // Weekdays by week of the month.
+#include <random>
 #include <sstream>
 #include <stdexcept>
 
@@ -129,6 +130,34 @@ TEST(DayOfWeek, AgreesWithTheWalkForEverySingleRuleOnEveryDayOfNineYears) {
   }
 }
 
+// Words of any bits, those of all weeks alike and none at all among them.
+TEST(DayOfWeek, AgreesWithTheWalkForRandomWords) {
+  std::mt19937 random(20240223);
+  for (int i = 0; i < 20000; ++i) {
+    CDayOfWeek rule;
+    const bool sparse = random() % 2 == 0;
+    const bool alike = random() % 4 == 0;
+    const std::uint32_t common = random();
+    for (zepByte week = 0; week < CDayOfWeek::kWeeks; ++week) {
+      const std::uint32_t bits = alike ? common : sparse ? random() & random() & random() : random();
+      for (zepByte day = 0; day < 8; ++day) {
+        if ((bits >> day & 1u) != 0) rule.SetDay(day, week);
+      }
+    }
+    CDate from = Date(2000, 1, 1);
+    from.IncrementDay(static_cast<int>(random() % 13880));  // to 2037
+    char words[64];
+    rule.PrintWords(words);
+    ASSERT_EQ(NextOf(rule, from), WalkedNext(rule, from)) << words;
+  }
+}
+
+TEST(DayOfWeek, GivesTheFirstOfTheNextMonthWhenNothingIsSet) {
+  const CDayOfWeek rule;
+  EXPECT_FALSE(rule.AnyDaySet());
+  EXPECT_EQ(NextOf(rule, Date(2024, 1, 31)), "2/1/2024");
+}
+
 TEST(DayOfWeek, RaisesWhatItsContainersRaise) {
   CDayOfWeek rule;
   EXPECT_THROW(rule.SetDay(0, 5), std::out_of_range);
@@ -136,6 +165,11 @@ TEST(DayOfWeek, RaisesWhatItsContainersRaise) {
   EXPECT_EQ(rule.ClearDay(9, 0), ZEP_S_OK);  // the week's word is 0
   rule.SetDay(1, 0);
   EXPECT_THROW(rule.ClearDay(9, 0), std::out_of_range);
+  EXPECT_THROW(rule.ClearDay(1, 5), std::out_of_range);
+  zepByte set = 7;
+  EXPECT_THROW(rule.GetDay(8, 0, &set), std::out_of_range);
+  EXPECT_THROW(rule.GetDay(0, 5, &set), std::out_of_range);
+  EXPECT_EQ(set, 7);
 }
 
 TEST(DayOfWeek, RefusesANullOutAndTellsTheTrace) {

@@ -9,6 +9,7 @@
 #include <limits>
 #include <sstream>
 #include <type_traits>
+#include <utility>
 
 #include "platform/profile.h"
 #include "platform/testing/fault.h"
@@ -424,6 +425,117 @@ TEST_F(IniFileBag, UpdatesTheFileAtEachWriteUnlessABatchGathersThem) {
   EXPECT_EQ(Get(), "[Run Day Rules]\r\nm_bUseRepeatInterval=1\r\n");
   EXPECT_EQ(platform::CommitProfiles(), platform::ERROR_SUCCESS);
   EXPECT_EQ(Get(), "[Run Day Rules]\r\nm_bUseRepeatInterval=2\r\n[Custom Map Data]\r\na=b\r\n");
+}
+
+TEST_F(IniFileBag, GoesOnInTheFileThatItWasGivenLast) {
+  Write(kFlag, PropertyValue(kTagInt32, 1));
+  const std::string first = m_file;
+  m_file = m_directory + "/{2}.ini";
+  m_path = platform::WideFromUtf8(m_file);
+  EXPECT_TRUE(m_bag.SetFileName(m_path.c_str()));
+  EXPECT_EQ(Read(kFlag, PropertyValue(kTagInt32, 5)).Int32(), 5);
+  Write(kFlag, PropertyValue(kTagInt32, 2));
+  EXPECT_EQ(Get(), "[Run Day Rules]\r\nm_bUseRepeatInterval=2\r\n");
+  m_file = first;
+  EXPECT_EQ(Get(), "[Run Day Rules]\r\nm_bUseRepeatInterval=1\r\n");
+}
+
+// Notes the primitives that are reached, the inner ones of a wide value too.
+class NotingBag final : public CIniFilePropertyBag {
+ public:
+  using Name = const wcstring&;
+  using Value = const PropertyValue&;
+  using Slot = PropertyValue&;
+  using Bag = CIniFilePropertyBag;
+
+  const char* ReadString(Name s, Name k, Slot v) override { return Note("ReadString", Bag::ReadString(s, k, v)); }
+  std::uint8_t ReadBool(Name s, Name k, std::uint8_t& v) override { return Note("ReadBool", Bag::ReadBool(s, k, v)); }
+  std::int32_t ReadInt(Name s, Name k, std::int32_t& v) override { return Note("ReadInt", Bag::ReadInt(s, k, v)); }
+  std::uint32_t ReadInt(Name s, Name k, std::uint32_t& v) override {
+    std::int32_t number = static_cast<std::int32_t>(v);  // the base's passes on to the form above
+    v = static_cast<std::uint32_t>(Bag::ReadInt(s, k, number));
+    return Note("ReadInt", v);
+  }
+  long ReadWide(Name s, Name k, long& v) override { return Note("ReadWide date", Bag::ReadWide(s, k, v)); }
+  long long ReadWide(Name s, Name k, long long& v) override { return Note("ReadWide time", Bag::ReadWide(s, k, v)); }
+  std::uint32_t ReadDateArray(Name s, Name k, Slot v) override { return Note("ReadDateArray", Bag::ReadDateArray(s, k, v)); }
+  std::uint32_t ReadByteArray(Name s, Name k, Slot v) override { return Note("ReadByteArray", Bag::ReadByteArray(s, k, v)); }
+  std::uint32_t ReadInt16Array(Name s, Name k, Slot v) override {
+    return Note("ReadInt16Array", Bag::ReadInt16Array(s, k, v));
+  }
+  std::uint32_t ReadStringMap(Name s, Name k, Slot v) override { return Note("ReadStringMap", Bag::ReadStringMap(s, k, v)); }
+  std::int32_t WriteBool(Name s, Name k, std::uint8_t v) override { return Note("WriteBool", Bag::WriteBool(s, k, v)); }
+  std::int32_t WriteUnsigned(Name s, Name k, std::uint32_t v) override {
+    return Note("WriteUnsigned", Bag::WriteUnsigned(s, k, v));
+  }
+  std::int32_t WriteSigned(Name s, Name k, std::int32_t v) override { return Note("WriteSigned", Bag::WriteSigned(s, k, v)); }
+  std::int32_t WriteString(Name s, Name k, const char* v) override { return Note("WriteString", Bag::WriteString(s, k, v)); }
+  std::int32_t WriteWide(Name s, Name k, long v) override { return Note("WriteWide date", Bag::WriteWide(s, k, v)); }
+  std::int32_t WriteWide(Name s, Name k, long long v) override { return Note("WriteWide time", Bag::WriteWide(s, k, v)); }
+  std::uint32_t WriteDateArray(Name s, Name k, Value v) override { return Note("WriteDateArray", Bag::WriteDateArray(s, k, v)); }
+  std::uint32_t WriteByteArray(Name s, Name k, Value v) override { return Note("WriteByteArray", Bag::WriteByteArray(s, k, v)); }
+  std::uint32_t WriteInt16Array(Name s, Name k, Value v) override {
+    return Note("WriteInt16Array", Bag::WriteInt16Array(s, k, v));
+  }
+  std::uint32_t WriteStringMap(Name s, Name k, Value v) override { return Note("WriteStringMap", Bag::WriteStringMap(s, k, v)); }
+
+  // The primitives since the last call, innermost first.
+  std::string Taken() { return std::exchange(m_calls, {}); }
+
+ private:
+  template <class T>
+  T Note(const char* name, T result) {
+    m_calls += (m_calls.empty() ? "" : ", ") + std::string(name);
+    return result;
+  }
+  std::string m_calls;
+};
+
+struct PrimitiveCase {
+  ZepTag tag;
+  const char* general;
+  const char* rules;
+  const char* read;  // of both, where `general` isn't empty
+};
+const PrimitiveCase kPrimitives[] = {
+    {kTagDate, "WriteUnsigned, WriteWide date", "WriteUnsigned, WriteWide date", "ReadInt, ReadWide date"},
+    {kTagTime, "WriteUnsigned, WriteWide time", "WriteUnsigned, WriteWide time", "ReadInt, ReadWide time"},
+    {kTagTimeSpan, "WriteUnsigned", "WriteUnsigned", "ReadInt"},
+    {kTagInt8, "WriteSigned", "WriteUnsigned", "ReadInt"},
+    {kTagBool, "WriteBool", "WriteBool", "ReadBool"},
+    {kTagInt16, "WriteSigned", "WriteSigned", "ReadInt"},
+    {kTagUInt16, "WriteUnsigned", "WriteUnsigned", "ReadInt"},
+    {kTagInt32, "WriteSigned", "WriteSigned", "ReadInt"},
+    {kTagUInt32, "WriteUnsigned", "WriteUnsigned", "ReadInt"},
+    {kTagText, "WriteString", "WriteString", "ReadString"},
+    {kTagBits32, "WriteUnsigned", "WriteUnsigned", "ReadInt"},
+    {kTagDateArray, "", "WriteDateArray", "ReadDateArray"},
+    {kTagInt16Array, "", "WriteInt16Array", "ReadInt16Array"},
+    {kTagStringMap, "", "WriteStringMap", "ReadStringMap"},
+    {kTagCustom, "", "", ""},
+    {ZepTag{1}, "", "", ""},
+};
+TEST_F(IniFileBag, ReachesThePrimitiveOfEachTagThroughTheTableOfOperations) {
+  NotingBag bag;
+  bag.SetFileName(m_path.c_str());
+  for (const PrimitiveCase& c : kPrimitives) {
+    PropertyValue value(c.tag);
+    for (const char16_t* name : {kGeneralFlag, kFlag}) {
+      const bool general = name == kGeneralFlag;
+      EXPECT_EQ(bag.Write(name, &value), 0);
+      EXPECT_EQ(bag.Taken(), general ? c.general : c.rules) << c.tag;
+      EXPECT_EQ(bag.Read(name, &value), 0);
+      EXPECT_EQ(bag.Taken(), general && *c.general == '\0' ? "" : c.read) << c.tag;
+    }
+  }
+  PropertyValue bytes = Bytes({1});
+  EXPECT_EQ(bag.Write(kList, &bytes), 0);
+  EXPECT_EQ(bag.Taken(), "WriteSigned, WriteByteArray");
+  EXPECT_EQ(bag.Read(kList, &bytes), 0);
+  EXPECT_EQ(bag.Taken(), "ReadByteArray");
+  PropertyValue dates = Dates({1});
+  EXPECT_EQ(bag.Write(u"m_SpecificIncludeDateSet", &dates), 0);
+  EXPECT_EQ(bag.Taken(), "WriteUnsigned, WriteWide date, WriteDateArray");
 }
 
 TEST_F(IniFileBag, AnswersTwoInterfacesWithoutTakingAReference) {

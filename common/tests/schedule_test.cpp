@@ -1,11 +1,17 @@
 // The rule object by itself: values, ranges, validation, reset, copying.
 #include "common/tests/schedule_fixture.h"
 
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <set>
 #include <vector>
 
+#include "foundation/include/zfcdbg.h"
 #include "foundation/include/zfctext.h"
 #include "foundation/testing/captured_trace.h"
+#include "platform/registry.h"
+#include "platform/text.h"
 
 namespace qx::testing {
 namespace {
@@ -290,6 +296,46 @@ TEST_F(ScheduleObject, BecomesDirtyByRealChangesOnly) {
   }
 }
 
+TEST_F(ScheduleObject, BecomesDirtyWhereverARuleIsSetOrCleared) {
+  Fresh schedule;
+  for (const auto& change : std::vector<std::function<void()>>{
+           [&] { schedule->SetDayOfWeek(1, 1); },  // set already
+           [&] { schedule->ClearAllDaysOfWeek(); },
+           [&] { schedule->ClearDayOfWeek(1, 1); },  // clear already
+           [&] { schedule->SetSpecificDate(ZEP_SPECIFIC_INCLUDE, Local("2024-05-06 12:00")); },
+           [&] { schedule->SetSpecificDate(ZEP_SPECIFIC_INCLUDE, Local("2024-05-06 13:00")); },
+           [&] { schedule->ClearSpecificDate(ZEP_SPECIFIC_INCLUDE, Local("2024-05-07 12:00")); },
+           [&] { schedule->ClearSpecificDates(ZEP_SPECIFIC_EXCLUDE); }}) {
+    schedule->put_Dirty(0);
+    change();
+    EXPECT_TRUE(IsDirty(schedule.get()));
+  }
+  schedule->put_Dirty(0);
+  schedule->ClearSpecificDate(3, Local("2024-05-06 12:00"));  // no such set
+  schedule->ClearSpecificDates(3);
+  schedule->ClearDayOfMonth(5);  // nothing is set
+  EXPECT_FALSE(IsDirty(schedule.get()));
+}
+
+TEST_F(ScheduleObject, SetsAFullDayAndChangesNothingWhereItIsSetAlready) {
+  Rules rules;
+  rules->put_Dirty(0);
+  EXPECT_EQ(rules->SetFullDay(), ZEP_S_OK);
+  EXPECT_TRUE(IsDirty(&*rules));
+  std::uint32_t duration = 0;
+  ZepTime start = 0, end = 0;
+  rules->get_TimeDuration(&duration);
+  rules->get_StartTime(&start);
+  rules->get_EndTime(&end);
+  EXPECT_EQ(duration, 86399059u);
+  EXPECT_EQ(Shown(start).substr(11), "00:00:00");
+  EXPECT_EQ(Shown(end).substr(11), "23:59:59");
+
+  rules->put_Dirty(0);
+  EXPECT_EQ(rules->SetFullDay(), ZEP_S_OK);
+  EXPECT_FALSE(IsDirty(&*rules));
+}
+
 TEST_F(ScheduleObject, DerivesTheDurationFromStartAndEnd) {
   struct Case {
     int line;
@@ -412,6 +458,128 @@ TEST_F(ScheduleObject, CopiesAllButIdentityMapAndDuration) {
   EXPECT_EQ(strings, 0u);
 }
 
+// Notes which getters are called, and fails one of them.
+class NotingSource final : public CSchedule {
+ public:
+  ZRESULT get_Name(char16_t** v) override { return Note("name", [&] { return CSchedule::get_Name(v); }); }
+  ZRESULT get_Description(char16_t** v) override {
+    return Note("description", [&] { return CSchedule::get_Description(v); });
+  }
+  ZRESULT get_UseEffectiveDate(zepByte* v) override {
+    return Note("use effective", [&] { return CSchedule::get_UseEffectiveDate(v); });
+  }
+  ZRESULT get_EffectiveDate(ZepTime* v) override {
+    return Note("effective", [&] { return CSchedule::get_EffectiveDate(v); });
+  }
+  ZRESULT get_StartTime(ZepTime* v) override { return Note("start", [&] { return CSchedule::get_StartTime(v); }); }
+  ZRESULT get_EndTime(ZepTime* v) override { return Note("end", [&] { return CSchedule::get_EndTime(v); }); }
+  ZRESULT get_UseRestartInterval(zepByte* v) override {
+    return Note("use restart", [&] { return CSchedule::get_UseRestartInterval(v); });
+  }
+  ZRESULT get_RestartInterval(std::uint32_t* v) override {
+    return Note("restart", [&] { return CSchedule::get_RestartInterval(v); });
+  }
+  ZRESULT get_UseRepeatInterval(zepByte* v) override {
+    return Note("use repeat", [&] { return CSchedule::get_UseRepeatInterval(v); });
+  }
+  ZRESULT get_RepeatInterval(std::int32_t* v) override {
+    return Note("repeat", [&] { return CSchedule::get_RepeatInterval(v); });
+  }
+  ZRESULT get_AnchorDate(ZepTime* v) override { return Note("anchor", [&] { return CSchedule::get_AnchorDate(v); }); }
+  ZRESULT get_Dirty(zepByte* v) override { return Note("dirty", [&] { return CSchedule::get_Dirty(v); }); }
+  ZRESULT GetSpecificDatesCount(std::uint32_t type, std::uint32_t* v) override {
+    return Note("count " + std::to_string(type), [&] { return CSchedule::GetSpecificDatesCount(type, v); });
+  }
+  ZRESULT GetSpecificDate(std::uint32_t type, std::uint32_t index, ZepTime* v) override {
+    return Note("date " + std::to_string(type), [&] { return CSchedule::GetSpecificDate(type, index, v); });
+  }
+  ZRESULT GetDayOfMonth(std::uint16_t index, std::uint16_t* v) override {
+    return Note("day of month", [&] { return CSchedule::GetDayOfMonth(index, v); });
+  }
+  ZRESULT GetDayOfWeek(zepByte day, zepByte week, zepByte* v) override {
+    return Note("day of week", [&] { return CSchedule::GetDayOfWeek(day, week, v); });
+  }
+  ZRESULT get_CustomBitSet(std::uint32_t* v) override {
+    return Note("bits", [&] { return CSchedule::get_CustomBitSet(v); });
+  }
+
+  std::vector<std::string> m_calls;
+  std::size_t m_failing = SIZE_MAX;  // index of the call that fails
+
+ private:
+  template <class Call>
+  ZRESULT Note(const std::string& name, Call call) {
+    m_calls.push_back(name);
+    return m_calls.size() - 1 == m_failing ? ZEP_E_CLASSNOTAVAILABLE : call();
+  }
+};
+
+TEST_F(ScheduleObject, CopiesInOneOrderAndStopsAtTheFirstFailure) {
+  auto* const source = new NotingSource;
+  source->AddRef();
+  source->SetSpecificDate(ZEP_SPECIFIC_INCLUDE, Local("2024-05-06 12:00"));
+  source->SetSpecificDate(ZEP_SPECIFIC_INCLUDE, Local("2024-05-07 12:00"));
+  source->SetSpecificDate(ZEP_SPECIFIC_EXCLUDE, Local("2024-05-08 12:00"));
+  std::vector<std::string> order = {"name",       "description", "use effective", "effective", "start",   "end",
+                                    "use restart", "restart",     "use repeat",    "repeat",    "anchor",  "dirty",
+                                    "count 1",     "date 1",      "date 1",        "count 2",   "date 2"};
+  order.insert(order.end(), 32, "day of month");
+  order.insert(order.end(), 35, "day of week");
+  order.push_back("bits");
+  {
+    Fresh copy;
+    ASSERT_EQ(copy->CopyFrom(source), ZEP_S_OK);
+    EXPECT_EQ(source->m_calls, order);
+  }
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    Fresh copy;
+    source->m_calls.clear();
+    source->m_failing = i;
+    EXPECT_EQ(copy->CopyFrom(source), ZEP_E_CLASSNOTAVAILABLE) << order[i];
+    EXPECT_EQ(source->m_calls, std::vector<std::string>(order.begin(), order.begin() + i + 1));
+  }
+  source->Release();
+}
+
+TEST_F(ScheduleObject, CopiesTheFlagsTheDatesAndTheDirtyFlag) {
+  Rules source;
+  source.Repeat(4, "2020-02-29").Effective("2025-01-01").Restart(5).Include("2024-05-06").DayOfMonth(3);
+  source->put_Name(u"copied");
+  source->put_Description(u"described");
+  for (const zepByte dirty : {zepByte{0}, zepByte{1}}) {
+    source->put_Dirty(dirty);
+    Fresh copy;
+    ASSERT_EQ(copy->CopyFrom(&*source), ZEP_S_OK);
+    EXPECT_EQ(IsDirty(copy.get()), dirty != 0);
+    char16_t* text = nullptr;
+    copy->get_Name(&text);
+    EXPECT_EQ(Taken(text), u"copied");
+    copy->get_Description(&text);
+    EXPECT_EQ(Taken(text), u"described");
+    zepByte effective = 0, restart = 0, repeat = 0;
+    copy->get_UseEffectiveDate(&effective);
+    copy->get_UseRestartInterval(&restart);
+    copy->get_UseRepeatInterval(&repeat);
+    EXPECT_EQ(effective + restart + repeat, 3);
+    ZepTime date = 0, end = 0;
+    copy->get_EffectiveDate(&date);
+    EXPECT_EQ(Shown(date), "2025-01-01 00:00:00");
+    copy->get_AnchorDate(&date);
+    EXPECT_EQ(Shown(date), "2020-02-29 00:00:00");
+    EXPECT_EQ(copy->GetSpecificDate(ZEP_SPECIFIC_INCLUDE, 0, &date), ZEP_S_OK);
+    EXPECT_EQ(Shown(date), "2024-05-06 00:00:00");
+    copy->get_EndTime(&end);
+    EXPECT_EQ(Shown(end), "2024-01-15 11:00:00");
+    std::uint16_t day = 0;
+    copy->GetDayOfMonth(2, &day);
+    EXPECT_EQ(day, 1);
+    ZepFoundation::CGUID own, others;
+    copy->get_ScheduleID(&own);
+    source->get_ScheduleID(&others);
+    EXPECT_FALSE(own == others);
+  }
+}
+
 TEST_F(ScheduleObject, InsertsAMissingCustomStringWhenItIsAskedFor) {
   Fresh schedule;
   char16_t* key = nullptr;
@@ -458,6 +626,40 @@ TEST_F(ScheduleObject, AnswersForItsInterfacesAndRefusesOthers) {
 TEST_F(ScheduleObject, PreparesItsEnvironment) {
   Fresh schedule;
   EXPECT_TRUE(schedule->InitializeEnvironment());
+}
+
+// Each line of a trace file names the operation's own place, not that of the helper that refuses.
+TEST_F(ScheduleObject, TracesARefusalWithTheLineOfTheOperation) {
+  std::string directory = ::testing::TempDir() + "refusals_XXXXXX";
+  ASSERT_NE(mkdtemp(directory.data()), nullptr);
+  ASSERT_EQ(platform::OpenRegistryStore(directory + "/registry.db"), 0u);
+  platform::RegistryKey key;
+  ASSERT_EQ(CreateKey(platform::Hive::kLocalMachine, u"Software\\brelmont\\debugstream\\debugstream",
+                      platform::KEY_ALL_ACCESS, key),
+            0u);
+  ASSERT_EQ(SetString(key, u"logFilePath", platform::WideFromUtf8(directory + "/trace.log")), 0u);
+  ASSERT_EQ(SetDword(key, u"logFileFilterFlag", 2), 0u);  // errors, with the long header
+  ASSERT_EQ(SetDword(key, u"LogFileSize", 1024), 0u);
+  ASSERT_EQ(key.Close(), 0u);
+  ZepFoundation::ResetDebugTrace();
+  ZepFoundation::ConfigureDebugTrace();
+  Fresh schedule;
+  EXPECT_EQ(schedule->put_TimeDuration(1), ZEP_E_INVALIDARG);
+  EXPECT_EQ(schedule->put_RepeatInterval(0), ZEP_E_INVALIDARG);
+  EXPECT_EQ(schedule->get_Dirty(nullptr), ZEP_E_POINTER);
+  EXPECT_EQ(schedule->get_Name(nullptr), ZEP_E_POINTER);
+  ZepFoundation::DebugTrace(4, 0, nullptr, 0) << "@@@";  // writes out what is pending
+  ZepFoundation::ResetDebugTrace();
+  EXPECT_EQ(platform::CloseRegistryStore(), 0u);
+  std::ifstream in(directory + "/trace.log");
+  std::vector<std::string> places;
+  for (std::string line; std::getline(in, line);) {
+    const std::size_t at = line.find("Schedule.cpp (");
+    if (at != std::string::npos) places.push_back(line.substr(at, line.find(')', at) - at));
+  }
+  ASSERT_EQ(places.size(), 4u);
+  EXPECT_EQ(std::set<std::string>(places.begin(), places.end()).size(), 4u);
+  std::filesystem::remove_all(directory);
 }
 
 TEST_F(ScheduleObject, TracesADateThatIsCleared) {

@@ -59,9 +59,12 @@ void ResetDebugTrace();
 }  // namespace ZepFoundation
 
 // One trace statement. `expression` is the message's parts with << between them; evaluated only when `level` is enabled.
-#define QX_TRACE(level, expression)                                                                  \
-  do {                                                                                               \
-    if (::ZepFoundation::DebugTraceEnabled(level))                                                   \
-      ::ZepFoundation::DebugTrace(::ZepFoundation::kTraceArea, (level), __FILE__, __LINE__)          \
-          << "SS " << expression << '\n' << std::flush << "@@@";                                     \
+#define QX_TRACE(level, expression) QX_TRACE_AT(level, __FILE__, __LINE__, expression)
+
+// The same for a helper that traces in its caller's place.
+#define QX_TRACE_AT(level, file, line, expression)                                             \
+  do {                                                                                         \
+    if (::ZepFoundation::DebugTraceEnabled(level))                                             \
+      ::ZepFoundation::DebugTrace(::ZepFoundation::kTraceArea, (level), (file), (line))        \
+          << "SS " << expression << '\n' << std::flush << "@@@";                               \
   } while (false)
