@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "platform/fault_point.h"
 #include "platform/text.h"
 
 namespace platform {
@@ -75,6 +76,7 @@ std::uint32_t SystemVersion() {
 }
 
 ErrorCode UserName(std::u16string& out) {
+  if (const ErrorCode rc = FaultAt(Operation::kGetUserName); rc != ERROR_SUCCESS) return rc;
   for (std::vector<char> buffer(kAccountBuffer);; buffer.resize(buffer.size() * 2)) {
     passwd entry{};
     passwd* found = nullptr;

@@ -1,6 +1,6 @@
 // foundation/include/zfcxplat.h: small questions to the platform.
 //
-// Threads: any. The names are asked once, at the first call; the buffers live to the end of the process.
+// Threads: any. A name is asked until the platform has told one that fits; the buffers live to the end of the process.
 #pragma once
 
 #include <cstdint>

@@ -2,15 +2,20 @@
 
 #include <array>
 #include <cstdio>
-#include <mutex>
 
+#include "foundation/include/zfcsync.h"
 #include "platform/clock.h"
 
 namespace ZepFoundation {
 
 namespace {
 
-std::mutex g_timeLibraryLock;
+// Made before main() and never destroyed; also for who comes earlier than this file's own objects.
+CZepOSCriticalSection& TimeLibraryLock() {
+  static auto* const section = new CZepOSCriticalSection;
+  return *section;
+}
+[[maybe_unused]] const CZepOSCriticalSection& g_madeBeforeMain = TimeLibraryLock();
 
 const char* NameOf(const std::array<const char*, 12>& names, int index, int count) {
   return index >= 0 && index < count ? names[static_cast<std::size_t>(index)] : "???";
@@ -31,26 +36,26 @@ std::string TextOf(const std::tm& t) {
 
 std::tm* CBasicTime::GmtTime(const std::int64_t* seconds) {
   if (seconds == nullptr) return nullptr;
-  const std::lock_guard lock(g_timeLibraryLock);
+  const CZepGateKeeper hold(TimeLibraryLock());
   return platform::UtcBreakdown(*seconds, m_gmtResult) ? &m_gmtResult : nullptr;
 }
 
 std::tm* CBasicTime::LocalTime(const std::int64_t* seconds) {
   if (seconds == nullptr) return nullptr;
-  const std::lock_guard lock(g_timeLibraryLock);
+  const CZepGateKeeper hold(TimeLibraryLock());
   return platform::LocalBreakdown(*seconds, m_localResult) ? &m_localResult : nullptr;
 }
 
 std::int64_t CBasicTime::MkTime(std::tm* time) {
   if (time == nullptr) return -1;
-  const std::lock_guard lock(g_timeLibraryLock);
+  const CZepGateKeeper hold(TimeLibraryLock());
   std::int64_t seconds = -1;
   return platform::SecondsFromLocal(*time, seconds) ? seconds : -1;
 }
 
 const char* CBasicTime::CTime(const std::int64_t* seconds) {
   if (seconds == nullptr) return nullptr;
-  const std::lock_guard lock(g_timeLibraryLock);
+  const CZepGateKeeper hold(TimeLibraryLock());
   std::tm fields{};
   if (!platform::LocalBreakdown(*seconds, fields)) return nullptr;
   m_ctimeText = TextOf(fields);
@@ -59,7 +64,7 @@ const char* CBasicTime::CTime(const std::int64_t* seconds) {
 
 const char* CBasicTime::AscTime(const std::tm* time) {
   if (time == nullptr) return nullptr;
-  const std::lock_guard lock(g_timeLibraryLock);
+  const CZepGateKeeper hold(TimeLibraryLock());
   m_asctimeText = TextOf(*time);
   return m_asctimeText.c_str();
 }

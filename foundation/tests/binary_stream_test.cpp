@@ -126,6 +126,80 @@ TEST(BinaryStream, HasNoSizeWithoutABuffer) {
   EXPECT_TRUE(out.bad());
 }
 
+TEST(BinaryStream, SetsFailureAndBadBitsForAReadWithoutABuffer) {
+  bistream in(nullptr, kBig);
+  char c = 'z';
+  in.read(&c, 1);
+  EXPECT_EQ(in.rdstate(), std::ios::failbit | std::ios::badbit);
+  EXPECT_EQ(in.gcount(), 0);
+  EXPECT_EQ(c, 'z');
+  bistrstream source("a", 1, kBig);
+  bostream out(nullptr, kBig);
+  source >> out;
+  EXPECT_TRUE(source.fail());
+  bostrstream target(kBig);
+  target << in;
+  EXPECT_TRUE(target.fail());
+}
+
+// Counts how often it is synchronised, and fails when told to.
+class SyncedBuffer : public std::stringbuf {
+ public:
+  int sync() override {
+    ++m_synced;
+    return m_fails ? -1 : 0;
+  }
+  int m_synced = 0;
+  bool m_fails = false;
+};
+
+TEST(BinaryStream, SynchronisesItsBufferAndSetsTheBadBitWhereThatFails) {
+  SyncedBuffer buffer;
+  bistream in(&buffer, kBig);
+  bostream out(&buffer, kBig);
+  EXPECT_EQ(in.sync(), 0);
+  out.flush();
+  EXPECT_EQ(buffer.m_synced, 2);
+  EXPECT_TRUE(in.good() && out.good());
+  buffer.m_fails = true;
+  EXPECT_EQ(in.sync(), -1);
+  out.flush();
+  EXPECT_TRUE(in.bad());
+  EXPECT_TRUE(out.bad());
+  EXPECT_EQ(bistream(nullptr, kBig).sync(), -1);
+}
+
+TEST(BinaryStream, FlushesAfterEachWriteWhenItIsUnitBuffered) {
+  SyncedBuffer buffer;
+  bostream out(&buffer, kBig);
+  out << std::uint32_t{1};
+  EXPECT_EQ(buffer.m_synced, 0);
+  out.setf(std::ios::unitbuf);
+  out << std::uint32_t{2} << 'a';
+  EXPECT_EQ(buffer.m_synced, 2);
+}
+
+TEST(BinaryStream, FlushesATiedStreamAheadOfInputAndOutput) {
+  SyncedBuffer tied;
+  std::ostream other(&tied);
+  bistrstream in("ab", 2, kBig);
+  in.tie(&other);
+  in.get();
+  EXPECT_EQ(tied.m_synced, 1);
+  bostrstream out(kBig);
+  out.tie(&other);
+  out.put('a');
+  EXPECT_EQ(tied.m_synced, 2);
+}
+
+TEST(BinaryStream, TakesWhatALimitedTargetHolds) {
+  bistrstream in("abcdef", 6, kBig);
+  char room[4];
+  bostrstream out(room, sizeof room, kBig);
+  in >> out;
+  EXPECT_EQ(out.view(), "abcd");
+}
+
 TEST(BinaryStream, KeepsTheCountOfAReadThatRunsOverTheEnd) {
   bistrstream in("abc", 3, kBig);
   char buffer[8] = {};

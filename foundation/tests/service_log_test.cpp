@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -111,6 +112,21 @@ class ServiceLogTest : public testing::Test {
     EXPECT_EQ(other.Open(LogFile(index).string(), platform::File::Access::kReadWrite,
                          platform::File::Disposition::kOpenExisting), 0u);
     return other.TryLockByte(0) == platform::ERROR_LOCK_VIOLATION;
+  }
+
+  // Waits until the kernel lists a waiter for a lock of the file; false when none comes.
+  [[nodiscard]] bool SomebodyWaitsForTheByte(int index) const {
+    struct stat file {};
+    EXPECT_EQ(::stat(LogFile(index).c_str(), &file), 0);
+    const std::string inode = ":" + std::to_string(file.st_ino) + " ";
+    for (int round = 0; round < 3000; ++round) {
+      std::ifstream locks("/proc/locks");
+      for (std::string line; std::getline(locks, line);) {
+        if (line.find("-> ") != line.npos && line.find(inode) != line.npos) return true;
+      }
+      ::usleep(10000);
+    }
+    return false;
   }
 
   // Each file's filler ends in the middle of a line; what follows is whole lines of WriteFromEightThreads(), none of them
@@ -349,10 +365,11 @@ TEST_F(ServiceLogTest, WritesTheHeaderAloneAndHoldsTheByteAfterALongSecondExpans
   EXPECT_TRUE(ByteLockIsHeld(0));
   ServiceLog(4, u"filtered before the lock");
   std::thread later([] { ServiceLog(1, u"waits"); });
-  // The waiting thread can only go on once the byte is given up.
+  EXPECT_TRUE(SomebodyWaitsForTheByte(0));
   EXPECT_EQ(Contents(0), Header());
-  ZepFoundation::ResetServiceLog();
+  ZepFoundation::ResetServiceLog();  // gives the byte up
   later.join();
+  EXPECT_THAT(Contents(0), testing::EndsWith("): waits\r\n"));
 }
 
 TEST_F(ServiceLogTest, SaysOnStandardOutputThatTheFileCantBeCreated) {

@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 
 #include "platform/host.h"
+#include "platform/testing/fault.h"
 
 namespace ZepFoundation {
 namespace {
@@ -22,6 +24,22 @@ TEST(XPlat, UserNameIsThePlatformsOrNull) {
   } else {
     EXPECT_EQ(XPlat::UserName(), nullptr);
   }
+}
+
+// In a process of its own: the name is kept once it was told.
+TEST(XPlatDeathTest, UserNameIsNullWhenThePlatformFailsAndIsAskedAgain) {
+  std::u16string name;
+  if (platform::UserName(name) != platform::ERROR_SUCCESS) GTEST_SKIP() << "the account has no name";
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        auto plan = platform::FaultPlan::FailCall(platform::Operation::kGetUserName, 1, platform::ERROR_IO_DEVICE);
+        const bool failed = XPlat::UserName() == nullptr;
+        plan.Remove();
+        const char16_t* const told = XPlat::UserName();
+        std::_Exit(failed && told != nullptr && name == told ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
 }
 
 TEST(XPlat, MachineNameIsEmptyWhereItDoesNotFit) {
