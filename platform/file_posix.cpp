@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -17,7 +18,7 @@ namespace {
 
 constexpr mode_t kNewFileMode = 0600;
 constexpr mode_t kNewDirectoryMode = 0700;
-constexpr std::u16string_view kOwnDirectory = u"/Documents and Settings/";
+constexpr std::string_view kOwnDirectory = "/Documents and Settings/";
 constexpr std::size_t kReadChunk = 65536;
 constexpr int kMaxLinks = 40;  // as many as the kernel follows
 
@@ -48,6 +49,10 @@ std::string Utf8(std::u16string_view text) {
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
     char32_t c = text[i];
+    if (c < 0x80) {
+      out += static_cast<char>(c);
+      continue;
+    }
     const bool pair = c >= 0xD800 && c < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000;
     if (pair) c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00);
     AppendUtf8(out, c);
@@ -235,16 +240,15 @@ std::string StateDirectory() {
 
 std::string NativePath(std::u16string_view clientPath) {
   if (clientPath.find(u'\0') != std::u16string_view::npos) return {};
-  std::u16string path(clientPath);
-  for (char16_t& c : path) {
-    if (c == u'\\') c = u'/';
-  }
-  if (path.starts_with(kOwnDirectory)) return StateDirectory() + Utf8(path);
-  const char16_t letter = path.empty() ? u'\0' : static_cast<char16_t>(path.front() | 0x20);
-  if (path.size() < 2 || path[1] != u':' || letter < u'a' || letter > u'z') return Utf8(path);
-  const std::u16string_view rest = std::u16string_view(path).substr(2);
-  const std::string drive = StateDirectory() + "/drives/" + static_cast<char>(letter);
-  return drive + (rest.empty() || rest.front() == u'/' ? "" : "/") + Utf8(rest);
+  std::string path = Utf8(clientPath);
+  std::replace(path.begin(), path.end(), '\\', '/');
+  if (path.starts_with(kOwnDirectory)) return StateDirectory() + path;
+  const char letter = path.empty() ? '\0' : static_cast<char>(path.front() | 0x20);
+  if (path.size() < 2 || path[1] != ':' || letter < 'a' || letter > 'z') return path;
+  const std::string_view rest = std::string_view(path).substr(2);
+  std::string drive = StateDirectory() + "/drives/" + letter;
+  if (!rest.empty() && rest.front() != '/') drive += '/';
+  return drive.append(rest);
 }
 
 ErrorCode AbsoluteName(std::string& name) {

@@ -255,6 +255,7 @@ int InitServiceLog() {
 void ServiceLogArguments(std::uint32_t level, const char16_t* format, std::span<const LogArgument> arguments) {
   ServiceLogWriter* const writer = g_writer.load(std::memory_order_acquire);
   if (writer != nullptr && writer == NullServiceLogWriter()) return;
+  if (writer == nullptr && level > ServiceLogLevel.load(std::memory_order_relaxed)) return;
   try {
     const std::optional<std::string> text = FirstExpansion(format, arguments);
     if (!text) return;
@@ -262,7 +263,6 @@ void ServiceLogArguments(std::uint32_t level, const char16_t* format, std::span<
       writer->Write(level, ExpandAgain(*text, arguments).text);
       return;
     }
-    if (level > ServiceLogLevel.load(std::memory_order_relaxed)) return;
     WriteToFile(*text, arguments);
   } catch (...) {  // no failure of the log reaches a caller; the file is closed by now
   }
