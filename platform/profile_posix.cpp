@@ -2,38 +2,30 @@
 
 #include <algorithm>
 #include <cassert>
-#include <deque>
 #include <mutex>
 #include <optional>
 #include <thread>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "platform/fault_point.h"
 #include "platform/file.h"
+#include "platform/profile_ahead.h"
+#include "platform/profile_text.h"
 #include "platform/text.h"
 
 namespace platform {
 namespace {
 
-constexpr std::string_view kWideMark = "\xFF\xFE";
-constexpr std::string_view kLineEnds = "\r\n";
-constexpr std::size_t kUsualSections = 8;
+using detail::ProfileText;
+using Line = detail::ProfileLine;
+using Section = detail::ProfileSection;
+using Edit = detail::ProfileEdit;
+using ReadText = detail::ProfileFile;
+
 constexpr std::uint32_t kWholeSectionTail = 2;  // NULs behind the last line: its own and the end's
 
-bool IsBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
-std::string_view TrimFront(std::string_view text) {
-  while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
-  return text;
-}
-
-std::string_view Trim(std::string_view text) {
-  text = TrimFront(text);
-  while (!text.empty() && IsBlank(text.back())) text.remove_suffix(1);
-  return text;
-}
+std::string_view Trim(std::string_view text) { return detail::TrimProfile(text); }
 
 template <typename Char>
 std::basic_string_view<Char> UntilNul(std::basic_string_view<Char> text) {
@@ -42,374 +34,7 @@ std::basic_string_view<Char> UntilNul(std::basic_string_view<Char> text) {
 
 bool IsNull(std::u16string_view text) { return text.data() == nullptr; }
 
-// --- the text of a file ------------------------------------------------------------------------------------------------
-
-// Lines are kept as bytes, since bytes that the code page doesn't know must survive an edit of their neighbours. A
-// UTF-16 file is kept in UTF-8 with lone surrogates in the three-byte form, which loses nothing either.
-enum class Encoding { kSystem, kWide };
-
-void AppendUnit(std::string& out, char16_t unit) {
-  if (unit < 0x80) {
-    out += static_cast<char>(unit);
-    return;
-  }
-  if (unit < 0x800) {
-    out += static_cast<char>(0xC0 | (unit >> 6));
-  } else {
-    out += static_cast<char>(0xE0 | (unit >> 12));
-    out += static_cast<char>(0x80 | ((unit >> 6) & 0x3F));
-  }
-  out += static_cast<char>(0x80 | (unit & 0x3F));
-}
-
-// Each unit for itself, pairs too: the form exists in memory only, and is read back by UnitsFromBytes alone.
-std::string BytesFromUnits(std::u16string_view units) {
-  std::string out;
-  out.reserve(units.size());
-  for (const char16_t unit : units) AppendUnit(out, unit);
-  return out;
-}
-
-std::u16string UnitsFromBytes(std::string_view bytes) {
-  std::u16string out;
-  out.reserve(bytes.size());
-  const auto tail = [&](std::size_t i) {
-    return i < bytes.size() ? static_cast<unsigned char>(bytes[i]) & 0x3Fu : 0u;
-  };
-  for (std::size_t i = 0; i < bytes.size();) {
-    const auto lead = static_cast<unsigned char>(bytes[i]);
-    if (lead < 0x80) {
-      out += static_cast<char16_t>(lead);
-      i += 1;
-    } else if (lead < 0xE0) {
-      out += static_cast<char16_t>(((lead & 0x1Fu) << 6) | tail(i + 1));
-      i += 2;
-    } else {
-      out += static_cast<char16_t>(((lead & 0x0Fu) << 12) | (tail(i + 1) << 6) | tail(i + 2));
-      i += 3;
-    }
-  }
-  return out;
-}
-
-// Views of the text that holds them.
-struct Line {
-  std::string_view key;    // the whole line where it has no "="
-  std::string_view value;  // without blanks around it when it came from a file
-  std::string_view raw;    // a comment as it stood; empty once it was written to
-  bool hasEquals = false;
-  bool removed = false;
-
-  [[nodiscard]] bool IsComment() const { return key.starts_with(';'); }
-};
-
-struct Section {
-  std::string_view name;
-  std::string_view behind;  // what a hand wrote behind the closing bracket
-  bool removed = false;
-  std::vector<Line> lines;
-  // Of a section of many lines that was searched: folded key to the first line that bears it.
-  mutable std::unordered_map<std::string, std::size_t> index;
-  mutable std::size_t indexed = 0;  // lines that the index knows
-};
-
-// One write, as it was asked for.
-struct Edit {
-  std::u16string section;
-  std::optional<std::u16string> key;
-  std::optional<std::u16string> value;
-};
-
-// What is the same byte in every encoding, and has no other case than the ASCII one.
-bool IsPlain(char32_t c) {
-  return (c >= U'a' && c <= U'z') || (c >= U'A' && c <= U'Z') || (c >= U'0' && c <= U'9') || c == U'_' || c == U' ';
-}
-
-char UpperAscii(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
-
-// A name that is searched for. Stays where it was made: `bytes` may lie inside.
-struct WantedName {
-  static constexpr std::size_t kSmall = 64;
-  std::string_view bytes;  // as the file would have it, without blanks around it
-  bool isPlain = false;
-  std::string folded;  // empty for a plain one
-  char small[kSmall];
-  std::string large;
-
-  WantedName() = default;
-  WantedName(const WantedName&) = delete;
-  WantedName& operator=(const WantedName&) = delete;
-};
-
-class ProfileText {
- public:
-  ProfileText() : ProfileText(std::string()) {}
-  explicit ProfileText(std::string file) { Parse(m_texts.emplace_back(std::move(file))); }
-  ProfileText(ProfileText&&) = default;
-  ProfileText& operator=(ProfileText&&) = default;
-
-  [[nodiscard]] std::string Serialize() const;
-
-  // The section and the line that count, null where there is none.
-  [[nodiscard]] const Section* FindSection(std::u16string_view name) const;
-  [[nodiscard]] const Line* Find(std::u16string_view section, std::u16string_view key) const;
-
-  [[nodiscard]] std::u16string Decode(std::string_view bytes) const {
-    return m_encoding == Encoding::kWide ? UnitsFromBytes(bytes) : WideFromSystem(bytes);
-  }
-
-  // Carries a write out; true when the text is another one afterwards.
-  bool Apply(const Edit& edit);
-
- private:
-  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
-  static constexpr std::size_t kManyLines = 48;  // from here on an index pays
-
-  void Parse(std::string_view file);
-  void ParseLine(std::string_view line);
-  Section& BeginSection(std::string_view name, std::string_view behind);
-  [[nodiscard]] std::string Encode(std::u16string_view text) const {
-    return m_encoding == Encoding::kWide ? BytesFromUnits(text) : SystemFromWide(text);
-  }
-  [[nodiscard]] std::string Fold(std::string_view bytes) const;
-  void Want(std::u16string_view name, WantedName& out) const;
-  [[nodiscard]] bool IsThatName(std::string_view bytes, const WantedName& wanted) const;
-  [[nodiscard]] std::size_t SectionAt(const WantedName& name) const;
-  [[nodiscard]] std::size_t LineAt(const Section& section, const WantedName& key) const;
-  bool RemoveLine(Section& section, std::size_t at);
-  bool SetValue(Section& section, const WantedName& key, std::string value);
-
-  // Keeps a text for the views of it.
-  std::string_view Keep(std::string_view text) { return m_texts.emplace_back(text); }
-  void ReadAgain();
-
-  Encoding m_encoding = Encoding::kSystem;
-  std::deque<std::string> m_texts;  // the file, and what was written since: lines are views of it
-  std::string m_verbatim;           // the text as written, where the lines as understood differ; until the next change
-  std::vector<Section> m_sections;  // the first one holds the lines in front of any header
-};
-
-void ProfileText::Parse(std::string_view file) {
-  if (file.starts_with(kWideMark)) {
-    m_encoding = Encoding::kWide;
-    std::u16string units;
-    units.reserve(file.size() / 2);
-    for (std::size_t i = kWideMark.size(); i + 1 < file.size(); i += 2) {
-      units += static_cast<char16_t>(static_cast<unsigned char>(file[i]) |
-                                     (static_cast<unsigned char>(file[i + 1]) << 8));
-    }
-    file = m_texts.emplace_back(BytesFromUnits(units));
-  }
-  m_sections.reserve(kUsualSections);
-  m_sections.emplace_back();
-  for (std::size_t begin = 0; begin < file.size();) {
-    std::size_t end = begin;
-    while (end < file.size() && file[end] != '\r' && file[end] != '\n') ++end;
-    ParseLine(Trim(file.substr(begin, end - begin)));
-    begin = end + 1;
-  }
-}
-
-void ProfileText::ParseLine(std::string_view line) {
-  if (line.empty()) return;
-  const std::size_t closing = line.front() == '[' ? line.rfind(']') : std::string_view::npos;
-  if (closing != std::string_view::npos) {
-    BeginSection(Trim(line.substr(1, closing - 1)), line.substr(closing + 1));
-    return;
-  }
-  Line parsed;
-  const std::size_t equals = line.find('=');
-  parsed.key = Trim(line.substr(0, equals));
-  if (equals != std::string_view::npos) {
-    parsed.hasEquals = true;
-    parsed.value = Trim(line.substr(equals + 1));
-  }
-  if (parsed.IsComment()) parsed.raw = line;
-  m_sections.back().lines.push_back(parsed);
-}
-
-Section& ProfileText::BeginSection(std::string_view name, std::string_view behind) {
-  Section& section = m_sections.emplace_back();
-  section.name = name;
-  section.behind = behind;
-  return section;
-}
-
-std::string ProfileText::Serialize() const {
-  if (!m_verbatim.empty()) return m_verbatim;
-  std::string out;
-  for (std::size_t i = 0; i < m_sections.size(); ++i) {
-    const Section& section = m_sections[i];
-    if (section.removed) continue;
-    if (i != 0) out.append("[").append(section.name).append("]").append(section.behind).append(kLineEnds);
-    for (const Line& line : section.lines) {
-      if (line.removed) continue;
-      if (!line.raw.empty()) {
-        out.append(line.raw);
-      } else {
-        out.append(line.key);
-        if (line.hasEquals) out.append("=").append(line.value);
-      }
-      out.append(kLineEnds);
-    }
-  }
-  if (m_encoding == Encoding::kSystem) return out;
-  std::string wide(kWideMark);
-  for (const char16_t unit : UnitsFromBytes(out)) {
-    wide += static_cast<char>(unit & 0xFF);
-    wide += static_cast<char>(unit >> 8);
-  }
-  return wide;
-}
-
-std::string ProfileText::Fold(std::string_view bytes) const {
-  std::string folded(bytes);
-  bool ascii = true;
-  for (char& c : folded) {
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-    ascii = ascii && static_cast<unsigned char>(c) < 0x80;
-  }
-  if (ascii) return folded;
-  std::u16string wide = Decode(bytes);
-  for (char16_t& unit : wide) {
-    // The two that would fall on the ASCII letters I and S are names of their own.
-    if (unit != u'\u0131' && unit != u'\u017F') unit = ToUpperSimple(unit);
-  }
-  return BytesFromUnits(wide);
-}
-
-void ProfileText::Want(std::u16string_view name, WantedName& out) const {
-  const auto isPlain = [](auto text) {
-    return std::all_of(text.begin(), text.end(), [](auto c) { return IsPlain(static_cast<char32_t>(c)); });
-  };
-  if (name.size() <= WantedName::kSmall && isPlain(name)) {
-    std::transform(name.begin(), name.end(), out.small, [](char16_t c) { return static_cast<char>(c); });
-    out.bytes = Trim({out.small, name.size()});
-    out.isPlain = true;
-    return;
-  }
-  out.large = Encode(name);
-  out.bytes = Trim(out.large);
-  out.folded = Fold(out.bytes);
-}
-
-bool ProfileText::IsThatName(std::string_view bytes, const WantedName& wanted) const {
-  if (!wanted.isPlain) return Fold(bytes) == wanted.folded;
-  return bytes.size() == wanted.bytes.size() &&
-         std::equal(bytes.begin(), bytes.end(), wanted.bytes.begin(),
-                    [](char a, char b) { return UpperAscii(a) == UpperAscii(b); });
-}
-
-// Of equal names the first counts.
-std::size_t ProfileText::SectionAt(const WantedName& name) const {
-  for (std::size_t i = 1; i < m_sections.size(); ++i) {
-    if (!m_sections[i].removed && IsThatName(m_sections[i].name, name)) return i;
-  }
-  return kNone;
-}
-
-std::size_t ProfileText::LineAt(const Section& section, const WantedName& key) const {
-  const std::vector<Line>& lines = section.lines;
-  if (lines.size() < kManyLines) {
-    for (std::size_t i = 0; i < lines.size(); ++i) {
-      if (!lines[i].removed && IsThatName(lines[i].key, key)) return i;
-    }
-    return kNone;
-  }
-  for (; section.indexed < lines.size(); ++section.indexed) {
-    const Line& line = lines[section.indexed];
-    if (!line.removed) section.index.try_emplace(Fold(line.key), section.indexed);
-  }
-  const auto found = section.index.find(key.isPlain ? Fold(key.bytes) : key.folded);
-  return found == section.index.end() ? kNone : found->second;
-}
-
-const Section* ProfileText::FindSection(std::u16string_view name) const {
-  WantedName wanted;
-  Want(name, wanted);
-  const std::size_t at = SectionAt(wanted);
-  return at == kNone ? nullptr : &m_sections[at];
-}
-
-const Line* ProfileText::Find(std::u16string_view section, std::u16string_view key) const {
-  const Section* found = FindSection(section);
-  if (found == nullptr) return nullptr;
-  WantedName wanted;
-  Want(key, wanted);
-  const std::size_t at = LineAt(*found, wanted);
-  return at == kNone ? nullptr : &found->lines[at];
-}
-
-bool ProfileText::Apply(const Edit& edit) {
-  WantedName name;
-  Want(edit.section, name);
-  const std::size_t at = SectionAt(name);
-  if (!edit.key) {
-    if (at == kNone) return false;
-    m_verbatim.clear();
-    m_sections[at] = Section();
-    m_sections[at].removed = true;  // a later one of that name counts from now on
-    return true;
-  }
-  WantedName key;
-  Want(*edit.key, key);
-  if (!edit.value) return at != kNone && RemoveLine(m_sections[at], LineAt(m_sections[at], key));
-  std::string value(TrimFront(Encode(*edit.value)));
-  // What the next reader of the file would understand in another way is understood so at once: the bytes of a batch are
-  // those of single calls.
-  const bool trailingBlank = Trim(value).size() != value.size();
-  const bool otherwise = trailingBlank || value.find_first_of(kLineEnds) != std::string::npos ||
-                         key.bytes.find_first_of("=\r\n") != std::string::npos || key.bytes.starts_with('[') ||
-                         name.bytes.find_first_of("]\r\n") != std::string::npos;
-  if (at == kNone) m_verbatim.clear();
-  Section& section = at == kNone ? BeginSection(Keep(name.bytes), {}) : m_sections[at];
-  const bool changed = SetValue(section, key, std::move(value)) || at == kNone;
-  if (changed && otherwise) ReadAgain();
-  return changed;
-}
-
-void ProfileText::ReadAgain() {
-  std::string verbatim = Serialize();
-  *this = ProfileText(verbatim);
-  m_verbatim = std::move(verbatim);
-}
-
-bool ProfileText::RemoveLine(Section& section, std::size_t at) {
-  if (at == kNone) return false;
-  m_verbatim.clear();
-  section.lines[at].removed = true;
-  section.index.clear();  // a later line of that key counts from now on
-  section.indexed = 0;
-  return true;
-}
-
-bool ProfileText::SetValue(Section& section, const WantedName& key, std::string value) {
-  const std::size_t at = LineAt(section, key);
-  if (at == kNone) {
-    Line line;
-    line.key = Keep(key.bytes);
-    line.value = Keep(value);
-    line.hasEquals = true;
-    m_verbatim.clear();
-    section.lines.push_back(line);
-    return true;
-  }
-  Line& line = section.lines[at];
-  if (line.hasEquals && line.value == value) return false;
-  m_verbatim.clear();
-  line.value = Keep(value);
-  line.hasEquals = true;
-  line.raw = {};
-  return true;
-}
-
 // --- the file and the batches --------------------------------------------------------------------------------------------
-
-// A missing file is a text too: the empty one.
-struct ReadText {
-  std::string bytes;
-  bool exists = false;
-};
 
 bool IsMissing(ErrorCode rc) { return rc == ERROR_FILE_NOT_FOUND || rc == ERROR_PATH_NOT_FOUND; }
 
@@ -449,6 +74,10 @@ struct detail::ProfileBatchState {
   // Reads and parses the file, once it can be read.
   ErrorCode Read() {
     if (isRead) return readResult;
+    if (purpose == ProfileBatch::kLoad && detail::TakeReadAhead(name, original, text)) {
+      isRead = true;
+      return readResult = ERROR_SUCCESS;
+    }
     const ErrorCode rc = ReadFileText(name, original);
     if (rc != ERROR_SUCCESS && !IsMissing(rc)) return rc;
     text = ProfileText(original.bytes);

@@ -16,6 +16,7 @@
 #include <array>
 #include <bit>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <limits>
 #include <mutex>
@@ -23,6 +24,8 @@
 #include <utility>
 
 #include "platform/fault_point.h"
+#include "platform/registry_ahead.h"
+#include "platform/registry_read_ahead.h"
 #include "platform/testing/registry_hook.h"
 #include "platform/thread_annotations.h"
 
@@ -381,6 +384,8 @@ struct RegistryKeyState {
   std::shared_ptr<Batch> wrote;  // the last one that this handle wrote into
   Cursor keys;
   Cursor values;
+  std::shared_ptr<const AheadKey> ahead;  // the key as it was read ahead, for as long as that reading holds
+  std::uint64_t aheadNumber = 0;          // of that reading
 
   static RegistryKeyState* Of(const RegistryKey& key) { return key.m_state.get(); }
   static void Put(RegistryKey& key, std::unique_ptr<RegistryKeyState> state) {
@@ -409,6 +414,9 @@ class Store {
   [[nodiscard]] ErrorCode Shut() { return m_batch ? Commit() : ERROR_SUCCESS; }
 
   [[nodiscard]] std::uint64_t Number() const { return m_number; }
+  [[nodiscard]] const std::string& Path() const { return m_path; }
+  [[nodiscard]] std::uint64_t Changes() const { return m_changes; }
+  [[nodiscard]] ErrorCode DataVersion(std::int64_t& out);
   [[nodiscard]] std::shared_ptr<Batch> OpenBatch() const { return m_batch; }
 
   [[nodiscard]] ErrorCode Locate(Place from, std::span<const std::u16string_view> elements, Place& out);
@@ -436,9 +444,9 @@ class Store {
                                             bool withChildren, Place& out);
   [[nodiscard]] ErrorCode FailedWrite(ErrorCode code);
   [[nodiscard]] int Run(Sql sql) { return Use(m_sql[sql]).Step(); }
-  [[nodiscard]] ErrorCode DataVersion(std::int64_t& out);
 
   std::uint64_t m_number = 0;
+  std::string m_path;
   Connection m_db;
   std::array<Prepared, kSqlCount> m_sql;
   std::shared_ptr<Batch> m_batch;
@@ -561,6 +569,7 @@ ErrorCode Store::Open(const std::string& path, std::string& why) {
   sqlite3_db_config(m_db.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
   static std::atomic<std::uint64_t> lastNumber{0};
   m_number = ++lastNumber;
+  m_path = PlainPath(path);
   return ERROR_SUCCESS;
 }
 
@@ -891,6 +900,87 @@ ErrorCode Store::LimitGrowth(std::uint32_t morePages) {
   return CodeFromSqlite(Execute(m_db.get(), sql.c_str()));
 }
 
+// --- What was read ahead ---
+
+}  // namespace
+
+namespace detail {
+
+struct KeyReadAheadState {
+  using Clock = std::chrono::steady_clock;
+
+  std::uint64_t number = 0;
+  std::uint64_t storeNumber = 0;
+  std::int64_t parent = 0;
+  std::uint64_t changes = 0;      // the store's when the reading began
+  std::int64_t dataVersion = 0;   // likewise
+  Clock::time_point looked;       // when other processes' writes were last looked for
+  bool holds = true;
+  std::uint32_t next = 0;         // index of the sub key that the reader gives next
+  std::shared_ptr<const AheadKey> current;
+  std::atomic<std::size_t> taken{0};
+  AheadReader reader;
+};
+
+}  // namespace detail
+
+namespace {
+
+using detail::AheadKey;
+using detail::KeyReadAheadState;
+
+std::shared_ptr<KeyReadAheadState> g_ahead QX_GUARDED_BY(g_lock);
+
+void GiveAheadUp(KeyReadAheadState& ahead) {
+  ahead.holds = false;
+  ahead.current.reset();
+  ahead.reader.Stop();
+}
+
+// Whether the store still is what was read.
+bool AheadHolds() QX_REQUIRES(g_lock) {
+  if (!g_ahead || !g_ahead->holds) return false;
+  KeyReadAheadState& ahead = *g_ahead;
+  bool holds = g_store->Number() == ahead.storeNumber && g_store->Changes() == ahead.changes;
+  const auto now = KeyReadAheadState::Clock::now();
+  if (holds && now - ahead.looked >= std::chrono::milliseconds(kReadAheadTrustMs)) {
+    std::int64_t version = 0;
+    holds = g_store->DataVersion(version) == ERROR_SUCCESS && version == ahead.dataVersion;
+    ahead.looked = now;
+  }
+  if (!holds) GiveAheadUp(ahead);
+  return holds;
+}
+
+// What was read of a handle's key; null when the store itself is to be asked.
+const AheadKey* AheadOf(const Handle& handle) QX_REQUIRES(g_lock) {
+  return handle.ahead && AheadHolds() && handle.aheadNumber == g_ahead->number ? handle.ahead.get() : nullptr;
+}
+
+// The next sub key of an enumeration in rising order.
+const AheadKey* NextAhead(Handle& handle, std::uint32_t index) QX_REQUIRES(g_lock) {
+  if (!AheadHolds() || g_ahead->parent != handle.place.id || g_ahead->next != index) return nullptr;
+  KeyReadAheadState& ahead = *g_ahead;
+  ahead.current = ahead.reader.Next();
+  if (!ahead.current) {
+    GiveAheadUp(ahead);
+    return nullptr;
+  }
+  ++ahead.next;
+  ++ahead.taken;
+  // Where the reading ahead ends, the enumeration goes on from here.
+  handle.keys = {true, index, ahead.current->fold, ahead.changes, ahead.dataVersion};
+  return ahead.current.get();
+}
+
+// The sub key of that name, when it is the one that was enumerated last.
+std::shared_ptr<const AheadKey> SubKeyAhead(const Handle& parent, std::u16string_view subKey) QX_REQUIRES(g_lock) {
+  if (!AheadHolds() || g_ahead->parent != parent.place.id || !g_ahead->current || g_ahead->current->name != subKey) {
+    return nullptr;
+  }
+  return g_ahead->current;
+}
+
 // --- What every call does first ---
 
 // The key's handle, when it can be worked with.
@@ -941,6 +1031,12 @@ std::unique_ptr<Handle> MakeHandle(Place place, std::uint32_t access, std::span<
 
 ErrorCode OpenBelow(const Handle& parent, std::u16string_view subKey, std::uint32_t access,
                     std::unique_ptr<Handle>& out) QX_REQUIRES(g_lock) {
+  if (std::shared_ptr<const AheadKey> ahead = SubKeyAhead(parent, subKey)) {
+    out = MakeHandle({ahead->id, parent.place.depth + 1}, access, std::span(&subKey, 1));
+    out->ahead = std::move(ahead);
+    out->aheadNumber = g_ahead->number;
+    return ERROR_SUCCESS;
+  }
   std::vector<std::u16string_view> elements;
   if (const ErrorCode code = SplitPath(subKey, elements); code != ERROR_SUCCESS) return code;
   Place place;
@@ -997,6 +1093,14 @@ ErrorCode FindValue(const RegistryKey& key, std::u16string_view name, Item& out)
   const Guard guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToRead(key, KEY_QUERY_VALUE, handle); code != ERROR_SUCCESS) return code;
+  if (const AheadKey* ahead = AheadOf(*handle)) {
+    const AheadKey::Value* value = ahead->Find(Fold(name));
+    if (value == nullptr) return ERROR_FILE_NOT_FOUND;
+    const auto data = ahead->Data(*value);
+    out.type = value->type;
+    out.data.assign(data.begin(), data.end());
+    return ERROR_SUCCESS;
+  }
   return g_store->Find(handle->place, name, out);
 }
 
@@ -1020,7 +1124,14 @@ ErrorCode EnumItem(const RegistryKey& key, bool values, std::uint32_t index, Ite
   const Guard guard(g_lock);
   Handle* handle = nullptr;
   const ErrorCode code = EnterToRead(key, values ? KEY_QUERY_VALUE : KEY_ENUMERATE_SUB_KEYS, handle);
-  return code != ERROR_SUCCESS ? code : g_store->Enumerate(*handle, values, index, out);
+  if (code != ERROR_SUCCESS) return code;
+  if (!values) {
+    if (const AheadKey* ahead = NextAhead(*handle, index)) {
+      out.name = ahead->name;
+      return ERROR_SUCCESS;
+    }
+  }
+  return g_store->Enumerate(*handle, values, index, out);
 }
 
 // Gives data by the size protocol of reading values.
@@ -1031,6 +1142,16 @@ ErrorCode GiveData(const Item& item, std::uint32_t* type, void* data, std::uint3
   if (data == nullptr) return ERROR_SUCCESS;
   if (item.data.size() > room) return ERROR_MORE_DATA;
   if (!item.data.empty()) std::memcpy(data, item.data.data(), item.data.size());
+  return ERROR_SUCCESS;
+}
+
+ErrorCode TextOf(std::uint32_t type, std::span<const std::byte> data, std::u16string& out) {
+  if (!IsText(type) || data.size() % sizeof(char16_t) != 0) return ERROR_INVALID_DATA;
+  std::u16string text(data.size() / sizeof(char16_t), u'\0');
+  if (!text.empty()) std::memcpy(text.data(), data.data(), data.size());
+  const std::u16string_view terminator(u"\0\0", type == REG_MULTI_SZ ? 2 : 1);
+  if (!text.ends_with(terminator)) return ERROR_INVALID_DATA;
+  out = text.substr(0, text.find(u'\0'));
   return ERROR_SUCCESS;
 }
 
@@ -1339,6 +1460,10 @@ ErrorCode QueryInfoKey(const RegistryKey& key, KeyInfo& out) {
   const Guard guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToRead(key, KEY_QUERY_VALUE, handle); code != ERROR_SUCCESS) return code;
+  if (const AheadKey* ahead = AheadOf(*handle)) {
+    out = ahead->info;
+    return ERROR_SUCCESS;
+  }
   return g_store->Info(handle->place, out);
 }
 
@@ -1419,13 +1544,7 @@ ErrorCode DeleteValue(const RegistryKey& key, std::u16string_view name) {
 ErrorCode ReadRegistryString(const RegistryKey& key, std::u16string_view name, std::u16string& out) {
   Item item;
   if (const ErrorCode code = FindValue(key, name, item); code != ERROR_SUCCESS) return code;
-  if (!IsText(item.type) || item.data.size() % sizeof(char16_t) != 0) return ERROR_INVALID_DATA;
-  std::u16string text(item.data.size() / sizeof(char16_t), u'\0');
-  if (!text.empty()) std::memcpy(text.data(), item.data.data(), item.data.size());
-  const std::u16string_view terminator(u"\0\0", item.type == REG_MULTI_SZ ? 2 : 1);
-  if (!text.ends_with(terminator)) return ERROR_INVALID_DATA;
-  out = text.substr(0, text.find(u'\0'));
-  return ERROR_SUCCESS;
+  return TextOf(item.type, item.data, out);
 }
 
 ErrorCode ReadRegistryDword(const RegistryKey& key, std::u16string_view name, std::uint32_t& out) {
@@ -1471,5 +1590,43 @@ ErrorCode EnumValue(const RegistryKey& key, std::uint32_t index, std::u16string&
   data = std::move(item.data);
   return ERROR_SUCCESS;
 }
+
+// --- Reading ahead ---
+
+std::u16string_view KeyReadAhead::Seen::Name() const { return m_key.name; }
+
+bool KeyReadAhead::Seen::Text(std::u16string_view name, std::u16string& out) const {
+  const AheadKey::Value* value = m_key.Find(Fold(name));
+  return value != nullptr && TextOf(value->type, m_key.Data(*value), out) == ERROR_SUCCESS;
+}
+
+KeyReadAhead::KeyReadAhead(const RegistryKey& key, std::function<void(const Seen&)> seen) {
+  const Guard guard(g_lock);
+  Handle* handle = nullptr;
+  // What a batch holds isn't there yet for another connection.
+  if (g_ahead || EnterToRead(key, KEY_ENUMERATE_SUB_KEYS, handle) != ERROR_SUCCESS || g_store->OpenBatch()) return;
+  auto state = std::make_shared<KeyReadAheadState>();
+  static std::atomic<std::uint64_t> lastNumber{0};
+  state->number = ++lastNumber;
+  state->storeNumber = g_store->Number();
+  state->parent = handle->place.id;
+  state->changes = g_store->Changes();
+  state->looked = KeyReadAheadState::Clock::now();
+  if (g_store->DataVersion(state->dataVersion) != ERROR_SUCCESS) return;
+  detail::AheadReader::Seen told;
+  if (seen) told = [seen = std::move(seen)](const AheadKey& read) { seen(Seen(read)); };
+  if (state->reader.Start(g_store->Path(), state->parent, std::move(told)) != ERROR_SUCCESS) return;
+  g_ahead = state;
+  m_state = std::move(state);
+}
+
+KeyReadAhead::~KeyReadAhead() {
+  if (!m_state) return;
+  const Guard guard(g_lock);
+  GiveAheadUp(*m_state);
+  g_ahead.reset();
+}
+
+std::size_t KeyReadAhead::Taken() const { return m_state ? m_state->taken.load() : 0; }
 
 }  // namespace platform
