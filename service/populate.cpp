@@ -1,11 +1,15 @@
 #include "service/populate.h"
 
+#include <optional>
 #include <string>
 
 #include "common/ini_recovery.h"
 #include "foundation/include/zfclog.h"
 #include "platform/file.h"
+#include "platform/guid.h"
 #include "platform/memory.h"
+#include "platform/profile_read_ahead.h"
+#include "platform/registry_read_ahead.h"
 #include "service/ini_path.h"
 #include "service/job_list.h"
 #include "service/schedule_store.h"
@@ -52,8 +56,8 @@ bool OpenScheduleKey(const RegistryKey& schedules, std::u16string_view keyName, 
 }
 
 bool FindIniFile(const std::u16string& keyName, const std::u16string& path, const JobBuildWords& words) {
-  (void)RestoreOldIniFile(path);
-  if (platform::FileExists(platform::NativePath(path))) return true;
+  const std::string file = platform::NativePath(path);
+  if (platform::FileExists(file) || (RestoreOldIniFile(path) && platform::FileExists(file))) return true;
   ServiceLog(words.noIniFileLevel, words.noIniFile, ForLog(words.noIniFileNamesKey ? keyName : path));
   return false;
 }
@@ -132,6 +136,29 @@ void PopulateOne(const RegistryKey& schedules, std::u16string_view keyName) {
   }
 }
 
+constexpr std::uint32_t kWorthReadingAhead = 256;  // schedules
+constexpr std::size_t kFileReaders = 6;            // so many reads a disk has to do at a time
+
+// Keys and files of all schedules, read ahead of the thread that builds the nodes; it finds what was read under its
+// usual calls.
+class ReadAhead {
+ public:
+  explicit ReadAhead(const RegistryKey& schedules)
+      : m_files(kFileReaders), m_keys(schedules, [this](const platform::KeyReadAhead::Seen& key) { WantFile(key); }) {}
+
+ private:
+  void WantFile(const platform::KeyReadAhead::Seen& key) {
+    ScheduleGuid id{};
+    std::u16string xmlPath;
+    if (platform::ClsidFromString(key.Name(), id) == 0 && key.Text(u"XMLFilePathName", xmlPath)) {
+      m_files.Want(IniPath(id, xmlPath));
+    }
+  }
+
+  platform::ProfileReadAhead m_files;
+  platform::KeyReadAhead m_keys;
+};
+
 // Makes the key when it is missing. A key that wrote is closed before anything else: its close says whether it stands.
 bool OpenSchedulesKey(const RegistryKey& version, RegistryKey& schedules) {
   bool created = false;
@@ -179,6 +206,8 @@ Status PopulateJobList() {
   }
   ServiceLog(3, u"Number of Schedules in the registry = %d", info.subKeyCount);
   if (info.subKeyCount == 0) return kStatusOk;
+  std::optional<qx::ReadAhead> ahead;
+  if (info.subKeyCount >= qx::kWorthReadingAhead) ahead.emplace(schedules);
   for (std::uint32_t i = 0; i < info.subKeyCount; ++i) {
     std::u16string name;
     if (platform::EnumKey(schedules, i, name) != ERROR_SUCCESS) {
@@ -187,6 +216,7 @@ Status PopulateJobList() {
     }
     qx::PopulateOne(schedules, name);
   }
+  ahead.reset();
   schedules.Close();
   version.Close();
   ServiceLog(4, u"Exited from PopulateJobList()");

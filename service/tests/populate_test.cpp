@@ -202,6 +202,52 @@ TEST_F(Populate, LeavesAListedScheduleAsItIs) {
   EXPECT_THAT(ListedIds(), ElementsAre(Text(id)));
 }
 
+// So many that their keys and files are read ahead; some of them with a fault.
+TEST_F(Populate, LoadsManyTheSameWhetherTheyAreReadAheadOrNot) {
+  constexpr int kMany = 300;
+  const ScheduleGuid first = Create(Daily());
+  std::vector<std::string> expected = {Text(first)};
+  platform::RegistryKey schedules;
+  ASSERT_EQ(platform::OpenKey(platform::Hive::kLocalMachine, qx::kSchedulesKey, platform::KEY_ALL_ACCESS, schedules), 0u);
+  std::vector<platform::RegistryKey> open;  // one commit for all
+  for (int i = 1; i < kMany; ++i) {
+    ScheduleGuid id = first;
+    id.Data1 = static_cast<std::uint32_t>(i);
+    platform::RegistryKey from;
+    ASSERT_EQ(platform::OpenKey(schedules, platform::GuidText(first), platform::KEY_READ, from), 0u);
+    open.emplace_back();
+    ASSERT_EQ(platform::CreateKey(schedules, platform::GuidText(id), platform::KEY_ALL_ACCESS, open.back()), 0u);
+    std::u16string name;
+    std::uint32_t type = 0;
+    std::vector<std::byte> data;
+    for (std::uint32_t v = 0; platform::EnumValue(from, v, name, type, data) == 0; ++v) {
+      if (i == 7 && name == u"UseGUID") continue;
+      ASSERT_EQ(platform::SetRawValue(open.back(), name, type, data), 0u);
+    }
+    if (i != 11) std::filesystem::copy_file(IniFile(first), IniFile(id));
+    if (i == 13) std::filesystem::rename(IniFile(id), IniFile(id) + ".old");
+    if (i != 7 && i != 11) expected.push_back(Text(id));
+  }
+  open.clear();
+  schedules.Close();
+  MakeKey(std::u16string(qx::kSchedulesKey) + u"\\nonsense");
+
+  const auto load = [this] {
+    Reload();
+    std::vector<std::string> told;
+    for (const std::string& line : m_log.texts(1)) told.push_back(line);
+    return told;
+  };
+  EXPECT_EQ(load().size(), 5u);  // the flag, the file, the copy that was moved back, and two lines on the name
+  EXPECT_THAT(ListedIds(), testing::UnorderedElementsAreArray(expected));
+  const std::vector<std::string> ahead = load();
+  const FaultPlan plan = FaultPlan::FailCall(Operation::kCreateThread, 1, platform::ERROR_NO_PROC_SLOTS,
+                                             platform::kFromThenOn);
+  EXPECT_EQ(load(), ahead);
+  EXPECT_GE(plan.hits(), 2);
+  EXPECT_THAT(ListedIds(), testing::UnorderedElementsAreArray(expected));
+}
+
 TEST_F(Populate, CleansTheListUp) {
   (void)Create(Daily());
   (void)Create(Daily());
