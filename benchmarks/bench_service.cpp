@@ -68,14 +68,17 @@ std::int64_t WallNanoseconds() {
   return now.tv_sec * kNanosecondsPerSecond + now.tv_nsec;
 }
 
-pid_t Spawn(std::vector<std::string> words) {
+pid_t Spawn(std::vector<std::string> words, Session session) {
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  if (session == Session::kNew) posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
   pid_t process = -1;
-  if (posix_spawn(&process, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
-    throw std::runtime_error("can't start " + words[0]);
-  }
+  const int error = posix_spawn(&process, argv[0], nullptr, &attributes, argv.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  if (error != 0) throw std::runtime_error("can't start " + words[0]);
   return process;
 }
 

@@ -20,8 +20,10 @@ inline constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
 [[nodiscard]] std::int64_t WallNanoseconds();
 
-// Starts words[0] by its path.
-pid_t Spawn(std::vector<std::string> words);
+// Starts words[0] by its path, in a session of its own where asked for: the kernel may give each session an equal part of
+// the processors.
+enum class Session { kSame, kNew };
+pid_t Spawn(std::vector<std::string> words, Session session = Session::kSame);
 [[nodiscard]] std::string ProgramBeside(const char* name);
 
 // A schedule that runs once a day at the time of day of `second`, from that day on; its file lies in `directory`.

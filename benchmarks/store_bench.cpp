@@ -25,9 +25,17 @@ constexpr int kChangesARound = 20;
 constexpr int kFew = 100;
 constexpr int kMany = 100000;
 
-constexpr const char* kTexts[] = {"Application", "ObjectID", "WrapperBinary", "XMLFilePathName", "Parameters", "PreScript",
-                                  "PostScript"};
-constexpr const char* kNumbers[] = {"TaskOPCODE", "LastOperation", "OperationTime", "UseGUID"};
+struct Value {
+  const char* name;
+  bool isText;
+  bool isModified;  // by a modification too
+};
+constexpr Value kValues[] = {
+    {"Application", true, false},   {"ObjectID", true, false},       {"TaskOPCODE", false, false},
+    {"LastOperation", false, true}, {"OperationTime", false, true},  {"UseGUID", false, false},
+    {"WrapperBinary", true, true},  {"XMLFilePathName", true, true}, {"Parameters", true, true},
+    {"PreScript", true, true},      {"PostScript", true, true},
+};
 
 void Demand(bool good, const char* what) {
   if (!good) throw std::runtime_error(what);
@@ -51,12 +59,19 @@ class Values {
     sqlite3_close(m_db);
   }
 
-  void Set(const std::string& key, const std::string& directory) {
+  enum class Which { kAll, kModified };
+  void Set(const std::string& key, const std::string& directory, Which which = Which::kAll) {
     Run("BEGIN IMMEDIATE");
     const std::u16string text = platform::WideFromUtf8(directory + "/");
-    for (const char* name : kTexts) SetOne(key, name, 1, text.data(), 2 * text.size() + 2);
-    const std::uint32_t number = 1;
-    for (const char* name : kNumbers) SetOne(key, name, 4, &number, sizeof number);
+    const std::uint32_t number = ++m_number;
+    for (const Value& value : kValues) {
+      if (which == Which::kModified && !value.isModified) continue;
+      if (value.isText) {
+        SetOne(key, value.name, 1, text.data(), 2 * text.size() + 2);
+      } else {
+        SetOne(key, value.name, 4, &number, sizeof number);
+      }
+    }
     Run("COMMIT");
   }
   void Delete(const std::string& key) {
@@ -84,6 +99,7 @@ class Values {
   sqlite3* m_db = nullptr;
   sqlite3_stmt* m_set = nullptr;
   sqlite3_stmt* m_delete = nullptr;
+  std::uint32_t m_number = 0;
 };
 
 class Store {
@@ -118,7 +134,31 @@ class Store {
     });
   }
 
+  // Of one schedule, with other parameters each time.
+  double Modify() {
+    SCHEDULE_OBJECT schedule = DailyAt(kFarStart, m_service.Directory(), "/bin/true");
+    if (m_ids.empty()) {
+      Demand(m_service.Client().CreateSchedule(schedule, m_ids.emplace_back()) == kStatusOk, "not created");
+    }
+    return Timed([&] {
+      schedule.bstrParameters = platform::WideFromUtf8(std::to_string(++m_change));
+      Demand(m_service.Client().ModifySchedule(m_ids.front(), schedule) == kStatusOk, "not modified");
+    });
+  }
+
   // The same by hand.
+  double Change() {
+    if (m_keys.empty()) {
+      m_keys.emplace_back("{changed}");
+      ReplaceFile(m_keys.back());
+      m_values->Set(m_keys.back(), m_service.Directory());
+    }
+    return Timed([&] {
+      ReplaceFile(m_keys.front());
+      m_values->Set(m_keys.front(), m_service.Directory(), Values::Which::kModified);
+      Echo();
+    });
+  }
   double Set() {
     return Timed([&] {
       ScheduleGuid id{};
@@ -176,6 +216,7 @@ class Store {
   platform::BusConnection m_echo;
   std::vector<ScheduleGuid> m_ids;
   std::vector<std::string> m_keys;
+  int m_change = 0;
 };
 
 Store& Of(int count) {
@@ -203,9 +244,12 @@ std::vector<Figure> StoreFigures() {
   return {
       {"durable/create", kYardstick, "ms", 1.25, [] { return Of(kFew).Create(); }, [] { return Of(kFew).Set(); }, 9},
       {"durable/delete", kYardstick, "ms", 1.25, [] { return Remove(kFew); }, [] { return Delete(kFew); }, 9},
+      {"durable/modify", kYardstick, "ms", 1.25, [] { return Of(kFew).Modify(); }, [] { return Of(kFew).Change(); }, 9},
       {"durable/create-beside-100k", kAlone, "ms", 1.1, [] { return Of(kMany).Create(); },
        [] { return Of(kFew).Create(); }, 9},
       {"durable/delete-beside-100k", kAlone, "ms", 1.1, [] { return Remove(kMany); }, [] { return Remove(kFew); }, 9},
+      {"durable/modify-beside-100k", kAlone, "ms", 1.1, [] { return Of(kMany).Modify(); },
+       [] { return Of(kFew).Modify(); }, 9},
   };
 }
 
