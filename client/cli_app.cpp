@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 
+#include "client/cli_completion.h"
 #include "client/cli_config.h"
 #include "client/cli_reg.h"
 #include "client/cli_registry.h"
@@ -13,8 +14,10 @@
 #include "foundation/include/zfclog.h"
 #include "platform/clock.h"
 #include "platform/file.h"
+#include "platform/foreground.h"
 #include "platform/host.h"
 #include "platform/terminal.h"
+#include "platform/text.h"
 
 namespace qx {
 namespace {
@@ -45,6 +48,32 @@ bool UseZone(CliContext& context, const std::string& zone) {
   platform::TzSet();
   context.zoneChosen = true;
   return true;
+}
+
+// Whether a program of that name, or the file itself where it has a separator, is there.
+bool IsProgram(const std::string& name) {
+  if (name.find('/') != std::string::npos) return platform::FileExists(name);
+  const std::string path = platform::Utf8FromWide(platform::EnvironmentVariable(u"PATH").value_or(u"/usr/bin:/bin"));
+  for (std::string_view rest = path;;) {
+    const std::string_view directory = rest.substr(0, rest.find(':'));
+    if (platform::FileExists(std::string(directory) + "/" + name)) return true;
+    if (directory.size() == rest.size()) return false;
+    rest.remove_prefix(directory.size() + 1);
+  }
+}
+
+// The pager as a command line of the shell: $PAGER, else less or more. Empty: none is there or none is wanted.
+std::string PagerCommand() {
+  if (const auto named = platform::EnvironmentVariable(u"PAGER")) {
+    const std::string pager = platform::Utf8FromWide(*named);
+    const std::size_t begin = pager.find_first_not_of(' ');
+    if (begin == std::string::npos || pager == "cat") return "";
+    return IsProgram(pager.substr(begin, pager.find(' ', begin) - begin)) ? pager : "";
+  }
+  for (const char* pager : {"less", "more"}) {
+    if (IsProgram(pager)) return pager;
+  }
+  return "";
 }
 
 int RunChosen(CliContext& context, const CLI::App& app, const CommandChoice& choice) {
@@ -195,6 +224,20 @@ void AddConfigCommands(CLI::App& app, CliContext& context, CommandChoice& choice
     settings.off = state->off;
     choice.run = [&context, settings] { return RunConfigTrace(context, settings); };
   });
+
+  const auto named = std::make_shared<ConfigArguments>();
+  CLI::App* get = config->add_subcommand("get", "Show all settings, or the value of one");
+  get->add_option("SETTING", named->name, "Its name: " + SettingNames());
+  get->callback([&context, &choice, named] {
+    choice.run = [&context, named] { return RunConfigGet(context, named->name); };
+  });
+  CLI::App* set = config->add_subcommand("set", "Change a setting; the service takes it at its next start");
+  set->add_option("SETTING", named->name, "Its name: " + SettingNames())->required();
+  set->add_option("VALUE", named->value, "Its value")->required();
+  set->add_option("--destdir", named->destination, "Below it the unit's drop-in is written (the root)")->type_name("DIR");
+  set->callback([&context, &choice, named] {
+    choice.run = [&context, named] { return RunConfigSet(context, *named); };
+  });
 }
 
 void AddOnlineCommands(CLI::App& app, CliContext& context, CommandChoice& choice, const OnlineSettings& settings) {
@@ -245,10 +288,21 @@ int RunQxsched(int argc, const char* const* argv, std::istream& in, std::ostream
                const OnlineSettings& settings) {
   ZepFoundation::SetServiceLogWriter(ZepFoundation::NullServiceLogWriter());
   CliContext context{in, out, err, {}};
+  platform::OutputPager pager;
+  bool paged = false;
   try {
     context.colourOut = ColourWanted(out, std::cout, platform::StandardStream::kOutput);
     context.colourErr = ColourWanted(err, std::cerr, platform::StandardStream::kError);
     if (&out == &std::cout) context.columns = platform::TerminalColumns(platform::StandardStream::kOutput);
+    if (&out == &std::cout && platform::IsTerminal(platform::StandardStream::kOutput)) {
+      context.startPager = [&] {
+        const std::string command = paged ? "" : PagerCommand();
+        if (command.empty()) return;
+        out.flush();
+        // A text of one screen is left where it is; colours go through; the screen isn't cleared.
+        paged = pager.Start({"/bin/sh", "-c", command}, {"LESS=FRSX"}) == platform::ERROR_SUCCESS;
+      };
+    }
     CommandChoice choice;
     CLI::App app("Shows, checks and changes the schedules of the scheduler service.", "qxsched");
     app.set_version_flag("--version", std::string("qxsched ") + QX_VERSION);
@@ -260,6 +314,12 @@ int RunQxsched(int argc, const char* const* argv, std::istream& in, std::ostream
     AddRegistryCommands(app, context, choice);
     AddConfigCommands(app, context, choice);
     AddOnlineCommands(app, context, choice, settings);
+    AddChangeCommands(app, context, choice, settings);
+    AddLogCommand(app, context, choice);
+    AddCompletionCommand(app, context, choice);
+    if (argc > 1 && std::string_view(argv[1]) == kCompleteWord) {
+      return RunComplete(context, app, settings, {argv + 2, argv + argc});
+    }
     try {
       app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -278,7 +338,9 @@ int RunQxsched(int argc, const char* const* argv, std::istream& in, std::ostream
                                                              : context.options.root);
     const int exit = RunChosen(context, app, choice);
     out.flush();
-    if (out || exit != kExitDone) return exit;
+    pager.Finish();
+    // Who leaves the pager has seen enough.
+    if (out || exit != kExitDone || paged) return exit;
     PrintError(context, "the output can't be written");
     return kExitFailed;
   } catch (const std::exception& error) {

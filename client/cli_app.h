@@ -31,6 +31,10 @@ void AddConfigCommands(CLI::App& app, CliContext& context, CommandChoice& choice
 // Also makes `list` the default command and the service the source of `next`. `settings` outlives `app`.
 void AddOnlineCommands(CLI::App& app, CliContext& context, CommandChoice& choice, const OnlineSettings& settings);
 
+void AddChangeCommands(CLI::App& app, CliContext& context, CommandChoice& choice, const OnlineSettings& settings);
+void AddLogCommand(CLI::App& app, CliContext& context, CommandChoice& choice);
+void AddCompletionCommand(CLI::App& app, CliContext& context, CommandChoice& choice);
+
 // Reads the command line and runs the command in it. Nothing is thrown. The streams may be anything; colours appear
 // only where `out` or `err` is the process's own and a terminal. Sets the state directory, and with --zone the zone, of
 // the process.

@@ -1,5 +1,7 @@
 #include "client/cli_config.h"
 
+#include <algorithm>
+#include <charconv>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <string_view>
@@ -7,6 +9,8 @@
 
 #include "client/cli_reg.h"
 #include "client/cli_registry.h"
+#include "client/status_text.h"
+#include "platform/file.h"
 #include "platform/registry.h"
 #include "platform/text.h"
 
@@ -65,7 +69,7 @@ bool PathIsUsable(CliContext& context, const std::string& path) {
 }
 
 int StoreFailure(CliContext& context, ErrorCode code) {
-  PrintError(context, "config trace: " + std::string(client::RegistryErrorSentence(code)) + " (error " +
+  PrintError(context, "config: " + std::string(client::RegistryErrorSentence(code)) + " (error " +
                           std::to_string(code) + ")");
   return code == platform::ERROR_ACCESS_DENIED ? kExitPermission : kExitFailed;
 }
@@ -142,6 +146,201 @@ int RunConfigTrace(CliContext& context, const TraceSettings& settings) {
   if (settings.path && !PathIsUsable(context, *settings.path)) return kExitUsage;
   const bool changes = settings.path || flags || settings.kibibytes;
   return WithKeyStore(context, changes, [&] { return changes ? Change(context, settings, flags) : Show(context); });
+}
+
+
+// --- settings by name ---
+
+namespace {
+
+constexpr char16_t kSchedulesKey[] = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules";
+constexpr char16_t kVolumeManagerKey[] = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\VolumeManager";
+constexpr char16_t kRecordKey[] = u"SYSTEM\\CurrentControlSet\\Services\\QxSchedService";
+constexpr std::string_view kLocalSystem = "LocalSystem";
+constexpr const char* kUnitPlaces[] = {"/etc/systemd/system/", "/usr/lib/systemd/system/", "/lib/systemd/system/"};
+constexpr const char* kUnit = "QxSchedService.service";
+constexpr const char* kDropIn = "/etc/systemd/system/QxSchedService.service.d/account.conf";
+
+struct SettingRow {
+  std::string_view name;
+  const char16_t* key;
+  const char16_t* value;
+  bool number;
+  const char* byDefault;
+  std::uint32_t greatest;  // of a number
+  std::uint32_t least;
+  bool readOnly;
+};
+constexpr SettingRow kSettings[] = {
+    {"account", kRecordKey, u"ObjectName", false, "LocalSystem", 0, 0, false},
+    {"port", kSchedulesKey, u"DefaultPort", true, "4888", 65535, 1, false},
+    {"log-level", kSchedulesKey, u"TraceLevel", true, "3", 6, 0, false},
+    {"install-directory", kVolumeManagerKey, u"INSTALLDIR", false, "", 0, 0, true},
+    {"trace-path", kTraceKey, kPathValue, false, "", 0, 0, true},
+    {"trace-filter", kTraceKey, kFilterValue, true, "0", 0, 0, true},
+    {"trace-size", kTraceKey, kSizeValue, true, "0", 0, 0, true},
+};
+
+const SettingRow* FindSetting(CliContext& context, const std::string& name) {
+  for (const SettingRow& row : kSettings) {
+    if (row.name == name) return &row;
+  }
+  PrintError(context, "config: unknown setting \"" + name + "\" (allowed: " + SettingNames() + ")");
+  return nullptr;
+}
+
+// The value as text; the default where none is set or it has another type.
+std::string ValueOf(const SettingRow& row) {
+  platform::RegistryKey key;
+  if (OpenKey(kHive, row.key, platform::KEY_READ, key) != ERROR_SUCCESS) return row.byDefault;
+  if (!row.number) {
+    std::u16string text;
+    return ReadRegistryString(key, row.value, text) == ERROR_SUCCESS ? platform::Utf8FromWide(text) : row.byDefault;
+  }
+  std::uint32_t number = 0;
+  if (ReadRegistryDword(key, row.value, number) != ERROR_SUCCESS) return row.byDefault;
+  // Deliberate: the service uses the low 16 bits of a port.
+  return std::to_string(row.name == "port" ? number & 0xFFFF : number);
+}
+
+bool IsAccountName(const std::string& name) {
+  constexpr std::size_t kLongestName = 255;
+  const auto plain = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-' ||
+           c == '.' || c == '@' || c == '$';
+  };
+  return !name.empty() && name.size() <= kLongestName && name[0] != '-' && std::all_of(name.begin(), name.end(), plain);
+}
+
+bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
+  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
+}
+
+// Whether the host's unit of the service runs on this state directory.
+bool UnitIsOurs(const std::string& destination) {
+  for (const char* place : kUnitPlaces) {
+    std::string unit;
+    if (platform::ReadWholeFile(destination + place + kUnit, unit) != ERROR_SUCCESS) continue;
+    return unit.find(platform::StateDirectory()) != std::string::npos;
+  }
+  return false;
+}
+
+int WriteDropIn(CliContext& context, const std::string& destination, const std::string& account) {
+  const std::string file = destination + kDropIn;
+  ErrorCode code = ERROR_SUCCESS;
+  if (account == kLocalSystem) {
+    if (!platform::FileExists(file)) return kExitDone;
+    code = platform::DeleteFile(file, platform::Durable::kYes);
+  } else {
+    code = platform::CreateDirectories(platform::DirectoryOf(file));
+    if (code == ERROR_SUCCESS) {
+      code = platform::ReplaceWholeFile(file, "# Written by qxsched config set account.\n[Service]\nUser=" + account + "\n",
+                                        platform::Durable::kYes);
+    }
+  }
+  if (code != ERROR_SUCCESS) {
+    PrintError(context, "the record is changed, but not the unit: " + file + ": " + FormatStatus(0x80070000 | code));
+    PrintHint(context, "set the account again once the directory can be written to");
+    return code == platform::ERROR_ACCESS_DENIED ? kExitPermission : kExitFailed;
+  }
+  PrintNote(context, (account == kLocalSystem ? "removed: " : "written: ") + file);
+  PrintHint(context, "systemctl daemon-reload && systemctl restart QxSchedService" +
+                         (account == kLocalSystem ? std::string()
+                                                  : "; " + account + " needs the state directory: chown -R " + account +
+                                                        " " + platform::StateDirectory()));
+  return kExitDone;
+}
+
+}  // namespace
+
+std::string SettingNames() {
+  std::string names;
+  for (const SettingRow& row : kSettings) names += (names.empty() ? "" : ", ") + std::string(row.name);
+  return names;
+}
+
+int RunConfigGet(CliContext& context, const std::string& name) {
+  const SettingRow* one = nullptr;
+  if (!name.empty() && (one = FindSetting(context, name)) == nullptr) return kExitUsage;
+  return WithKeyStore(context, false, [&] {
+    nlohmann::ordered_json json = nlohmann::ordered_json::object();
+    constexpr std::size_t kWidth = 19;
+    for (const SettingRow& row : kSettings) {
+      if (one != nullptr && one != &row) continue;
+      const std::string value = ValueOf(row);
+      if (context.options.json) {
+        const nlohmann::ordered_json shown =
+            row.number ? nlohmann::ordered_json(std::stoul(value)) : nlohmann::ordered_json(value);
+        if (one != nullptr) {
+          json = shown;
+        } else {
+          json[std::string(row.name)] = shown;
+        }
+      } else if (one != nullptr) {
+        context.out << Printable(value) << "\n";
+      } else {
+        std::string padded(row.name);
+        padded.resize(kWidth, ' ');
+        context.out << padded << (value.empty() ? "-" : Printable(value)) << "\n";
+      }
+    }
+    if (context.options.json) {
+      context.out << json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
+    }
+    return static_cast<int>(kExitDone);
+  });
+}
+
+int RunConfigSet(CliContext& context, const ConfigArguments& arguments) {
+  const SettingRow* row = FindSetting(context, arguments.name);
+  if (row == nullptr) return kExitUsage;
+  if (row->readOnly) {
+    PrintError(context, "config: " + arguments.name + " can't be set here");
+    PrintHint(context, arguments.name.starts_with("trace-") ? "qxsched config trace sets the trace"
+                                                            : "the service is registered with it");
+    return kExitUsage;
+  }
+  std::string value = arguments.value;
+  std::uint32_t number = 0;
+  if (row->number) {
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
+    if (error != std::errc() || end != value.data() + value.size() || number < row->least || number > row->greatest) {
+      PrintError(context, "config: \"" + value + "\" is no " + arguments.name + " (allowed: " +
+                              std::to_string(row->least) + " to " + std::to_string(row->greatest) + ")");
+      return kExitUsage;
+    }
+  } else if (EqualsIgnoringCase(value, kLocalSystem)) {
+    value = kLocalSystem;
+  } else if (!IsAccountName(value)) {
+    PrintError(context, "config: \"" + value + "\" is no account (allowed: a user's name, or LocalSystem for root)");
+    return kExitUsage;
+  }
+  return WithKeyStore(context, false, [&] {
+    platform::RegistryKey key;
+    ErrorCode code = row->number ? CreateKey(kHive, row->key, platform::KEY_ALL_ACCESS, key)
+                                 : OpenKey(kHive, row->key, platform::KEY_ALL_ACCESS, key);
+    if (code == ERROR_FILE_NOT_FOUND) {
+      PrintError(context, "the service isn't installed: there is no record that could name an account");
+      PrintHint(context, "install it with: QxSchedService -Service");
+      return static_cast<int>(kExitNotFound);
+    }
+    if (code == ERROR_SUCCESS) {
+      code = row->number ? SetDword(key, row->value, number)
+                         : SetString(key, row->value, platform::WideFromUtf8(value));
+    }
+    if (key.IsOpen()) {
+      const ErrorCode closed = key.Close();
+      if (code == ERROR_SUCCESS) code = closed;
+    }
+    if (code != ERROR_SUCCESS) return StoreFailure(context, code);
+    if (!row->number && (!arguments.destination.empty() || UnitIsOurs(arguments.destination))) {
+      return WriteDropIn(context, arguments.destination, value);
+    }
+    PrintNote(context, arguments.name + " is " + value + " from the service's next start on");
+    return static_cast<int>(kExitDone);
+  });
 }
 
 }  // namespace qx

@@ -30,4 +30,24 @@ struct TraceSettings {
 //            look without a store; codes of WithKeyStore()
 [[nodiscard]] int RunConfigTrace(CliContext& context, const TraceSettings& settings);
 
+// What `config get` and `config set` know, with commas between.
+[[nodiscard]] std::string SettingNames();
+
+// Shows every setting with its value, or the value of one alone. What isn't set has its default.
+//   shown    lines of name and value; with --json {"NAME": value, ...}, or the one value
+//   returns  kExitDone; kExitUsage for an unknown name; kExitNotFound without a store; codes of WithKeyStore()
+[[nodiscard]] int RunConfigGet(CliContext& context, const std::string& name);
+
+struct ConfigArguments {
+  std::string name;
+  std::string value;
+  std::string destination;  // the host's root for the unit's drop-in; empty: "/"
+};
+// Changes a setting in the key store. An account also goes into a drop-in of the service's unit, where that unit is
+// installed for this state directory; "LocalSystem" takes the drop-in away.
+//   returns  kExitDone; kExitUsage for an unknown name or a value that can't be used, with nothing changed;
+//            kExitNotFound: no store, or an account without an installed service; kExitFailed also when the drop-in
+//            couldn't be written, the record then being changed; codes of WithKeyStore()
+[[nodiscard]] int RunConfigSet(CliContext& context, const ConfigArguments& arguments);
+
 }  // namespace qx

@@ -294,9 +294,8 @@ std::vector<ComingWindow> ComingWindows(const SCHEDULE_OBJECT& record, std::int6
   return windows;
 }
 
-int ReadAndCheck(CliContext& context, const std::string& file, bool allowRelativePaths, CheckedFile& checked) {
-  std::string text;
-  if (const int exit = ReadText(context, file, text); exit != kExitDone) return exit;
+CheckedFile CheckText(const std::string& text, bool allowRelativePaths) {
+  CheckedFile checked;
   std::map<std::string, TextPosition> positions;
   const std::size_t first = text.find_first_not_of(" \t\r\n");
   if (first != std::string::npos && text[first] == '{') {
@@ -312,12 +311,19 @@ int ReadAndCheck(CliContext& context, const std::string& file, bool allowRelativ
     checked.findings = std::move(parsed.findings);
     positions = std::move(parsed.positions);
   }
-  if (HasErrors(checked.findings)) return kExitDone;
+  if (HasErrors(checked.findings)) return checked;
   checked.status = ValidateRecord(checked.record);
   if (checked.status != kStatusOk) {
     checked.findings.push_back(
         {Severity::kError, PlaceOf(positions, checked.status), "", FormatStatus(checked.status), ""});
   }
+  return checked;
+}
+
+int ReadAndCheck(CliContext& context, const std::string& file, bool allowRelativePaths, CheckedFile& checked) {
+  std::string text;
+  if (const int exit = ReadText(context, file, text); exit != kExitDone) return exit;
+  checked = CheckText(text, allowRelativePaths);
   return kExitDone;
 }
 
@@ -364,6 +370,7 @@ int RunNext(CliContext& context, const NextArguments& arguments, const RecordSou
   } else if (windows.empty()) {
     PrintNote(context, "no window after " + FormatInstant(*from, zone));
   } else {
+    BeginPaged(context);
     PrintWindowTable(context, windows, arguments.why);
   }
   return kExitDone;

@@ -63,7 +63,10 @@ struct CheckedFile {
   Status status = kStatusOk;      // what the service would answer: kStatusNoRunDay, ..., kStatusBackdated
 };
 
-// Reads a schedule file ("-" for the input): TOML, or the record as JSON when the text begins with "{".
+// Checks the text of a schedule file: TOML, or the record as JSON when the text begins with "{".
+[[nodiscard]] CheckedFile CheckText(const std::string& text, bool allowRelativePaths);
+
+// Reads a schedule file ("-" for the input): as CheckText().
 //   checked  filled when the file could be read
 //   returns  kExitDone when the file could be read, whatever was found in it; else an exit code, told on `err`
 [[nodiscard]] int ReadAndCheck(CliContext& context, const std::string& file, bool allowRelativePaths,

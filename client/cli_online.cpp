@@ -9,7 +9,9 @@
 #include <tuple>
 #include <utility>
 
+#include "client/backup.h"
 #include "client/cli_offline.h"
+#include "client/cli_session.h"
 #include "client/schedule_file.h"
 #include "client/schedule_json.h"
 #include "client/status_text.h"
@@ -27,26 +29,9 @@ namespace {
 using nlohmann::ordered_json;
 using platform::Utf8FromWide;
 
-constexpr std::uint32_t kPageRows = 1000;
 constexpr std::int64_t kWindowsShown = 3;
 // How long monitor may take to hear of an interrupt.
 constexpr std::uint32_t kMonitorTurnMs = 250;
-constexpr std::size_t kMostCandidatesShown = 10;
-constexpr int kMostBackupsOfOneSecond = 1000;
-
-void WriteJson(std::ostream& out, const ordered_json& json) {
-  out << json.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << "\n";
-}
-
-std::string Hex(Status status) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", status);
-  return text;
-}
-
-std::string IdText(const ScheduleGuid& id) {
-  return Utf8FromWide(platform::GuidText(id));
-}
 
 ordered_json WindowJson(std::int32_t window) {
   if (window < 0) return nullptr;
@@ -56,253 +41,6 @@ ordered_json WindowJson(std::int32_t window) {
 std::string WindowText(std::int32_t window) {
   if (window == kDamagedKey) return "damaged";
   return window < 0 ? "-" : FormatInstant(window, platform::CurrentZone());
-}
-
-std::string ZoneText() {
-  const std::string& name = platform::CurrentZone().Name();
-  return name.empty() ? "local" : name;
-}
-
-// --- identifiers ---
-
-bool IsHexDigit(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-}
-
-// The digits of an ID or of its beginning, in upper case; empty for any other text.
-std::string IdDigits(std::string_view text) {
-  std::string digits;
-  for (const char c : text) {
-    if (IsHexDigit(c)) {
-      digits += c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c;
-    } else if (c != '-' && c != '{' && c != '}') {
-      return "";
-    }
-  }
-  return digits;
-}
-
-bool ParseFullId(const std::string& text, ScheduleGuid& id) {
-  return ParseScheduleId(text, id) || ParseScheduleId("{" + text + "}", id);
-}
-
-struct Target {
-  ScheduleGuid id;
-  std::string name;     // where it is known
-  bool listed = false;  // the service has it in its list
-};
-
-bool Answers(const ListRow& row, const std::string& schedule, const std::string& digits) {
-  if (row.nextWindow != kDamagedKey && Utf8FromWide(row.name) == schedule) return true;
-  return digits.size() >= kFewestIdDigits && IdDigits(Utf8FromWide(row.id)).starts_with(digits);
-}
-
-// --- the service ---
-
-// One command's link to the service, and how it tells of failures.
-class Session {
- public:
-  Session(CliContext& context, const OnlineSettings& settings) : m_context(context), m_settings(settings) {}
-
-  // Connects and asks the service about itself.
-  int Connect();
-  // Lives in the service's zone from now on.
-  int UseServiceZone();
-  [[nodiscard]] const ServiceFacts& Facts() const { return m_facts; }
-  ServiceLink& Link() { return *m_link; }
-
-  // Carries out a call; tells after a while what is waited for. An interrupt ends the process with a word that a
-  // change goes on without it.
-  //   doing  "read the schedules"
-  template <class Call>
-  Status Wait(const std::string& doing, bool changes, Call call);
-
-  // Tells why the last call failed.
-  //   about  what it was about, ahead of the sentence; may be empty
-  int Fail(Status status, const std::string& about);
-
-  int AllRows(std::vector<ListRow>& rows);
-  // Finds the schedules that the words name. Nothing is left out: the first word that names none ends it.
-  int Find(const std::vector<std::string>& words, std::vector<Target>& targets);
-  int Fetch(const Target& target, SCHEDULE_OBJECT& record);
-
- private:
-  [[nodiscard]] platform::BusAddress Address() const;
-  int Unreachable(const std::string& why);
-  int FindInList(const std::string& word, const std::vector<ListRow>& rows, Target& target);
-
-  CliContext& m_context;
-  const OnlineSettings& m_settings;
-  std::unique_ptr<ServiceLink> m_link;
-  ServiceFacts m_facts;
-};
-
-platform::BusAddress Session::Address() const {
-  const std::string& bus = m_context.options.bus;
-  if (bus == "session") return platform::BusAddress::Session();
-  if (bus == "system") return platform::BusAddress::System();
-  if (!bus.empty()) return platform::BusAddress::Explicit(bus);
-  return platform::IsRootUser() ? platform::BusAddress::System() : platform::BusAddress::Session();
-}
-
-template <class Call>
-Status Session::Wait(const std::string& doing, bool changes, Call call) {
-  CliContext& context = m_context;
-  const auto late = [&] {
-    PrintNote(context, "waiting for the service to " + doing +
-                           (changes ? " (Ctrl-C leaves; the operation goes on)" : " (Ctrl-C leaves)"));
-    context.err.flush();
-  };
-  const auto interrupted = [&] {
-    if (changes) PrintError(context, "left; the service goes on to " + doing);
-    context.err.flush();
-    platform::EndByInterrupt();
-  };
-  const platform::InterruptWatch watch(m_settings.noticeAfterMs, late, interrupted);
-  return call();
-}
-
-int Session::Unreachable(const std::string& why) {
-  PrintError(m_context, "the service can't be reached: " + why);
-  const platform::BusAddress address = Address();
-  PrintHint(m_context, address.kind == platform::BusAddress::Kind::kSystem
-                           ? "start it with: systemctl start QxSchedService"
-                       : address.kind == platform::BusAddress::Kind::kSession
-                           ? "start it with: QxSchedService --foreground"
-                           : "start it with: QxSchedService --foreground --bus=" + address.address);
-  return kExitUnreachable;
-}
-
-int Session::Fail(Status status, const std::string& about) {
-  const platform::BusError error = m_link->LastError();
-  if (error.IsSet()) {
-    static constexpr std::string_view kGone[] = {platform::kBusErrorServiceUnknown, platform::kBusErrorNameHasNoOwner,
-                                                 platform::kBusErrorNoReply, platform::kBusErrorDisconnected};
-    const std::string why = error.text + " (" + Hex(status) + ", " + error.name + ")";
-    if (std::find(std::begin(kGone), std::end(kGone), error.name) != std::end(kGone)) return Unreachable(why);
-    if (error.name == platform::kBusErrorAccessDenied) {
-      PrintError(m_context, "the service may not be used: " + why);
-      PrintHint(m_context, "root and the members of the group qxsched may use it");
-      return kExitPermission;
-    }
-    PrintError(m_context, (about.empty() ? "" : about + ": ") + "the service refuses the call: " + why);
-    return error.name == platform::kBusErrorInvalidArgs ? kExitRulesRefused : kExitFailed;
-  }
-  PrintError(m_context, (about.empty() ? "" : about + ": ") + FormatStatus(status));
-  PrintHint(m_context, DescribeStatus(status).hint);
-  return ExitCodeOf(status);
-}
-
-int Session::Connect() {
-  const platform::ErrorCode code = m_settings.connect(Address(), m_link);
-  if (code != platform::ERROR_SUCCESS) {
-    const std::string why = FormatStatus(0x80070000 | code);
-    if (code != platform::ERROR_ACCESS_DENIED) return Unreachable(why);
-    PrintError(m_context, "the bus may not be used: " + why);
-    PrintHint(m_context, "root and the members of the group qxsched may use the service");
-    return kExitPermission;
-  }
-  const Status status = Wait("answer", false, [&] { return m_link->ReadFacts(m_facts); });
-  return status == kStatusOk ? static_cast<int>(kExitDone) : Fail(status, "");
-}
-
-int Session::UseServiceZone() {
-  const std::string& zone = m_facts.zone;
-  if (zone.empty() || zone == platform::CurrentZone().Name()) return kExitDone;
-  const bool file = zone.front() == ':';
-  if (file ? !platform::FileExists(zone.substr(1)) : !IsKnownZone(zone)) {
-    PrintError(m_context, "the zone of the service is unknown here: \"" + zone + "\"");
-    PrintHint(m_context, "install the zone files (tzdata)");
-    return kExitFailed;
-  }
-  (void)platform::PutEnvironment(("TZ=" + zone).c_str());
-  platform::TzSet();
-  return kExitDone;
-}
-
-int Session::AllRows(std::vector<ListRow>& rows) {
-  for (std::u16string after;;) {
-    std::vector<ListRow> page;
-    const Status status = Wait("list the schedules", false, [&] { return m_link->ListInfo(after, kPageRows, page); });
-    if (status != kStatusOk) return Fail(status, "");
-    // A page that begins again would never end.
-    if (page.empty() || page.back().id == after) return kExitDone;
-    after = page.back().id;
-    std::move(page.begin(), page.end(), std::back_inserter(rows));
-  }
-}
-
-int Session::FindInList(const std::string& word, const std::vector<ListRow>& rows, Target& target) {
-  const std::string digits = IdDigits(word);
-  std::vector<const ListRow*> found;
-  for (const ListRow& row : rows) {
-    if (Answers(row, word, digits)) found.push_back(&row);
-  }
-  if (found.size() == 1 && ParseScheduleId(Utf8FromWide(found[0]->id), target.id)) {
-    target.name = Utf8FromWide(found[0]->name);
-    target.listed = true;
-    return kExitDone;
-  }
-  if (found.empty()) {
-    PrintError(m_context, word + ": no such schedule");
-    PrintHint(m_context, !digits.empty() && digits.size() < kFewestIdDigits
-                             ? "the beginning of an ID needs at least four digits"
-                             : "see qxsched list");
-    return kExitNotFound;
-  }
-  PrintError(m_context, word + ": is ambiguous, " + std::to_string(found.size()) + " schedules answer to it:");
-  for (std::size_t i = 0; i < found.size() && i < kMostCandidatesShown; ++i) {
-    m_context.err << "  " << Printable(Utf8FromWide(found[i]->id)) << "  " << Printable(Utf8FromWide(found[i]->name))
-                  << "\n";
-  }
-  if (found.size() > kMostCandidatesShown) m_context.err << "  ...\n";
-  PrintHint(m_context, "give more digits of the ID");
-  return kExitNotFound;
-}
-
-int Session::Find(const std::vector<std::string>& words, std::vector<Target>& targets) {
-  std::optional<std::vector<ListRow>> rows;
-  for (const std::string& word : words) {
-    Target target;
-    if (!ParseFullId(word, target.id)) {
-      if (!rows) {
-        rows.emplace();
-        if (const int exit = AllRows(*rows); exit != kExitDone) return exit;
-      }
-      if (const int exit = FindInList(word, *rows, target); exit != kExitDone) return exit;
-    }
-    const auto same = [&](const Target& other) { return other.id == target.id; };
-    if (std::none_of(targets.begin(), targets.end(), same)) targets.push_back(std::move(target));
-  }
-  return kExitDone;
-}
-
-int Session::Fetch(const Target& target, SCHEDULE_OBJECT& record) {
-  ScheduleInfo info;
-  const Status status =
-      Wait("read the schedule", false, [&] { return m_link->Service().GetScheduleInfo(target.id, info); });
-  if (status != kStatusOk) return Fail(status, IdText(target.id));
-  if (info.size() != 1) {
-    PrintError(m_context, IdText(target.id) + ": the service answers without a record");
-    return kExitFailed;
-  }
-  record = info.records()[0];
-  return kExitDone;
-}
-
-// Connects, and lives in the service's zone.
-int Begin(Session& session) {
-  const int exit = session.Connect();
-  return exit == kExitDone ? session.UseServiceZone() : exit;
-}
-
-// Connects and finds the one schedule that a word names.
-int BeginWith(Session& session, const std::string& schedule, Target& target) {
-  if (const int exit = Begin(session); exit != kExitDone) return exit;
-  std::vector<Target> targets;
-  const int exit = session.Find({schedule}, targets);
-  if (exit == kExitDone) target = targets.front();
-  return exit;
 }
 
 // --- list ---
@@ -421,49 +159,6 @@ ordered_json RowJson(const ListRow& row) {
 
 // --- rm ---
 
-// The state directory's backups for root and where one is named, else the user's own.
-std::string BackupDirectory(const CliContext& context) {
-  if (!context.options.root.empty() || platform::IsRootUser()) return platform::StateDirectory() + "/backups";
-  const std::string home = platform::UserStateHome();
-  return home.empty() ? "" : home + "/qxsched/backups";
-}
-
-// "20261130-130000", UTC, so that names sort by time in any zone.
-std::string StampOf(std::int64_t seconds) {
-  constexpr std::int64_t kDay = 86400;
-  const platform::CivilDate date = platform::CivilFromDays(seconds / kDay);
-  const int second = static_cast<int>(seconds % kDay);
-  char text[32];
-  std::snprintf(text, sizeof text, "%04d%02d%02d-%02d%02d%02d", static_cast<int>(date.year), date.month, date.day,
-                second / 3600, second / 60 % 60, second % 60);
-  return text;
-}
-
-platform::ErrorCode WriteBackup(const std::string& directory, const Target& target, const SCHEDULE_OBJECT& record,
-                                std::string& file) {
-  using platform::File;
-  if (directory.empty()) return platform::ERROR_PATH_NOT_FOUND;
-  if (const platform::ErrorCode code = platform::CreateDirectories(directory); code != platform::ERROR_SUCCESS) {
-    return code;
-  }
-  const std::string id = IdText(target.id);
-  const std::string stem = directory + "/" + id.substr(1, id.size() - 2) + "-" + StampOf(platform::NowSeconds());
-  File handle;
-  platform::ErrorCode code = platform::ERROR_FILE_EXISTS;
-  for (int i = 1; code == platform::ERROR_FILE_EXISTS && i <= kMostBackupsOfOneSecond; ++i) {
-    file = stem + (i == 1 ? "" : "-" + std::to_string(i)) + ".toml";
-    code = handle.Open(file, File::Access::kWrite, File::Disposition::kCreateNew);
-  }
-  if (code == platform::ERROR_SUCCESS) {
-    code = handle.WriteAll("# " + id + ", deleted\n" + WriteScheduleFile(record, platform::CurrentZone()));
-    if (code == platform::ERROR_SUCCESS) code = handle.Sync();
-    handle.Close();
-    // Half a backup would pass for a whole one.
-    if (code != platform::ERROR_SUCCESS) (void)platform::DeleteFile(file);
-  }
-  return code;
-}
-
 struct Removal {
   Target target;
   std::string backup;
@@ -476,7 +171,7 @@ int WriteBackups(CliContext& context, Session& session, std::vector<Removal>& re
     SCHEDULE_OBJECT record;
     int exit = session.Fetch(removal.target, record);
     if (exit == kExitDone) {
-      const platform::ErrorCode code = WriteBackup(directory, removal.target, record, removal.backup);
+      const platform::ErrorCode code = WriteBackup(directory, removal.target.id, record, "deleted", removal.backup);
       if (code == platform::ERROR_SUCCESS) {
         PrintNote(context, "backup: " + removal.backup);
         continue;
@@ -492,10 +187,6 @@ int WriteBackups(CliContext& context, Session& session, std::vector<Removal>& re
     return exit;
   }
   return kExitDone;
-}
-
-std::string Naming(const Target& target) {
-  return IdText(target.id) + (target.name.empty() ? "" : " \"" + target.name + "\"");
 }
 
 bool Confirmed(CliContext& context, const std::vector<Removal>& removals) {
@@ -569,7 +260,7 @@ class EventPrinter : public ISchedulerServiceEvents {
 
 int RunList(CliContext& context, const OnlineSettings& settings) {
   Session session(context, settings);
-  if (const int exit = Begin(session); exit != kExitDone) return exit;
+  if (const int exit = session.Begin(); exit != kExitDone) return exit;
   std::vector<ListRow> rows;
   if (const int exit = session.AllRows(rows); exit != kExitDone) return exit;
   std::sort(rows.begin(), rows.end(), ComesBefore);
@@ -579,6 +270,7 @@ int RunList(CliContext& context, const OnlineSettings& settings) {
     WriteJson(context.out, out);
     return kExitDone;
   }
+  BeginPaged(context);
   PrintListTable(context, rows, settings.columns.value_or(context.columns));
   return kExitDone;
 }
@@ -586,13 +278,14 @@ int RunList(CliContext& context, const OnlineSettings& settings) {
 int RunShow(CliContext& context, const OnlineSettings& settings, const std::string& schedule) {
   Session session(context, settings);
   Target target;
-  if (const int exit = BeginWith(session, schedule, target); exit != kExitDone) return exit;
+  if (const int exit = session.BeginWith(schedule, target); exit != kExitDone) return exit;
   SCHEDULE_OBJECT record;
   if (const int exit = session.Fetch(target, record); exit != kExitDone) return exit;
   if (context.options.json) {
     WriteJson(context.out, RecordToJson(record));
     return kExitDone;
   }
+  BeginPaged(context);
   const platform::Zone& zone = platform::CurrentZone();
   context.out << "# id: " << IdText(target.id) << "\n";
   Status status = kStatusOk;
@@ -611,7 +304,7 @@ int RunShow(CliContext& context, const OnlineSettings& settings, const std::stri
 int RunStatus(CliContext& context, const OnlineSettings& settings) {
   Session session(context, settings);
   std::vector<ListRow> rows;
-  int exit = Begin(session);
+  int exit = session.Begin();
   if (exit == kExitDone) exit = session.AllRows(rows);
   if (exit != kExitDone) {
     if (context.options.json) WriteJson(context.out, {{"reachable", false}});
@@ -643,7 +336,7 @@ int RunStatus(CliContext& context, const OnlineSettings& settings) {
               << Printable(facts.version) << "\n"
               << "Zone:             " << Printable(facts.zone) << "\n"
               << "Port:             " << (facts.port == 0 ? "none" : std::to_string(facts.port)) << "\n"
-              << "Trace level:      " << facts.traceLevel << "\n"
+              << "Log level:        " << facts.traceLevel << "\n"
               << "Next wake-up:     " << wakeUp << "\n"
               << "State directory:  " << Printable(facts.stateDirectory) << "\n"
               << "Schedules:        " << rows.size() << " (" << due << " with a window to come, " << without
@@ -654,7 +347,7 @@ int RunStatus(CliContext& context, const OnlineSettings& settings) {
 int RunAdd(CliContext& context, const OnlineSettings& settings, const std::string& file, bool allowRelativePaths) {
   Session session(context, settings);
   // The service first: the times in the file are those of its zone.
-  if (const int exit = Begin(session); exit != kExitDone) return exit;
+  if (const int exit = session.Begin(); exit != kExitDone) return exit;
   CheckedFile checked;
   if (const int exit = ReadAndCheck(context, file, allowRelativePaths, checked); exit != kExitDone) return exit;
   for (const Finding& finding : checked.findings) PrintFinding(context, file, finding);
@@ -668,7 +361,7 @@ int RunAdd(CliContext& context, const OnlineSettings& settings, const std::strin
   const bool answered = !session.Link().LastError().IsSet();
   if (context.options.json && answered) {
     const ordered_json idJson = status == kStatusOk ? ordered_json(IdText(id)) : ordered_json(nullptr);
-    WriteJson(context.out, {{"status", Hex(status)}, {"id", idJson}});
+    WriteJson(context.out, {{"status", HexStatus(status)}, {"id", idJson}});
   }
   if (status != kStatusOk) return session.Fail(status, file);
   if (!context.options.json) context.out << IdText(id) << "\n";
@@ -677,7 +370,7 @@ int RunAdd(CliContext& context, const OnlineSettings& settings, const std::strin
 
 int RunRemove(CliContext& context, const OnlineSettings& settings, const RemoveArguments& arguments) {
   Session session(context, settings);
-  if (const int exit = Begin(session); exit != kExitDone) return exit;
+  if (const int exit = session.Begin(); exit != kExitDone) return exit;
   std::vector<Target> targets;
   if (const int exit = session.Find(arguments.schedules, targets); exit != kExitDone) return exit;
   std::vector<Removal> removals;
@@ -704,7 +397,7 @@ int RunRemove(CliContext& context, const OnlineSettings& settings, const RemoveA
       PrintNote(context, "deleted: " + Naming(removal.target));
     }
     report.push_back({{"id", IdText(removal.target.id)},
-                      {"status", Hex(removal.status)},
+                      {"status", HexStatus(removal.status)},
                       {"backup", removal.backup.empty() ? ordered_json(nullptr) : ordered_json(removal.backup)}});
   }
   if (context.options.json) WriteJson(context.out, report);
@@ -713,7 +406,7 @@ int RunRemove(CliContext& context, const OnlineSettings& settings, const RemoveA
 
 int RunMonitor(CliContext& context, const OnlineSettings& settings) {
   Session session(context, settings);
-  if (const int exit = Begin(session); exit != kExitDone) return exit;
+  if (const int exit = session.Begin(); exit != kExitDone) return exit;
   std::atomic<bool> stop = false;
   const platform::InterruptWatch watch(platform::InterruptWatch::kNever, {}, [&] { stop = true; });
   EventPrinter printer(context);

@@ -25,6 +25,10 @@ const char* ColourSequence(Colour colour) {
 
 }  // namespace
 
+void BeginPaged(CliContext& context) {
+  if (context.startPager && !context.options.noPager && !context.options.json) context.startPager();
+}
+
 std::string Paint(bool on, Colour colour, std::string_view text) {
   if (!on || colour == Colour::kPlain) return std::string(text);
   return ColourSequence(colour) + std::string(text) + "\033[0m";

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <iosfwd>
 #include <string>
 #include <string_view>
@@ -42,7 +43,12 @@ struct CliContext {
   bool colourErr = false;
   std::size_t columns = 0;  // characters in a line of `out`; 0: no limit
   bool zoneChosen = false;  // a command was told the zone to work in
+  std::function<void()> startPager;  // sends what follows on `out` through a pager; empty: there is none
 };
+
+// A command calls it ahead of data that may be longer than a screen. Does nothing for --json, with --no-pager and where
+// nobody looks.
+void BeginPaged(CliContext& context);
 
 enum class Colour { kPlain, kRed, kYellow, kGreen, kBold };
 // The text in a colour, or as it stands where colours are off.

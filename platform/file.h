@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "platform/error_codes.h"
 
@@ -65,6 +66,9 @@ enum class Durable { kNo, kYes };
 // Creates a directory and those above it that are missing; one that exists is no failure.
 [[nodiscard]] ErrorCode CreateDirectories(const std::string& name);
 [[nodiscard]] ErrorCode SyncDirectory(const std::string& name);
+// The names in a directory, without "." and "..", sorted by their bytes. Asks Operation::kDirectoryExists.
+//   names    replaced on success, untouched on failure
+[[nodiscard]] ErrorCode ListDirectory(const std::string& name, std::vector<std::string>& names);
 
 //   contents  replaced on success, untouched on failure
 [[nodiscard]] ErrorCode ReadWholeFile(const std::string& name, std::string& contents);

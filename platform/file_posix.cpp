@@ -1,5 +1,6 @@
 #include "platform/file.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -315,6 +316,26 @@ ErrorCode CreateDirectories(const std::string& name) {
     }
     if (end == std::string::npos) return ERROR_SUCCESS;
   }
+}
+
+ErrorCode ListDirectory(const std::string& name, std::vector<std::string>& names) {
+  if (const ErrorCode fault = FaultAt(Operation::kDirectoryExists, name); fault != ERROR_SUCCESS) return fault;
+  if (name.empty()) return ERROR_PATH_NOT_FOUND;
+  DIR* const directory = ::opendir(name.c_str());
+  if (directory == nullptr) return ErrorCodeFromErrno(errno);
+  std::vector<std::string> found;
+  errno = 0;
+  while (const dirent* entry = ::readdir(directory)) {
+    const std::string_view entryName = entry->d_name;
+    if (entryName != "." && entryName != "..") found.emplace_back(entryName);
+    errno = 0;
+  }
+  const int error = errno;
+  ::closedir(directory);
+  if (error != 0) return ErrorCodeFromErrno(error);
+  std::sort(found.begin(), found.end());
+  names = std::move(found);
+  return ERROR_SUCCESS;
 }
 
 ErrorCode SyncDirectory(const std::string& name) {

@@ -418,6 +418,20 @@ TEST_F(Files, LetOnlyOneServiceHaveTheStateDirectory) {
   EXPECT_EQ(LockStateDirectory(second), ERROR_SUCCESS);
 }
 
+TEST_F(Files, ListTheNamesInADirectoryInOrder) {
+  const std::string directory = DirectoryOf(m_name) + "/listed";
+  ASSERT_EQ(CreateDirectories(directory + "/c"), ERROR_SUCCESS);
+  for (const char* name : {"/b", "/a", "/.hidden"}) {
+    ASSERT_EQ(ReplaceWholeFile(directory + name, "", Durable::kNo), ERROR_SUCCESS);
+  }
+  std::vector<std::string> names = {"before"};
+  EXPECT_EQ(ListDirectory(directory + "/none", names), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(ListDirectory("", names), ERROR_PATH_NOT_FOUND);
+  EXPECT_EQ(names, std::vector<std::string>{"before"});
+  ASSERT_EQ(ListDirectory(directory, names), ERROR_SUCCESS);
+  EXPECT_EQ(names, (std::vector<std::string>{".hidden", "a", "b", "c"}));
+}
+
 TEST(AbsoluteName, PutsTheCurrentDirectoryInFrontAndTakesSeparatorsOffTheEnd) {
   const std::string here = std::filesystem::current_path().string();
   const std::pair<std::string, std::string> kCases[] = {

@@ -1,0 +1,289 @@
+#include "client/cli_session.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <ostream>
+#include <utility>
+
+#include "client/schedule_keys.h"
+#include "client/status_text.h"
+#include "client/time_text.h"
+#include "common/bus_records.h"
+#include "platform/clock.h"
+#include "platform/file.h"
+#include "platform/interrupt.h"
+#include "platform/terminal.h"
+#include "platform/text.h"
+
+namespace qx {
+namespace {
+
+using nlohmann::ordered_json;
+using platform::Utf8FromWide;
+
+constexpr std::uint32_t kPageRows = 1000;
+constexpr std::size_t kMostCandidatesShown = 10;
+
+bool IsGone(const platform::BusError& error) {
+  static constexpr std::string_view kGone[] = {platform::kBusErrorServiceUnknown, platform::kBusErrorNameHasNoOwner,
+                                               platform::kBusErrorNoReply, platform::kBusErrorDisconnected};
+  return std::find(std::begin(kGone), std::end(kGone), error.name) != std::end(kGone);
+}
+
+// --- identifiers ---
+
+bool IsHexDigit(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+// The digits of an ID or of its beginning, in upper case; empty for any other text.
+std::string IdDigits(std::string_view text) {
+  std::string digits;
+  for (const char c : text) {
+    if (IsHexDigit(c)) {
+      digits += c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c;
+    } else if (c != '-' && c != '{' && c != '}') {
+      return "";
+    }
+  }
+  return digits;
+}
+
+bool ParseFullId(const std::string& text, ScheduleGuid& id) {
+  return ParseScheduleId(text, id) || ParseScheduleId("{" + text + "}", id);
+}
+
+bool Answers(const ListRow& row, const std::string& schedule, const std::string& digits) {
+  if (row.nextWindow != kDamagedKey && Utf8FromWide(row.name) == schedule) return true;
+  return digits.size() >= kFewestIdDigits && IdDigits(Utf8FromWide(row.id)).starts_with(digits);
+}
+
+}  // namespace
+
+void WriteJson(std::ostream& out, const ordered_json& json) {
+  out << json.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << "\n";
+}
+
+std::string HexStatus(Status status) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", status);
+  return text;
+}
+
+std::string IdText(const ScheduleGuid& id) {
+  return Utf8FromWide(platform::GuidText(id));
+}
+
+std::string ZoneText() {
+  const std::string& name = platform::CurrentZone().Name();
+  return name.empty() ? "local" : name;
+}
+
+std::string Naming(const Target& target) {
+  return IdText(target.id) + (target.name.empty() ? "" : " \"" + target.name + "\"");
+}
+
+platform::BusAddress Session::Address() const {
+  const std::string& bus = m_context.options.bus;
+  if (bus == "session") return platform::BusAddress::Session();
+  if (bus == "system") return platform::BusAddress::System();
+  if (!bus.empty()) return platform::BusAddress::Explicit(bus);
+  return platform::IsRootUser() ? platform::BusAddress::System() : platform::BusAddress::Session();
+}
+
+Status Session::Wait(const std::string& doing, bool changes, const std::function<Status()>& call) {
+  CliContext& context = m_context;
+  const auto late = [&] {
+    PrintNote(context, "waiting for the service to " + doing +
+                           (changes ? " (Ctrl-C leaves; the operation goes on)" : " (Ctrl-C leaves)"));
+    context.err.flush();
+  };
+  const auto interrupted = [&] {
+    if (changes) PrintError(context, "left; the service goes on to " + doing);
+    context.err.flush();
+    platform::EndByInterrupt();
+  };
+  const platform::InterruptWatch watch(m_settings.noticeAfterMs, late, interrupted);
+  return call();
+}
+
+int Session::Unreachable(const std::string& why) {
+  PrintError(m_context, "the service can't be reached: " + why);
+  const platform::BusAddress address = Address();
+  PrintHint(m_context, address.kind == platform::BusAddress::Kind::kSystem
+                           ? "start it with: systemctl start QxSchedService"
+                       : address.kind == platform::BusAddress::Kind::kSession
+                           ? "start it with: QxSchedService --foreground"
+                           : "start it with: QxSchedService --foreground --bus=" + address.address);
+  return kExitUnreachable;
+}
+
+int Session::Fail(Status status, const std::string& about) {
+  const platform::BusError error = m_link->LastError();
+  if (error.IsSet()) {
+    const std::string why = error.text + " (" + HexStatus(status) + ", " + error.name + ")";
+    if (IsGone(error)) return Unreachable(why);
+    if (error.name == platform::kBusErrorAccessDenied) {
+      PrintError(m_context, "the service may not be used: " + why);
+      PrintHint(m_context, "root and the members of the group qxsched may use it");
+      return kExitPermission;
+    }
+    PrintError(m_context, (about.empty() ? "" : about + ": ") + "the service refuses the call: " + why);
+    return error.name == platform::kBusErrorInvalidArgs ? kExitRulesRefused : kExitFailed;
+  }
+  PrintError(m_context, (about.empty() ? "" : about + ": ") + FormatStatus(status));
+  PrintHint(m_context, DescribeStatus(status).hint);
+  return ExitCodeOf(status);
+}
+
+int Session::Connect() {
+  const platform::ErrorCode code = m_settings.connect(Address(), m_link);
+  if (code != platform::ERROR_SUCCESS) {
+    const std::string why = FormatStatus(0x80070000 | code);
+    if (code != platform::ERROR_ACCESS_DENIED) return Unreachable(why);
+    PrintError(m_context, "the bus may not be used: " + why);
+    PrintHint(m_context, "root and the members of the group qxsched may use the service");
+    return kExitPermission;
+  }
+  const Status status = Wait("answer", false, [&] { return m_link->ReadFacts(m_facts); });
+  return status == kStatusOk ? static_cast<int>(kExitDone) : Fail(status, "");
+}
+
+int Session::UseServiceZone() {
+  const std::string& zone = m_facts.zone;
+  if (zone.empty() || zone == platform::CurrentZone().Name()) return kExitDone;
+  const bool file = zone.front() == ':';
+  if (file ? !platform::FileExists(zone.substr(1)) : !IsKnownZone(zone)) {
+    PrintError(m_context, "the zone of the service is unknown here: \"" + zone + "\"");
+    PrintHint(m_context, "install the zone files (tzdata)");
+    return kExitFailed;
+  }
+  (void)platform::PutEnvironment(("TZ=" + zone).c_str());
+  platform::TzSet();
+  return kExitDone;
+}
+
+int Session::AllRows(std::vector<ListRow>& rows) {
+  for (std::u16string after;;) {
+    std::vector<ListRow> page;
+    const Status status = Wait("list the schedules", false, [&] { return m_link->ListInfo(after, kPageRows, page); });
+    if (status != kStatusOk) return Fail(status, "");
+    // A page that begins again would never end.
+    if (page.empty() || page.back().id == after) return kExitDone;
+    after = page.back().id;
+    std::move(page.begin(), page.end(), std::back_inserter(rows));
+  }
+}
+
+int Session::FindInList(const std::string& word, const std::vector<ListRow>& rows, Target& target) {
+  const std::string digits = IdDigits(word);
+  std::vector<const ListRow*> found;
+  for (const ListRow& row : rows) {
+    if (Answers(row, word, digits)) found.push_back(&row);
+  }
+  if (found.size() == 1 && ParseScheduleId(Utf8FromWide(found[0]->id), target.id)) {
+    target.name = Utf8FromWide(found[0]->name);
+    target.listed = true;
+    return kExitDone;
+  }
+  if (found.empty()) {
+    PrintError(m_context, word + ": no such schedule");
+    PrintHint(m_context, !digits.empty() && digits.size() < kFewestIdDigits
+                             ? "the beginning of an ID needs at least four digits"
+                             : "see qxsched list");
+    return kExitNotFound;
+  }
+  PrintError(m_context, word + ": is ambiguous, " + std::to_string(found.size()) + " schedules answer to it:");
+  for (std::size_t i = 0; i < found.size() && i < kMostCandidatesShown; ++i) {
+    m_context.err << "  " << Printable(Utf8FromWide(found[i]->id)) << "  " << Printable(Utf8FromWide(found[i]->name))
+                  << "\n";
+  }
+  if (found.size() > kMostCandidatesShown) m_context.err << "  ...\n";
+  PrintHint(m_context, "give more digits of the ID");
+  return kExitNotFound;
+}
+
+int Session::Find(const std::vector<std::string>& words, std::vector<Target>& targets) {
+  std::optional<std::vector<ListRow>> rows;
+  for (const std::string& word : words) {
+    Target target;
+    if (!ParseFullId(word, target.id)) {
+      if (!rows) {
+        rows.emplace();
+        if (const int exit = AllRows(*rows); exit != kExitDone) return exit;
+      }
+      if (const int exit = FindInList(word, *rows, target); exit != kExitDone) return exit;
+    }
+    const auto same = [&](const Target& other) { return other.id == target.id; };
+    if (std::none_of(targets.begin(), targets.end(), same)) targets.push_back(std::move(target));
+  }
+  return kExitDone;
+}
+
+int Session::Fetch(const Target& target, SCHEDULE_OBJECT& record) {
+  ScheduleInfo info;
+  const Status status =
+      Wait("read the schedule", false, [&] { return m_link->Service().GetScheduleInfo(target.id, info); });
+  if (status != kStatusOk) return Fail(status, IdText(target.id));
+  if (info.size() != 1) {
+    PrintError(m_context, IdText(target.id) + ": the service answers without a record");
+    return kExitFailed;
+  }
+  record = info.records()[0];
+  return kExitDone;
+}
+
+int Session::Begin() {
+  const int exit = Connect();
+  return exit == kExitDone ? UseServiceZone() : exit;
+}
+
+int Session::BeginWith(const std::string& schedule, Target& target) {
+  if (const int exit = Begin(); exit != kExitDone) return exit;
+  std::vector<Target> targets;
+  const int exit = Find({schedule}, targets);
+  if (exit == kExitDone) target = targets.front();
+  return exit;
+}
+
+bool Session::IsLost() const {
+  return IsGone(m_link->LastError());
+}
+
+int Session::Modify(const Target& target, const SCHEDULE_OBJECT& before, const SCHEDULE_OBJECT& after) {
+  const Status status =
+      Wait("modify the schedule", true, [&] { return m_link->Service().ModifySchedule(target.id, after); });
+  if (status != kStatusOk) {
+    const bool lost = IsLost();
+    const int exit = Fail(status, Naming(target));
+    if (lost) PrintHint(m_context, "whether the change was made isn't known; see qxsched show " + IdText(target.id));
+    return exit;
+  }
+  SCHEDULE_OBJECT read;
+  if (const int exit = Fetch(target, read); exit != kExitDone) {
+    PrintError(m_context, Naming(target) + ": the change was taken, but it can't be read back");
+    return exit;
+  }
+  const platform::Zone& zone = platform::CurrentZone();
+  const auto wanted = KeysOf(AsServiceKeeps(after), zone);
+  const auto found = KeysOf(AsServiceKeeps(read), zone);
+  const auto differences = CompareKeys(wanted, found);
+  if (differences.empty()) return kExitDone;
+  if (CompareKeys(KeysOf(AsServiceKeeps(before), zone), found).empty()) {
+    PrintError(m_context, Naming(target) + ": the service took the change back; the schedule is as it was");
+    PrintHint(m_context, "see qxsched log for the step that failed");
+    return kExitFailed;
+  }
+  PrintError(m_context, Naming(target) + ": the schedule isn't as it was asked for:");
+  for (const KeyDifference& difference : differences) {
+    m_context.err << "  " << Printable(difference.key) << " is " << Printable(difference.after.value_or("not set"))
+                  << ", asked for: " << Printable(difference.before.value_or("not set")) << "\n";
+  }
+  PrintHint(m_context, "somebody else may have changed it meanwhile; see qxsched show " + IdText(target.id));
+  return kExitFailed;
+}
+
+}  // namespace qx
