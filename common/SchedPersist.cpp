@@ -7,7 +7,6 @@
 #include <new>
 #include <optional>
 #include <ostream>
-#include <source_location>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -84,20 +83,20 @@ constexpr std::u16string_view kDaysOfMonthName = u"m_DaysOfMonth";
 constexpr std::u16string_view kDayOfWeekListName = u"m_DayOfWeekList";
 
 // A refusal is traced with the file and line of the operation that refuses.
-using Place = std::source_location;
+using Place = ZepFoundation::TracePlace;
 
-ZRESULT RefusePointer(Place at = Place::current()) {
-  QX_TRACE_AT(kTraceError, at.file_name(), at.line(), "ZEP_E_POINTER");
+ZRESULT RefusePointer(Place at = Place::Current()) {
+  QX_TRACE_AT(kTraceError, at.file, at.line, "ZEP_E_POINTER");
   return ZEP_E_POINTER;
 }
 
-ZRESULT RefuseArgument(Place at = Place::current()) {
-  QX_TRACE_AT(kTraceError, at.file_name(), at.line(), "ZEP_E_INVALIDARG");
+ZRESULT RefuseArgument(Place at = Place::Current()) {
+  QX_TRACE_AT(kTraceError, at.file, at.line, "ZEP_E_INVALIDARG");
   return ZEP_E_INVALIDARG;
 }
 
-ZRESULT RefuseFail(Place at = Place::current()) {
-  QX_TRACE_AT(kTraceError, at.file_name(), at.line(), "ZEP_E_FAIL");
+ZRESULT RefuseFail(Place at = Place::Current()) {
+  QX_TRACE_AT(kTraceError, at.file, at.line, "ZEP_E_FAIL");
   return ZEP_E_FAIL;
 }
 

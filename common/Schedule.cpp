@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <iterator>
 #include <ostream>
-#include <source_location>
 #include <stdexcept>
 #include <vector>
 
@@ -36,31 +35,31 @@ constexpr std::int32_t kMinSenderOffset = -46800;
 constexpr std::int32_t kMaxSenderOffset = 43200;
 
 // A refusal is traced with the file and line of the operation that refuses.
-using Place = std::source_location;
+using Place = ZepFoundation::TracePlace;
 
-ZRESULT RefusePointer(Place at = Place::current()) {
-  QX_TRACE_AT(kTraceError, at.file_name(), at.line(), "ZEP_E_POINTER");
+ZRESULT RefusePointer(Place at = Place::Current()) {
+  QX_TRACE_AT(kTraceError, at.file, at.line, "ZEP_E_POINTER");
   return ZEP_E_POINTER;
 }
 
-ZRESULT RefuseArgument(Place at = Place::current()) {
-  QX_TRACE_AT(kTraceError, at.file_name(), at.line(), "ZEP_E_INVALIDARG");
+ZRESULT RefuseArgument(Place at = Place::Current()) {
+  QX_TRACE_AT(kTraceError, at.file, at.line, "ZEP_E_INVALIDARG");
   return ZEP_E_INVALIDARG;
 }
 
-ZRESULT RefuseFail(Place at = Place::current()) {
-  QX_TRACE_AT(kTraceError, at.file_name(), at.line(), "ZEP_E_FAIL");
+ZRESULT RefuseFail(Place at = Place::Current()) {
+  QX_TRACE_AT(kTraceError, at.file, at.line, "ZEP_E_FAIL");
   return ZEP_E_FAIL;
 }
 
 template <typename Out, typename Value>
-ZRESULT Give(Out* out, const Value& value, Place at = Place::current()) {
+ZRESULT Give(Out* out, const Value& value, Place at = Place::Current()) {
   if (out == nullptr) return RefusePointer(at);
   *out = static_cast<Out>(value);
   return ZEP_S_OK;
 }
 
-ZRESULT GiveText(char16_t** out, const wcstring& text, Place at = Place::current()) {
+ZRESULT GiveText(char16_t** out, const wcstring& text, Place at = Place::Current()) {
   if (out == nullptr) return RefusePointer(at);
   *out = ZepFoundation::ZepDuplicateWideString(text.c_str());
   return *out != nullptr ? ZEP_S_OK : ZEP_E_OUTOFMEMORY;

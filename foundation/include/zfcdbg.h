@@ -44,6 +44,17 @@ void ConfigureDebugTrace();
 //   returns  the thread's stream, valid to the end of the thread
 std::ostream& DebugTrace(std::uint32_t area, std::uint16_t level, const char* file, std::uint32_t line);
 
+// The place of a statement, for a helper that traces in its caller's: as a default argument, Current() is where the call
+// stands.
+struct TracePlace {
+  const char* file;
+  std::uint32_t line;
+
+  static constexpr TracePlace Current(const char* file = __builtin_FILE(), std::uint32_t line = __builtin_LINE()) {
+    return {file, line};
+  }
+};
+
 // What takes the records in place of the file while it is installed; every level is enabled then.
 class DebugTraceSink {
  public:
@@ -61,7 +72,7 @@ void ResetDebugTrace();
 // One trace statement. `expression` is the message's parts with << between them; evaluated only when `level` is enabled.
 #define QX_TRACE(level, expression) QX_TRACE_AT(level, __FILE__, __LINE__, expression)
 
-// The same for a helper that traces in its caller's place.
+// The same with the file and line of a TracePlace.
 #define QX_TRACE_AT(level, file, line, expression)                                             \
   do {                                                                                         \
     if (::ZepFoundation::DebugTraceEnabled(level))                                             \
