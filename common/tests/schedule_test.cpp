@@ -125,21 +125,46 @@ TEST_F(ScheduleObject, TakesSpansAndRepeatsInTheirRangesOnly) {
   EXPECT_EQ(days, 9999);
 }
 
-TEST_F(ScheduleObject, RefusesTimesAndDatesBehindTheLimit) {
-  Fresh schedule;
-  ZepTime before = 0, after = 0;
-  schedule->get_StartTime(&before);
-  EXPECT_EQ(schedule->put_StartTime(ZEP_MAX_TIME + 1), ZEP_E_INVALIDARG);
-  schedule->get_StartTime(&after);
-  EXPECT_EQ(after, before);
-  EXPECT_EQ(schedule->put_EndTime(ZEP_MAX_TIME + 1), ZEP_E_INVALIDARG);
-  EXPECT_EQ(schedule->put_EffectiveDate(ZEP_MAX_TIME + 1), ZEP_E_INVALIDARG);
-  EXPECT_EQ(schedule->put_AnchorDate(ZEP_MAX_TIME + 1), ZEP_E_INVALIDARG);
-  EXPECT_EQ(schedule->SetSpecificDate(ZEP_SPECIFIC_INCLUDE, ZEP_MAX_TIME + 1), ZEP_E_INVALIDARG);
-  EXPECT_EQ(schedule->put_EffectiveDate(ZEP_MAX_TIME), ZEP_S_OK);
-  EXPECT_EQ(schedule->put_AnchorDate(ZEP_MAX_TIME), ZEP_S_OK);
-  EXPECT_EQ(schedule->put_AnchorDate(INT64_MIN), ZEP_E_INVALIDARG);
-  EXPECT_EQ(schedule->put_StartTime(INT64_MIN), ZEP_E_INVALIDARG);
+TEST_F(ScheduleObject, RefusesTimesAndDatesBehindTheLimitAndStaysAsItWas) {
+  Rules rules;
+  rules.Effective("2025-01-01").Repeat(3, "2020-02-29");
+  rules->put_Dirty(0);
+  const auto seen = [&] {
+    std::vector<ZepTime> values(4);
+    rules->get_StartTime(&values[0]);
+    rules->get_EndTime(&values[1]);
+    rules->get_EffectiveDate(&values[2]);
+    rules->get_AnchorDate(&values[3]);
+    for (const std::uint32_t type : {ZEP_SPECIFIC_INCLUDE, ZEP_SPECIFIC_EXCLUDE}) {
+      std::uint32_t count = 9;
+      rules->GetSpecificDatesCount(type, &count);
+      values.push_back(count);
+    }
+    std::uint32_t duration = 0;
+    rules->get_TimeDuration(&duration);
+    values.push_back(duration);
+    return values;
+  };
+  const std::vector<ZepTime> before = seen();
+  ZepFoundation::CapturedTrace trace;
+  for (const ZepTime refused : {ZEP_MAX_TIME + 1, INT64_MAX, INT64_MIN}) {
+    trace.Clear();
+    EXPECT_EQ(rules->put_StartTime(refused), ZEP_E_INVALIDARG);
+    EXPECT_EQ(rules->put_EndTime(refused), ZEP_E_INVALIDARG);
+    EXPECT_EQ(rules->put_EffectiveDate(refused), ZEP_E_INVALIDARG);
+    EXPECT_EQ(rules->put_AnchorDate(refused), ZEP_E_INVALIDARG);
+    EXPECT_EQ(rules->SetSpecificDate(ZEP_SPECIFIC_INCLUDE, refused), ZEP_E_INVALIDARG);
+    EXPECT_EQ(rules->SetSpecificDate(ZEP_SPECIFIC_EXCLUDE, refused), ZEP_E_INVALIDARG);
+    EXPECT_EQ(trace.records(), (std::vector<ZepFoundation::CapturedTraceRecord>(
+                                   6, {ZepFoundation::kTraceError, "ZEP_E_INVALIDARG"})));
+    EXPECT_EQ(seen(), before);
+    EXPECT_FALSE(IsDirty(&*rules));
+  }
+  EXPECT_EQ(rules->put_StartTime(ZEP_MAX_TIME), ZEP_S_OK);
+  EXPECT_EQ(rules->put_EndTime(ZEP_MAX_TIME), ZEP_S_OK);
+  EXPECT_EQ(rules->put_EffectiveDate(ZEP_MAX_TIME), ZEP_S_OK);
+  EXPECT_EQ(rules->put_AnchorDate(ZEP_MAX_TIME), ZEP_S_OK);
+  EXPECT_EQ(rules->SetSpecificDate(ZEP_SPECIFIC_INCLUDE, ZEP_MAX_TIME), ZEP_S_OK);
 }
 
 TEST_F(ScheduleObject, AcceptsARestartAsLongAsTheWindowAndNotAMillisecondMore) {
@@ -231,6 +256,10 @@ TEST_F(ScheduleObject, ThrowsOnlyWhereADayOfTheMonthIsClearedOutOfRange) {
 
 TEST_F(ScheduleObject, RefusesNullOutPointersOfEveryGetter) {
   Fresh s;
+  ZepFoundation::CapturedTrace trace;
+  ZepTime start = 7, end = 7;
+  zepByte last = 7;
+  char16_t* text = nullptr;
   EXPECT_EQ(s->get_ScheduleID(nullptr), ZEP_E_POINTER);
   EXPECT_EQ(s->get_Name(nullptr), ZEP_E_POINTER);
   EXPECT_EQ(s->get_Description(nullptr), ZEP_E_POINTER);
@@ -258,6 +287,21 @@ TEST_F(ScheduleObject, RefusesNullOutPointersOfEveryGetter) {
   EXPECT_EQ(s->put_Description(nullptr), ZEP_E_POINTER);
   EXPECT_EQ(s->SetCustomString(nullptr, u""), ZEP_E_POINTER);
   EXPECT_EQ(s->SetCustomString(u"", nullptr), ZEP_E_POINTER);
+  EXPECT_EQ(s->GetCustomString(nullptr, &text), ZEP_E_POINTER);
+  EXPECT_EQ(s->GetCustomString(u"", nullptr), ZEP_E_POINTER);
+  EXPECT_EQ(s->GetCustomStringAt(0, nullptr, &text), ZEP_E_POINTER);
+  EXPECT_EQ(s->GetCustomStringAt(0, &text, nullptr), ZEP_E_POINTER);
+  EXPECT_EQ(s->GetNextTimeWindow(0, 0, 0, nullptr, &end, &last), ZEP_E_POINTER);
+  EXPECT_EQ(s->GetNextTimeWindow(0, 0, 0, &start, nullptr, &last), ZEP_E_POINTER);
+  EXPECT_EQ(s->GetNextTimeWindow(0, 0, 0, &start, &end, nullptr), ZEP_E_POINTER);
+  EXPECT_EQ(s->GetNextTimeWindowEx(0, 0, 0, &start, &end, &last, nullptr), ZEP_E_POINTER);
+  EXPECT_EQ(start + end + last, 21);
+  EXPECT_EQ(text, nullptr);
+  EXPECT_EQ(trace.records(),
+            (std::vector<ZepFoundation::CapturedTraceRecord>(35, {ZepFoundation::kTraceError, "ZEP_E_POINTER"})));
+  std::uint32_t strings = 9;
+  s->GetCustomStringCount(&strings);
+  EXPECT_EQ(strings, 0u);
 }
 
 TEST_F(ScheduleObject, HandsOutCopiesOfItsTexts) {
