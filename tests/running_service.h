@@ -146,11 +146,11 @@ class RunningService {
   // Where the program lies from now on; empty for the build's own.
   void SetPrograms(std::string directory) { m_programs = std::move(directory); }
 
+  // A program with arguments that starts the program in its own place, as "ip netns exec NAME" does; empty for none.
+  void SetLauncher(std::vector<std::string> words) { m_launcher = std::move(words); }
+
   // Runs the program to its end; its exit code.
-  int Run(std::vector<std::string> arguments) {
-    Child child(Program(), WithPlace(std::move(arguments)), OutputFile(), Environment());
-    return child.Wait();
-  }
+  int Run(std::vector<std::string> arguments) { return MakeChild(std::move(arguments))->Wait(); }
   // Registers; by default as a plain local server.
   void Register(const std::string& word = "-RegServer") { ASSERT_EQ(Run({word}), 0) << Output(); }
   // Starts the program and waits until it answers on the bus.
@@ -161,7 +161,7 @@ class RunningService {
   // The same without waiting.
   void Launch(std::vector<std::string> arguments) {
     m_service.reset();
-    m_service = std::make_unique<Child>(Program(), WithPlace(std::move(arguments)), OutputFile(), Environment());
+    m_service = MakeChild(std::move(arguments));
   }
   // Ends it by the stop control; its exit code.
   int Stop() {
@@ -271,6 +271,14 @@ class RunningService {
   [[nodiscard]] std::string Program() const {
     return (m_programs.empty() ? test_paths::Programs() : m_programs) + "/QxSchedService";
   }
+  std::unique_ptr<Child> MakeChild(std::vector<std::string> arguments) const {
+    std::vector<std::string> words = m_launcher;
+    words.push_back(Program());
+    arguments = WithPlace(std::move(arguments));
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return std::make_unique<Child>(words[0], std::vector<std::string>(words.begin() + 1, words.end()), OutputFile(),
+                                   Environment());
+  }
   [[nodiscard]] std::string OutputFile() const { return m_directory + "/output"; }
   std::vector<std::string> WithPlace(std::vector<std::string> arguments) const {
     const std::vector<std::string> place = {"--root", Root(), "--bus=" + m_bus.Address()};
@@ -281,6 +289,7 @@ class RunningService {
   std::string m_directory;
   std::string m_programs;
   std::vector<std::string> m_variables;
+  std::vector<std::string> m_launcher;
   platform::PrivateBus m_bus;
   std::unique_ptr<Child> m_service;
 };

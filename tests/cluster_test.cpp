@@ -1,0 +1,101 @@
+// Real services on several nodes, each with addresses of its own.
+#include <gmock/gmock.h>
+
+#include "tests/node_cluster.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using qx::testing::ClusterTest;
+using qx::testing::NodeCluster;
+using qx::testing::RunningService;
+
+TEST_F(ClusterTest, FourNodesTakeACreationAModificationACommandAndADeletion) {
+  ASSERT_NO_FATAL_FAILURE(StartAll());
+  ScheduleGuid id;
+  ASSERT_EQ(Create(Addresses(), id), 0u) << Node(0).Log();
+  EXPECT_THAT(m_results, ElementsAre(0, 0, 0, 0));
+  for (int i = 0; i < kNodes; ++i) EXPECT_THAT(KeyOn(i, id), HasSubstr("/bin/sh")) << i;
+
+  SCHEDULE_OBJECT changed = Node(0).Job("job", FarStart());
+  changed.bstrParameters = u"changed-parameters";
+  ASSERT_EQ(m_client.ModifyScheduleOnNodes(id, changed, kNodes, Addresses(), m_results), 0u);
+  EXPECT_THAT(m_results, ElementsAre(0, 0, 0, 0));
+  for (int i = 0; i < kNodes; ++i) EXPECT_THAT(KeyOn(i, id), HasSubstr("changed-parameters")) << i;
+
+  // Each node's hosts file lies in its own mount namespace, so that the command tells where it ran.
+  const std::string mark = Node(0).Jobs() + "/ran.";
+  ASSERT_EQ(Perform(Addresses(), "/bin/sh -c \"/usr/sbin/ip -4 -o addr show dev eth0 >> " + mark + "$$\""), 0u);
+  EXPECT_THAT(m_results, ElementsAre(1, 0, 0, 0));  // the command runs on the others only
+  std::string ran;
+  for (const auto& file : std::filesystem::directory_iterator(Node(0).Jobs())) {
+    if (file.path().filename().string().starts_with("ran.")) ran += RunningService::ReadFile(file.path());
+  }
+  EXPECT_THAT(ran, Not(HasSubstr(NodeCluster::Address(0) + "/")));
+  for (int i = 1; i < kNodes; ++i) EXPECT_THAT(ran, HasSubstr(NodeCluster::Address(i) + "/")) << i;
+
+  ASSERT_EQ(Delete(Addresses(), id), 0u);
+  EXPECT_THAT(m_results, ElementsAre(0, 0, 0, 0));
+  for (int i = 0; i < kNodes; ++i) EXPECT_EQ(KeyOn(i, id), "") << i;
+  EXPECT_THAT(Node(1).Log(), HasSubstr("Received FD_CLOSE event"));
+}
+
+TEST_F(ClusterTest, ANodeThatIsDownOrListensElsewhereIsTheOnlyOneWithoutTheChange) {
+  m_cluster->SetNumber(2, u"DefaultPort", 5999);
+  ASSERT_NO_FATAL_FAILURE(StartAll());
+  ASSERT_EQ(Node(1).Stop(), 0);
+  ScheduleGuid id;
+  EXPECT_EQ(Create(Addresses(), id), 1u);
+  EXPECT_THAT(m_results, ElementsAre(0, 1, 1, 0));
+  EXPECT_NE(KeyOn(0, id), "");
+  EXPECT_EQ(KeyOn(1, id), "");
+  EXPECT_EQ(KeyOn(2, id), "");
+  EXPECT_NE(KeyOn(3, id), "");
+  EXPECT_THAT(Node(0).Log(), HasSubstr("CreateScheduleOnNodes:Failed to create socket(), NodeName: 10.77.0.2, Error: 111."));
+}
+
+TEST_F(ClusterTest, ANodeOfAnotherSecretIsRefusedAndTheOthersAreServed) {
+  ASSERT_NO_FATAL_FAILURE(m_cluster->ChangeSecret(2));
+  ASSERT_NO_FATAL_FAILURE(StartAll());
+  ScheduleGuid id;
+  EXPECT_EQ(Create(Addresses(), id), 1u);
+  EXPECT_THAT(m_results, ElementsAre(0, 0, 1, 0));
+  EXPECT_EQ(KeyOn(2, id), "");
+  EXPECT_THAT(Node(2).Log(), HasSubstr("acceptContext: AcceptSecurityContext Failed with error : 0x8009030c"));
+  // The secret is read at each connection: the right one counts at once.
+  m_cluster->ShareSecret();
+  EXPECT_EQ(Delete(Addresses(), id), 0u);
+  EXPECT_THAT(m_results, ElementsAre(0, 0, 0, 0));
+}
+
+TEST_F(ClusterTest, NodesAreReachedByNamesAndByBothFamiliesButNeverByLinkLocalAddresses) {
+  ASSERT_NO_FATAL_FAILURE(StartAll());
+  const std::string linkLocal = m_cluster->LinkLocal(2);
+  ASSERT_NE(linkLocal, "");
+  m_cluster->AddHost(0, linkLocal + " nodeX");  // of both kinds: the link-local one is passed over
+  m_cluster->AddHost(0, NodeCluster::Address(2) + " nodeX");
+  ScheduleGuid id;
+  EXPECT_EQ(Create({u"nodeB", u"localhost", u"nodeX", platform::WideFromUtf8(NodeCluster::Address6(3))}, id), 0u)
+      << Node(0).Log();
+  EXPECT_THAT(m_results, ElementsAre(0, 0, 0, 0));
+  for (int i = 0; i < kNodes; ++i) EXPECT_NE(KeyOn(i, id), "") << i;
+  EXPECT_EQ(Delete({u"localhost", platform::WideFromUtf8(linkLocal)}, id), 1u);
+  EXPECT_THAT(m_results, ElementsAre(0, 1));
+  EXPECT_NE(KeyOn(2, id), "");
+}
+
+TEST_F(ClusterTest, ANodeStartedAnewBetweenTwoOperationsIsServedAtOnce) {
+  ASSERT_NO_FATAL_FAILURE(StartAll());
+  ScheduleGuid id;
+  ASSERT_EQ(Create(Addresses(), id), 0u);
+  ASSERT_EQ(Node(1).Stop(), 0);
+  ASSERT_NO_FATAL_FAILURE(m_cluster->Start(1));
+  EXPECT_EQ(Delete(Addresses(), id), 0u);
+  EXPECT_THAT(m_results, ElementsAre(0, 0, 0, 0));
+  EXPECT_EQ(KeyOn(1, id), "");
+  EXPECT_THAT(Node(0).Log(), HasSubstr("ImportKey::Deleting older key to import new Key for node : 10.77.0.2"));
+}
+
+}  // namespace

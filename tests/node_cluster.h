@@ -1,0 +1,231 @@
+// tests/node_cluster.h: for tests: several real services, each in a network namespace of its own, joined by a bridge.
+//
+// Node i (from 0) has the addresses 10.77.0.(i+1) and fd77::(i+1), and the link-local one that the host gives; its hosts
+// file names all nodes "nodeA", "nodeB", ... Needs root and network namespaces. Threads: one object from one thread.
+#pragma once
+
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/registry.h"
+#include "platform/security.h"
+#include "tests/running_service.h"
+
+namespace qx::testing {
+
+inline constexpr std::uint16_t kClusterPort = 4888;
+
+class NodeCluster {
+ public:
+  // Why this host can't have one; empty when it can.
+  static std::string WhyNot() {
+    if (geteuid() != 0) return "network namespaces need root";
+    if (access(kIp, X_OK) != 0) return "the program ip is missing (package iproute2)";
+    const std::string probe = "qxprobe" + std::to_string(getpid());
+    if (Tool({"netns", "add", probe}) != 0) return "this host allows no network namespaces";
+    const bool pair = Tool({"-n", probe, "link", "add", "a0", "type", "bridge"}) == 0;
+    (void)Tool({"netns", "del", probe});
+    return pair ? "" : "this host has no bridges";
+  }
+
+  explicit NodeCluster(int count) {
+    Must({"netns", "add", Hub()});
+    Must({"-n", Hub(), "link", "add", "br0", "type", "bridge"});
+    Must({"-n", Hub(), "link", "set", "br0", "up"});
+    for (int i = 0; i < count; ++i) AddNode();
+    WriteHosts();
+  }
+  NodeCluster(const NodeCluster&) = delete;
+  NodeCluster& operator=(const NodeCluster&) = delete;
+  ~NodeCluster() {
+    const auto count = static_cast<int>(m_nodes.size());
+    m_nodes.clear();
+    for (int i = 0; i < count; ++i) {
+      (void)Tool({"netns", "del", Namespace(i)});
+      std::error_code ignored;
+      std::filesystem::remove_all("/etc/netns/" + Namespace(i), ignored);
+    }
+    (void)Tool({"netns", "del", Hub()});
+  }
+
+  RunningService& operator[](int node) { return *m_nodes[static_cast<std::size_t>(node)]; }
+  static std::string Address(int node) { return "10.77.0." + std::to_string(node + 1); }
+  static std::string Address6(int node) { return "fd77::" + std::to_string(node + 1); }
+  static std::string Name(int node) { return std::string("node") + static_cast<char>('A' + node); }
+  // The link-local address that the host gave.
+  std::string LinkLocal(int node) {
+    const std::string file = "/tmp/" + Namespace(node) + ".addr";
+    {
+      Child child(kIp, {"-n", Namespace(node), "-6", "-o", "addr", "show", "dev", "eth0", "scope", "link"}, file, {});
+      (void)child.Wait();
+    }
+    const std::string text = RunningService::ReadFile(file);
+    (void)unlink(file.c_str());
+    const std::size_t at = text.find("fe80:");
+    return at == std::string::npos ? "" : text.substr(at, text.find('/', at) - at);
+  }
+  void SetLink(int node, bool up) {
+    Must({"-n", Hub(), "link", "set", "p" + std::to_string(node), up ? "up" : "down"});
+  }
+  // Adds a line to the hosts file of one node.
+  void AddHost(int node, const std::string& line) {
+    std::ofstream("/etc/netns/" + Namespace(node) + "/hosts", std::ios::app) << line << "\n";
+  }
+
+  // One common secret for all, or for one node another.
+  void ShareSecret() {
+    for (std::size_t i = 1; i < m_nodes.size(); ++i) {
+      std::filesystem::copy_file(Secret(0), Secret(static_cast<int>(i)),
+                                 std::filesystem::copy_options::overwrite_existing);
+    }
+  }
+  void ChangeSecret(int node) {
+    std::filesystem::remove(Secret(node));
+    ASSERT_EQ(platform::MakeCredentialsFile(Secret(node), "CLUSTER", "qxsvc"), 0u);
+  }
+
+  // Sets a number among the settings of a node; counts at its next start.
+  void SetNumber(int node, std::u16string_view name, std::uint32_t value) {
+    EditStore(node, u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules",
+              [&](platform::RegistryKey& key) { return platform::SetDword(key, name, value); });
+  }
+
+  void StartAll() {
+    for (std::size_t i = 0; i < m_nodes.size(); ++i) ASSERT_NO_FATAL_FAILURE(Start(static_cast<int>(i)));
+  }
+  // Starts a node and waits until it listens.
+  void Start(int node, bool waitForPort = true) {
+    RunningService& service = (*this)[node];
+    ASSERT_NO_FATAL_FAILURE(service.Start());
+    if (!waitForPort) return;
+    for (int i = 0; i < 60000 && service.Log().find("Listening on port") == std::string::npos; ++i) usleep(1000);
+    ASSERT_NE(service.Log().find("Listening on port"), std::string::npos) << service.Log();
+  }
+  // Has everything logged.
+  void SetTraceLevel(int node) {
+    EditStore(node, u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\VolumeManager",
+              [](platform::RegistryKey& key) { return platform::SetDword(key, u"TraceLevel", 6); });
+  }
+
+ private:
+  static constexpr const char* kIp = "/usr/sbin/ip";
+  static int Tool(std::vector<std::string> words) {
+    Child child(kIp, words, "/dev/null", {});
+    return child.Wait();
+  }
+  static void Must(const std::vector<std::string>& words) {
+    std::string line;
+    for (const std::string& word : words) line += " " + word;
+    EXPECT_EQ(Tool(words), 0) << "ip" << line;
+  }
+  static std::string Hub() { return "qx" + std::to_string(getpid()) + "hub"; }
+  static std::string Namespace(int node) { return "qx" + std::to_string(getpid()) + "n" + std::to_string(node); }
+  std::string Secret(int node) { return (*this)[node].Root() + "/nodes.key"; }
+
+  void AddNode() {
+    const auto node = static_cast<int>(m_nodes.size());
+    const std::string space = Namespace(node), port = "p" + std::to_string(node);
+    Must({"netns", "add", space});
+    Must({"-n", Hub(), "link", "add", port, "type", "veth", "peer", "name", "eth0", "netns", space});
+    Must({"-n", Hub(), "link", "set", port, "master", "br0", "up"});
+    Must({"-n", space, "addr", "add", Address(node) + "/24", "dev", "eth0"});
+    Must({"-n", space, "-6", "addr", "add", Address6(node) + "/64", "dev", "eth0", "nodad"});
+    Must({"-n", space, "link", "set", "lo", "up"});
+    Must({"-n", space, "link", "set", "eth0", "up"});
+    m_nodes.push_back(std::make_unique<RunningService>());
+    RunningService& service = *m_nodes.back();
+    service.SetLauncher({kIp, "netns", "exec", space});
+    service.AddVariable("KRB5_CONFIG=/dev/null");
+    service.AddVariable("KRB5CCNAME=MEMORY:none");
+    service.Register("-Service");
+    EditStore(node, u"SYSTEM\\CurrentControlSet\\Services\\QxSchedService", [](platform::RegistryKey& key) {
+      return platform::SetString(key, u"ObjectName", u"cluster");
+    });
+    ASSERT_NO_FATAL_FAILURE(ChangeSecret(node));
+  }
+  void WriteHosts() {
+    for (std::size_t i = 0; i < m_nodes.size(); ++i) {
+      const std::string directory = "/etc/netns/" + Namespace(static_cast<int>(i));
+      std::filesystem::create_directories(directory);
+      std::ofstream hosts(directory + "/hosts");
+      hosts << "127.0.0.1 localhost\n::1 localhost\n";
+      for (std::size_t k = 0; k < m_nodes.size(); ++k) {
+        hosts << Address(static_cast<int>(k)) << " " << Name(static_cast<int>(k)) << "\n";
+      }
+    }
+  }
+  template <class Edit>
+  void EditStore(int node, std::u16string_view path, Edit edit) {
+    ASSERT_EQ(platform::OpenRegistryStore((*this)[node].Root() + "/registry.db"), 0u);
+    platform::RegistryKey key;
+    ASSERT_EQ(platform::OpenKey(platform::Hive::kLocalMachine, path, platform::KEY_ALL_ACCESS, key), 0u);
+    ASSERT_EQ(edit(key), 0u);
+    ASSERT_EQ(key.Close(), 0u);
+    ASSERT_EQ(platform::CloseRegistryStore(), 0u);
+  }
+
+  std::vector<std::unique_ptr<RunningService>> m_nodes;
+};
+
+// Four nodes of one secret, running, and a client of the first one; skipped, loudly, where the host has no namespaces.
+class ClusterTest : public ::testing::Test {
+ protected:
+  static constexpr int kNodes = 4;
+  void SetUp() override {
+    if (const std::string why = NodeCluster::WhyNot(); !why.empty()) {
+      GTEST_SKIP() << "NO REAL NODES HERE: " << why << "; one service and scripted peers are tested by replication_tests";
+    }
+    m_cluster = std::make_unique<NodeCluster>(kNodes);
+    if (HasFatalFailure()) return;
+    m_cluster->ShareSecret();
+    for (int i = 0; i < kNodes; ++i) m_cluster->SetTraceLevel(i);
+  }
+  void StartAll() {
+    ASSERT_NO_FATAL_FAILURE(m_cluster->StartAll());
+    ASSERT_NO_FATAL_FAILURE(Node(0).Connect(m_client));
+  }
+  RunningService& Node(int node) { return (*m_cluster)[node]; }
+  // "localhost" for the first node, the others by address.
+  static NodeNames Addresses(int count = kNodes) {
+    NodeNames names = {u"localhost"};
+    for (int i = 1; i < count; ++i) names.push_back(platform::WideFromUtf8(NodeCluster::Address(i)));
+    return names;
+  }
+  static std::int64_t FarStart() { return platform::NowSeconds() / 86400 * 86400 + 30 * 86400; }
+
+  Status Create(const NodeNames& names, ScheduleGuid& id) {
+    m_results.assign(names.size(), 77);
+    return m_client.CreateScheduleOnNodes(Node(0).Job("job", FarStart()), id,
+                                          static_cast<std::uint32_t>(names.size()), names, m_results);
+  }
+  Status Delete(const NodeNames& names, const ScheduleGuid& id) {
+    m_results.assign(names.size(), 77);
+    return m_client.DeleteScheduleOnNodes(id, static_cast<std::uint32_t>(names.size()), names, m_results);
+  }
+  Status Perform(const NodeNames& names, const std::string& command) {
+    m_results.assign(names.size(), 77);
+    return m_client.PerformOperationOnNodes(platform::WideFromUtf8(command), static_cast<std::uint32_t>(names.size()),
+                                            names, m_results);
+  }
+  // What `qxsched reg list` shows of a schedule's key on a node; empty where there is none.
+  std::string KeyOn(int node, const ScheduleGuid& id) {
+    const std::string output = Node(node).Jobs() + "/reg.out";
+    Child child(test_paths::Programs() + "/qxsched",
+                {"--root", Node(node).Root(), "reg", "list",
+                 "HKLM\\SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules\\" +
+                     platform::Utf8FromWide(platform::GuidText(id))},
+                output, Node(node).Environment());
+    return child.Wait() == 0 ? RunningService::ReadFile(output) : "";
+  }
+
+  std::unique_ptr<NodeCluster> m_cluster;
+  SchedulerClient m_client;
+  NodeResults m_results;
+};
+
+}  // namespace qx::testing
