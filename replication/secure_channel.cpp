@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "foundation/include/zfclog.h"
+#include "platform/host.h"
 #include "platform/memory.h"
 #include "replication/wire.h"
 
@@ -36,6 +37,12 @@ bool IsToBeCompleted(SecurityStatus status) {
 void LogPackageText(const char16_t* format) {
   const std::u16string text = platform::LastSecurityErrorText();
   if (!text.empty()) ServiceLog(1, format, ForLog(text));
+}
+
+// What a variable names as the place of secrets.
+std::u16string NameInForce(std::u16string_view variable) {
+  const auto value = platform::EnvironmentVariable(variable);
+  return std::u16string(variable) + u" is " + (value ? ForLog(*value) : u"not set");
 }
 
 // Finds the session; the failure is logged.
@@ -256,6 +263,10 @@ SecurityStatus getLuidForProc(SecurityCredentials& credentials, platform::Creden
   if (status != platform::SEC_E_OK) {
     ServiceLog(1, u"AcquireCredHandle: AcquireCredentialsHandle failed. Error 0x%x.", status);
     LogPackageText(u"AcquireCredHandle: the security package says: %s");
+    if (status == platform::SEC_E_NO_CREDENTIALS) {
+      ServiceLog(1, u"AcquireCredHandle: no credentials file and no keytab: %s, %s", NameInForce(u"NTLM_USER_FILE"),
+                 NameInForce(u"KRB5_CLIENT_KTNAME"));
+    }
   }
   return status;
 }

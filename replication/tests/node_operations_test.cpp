@@ -449,6 +449,8 @@ TEST_F(NodeOperations, TheChannelRefusesACredentialsFileThatOthersMayRead) {
                                " can be read or written by others (its mode must be 0600)"));
   EXPECT_EQ(Run(Which::kDelete, {u"localhost", u"127.0.0.2"}), 1u);
   EXPECT_TRUE(m_log.Has(1, "DeleteScheduleOnNodes: AcquireCredentialsHandle failed. Error 0x8009030e."));
+  EXPECT_TRUE(m_log.Has(1, "AcquireCredHandle: no credentials file and no keytab: NTLM_USER_FILE is /dev/null, "
+                           "KRB5_CLIENT_KTNAME is not set"));
 }
 
 }  // namespace
