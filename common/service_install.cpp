@@ -35,6 +35,7 @@ platform::ServerInstallation Installation(const std::string& destination, const 
   installation.stateDirectory = stateDirectory;
   installation.busName = kBusName;
   installation.group = kClientGroup;
+  installation.fencedPort = kStandardNodePort;
   return installation;
 }
 

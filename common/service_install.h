@@ -4,6 +4,7 @@
 // Threads: any; calls that write must not overlap in time.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,10 @@ namespace qx {
 inline constexpr std::u16string_view kServiceName = u"QxSchedService";              // of the record and the unit
 inline constexpr std::u16string_view kServiceTitle = u"Korvane Scheduler Service";  // string resource 100
 inline constexpr std::string_view kClientGroup = "qxsched";  // who may call, beside root
+
+// The port of the node channel where none is configured; the installed unit keeps it shut until the administrator opens
+// it (docs/security.md).
+inline constexpr std::uint16_t kStandardNodePort = 4888;
 
 // Whether registering concerns the host: a server with a state directory of its own is started by its owner, and the
 // host's files name the one server of the host. With a destination they are written wherever that lies.

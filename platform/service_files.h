@@ -7,6 +7,7 @@
 // Threads: every function may be called from any thread; calls for one installation must not overlap in time.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,6 +28,9 @@ struct ServerInstallation {
   std::string stateDirectory;                 // an absolute name
   std::string busName;
   std::string group;  // may call every method, beside root
+  // A TCP port that the host's unit may not listen on until its administrator lifts that, by a file of his own of the
+  // drop-in's name (systemd.unit(5)); 0 for none.
+  std::uint16_t fencedPort = 0;
 };
 
 // A file, or a symbolic link when `linkTo` isn't empty.

@@ -48,6 +48,10 @@ std::string UnitName(const ServerInstallation& i) {
                    : i.destination + kSystemUnits + Unit(i);
 }
 
+// Beside the unit, the vendor's as it is.
+std::string FenceDirectory(const ServerInstallation& i) { return i.destination + kSystemUnits + Unit(i) + ".d"; }
+std::string FenceName(const ServerInstallation& i) { return FenceDirectory(i) + "/10-node-channel-fence.conf"; }
+
 std::string WantsName(const ServerInstallation& i) {
   return i.forUser ? UserPlace("XDG_CONFIG_HOME", "/.config", "/systemd/user/default.target.wants/") + Unit(i)
                    : i.destination + kHostUnits + "multi-user.target.wants/" + Unit(i);
@@ -206,6 +210,10 @@ ErrorCode RemoveAll(const std::vector<std::string>& names, std::string& failed) 
 std::vector<InstalledFile> FilesOf(const ServerInstallation& i) {
   std::vector<InstalledFile> files;
   if (i.asService) files.push_back({UnitName(i), UnitText(i), {}});
+  if (i.asService && !i.forUser && i.fencedPort != 0) {
+    // The port alone: jobs count as the unit's processes, and may do all else.
+    files.push_back({FenceName(i), "[Service]\nSocketBindDeny=tcp:" + std::to_string(i.fencedPort) + "\n", {}});
+  }
   files.push_back({ActivationName(i), ActivationText(i), {}});
   if (!i.forUser) {
     files.push_back({PolicyName(i), PolicyText(i), {}});
@@ -222,18 +230,28 @@ ErrorCode InstallFiles(const ServerInstallation& i, std::string& failed) {
     failed = file.name;
     return rc;
   }
-  return i.asService ? ERROR_SUCCESS : RemoveAll({WantsName(i), UnitName(i)}, failed);
+  if (i.asService) return ERROR_SUCCESS;
+  std::vector<std::string> names = {WantsName(i), UnitName(i)};
+  if (!i.forUser) names.push_back(FenceName(i));
+  const ErrorCode rc = RemoveAll(names, failed);
+  if (!i.forUser) (void)rmdir(FenceDirectory(i).c_str());
+  return rc;
 }
 
 ErrorCode RemoveFiles(const ServerInstallation& i, std::string& failed) {
   std::vector<std::string> names = {WantsName(i), UnitName(i), ActivationName(i)};
   if (!i.forUser) {
-    for (std::string name : {PolicyName(i), GroupName(i), AccountUnitName(i), AccountPolicyName(i)}) {
+    for (std::string name :
+         {FenceName(i), PolicyName(i), GroupName(i), AccountUnitName(i), AccountPolicyName(i)}) {
       names.push_back(std::move(name));
     }
   }
   const ErrorCode rc = RemoveAll(names, failed);
-  if (!i.forUser) (void)rmdir(DropInDirectory(i).c_str());  // stays while it holds drop-ins of others
+  if (!i.forUser) {
+    // They stay while they hold drop-ins of others.
+    (void)rmdir(DropInDirectory(i).c_str());
+    (void)rmdir(FenceDirectory(i).c_str());
+  }
   return rc;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "common/service_install.h"
 #include "interface/records.h"
 #include "platform/thread.h"
 #include "service/node_channel.h"
@@ -13,7 +14,7 @@
 
 namespace qx {
 
-inline constexpr std::uint16_t kDefaultPort = 4888;  // of the node channel, without a value "DefaultPort"
+inline constexpr std::uint16_t kDefaultPort = kStandardNodePort;  // without a value "DefaultPort"
 
 // The port of the node channel: the low 16 bits of "DefaultPort", kDefaultPort when it can't be read.
 [[nodiscard]] std::uint16_t ReadPort();

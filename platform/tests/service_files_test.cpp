@@ -76,6 +76,22 @@ TEST_F(ServiceFiles, AServiceHasAUnitAStartOnDemandAPolicyAndAGroup) {
   EXPECT_THAT(Text(kActivation), HasSubstr("SystemdService=Sched.service\n"));
 }
 
+TEST_F(ServiceFiles, AFencedPortIsADropInOfTheUnitAndGoesWithIt) {
+  constexpr const char* kFence = "/usr/lib/systemd/system/Sched.service.d/10-node-channel-fence.conf";
+  m_installation.fencedPort = 4888;
+  ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
+  EXPECT_THAT(Names(), ElementsAre(kUnit, kFence, kGroup, kActivation, kPolicy));
+  EXPECT_EQ(Text(kFence), "[Service]\nSocketBindDeny=tcp:4888\n");
+  m_installation.asService = false;
+  ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
+  EXPECT_THAT(Names(), ElementsAre(kGroup, kActivation, kPolicy));
+  m_installation.asService = true;
+  ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
+  ASSERT_EQ(RemoveFiles(m_installation, m_failed), ERROR_SUCCESS);
+  EXPECT_THAT(Names(), IsEmpty());
+  EXPECT_FALSE(fs::exists(m_folder + "/usr/lib/systemd/system/Sched.service.d"));
+}
+
 TEST_F(ServiceFiles, APlainServerHasNoUnitAndTakesAnEarlierOneAway) {
   ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
   m_installation.asService = false;
