@@ -10,6 +10,7 @@
 #include "platform/event_log.h"
 #include "platform/host.h"
 #include "platform/memory.h"
+#include "platform/process.h"
 #include "platform/registry.h"
 #include "platform/terminal.h"
 #include "platform/text.h"
@@ -335,6 +336,10 @@ void CServiceModule::TellSleep(std::int64_t window) {
 }
 
 void CServiceModule::Run() {
+  // Whoever starts the service on a terminal sees what its jobs write; a job's input is empty there too, as a session of
+  // its own couldn't read that terminal.
+  platform::SetJobOutputInherited(platform::IsTerminal(platform::StandardStream::kOutput) &&
+                                  platform::IsTerminal(platform::StandardStream::kError));
   StartBus();
   WriteEvent(kEventStarted);
   if (m_runsAsService) Report(ServiceState::kRunning, "running");

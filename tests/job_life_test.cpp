@@ -86,6 +86,63 @@ INSTANTIATE_TEST_SUITE_P(Of, JobAtTheEnd,
                                            EndCase{"AKilledService", SIGKILL, 128 + SIGKILL}),
                          [](const auto& which) { return which.param.name; });
 
+// A terminal of the test's own; the service gets the other end as its output.
+class Terminal {
+ public:
+  Terminal() {
+    m_descriptor = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
+    EXPECT_GE(m_descriptor, 0);
+    EXPECT_EQ(grantpt(m_descriptor), 0);
+    EXPECT_EQ(unlockpt(m_descriptor), 0);
+    char name[64] = "";
+    EXPECT_EQ(ptsname_r(m_descriptor, name, sizeof name), 0);
+    m_path = name;
+  }
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+  ~Terminal() { close(m_descriptor); }
+
+  [[nodiscard]] const std::string& Path() const { return m_path; }
+  // Reads until the text has come; all that was read.
+  std::string ReadUntil(const std::string& text) const {
+    std::string all;
+    pollfd written = {m_descriptor, POLLIN, 0};
+    while (all.find(text) == all.npos && poll(&written, 1, static_cast<int>(kPatience)) == 1) {
+      char buffer[256];
+      const ssize_t size = read(m_descriptor, buffer, sizeof buffer);
+      if (size <= 0) break;
+      all.append(buffer, static_cast<std::size_t>(size));
+    }
+    return all;
+  }
+
+ private:
+  int m_descriptor = -1;
+  std::string m_path;
+};
+
+TEST_F(JobLife, AJobWritesToTheTerminalThatTheServiceWasStartedOn) {
+  ASSERT_NO_FATAL_FAILURE(service.Register());
+  const Terminal terminal;
+  const Child onTerminal(test_paths::Programs() + "/QxSchedService",
+                         {"--root", service.Root(), "--bus=" + service.Bus().Address(), "--foreground"},
+                         terminal.Path(), service.Environment());
+  ASSERT_TRUE(service.WaitForName());
+  ASSERT_NO_FATAL_FAILURE(service.Connect(client));
+  ASSERT_NO_FATAL_FAILURE(RunNow("read line || echo no input\necho from the job"));
+  const std::string shown = terminal.ReadUntil("from the job");
+  EXPECT_THAT(shown, HasSubstr("no input\r\nfrom the job"));
+}
+
+TEST_F(JobLife, AJobWritesNowhereWithoutATerminal) {
+  ASSERT_NO_FATAL_FAILURE(StartAll());
+  const Mailbox fromJob(service.Jobs() + "/from");
+  ASSERT_NO_FATAL_FAILURE(RunNow("echo to the output\necho to the errors >&2\necho done > " + fromJob.Path()));
+  ASSERT_EQ(fromJob.Line(), "done") << service.Log();
+  EXPECT_EQ(service.Stop(), 0);
+  EXPECT_EQ(service.Output(), "");
+}
+
 TEST_F(JobLife, AJobGetsTheServicesEnvironmentWithoutItsManagersAndNoDescriptor) {
   service.AddVariable("QX_TEST_KEPT=yes");
   service.AddVariable("WATCHDOG_USEC=60000000");

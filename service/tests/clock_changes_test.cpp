@@ -52,6 +52,7 @@ class Machine : public qx::testing::SimulatedMachine {
 struct Step {
   const char* name;
   std::int64_t seconds;
+  friend std::ostream& operator<<(std::ostream& out, const Step& step) { return out << step.name; }
 };
 const Step kSteps[] = {
     {"OfAHundredSeconds", 100},       {"OfAnHour", kHour},
