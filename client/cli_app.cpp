@@ -8,6 +8,7 @@
 
 #include "client/cli_completion.h"
 #include "client/cli_config.h"
+#include "client/cli_nodes.h"
 #include "client/cli_reg.h"
 #include "client/cli_registry.h"
 #include "client/time_text.h"
@@ -285,7 +286,7 @@ void AddOnlineCommands(CLI::App& app, CliContext& context, CommandChoice& choice
 }
 
 int RunQxsched(int argc, const char* const* argv, std::istream& in, std::ostream& out, std::ostream& err,
-               const OnlineSettings& settings) {
+               const OnlineSettings& given) {
   ZepFoundation::SetServiceLogWriter(ZepFoundation::NullServiceLogWriter());
   CliContext context{in, out, err, {}};
   platform::OutputPager pager;
@@ -304,6 +305,9 @@ int RunQxsched(int argc, const char* const* argv, std::istream& in, std::ostream
       };
     }
     CommandChoice choice;
+    NodeSpread spread;
+    OnlineSettings settings = given;
+    settings.connect = SpreadOverNodes(given.connect, context, spread);
     CLI::App app("Shows, checks and changes the schedules of the scheduler service.", "qxsched");
     app.set_version_flag("--version", std::string("qxsched ") + QX_VERSION);
     app.require_subcommand(0, 1);
@@ -315,6 +319,7 @@ int RunQxsched(int argc, const char* const* argv, std::istream& in, std::ostream
     AddConfigCommands(app, context, choice);
     AddOnlineCommands(app, context, choice, settings);
     AddChangeCommands(app, context, choice, settings);
+    AddNodeCommands(app, context, choice, settings, spread);
     AddLogCommand(app, context, choice);
     AddCompletionCommand(app, context, choice);
     if (argc > 1 && std::string_view(argv[1]) == kCompleteWord) {
@@ -336,7 +341,7 @@ int RunQxsched(int argc, const char* const* argv, std::istream& in, std::ostream
     }
     platform::SetStateDirectory(context.options.root.empty() ? platform::DefaultStateDirectory()
                                                              : context.options.root);
-    const int exit = RunChosen(context, app, choice);
+    const int exit = RunSpread(context, spread, [&] { return RunChosen(context, app, choice); });
     out.flush();
     pager.Finish();
     // Who leaves the pager has seen enough.
