@@ -14,8 +14,8 @@
 namespace qx {
 namespace {
 
-using platform::ErrorCode;
 using platform::ERROR_SUCCESS;
+using platform::ErrorCode;
 using platform::Hive;
 using platform::RegistryKey;
 using ZepFoundation::ForLog;
@@ -76,7 +76,7 @@ class Modification {
   CJobNode m_new;
   CJobNode m_old;
   bool m_wasListed = false;
-  std::u16string m_newPath;       // the .ini files, as the clients' texts
+  std::u16string m_newPath;  // the .ini files, as the clients' texts
   std::u16string m_oldPath;
   bool m_otherDirectory = false;  // the new file lies in another directory than the old one
   bool m_isAside = false;         // the old file lies under its .old name
@@ -102,8 +102,8 @@ Status Modification::CheckNew() {
     ServiceLog(1, u"Failed to ModifySchedule: %s", idText);
     return kStatusFailure;
   }
-  // Deliberate: the listed job follows a new bUseGUID; its key keeps the flag of the creation, which applies again after
-  // a restart.
+  // Deliberate: the listed job follows a new bUseGUID; its key keeps the flag of the creation, which applies again
+  // after a restart.
   if (const Status status = SetLaunchPathFrom(m_schedule, m_new); status != kStatusOk) {
     ServiceLog(1, u"ModifySchedule:Failed to set launch parameters, error = %x", status);
     ServiceLog(1, u"Failed to modify schedule: %s", idText);

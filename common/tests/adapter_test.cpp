@@ -637,6 +637,17 @@ TEST_F(Adapter, ACopyAsideStaysWhereTheFileIsThere) {
   EXPECT_FALSE(qx::RestoreOldIniFile(u""));
 }
 
+TEST_F(Adapter, ACopyAsideNeverReplacesAFileThatAppearsMeanwhile) {
+  Put("new");
+  std::ofstream(m_file + ".old") << "old";
+  const FaultPlan plan = FaultPlan::FailCall(Operation::kFileExists, 1, platform::ERROR_ACCESS_DENIED);
+  EXPECT_FALSE(qx::RestoreOldIniFile(m_adapter.m_IniFilePath.view()));
+  EXPECT_EQ(plan.hits(), 1);
+  EXPECT_EQ(FileText(m_file), "new");
+  EXPECT_EQ(FileText(m_file + ".old"), "old");
+  EXPECT_TRUE(m_log.texts(1).empty());
+}
+
 TEST_F(Adapter, ACopyThatCannotBeMovedIsTold) {
   std::ofstream(m_file + ".old") << "old";
   const FaultPlan plan = FaultPlan::FailCall(Operation::kRenameFile, 1, platform::ERROR_ACCESS_DENIED);

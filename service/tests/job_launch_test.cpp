@@ -110,10 +110,10 @@ TEST_F(JobLaunch, ReleasesTheRuleObjectOnce) {
 TEST_F(JobLaunch, MovesTheRuleFileAsideAndOnlyLogsAFailure) {
   const ScheduleGuid id = Create(Daily());
   CJobNode node = *g_JobList.Find(id);
-  node.DeleteScheduleRuleFile();
+  EXPECT_EQ(node.DeleteScheduleRuleFile(), 0u);
   EXPECT_FALSE(std::filesystem::exists(IniFile(id)));
   EXPECT_TRUE(std::filesystem::exists(IniFile(id) + ".old"));
-  node.DeleteScheduleRuleFile();
+  EXPECT_EQ(node.DeleteScheduleRuleFile(), platform::ERROR_FILE_NOT_FOUND);
   EXPECT_TRUE(m_log.Has(1, "Failed to delete old ini file with error 2"));
 }
 

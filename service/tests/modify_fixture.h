@@ -10,11 +10,14 @@
 #include "service/modify_schedule.h"
 #include "service/tests/service_fixture.h"
 
-// How a record is printed: texts and the plain numbers of the rules.
-inline void PrintTo(const SCHEDULE_OBJECT& s, std::ostream* out) {
+namespace qx::testing {
+
+// A whole record that a failing test prints.
+struct Record : SCHEDULE_OBJECT {};
+inline void PrintTo(const Record& s, std::ostream* out) {
   for (const BSTR& text : {s.bstrName, s.bstrDescription, s.bstrApplication, s.bstrObjectID, s.bstrWrapperBinaryName,
                            s.bstrXMLFilePathName, s.bstrParameters, s.bstrPreScript, s.bstrPostScript}) {
-    *out << (text ? "'" + platform::Utf8FromWide(*text) + "' " : "null ");
+    *out << (text ? "'" + Narrow(*text) + "' " : "null ");
   }
   const SCHEDULE_RULE& r = s.stScheduleRules;
   *out << "code " << s.dwTaskOpCode << " now " << s.bRunNow << " id " << s.bUseGUID << " next " << s.lNextTimeWindow
@@ -36,8 +39,6 @@ inline void PrintTo(const SCHEDULE_OBJECT& s, std::ostream* out) {
   list("include", r.alIncludeDates);
   list("exclude", r.alExcludeDates);
 }
-
-namespace qx::testing {
 
 // Everything that is kept of one schedule, but for the time and kind of the last operation.
 struct Kept {
@@ -146,8 +147,8 @@ class ModifyFixture : public ServiceFixture {
     return kept;
   }
   // The whole record, read back through key and file by a node of its own. Moves a file that lies aside back.
-  static SCHEDULE_OBJECT Stored(const ScheduleGuid& id) {
-    SCHEDULE_OBJECT record;
+  static Record Stored(const ScheduleGuid& id) {
+    Record record;
     EXPECT_EQ(ReadRegistry(id, record), kStatusOk);
     CJobNode node;
     node.ScheduleID = id;
@@ -160,8 +161,8 @@ class ModifyFixture : public ServiceFixture {
     return record;
   }
   // The same from the key and the listed job's rule object.
-  static SCHEDULE_OBJECT Listed(const ScheduleGuid& id) {
-    SCHEDULE_OBJECT record;
+  static Record Listed(const ScheduleGuid& id) {
+    Record record;
     EXPECT_EQ(ReadRegistry(id, record), kStatusOk);
     const platform::CriticalSectionGuard guard(g_JobListLock);
     const CJobList::Position at = g_JobList.Find(id);
@@ -172,8 +173,8 @@ class ModifyFixture : public ServiceFixture {
     return record;
   }
   // What a schedule of these rules reads as: as the rules library takes them, with the job fields as they were given.
-  static SCHEDULE_OBJECT ReadsAs(const SCHEDULE_OBJECT& given, std::uint32_t useGuid) {
-    SCHEDULE_OBJECT record;
+  static Record ReadsAs(const SCHEDULE_OBJECT& given, std::uint32_t useGuid) {
+    Record record;
     record.bstrApplication = given.bstrApplication.value_or(u"");
     record.bstrObjectID = given.bstrObjectID.value_or(u"");
     record.dwTaskOpCode = given.dwTaskOpCode;

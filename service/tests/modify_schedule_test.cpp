@@ -175,9 +175,8 @@ TEST_F(ModifySchedule, TellsClientsInTheOrderOfTheOperations) {
   EXPECT_EQ(m_service.ModifySchedule(first, After("b")), kStatusOk);
   EXPECT_EQ(m_service.DeleteSchedule(second), kStatusOk);
   EXPECT_EQ(m_service.ModifySchedule(first, Before()), kStatusOk);
-  EXPECT_THAT(m_sink->heard,
-              ElementsAre("add " + Text(first), "add " + Text(second), "modify " + Text(second),
-                          "modify " + Text(first), "delete " + Text(second), "modify " + Text(first)));
+  EXPECT_THAT(m_sink->heard, ElementsAre("add " + Text(first), "add " + Text(second), "modify " + Text(second),
+                                         "modify " + Text(first), "delete " + Text(second), "modify " + Text(first)));
 }
 
 // At the time 0 a window of 0 exists, which a creation lists and a modification doesn't.
@@ -310,7 +309,12 @@ struct Failure {
   std::vector<std::string> errors;  // of level 0 and 1
 };
 const Failure kFailuresAhead[] = {
-    {__LINE__, Operation::kRegOpenKey, 1, "", kStatusModify, {"ModifySchedule: Failed to open the SCHEDULES registry key"}},
+    {__LINE__,
+     Operation::kRegOpenKey,
+     1,
+     "",
+     kStatusModify,
+     {"ModifySchedule: Failed to open the SCHEDULES registry key"}},
     {__LINE__,
      Operation::kRegOpenKey,
      2,
@@ -742,7 +746,8 @@ TEST_F(ModifySchedule, KeepsTheOldFileByteByByteWhenItsSavingFailsToo) {
   const Kept before = Keep(id);
   for (const char* directory : {"a", "b"}) {
     Quiet();
-    FaultPlan plan = FaultPlan::FailCall(Operation::kCommitProfiles, 1, platform::ERROR_DISK_FULL, platform::kFromThenOn);
+    FaultPlan plan =
+        FaultPlan::FailCall(Operation::kCommitProfiles, 1, platform::ERROR_DISK_FULL, platform::kFromThenOn);
     // Deliberate: that the rules could not be saved isn't an answer of theirs.
     EXPECT_EQ(m_service.ModifySchedule(id, After(directory)), kStatusOk);
     plan.Remove();

@@ -21,15 +21,15 @@ using ::testing::IsEmpty;
 
 struct Scene {
   int line;
-  bool listed;           // the job is in the list at the beginning
-  const char* directory; // of the new file; the old one is in "a"
-  bool refused;          // the key refuses the change
+  bool listed;            // the job is in the list at the beginning
+  const char* directory;  // of the new file; the old one is in "a"
+  bool refused;           // the key refuses the change
 };
 std::ostream& operator<<(std::ostream& out, const Scene& scene) {
   return out << "line " << scene.line;
 }
 const Scene kScenes[] = {
-    {__LINE__, true, "a", false}, {__LINE__, true, "b", false},  {__LINE__, false, "a", false},
+    {__LINE__, true, "a", false},  {__LINE__, true, "b", false}, {__LINE__, false, "a", false},
     {__LINE__, false, "b", false}, {__LINE__, true, "a", true},  {__LINE__, true, "b", true},
     {__LINE__, false, "a", true},  {__LINE__, false, "b", true},
 };
@@ -38,9 +38,12 @@ class ModifySweep : public ModifyFixture, public ::testing::WithParamInterface<S
  protected:
   ErrorCode CodeFor(Operation operation) const {
     switch (operation) {
-      case Operation::kConvertText: return platform::ERROR_SUCCESS;  // asked of strict conversions only: there are none
-      case Operation::kAllocate: return platform::ERROR_NOT_ENOUGH_MEMORY;
-      default: return platform::ERROR_DISK_FULL;
+      case Operation::kConvertText:
+        return platform::ERROR_SUCCESS;  // asked of strict conversions only: there are none
+      case Operation::kAllocate:
+        return platform::ERROR_NOT_ENOUGH_MEMORY;
+      default:
+        return platform::ERROR_DISK_FULL;
     }
   }
   bool LogHas(std::string_view text) const {
@@ -56,9 +59,9 @@ class ModifySweep : public ModifyFixture, public ::testing::WithParamInterface<S
   }
   // Old and new values of a key may stand side by side only when its values couldn't be written back.
   static bool IsMixture(const SCHEDULE_OBJECT& key, const SCHEDULE_OBJECT& a, const SCHEDULE_OBJECT& b) {
-    for (const auto field : {&SCHEDULE_OBJECT::bstrWrapperBinaryName, &SCHEDULE_OBJECT::bstrXMLFilePathName,
-                             &SCHEDULE_OBJECT::bstrParameters, &SCHEDULE_OBJECT::bstrPreScript,
-                             &SCHEDULE_OBJECT::bstrPostScript}) {
+    for (const auto field :
+         {&SCHEDULE_OBJECT::bstrWrapperBinaryName, &SCHEDULE_OBJECT::bstrXMLFilePathName,
+          &SCHEDULE_OBJECT::bstrParameters, &SCHEDULE_OBJECT::bstrPreScript, &SCHEDULE_OBJECT::bstrPostScript}) {
       if (key.*field != a.*field && key.*field != b.*field) return false;
     }
     return key.bstrApplication == a.bstrApplication && key.bstrObjectID == a.bstrObjectID &&
@@ -80,8 +83,8 @@ TEST_P(ModifySweep, LeavesTheNewScheduleTheOldOneOrSaysWhatIsLeft) {
       if (!scene.listed) Unlist(id);
       const Kept before = Keep(id);
       const std::string oldIni = "a/" + Text(id) + ".ini";
-      const SCHEDULE_OBJECT oldRecord = ReadsAs(Before(), 0);
-      const SCHEDULE_OBJECT newRecord = ReadsAs(after, 0);
+      const Record oldRecord = ReadsAs(Before(), 0);
+      const Record newRecord = ReadsAs(after, 0);
       Operation failed = Operation::kCount;
       std::string detail;
       FaultPlan plan = FaultPlan::Ask([&](int call, Operation operation, std::string_view about) {
@@ -95,8 +98,9 @@ TEST_P(ModifySweep, LeavesTheNewScheduleTheOldOneOrSaysWhatIsLeft) {
       const Status status = m_service.ModifySchedule(id, after);
       plan.Remove();
       SCOPED_TRACE(::testing::Message() << "call " << n << ", " << OperationName(failed) << "(" << detail << ") "
-                                        << (mode == platform::kOnce ? "once" : "from then on") << ", status " << std::hex
-                                        << status << "\n" << LogText());
+                                        << (mode == platform::kOnce ? "once" : "from then on") << ", status "
+                                        << std::hex << status << "\n"
+                                        << LogText());
       std::string outcome;
       if (!m_sink->heard.empty()) {
         outcome = "new";
@@ -145,9 +149,10 @@ TEST_P(ModifySweep, LeavesTheNewScheduleTheOldOneOrSaysWhatIsLeft) {
                     LogHas("Failed to recover old ini file"));
         EXPECT_EQ(ListedWindow(id), -2);
         EXPECT_EQ(TakeEvent(), -1);
-        const SCHEDULE_OBJECT stored = Stored(id);
+        const Record stored = Stored(id);
         EXPECT_TRUE(IsMixture(stored, oldRecord, newRecord));
-        const bool oldRules = stored.stScheduleRules == oldRecord.stScheduleRules && stored.bstrName == oldRecord.bstrName;
+        const bool oldRules =
+            stored.stScheduleRules == oldRecord.stScheduleRules && stored.bstrName == oldRecord.bstrName;
         // New rules stand beside new values only.
         EXPECT_TRUE(oldRules || stored == newRecord);
       }
@@ -202,8 +207,12 @@ template <typename T>
 T InRange(T low, T high) {
   return static_cast<T>(low + static_cast<T>(Random()() % static_cast<std::uint64_t>(high - low)));
 }
-bool OneIn(int n) { return InRange(0, n) == 0; }
-std::uint32_t Flag() { return InRange(0u, 2u); }
+bool OneIn(int n) {
+  return InRange(0, n) == 0;
+}
+std::uint32_t Flag() {
+  return InRange(0u, 2u);
+}
 std::int32_t Instant() {
   constexpr std::int32_t kDays = 2 * 366;
   return static_cast<std::int32_t>(kPresent + InRange<std::int64_t>(-30 * kSecondsOfDay, kDays * kSecondsOfDay));
@@ -218,7 +227,9 @@ BSTR Words(bool mayBeAbsent) {
   return text;
 }
 // Blanks and quotes at its ends a text of the .ini file loses.
-BSTR InFile(BSTR text) { return text ? BSTR(u"x" + *text + u"x") : text; }
+BSTR InFile(BSTR text) {
+  return text ? BSTR(u"x" + *text + u"x") : text;
+}
 SCHEDULE_RULE RandomRules() {
   SCHEDULE_RULE rule;
   rule.lStartTime = OneIn(5) ? 0 : Instant();
@@ -303,7 +314,7 @@ TEST_F(RandomModifications, EndWithKeyFileAndListEqualOrWithEverythingAsBefore) 
       ASSERT_FALSE(diskFull);
       ASSERT_TRUE(SameIdentity(after, current));
       ExpectTold(id, __LINE__);
-      const SCHEDULE_OBJECT expected = ReadsAs(after, 0);
+      const Record expected = ReadsAs(after, 0);
       ASSERT_EQ(Stored(id), expected);
       ASSERT_EQ(Listed(id), expected);
       ASSERT_EQ(now.window, expected.lNextTimeWindow);
