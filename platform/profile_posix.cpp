@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstring>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -130,10 +131,15 @@ namespace {
 
 thread_local detail::ProfileBatchState* t_youngest = nullptr;
 
+// A path is compared for every key: by its bytes, not unit by unit.
+bool IsSameText(std::u16string_view a, std::u16string_view b) {
+  return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(char16_t)) == 0);
+}
+
 // The thread's batch of a path; null when there is none, with the kernel's name of the path in `name`.
 detail::ProfileBatchState* BatchOn(std::u16string_view path, std::string& name) {
   // The words of the last batch are the usual ones, and are cheaper to compare than to translate.
-  if (t_youngest != nullptr && t_youngest->path == path) return t_youngest;
+  if (t_youngest != nullptr && IsSameText(t_youngest->path, path)) return t_youngest;
   name = NativePath(path);
   detail::ProfileBatchState* batch = t_youngest;
   while (batch != nullptr && batch->name != name) batch = batch->older;
