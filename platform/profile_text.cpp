@@ -11,6 +11,7 @@ namespace {
 constexpr std::string_view kWideMark = "\xFF\xFE";
 constexpr std::string_view kLineEnds = "\r\n";
 constexpr std::size_t kUsualSections = 8;
+constexpr std::size_t kUsualLines = 16;  // of a section
 
 bool IsBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
@@ -111,10 +112,9 @@ void ProfileText::Parse(std::string_view file) {
       units += static_cast<char16_t>(static_cast<unsigned char>(file[i]) |
                                      (static_cast<unsigned char>(file[i + 1]) << 8));
     }
-    file = m_texts.emplace_back(BytesFromUnits(units));
+    file = m_texts.emplace_front(BytesFromUnits(units));
   }
   m_sections.reserve(kUsualSections);
-  m_sections.emplace_back();
   for (std::size_t begin = 0; begin < file.size();) {
     std::size_t end = begin;
     while (end < file.size() && file[end] != '\r' && file[end] != '\n') ++end;
@@ -145,6 +145,7 @@ ProfileSection& ProfileText::BeginSection(std::string_view name, std::string_vie
   ProfileSection& section = m_sections.emplace_back();
   section.name = name;
   section.behind = behind;
+  section.lines.reserve(kUsualLines);
   return section;
 }
 

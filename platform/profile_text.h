@@ -6,7 +6,7 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
+#include <forward_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -50,8 +50,8 @@ struct WantedName;
 
 class ProfileText {
  public:
-  ProfileText() : ProfileText(std::string()) {}
-  explicit ProfileText(std::string file) { Parse(m_texts.emplace_back(std::move(file))); }
+  ProfileText() : m_sections(1) {}
+  explicit ProfileText(std::string file) : m_sections(1) { Parse(m_texts.emplace_front(std::move(file))); }
   ProfileText(ProfileText&&) = default;
   ProfileText& operator=(ProfileText&&) = default;
 
@@ -84,11 +84,11 @@ class ProfileText {
   bool SetValue(ProfileSection& section, const WantedName& key, std::string value);
 
   // Keeps a text for the views of it.
-  std::string_view Keep(std::string_view text) { return m_texts.emplace_back(text); }
+  std::string_view Keep(std::string_view text) { return m_texts.emplace_front(text); }
   void ReadAgain();
 
   Encoding m_encoding = Encoding::kSystem;
-  std::deque<std::string> m_texts;  // the file, and what was written since: lines are views of it
+  std::forward_list<std::string> m_texts;  // the file, and what was written since: lines are views of it
   std::string m_verbatim;           // the text as written, where the lines as understood differ; until the next change
   std::vector<ProfileSection> m_sections;  // the first one holds the lines in front of any header
 };

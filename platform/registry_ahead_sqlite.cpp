@@ -14,6 +14,8 @@ namespace {
 constexpr std::size_t kKeysPerRead = 64;    // in one look at the store, and given on together
 constexpr std::size_t kKeysReady = 1024;    // read and not taken yet: the reader waits then
 
+constexpr std::size_t kUsualValues = 16;    // of a key
+constexpr std::size_t kUsualBytes = 1024;
 constexpr std::int64_t kLengthFactor = 65536;  // above the bytes of any key's name
 
 constexpr const char* kKeysSql =
@@ -62,6 +64,8 @@ std::shared_ptr<AheadKey> ReadKey(sqlite3_stmt* row) {
 }
 
 bool ReadValues(sqlite3_stmt* values, AheadKey& key) {
+  key.values.reserve(kUsualValues);
+  key.bytes.reserve(kUsualBytes);
   sqlite3_bind_int64(values, 1, key.id);
   int rc = SQLITE_OK;
   while ((rc = sqlite3_step(values)) == SQLITE_ROW) {
