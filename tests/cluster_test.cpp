@@ -42,6 +42,27 @@ TEST_F(ClusterTest, FourNodesTakeACreationAModificationACommandAndADeletion) {
   EXPECT_THAT(Node(1).Log(), HasSubstr("Received FD_CLOSE event"));
 }
 
+TEST_F(ClusterTest, TheCommandLineCarriesAChangeToTheNodesAndSaysWhatEachDid) {
+  ASSERT_NO_FATAL_FAILURE(StartAll());
+  ASSERT_EQ(Node(3).Stop(), 0);
+  const std::string file = Node(0).Jobs() + "/nightly.toml", output = Node(0).Jobs() + "/qxsched.out";
+  std::ofstream(file) << "name = \"nightly\"\n[job]\nwrapper = \"/bin/true\"\n[window]\nstart = \"22:00\"\n"
+                         "end = \"23:00\"\n[days]\nevery = [\"sun\", \"mon\"]\n";
+  const auto ask = [&](std::vector<std::string> words) {
+    words.insert(words.begin(), {"--root", Node(0).Root(), "--bus", Node(0).Bus().Address()});
+    qx::testing::Child child(test_paths::Programs() + "/qxsched", words, output, Node(0).Environment());
+    return child.Wait();
+  };
+  EXPECT_EQ(ask({"add", file, "--nodes", "10.77.0.2,nodeC,10.77.0.4"}), 7) << RunningService::ReadFile(output);
+  EXPECT_THAT(RunningService::ReadFile(output), HasSubstr("10.77.0.2: done\n"));
+  EXPECT_THAT(RunningService::ReadFile(output), HasSubstr("nodeC: done\n"));
+  EXPECT_THAT(RunningService::ReadFile(output), HasSubstr("10.77.0.4: no answer"));
+  EXPECT_EQ(ask({"rm", "nightly", "-y", "--no-backup", "--nodes", "10.77.0.2,nodeC"}), 0) << RunningService::ReadFile(output);
+  const std::string mark = Node(0).Jobs() + "/mark";
+  EXPECT_EQ(ask({"nodes", "exec", "--nodes", "10.77.0.2", "--", "/usr/bin/touch", mark}), 0);
+  EXPECT_TRUE(std::filesystem::exists(mark));
+}
+
 TEST_F(ClusterTest, ANodeThatIsDownOrListensElsewhereIsTheOnlyOneWithoutTheChange) {
   m_cluster->SetNumber(2, u"DefaultPort", 5999);
   ASSERT_NO_FATAL_FAILURE(StartAll());

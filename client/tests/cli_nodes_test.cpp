@@ -81,10 +81,6 @@ class CliNodes : public CliTest {
     const int exit = qx::RunQxsched(static_cast<int>(argv.size()), argv.data(), in, out, err, settings);
     return {exit, out.str(), err.str()};
   }
-  std::string ScheduleFile(const std::string& parameters = "-v") {
-    return Write("job.toml", "name = \"nightly\"\nwrapper = \"/bin/true\"\nxml = \"/tmp/job.xml\"\nparameters = \"" + parameters +
-                                 "\"\nstart = \"03:00\"\nend = \"04:00\"\n[rules]\nweekdays = \"all\"\n");
-  }
   NodeService m_service;
 };
 
@@ -101,6 +97,16 @@ TEST_F(CliNodes, NamesAreReadWithThisNodeInFrontWhereItIsMissing) {
   }
   EXPECT_FALSE(qx::ParseNodeList("a,b,a", names, error));
   EXPECT_EQ(error, "--nodes: \"a\" stands twice");
+}
+
+TEST_F(CliNodes, ACreationGoesToTheNodes) {
+  const std::string file =
+      Write("job.toml", "name = \"daily\"\n[job]\nwrapper = \"/bin/true\"\n[window]\nstart = \"22:00\"\nend = \"23:00\"\n"
+                        "[days]\nevery = [\"sun\"]\n");
+  const Result result = Ask({"add", file, "--nodes", "b"});
+  EXPECT_EQ(result.exit, 0) << result.err;
+  EXPECT_EQ(result.out, "{AB120000-0000-4001-8000-000000000000}\n");
+  EXPECT_THAT(m_service.carried, ElementsAre("create localhost,b"));
 }
 
 TEST_F(CliNodes, ADeletionGoesToTheNodesAndEachHasItsLine) {
