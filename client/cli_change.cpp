@@ -123,7 +123,9 @@ class WorkingFile {
   bool Edit(std::string& text) {
     const std::string editor = EditorCommand();
     std::uint32_t exitCode = 0;
-    ErrorCode code = platform::RunInForeground({"/bin/sh", "-c", editor + " \"$1\"", "edit", m_name}, exitCode);
+    // The shell outlives an interrupt from the keyboard that the editor takes for itself.
+    const std::string script = "trap : INT QUIT; " + editor + " \"$1\"";
+    ErrorCode code = platform::RunInForeground({"/bin/sh", "-c", script, "edit", m_name}, exitCode);
     if (code == platform::ERROR_SUCCESS && exitCode != 0) {
       PrintError(m_context, "the editor \"" + editor + "\" ended with " + std::to_string(exitCode) +
                                 "; nothing is changed");

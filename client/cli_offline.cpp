@@ -1,6 +1,7 @@
 #include "client/cli_offline.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <istream>
 #include <iterator>
@@ -189,22 +190,54 @@ std::vector<ShownWindow> ComputeWindows(const SCHEDULE_OBJECT& record, std::int6
   return windows;
 }
 
-std::string RuleNames(const ShownWindow& window) {
-  if (window.match == 0) return "repeat";
-  static constexpr std::pair<std::uint32_t, const char*> kNames[] = {
-      {ZEP_RULE_INCLUDE_DATE, "include"}, {ZEP_RULE_DAY_OF_WEEK, "weekday"}, {ZEP_RULE_DAY_OF_MONTH, "of_month"}};
+// The weeks of the month whose rule holds a day: "every tue", "second tue+last tue".
+std::string WeekdayRule(const SCHEDULE_RULE& rules, std::int64_t day) {
+  static constexpr const char* kDays[kDaysOfWeekCount] = {"sun", "mon", "tue", "wed", "thu", "fri", "sat"};
+  static constexpr const char* kWeeks[] = {"first", "second", "third", "fourth", "last"};
+  const std::array<std::uint32_t, kDaysOfWeekCount>* lists[] = {&rules.dwDaysOfWeek0, &rules.dwDaysOfWeek1,
+                                                                &rules.dwDaysOfWeek2, &rules.dwDaysOfWeek3,
+                                                                &rules.dwDaysOfWeek4};
+  const auto weekday = static_cast<std::size_t>((day % 7 + 11) % 7);  // day 0 was a Thursday
+  const auto isSet = [&](std::size_t week) { return (*lists[week])[weekday] != 0; };
+  bool all = true;
+  for (std::size_t week = 0; week < std::size(lists); ++week) all = all && isSet(week);
+  if (all) return std::string("every ") + kDays[weekday];
+  const platform::CivilDate date = platform::CivilFromDays(day);
+  const auto week = static_cast<std::size_t>((date.day - 1) / 7);
+  const bool isLast = platform::CivilFromDays(day + 7).month != date.month;
   std::string names;
-  for (const auto& [bit, name] : kNames) {
-    if ((window.match & bit) != 0) names += (names.empty() ? "" : "+") + std::string(name);
-  }
+  if (week < 4 && isSet(week)) names = std::string(kWeeks[week]) + " " + kDays[weekday];
+  if (isLast && isSet(4)) names += (names.empty() ? "" : "+") + std::string("last ") + kDays[weekday];
+  return names.empty() ? std::string("weekday ") + kDays[weekday] : names;
+}
+
+std::string MonthDayRule(const SCHEDULE_RULE& rules, std::int64_t day) {
+  const int ofMonth = platform::CivilFromDays(day).day;
+  std::string names;
+  if (rules.adwDaysOfMonth[static_cast<std::size_t>(ofMonth - 1)] != 0) names = "day " + std::to_string(ofMonth);
+  const bool isLast = platform::CivilFromDays(day + 1).day == 1;
+  if (isLast && rules.adwDaysOfMonth[kDaysOfMonthCount - 1] != 0) names += names.empty() ? "last day" : "+last day";
+  return names.empty() ? "day of month" : names;
+}
+
+// Which rules give the window's day, in the words of the schedule file.
+std::vector<std::string> RulesOf(const ShownWindow& window, const SCHEDULE_RULE& rules, const platform::Zone& zone) {
+  if (window.match == 0) return {"every " + std::to_string(rules.dwRepeatInterval) + " days"};
+  const std::int64_t day = LocalDay(window.start, zone);
+  std::vector<std::string> names;
+  if ((window.match & ZEP_RULE_INCLUDE_DATE) != 0) names.push_back("include");
+  if ((window.match & ZEP_RULE_DAY_OF_WEEK) != 0) names.push_back(WeekdayRule(rules, day));
+  if ((window.match & ZEP_RULE_DAY_OF_MONTH) != 0) names.push_back(MonthDayRule(rules, day));
   return names;
+}
+
+bool HasZoneChange(const ShownWindow& window, const platform::Zone& zone) {
+  return IsChangeDay(LocalDay(window.start, zone), zone) || IsChangeDay(LocalDay(window.end, zone), zone);
 }
 
 std::string Marks(const ShownWindow& window, const platform::Zone& zone) {
   std::vector<std::string> marks;
-  if (IsChangeDay(LocalDay(window.start, zone), zone) || IsChangeDay(LocalDay(window.end, zone), zone)) {
-    marks.push_back("zone change");
-  }
+  if (HasZoneChange(window, zone)) marks.push_back("zone change");
   for (std::size_t i = 0; i < window.skipped.size() && i < kMostExclusionsShown; ++i) {
     marks.push_back("skips " + FormatDate(window.skipped[i]));
   }
@@ -221,20 +254,30 @@ std::string ZoneName(const platform::Zone& zone) {
   return zone.Name().empty() ? "local" : zone.Name();
 }
 
-void PrintWindowTable(CliContext& context, const std::vector<ShownWindow>& windows, bool why) {
+void PrintWindowTable(CliContext& context, const std::vector<ShownWindow>& windows, const SCHEDULE_RULE* why) {
   const platform::Zone& zone = platform::CurrentZone();
+  std::vector<std::string> rules;
+  std::size_t width = 0;
+  for (const ShownWindow& window : windows) {
+    std::string text;
+    if (why != nullptr) {
+      for (const std::string& rule : RulesOf(window, *why, zone)) text += (text.empty() ? "" : ", ") + rule;
+    }
+    width = std::max({width, text.size(), std::size_t{4}});
+    rules.push_back(std::move(text));
+  }
   if (!context.options.noLegend) {
     std::string head = "START                      DAY  END                        ";
-    if (why) head += "RULE              ";
+    if (why != nullptr) head += "RULE" + std::string(width - 2, ' ');
     context.out << Paint(context.colourOut, Colour::kBold, head + "MARKS") << "\n";
   }
-  for (const ShownWindow& window : windows) {
+  for (std::size_t i = 0; i < windows.size(); ++i) {
+    const ShownWindow& window = windows[i];
     std::string line = FormatInstant(window.start, zone) + "  " + WeekdayOf(LocalDay(window.start, zone)) + "  " +
                        FormatInstant(window.end, zone);
-    if (why) {
-      std::string rule = RuleNames(window);
-      rule.resize(std::max<std::size_t>(rule.size(), 16), ' ');
-      line += "  " + rule;
+    if (why != nullptr) {
+      rules[i].resize(width, ' ');
+      line += "  " + rules[i];
     }
     const std::string marks = Marks(window, zone);
     if (!marks.empty()) line += "  " + Paint(context.colourOut, Colour::kYellow, marks);
@@ -248,7 +291,8 @@ void PrintWindowTable(CliContext& context, const std::vector<ShownWindow>& windo
   }
 }
 
-void PrintWindowJson(CliContext& context, const std::vector<ShownWindow>& windows) {
+void PrintWindowJson(CliContext& context, const std::vector<ShownWindow>& windows, const SCHEDULE_RULE& rules) {
+  const platform::Zone& zone = platform::CurrentZone();
   ordered_json list = ordered_json::array();
   for (const ShownWindow& window : windows) {
     ordered_json item = ordered_json::object();
@@ -256,6 +300,10 @@ void PrintWindowJson(CliContext& context, const std::vector<ShownWindow>& window
     item["end"] = window.end;
     item["last"] = window.last;
     item["match"] = window.match;
+    item["rules"] = RulesOf(window, rules, zone);
+    item["zone_change"] = HasZoneChange(window, zone);
+    item["skipped"] = ordered_json::array();
+    for (const std::int64_t day : window.skipped) item["skipped"].push_back(FormatDate(day));
     list.push_back(std::move(item));
   }
   ordered_json out = ordered_json::object();
@@ -359,19 +407,19 @@ int RunNext(CliContext& context, const NextArguments& arguments, const RecordSou
   from = ParseInstant(arguments.from, zone, platform::NowSeconds());
   if (!from) return kExitUsage;
   Status status = kStatusOk;
-  const auto windows = ComputeWindows(record, *from, arguments.count, !context.options.json, status);
+  const auto windows = ComputeWindows(record, *from, arguments.count, true, status);
   if (status != kStatusOk) {
     PrintError(context, arguments.source + ": " + FormatStatus(status));
     PrintHint(context, DescribeStatus(status).hint);
     return kExitRulesRefused;
   }
   if (context.options.json) {
-    PrintWindowJson(context, windows);
+    PrintWindowJson(context, windows, record.stScheduleRules);
   } else if (windows.empty()) {
     PrintNote(context, "no window after " + FormatInstant(*from, zone));
   } else {
     BeginPaged(context);
-    PrintWindowTable(context, windows, arguments.why);
+    PrintWindowTable(context, windows, arguments.why ? &record.stScheduleRules : nullptr);
   }
   return kExitDone;
 }

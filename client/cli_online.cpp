@@ -104,6 +104,8 @@ Widths WidthsFor(const std::vector<Line>& lines, std::size_t columns) {
   shrink(widths.id, kLeastId);
   shrink(widths.command, kLeastText);
   shrink(widths.name, kLeastText);
+  shrink(widths.command, kLeastText / 2);
+  shrink(widths.name, kLeastText / 2);
   return widths;
 }
 

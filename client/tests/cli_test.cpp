@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <nlohmann/json.hpp>
+
 #include "client/tests/cli_fixture.h"
 
 namespace {
@@ -68,9 +70,39 @@ TEST_F(Cli, MarksZoneChangesTheLastWindowAndTheRule) {
   const Result result = Run({"--no-legend", "next", "--why", file});
   EXPECT_EQ(result.exit, 0);
   EXPECT_EQ(result.out,
-            "2027-03-28 03:30:00 +0200  Sun  2027-03-28 03:30:00 +0200  include           zone change\n"
-            "2027-10-31 02:30:00 +0100  Sun  2027-10-31 03:30:00 +0100  include           zone change\n"
-            "2027-11-05 02:30:00 +0100  Fri  2027-11-05 03:30:00 +0100  include           last window\n");
+            "2027-03-28 03:30:00 +0200  Sun  2027-03-28 03:30:00 +0200  include  zone change\n"
+            "2027-10-31 02:30:00 +0100  Sun  2027-10-31 03:30:00 +0100  include  zone change\n"
+            "2027-11-05 02:30:00 +0100  Fri  2027-11-05 03:30:00 +0100  include  last window\n");
+}
+
+TEST_F(Cli, NamesTheRuleThatGivesADay) {
+  struct Case {
+    int line;
+    const char* days;
+    const char* rules;  // of the first window behind 2026-12-01
+  };
+  const Case cases[] = {
+      {__LINE__, "every = [\"tue\"]", "every tue"},                   // 2026-12-01
+      {__LINE__, "first = [\"tue\"]", "first tue"},                   //
+      {__LINE__, "second = [\"wed\"]", "second wed"},                 // 2026-12-09
+      {__LINE__, "last = [\"thu\"]", "last thu"},                     // 2026-12-31, the fifth
+      {__LINE__, "fourth = [\"mon\"]\nlast = [\"mon\"]\n", "fourth mon+last mon"},  // 2026-12-28
+      {__LINE__, "of_month = [15]", "day 15"},
+      {__LINE__, "of_month = [\"last\"]", "last day"},
+      {__LINE__, "of_month = [31, \"last\"]", "day 31+last day"},
+      {__LINE__, "include = [2026-12-03]", "include"},
+      {__LINE__, "repeat = { every = 14, anchor = 2026-12-02 }", "every 14 days"},
+      {__LINE__, "every = [\"tue\"]\nof_month = [1]\n", "every tue, day 1"},
+  };
+  for (const Case& c : cases) {
+    const std::string file =
+        Write("a.toml", "job.wrapper = \"/bin/true\"\nwindow.start = \"22:00\"\n[days]\n" + std::string(c.days) + "\n");
+    const Result result = Run({"--json", "next", "-n", "1", "--from", "2026-12-01", file});
+    const auto rules = nlohmann::json::parse(result.out)["windows"][0]["rules"];
+    std::string text;
+    for (const auto& rule : rules) text += (text.empty() ? "" : ", ") + rule.get<std::string>();
+    EXPECT_EQ(text, c.rules) << "line " << c.line << " " << result.out;
+  }
 }
 
 TEST_F(Cli, ShowsWindowsAsJson) {
@@ -79,7 +111,7 @@ TEST_F(Cli, ShowsWindowsAsJson) {
   EXPECT_EQ(result.exit, 0);
   EXPECT_EQ(result.out,
             "{\"zone\":\"CET-1CEST,M3.5.0,M10.5.0/3\",\"windows\":[{\"start\":1769806800,\"end\":1769821200,"
-            "\"last\":false,\"match\":2}]}\n");
+            "\"last\":false,\"match\":2,\"rules\":[\"last fri\"],\"zone_change\":false,\"skipped\":[]}]}\n");
 }
 
 TEST_F(Cli, ComputesInTheZoneThatItIsTold) {
