@@ -30,5 +30,17 @@ INSTANTIATE_TEST_SUITE_P(Changes, KillAtEveryCall,
                          ::testing::Values(Change::kCreate, Change::kModify, Change::kMove, Change::kDelete),
                          [](const auto& change) { return NameOf(change.param); });
 
+TEST(KillAtEveryCallOfAStart, LeavesEveryScheduleToTheNextOne) {
+  KilledService service;
+  std::uint32_t n = 1;
+  for (;; ++n) {
+    const bool killed = service.RunStart(n);
+    ASSERT_FALSE(::testing::Test::HasFailure()) << "killed at call " << n << " (" << service.LastOperation() << ")";
+    if (!killed) break;
+  }
+  std::cout << "start: killed at " << n - 1 << " calls\n";
+  EXPECT_GT(n, 100u);
+}
+
 }  // namespace
 }  // namespace qx::testing

@@ -88,6 +88,35 @@ class KilledService {
     Judge(change, round, acknowledged, subject);
     return round;
   }
+  // The start of a service that finds a file lying aside, as a modification that was killed leaves it, is killed at
+  // call n. The next start is judged. False when the first one was over, and answered, before that call.
+  bool RunStart(std::uint32_t n) {
+    Copy(Folder("/base-state"), Folder("/state"));
+    Copy(Folder("/base-jobs"), Folder("/jobs"));
+    const std::string file = m_service.Jobs() + "/" + Text(m_ids.at("subject")) + ".ini";
+    std::filesystem::rename(file, file + ".old");
+    m_service.SetVariables({m_switch.Variable()});
+    m_switch.Arm(n);
+    m_service.Launch({"--foreground"});
+    const bool isOver = m_service.WaitForName() && List() == 0;
+    m_service.Process().Signal(SIGKILL);
+    EXPECT_EQ(m_service.Process().Wait(), 128 + SIGKILL);
+    m_switch.Disarm();
+    m_service.SetVariables({});
+    m_service.Start();
+    EXPECT_EQ(List(), 0) << RunningService::ReadFile(Folder("/qxsched.out"));
+    SchedulerClient client;
+    m_service.Connect(client);
+    for (const auto& [name, id] : m_ids) {
+      EXPECT_TRUE(Read(client, id) == m_records.at(name)) << name;
+      EXPECT_EQ(Row(client, id).nextWindow, m_start) << name;
+    }
+    EXPECT_EQ(m_service.Stop(), 0);
+    const StoredState now = Stored();
+    EXPECT_EQ(now.keys, m_base.keys);
+    EXPECT_EQ(now.files, m_base.files);
+    return !isOver;
+  }
   [[nodiscard]] std::string LastOperation() const { return m_switch.LastOperation(); }
 
  private:

@@ -37,6 +37,9 @@ namespace qx::testing {
 // How long a test waits for what is bound to come, in milliseconds: a machine under load is slow.
 inline constexpr std::uint32_t kPatience = 60000;
 
+// How often a wait for the bus looks at the process too.
+inline constexpr std::uint32_t kLookMs = 50;
+
 // A process that a test started; killed and taken at destruction.
 class Child {
  public:
@@ -71,6 +74,10 @@ class Child {
   }
 
   [[nodiscard]] pid_t Id() const { return m_process; }
+  [[nodiscard]] bool HasEnded() const {
+    pollfd ended = {m_descriptor, POLLIN, 0};
+    return m_exit || poll(&ended, 1, 0) == 1;
+  }
   void Signal(int signal) const { (void)syscall(SYS_pidfd_send_signal, m_descriptor, signal, nullptr, 0); }
   // The exit code, 128 + N after signal N; -1 when it didn't end in time.
   int Wait() {
@@ -213,7 +220,7 @@ class RunningService {
     }
   }
 
-  // Waits until the service has its name on the bus.
+  // Waits until the service has its name on the bus; false when it ended before.
   bool WaitForName() {
     platform::BusConnection watcher;
     if (watcher.Open(m_bus.ForClients()) != platform::ERROR_SUCCESS) return false;
@@ -242,8 +249,8 @@ class RunningService {
       while (watcher.Process()) {
       }
       const std::uint32_t passed = platform::TickCount() - begun;
-      if (owned || passed >= kPatience) break;
-      (void)watcher.WaitForWork(kPatience - passed);
+      if (owned || passed >= kPatience || (m_service && m_service->HasEnded())) break;
+      (void)watcher.WaitForWork(kLookMs);
     }
     return owned;
   }
