@@ -170,5 +170,53 @@ TEST_F(ServiceModule, ARefusedBufferLeavesTheProcessReference) {
   EXPECT_EQ(ProcessRef(), platform::CurrentProcessId());
 }
 
+// A state directory that modules register and start on by themselves.
+class ServiceStart : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = ::testing::TempDir() + "qx-start-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    m_folder = pattern;
+    platform::InstallEventSink([this](const platform::LoggedEvent& event) { m_written.push_back(event.number); });
+  }
+  void TearDown() override {
+    platform::InstallEventSink(nullptr);
+    (void)platform::CloseRegistryStore();
+    platform::SetStateDirectory({});
+    std::filesystem::remove_all(m_folder);
+  }
+  ServiceOptions Options(std::string words = {}) const {
+    ServiceOptions options;
+    options.root = m_folder + "/state";
+    options.foreground = true;
+    options.words = std::move(words);
+    return options;
+  }
+  ZepFoundation::CapturedServiceLog m_log;
+  std::string m_folder;
+  std::vector<std::uint32_t> m_written;
+};
+
+TEST_F(ServiceStart, AControlHandlerThatCanNotBeInstalledEndsItWithAnEvent) {
+  ASSERT_EQ(CServiceModule(Options("-RegServer")).Main(), 0);
+  const auto plan = platform::FaultPlan::FailCall(platform::Operation::kRegisterServiceHandler, 1, 1063);
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(CServiceModule(Options()).Main(), 1);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+            "Korvane Scheduler Service: The control handler can't be installed\n");
+  EXPECT_EQ(plan.hits(), 1);
+  EXPECT_THAT(m_written, ElementsAre(0xE8110001u));  // neither started nor stopped
+}
+
+TEST_F(ServiceStart, AnApplicationKeyThatCanNotBeOpenedEndsItWithTheSystemsCode) {
+  ASSERT_EQ(CServiceModule(Options("-RegServer")).Main(), 0);
+  const auto plan =
+      platform::FaultPlan::FailCall(platform::Operation::kRegOpenKey, 1, platform::ERROR_ACCESS_DENIED);
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(CServiceModule(Options()).Main(), static_cast<int>(platform::ERROR_ACCESS_DENIED));
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(), ::testing::HasSubstr("(error 5)"));
+  EXPECT_THAT(m_written, IsEmpty());
+}
+
 }  // namespace
 }  // namespace qx
