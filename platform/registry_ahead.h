@@ -50,8 +50,11 @@ class AheadReader {
   AheadReader& operator=(const AheadReader&) = delete;
   ~AheadReader();
 
+  //   after    the folded name behind which it begins; empty: with the first
+  //   most     at most so many
   //   returns  codes of Thread::Start()
-  [[nodiscard]] ErrorCode Start(std::string path, std::int64_t parent, Seen seen);
+  [[nodiscard]] ErrorCode Start(std::string path, std::int64_t parent, std::vector<unsigned char> after, std::size_t most,
+                                Seen seen);
   // Waits for the next sub key; null behind the last one, after a failure and after Stop().
   [[nodiscard]] std::shared_ptr<const AheadKey> Next();
   // Lets the thread come to its end, without waiting for it.
@@ -59,7 +62,8 @@ class AheadReader {
 
  private:
   using Keys = std::deque<std::shared_ptr<const AheadKey>>;
-  void Run(const std::string& path, std::int64_t parent, const Seen& seen);
+  void Run(const std::string& path, std::int64_t parent, std::vector<unsigned char> last, std::size_t most,
+           const Seen& seen);
   [[nodiscard]] bool Give(Keys& keys);
 
   std::mutex m_lock;

@@ -91,12 +91,12 @@ bool Execute(sqlite3* db, const char* sql) { return sqlite3_exec(db, sql, nullpt
 // the write-ahead log growing.
 template <typename Keys>
 bool ReadSome(sqlite3* db, sqlite3_stmt* names, sqlite3_stmt* values, std::int64_t parent,
-              std::vector<unsigned char>& last, Keys& out) {
+              std::vector<unsigned char>& last, std::size_t most, Keys& out) {
   if (!Execute(db, "BEGIN")) return false;
   sqlite3_bind_int64(names, 1, parent);
   sqlite3_bind_blob(names, 2, last.empty() ? static_cast<const void*>("") : last.data(), static_cast<int>(last.size()),
                     SQLITE_TRANSIENT);
-  sqlite3_bind_int64(names, 3, static_cast<sqlite3_int64>(kKeysPerRead));
+  sqlite3_bind_int64(names, 3, static_cast<sqlite3_int64>(most));
   int rc = SQLITE_OK;
   while ((rc = sqlite3_step(names)) == SQLITE_ROW) {
     std::shared_ptr<AheadKey> key = ReadKey(names);
@@ -125,12 +125,13 @@ AheadReader::~AheadReader() {
   m_thread.Join();
 }
 
-ErrorCode AheadReader::Start(std::string path, std::int64_t parent, Seen seen) {
+ErrorCode AheadReader::Start(std::string path, std::int64_t parent, std::vector<unsigned char> after, std::size_t most,
+                             Seen seen) {
   return Thread::Start(
       "registry-ahead",
-      [this, path = std::move(path), parent, seen = std::move(seen)] {
+      [this, path = std::move(path), parent, after = std::move(after), most, seen = std::move(seen)] {
         try {
-          Run(path, parent, seen);
+          Run(path, parent, after, most, seen);
         } catch (const std::exception&) {
           // Without memory nothing more is read ahead.
         }
@@ -172,7 +173,8 @@ bool AheadReader::Give(Keys& keys) {
   return true;
 }
 
-void AheadReader::Run(const std::string& path, std::int64_t parent, const Seen& seen) {
+void AheadReader::Run(const std::string& path, std::int64_t parent, std::vector<unsigned char> last, std::size_t most,
+                      const Seen& seen) {
   sqlite3* raw = nullptr;
   const int opened = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
   const std::unique_ptr<sqlite3, CloseConnection> db(raw);
@@ -180,9 +182,10 @@ void AheadReader::Run(const std::string& path, std::int64_t parent, const Seen& 
   const Statement keys = Prepare(db.get(), kKeysSql);
   const Statement values = Prepare(db.get(), kValuesSql);
   if (!keys || !values) return;
-  std::vector<unsigned char> last;
-  for (Keys some; ReadSome(db.get(), keys.get(), values.get(), parent, last, some);) {
+  for (Keys some; most > 0 &&
+                  ReadSome(db.get(), keys.get(), values.get(), parent, last, std::min(most, kKeysPerRead), some);) {
     if (some.empty()) return;
+    most -= some.size();
     for (const auto& key : some) {
       if (seen) seen(*key);
     }

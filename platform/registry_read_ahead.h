@@ -1,6 +1,6 @@
 // platform/registry_read_ahead.h: the sub keys of a key with their values, read ahead on a thread of its own.
 //
-// For somebody who goes over all sub keys of a key from index 0 and opens each, as the service does at its start. While
+// For somebody who goes over the sub keys of a key in rising order and opens each, as the service does at its start. While
 // the object lives, EnumKey() of a handle of that key, OpenKey() of the sub key that was enumerated last, and queries of
 // the handle that this gave, are answered from what was read; nothing else about these calls changes. Any write of this
 // process ends the reading ahead, and so does one of another process: it is noticed within kReadAheadTrustMs. From then
@@ -41,9 +41,13 @@ class KeyReadAhead {
     const detail::AheadKey& m_key;
   };
 
-  //   key   stays open meanwhile
-  //   seen  called on the reading thread for each sub key, in order; makes no registry calls
-  explicit KeyReadAhead(const RegistryKey& key, std::function<void(const Seen&)> seen = {});
+  //   key    stays open meanwhile
+  //   first  index to begin with; other than 0 it has to follow the one that EnumKey() gave last for this handle, else
+  //          nothing is read ahead
+  //   most   so many sub keys are read, if there are
+  //   seen   called on the reading thread for each sub key, in order; makes no registry calls
+  explicit KeyReadAhead(const RegistryKey& key, std::function<void(const Seen&)> seen = {}, std::uint32_t first = 0,
+                        std::size_t most = static_cast<std::size_t>(-1));
   // Ends the reading thread.
   ~KeyReadAhead();
   KeyReadAhead(const KeyReadAhead&) = delete;

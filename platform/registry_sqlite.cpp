@@ -1600,7 +1600,8 @@ bool KeyReadAhead::Seen::Text(std::u16string_view name, std::u16string& out) con
   return value != nullptr && TextOf(value->type, m_key.Data(*value), out) == ERROR_SUCCESS;
 }
 
-KeyReadAhead::KeyReadAhead(const RegistryKey& key, std::function<void(const Seen&)> seen) {
+KeyReadAhead::KeyReadAhead(const RegistryKey& key, std::function<void(const Seen&)> seen, std::uint32_t first,
+                           std::size_t most) {
   const Guard guard(g_lock);
   Handle* handle = nullptr;
   // What a batch holds isn't there yet for another connection.
@@ -1615,7 +1616,17 @@ KeyReadAhead::KeyReadAhead(const RegistryKey& key, std::function<void(const Seen
   if (g_store->DataVersion(state->dataVersion) != ERROR_SUCCESS) return;
   detail::AheadReader::Seen told;
   if (seen) told = [seen = std::move(seen)](const AheadKey& read) { seen(Seen(read)); };
-  if (state->reader.Start(g_store->Path(), state->parent, std::move(told)) != ERROR_SUCCESS) return;
+  const Cursor& cursor = handle->keys;
+  std::vector<unsigned char> after;
+  if (first > 0) {
+    if (!cursor.isValid || cursor.index != first - 1 || cursor.changes != state->changes ||
+        cursor.dataVersion != state->dataVersion) {
+      return;
+    }
+    state->next = first;
+    after.assign(cursor.fold.begin(), cursor.fold.end());
+  }
+  if (state->reader.Start(g_store->Path(), state->parent, std::move(after), most, std::move(told)) != ERROR_SUCCESS) return;
   g_ahead = state;
   m_state = std::move(state);
 }

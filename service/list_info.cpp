@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <utility>
 
 #include "common/ini_recovery.h"
 #include "foundation/include/zfclog.h"
 #include "platform/profile.h"
 #include "platform/registry.h"
+#include "platform/registry_read_ahead.h"
 #include "platform/text.h"
 #include "service/ini_path.h"
 #include "service/job_list.h"
@@ -21,6 +23,8 @@ using platform::ErrorCode;
 using platform::RegistryKey;
 
 constexpr std::size_t kNameUnits = 256;  // the longest name that a file keeps, with its terminator
+
+constexpr std::uint32_t kWorthReadingAhead = 256;  // rows: it starts a thread
 
 bool IsBehind(std::u16string_view name, std::u16string_view other) {
   return std::lexicographical_compare(other.begin(), other.end(), name.begin(), name.end(), [](char16_t a, char16_t b) {
@@ -102,19 +106,22 @@ void AddNodeOrFile(ListRow& row) {
 Status CListInfo::Page(const std::u16string& afterId, std::uint32_t limit, std::vector<ListRow>& rows) {
   if (limit == 0 || limit > kListPageLimit) limit = kListPageLimit;
   std::vector<ListRow> page;
-  RegistryKey schedules;
   std::uint32_t index = 0;
-  ErrorCode rc = platform::OpenKey(platform::Hive::kLocalMachine, kSchedulesKey, platform::KEY_READ, schedules);
-  if (rc == ERROR_SUCCESS && !afterId.empty()) {
-    std::u16string name;
-    const bool continues = m_nextIndex > 0 && m_lastId == afterId &&
-                           platform::EnumKey(schedules, m_nextIndex - 1, name) == ERROR_SUCCESS && name == afterId;
-    if (continues) {
-      index = m_nextIndex;
-    } else {
-      rc = FindIndexBehind(schedules, afterId, index);
-    }
+  std::u16string last;
+  RegistryKey schedules = std::move(m_schedules);
+  ErrorCode rc = ERROR_SUCCESS;
+  const bool continues = !afterId.empty() && m_nextIndex > 0 && m_lastId == afterId && schedules &&
+                         platform::EnumKey(schedules, m_nextIndex - 1, last) == ERROR_SUCCESS && last == afterId;
+  if (continues) {
+    index = m_nextIndex;
+  } else {
+    rc = platform::OpenKey(platform::Hive::kLocalMachine, kSchedulesKey, platform::KEY_READ, schedules);
+    if (rc == ERROR_SUCCESS && !afterId.empty()) rc = FindIndexBehind(schedules, afterId, index);
+    // The handle then stands in front of it.
+    if (rc == ERROR_SUCCESS && index > 0) rc = platform::EnumKey(schedules, index - 1, last);
   }
+  std::optional<platform::KeyReadAhead> ahead;
+  if (rc == ERROR_SUCCESS && limit >= kWorthReadingAhead) ahead.emplace(schedules, nullptr, index, limit);
   while (rc == ERROR_SUCCESS && page.size() < limit) {
     ListRow row;
     rc = platform::EnumKey(schedules, index, row.id);
@@ -132,7 +139,8 @@ Status CListInfo::Page(const std::u16string& afterId, std::uint32_t limit, std::
     m_nextIndex = index;
     page.push_back(std::move(row));
   }
-  (void)schedules.Close();  // it only read
+  ahead.reset();
+  if (rc == ERROR_SUCCESS) m_schedules = std::move(schedules);
   if (rc != ERROR_SUCCESS && rc != platform::ERROR_NO_MORE_ITEMS) {
     ZepFoundation::ServiceLog(1, u"ListInfo: Failed with error : %x", rc);
     return kStatusList;

@@ -11,6 +11,7 @@
 
 #include "common/bus_records.h"
 #include "interface/records.h"
+#include "platform/registry.h"
 
 namespace qx {
 
@@ -31,6 +32,7 @@ class CListInfo {
   // Where the last page ended: the next one usually begins there, and finding the place anew costs more.
   std::u16string m_lastId;
   std::uint32_t m_nextIndex = 0;
+  platform::RegistryKey m_schedules;  // only read; knows its own place, which costs less than counting to it
 };
 
 }  // namespace qx

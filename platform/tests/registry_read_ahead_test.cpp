@@ -119,6 +119,28 @@ TEST_F(RegistryReadAhead, TellsTheSameAsTheStore) {
   EXPECT_EQ(ahead.Taken(), std::size_t{kKeys});
 }
 
+TEST_F(RegistryReadAhead, BeginsInTheMiddleAndEndsAfterSoMany) {
+  const std::vector<std::string> expected = ToldOfAll(m_many);
+  std::u16string name;
+  ASSERT_EQ(EnumKey(m_many, 9, name), 0u);
+  const KeyReadAhead ahead(m_many, {}, 10, 50);
+  for (std::uint32_t i = 10; i <= kKeys; ++i) EXPECT_EQ(Told(m_many, i), expected[i]) << i;
+  EXPECT_EQ(ahead.Taken(), 50u);
+}
+
+TEST_F(RegistryReadAhead, ReadsNothingFromAPlaceWhereTheHandleDoesNotStand) {
+  std::u16string name;
+  const auto taken = [&](std::uint32_t first) {
+    const KeyReadAhead ahead(m_many, {}, first);
+    EXPECT_EQ(EnumKey(m_many, first, name), 0u);
+    return ahead.Taken();
+  };
+  EXPECT_EQ(taken(5), 0u);  // a fresh handle stands nowhere
+  ASSERT_EQ(EnumKey(m_many, 5, name), 0u);
+  EXPECT_EQ(taken(5), 0u);
+  EXPECT_EQ(taken(6), 1u);
+}
+
 TEST_F(RegistryReadAhead, ShowsEachSubKeyInOrder) {
   std::vector<std::u16string> seen;
   {

@@ -96,6 +96,29 @@ TEST_F(ListInfo, PagesMeetEveryScheduleOnce) {
   }
 }
 
+TEST_F(ListInfo, LargePagesThatAreReadAheadMeetEveryScheduleOnce) {
+  const SCHEDULE_OBJECT schedule = Daily();
+  std::vector<std::string> ids;
+  for (std::uint32_t i = 0; i < 700; ++i) {  // keys alone: the list tells of them too
+    ScheduleGuid id = CLSID_SchedulerService;
+    id.Data1 = i * 0x9E3779B9u;
+    ASSERT_EQ(WriteRegistry(schedule, id), kStatusOk);
+    ids.push_back(Text(id));
+  }
+  std::sort(ids.begin(), ids.end());
+  for (const std::uint32_t limit : {256u, 300u, 699u, 700u, 1000u}) {
+    std::vector<std::string> seen;
+    std::u16string last;
+    for (std::vector<ListRow> page = Page(last, limit); !page.empty(); page = Page(last, limit)) {
+      EXPECT_LE(page.size(), limit);
+      for (const std::string& id : Ids(page)) seen.push_back(id);
+      for (const ListRow& row : page) EXPECT_EQ(row.wrapper, u"/bin/true");
+      last = page.back().id;
+    }
+    EXPECT_EQ(seen, ids) << "limit " << limit;
+  }
+}
+
 TEST_F(ListInfo, GoesOnBehindAnIdWhateverHappenedMeanwhile) {
   const std::vector<std::string> ids = CreateMany(6);
   const auto deleteOne = [&](const std::string& text) {
