@@ -29,6 +29,7 @@ std::vector<Figure> LaunchFigures();
 std::vector<Figure> StartFigures();
 std::vector<Figure> StoreFigures();
 std::vector<Figure> ResidentFigures();
+std::vector<Figure> BusFigures();
 
 // Nanoseconds of the steady clock.
 double SteadyNanoseconds();
