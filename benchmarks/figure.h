@@ -26,6 +26,7 @@ struct Figure {
 std::vector<Figure> NextWindowFigures();
 std::vector<Figure> FoundationFigures();
 std::vector<Figure> LaunchFigures();
+std::vector<Figure> ListFigures();
 std::vector<Figure> StartFigures();
 std::vector<Figure> StoreFigures();
 std::vector<Figure> ResidentFigures();

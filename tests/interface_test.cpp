@@ -251,6 +251,50 @@ TEST_P(Interface, ARefusedScheduleHasItsStatusAndLeavesNothingBehind) {
   EXPECT_EQ(Count(), 0u);
 }
 
+TEST_P(Interface, AModificationIsReadBackAndTold) {
+  const auto log = std::make_shared<EventLog>();
+  std::uint32_t cookie = 0;
+  const ScheduleGuid id = Create(Daily());
+  ASSERT_EQ(m_host->Advise(log, cookie), kStatusOk);
+  SCHEDULE_OBJECT changed = Daily();
+  changed.bstrParameters = u"-w";
+  changed.stScheduleRules.dwTimeDuration = 120 * 1000;
+  EXPECT_EQ(Service().ModifySchedule(id, changed), kStatusOk);
+  m_host->Settle();
+  EXPECT_THAT(Names(*log), ElementsAre("Schedule_Modify"));
+  const SCHEDULE_OBJECT back = Get(id);
+  EXPECT_EQ(back.bstrParameters, u"-w");
+  EXPECT_EQ(back.stScheduleRules.dwTimeDuration, 120u * 1000);
+  EXPECT_EQ(Count(), 1u);
+}
+
+TEST_P(Interface, AModificationOfAFixedValueIsTakenBackWithoutAWord) {
+  const auto log = std::make_shared<EventLog>();
+  std::uint32_t cookie = 0;
+  const ScheduleGuid id = Create(Daily());
+  ASSERT_EQ(m_host->Advise(log, cookie), kStatusOk);
+  SCHEDULE_OBJECT changed = Daily();
+  changed.bstrApplication = u"other";
+  changed.bstrParameters = u"-w";
+  EXPECT_EQ(Service().ModifySchedule(id, changed), kStatusOk);
+  m_host->Settle();
+  EXPECT_THAT(Names(*log), IsEmpty());
+  EXPECT_EQ(Get(id).bstrApplication, u"snapshot");
+  EXPECT_EQ(Get(id).bstrParameters, Daily().bstrParameters);
+}
+
+TEST_P(Interface, ARefusedModificationHasItsStatus) {
+  const ScheduleGuid id = Create(Daily());
+  EXPECT_EQ(Service().ModifySchedule(ScheduleGuid{1}, Daily()), kStatusNoSuchKey);
+  SCHEDULE_OBJECT bad = Daily();
+  bad.stScheduleRules.bRepeatInterval = 0;
+  EXPECT_EQ(Service().ModifySchedule(id, bad), kStatusNoRunDay);
+  bad = Daily();
+  bad.bstrXMLFilePathName = u"/nonexistent/job.xml";
+  EXPECT_EQ(Service().ModifySchedule(id, bad), kStatusNoDirectory);
+  EXPECT_EQ(Get(id).stScheduleRules.dwRepeatInterval, 1);
+}
+
 TEST_P(Interface, TwoSchedulesMayBearOneName) {
   EXPECT_NE(Create(Daily()), Create(Daily()));
   EXPECT_EQ(Count(), 2u);
