@@ -9,6 +9,7 @@
 
 #include "client/cli_reg.h"
 #include "client/cli_registry.h"
+#include "common/service_install.h"
 #include "client/status_text.h"
 #include "platform/file.h"
 #include "platform/registry.h"
@@ -227,28 +228,21 @@ bool UnitIsOurs(const std::string& destination) {
   return false;
 }
 
+// The unit's drop-in, and the policy by which the account may own the name on the bus.
 int WriteDropIn(CliContext& context, const std::string& destination, const std::string& account) {
-  const std::string file = destination + kDropIn;
-  ErrorCode code = ERROR_SUCCESS;
-  if (account == kLocalSystem) {
-    if (!platform::FileExists(file)) return kExitDone;
-    code = platform::DeleteFile(file, platform::Durable::kYes);
-  } else {
-    code = platform::CreateDirectories(platform::DirectoryOf(file));
-    if (code == ERROR_SUCCESS) {
-      code = platform::ReplaceWholeFile(file, "# Written by qxsched config set account.\n[Service]\nUser=" + account + "\n",
-                                        platform::Durable::kYes);
-    }
-  }
+  const bool root = account == kLocalSystem;
+  std::string file = account;
+  const ErrorCode code = platform::InstallAccount(Installation(destination, {}, platform::StateDirectory(), true),
+                                                  root ? std::string() : account, file);
   if (code != ERROR_SUCCESS) {
     PrintError(context, "the record is changed, but not the unit: " + file + ": " + FormatStatus(0x80070000 | code));
     PrintHint(context, "set the account again once the directory can be written to");
     return code == platform::ERROR_ACCESS_DENIED ? kExitPermission : kExitFailed;
   }
-  PrintNote(context, (account == kLocalSystem ? "removed: " : "written: ") + file);
+  PrintNote(context, (root ? "removed: " : "written: ") + destination + kDropIn);
   PrintHint(context, "systemctl daemon-reload && systemctl restart QxSchedService" +
-                         (account == kLocalSystem ? std::string()
-                                                  : "; " + account + " needs the state directory: chown -R " + account +
+                         (root ? std::string()
+                               : "; " + account + " needs the state directory: chown -R " + account +
                                                         " " + platform::StateDirectory()));
   return kExitDone;
 }

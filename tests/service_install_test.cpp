@@ -155,6 +155,27 @@ TEST_F(Installation, WithoutADestinationAStateDirectoryOfOnesOwnLeavesTheHostAlo
   EXPECT_FALSE(fs::exists("/usr/lib/systemd/system/QxSchedService.service"));
 }
 
+TEST_F(Installation, TheConfiguredAccountGoesFromTheRecordToTheUnitAndTheBus) {
+  ASSERT_EQ(service.Run({"-Service", "--destdir", Host()}), 0) << service.Output();
+  const std::string output = service.Jobs() + "/configured";
+  const auto configure = [&](const std::string& account) {
+    Child child(test_paths::Programs() + "/qxsched",
+                {"--root", service.Root(), "config", "set", "account", account, "--destdir", Host()}, output,
+                {"PATH=/usr/bin:/bin", "HOME=/nonexistent"});
+    return child.Wait();
+  };
+  ASSERT_EQ(configure("daemon"), 0) << RunningService::ReadFile(output);
+  Tree tree = HostTree();
+  EXPECT_EQ(tree["/etc/systemd/system/QxSchedService.service.d/account.conf"], "[Service]\nUser=daemon\n");
+  EXPECT_THAT(tree["/etc/dbus-1/system.d/com.korvane.QxSched1-account.conf"],
+              HasSubstr("<policy user=\"daemon\">\n    <allow own=\"com.korvane.QxSched1\"/>"));
+  EXPECT_THAT(Registry(), HasSubstr("ObjectName = text daemon\n"));
+  ASSERT_EQ(configure("LocalSystem"), 0) << RunningService::ReadFile(output);
+  tree = HostTree();
+  tree["/registry"] = Registry();
+  ExpectGolden("service", tree);
+}
+
 TEST_F(Installation, ForAPackageOnlyTheFilesOfTheHostAreWritten) {
   const std::string folder = service.Jobs() + "/package";
   fs::create_directories(folder + "/usr/bin");
