@@ -31,6 +31,7 @@ std::vector<Figure> StartFigures();
 std::vector<Figure> StoreFigures();
 std::vector<Figure> ResidentFigures();
 std::vector<Figure> BusFigures();
+std::vector<Figure> NodeFigures();
 
 // Nanoseconds of the steady clock.
 double SteadyNanoseconds();

@@ -330,6 +330,81 @@ TEST_F(NodeOperations, EachFailureAheadOfTheNodesHasItsWords) {
   }
 }
 
+// The words of a creation in full; the others put their own names in front.
+TEST_F(NodeOperations, ACreationsWordsAreTheseToTheLetter) {
+  const struct {
+    Operation operation;
+    const char* detail;
+    int call;
+    const char* text;
+  } kFailures[] = {
+      {Operation::kArrayAccessData, "ppsaHRESULT", 1,
+       "CreateScheduleOnNodes:Failed SafeArrayAccessData(ppsaHRES) with error = 8"},
+      {Operation::kArrayAccessData, "NodeNames", 1,
+       "CreateScheduleOnNodes:Failed SafeArrayAccessData(ppsaNodeNames) with hr = 8"},
+      {Operation::kAcquireCredentials, "", 1, "CreateScheduleOnNodes: AcquireCredentialsHandle failed. Error 0x8."},
+      {Operation::kAllocate, "m_socket", 1, "CreateScheduleOnNodes:calloc(m_socket) failed"},
+      {Operation::kAllocate, "m_socket", 1, "CreateScheduleOnNodes:Failed to modify the registry on remote hosts"},
+      {Operation::kConvertText, "WideCharToMultiByte", 1, "CreateScheduleOnNodes:Failed CreateXMLString"},
+      {Operation::kConvertText, "WideCharToMultiByte", 1,
+       "CreateScheduleOnNodes:Failed to create schedule on all remote hosts"},
+      {Operation::kAllocate, "OnNodes body", 1, "CreateScheduleOnNodes: Calloc failed"},
+      {Operation::kConvertText, "WideCharToMultiByte", 2,
+       "CreateScheduleOnNodes:Failed to convert BSTR(NodeName) To char*(NodeName)."},
+      {Operation::kAllocate, "tempNodeName", 1, "CreateScheduleOnNodes:Failed calloc(tempNodeName)"},
+      {Operation::kConvertText, "WideCharToMultiByte", 3,
+       "CreateScheduleOnNodes:Failed to convert BSTR(NodeName) to char*(NodeName)."},
+      {Operation::kResolveAddress, "127.0.0.2", 1,
+       "CreateScheduleOnNodes:Failed to create socket(), NodeName: 127.0.0.2, Error: 8."},
+      {Operation::kSocketConnect, "", 1, "CreateScheduleOnNodes:Failed to create socket(), NodeName: 127.0.0.2, Error: 8."},
+      {Operation::kInitializeSecurityContext, "", 1, "CreateScheduleOnNodes: createContext failed"},
+      {Operation::kCryptExportKey, "", 1, "CreateScheduleOnNodes: exchange keys with node: 127.0.0.2 failed"},
+      // Behind two tokens and a key of each side, header and payload, comes the operation.
+      {Operation::kSocketSend, "", 13, "CreateScheduleOnNodes: Failed to send the msg header to node 127.0.0.2"},
+      {Operation::kSocketSend, "", 14, "CreateScheduleOnNodes: Failed to send the msg to node 127.0.0.2"},
+      {Operation::kConvertText, "WideCharToMultiByte", 10, "CreateScheduleOnNodes:Failed to Encode Header to send"},
+  };
+  for (const auto& c : kFailures) {
+    m_log.Clear();
+    const bool refused = c.operation == Operation::kInitializeSecurityContext || c.operation == Operation::kCryptExportKey;
+    const FaultPlan plan =
+        FaultPlan::FailCall(c.operation, c.call, refused ? 0x80090020 : 8, platform::kOnce, c.detail);
+    EXPECT_NE(Run(Which::kCreate, {u"127.0.0.2", u"localhost"}), 0u) << c.text;
+    EXPECT_EQ(plan.hits(), 1) << c.text;
+    EXPECT_THAT(m_log.texts(), Contains(c.text));
+    WaitForChildren();
+  }
+  const struct {
+    std::uint32_t level;
+    const char* text;
+  } kSteps[] = {
+      {4, "Entered into CreateScheduleOnNodes"},
+      {3, "Successfully created the schedule on localhost"},
+      {3, "CreateScheduleOnNodes:original data length: 362"},
+      {3, "CreateScheduleOnNodes:encrypted data length: 512"},
+      {3, "CreateScheduleOnNodes:Successfully sent Registry information to 1 clients "},
+      {4, "Exited from CreateScheduleOnNodes"},
+  };
+  m_log.Clear();
+  SCHEDULE_OBJECT schedule;
+  m_results.assign(2, 77);
+  ASSERT_EQ(m_operations.CreateScheduleOnNodes(m_self, schedule, m_id, 2, {u"127.0.0.2", u"localhost"}, m_results), 0u);
+  for (const auto& step : kSteps) EXPECT_EQ(m_log.Count(step.level, step.text), 1) << step.text;
+  m_log.Clear();
+  EXPECT_EQ(Run(Which::kCreate, {u"localhost"}, 0), kStatusNoNodes);
+  EXPECT_TRUE(m_log.Has(1, "CreateScheduleOnNodes:NodeCount is less than 1"));
+  EXPECT_EQ(Run(Which::kCreate, {u"a"}), kStatusNoLocalhost);
+  EXPECT_TRUE(m_log.Has(1, "CreateScheduleOnNodes:Invalid NodeNames: 'localhost' not exists in the list"));
+  m_self.answer = 1;
+  EXPECT_EQ(Run(Which::kCreate, {u"a", u"localhost"}), 1u);
+  EXPECT_TRUE(m_log.Has(1, "CreateScheduleOnNodes:Failed to create the schedule on localhost"));
+  m_self.answer = 0;
+  platform::FreeSecurityPackage();
+  EXPECT_EQ(Run(Which::kCreate, {u"a", u"localhost"}), 1u);
+  EXPECT_TRUE(m_log.Has(1, "CreateScheduleOnNodes: secur32.dll has not been loaded"));
+  EXPECT_TRUE(m_log.Has(1, "CreateScheduleOnNodes: failed to create schedule on far nodes"));
+}
+
 TEST_F(NodeOperations, ANameThatCannotBeConvertedIsPassedOver) {
   const struct {
     Operation operation;
