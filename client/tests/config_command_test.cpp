@@ -111,4 +111,106 @@ TEST_F(ConfigTrace, SwitchesTheDebugstreamOfTheNextStart) {
   EXPECT_THAT(std::string(std::istreambuf_iterator<char>(in), {}), EndsWith(" : [WARNING] SS from here on\n"));
 }
 
+// --- settings by name ---
+
+class Config : public CliTest {
+ protected:
+  Config() {
+    EXPECT_EQ(Reg({"set", kSchedules, "Other", "x"}).exit, 0);  // makes the store
+  }
+  Result Reg(std::vector<std::string> words) {
+    words.insert(words.begin(), {"--root", m_directory, "reg"});
+    return Run(words);
+  }
+  Result Ask(std::vector<std::string> words) {
+    words.insert(words.begin(), {"--root", m_directory, "config"});
+    return Run(words);
+  }
+  // The record that installing the service makes.
+  void Install() { ASSERT_EQ(Reg({"set", kRecord, "ObjectName", "LocalSystem"}).exit, 0); }
+  [[nodiscard]] std::string DropIn() const {
+    std::ifstream in(Path("host/etc/systemd/system/QxSchedService.service.d/account.conf"));
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+  const std::string kSchedules = "HKLM\\SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules";
+  const std::string kRecord = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\QxSchedService";
+};
+
+TEST_F(Config, ShowsEverySettingWithItsDefault) {
+  EXPECT_EQ(Ask({"get"}).out,
+            "account            LocalSystem\nport               4888\nlog-level          3\ninstall-directory  -\n"
+            "trace-path         -\ntrace-filter       0\ntrace-size         0\n");
+  EXPECT_THAT(Ask({"--json", "get"}).out, HasSubstr("\"account\":\"LocalSystem\",\"port\":4888,\"log-level\":3"));
+  EXPECT_EQ(Ask({"get", "port"}).out, "4888\n");
+  EXPECT_EQ(Ask({"--json", "get", "port"}).out, "4888\n");
+  EXPECT_EQ(Ask({"get", "nothing"}).exit, 2);
+}
+
+TEST_F(Config, SetsNumbersWhereTheServiceReadsThem) {
+  EXPECT_EQ(Ask({"set", "port", "5000"}).exit, 0);
+  EXPECT_EQ(Ask({"set", "log-level", "6"}).exit, 0);
+  EXPECT_EQ(Reg({"get", kSchedules, "DefaultPort"}).out, "5000\n");
+  EXPECT_EQ(Reg({"get", kSchedules, "TraceLevel"}).out, "6\n");
+  EXPECT_EQ(Ask({"get", "port"}).out, "5000\n");
+}
+
+TEST_F(Config, ShowsThePortThatTheServiceMakesOfATooGreatOne) {
+  ASSERT_EQ(Reg({"set", kSchedules, "DefaultPort", "70000", "--type", "REG_DWORD"}).exit, 0);
+  EXPECT_EQ(Ask({"get", "port"}).out, "4464\n");
+}
+
+TEST_F(Config, RefusesWhatCantBeSet) {
+  Install();
+  const std::vector<std::vector<std::string>> cases = {
+      {"port", "0"},        {"port", "65536"},  {"port", "12x"},       {"log-level", "7"},    {"account", "a b"},
+      {"account", "x\ny"},  {"account", ""},    {"account", "DOM\\u"}, {"trace-path", "/x"},  {"install-directory", "/x"},
+      {"nothing", "1"},     {"account", "--"},
+  };
+  for (const auto& words : cases) {
+    const Result result = Ask({"set", words[0], words[1]});
+    EXPECT_EQ(result.exit, 2) << words[0] << "=" << words[1] << result.err;
+  }
+  EXPECT_EQ(Ask({"get", "account"}).out, "LocalSystem\n");
+  EXPECT_EQ(Ask({"get", "port"}).out, "4888\n");
+}
+
+TEST_F(Config, PutsTheAccountIntoTheRecordAndTheUnitsDropIn) {
+  Install();
+  const Result set = Ask({"set", "account", "backup", "--destdir", Path("host")});
+  EXPECT_EQ(set.exit, 0) << set.err;
+  EXPECT_THAT(set.err, HasSubstr("systemctl daemon-reload"));
+  EXPECT_EQ(Reg({"get", kRecord, "ObjectName"}).out, "backup\n");
+  EXPECT_EQ(DropIn(), "[Service]\nUser=backup\n");
+  EXPECT_EQ(Ask({"set", "account", "localsystem", "--destdir", Path("host")}).exit, 0);
+  EXPECT_EQ(Reg({"get", kRecord, "ObjectName"}).out, "LocalSystem\n");
+  EXPECT_EQ(DropIn(), "");
+}
+
+TEST_F(Config, SaysWhenTheDropInCantBeWritten) {
+  Install();
+  Write("host", "a file, no directory");
+  const Result set = Ask({"set", "account", "backup", "--destdir", Path("host")});
+  EXPECT_EQ(set.exit, 1);
+  EXPECT_THAT(set.err, HasSubstr("the record is changed, but not the unit: "));
+  EXPECT_EQ(Reg({"get", kRecord, "ObjectName"}).out, "backup\n");
+}
+
+TEST_F(Config, HasNoAccountWithoutAnInstalledService) {
+  const Result set = Ask({"set", "account", "backup"});
+  EXPECT_EQ(set.exit, 3);
+  EXPECT_THAT(set.err, HasSubstr("hint: install it with: QxSchedService -Service"));
+}
+
+TEST_F(Config, LeavesTheUnitOfAnotherStateDirectoryAlone) {
+  Install();
+  const Result set = Ask({"set", "account", "backup"});
+  EXPECT_EQ(set.exit, 0);
+  EXPECT_THAT(set.err, HasSubstr("account is backup from the service's next start on"));
+}
+
+TEST_F(Config, EndsWith3WithoutAStore) {
+  EXPECT_EQ(Run({"--root", Path("none"), "config", "get"}).exit, 3);
+  EXPECT_EQ(Run({"--root", Path("none"), "config", "set", "port", "5000"}).exit, 3);
+}
+
 }  // namespace
