@@ -252,6 +252,8 @@ TEST(KeyManager, DestroyingEmptiesTheCell) {
 }
 
 TEST(ExchangeKey, SendsTheOwnKeyAndTakesThePeers) {
+  (void)BlobOf(Here());
+  (void)BlobOf(There());
   CapturedServiceLog log;
   ScriptedConnection connection;
   connection.GivesMessage(MSG_PUBLIC_KEY, BlobOf(There()), kId);

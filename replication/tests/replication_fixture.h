@@ -44,6 +44,15 @@ inline bool WaitUntil(const std::function<bool()>& isSo) {
 }
 
 class ReplicationFixture : public ServiceFixture {
+ public:
+  // The pairs are made ahead of each test's own log.
+  static void SetUpTestSuite() {
+    const ZepFoundation::CapturedServiceLog log;
+    Bytes blob;
+    ASSERT_EQ(PeerKeys().ExportPublicKey(blob), 1);
+    ASSERT_EQ(OwnKeys().ExportPublicKey(blob), 1);
+  }
+
  protected:
   void SetUp() override {
     ServiceFixture::SetUp();
@@ -54,9 +63,6 @@ class ReplicationFixture : public ServiceFixture {
     setenv("KRB5CCNAME", "MEMORY:none", 1);
     platform::ErrorCode code = 0;
     ASSERT_EQ(platform::LoadSecurityPackage(code), platform::SecurityLoad::kLoaded);
-    Bytes blob;
-    ASSERT_EQ(PeerKeys().ExportPublicKey(blob), 1);
-    ASSERT_EQ(OwnKeys().ExportPublicKey(blob), 1);
   }
   void TearDown() override {
     m_listener.Close();
