@@ -119,7 +119,7 @@ TEST_F(Listener, The33rdConnectionIsClosedAtOnceWithoutAMessage) {
   EXPECT_EQ(Receive(extra, &byte, 1), 0);
   EXPECT_EQ(m_listener.ChildCount(), kMaxChildren);
   EXPECT_EQ(m_log.Count(1, "SocketThread: Crossed maximum limit of child threads"), 1);
-  EXPECT_EQ(m_log.Count(6, "SocketThread: Closing the socket"), 1);
+  EXPECT_TRUE(WaitUntil([&] { return m_log.Count(6, "SocketThread: Closing the socket") == 1; }));
   sockets.clear();
   WaitForChildren();
   EXPECT_TRUE(Perform(MSG_PERFORM, {}, PerformBody("/bin/true")));  // there is room again
