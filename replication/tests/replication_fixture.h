@@ -44,15 +44,6 @@ inline bool WaitUntil(const std::function<bool()>& isSo) {
 }
 
 class ReplicationFixture : public ServiceFixture {
- public:
-  // The pairs are made ahead of each test's own log.
-  static void SetUpTestSuite() {
-    const ZepFoundation::CapturedServiceLog log;
-    Bytes blob;
-    ASSERT_EQ(PeerKeys().ExportPublicKey(blob), 1);
-    ASSERT_EQ(OwnKeys().ExportPublicKey(blob), 1);
-  }
-
  protected:
   void SetUp() override {
     ServiceFixture::SetUp();
