@@ -99,12 +99,13 @@ class NodeCluster {
     for (std::size_t i = 0; i < m_nodes.size(); ++i) ASSERT_NO_FATAL_FAILURE(Start(static_cast<int>(i)));
   }
   // Starts a node and waits until it listens.
-  void Start(int node, bool waitForPort = true) {
+  void Start(int node) {
     RunningService& service = (*this)[node];
+    // The log goes on from an earlier start.
+    const std::size_t before = Listenings(service);
     ASSERT_NO_FATAL_FAILURE(service.Start());
-    if (!waitForPort) return;
-    for (int i = 0; i < 60000 && service.Log().find("Listening on port") == std::string::npos; ++i) usleep(1000);
-    ASSERT_NE(service.Log().find("Listening on port"), std::string::npos) << service.Log();
+    for (int i = 0; i < 60000 && Listenings(service) == before; ++i) usleep(1000);
+    ASSERT_GT(Listenings(service), before) << service.Log();
   }
   // Has everything logged.
   void SetTraceLevel(int node) {
@@ -122,6 +123,14 @@ class NodeCluster {
     std::string line;
     for (const std::string& word : words) line += " " + word;
     EXPECT_EQ(Tool(words), 0) << "ip" << line;
+  }
+  static std::size_t Listenings(const RunningService& service) {
+    const std::string log = service.Log();
+    std::size_t count = 0;
+    for (std::size_t at = log.find("Listening on port"); at != std::string::npos; at = log.find("Listening on port", at + 1)) {
+      ++count;
+    }
+    return count;
   }
   static std::string Hub() { return "qx" + std::to_string(getpid()) + "hub"; }
   static std::string Namespace(int node) { return "qx" + std::to_string(getpid()) + "n" + std::to_string(node); }
