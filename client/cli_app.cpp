@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 
+#include "client/cli_calendar.h"
 #include "client/cli_completion.h"
 #include "client/cli_config.h"
 #include "client/cli_nodes.h"
@@ -35,20 +36,6 @@ void AddGlobalOptions(CLI::App& app, GlobalOptions& options) {
   app.add_flag("--no-legend", options.noLegend, "No headings and totals");
   app.add_flag("-q,--quiet", options.quiet, "Errors only");
   app.add_flag("--json", options.json, "Data as JSON");
-}
-
-// Has the whole process live in a zone. False when there is no such zone.
-bool UseZone(CliContext& context, const std::string& zone) {
-  if (!IsKnownZone(zone)) {
-    PrintError(context, "--zone: unknown zone: \"" + zone +
-                            "\" (allowed: a name as Europe/Berlin or UTC, or a rule as "
-                            "CET-1CEST,M3.5.0,M10.5.0/3)");
-    return false;
-  }
-  (void)platform::PutEnvironment(("TZ=" + zone).c_str());
-  platform::TzSet();
-  context.zoneChosen = true;
-  return true;
 }
 
 // Whether a program of that name, or the file itself where it has a separator, is there.
@@ -85,6 +72,19 @@ int RunChosen(CliContext& context, const CLI::App& app, const CommandChoice& cho
 }
 
 }  // namespace
+
+bool UseZone(CliContext& context, const std::string& zone) {
+  if (!IsKnownZone(zone)) {
+    PrintError(context, "--zone: unknown zone: \"" + zone +
+                            "\" (allowed: a name as Europe/Berlin or UTC, or a rule as "
+                            "CET-1CEST,M3.5.0,M10.5.0/3)");
+    return false;
+  }
+  (void)platform::PutEnvironment(("TZ=" + zone).c_str());
+  platform::TzSet();
+  context.zoneChosen = true;
+  return true;
+}
 
 void AddOfflineCommands(CLI::App& app, CliContext& context, CommandChoice& choice) {
   struct NextState {
@@ -320,6 +320,7 @@ int RunQxsched(int argc, const char* const* argv, std::istream& in, std::ostream
     AddOnlineCommands(app, context, choice, settings);
     AddChangeCommands(app, context, choice, settings);
     AddNodeCommands(app, context, choice, settings, spread);
+    AddCalendarCommand(app, context, choice, settings);
     AddLogCommand(app, context, choice);
     AddCompletionCommand(app, context, choice);
     if (argc > 1 && std::string_view(argv[1]) == kCompleteWord) {

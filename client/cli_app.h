@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <iosfwd>
+#include <string>
 
 #include "client/cli_offline.h"
 #include "client/cli_online.h"
@@ -23,6 +24,10 @@ struct CommandChoice {
   std::function<int()> byDefault;  // what runs without a command; may be empty
   RecordSource schedules;          // where `next` gets the schedules of the service from; may be empty
 };
+
+// Has the whole process live in a zone, for a command's option --zone. False when there is no such zone, which has been
+// told on `err`.
+[[nodiscard]] bool UseZone(CliContext& context, const std::string& zone);
 
 // Give the commands their names and arguments. `context` and `choice` outlive `app`.
 void AddOfflineCommands(CLI::App& app, CliContext& context, CommandChoice& choice);

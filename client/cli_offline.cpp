@@ -48,11 +48,6 @@ bool EndsWith(std::string_view text, std::string_view end) {
   return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
 
-bool IsFileArgument(const std::string& source) {
-  return source == "-" || source.find('/') != std::string::npos || EndsWith(source, ".toml") ||
-         EndsWith(source, ".json") || platform::FileExists(source) || platform::DirectoryExists(source);
-}
-
 // Reads at most one byte more than a schedule file may have.
 int ReadText(CliContext& context, const std::string& file, std::string& text) {
   if (file == "-") {
@@ -220,17 +215,6 @@ std::string MonthDayRule(const SCHEDULE_RULE& rules, std::int64_t day) {
   return names.empty() ? "day of month" : names;
 }
 
-// Which rules give the window's day, in the words of the schedule file.
-std::vector<std::string> RulesOf(const ShownWindow& window, const SCHEDULE_RULE& rules, const platform::Zone& zone) {
-  if (window.match == 0) return {"every " + std::to_string(rules.dwRepeatInterval) + " days"};
-  const std::int64_t day = LocalDay(window.start, zone);
-  std::vector<std::string> names;
-  if ((window.match & ZEP_RULE_INCLUDE_DATE) != 0) names.push_back("include");
-  if ((window.match & ZEP_RULE_DAY_OF_WEEK) != 0) names.push_back(WeekdayRule(rules, day));
-  if ((window.match & ZEP_RULE_DAY_OF_MONTH) != 0) names.push_back(MonthDayRule(rules, day));
-  return names;
-}
-
 bool HasZoneChange(const ShownWindow& window, const platform::Zone& zone) {
   return IsChangeDay(LocalDay(window.start, zone), zone) || IsChangeDay(LocalDay(window.end, zone), zone);
 }
@@ -261,7 +245,7 @@ void PrintWindowTable(CliContext& context, const std::vector<ShownWindow>& windo
   for (const ShownWindow& window : windows) {
     std::string text;
     if (why != nullptr) {
-      for (const std::string& rule : RulesOf(window, *why, zone)) text += (text.empty() ? "" : ", ") + rule;
+      for (const std::string& rule : RuleNames(window.match, LocalDay(window.start, zone), *why)) text += (text.empty() ? "" : ", ") + rule;
     }
     width = std::max({width, text.size(), std::size_t{4}});
     rules.push_back(std::move(text));
@@ -300,7 +284,7 @@ void PrintWindowJson(CliContext& context, const std::vector<ShownWindow>& window
     item["end"] = window.end;
     item["last"] = window.last;
     item["match"] = window.match;
-    item["rules"] = RulesOf(window, rules, zone);
+    item["rules"] = RuleNames(window.match, LocalDay(window.start, zone), rules);
     item["zone_change"] = HasZoneChange(window, zone);
     item["skipped"] = ordered_json::array();
     for (const std::int64_t day : window.skipped) item["skipped"].push_back(FormatDate(day));
@@ -332,6 +316,20 @@ ordered_json FindingJson(const Finding& finding) {
 }
 
 }  // namespace
+
+bool IsFileArgument(const std::string& source) {
+  return source == "-" || source.find('/') != std::string::npos || EndsWith(source, ".toml") ||
+         EndsWith(source, ".json") || platform::FileExists(source) || platform::DirectoryExists(source);
+}
+
+std::vector<std::string> RuleNames(std::uint32_t match, std::int64_t day, const SCHEDULE_RULE& rules) {
+  if (match == 0) return {"every " + std::to_string(rules.dwRepeatInterval) + " days"};
+  std::vector<std::string> names;
+  if ((match & ZEP_RULE_INCLUDE_DATE) != 0) names.push_back("include");
+  if ((match & ZEP_RULE_DAY_OF_WEEK) != 0) names.push_back(WeekdayRule(rules, day));
+  if ((match & ZEP_RULE_DAY_OF_MONTH) != 0) names.push_back(MonthDayRule(rules, day));
+  return names;
+}
 
 std::vector<ComingWindow> ComingWindows(const SCHEDULE_OBJECT& record, std::int64_t from, std::int64_t count,
                                         Status& status) {
