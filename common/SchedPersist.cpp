@@ -579,6 +579,7 @@ std::vector<PersistRow> SchedulePersistence::Rows() const {
       {u"m_CustomStringMap", kTagStringMap, &S::m_CustomStringMap},
   };
   std::vector<PersistRow> rows;
+  rows.reserve(std::size(kRows));
   for (const MemberRow& row : kRows) {
     const PersistField field =
         std::visit([this](auto member) { return PersistField(&(m_schedule.*member)); }, row.member);

@@ -1,6 +1,9 @@
 #include "common/ini_property_bag.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -17,11 +20,16 @@ constexpr std::size_t kBoolUnits = 7;        // of a boolean with its NUL
 constexpr std::size_t kSectionUnits = 1024;  // of a whole section
 constexpr std::size_t kByteCounterEnd = 256;
 
-constexpr std::u16string_view kGeneralNames[] = {
-    u"Object Type",         u"Object Version",    u"m_ScheduleID",           u"m_Name",
-    u"m_Description",       u"m_StartTime",       u"m_EndTime",              u"m_TimeDuration",
-    u"m_bUseEffectiveDate", u"m_dtEffectiveDate", u"m_bUseRestartInterval", u"m_RestartInterval",
+// The names of a schedule's properties, the general ones first.
+const wcstring kNames[] = {
+    u"Object Type",           u"Object Version",        u"m_ScheduleID",          u"m_Name",
+    u"m_Description",         u"m_StartTime",           u"m_EndTime",             u"m_TimeDuration",
+    u"m_bUseEffectiveDate",   u"m_dtEffectiveDate",     u"m_bUseRestartInterval", u"m_RestartInterval",
+    u"m_bUseRepeatInterval",  u"m_iRepeatInterval",     u"m_AnchorDate",          u"m_SpecificIncludeDateSet",
+    u"m_SpecificExcludeDateSet", u"m_DaysOfMonth",         u"m_DayOfWeekList",       u"m_CustomBitSet",
+    u"m_CustomStringMap",
 };
+constexpr std::ptrdiff_t kGeneralNames = 12;
 
 const wcstring kGeneral(u"General");
 const wcstring kRunDayRules(u"Run Day Rules");
@@ -29,9 +37,26 @@ const wcstring kCustomMapData(u"Custom Map Data");
 const wcstring kDayOfWeekArray(u"DayOfWeekArray");
 constexpr std::u16string_view kDayOfWeekList = u"m_DayOfWeekList";
 
-bool IsGeneral(std::u16string_view name) {
-  return std::find(std::begin(kGeneralNames), std::end(kGeneralNames), name) != std::end(kGeneralNames);
+bool IsSame(std::u16string_view a, std::u16string_view b) {
+  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(char16_t)) == 0;
 }
+
+// A property's name as a key. Those of a schedule are there once for all bags; any other is made for the call.
+class PropertyKey {
+ public:
+  explicit PropertyKey(std::u16string_view name)
+      : m_known(std::find_if(std::begin(kNames), std::end(kNames),
+                             [&](const wcstring& known) { return IsSame(known.view(), name); })) {
+    if (m_known == std::end(kNames)) m_other = wcstring(name);
+  }
+  // Whether it lies in the section of the general values.
+  [[nodiscard]] bool IsGeneral() const { return m_known - std::begin(kNames) < kGeneralNames; }
+  [[nodiscard]] const wcstring& Get() const { return m_known != std::end(kNames) ? *m_known : m_other; }
+
+ private:
+  const wcstring* m_known;
+  wcstring m_other;
+};
 
 using Bag = CIniFilePropertyBag;
 using Name = const wcstring&;
@@ -146,11 +171,11 @@ std::int64_t ParseDecimal(std::u16string_view text) {
 // The elements of a section: its complete lines, in file order.
 template <class T>
 std::vector<T> ReadElements(const wcstring& file, const wcstring& section) {
-  std::u16string buffer(kSectionUnits, u'\0');
+  char16_t buffer[kSectionUnits];
   platform::ProfileSectionText text;
   (void)platform::GetProfileSection(file.view(), section.view(), buffer, text);
   std::vector<T> elements;
-  std::u16string_view rest = buffer;
+  std::u16string_view rest(buffer, kSectionUnits);
   for (std::uint32_t i = 0; i < text.completeLines; ++i) {
     const std::u16string_view line = rest.substr(0, rest.find(u'\0'));
     rest.remove_prefix(line.size() + 1);
@@ -179,8 +204,9 @@ std::uint32_t CIniFilePropertyBag::Release() {
 
 ZRESULT CIniFilePropertyBag::Write(const char16_t* name, PropertyValue* value) {
   if (m_fileName.empty() || name == nullptr || value == nullptr) return ZEP_S_OK;
-  const wcstring key(name);
-  const bool general = IsGeneral(key.view());
+  const PropertyKey property(name);
+  const wcstring& key = property.Get();
+  const bool general = property.IsGeneral();
   if (!general && value->Tag() == kTagCustom) {
     if (key.view() == kDayOfWeekList) WriteByteArray(kDayOfWeekArray, key, *value);
   } else if (!general && value->Tag() == kTagStringMap) {
@@ -194,8 +220,9 @@ ZRESULT CIniFilePropertyBag::Write(const char16_t* name, PropertyValue* value) {
 
 ZRESULT CIniFilePropertyBag::Read(const char16_t* name, PropertyValue* value) {
   if (m_fileName.empty() || name == nullptr || value == nullptr) return ZEP_S_OK;
-  const wcstring key(name);
-  const bool general = IsGeneral(key.view());
+  const PropertyKey property(name);
+  const wcstring& key = property.Get();
+  const bool general = property.IsGeneral();
   if (!general && value->Tag() == kTagCustom) {
     if (key.view() == kDayOfWeekList) ReadByteArray(kDayOfWeekArray, key, *value);
   } else if (!general && value->Tag() == kTagStringMap) {

@@ -22,7 +22,6 @@ using detail::ProfileText;
 using Line = detail::ProfileLine;
 using Section = detail::ProfileSection;
 using Edit = detail::ProfileEdit;
-using ReadText = detail::ProfileFile;
 
 constexpr std::uint32_t kWholeSectionTail = 2;  // NULs behind the last line: its own and the end's
 
@@ -34,6 +33,12 @@ std::basic_string_view<Char> UntilNul(std::basic_string_view<Char> text) {
 }
 
 bool IsNull(std::u16string_view text) { return text.data() == nullptr; }
+
+// The bytes of a file. A missing file is a text too: the empty one.
+struct ReadText {
+  std::string bytes;
+  bool exists = false;
+};
 
 // --- the file and the batches --------------------------------------------------------------------------------------------
 
@@ -65,7 +70,7 @@ struct detail::ProfileBatchState {
   ProfileBatchState* older = nullptr;
   bool isRead = false;
   ErrorCode readResult = ERROR_SUCCESS;  // of the one read: success, or how the file is missing
-  ReadText original;
+  ReadText original;  // of a batch for saving
   ProfileText text;
   std::vector<Edit> edits;
   bool changed = false;
@@ -75,13 +80,13 @@ struct detail::ProfileBatchState {
   // Reads and parses the file, once it can be read.
   ErrorCode Read() {
     if (isRead) return readResult;
-    if (purpose == ProfileBatch::kLoad && detail::TakeReadAhead(name, original, text)) {
+    if (purpose == ProfileBatch::kLoad && detail::TakeReadAhead(name, text)) {
       isRead = true;
       return readResult = ERROR_SUCCESS;
     }
     const ErrorCode rc = ReadFileText(name, original);
     if (rc != ERROR_SUCCESS && !IsMissing(rc)) return rc;
-    text = ProfileText(original.bytes);
+    text = purpose == ProfileBatch::kLoad ? ProfileText(std::move(original.bytes)) : ProfileText(original.bytes);
     isRead = true;
     return readResult = rc;
   }
@@ -165,11 +170,15 @@ ErrorCode WithText(std::u16string_view path, ErrorCode fault, Use use) {
   return rc;
 }
 
-// The value of a line as a caller sees it; nothing for a missing one.
-std::optional<std::u16string> ValueOf(const ProfileText& text, std::u16string_view section, std::u16string_view key) {
+// The line with the value of a key; null for a missing one.
+const Line* LineOf(const ProfileText& text, std::u16string_view section, std::u16string_view key) {
   const Line* line = text.Find(UntilNul(section), UntilNul(key));
-  if (line == nullptr || !line->hasEquals) return std::nullopt;
-  return text.Decode(UntilNul<char>(Trim(line->value)));
+  return line != nullptr && line->hasEquals ? line : nullptr;
+}
+
+// The value of a line as a caller sees it.
+std::u16string ValueOf(const ProfileText& text, const Line& line) {
+  return text.Decode(UntilNul<char>(Trim(line.value)));
 }
 
 bool IsQuoted(std::u16string_view text) {
@@ -218,6 +227,20 @@ std::uint32_t ParseInteger(std::u16string_view text) {
     const std::uint32_t digit = DigitOf(c);
     if (digit >= base) break;
     result = result * base + digit;
+  }
+  return negative ? 0u - result : result;
+}
+
+// The integer of a value that is decimal digits behind at most one "-": the same bytes in every encoding, so that
+// nothing has to be decoded. Nothing for all else, which ParseInteger() knows.
+std::optional<std::uint32_t> PlainInteger(std::string_view bytes) {
+  const bool negative = bytes.starts_with('-');
+  if (negative) bytes.remove_prefix(1);
+  if (bytes.empty()) return std::nullopt;
+  std::uint32_t result = 0;  // unsigned: overflow wraps
+  for (const char c : bytes) {
+    if (c < '0' || c > '9') return std::nullopt;
+    result = result * 10 + static_cast<std::uint32_t>(c - '0');
   }
   return negative ? 0u - result : result;
 }
@@ -289,9 +312,14 @@ ErrorCode GetProfileInt(std::u16string_view path, std::u16string_view section, s
   const ErrorCode fault = AskFault(Operation::kGetProfileInt, key);
   if (missingName) return fault;
   return WithText(path, fault, [&](const ProfileText& text) {
-    const std::optional<std::u16string> found = ValueOf(text, section, key);
-    if (!found) return;
-    const std::u16string_view plain = WithoutQuotes(*found);
+    const Line* line = LineOf(text, section, key);
+    if (line == nullptr) return;
+    if (const std::optional<std::uint32_t> number = PlainInteger(Trim(line->value))) {
+      value = static_cast<std::int32_t>(*number);
+      return;
+    }
+    const std::u16string decoded = ValueOf(text, *line);
+    const std::u16string_view plain = WithoutQuotes(decoded);
     if (!plain.empty()) value = static_cast<std::int32_t>(ParseInteger(plain));
   });
 }
@@ -303,7 +331,9 @@ ErrorCode GetProfileString(std::u16string_view path, std::u16string_view section
   ErrorCode rc = AskFault(Operation::kGetProfileString, key);
   std::optional<std::u16string> found;
   if (!IsNull(section) && !IsNull(key)) {
-    rc = WithText(path, rc, [&](const ProfileText& text) { found = ValueOf(text, section, key); });
+    rc = WithText(path, rc, [&](const ProfileText& text) {
+      if (const Line* line = LineOf(text, section, key)) found = ValueOf(text, *line);
+    });
   }
   length = CopyText(found ? std::u16string_view(*found) : fallback, buffer);
   return rc;

@@ -38,7 +38,6 @@ struct ProfileReadAheadState {
   struct Entry {
     enum Stage { kWanted, kReading, kRead, kUnreadable } stage = kWanted;
     Identity identity;
-    ProfileFile file;
     ProfileText text;
   };
 
@@ -59,7 +58,7 @@ struct ProfileReadAheadState {
 
 namespace {
 
-constexpr std::size_t kNamesAtATime = 8;
+constexpr std::size_t kNamesAtATime = 32;
 constexpr off_t kLargestFile = 1 << 20;  // bytes
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
 
@@ -79,18 +78,17 @@ bool ReadEntry(const std::string& name, Entry& entry) {
   const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
   if (fd < 0) return false;
   struct stat info {};
+  std::string bytes;
   bool good = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size <= kLargestFile;
   if (good) {
-    std::string& bytes = entry.file.bytes;
     bytes.resize(static_cast<std::size_t>(info.st_size) + 1);  // one more tells the end
     good = ::read(fd, bytes.data(), bytes.size()) == info.st_size;
     bytes.resize(static_cast<std::size_t>(info.st_size));
   }
   ::close(fd);
   if (!good) return false;
-  entry.file.exists = true;
   entry.identity = IdentityOf(info);
-  entry.text = ProfileText(entry.file.bytes);
+  entry.text = ProfileText(std::move(bytes));
   return true;
 }
 
@@ -138,7 +136,7 @@ void ProfileReadAheadState::Read() {
   }
 }
 
-bool TakeReadAhead(const std::string& name, ProfileFile& file, ProfileText& text) {
+bool TakeReadAhead(const std::string& name, ProfileText& text) {
   // A test that makes calls fail means the calls of the thread that loads.
   if (g_faultSeamArmed.load(std::memory_order_relaxed)) return false;
   const std::shared_ptr<ProfileReadAheadState> ahead = Current();
@@ -157,7 +155,6 @@ bool TakeReadAhead(const std::string& name, ProfileFile& file, ProfileText& text
   }
   struct stat info {};
   if (::stat(name.c_str(), &info) != 0 || IdentityOf(info) != entry->identity) return false;
-  file = std::move(entry->file);
   text = std::move(entry->text);
   const std::lock_guard hold(ahead->lock);
   ++ahead->taken;

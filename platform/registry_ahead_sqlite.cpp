@@ -1,5 +1,6 @@
 #include "platform/registry_ahead.h"
 
+#include <malloc.h>
 #include <sqlite3.h>
 
 #include <algorithm>
@@ -16,6 +17,8 @@ constexpr std::size_t kKeysReady = 1024;    // read and not taken yet: the reade
 
 constexpr std::size_t kUsualValues = 16;    // of a key
 constexpr std::size_t kUsualBytes = 1024;
+// A key's values lie anywhere in the file: without room for most of its pages each would be read many times.
+constexpr const char* kCacheSql = "PRAGMA cache_size=-131072";  // KiB; taken as pages are read, given back at the end
 constexpr std::int64_t kLengthFactor = 65536;  // above the bytes of any key's name
 
 constexpr const char* kKeysSql =
@@ -135,6 +138,7 @@ ErrorCode AheadReader::Start(std::string path, std::int64_t parent, std::vector<
         } catch (const std::exception&) {
           // Without memory nothing more is read ahead.
         }
+        malloc_trim(0);  // the pages' room goes back to the system; the allocator would keep it
         const std::lock_guard hold(m_lock);
         m_ended = true;
         m_given.notify_all();
@@ -178,7 +182,7 @@ void AheadReader::Run(const std::string& path, std::int64_t parent, std::vector<
   sqlite3* raw = nullptr;
   const int opened = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
   const std::unique_ptr<sqlite3, CloseConnection> db(raw);
-  if (opened != SQLITE_OK) return;
+  if (opened != SQLITE_OK || !Execute(db.get(), kCacheSql)) return;
   const Statement keys = Prepare(db.get(), kKeysSql);
   const Statement values = Prepare(db.get(), kValuesSql);
   if (!keys || !values) return;
