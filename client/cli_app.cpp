@@ -10,6 +10,7 @@
 #include "client/cli_completion.h"
 #include "client/cli_config.h"
 #include "client/cli_nodes.h"
+#include "client/cli_record.h"
 #include "client/cli_reg.h"
 #include "client/cli_registry.h"
 #include "client/time_text.h"
@@ -322,6 +323,7 @@ int RunQxsched(int argc, const char* const* argv, std::istream& in, std::ostream
     AddNodeCommands(app, context, choice, settings, spread);
     AddCalendarCommand(app, context, choice, settings);
     AddLogCommand(app, context, choice);
+    AddHistoryCommands(app, context, choice, settings);
     AddCompletionCommand(app, context, choice);
     if (argc > 1 && std::string_view(argv[1]) == kCompleteWord) {
       return RunComplete(context, app, settings, {argv + 2, argv + argc});

@@ -73,8 +73,10 @@ class Session {
   //   before  the record as it was fetched
   int Modify(const Target& target, const SCHEDULE_OBJECT& before, const SCHEDULE_OBJECT& after);
 
- private:
+  // The bus that the options name.
   [[nodiscard]] platform::BusAddress Address() const;
+
+ private:
   int Unreachable(const std::string& why);
   int FindInList(const std::string& word, const std::vector<ListRow>& rows, Target& target);
 

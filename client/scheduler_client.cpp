@@ -18,6 +18,8 @@ using platform::ErrorCode;
 using platform::MessageReader;
 using platform::MessageWriter;
 
+constexpr std::string_view kBusDaemon = "org.freedesktop.DBus";
+constexpr std::string_view kBusDaemonPath = "/org/freedesktop/DBus";
 constexpr std::string_view kPropertiesInterface = "org.freedesktop.DBus.Properties";
 
 // The codes of refusals that a caller tells apart.
@@ -95,6 +97,9 @@ struct [[gnu::visibility("hidden")]] SchedulerClient::Impl {
   Status Call(std::string_view interface, std::string_view member, const Write& write, const Read& read);
   Status CallService(std::string_view member, const Write& write, const Read& read = {});
   Status Subscribe();
+  Status SubscribeToOwner();
+  void OnOwner(MessageReader& signal);
+  Status AskBus(std::string_view member, MessageReader& reply);
   void OnSignal(MessageReader& signal);
   void Deliver(const std::function<void(ISchedulerServiceEvents&)>& event);
 
@@ -103,6 +108,7 @@ struct [[gnu::visibility("hidden")]] SchedulerClient::Impl {
   std::vector<Slot> slots;
   std::uint32_t lastCookie = 0;
   bool subscribed = false;
+  std::function<void(bool)> presence;
   std::size_t delivered = 0;
 };
 
@@ -122,6 +128,9 @@ Status SchedulerClient::Connect(const platform::BusAddress& address) {
   }
   const bool anySink =
       std::any_of(m_impl->slots.begin(), m_impl->slots.end(), [](const Impl::Slot& slot) { return slot.sink != nullptr; });
+  if (m_impl->presence) {
+    if (const Status status = m_impl->SubscribeToOwner(); status != kStatusOk) return status;
+  }
   return anySink ? m_impl->Subscribe() : kStatusOk;
 }
 
@@ -381,6 +390,64 @@ std::size_t SchedulerClient::WaitForEvents(std::uint32_t limitMs) {
     (void)m_impl->connection.WaitForWork(limitMs - passed);
   }
   return m_impl->delivered;
+}
+
+// --- the service's coming and going ---
+
+Status SchedulerClient::Impl::SubscribeToOwner() {
+  const ErrorCode rc = connection.Subscribe(kBusDaemon, "", kBusDaemon, "NameOwnerChanged",
+                                            [this](MessageReader& signal) { OnOwner(signal); });
+  return rc == ERROR_SUCCESS ? kStatusOk : Fail(rc, BusError::Failed("the service's presence can't be watched"));
+}
+
+void SchedulerClient::Impl::OnOwner(MessageReader& signal) {
+  std::string_view name, before, after;
+  if (signal.ReadString(name) != ERROR_SUCCESS || signal.ReadString(before) != ERROR_SUCCESS ||
+      signal.ReadString(after) != ERROR_SUCCESS || name != kBusName) {
+    return;
+  }
+  ++delivered;
+  const auto tell = presence;  // it may be replaced from within
+  const bool present = !after.empty();
+  if (tell) (void)platform::RunGuarded("presence", [&] { tell(present); });
+}
+
+// A question to the bus itself about the service's name.
+Status SchedulerClient::Impl::AskBus(std::string_view member, MessageReader& reply) {
+  lastError = {};
+  MessageWriter call;
+  ErrorCode rc = connection.NewCall(kBusDaemon, kBusDaemonPath, kBusDaemon, member, call);
+  if (rc != ERROR_SUCCESS) {
+    return Fail(rc, {std::string(platform::kBusErrorDisconnected), "not connected to the message bus"});
+  }
+  call.AppendString(kBusName);
+  BusError error;
+  rc = connection.Call(std::move(call), reply, error);
+  return rc == ERROR_SUCCESS ? kStatusOk : Fail(rc, std::move(error));
+}
+
+Status SchedulerClient::WatchService(std::function<void(bool present)> presence) {
+  m_impl->lastError = {};
+  const bool first = !m_impl->presence;
+  if (first) {
+    if (const Status status = m_impl->SubscribeToOwner(); status != kStatusOk) return status;
+  }
+  m_impl->presence = std::move(presence);
+  return kStatusOk;
+}
+
+Status SchedulerClient::ServiceProcess(std::uint32_t& process) {
+  MessageReader reply;
+  std::uint32_t read = 0;
+  const Status status = m_impl->AskBus("GetConnectionUnixProcessID", reply);
+  if (status != kStatusOk) {
+    if (m_impl->lastError.name != platform::kBusErrorNameHasNoOwner) return status;
+    m_impl->lastError = {};
+  } else if (reply.ReadUint32(read) != ERROR_SUCCESS) {
+    return m_impl->Fail(platform::ERROR_INVALID_DATA, BadReply("process"));
+  }
+  process = read;
+  return kStatusOk;
 }
 
 // --- the Manager interface ---

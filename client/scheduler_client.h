@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -89,6 +90,16 @@ class SchedulerClient : public ISchedulerService {
   // Delivers the events that are there, and waits for the first one at most `limitMs` milliseconds.
   //   returns  the number of events delivered; 0 when none came in time or the connection was lost
   std::size_t WaitForEvents(std::uint32_t limitMs);
+
+  // --- the service's coming and going ---
+
+  // From now on, within WaitForEvents(), `presence` is told when the service takes its name on the bus (true) and when
+  // it leaves (false), in order with the events; it counts there as an event. One at a time; it stays over Connect().
+  // Doesn't start the service.
+  //   returns  0; 0x8007xxxx: not subscribed
+  Status WatchService(std::function<void(bool present)> presence);
+  // The process that serves, 0 when there is none. Doesn't start it.
+  Status ServiceProcess(std::uint32_t& process);
 
   // --- the Manager interface ---
 

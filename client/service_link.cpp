@@ -35,6 +35,10 @@ class BusLink : public ServiceLink {
     (void)m_client.WaitForEvents(limitMs);
     return m_client.IsConnected();
   }
+  Status WatchService(std::function<void(bool present)> presence) override {
+    return m_client.WatchService(std::move(presence));
+  }
+  Status ServiceProcess(std::uint32_t& process) override { return m_client.ServiceProcess(process); }
   [[nodiscard]] platform::BusError LastError() const override { return m_client.LastError(); }
 
  private:

@@ -41,6 +41,15 @@ class ServiceLink {
   virtual Status Listen(ISchedulerServiceEvents& sink) = 0;
   // Gives out the events that came, waiting at most `limitMs` milliseconds for one; false when the link is lost.
   virtual bool WaitForEvents(std::uint32_t limitMs) = 0;
+  // As SchedulerClient::WatchService and ServiceProcess: neither starts the service.
+  virtual Status WatchService(std::function<void(bool present)> presence) {
+    (void)presence;
+    return 0x80070000 | platform::ERROR_NOT_SUPPORTED;
+  }
+  virtual Status ServiceProcess(std::uint32_t& process) {
+    (void)process;
+    return 0x80070000 | platform::ERROR_NOT_SUPPORTED;
+  }
   // Why the last call got no answer; unset when it got one.
   [[nodiscard]] virtual platform::BusError LastError() const = 0;
 };

@@ -140,6 +140,80 @@ TEST_F(QxschedProgram, EndsMonitoringWithTheBus) {
   EXPECT_EQ(monitor.Wait(), 6);
 }
 
+// The due times are real: each is waited for by what the service or the clock tells.
+TEST_F(QxschedProgram, RecordsALaunchAndTheWindowThatPassedWhileTheServiceWasKilled) {
+  qx::SchedulerClient client;
+  m_service.Connect(client);
+  ScheduleGuid early{}, late{};
+  const std::int64_t soon = platform::NowSeconds() + 6;
+  ASSERT_EQ(client.CreateSchedule(m_service.Job("early", soon), early), kStatusOk);
+  const std::int64_t due = soon + 7;
+  ASSERT_EQ(client.CreateSchedule(m_service.Job("late", due), late), kStatusOk);
+  // Its first list has both, whatever the machine does meanwhile.
+  LineReader lines(m_service.Jobs() + "/record");
+  const std::string metrics = m_service.Jobs() + "/qxsched.prom";
+  Child record(kProgram, Words({"record", "--json", "--metrics", metrics}), lines.Name(), Environment());
+
+  const json launch = json::parse(lines.WaitFor("\"launch\""), nullptr, false);
+  EXPECT_EQ(launch.value("name", ""), "early") << launch;
+  EXPECT_EQ(launch.value("window", 0), soon) << launch;
+  EXPECT_EQ(launch.value("next_window", 0), soon + 86400) << launch;
+
+  m_service.Process().Signal(SIGKILL);
+  (void)m_service.Process().Wait();
+  ASSERT_LT(platform::NowSeconds(), due) << "too slow a machine: the window was there before the kill";
+  ASSERT_NE(lines.WaitFor("\"service-down\""), "");
+  while (platform::NowSeconds() <= due) usleep(100'000);
+  m_service.Start();
+  const json missed = json::parse(lines.WaitFor("\"missed\""), nullptr, false);
+  EXPECT_EQ(missed.value("window", 0), due) << missed;
+  EXPECT_EQ(missed.value("reason", ""), "the service was down");
+
+  const json history = AskJson({"history", "--missed", "--since", "1h"});
+  ASSERT_EQ(history.size(), 1u) << history;
+  EXPECT_EQ(history[0], missed);
+  EXPECT_EQ(history[0]["name"], "late");
+  const Result named = Ask({"history", "late", "--missed"});
+  EXPECT_EQ(named.exit, 0);
+  EXPECT_THAT(named.out, AllOf(HasSubstr("missed"), HasSubstr("1 entry; launches are known, results are not.")));
+  record.Signal(SIGINT);
+  EXPECT_EQ(record.Wait(), 0);
+  EXPECT_THAT(RunningService::ReadFile(metrics),
+              AllOf(HasSubstr("\nqxsched_launches_total 1\n"), HasSubstr("\nqxsched_missed_windows_total 1\n")));
+}
+
+TEST_F(QxschedProgram, RecordsOverARestartOfTheBus) {
+  LineReader lines(m_service.Jobs() + "/record");
+  Child record(kProgram, Words({"record"}), lines.Name(), Environment());
+  ASSERT_NE(lines.WaitFor("service-up"), "");
+  m_service.Bus().Kill();
+  ASSERT_NE(lines.WaitFor("record-end"), "");
+  ASSERT_NE(lines.WaitFor("the bus can't be reached"), "");
+  m_service.Bus().Restart();
+  ASSERT_NE(lines.WaitFor("record-begin"), "");
+  EXPECT_NE(lines.WaitFor("service-up"), "");
+  const std::string id = Add();
+  EXPECT_NE(lines.WaitFor("added"), "");
+  record.Signal(SIGINT);
+  EXPECT_EQ(record.Wait(), 0);
+}
+
+// A bus that starts the service on demand would start it for each of its calls.
+TEST_F(QxschedProgram, RecordsWithoutAService) {
+  ASSERT_EQ(m_service.Stop(), 0);
+  LineReader lines(m_service.Jobs() + "/record");
+  Child record(kProgram, Words({"record"}), lines.Name(), Environment());
+  ASSERT_NE(lines.WaitFor("record-begin"), "");
+  m_service.Start();
+  EXPECT_NE(lines.WaitFor("service-up"), "");
+  const std::string id = Add();
+  EXPECT_NE(lines.WaitFor("added"), "");
+  ASSERT_EQ(m_service.Stop(), 0);
+  EXPECT_NE(lines.WaitFor("service-down"), "");
+  record.Signal(SIGINT);
+  EXPECT_EQ(record.Wait(), 0);
+}
+
 TEST_F(QxschedProgram, TellsApartWhatGoesWrong) {
   const Result refused = Ask({"add", Write("none.toml", "job.wrapper = \"/bin/true\"\n")});
   EXPECT_EQ(refused.exit, 5);

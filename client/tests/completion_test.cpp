@@ -33,7 +33,7 @@ class Completion : public CliOnline {
 
 TEST_F(Completion, OffersCommandsAndOptions) {
   EXPECT_THAT(Offer({""}), AllOf(Contains("list"), Contains("apply"), Contains("completion"), Not(Contains("__complete"))));
-  EXPECT_THAT(Offer({"re"}), ElementsAre("reg", "refresh", "restore"));
+  EXPECT_THAT(Offer({"re"}), ElementsAre("reg", "refresh", "restore", "record"));
   EXPECT_THAT(Offer({"--js"}), ElementsAre("--json"));
   EXPECT_THAT(Offer({"next", "--w"}), ElementsAre("--why"));
   EXPECT_THAT(Offer({"next", "--no-p"}), ElementsAre("--no-pager"));

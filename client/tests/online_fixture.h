@@ -113,6 +113,8 @@ class FakeService : public ISchedulerService {
   qx::ServiceFacts facts{"1.2.3", "CET-1CEST,M3.5.0,M10.5.0/3", 19810, 3, 1796043600, "/var/lib/qxsvc"};
   std::size_t pageRows = 2;
   int refreshed = 0;
+  std::uint32_t process = 4711;         // 0: not on the bus
+  std::function<void(bool)> presence;   // who is told of its coming and going
 
  private:
   std::uint32_t m_next = 0xAB120000;
@@ -168,6 +170,14 @@ class FakeLink : public qx::ServiceLink {
     m_service.events.pop_front();
     event(*m_sink);
     return true;
+  }
+  Status WatchService(std::function<void(bool)> presence) override {
+    m_service.presence = std::move(presence);
+    return kStatusOk;
+  }
+  Status ServiceProcess(std::uint32_t& process) override {
+    process = m_service.process;
+    return kStatusOk;
   }
   platform::BusError LastError() const override { return m_service.error; }
 

@@ -1,0 +1,196 @@
+#include "client/history_store.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "platform/testing/fault.h"
+
+namespace {
+
+using namespace qx;
+using testing::ElementsAre;
+
+constexpr std::int64_t kNow = 1796040000;
+constexpr const char* kId = "{AB120000-0000-4001-8000-000000000000}";
+
+class History : public testing::Test {
+ protected:
+  History() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "qx-history-XXXXXX").string();
+    m_directory = ::mkdtemp(pattern.data());
+    m_name = m_directory + "/history.db";
+  }
+  ~History() override { std::filesystem::remove_all(m_directory); }
+
+  static HistoryEntry Launch(std::int64_t at, const std::string& id = kId) {
+    return {at, HistoryKind::kLaunch, id, "daily", at, at + 86400, ""};
+  }
+  platform::ErrorCode Open(HistoryStore& store, const HistoryBounds& bounds = {}) {
+    return store.OpenForWriting(m_name, bounds, m_aside);
+  }
+  static std::vector<HistoryEntry> All(HistoryStore& store, const HistoryQuery& query = {}) {
+    std::vector<HistoryEntry> entries;
+    EXPECT_EQ(store.Entries(query, entries), 0u);
+    return entries;
+  }
+
+  std::string m_directory;
+  std::string m_name;
+  std::string m_aside;
+};
+
+TEST_F(History, KeepsEveryFieldOfEveryKind) {
+  std::vector<HistoryEntry> entries;
+  for (std::size_t i = 0; i < kHistoryKinds; ++i) {
+    HistoryEntry entry{
+        kNow + static_cast<std::int64_t>(i), static_cast<HistoryKind>(i), i % 2 == 0 ? kId : "", "n", {}, {}, "why"};
+    if (i % 3 == 0) entry.window = -7;
+    if (i % 3 == 1) entry.next = -1;
+    entries.push_back(entry);
+  }
+  {
+    HistoryStore store;
+    ASSERT_EQ(Open(store), 0u);
+    EXPECT_EQ(store.Append(entries, {{kId, KnownSchedule{"a", 5}}, {"gone", KnownSchedule{"b", 6}}}), 0u);
+    EXPECT_EQ(store.Append({}, {{"gone", std::nullopt}}), 0u);
+    EXPECT_EQ(store.SetFact("zone", "UTC"), 0u);
+  }
+  HistoryStore store;
+  ASSERT_EQ(store.OpenForReading(m_name), 0u);
+  EXPECT_EQ(All(store), entries);
+  std::map<std::string, KnownSchedule> windows;
+  EXPECT_EQ(store.Windows(windows), 0u);
+  EXPECT_EQ(windows, (std::map<std::string, KnownSchedule>{{kId, {"a", 5}}}));
+  std::string zone;
+  EXPECT_EQ(store.Fact("zone", zone), 0u);
+  EXPECT_EQ(zone, "UTC");
+  std::optional<HistoryEntry> last;
+  EXPECT_EQ(store.Last(last), 0u);
+  EXPECT_EQ(last, entries.back());
+}
+
+TEST_F(History, SelectsByScheduleTimeAndMissedWindows) {
+  HistoryStore store;
+  ASSERT_EQ(Open(store), 0u);
+  HistoryEntry missed = Launch(kNow + 1);
+  missed.kind = HistoryKind::kMissed;
+  HistoryEntry unknown = Launch(kNow + 2, "{other}");
+  unknown.kind = HistoryKind::kUnknown;
+  ASSERT_EQ(store.Append({Launch(kNow), missed, unknown, Launch(kNow + 3, "{other}")}, {}), 0u);
+  EXPECT_THAT(All(store, {.missed = true}), ElementsAre(missed, unknown));
+  EXPECT_THAT(All(store, {.schedule = kId}), ElementsAre(Launch(kNow), missed));
+  EXPECT_THAT(All(store, {.since = kNow + 2}), ElementsAre(unknown, Launch(kNow + 3, "{other}")));
+  EXPECT_THAT(All(store, {.schedule = "{other}", .since = kNow + 2, .missed = true}), ElementsAre(unknown));
+  EXPECT_THAT(All(store, {.schedule = "' OR 1"}), ElementsAre());
+}
+
+TEST_F(History, DropsEntriesAboveItsAge) {
+  HistoryStore store;
+  ASSERT_EQ(Open(store, {.seconds = 100}), 0u);
+  ASSERT_EQ(store.Append({Launch(kNow - 101), Launch(kNow - 100), Launch(kNow)}, {}), 0u);
+  ASSERT_EQ(store.Trim(kNow), 0u);
+  EXPECT_THAT(All(store), ElementsAre(Launch(kNow - 100), Launch(kNow)));
+}
+
+TEST_F(History, DropsItsOldestEntriesAboveItsSize) {
+  HistoryStore store;
+  ASSERT_EQ(Open(store, {.bytes = kLeastHistoryBytes}), 0u);
+  std::int64_t at = kNow;
+  const auto more = [&] {
+    std::vector<HistoryEntry> entries;
+    for (int i = 0; i < 1000; ++i) entries.push_back(Launch(at++));
+    return store.Append(entries, {});
+  };
+  platform::ErrorCode code = 0;
+  for (int round = 0; round < 30 && code == 0; ++round) {
+    code = more();
+    if (code == 0) code = store.Trim(kNow);
+  }
+  EXPECT_EQ(code, 0u);
+  std::uint64_t bytes = 0;
+  EXPECT_EQ(store.Size(bytes), 0u);
+  EXPECT_LE(bytes, kLeastHistoryBytes);
+  const auto entries = All(store);
+  ASSERT_GT(entries.size(), 1000u);
+  EXPECT_LT(entries.size(), 30000u);
+  EXPECT_EQ(entries.back(), Launch(at - 1));  // the newest one
+  // Without trimming it is full, and what didn't fit as a whole is not there in part.
+  while ((code = more()) == 0) {
+  }
+  EXPECT_EQ(code, platform::ERROR_DISK_FULL);
+  at -= 1000;
+  EXPECT_EQ(All(store).back(), Launch(at - 1));
+  EXPECT_EQ(store.Trim(kNow), 0u);
+  EXPECT_EQ(more(), 0u);
+  store = {};
+  EXPECT_LE(std::filesystem::file_size(m_name), kLeastHistoryBytes);
+}
+
+TEST_F(History, SetsADamagedFileAsideAndBeginsANewOne) {
+  for (const char* expected : {".damaged", ".damaged.2"}) {
+    std::ofstream(m_name, std::ios::trunc) << std::string(9000, 'x');
+    HistoryStore reader;
+    EXPECT_EQ(reader.OpenForReading(m_name), platform::ERROR_FILE_CORRUPT);
+    EXPECT_TRUE(std::filesystem::exists(m_name)) << "a reader leaves it";
+    HistoryStore store;
+    ASSERT_EQ(Open(store), 0u);
+    EXPECT_EQ(m_aside, m_name + expected);
+    EXPECT_EQ(std::filesystem::file_size(m_aside), 9000u);
+    EXPECT_TRUE(All(store).empty());
+    EXPECT_EQ(store.Append({Launch(kNow)}, {}), 0u);
+  }
+  HistoryStore store;
+  ASSERT_EQ(Open(store), 0u);
+  EXPECT_EQ(m_aside, "") << "a whole file stays";
+  EXPECT_THAT(All(store), ElementsAre(Launch(kNow)));
+}
+
+TEST_F(History, LeavesAFileOfSomebodyElseAsItIs) {
+  {
+    platform::Database other;
+    ASSERT_EQ(other.Open(m_name, platform::Database::Access::kReadWrite), 0u);
+    ASSERT_EQ(other.Run("CREATE TABLE precious(n)"), 0u);
+  }
+  HistoryStore store;
+  EXPECT_EQ(Open(store), platform::ERROR_BADDB);
+  EXPECT_EQ(store.OpenForReading(m_name), platform::ERROR_BADDB);
+  platform::Database other;
+  ASSERT_EQ(other.Open(m_name, platform::Database::Access::kRead), 0u);
+  EXPECT_EQ(other.Run("SELECT n FROM precious"), 0u);
+}
+
+TEST_F(History, HasOneWriter) {
+  HistoryStore store;
+  ASSERT_EQ(Open(store), 0u);
+  HistoryStore second;
+  EXPECT_EQ(Open(second), platform::ERROR_LOCK_VIOLATION);
+  EXPECT_EQ(store.Append({Launch(kNow)}, {}), 0u);
+}
+
+#ifdef QX_FAULT_SEAM
+TEST_F(History, AppendsAllOrNothing) {
+  HistoryStore store;
+  ASSERT_EQ(Open(store), 0u);
+  int calls = 0;
+  for (int n = 1; calls == 0; ++n) {
+    const auto plan = platform::FaultPlan::FailCall(platform::Operation::kWriteFile, n, platform::ERROR_IO_DEVICE);
+    const auto code = store.Append({Launch(kNow), Launch(kNow + 1)}, {{kId, KnownSchedule{"a", 5}}});
+    if (plan.hits() == 0) {
+      EXPECT_EQ(code, 0u);
+      calls = n;
+    } else {
+      EXPECT_EQ(code, platform::ERROR_IO_DEVICE) << n;
+      EXPECT_TRUE(All(store).empty()) << n;
+    }
+  }
+  EXPECT_GT(calls, 4);
+  EXPECT_EQ(All(store).size(), 2u);
+}
+#endif
+
+}  // namespace
