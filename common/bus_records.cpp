@@ -432,7 +432,20 @@ BusError ReadScheduleId(MessageReader& reader, std::string_view name, ScheduleGu
 }
 
 void AppendText(MessageWriter& writer, std::u16string_view text) {
-  writer.AppendString(platform::Utf8FromWide(Sendable(text)));
+  constexpr std::size_t kUsualUnits = 256;
+  char plain[kUsualUnits];
+  std::size_t count = 0;
+  if (text.size() <= kUsualUnits) {
+    while (count < text.size() && text[count] >= 1 && text[count] < 0x80) {
+      plain[count] = static_cast<char>(text[count]);
+      ++count;
+    }
+  }
+  if (count == text.size()) {  // nothing to be replaced or converted
+    writer.AppendString({plain, count});
+  } else {
+    writer.AppendString(platform::Utf8FromWide(Sendable(text)));
+  }
 }
 
 BusError ReadText(MessageReader& reader, Reading reading, std::string_view name, std::u16string& text) {

@@ -227,10 +227,13 @@ ErrorCode MessageReader::EnterVariant(std::string_view contents) { return Enter(
 
 ErrorCode MessageReader::Exit() {
   if (m_depth == 0) return ERROR_INVALID_FUNCTION;
-  while (!AtEnd()) {
-    if (const ErrorCode rc = Skip(); rc != ERROR_SUCCESS) return rc;
+  int result = sd_bus_message_exit_container(Message(m_message));
+  if (result == -EBUSY) {  // something is left
+    while (!AtEnd()) {
+      if (const ErrorCode rc = Skip(); rc != ERROR_SUCCESS) return rc;
+    }
+    result = sd_bus_message_exit_container(Message(m_message));
   }
-  const int result = sd_bus_message_exit_container(Message(m_message));
   if (result < 0) return BusCode(result);
   --m_depth;
   return ERROR_SUCCESS;
@@ -260,8 +263,11 @@ ErrorCode MessageReader::ReadUint64(std::uint64_t& value) { return ReadNumber(SD
 
 ErrorCode MessageReader::ReadString(std::string_view& value) {
   const char* text = nullptr;
-  const char type = PeekType().kind == BusKind::kObjectPath ? SD_BUS_TYPE_OBJECT_PATH : SD_BUS_TYPE_STRING;
-  const ErrorCode rc = ReadNumber(type, text);
+  ErrorCode rc = ReadNumber(SD_BUS_TYPE_STRING, text);
+  // Nearly always a string stands there: a look ahead would cost as much as the reading.
+  if (rc == ERROR_INVALID_DATA && PeekType().kind == BusKind::kObjectPath) {
+    rc = ReadNumber(SD_BUS_TYPE_OBJECT_PATH, text);
+  }
   if (rc == ERROR_SUCCESS) value = text;
   return rc;
 }

@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <mutex>
 #include <optional>
@@ -26,6 +27,7 @@
 #include "platform/fault_point.h"
 #include "platform/registry_ahead.h"
 #include "platform/registry_read_ahead.h"
+#include "platform/registry_sub_keys.h"
 #include "platform/testing/registry_hook.h"
 #include "platform/thread_annotations.h"
 
@@ -267,6 +269,8 @@ enum Sql : std::size_t {
   kNextValue,
   kSameValue,
   kValueAt,
+  kSubKeys,
+  kValues,
   kSqlCount
 };
 // In the order of Sql.
@@ -293,6 +297,8 @@ constexpr const char* kSqlText[] = {
     "SELECT name, fold, type, data FROM vals WHERE key=? AND fold>? ORDER BY fold LIMIT 1",
     "SELECT name, fold, type, data FROM vals WHERE key=? AND fold>=? ORDER BY fold LIMIT 1",
     "SELECT name, fold, type, data FROM vals WHERE key=? ORDER BY fold LIMIT 1 OFFSET ?",
+    "SELECT id, name FROM keys WHERE parent=? AND fold>? ORDER BY fold LIMIT ?",
+    "SELECT fold, type, data FROM vals WHERE key=?",
 };
 static_assert(std::size(kSqlText) == kSqlCount);
 
@@ -428,6 +434,12 @@ class Store {
                               std::size_t size);
   [[nodiscard]] ErrorCode Remove(Handle& handle, std::u16string_view name);
   [[nodiscard]] ErrorCode Enumerate(Handle& handle, bool values, std::uint32_t index, Item& out);
+  // For each sub key `value` with every one of its values, then `subKey` with its name.
+  using SubKeySeen = std::function<void(std::u16string name, ErrorCode failure)>;
+  using ValueSeen = std::function<void(std::span<const std::byte> fold, std::uint32_t type,
+                                       std::span<const std::byte> data)>;
+  [[nodiscard]] ErrorCode SubKeys(Place place, std::u16string_view after, std::size_t most, const ValueSeen& value,
+                                  const SubKeySeen& subKey);
 
   void Join(Handle& handle);
   [[nodiscard]] ErrorCode Commit();
@@ -893,6 +905,40 @@ ErrorCode Store::Enumerate(Handle& handle, bool values, std::uint32_t index, Ite
   return code == ERROR_SUCCESS ? ERROR_NO_MORE_ITEMS : code;
 }
 
+// One transaction for all, or each statement would take and give back the locks of the file anew.
+ErrorCode Store::SubKeys(Place place, std::u16string_view after, std::size_t most, const ValueSeen& value,
+                         const SubKeySeen& subKey) {
+  struct Transaction {
+    sqlite3* db = nullptr;
+    ~Transaction() {
+      if (db != nullptr) (void)Execute(db, "COMMIT");
+    }
+  } transaction;
+  if (sqlite3_get_autocommit(m_db.get()) != 0) {
+    if (const int rc = Execute(m_db.get(), "BEGIN"); rc != SQLITE_OK) return CodeFromSqlite(rc);
+    transaction.db = m_db.get();
+  }
+  bool any = false;
+  {
+    const Bytes fold = Fold(after);
+    Use keys(m_sql[kSubKeys]);
+    keys.Arg(place.id).Arg(fold).Arg(static_cast<std::int64_t>(most));
+    int rc = SQLITE_OK;
+    while ((rc = keys.Step()) == SQLITE_ROW) {
+      any = true;
+      Use values(m_sql[kValues]);
+      values.Arg(keys.Int(0));
+      int read = SQLITE_OK;
+      while ((read = values.Step()) == SQLITE_ROW) {
+        value(values.Blob(0), static_cast<std::uint32_t>(values.Int(1)), values.Blob(2));
+      }
+      subKey(keys.Name(1), read == SQLITE_DONE ? ErrorCode{ERROR_SUCCESS} : CodeFromSqlite(read));
+    }
+    if (rc != SQLITE_DONE) return CodeFromSqlite(rc);
+  }
+  return any ? ErrorCode{ERROR_SUCCESS} : Exists(place);
+}
+
 ErrorCode Store::LimitGrowth(std::uint32_t morePages) {
   std::int64_t pages = 0;
   if (const int rc = QueryInt(m_db.get(), "PRAGMA page_count", pages); rc != SQLITE_OK) return CodeFromSqlite(rc);
@@ -1152,6 +1198,13 @@ ErrorCode TextOf(std::uint32_t type, std::span<const std::byte> data, std::u16st
   const std::u16string_view terminator(u"\0\0", type == REG_MULTI_SZ ? 2 : 1);
   if (!text.ends_with(terminator)) return ERROR_INVALID_DATA;
   out = text.substr(0, text.find(u'\0'));
+  return ERROR_SUCCESS;
+}
+
+ErrorCode NumberOf(std::uint32_t type, std::span<const std::byte> data, std::uint32_t& out) {
+  if (type != REG_DWORD || data.size() < sizeof(out)) return ERROR_INVALID_DATA;
+  if (data.size() > sizeof(out)) return ERROR_MORE_DATA;
+  std::memcpy(&out, data.data(), sizeof(out));
   return ERROR_SUCCESS;
 }
 
@@ -1550,10 +1603,7 @@ ErrorCode ReadRegistryString(const RegistryKey& key, std::u16string_view name, s
 ErrorCode ReadRegistryDword(const RegistryKey& key, std::u16string_view name, std::uint32_t& out) {
   Item item;
   if (const ErrorCode code = FindValue(key, name, item); code != ERROR_SUCCESS) return code;
-  if (item.type != REG_DWORD || item.data.size() < sizeof(out)) return ERROR_INVALID_DATA;
-  if (item.data.size() > sizeof(out)) return ERROR_MORE_DATA;
-  std::memcpy(&out, item.data.data(), sizeof(out));
-  return ERROR_SUCCESS;
+  return NumberOf(item.type, item.data, out);
 }
 
 // --- Enumeration ---
@@ -1589,6 +1639,83 @@ ErrorCode EnumValue(const RegistryKey& key, std::uint32_t index, std::u16string&
   type = item.type;
   data = std::move(item.data);
   return ERROR_SUCCESS;
+}
+
+// --- Many sub keys in one look ---
+
+ErrorCode ReadRegistryStamp(const RegistryKey& key, RegistryStamp& out) {
+  const Guard guard(g_lock);
+  Handle* handle = nullptr;
+  if (const ErrorCode code = Enter(key, handle); code != ERROR_SUCCESS) return code;
+  RegistryStamp stamp{g_store->Number(), g_store->Changes(), 0};
+  if (const ErrorCode code = g_store->DataVersion(stamp.dataVersion); code != ERROR_SUCCESS) return code;
+  out = stamp;
+  return ERROR_SUCCESS;
+}
+
+namespace detail {
+
+struct SubKeyReading {
+  SubKeyValues current;
+  std::vector<Bytes> folds;
+
+  explicit SubKeyReading(std::span<const std::u16string_view> names) {
+    for (const std::u16string_view name : names) {
+      folds.push_back(Fold(name));
+      current.m_values.emplace_back().name = name;
+    }
+  }
+  void Note(std::span<const std::byte> fold, std::uint32_t type, std::span<const std::byte> data) {
+    for (std::size_t i = 0; i < folds.size(); ++i) {
+      if (folds[i].size() != fold.size() || std::memcmp(folds[i].data(), fold.data(), fold.size()) != 0) continue;
+      SubKeyValues::Value& value = current.m_values[i];
+      value.isThere = true;
+      value.type = type;
+      value.data.assign(data.begin(), data.end());
+      return;
+    }
+  }
+  void Tell(std::u16string name, ErrorCode failure, const std::function<void(const SubKeyValues&)>& seen) {
+    current.m_name = std::move(name);
+    current.m_failure = failure;
+    seen(current);
+    for (SubKeyValues::Value& value : current.m_values) value.isThere = false;
+  }
+};
+
+}  // namespace detail
+
+ErrorCode SubKeyValues::Text(std::size_t which, std::u16string& out) const {
+  const Value& value = m_values[which];
+  if (const ErrorCode code = AskFault(Operation::kRegQueryValue, value.name); code != ERROR_SUCCESS) return code;
+  if (m_failure != ERROR_SUCCESS) return m_failure;
+  return value.isThere ? TextOf(value.type, value.data, out) : ErrorCode{ERROR_FILE_NOT_FOUND};
+}
+
+ErrorCode SubKeyValues::Dword(std::size_t which, std::uint32_t& out) const {
+  const Value& value = m_values[which];
+  if (const ErrorCode code = AskFault(Operation::kRegQueryValue, value.name); code != ERROR_SUCCESS) return code;
+  if (m_failure != ERROR_SUCCESS) return m_failure;
+  return value.isThere ? NumberOf(value.type, value.data, out) : ErrorCode{ERROR_FILE_NOT_FOUND};
+}
+
+ErrorCode ReadSubKeys(const RegistryKey& key, std::u16string_view after, std::size_t most,
+                      std::span<const std::u16string_view> names,
+                      const std::function<void(const SubKeyValues&)>& seen) {
+  const Handle* named = Handle::Of(key);
+  const ErrorCode fault =
+      AskFault(Operation::kRegEnumKey, named != nullptr ? std::u16string_view(named->name) : u"");
+  if (fault != ERROR_SUCCESS) return fault;
+  detail::SubKeyReading reading(names);
+  const Guard guard(g_lock);
+  Handle* handle = nullptr;
+  if (const ErrorCode code = EnterToRead(key, KEY_READ, handle); code != ERROR_SUCCESS) return code;
+  return g_store->SubKeys(
+      handle->place, after, most,
+      [&](std::span<const std::byte> fold, std::uint32_t type, std::span<const std::byte> data) {
+        reading.Note(fold, type, data);
+      },
+      [&](std::u16string name, ErrorCode failure) { reading.Tell(std::move(name), failure, seen); });
 }
 
 // --- Reading ahead ---

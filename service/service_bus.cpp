@@ -410,11 +410,10 @@ BusError CServiceBus::ListPage(MessageReader& call, MessageWriter& reply) {
     }
     afterId = platform::GuidText(id);
   }
-  std::vector<ListRow> rows;
-  BusError error = AppendStatus(reply, m_list.Page(afterId, limit, rows));
+  BusError error = AppendStatus(reply, m_list.Page(afterId, limit, m_page));
   if (error.IsSet()) return error;
   reply.OpenArray("(" + std::string(kListRowContents) + ")");
-  for (const ListRow& row : rows) {
+  for (const ListRow& row : m_page) {
     AppendListRow(reply, row);
     if (reply.BytesSoFar() > m_replyLimit / 2) break;  // the next page goes on behind it
   }

@@ -96,7 +96,7 @@ TEST_F(ListInfo, PagesMeetEveryScheduleOnce) {
   }
 }
 
-TEST_F(ListInfo, LargePagesThatAreReadAheadMeetEveryScheduleOnce) {
+TEST_F(ListInfo, LargePagesMeetEveryScheduleOnce) {
   const SCHEDULE_OBJECT schedule = Daily();
   std::vector<std::string> ids;
   for (std::uint32_t i = 0; i < 700; ++i) {  // keys alone: the list tells of them too
@@ -132,6 +132,45 @@ TEST_F(ListInfo, GoesOnBehindAnIdWhateverHappenedMeanwhile) {
   deleteOne(ids[4]);  // the place itself is gone
   EXPECT_THAT(Ids(Page(testing::Wide(ids[4]), 2)), ElementsAre(ids[5]));
   EXPECT_THAT(Page(testing::Wide(ids[5]), 2), IsEmpty());
+}
+
+TEST_F(ListInfo, AChangeByAnybodyIsInTheNextPage) {
+  std::vector<std::string> ids = CreateMany(4);
+  EXPECT_EQ(Ids(Page()), ids);
+  EXPECT_EQ(Ids(Page()), ids);  // from what was kept
+  ids.push_back(Text(Create(Daily())));
+  std::sort(ids.begin(), ids.end());
+  EXPECT_EQ(Ids(Page()), ids);
+  ScheduleGuid id;
+  ASSERT_EQ(platform::ClsidFromString(testing::Wide(ids[2]), id), 0u);
+  SCHEDULE_OBJECT changed = Daily();
+  changed.bstrParameters = u"--other";
+  ASSERT_EQ(m_service.ModifySchedule(id, changed), kStatusOk);
+  EXPECT_EQ(Page()[2].parameters, u"--other");
+  RemoveValue(id, u"PostScript");
+  EXPECT_EQ(Page()[2].nextWindow, kDamagedKey);
+  EXPECT_EQ(Page()[3].wrapper, u"/bin/true");
+}
+
+TEST_F(ListInfo, AValueThatCouldntBeReadIsTriedAgain) {
+  const std::vector<std::string> ids = CreateMany(2);
+  {
+    const auto plan =
+        platform::FaultPlan::FailCall(platform::Operation::kRegQueryValue, 3, platform::ERROR_REGISTRY_IO_FAILED);
+    EXPECT_EQ(Page()[0].nextWindow, kDamagedKey);
+  }
+  EXPECT_EQ(Page()[0].wrapper, u"/bin/true");
+}
+
+TEST_F(ListInfo, PagesOfDifferentReadersDontMixUp) {
+  const std::vector<std::string> ids = CreateMany(7);
+  EXPECT_THAT(Ids(Page(testing::Wide(ids[3]), 2)), ElementsAre(ids[4], ids[5]));
+  EXPECT_THAT(Ids(Page({}, 2)), ElementsAre(ids[0], ids[1]));  // in front of what was kept
+  EXPECT_THAT(Ids(Page(testing::Wide(ids[4]), 1)), ElementsAre(ids[5]));  // far behind it
+  EXPECT_THAT(Ids(Page(testing::Wide(ids[4]), 5)), ElementsAre(ids[5], ids[6]));
+  EXPECT_THAT(Ids(Page(testing::Wide(ids[5]), 5)), ElementsAre(ids[6]));
+  EXPECT_EQ(Ids(Page()), ids);
+  EXPECT_THAT(Page(u"{FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF}"), IsEmpty());
 }
 
 TEST_F(ListInfo, FailsAsTheListDoesWhenTheKeysCantBeRead) {
