@@ -35,7 +35,7 @@ class QxschedProgram : public testing::Test {
     return words;
   }
   static std::vector<std::string> Environment() {
-    std::vector<std::string> environment = {"TZ=XXX+5", "PATH=/usr/bin:/bin", "HOME=/nonexistent"};
+    std::vector<std::string> environment = {"TZ=ZZZ+5", "PATH=/usr/bin:/bin", "HOME=/nonexistent"};
     for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
       if (const char* const value = std::getenv(name)) environment.push_back(std::string(name) + "=" + value);
     }

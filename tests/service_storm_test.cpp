@@ -1,6 +1,6 @@
 // Bad input from the bus: whatever a client sends, the service answers, goes on, and keeps what it has.
 //
-// The messages are random but repeatable: the seed is shown when a test fails, and QX_SEED gives another one.
+// The messages are random but repeatable: a failing test shows the number it began with, and QX_SEED gives another one.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -106,7 +106,7 @@ TEST_F(Batch, HandsAnchorAndEffectiveDateToTheQuery) {
 }
 
 TEST_F(Batch, TakesTheProcessesZone) {
-  const platform::ScopedZone east("XXX-2");
+  const platform::ScopedZone east("ZZZ-2");
   EXPECT_EQ(Answer(R"({"fresh":true,"ref":1714651200})")["windows"][0]["start"], 1714687200);
 }
 

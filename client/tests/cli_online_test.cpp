@@ -104,8 +104,8 @@ TEST_F(CliOnline, CutsWhatATerminalHasNoRoomFor) {
 
 TEST_F(CliOnline, ShowsTimesInTheZoneOfTheService) {
   Have(Id(0xAAAA1111), u"one", kTonight);
-  service.facts.zone = "XXX+5";
-  EXPECT_THAT(Ask({"list"}).out, AllOf(HasSubstr("2026-11-30 16:00:00 -0500"), HasSubstr("zone XXX+5.")));
+  service.facts.zone = "ZZZ+5";
+  EXPECT_THAT(Ask({"list"}).out, AllOf(HasSubstr("2026-11-30 16:00:00 -0500"), HasSubstr("zone ZZZ+5.")));
 }
 
 TEST_F(CliOnline, RefusesAZoneThatIsUnknownHere) {
@@ -202,7 +202,7 @@ TEST_F(CliOnline, SaysThatNoWindowComes) {
 
 TEST_F(CliOnline, ComputesTheWindowsOfAScheduleOfTheService) {
   Have(Id(0xAAAA1111), u"first", kTonight);
-  service.facts.zone = "XXX+5";
+  service.facts.zone = "ZZZ+5";
   const Result result = Ask({"next", "first", "-n", "1", "--no-legend", "--from", "2026-12-01 00:00"});
   EXPECT_EQ(result.exit, 0);
   EXPECT_EQ(result.out, "2026-12-01 16:00:00 -0500  Tue  2026-12-01 18:00:00 -0500\n");
@@ -270,7 +270,7 @@ TEST_F(CliOnline, AddsAScheduleFromAFile) {
 }
 
 TEST_F(CliOnline, ReadsTimesOfAFileInTheZoneOfTheService) {
-  service.facts.zone = "XXX+5";
+  service.facts.zone = "ZZZ+5";
   ASSERT_EQ(Ask({"add", Write("a.toml", kDaily)}).exit, 0);
   EXPECT_EQ(service.schedules.begin()->second.stScheduleRules.lStartTime % 86400, 3 * 3600);
 }

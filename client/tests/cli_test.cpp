@@ -116,7 +116,7 @@ TEST_F(Cli, ShowsWindowsAsJson) {
 
 TEST_F(Cli, ComputesInTheZoneThatItIsTold) {
   const std::string file = Write("a.toml", kLastFriday);
-  const Result result = Run({"next", file, "-n", "1", "--no-legend", "--zone", "XXX+5"});
+  const Result result = Run({"next", file, "-n", "1", "--no-legend", "--zone", "ZZZ+5"});
   EXPECT_EQ(result.out, "2027-01-29 22:00:00 -0500  Fri  2027-01-30 02:00:00 -0500  skips 2026-12-25\n");
   EXPECT_EQ(Run({"next", file, "--zone", "Nowhere/Atall"}).exit, 2);
 }

@@ -417,7 +417,7 @@ TEST(TimeText, ReadsLengths) {
 }
 
 TEST(TimeText, ReadsInstants) {
-  const platform::Zone zone = platform::Zone::FromTz("XXX-2");
+  const platform::Zone zone = platform::Zone::FromTz("ZZZ-2");
   struct Case {
     const char* text;
     std::int64_t seconds;  // -1: refused
@@ -443,7 +443,7 @@ TEST(TimeText, ReadsInstants) {
 }
 
 TEST(TimeText, KnowsZonesByNameAndByRule) {
-  for (const char* zone : {"CET-1CEST,M3.5.0,M10.5.0/3", "XXX0", "<+03>-3", "UTC0"}) {
+  for (const char* zone : {"CET-1CEST,M3.5.0,M10.5.0/3", "ZZZ0", "<+03>-3", "UTC0"}) {
     EXPECT_TRUE(qx::IsKnownZone(zone)) << zone;
   }
   for (const char* zone : {"", "Nowhere/Atall", "/etc/localtime", "../localtime", "XX0", "<3", "ABC"}) {
@@ -589,7 +589,7 @@ SCHEDULE_OBJECT ArbitraryRecord(const platform::Zone& zone) {
 }
 
 TEST(ScheduleFile, ComesBackAsTheRecordThatWasWritten) {
-  for (const char* tz : {"UTC0", kWinterAndSummer, "XXX12", "XXX-13"}) {
+  for (const char* tz : {"UTC0", kWinterAndSummer, "ZZZ12", "ZZZ-13"}) {
     const platform::Zone zone = platform::Zone::FromTz(tz);
     EXPECT_TRUE(rc::check(std::string("write then read is the identity, zone ") + tz, [&] {
       const SCHEDULE_OBJECT record = ArbitraryRecord(zone);

@@ -86,7 +86,7 @@ TEST(TimeOfDay, ReadsBackALateEveningWestOfGreenwich) {
 
 TEST(TimeOfDay, GivesItsPresentedFieldsAsOneNumber) {
   const VirtualClock clock(Utc(2024, 1, 10, 12));
-  for (const char* const tz : {"UTC", "EST5", "JST-9", "XXX-14", "YYY12", "NPT-5:45"}) {
+  for (const char* const tz : {"UTC", "EST5", "JST-9", "ZZZ-14", "YYY12", "NPT-5:45"}) {
     const ScopedZone zone(tz);
     for (const int hour : {0, 3, 9, 15, 23}) {
       for (const WTime& time : {Local(hour, 59, 58, 997), Plain(hour, 1, 2, 3)}) {

@@ -175,7 +175,7 @@ TEST_F(ClockWatchTest, LoadsTheZoneAnewBeforeItsNotice) {
   ReloadZone();
   ClockWatch watch(Link());
   ASSERT_EQ(watch.Create(), ERROR_SUCCESS);
-  setenv("TZ", "XXX-5", 1);
+  setenv("TZ", "ZZZ-5", 1);
   Write("localtime.new", "x");
   std::filesystem::rename(directory + "/localtime.new", Link());
   EXPECT_EQ(Next(watch), (ClockNotice{ClockNotice::kTimeChange, true}));
