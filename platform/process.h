@@ -4,7 +4,7 @@
 // ('/' or '\') is searched on PATH, one with a separator is a path and goes through NativePath(). A child starts in a
 // session of its own with all signals at their defaults and none blocked, its input is the null device, every
 // descriptor above 2 is closed; working directory and environment are this process's, without NOTIFY_SOCKET and the
-// WATCHDOG_ variables.
+// WATCHDOG_ variables, and with what SetForThisProcess() covers as it was before.
 // One thread of this file (the reaper, started with the first child) takes the exit of every child of the process, so
 // nothing else in the process may start one and ask for its exit.
 // Threads: every function may be called from any thread; one object at a time from one thread.
@@ -29,6 +29,10 @@ namespace platform {
 // Where the output and error output of detached jobs go: the null device (false, the first setting), or where this
 // process's own go (true, for a service on a terminal). For the whole process.
 void SetJobOutputInherited(bool inherited);
+
+// Sets a variable of the environment for this process alone: its children go on getting the value that it had before,
+// or none. What others set afterwards in its place they get again. Called before threads.
+void SetForThisProcess(const std::string& variable, const std::string& value);
 
 // Starts a command line and forgets it. Returns when the program runs or couldn't be started; a failure leaves nothing
 // behind. The text is used up to a NUL. Asks Operation::kCreateProcess.

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <string>
@@ -227,10 +228,23 @@ bool IsForChildren(std::string_view variable) {
   return !variable.starts_with("NOTIFY_SOCKET=") && !variable.starts_with("WATCHDOG_");
 }
 
+// Assignments by SetForThisProcess(), each with the one that it covers, empty for none. Written before threads.
+std::map<std::string, std::string>& CoveredAssignments() {
+  static auto* const covered = new std::map<std::string, std::string>;
+  return *covered;
+}
+
 std::vector<char*> ChildEnvironment() {
+  std::map<std::string, std::string>& covered = CoveredAssignments();
   std::vector<char*> variables;
   for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
-    if (IsForChildren(*variable)) variables.push_back(*variable);
+    if (!IsForChildren(*variable)) continue;
+    const auto found = covered.find(*variable);
+    if (found == covered.end()) {
+      variables.push_back(*variable);
+    } else if (!found->second.empty()) {
+      variables.push_back(found->second.data());
+    }
   }
   variables.push_back(nullptr);
   return variables;
@@ -276,6 +290,18 @@ std::vector<std::u16string> SplitCommandLine(std::u16string_view line) {
     if (at == line.size()) return words;
     words.push_back(TakeArgument(line, at));
   }
+}
+
+void SetForThisProcess(const std::string& variable, const std::string& value) {
+  std::map<std::string, std::string>& covered = CoveredAssignments();
+  const std::string name = variable + "=";
+  std::string before;
+  if (const char* const set = std::getenv(variable.c_str())) before = name + set;
+  // Set twice, the first of them tells what was there before.
+  if (const auto own = covered.find(before); own != covered.end()) before = own->second;
+  std::erase_if(covered, [&](const auto& entry) { return entry.first.starts_with(name); });
+  setenv(variable.c_str(), value.c_str(), 1);
+  if (before != name + value) covered.emplace(name + value, before);
 }
 
 void SetJobOutputInherited(bool inherited) { g_jobOutputInherited.store(inherited); }

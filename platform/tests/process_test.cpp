@@ -201,6 +201,28 @@ TEST_F(ProcessTest, HidesTheServiceManagersVariablesFromAJob) {
   EXPECT_EQ(Text("pwd"), std::filesystem::current_path().string() + "\n");
 }
 
+TEST_F(ProcessTest, KeepsAVariableOfThisProcessAloneFromAJob) {
+  const auto inAJob = [&](const std::string& name) {
+    Run(Script("job", "env > '" + Path("out") + "'"));
+    return Text("out").find("\n" + name) != std::string::npos || Text("out").starts_with(name);
+  };
+  SetForThisProcess("QX_TEST_OWN", "1");
+  EXPECT_STREQ(std::getenv("QX_TEST_OWN"), "1");
+  EXPECT_FALSE(inAJob("QX_TEST_OWN="));
+  SetForThisProcess("QX_TEST_OWN", "2");
+  EXPECT_STREQ(std::getenv("QX_TEST_OWN"), "2");
+  EXPECT_FALSE(inAJob("QX_TEST_OWN="));
+  {
+    const ScopedVariable given("QX_TEST_OWN", "of somebody else");
+    EXPECT_TRUE(inAJob("QX_TEST_OWN=of somebody else\n"));
+    SetForThisProcess("QX_TEST_OWN", "3");
+    EXPECT_TRUE(inAJob("QX_TEST_OWN=of somebody else\n"));
+    SetForThisProcess("QX_TEST_OWN", "of somebody else");
+    EXPECT_TRUE(inAJob("QX_TEST_OWN=of somebody else\n"));
+  }
+  unsetenv("QX_TEST_OWN");
+}
+
 struct RefusedLine {
   std::string line;
   ErrorCode code;
