@@ -47,7 +47,7 @@ enum class SecurityLoad {
 // Loads the library and its table of functions, once; a second call while it is loaded is kLoaded.
 //   code  the system's code of a failure; nothing stays loaded then
 [[nodiscard]] SecurityLoad LoadSecurityPackage(ErrorCode& code);
-// Takes the table away. Credentials and contexts that live keep the library until they are gone.
+// Takes the table away, and what credentials are kept. Credentials and contexts in use keep the library to their end.
 void FreeSecurityPackage();
 [[nodiscard]] bool IsSecurityPackageLoaded();
 
@@ -84,7 +84,9 @@ class SecurityCredentials {
   SecurityCredentials& operator=(SecurityCredentials&&) noexcept;
   ~SecurityCredentials();
 
-  // Acquires the process's own credentials. Those for outbound use choose their mechanism here, once.
+  // Acquires the process's own credentials. Those for outbound use choose their mechanism here, once. What nobody uses
+  // any more is kept for the next acquisition, at most ten minutes long, until the realm's ticket ends, or until one of
+  // the files behind it changes (credentials_stamp.h).
   //   out      untouched on failure
   //   returns  0; SEC_E_NO_CREDENTIALS: neither a realm nor a credentials file (for outbound use; inbound ones are
   //            always given); SEC_E_SECPKG_NOT_FOUND: no package is loaded; other statuses
@@ -100,7 +102,9 @@ class SecurityCredentials {
 
  private:
   friend class SecurityContext;
+  friend void FreeSecurityPackage();
   struct State;
+  class IdlePool;
   std::unique_ptr<State> m_state;
 };
 
@@ -158,7 +162,8 @@ class AnonymousSid {
 // --- the credentials file ---
 
 // The file that NTLM takes its secrets from. The library reads it anew at each exchange and looks at no mode.
-// What stands in the environment (NTLM_USER_FILE) wins over `standard`; the name is put there. Called before threads.
+// What stands in the environment (NTLM_USER_FILE) wins over `standard`; the name is put there, for this process and not
+// for its children. Called before threads.
 //   file     the file's name, also when there is none or it is refused
 //   why      when it is refused: a sentence
 //   returns  0; ERROR_FILE_NOT_FOUND (2): there is none; ERROR_ACCESS_DENIED (5): it isn't a file of this account's

@@ -10,13 +10,17 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <utility>
 
+#include "platform/clock.h"
+#include "platform/credentials_stamp.h"
 #include "platform/fault_point.h"
 #include "platform/library.h"
+#include "platform/process.h"
 #include "platform/text.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -53,6 +57,17 @@ bool SameOid(gss_OID a, const gss_OID_desc& b) {
 
 // What an anonymous principal's text begins with (RFC 8062).
 constexpr std::u16string_view kAnonymousPrincipal = u"WELLKNOWN/ANONYMOUS@";
+
+// The longest time for which credentials are kept: it bounds what no look at a file tells, as a keytab that the realm's
+// configuration names.
+constexpr std::uint64_t kLongestKeptSeconds = 600;
+
+std::uint64_t SteadyMilliseconds() {
+  ClockSource* const clock = InstalledClockSource();
+  if (clock != nullptr) return clock->SteadyMilliseconds();
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
 
 // The library and its entries.
 struct Table {
@@ -221,19 +236,24 @@ class OwnedCredentials {
   gss_cred_id_t m_handle = GSS_C_NO_CREDENTIAL;
 };
 
-// The process's own principal, when a realm gives it a ticket.
-bool FindPrincipal(const TablePointer& table, std::u16string& principal) {
+// What a realm gives this process: its principal, and for how long.
+struct Ticket {
+  std::u16string principal;
+  OM_uint32 seconds = 0;
+};
+bool FindTicket(const TablePointer& table, Ticket& ticket) {
   OM_uint32 minor = 0;
   OwnedCredentials credentials(table);
   if (credentials.Acquire(g_krb5, GSS_C_INITIATE, minor) != GSS_S_COMPLETE) return false;
   OwnedName name(*table);
   // Acquiring looks at files only; this asks the realm.
-  if (table->gss_inquire_cred(&minor, credentials.get(), name.Receive(), nullptr, nullptr, nullptr) != GSS_S_COMPLETE) {
+  if (table->gss_inquire_cred(&minor, credentials.get(), name.Receive(), &ticket.seconds, nullptr, nullptr) !=
+      GSS_S_COMPLETE) {
     return false;
   }
   OwnedBuffer text(*table);
   if (table->gss_display_name(&minor, name.get(), text.Receive(), nullptr) != GSS_S_COMPLETE) return false;
-  principal = text.Text();
+  ticket.principal = text.Text();
   return true;
 }
 
@@ -251,11 +271,6 @@ SecurityLoad LoadSecurityPackage(ErrorCode& code) {
   if (code != ERROR_SUCCESS) return SecurityLoad::kNoEntry;
   g_table = std::move(table);
   return SecurityLoad::kLoaded;
-}
-
-void FreeSecurityPackage() {
-  const std::lock_guard hold(g_tableLock);
-  g_table.reset();
 }
 
 bool IsSecurityPackageLoaded() { return CurrentTable() != nullptr; }
@@ -293,16 +308,77 @@ struct SecurityCredentials::State {
   CredentialsUse use = CredentialsUse::kInbound;
   bool usesRealm = false;
   std::u16string principal;
+  CredentialsStamp stamp;       // of the moment ahead of the acquisition
+  std::uint64_t keptUntil = 0;  // of the steady clock, in milliseconds
+  bool spoiled = false;         // it failed to make a token: the next one is acquired anew
+  // Whether this one, which was acquired, can stand for another that would be acquired now.
+  [[nodiscard]] bool IsAsGoodAs(const State& wanted) const {
+    return table == wanted.table && usesRealm == wanted.usesRealm && principal == wanted.principal &&
+           stamp == wanted.stamp && SteadyMilliseconds() < keptUntil;
+  }
   ~State() {
     OM_uint32 minor = 0;
     if (handle != GSS_C_NO_CREDENTIAL) (void)table->gss_release_cred(&minor, &handle);
   }
 };
 
+// Credentials outlive their connections: the NTLM module forgets some bytes at each acquisition. Each has one user at a
+// time, so that there are as many as were ever in use at once. Threads: any.
+class SecurityCredentials::IdlePool {
+ public:
+  static IdlePool& Instance() {
+    static auto* const pool = new IdlePool;
+    return *pool;
+  }
+  // One that is as good as one acquired now, empty for none; what isn't any more is given up.
+  std::unique_ptr<State> Take(const State& wanted) {
+    std::vector<std::unique_ptr<State>> stale;  // released behind the lock
+    const std::lock_guard hold(m_lock);
+    for (std::size_t i = m_idle.size(); i-- > 0;) {
+      if (m_idle[i]->use != wanted.use) continue;
+      std::unique_ptr<State> found = std::move(m_idle[i]);
+      m_idle.erase(m_idle.begin() + static_cast<std::ptrdiff_t>(i));
+      if (found->IsAsGoodAs(wanted)) return found;
+      stale.push_back(std::move(found));
+    }
+    return nullptr;
+  }
+  void GiveBack(std::unique_ptr<State> state) {
+    if (!state || state->spoiled || !state->stamp.IsSettled()) return;
+    // Freed in between, the package isn't kept for them.
+    const std::lock_guard hold(m_lock);
+    if (CurrentTable() == state->table) m_idle.push_back(std::move(state));
+  }
+  void Drop() {
+    std::vector<std::unique_ptr<State>> dropped;
+    const std::lock_guard hold(m_lock);
+    dropped.swap(m_idle);
+  }
+
+ private:
+  std::mutex m_lock;                           // g_tableLock is taken while it is held, never the other way
+  std::vector<std::unique_ptr<State>> m_idle;  // guarded by m_lock
+};
+
 SecurityCredentials::SecurityCredentials() = default;
 SecurityCredentials::SecurityCredentials(SecurityCredentials&&) noexcept = default;
-SecurityCredentials& SecurityCredentials::operator=(SecurityCredentials&&) noexcept = default;
-SecurityCredentials::~SecurityCredentials() = default;
+SecurityCredentials& SecurityCredentials::operator=(SecurityCredentials&& other) noexcept {
+  if (this == &other) return *this;
+  IdlePool::Instance().GiveBack(std::move(m_state));
+  m_state = std::move(other.m_state);
+  return *this;
+}
+SecurityCredentials::~SecurityCredentials() {
+  IdlePool::Instance().GiveBack(std::move(m_state));
+}
+
+void FreeSecurityPackage() {
+  {
+    const std::lock_guard hold(g_tableLock);
+    g_table.reset();
+  }
+  SecurityCredentials::IdlePool::Instance().Drop();
+}
 
 SecurityStatus SecurityCredentials::Acquire(CredentialsUse use, std::uint64_t, SecurityCredentials& out) {
   if (const ErrorCode fault = FaultAt(Operation::kAcquireCredentials); fault != ERROR_SUCCESS) return fault;
@@ -313,8 +389,20 @@ SecurityStatus SecurityCredentials::Acquire(CredentialsUse use, std::uint64_t, S
   if (!state->table) return SEC_E_SECPKG_NOT_FOUND;
   const Table& table = *state->table;
   const bool outbound = use == CredentialsUse::kOutbound;
+  state->stamp = CredentialsStamp::Take();
+  std::uint64_t seconds = kLongestKeptSeconds;
   // One mechanism is offered, not both: the target's name is of the form that the chosen one takes.
-  if (outbound) state->usesRealm = FindPrincipal(state->table, state->principal);
+  if (Ticket ticket; outbound && FindTicket(state->table, ticket)) {
+    state->usesRealm = true;
+    state->principal = ticket.principal;
+    seconds = std::min<std::uint64_t>(seconds, ticket.seconds);
+  }
+  if (auto kept = IdlePool::Instance().Take(*state)) {
+    out = {};
+    out.m_state = std::move(kept);
+    return SEC_E_OK;
+  }
+  if (const ErrorCode fault = FaultAt(Operation::kAcquireCredentials, "anew"); fault != ERROR_SUCCESS) return fault;
   OwnedCredentials credentials(state->table);
   OM_uint32 minor = 0;
   OM_uint32 major = credentials.Acquire(g_spnego, outbound ? GSS_C_INITIATE : GSS_C_ACCEPT, minor);
@@ -324,6 +412,8 @@ SecurityStatus SecurityCredentials::Acquire(CredentialsUse use, std::uint64_t, S
   }
   if (major != GSS_S_COMPLETE) return Refused(table, major, minor, outbound ? Side::kInitiator : Side::kAcceptor);
   state->handle = credentials.Release();
+  state->keptUntil = SteadyMilliseconds() + seconds * 1000;
+  out = {};
   out.m_state = std::move(state);
   return SEC_E_OK;
 }
@@ -402,7 +492,10 @@ SecurityStatus SecurityContext::Initialize(const SecurityCredentials& credential
                                       (request & ISC_REQ_CONFIDENTIALITY) != 0 ? GSS_C_CONF_FLAG : 0, 0,
                                       GSS_C_NO_CHANNEL_BINDINGS, input.empty() ? GSS_C_NO_BUFFER : &token, nullptr,
                                       made.Receive(), nullptr, nullptr);
-  if (GSS_ERROR(major)) return Refused(*table, major, minor, Side::kInitiator);
+  if (GSS_ERROR(major)) {
+    credentials.m_state->spoiled = true;
+    return Refused(*table, major, minor, Side::kInitiator);
+  }
   if (made.size() > maxOutput) return SEC_E_BUFFER_TOO_SMALL;
   output = made.Bytes();
   state->complete = major == GSS_S_COMPLETE;
@@ -497,15 +590,15 @@ ErrorCode UseCredentialsFile(const std::string& standard, std::string& file, std
   struct stat info {};
   if (stat(file.c_str(), &info) != 0) {
     const int error = errno;
-    setenv(kUserFileVariable, file.c_str(), 1);  // one that is made later counts at once
+    SetForThisProcess(kUserFileVariable, file);  // one that is made later counts at once
     return ErrorCodeFromErrno(error);
   }
   if (const std::string reason = ReasonToRefuse(info); !reason.empty()) {
     why = file + " " + reason;
-    setenv(kUserFileVariable, kNoFile, 1);
+    SetForThisProcess(kUserFileVariable, kNoFile);
     return ERROR_ACCESS_DENIED;
   }
-  setenv(kUserFileVariable, file.c_str(), 1);
+  SetForThisProcess(kUserFileVariable, file);
   return ERROR_SUCCESS;
 }
 

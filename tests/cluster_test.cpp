@@ -27,7 +27,9 @@ TEST_F(ClusterTest, FourNodesTakeACreationAModificationACommandAndADeletion) {
 
   // Each node's hosts file lies in its own mount namespace, so that the command tells where it ran.
   const std::string mark = Node(0).Jobs() + "/ran.";
-  ASSERT_EQ(Perform(Addresses(), "/bin/sh -c \"/usr/sbin/ip -4 -o addr show dev eth0 >> " + mark + "$$\""), 0u);
+  ASSERT_EQ(Perform(Addresses(),
+                    "/bin/sh -c \"/usr/sbin/ip -4 -o addr show dev eth0 >> " + mark + "$$; env >> " + mark + "$$\""),
+            0u);
   EXPECT_THAT(m_results, ElementsAre(1, 0, 0, 0));  // the command runs on the others only
   std::string ran;
   for (const auto& file : std::filesystem::directory_iterator(Node(0).Jobs())) {
@@ -35,6 +37,8 @@ TEST_F(ClusterTest, FourNodesTakeACreationAModificationACommandAndADeletion) {
   }
   EXPECT_THAT(ran, Not(HasSubstr(NodeCluster::Address(0) + "/")));
   for (int i = 1; i < kNodes; ++i) EXPECT_THAT(ran, HasSubstr(NodeCluster::Address(i) + "/")) << i;
+  EXPECT_THAT(ran, HasSubstr("TZ=UTC"));
+  EXPECT_THAT(ran, Not(HasSubstr("NTLM_USER_FILE")));  // the place of the secret is the service's business alone
 
   ASSERT_EQ(Delete(Addresses(), id), 0u);
   EXPECT_THAT(m_results, ElementsAre(0, 0, 0, 0));

@@ -1,6 +1,7 @@
 #include "platform/security.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,11 +9,14 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "platform/process.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/virtual_clock.h"
 #include "platform/text.h"
 
 namespace platform {
@@ -192,6 +196,182 @@ TEST_F(Security, WhatLivesKeepsTheLibrary) {
   FreeSecurityPackage();
   Exchange(initiator, acceptor);
   EXPECT_EQ(acceptor.status, SEC_E_OK);
+}
+
+// Credentials that are kept between two uses. The clock stands years off the files' times, so that a change of theirs
+// can't be missed.
+class KeptCredentials : public Security {
+ protected:
+  // Acquisitions from the library, from now on.
+  static FaultPlan CountAcquisitions() {
+    return FaultPlan::FailCall(Operation::kAcquireCredentials, 1 << 30, 1, kOnce, "anew");
+  }
+  static void AcquireAndGiveBack() {
+    Side initiator, acceptor;
+    Acquire(initiator, acceptor);
+  }
+  VirtualClock m_clock{1000};
+};
+
+TEST_F(KeptCredentials, AThousandExchangesAcquireOnceForEachSide) {
+  const FaultPlan plan = CountAcquisitions();
+  for (int i = 0; i < 1000; ++i) {
+    Side initiator, acceptor;
+    Acquire(initiator, acceptor);
+    Exchange(initiator, acceptor);
+    ASSERT_EQ(initiator.status, SEC_E_OK) << i;
+    ASSERT_EQ(acceptor.status, SEC_E_OK) << i;
+  }
+  EXPECT_EQ(plan.calls(), 2);
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(KeptCredentials, AThousandExchangesLeaveNothingAllocated) {
+  const auto exchange = [](int count) {
+    for (int i = 0; i < count; ++i) {
+      Side initiator, acceptor;
+      Acquire(initiator, acceptor);
+      Exchange(initiator, acceptor);
+      ASSERT_EQ(acceptor.status, SEC_E_OK);
+    }
+  };
+  exchange(4000);  // the libraries' own tables have grown by then
+  const std::size_t before = mallinfo2().uordblks;
+  exchange(1000);
+  // An acquisition leaves more than 50 bytes, which would be 50000.
+  EXPECT_LT(static_cast<std::ptrdiff_t>(mallinfo2().uordblks) - static_cast<std::ptrdiff_t>(before), 10000);
+}
+#endif
+
+TEST_F(KeptCredentials, ThoseInUseAtOnceAreEachTheirOwn) {
+  const FaultPlan plan = CountAcquisitions();
+  for (int round = 0; round < 3; ++round) {
+    std::vector<SecurityCredentials> several(8);
+    for (SecurityCredentials& credentials : several) {
+      ASSERT_EQ(SecurityCredentials::Acquire(CredentialsUse::kInbound, 1, credentials), SEC_E_OK);
+    }
+    EXPECT_EQ(plan.calls(), 8) << round;
+  }
+}
+
+TEST_F(KeptCredentials, AnotherSecretCountsAtOnce) {
+  AcquireAndGiveBack();
+  std::filesystem::remove(m_file);
+  ASSERT_EQ(MakeCredentialsFile(m_file, "OTHER", "account"), 0u);
+  const FaultPlan plan = CountAcquisitions();
+  Side initiator, acceptor;
+  Acquire(initiator, acceptor);
+  EXPECT_EQ(plan.calls(), 2);
+  Exchange(initiator, acceptor);
+  EXPECT_EQ(acceptor.status, SEC_E_OK);
+  EXPECT_EQ(acceptor.context.PeerName(), u"OTHER\\account");
+}
+
+TEST_F(KeptCredentials, ASecretThatIsTakenAwayIsGone) {
+  AcquireAndGiveBack();
+  std::filesystem::remove(m_file);
+  SecurityCredentials credentials;
+  EXPECT_EQ(SecurityCredentials::Acquire(CredentialsUse::kOutbound, 1, credentials), SEC_E_NO_CREDENTIALS);
+}
+
+TEST_F(KeptCredentials, AreGivenUpAfterTenMinutes) {
+  AcquireAndGiveBack();
+  const FaultPlan plan = CountAcquisitions();
+  m_clock.Advance(599'999);
+  AcquireAndGiveBack();
+  EXPECT_EQ(plan.calls(), 0);
+  m_clock.Advance(1);
+  AcquireAndGiveBack();
+  EXPECT_EQ(plan.calls(), 2);
+}
+
+TEST_F(KeptCredentials, ThatFailedToMakeATokenAreGivenUp) {
+  AcquireAndGiveBack();
+  const FaultPlan plan = CountAcquisitions();
+  {
+    Side initiator, acceptor;
+    Acquire(initiator, acceptor);
+    const Bytes garbage(100, 0x41);
+    for (const bool first : {true, false}) {
+      const SecurityStatus status = initiator.context.Initialize(initiator.credentials, u"Client", 0,
+                                                                 first ? Bytes() : garbage, kMax, initiator.token);
+      EXPECT_EQ(SecurityFailed(status), !first);
+    }
+    Bytes reply;
+    std::uint32_t attributes = 0;
+    EXPECT_TRUE(SecurityFailed(acceptor.context.Accept(acceptor.credentials, garbage, 0, kMax, reply, attributes)));
+  }
+  EXPECT_EQ(plan.calls(), 0);
+  AcquireAndGiveBack();
+  EXPECT_EQ(plan.calls(), 1);  // the accepting side's stay: what a caller says is no failure of theirs
+}
+
+TEST_F(KeptCredentials, AreFreedWithThePackage) {
+  AcquireAndGiveBack();
+  const FaultPlan plan = CountAcquisitions();
+  {
+    Side initiator, acceptor;
+    Acquire(initiator, acceptor);
+    FreeSecurityPackage();
+  }
+  ErrorCode code = 0;
+  ASSERT_EQ(LoadSecurityPackage(code), SecurityLoad::kLoaded);
+  AcquireAndGiveBack();
+  EXPECT_EQ(plan.calls(), 2);
+}
+
+TEST_F(Security, CredentialsOfAFileThatWasWrittenJustNowAreNotKept) {
+  struct stat info {};
+  ASSERT_EQ(stat(m_file.c_str(), &info), 0);
+  VirtualClock clock(info.st_ctim.tv_sec, static_cast<std::uint32_t>(info.st_ctim.tv_nsec / 1'000'000));
+  const FaultPlan plan = FaultPlan::FailCall(Operation::kAcquireCredentials, 1 << 30, 1, kOnce, "anew");
+  for (int i = 0; i < 3; ++i) {
+    SecurityCredentials credentials;
+    ASSERT_EQ(SecurityCredentials::Acquire(CredentialsUse::kInbound, 1, credentials), SEC_E_OK);
+  }
+  EXPECT_EQ(plan.calls(), 3);
+}
+
+TEST_F(Security, AFailedAcquisitionLeavesWhatWasThere) {
+  Side initiator, acceptor;
+  Acquire(initiator, acceptor);
+  const FaultPlan plan = FaultPlan::FailCall(Operation::kAcquireCredentials, 1, SEC_E_INTERNAL_ERROR, kOnce, "anew");
+  EXPECT_EQ(SecurityCredentials::Acquire(CredentialsUse::kOutbound, 1, initiator.credentials), SEC_E_INTERNAL_ERROR);
+  Exchange(initiator, acceptor);
+  EXPECT_EQ(acceptor.status, SEC_E_OK);
+}
+
+// What a child of this process gets as a variable; nothing when it gets none.
+std::optional<std::string> InAChild(const std::string& folder, const std::string& variable) {
+  const std::string out = folder + "/child.out";
+  std::uint32_t code = 77;
+  EXPECT_EQ(RunAndWait("/bin/sh -c \"env > " + out + "\"", code), 0u);
+  EXPECT_EQ(code, 0u);
+  std::ifstream in(out);
+  for (std::string line; std::getline(in, line);) {
+    if (line.starts_with(variable + "=")) return line.substr(variable.size() + 1);
+  }
+  return std::nullopt;
+}
+
+TEST_F(Security, TheNameOfTheCredentialsFileIsNoJobsBusinessUnlessTheServiceWasGivenIt) {
+  std::string file, why;
+  unsetenv("NTLM_USER_FILE");
+  for (const char* standard : {m_file.c_str(), "/nonexistent/nodes.key", m_file.c_str()}) {
+    (void)UseCredentialsFile(standard, file, why);
+    EXPECT_STREQ(getenv("NTLM_USER_FILE"), file.c_str());
+    EXPECT_EQ(InAChild(m_folder, "NTLM_USER_FILE"), std::nullopt);
+  }
+  // A name that it was given is everybody's, also when its file isn't used.
+  const std::string given = m_folder + "/given.key";
+  ASSERT_EQ(MakeCredentialsFile(given, "CLUSTER", "qxsvc"), 0u);
+  setenv("NTLM_USER_FILE", given.c_str(), 1);
+  ASSERT_EQ(UseCredentialsFile("", file, why), 0u);
+  EXPECT_EQ(InAChild(m_folder, "NTLM_USER_FILE"), given);
+  ASSERT_EQ(chmod(given.c_str(), 0644), 0);
+  ASSERT_EQ(UseCredentialsFile("", file, why), ERROR_ACCESS_DENIED);
+  EXPECT_STREQ(getenv("NTLM_USER_FILE"), "/dev/null");
+  EXPECT_EQ(InAChild(m_folder, "NTLM_USER_FILE"), given);
 }
 
 TEST_F(Security, TheTokenOfTheProcessNamesItsSession) {
