@@ -1,7 +1,6 @@
 #include "client/calendar.h"
 
 #include <algorithm>
-#include <cmath>
 #include <tuple>
 #include <utility>
 
@@ -19,7 +18,9 @@ constexpr std::int64_t kHours = 24;
 // A run of restarts shorter than this is asked for one by one.
 constexpr std::int64_t kShortestRun = 3;
 
-std::int64_t FloorDiv(std::int64_t a, std::int64_t b) { return a / b - (a % b < 0); }
+std::int64_t FloorDiv(std::int64_t a, std::int64_t b) {
+  return a / b - (a % b < 0);
+}
 
 bool AllDigits(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
@@ -64,8 +65,9 @@ std::int64_t RestartSeconds(zepISchedule2& schedule) {
   std::uint32_t interval = 0;
   (void)schedule.get_UseRestartInterval(&use);
   (void)schedule.get_RestartInterval(&interval);
-  return use != 0 && interval % kMillisecondsPerSecond == 0 ? static_cast<std::int64_t>(interval / kMillisecondsPerSecond)
-                                                            : 0;
+  return use != 0 && interval % kMillisecondsPerSecond == 0
+             ? static_cast<std::int64_t>(interval / kMillisecondsPerSecond)
+             : 0;
 }
 
 std::vector<std::int64_t> ExcludedDays(zepISchedule2& schedule, std::int64_t first, std::int64_t last,
@@ -86,7 +88,9 @@ std::vector<std::int64_t> ExcludedDays(zepISchedule2& schedule, std::int64_t fir
 
 // --- spans ---
 
-std::int64_t CalendarSpan::FirstDay() const { return platform::DaysFromCivil(year, month == 0 ? 1 : month, 1); }
+std::int64_t CalendarSpan::FirstDay() const {
+  return platform::DaysFromCivil(year, month == 0 ? 1 : month, 1);
+}
 
 std::int64_t CalendarSpan::LastDay() const {
   const bool yearEnds = month == 0 || month == 12;
@@ -140,7 +144,8 @@ void CalendarBuilder::MarkChanges() {
     const std::int32_t by = change.offsetAfter - change.offsetBefore;
     if (by == 0) continue;
     // The date that holds the begin of the gap or of the repeated time.
-    CalendarDay* const day = DayOf(FloorDiv(change.at + std::min(change.offsetBefore, change.offsetAfter), kDaySeconds));
+    CalendarDay* const day =
+        DayOf(FloorDiv(change.at + std::min(change.offsetBefore, change.offsetAfter), kDaySeconds));
     if (day == nullptr) continue;
     day->changeSeconds = by;
     day->changeAt = static_cast<std::int32_t>(change.at + change.offsetBefore - day->day * kDaySeconds);
@@ -226,14 +231,14 @@ Status CalendarBuilder::Add(std::string name, const SCHEDULE_OBJECT& record) {
   // One day ahead: a window of the last day before the span may be open on its first day.
   Walk walk(*schedule);
   Walk::Step step;
-  for (ZepTime from = m_zone.ToSeconds((m_first - 1) * kDaySeconds) - 1; walk.After(from, step) && step.start < m_behind;
-       from = step.start) {
+  for (ZepTime from = m_zone.ToSeconds((m_first - 1) * kDaySeconds) - 1;
+       walk.After(from, step) && step.start < m_behind; from = step.start) {
     const std::int64_t day = LocalDay(step.start, m_zone);
     const std::int64_t opening = m_zone.ToSeconds(day * kDaySeconds + timeOfDay);
     count(step, day, opening, step.start == opening ? 0 : 1);
     if (interval == 0) continue;
-    // Further restarts of this window on this date follow each other evenly up to its end, the opening of the date's own
-    // window or midnight, whichever comes first. The answer for the last but one tells that they are there.
+    // Further restarts of this window on this date follow each other evenly up to its end, the opening of the date's
+    // own window or midnight, whichever comes first. The answer for the last but one tells that they are there.
     const CalendarDay* const shown = DayOf(day);
     if (shown == nullptr || shown->change) continue;
     const std::int64_t behind =
@@ -247,8 +252,8 @@ Status CalendarBuilder::Add(std::string name, const SCHEDULE_OBJECT& record) {
   }
   flush();
 
-  const auto excluded = ExcludedDays(*schedule, m_first, m_first + static_cast<std::int64_t>(m_calendar.days.size()) - 1,
-                                     m_zone);
+  const auto excluded =
+      ExcludedDays(*schedule, m_first, m_first + static_cast<std::int64_t>(m_calendar.days.size()) - 1, m_zone);
   if (!excluded.empty()) {
     // The same rules without exclusions and restarts tell which of them take a run day away.
     (void)schedule->ClearSpecificDates(ZEP_SPECIFIC_EXCLUDE);
@@ -291,12 +296,16 @@ std::optional<int> BusiestHour(const CalendarDay& day) {
   return static_cast<int>(most - day.open.begin());
 }
 
+std::uint64_t MostOfDensity(int density, const Calendar& calendar) {
+  const auto step = static_cast<std::uint64_t>(density);
+  return std::max<std::uint64_t>(step, calendar.mostOnADay * step / kMostDensity);
+}
+
 int DensityOf(const CalendarDay& day, const Calendar& calendar) {
   if (day.windows == 0) return day.restarts > 0 ? 1 : 0;
-  if (calendar.mostOnADay <= 4) return static_cast<int>(day.windows);
-  const double part =
-      std::log(static_cast<double>(day.windows)) / std::log(static_cast<double>(calendar.mostOnADay));
-  return 1 + static_cast<int>(std::lround(3 * part));
+  int density = 1;
+  while (density < kMostDensity && day.windows > MostOfDensity(density, calendar)) ++density;
+  return density;
 }
 
 std::string ChangeText(const CalendarDay& day) {

@@ -1,9 +1,9 @@
 // client/calendar.h: the windows of any number of schedules, day by day, for a month or a year.
 //
 // The rules library gives every window; what lies between two of its answers is only counted where the library has
-// confirmed both ends of a run of restarts. Days are those of the local clock in the zone of the process, which must not
-// change while a builder lives. What is kept doesn't grow with the schedules beyond their names: of each day the counts
-// and the earliest entries. Threads: a builder on one thread.
+// confirmed both ends of a run of restarts. Days are those of the local clock in the zone of the process, which must
+// not change while a builder lives. What is kept doesn't grow with the schedules beyond their names: of each day the
+// counts and the earliest entries. Threads: a builder on one thread.
 #pragma once
 
 #include <array>
@@ -26,7 +26,7 @@ inline constexpr int kLastCalendarYear = 2037;
 // A month or a whole year.
 struct CalendarSpan {
   int year = 0;
-  int month = 0;  // 1 to 12; 0: the whole year
+  int month = 0;                                // 1 to 12; 0: the whole year
   [[nodiscard]] std::int64_t FirstDay() const;  // days since 1970-01-01
   [[nodiscard]] std::int64_t LastDay() const;
 };
@@ -36,8 +36,8 @@ struct CalendarSpan {
 // The month of an instant, the nearest one that has a calendar.
 [[nodiscard]] CalendarSpan CalendarMonthOf(std::int64_t seconds, const platform::Zone& zone);
 
-// What one schedule does from one moment of a day on: a window that opens with the restarts in it up to midnight, or the
-// restarts behind midnight of a window of the day before.
+// What one schedule does from one moment of a day on: a window that opens with the restarts in it up to midnight, or
+// the restarts behind midnight of a window of the day before.
 struct CalendarEntry {
   std::int64_t start = 0;      // seconds: of the window, or of the first restart
   std::int64_t end = 0;        // seconds: of the window
@@ -63,10 +63,10 @@ struct CalendarDay {
   std::uint64_t excluded = 0;  // schedules that would run
   // Windows that are open at some time of each hour of the local clock; an hour that comes twice counts as one.
   std::array<std::uint32_t, 24> open{};
-  bool change = false;            // the zone changes its offset on this date
-  std::int32_t changeSeconds = 0;  // by how much, where it is this date that loses (above 0) or repeats a time
-  std::int32_t changeAt = 0;       // and at what time of day by the clock that ends, in seconds, up to 86400
-  std::vector<CalendarEntry> entries;         // the earliest, in order of start, then of schedule
+  bool change = false;                 // the zone changes its offset on this date
+  std::int32_t changeSeconds = 0;      // by how much, where it is this date that loses (above 0) or repeats a time
+  std::int32_t changeAt = 0;           // and at what time of day by the clock that ends, in seconds, up to 86400
+  std::vector<CalendarEntry> entries;  // the earliest, in order of start, then of schedule
   std::vector<CalendarExclusion> exclusions;  // the first, in order of schedule
   std::uint64_t allEntries = 0;               // also those that aren't kept
 };
@@ -80,9 +80,9 @@ struct CalendarSchedule {
 
 struct Calendar {
   CalendarSpan span;
-  std::string zone;           // its name
-  std::int64_t now = 0;       // seconds, when it was made
-  std::int64_t today = 0;     // the local day of `now`
+  std::string zone;        // its name
+  std::int64_t now = 0;    // seconds, when it was made
+  std::int64_t today = 0;  // the local day of `now`
   std::vector<CalendarDay> days;
   std::vector<CalendarSchedule> schedules;
   std::uint64_t windows = 0;
@@ -121,9 +121,12 @@ class CalendarBuilder {
 // The hour of the day in which most windows are open, the first of equals; nothing where none is open.
 [[nodiscard]] std::optional<int> BusiestHour(const CalendarDay& day);
 
-// How full a day is, for a colour: 0 for nothing on it, else 1 to 4. Up to 4 windows each counts; beyond, the steps grow
-// by equal factors up to the fullest day of the calendar.
+// How full a day is, for a colour: 0 for nothing on it, else 1 to 4, the quarter of the fullest day's windows into
+// which its own fall; where no day has more than 4, each counts. Restarts alone are 1.
+inline constexpr int kMostDensity = 4;
 [[nodiscard]] int DensityOf(const CalendarDay& day, const Calendar& calendar);
+// The most windows that a day of a density, 1 to kMostDensity, can have.
+[[nodiscard]] std::uint64_t MostOfDensity(int density, const Calendar& calendar);
 
 // "clock goes forward 1h at 02:00", "clock changes" where the date only touches a change; empty for other days.
 [[nodiscard]] std::string ChangeText(const CalendarDay& day);

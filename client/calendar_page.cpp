@@ -11,7 +11,7 @@
 namespace qx {
 namespace {
 
-constexpr std::size_t kChips = 3;         // windows shown in the cell of a month's day
+constexpr std::size_t kChips = 3;          // windows shown in the cell of a month's day
 constexpr std::size_t kScheduleRows = 12;  // in the summary
 constexpr std::size_t kDaysOfWeek = 7;
 constexpr std::array<const char*, kDaysOfWeek> kWeekdays = {"Monday", "Tuesday",  "Wednesday", "Thursday",
@@ -19,10 +19,11 @@ constexpr std::array<const char*, kDaysOfWeek> kWeekdays = {"Monday", "Tuesday",
 
 constexpr const char* kStyle = R"css(
 :root{color-scheme:light dark;--page:#f6f7f9;--card:#fff;--ink:#1a2230;--soft:#5b6678;--line:#dfe3ea;--accent:#1f5fbf;
---d1:#d8e8fb;--d2:#a5c9f2;--d3:#5f9ee0;--d4:#2768b8;--on1:#17324f;--on2:#12304f;--on3:#08223f;--on4:#fff;
+--d1:#d8e8fb;--d2:#a5c9f2;--d3:#66a5e6;--d4:#2768b8;--on1:#17324f;--on2:#12304f;--on3:#08223f;--on4:#fff;--bar:#4689d0;
 --out:#b3323f;--outbg:#fbe4e6;--clock:#8a5a00;--clockbg:#fdeec9;--shadow:0 8px 28px rgba(20,30,50,.16)}
 @media (prefers-color-scheme:dark){:root{--page:#10141a;--card:#181e27;--ink:#e4e9f1;--soft:#98a4b6;--line:#2a3340;
---accent:#7fb2ff;--d1:#1c3350;--d2:#255083;--d3:#3a79c2;--d4:#7db4f5;--on1:#d7e6fa;--on2:#e6f0fd;--on3:#fff;--on4:#0b1a2c;
+--accent:#7fb2ff;--d1:#1c3350;--d2:#254d7d;--d3:#3670b6;--d4:#7db4f5;--on1:#d7e6fa;--on2:#e6f0fd;--on3:#fff;--on4:#0b1a2c;
+--bar:#4f91dc;
 --out:#ff8f99;--outbg:#41212a;--clock:#f2c661;--clockbg:#3d3117;--shadow:0 8px 28px rgba(0,0,0,.55)}}
 *{box-sizing:border-box}
 body{margin:0;background:var(--page);color:var(--ink);font:15px/1.45 system-ui,"Segoe UI",Roboto,"DejaVu Sans",sans-serif;
@@ -38,25 +39,25 @@ h3{font-size:13px;margin:16px 0 6px;color:var(--soft);font-weight:600}
 .grid{display:grid;grid-template-columns:repeat(7,minmax(0,1fr));gap:6px}
 .wd{color:var(--soft);font-size:12px;font-weight:600;padding:0 2px 2px}
 .day{border-radius:10px;outline:none}
-.day:hover,.day:focus{box-shadow:0 0 0 2px var(--accent)}
+.day:hover,.day:focus-within{box-shadow:0 0 0 2px var(--accent)}
 .d0{--bg:var(--card)}.d1{--bg:var(--d1);color:var(--on1)}.d2{--bg:var(--d2);color:var(--on2)}
 .d3{--bg:var(--d3);color:var(--on3)}.d4{--bg:var(--d4);color:var(--on4)}
 .d0,.d1,.d2,.d3,.d4{background:var(--bg)}
 .month .day{min-height:116px;padding:8px;border:1px solid var(--line);display:flex;flex-direction:column;gap:4px}
-.month .past>:not(.tip){opacity:.6}
 .month .day.d0,.month .day.d1,.month .day.d2,.month .day.d3,.month .day.d4{background:var(--card);color:var(--ink)}
+.month .day.past{background:var(--page)}.month .past .n,.month .past .chip{color:var(--soft)}
 .top{display:flex;align-items:center;gap:6px;min-height:24px}
 .n{font-weight:600;font-size:14px;display:inline-block;min-width:24px}
 .today .n{background:var(--accent);color:var(--card);border-radius:12px;text-align:center;padding:1px 6px}
 .count{margin-left:auto;font-size:12px;font-weight:600;border-radius:8px;padding:1px 7px}
 .chip{font-size:12px;line-height:1.35;white-space:nowrap;overflow:hidden;text-overflow:ellipsis;
-border-left:3px solid var(--d3);padding-left:6px}
+border-left:3px solid var(--bar);padding-left:6px}
 .chip b{font-weight:600;font-variant-numeric:tabular-nums}
 .more{font-size:12px;color:var(--soft);padding-left:9px}
 .tag{font-size:11px;font-weight:600;border-radius:6px;padding:1px 6px;white-space:nowrap;align-self:flex-start;
 max-width:100%;overflow:hidden;text-overflow:ellipsis}
 .x{color:var(--out);background:var(--outbg)}.c{color:var(--clock);background:var(--clockbg)}
-.chart{display:block;width:100%;fill:var(--d3)}
+.chart{display:block;width:100%;fill:var(--bar)}
 .month .day>.chart{height:16px;margin-top:auto}
 .months{display:grid;grid-template-columns:repeat(auto-fill,minmax(238px,1fr));gap:18px}
 .months .grid{gap:3px}
@@ -64,7 +65,8 @@ max-width:100%;overflow:hidden;text-overflow:ellipsis}
 .months .day{aspect-ratio:1;border-radius:7px;display:grid;place-items:center;font-size:12px;position:relative;
 font-variant-numeric:tabular-nums}
 .months .d0{color:var(--soft)}
-.months .past{background:color-mix(in srgb,var(--bg) 45%,var(--card));color:var(--soft)}
+.months .past{background:color-mix(in srgb,var(--bg) 25%,var(--card));
+color:color-mix(in srgb,var(--ink) 75%,var(--card))}
 .months .today{font-weight:700;box-shadow:inset 0 0 0 2px var(--accent)}
 .months .ex::after,.months .ch::before{content:"";position:absolute;width:6px;height:6px;border-radius:50%;top:3px;
 box-shadow:0 0 0 1.5px var(--card)}
@@ -84,9 +86,9 @@ list-style:none}
 .rows li span:last-child{color:var(--soft);font-variant-numeric:tabular-nums}
 .hint{color:var(--soft);font-size:13px;margin:14px 0 0}
 .tip{display:none;position:fixed;z-index:5;top:20px;right:max(clamp(14px,3vw,44px),calc((100vw - 1500px)/2));width:340px;
-max-height:calc(100vh - 40px);overflow:hidden auto;background:var(--card);color:var(--ink);border:1px solid var(--line);
+max-height:calc(100vh - 40px);overflow:hidden auto;overscroll-behavior:contain;background:var(--card);color:var(--ink);border:1px solid var(--line);
 border-radius:14px;padding:16px;box-shadow:var(--shadow);font-size:13px;font-weight:400;text-align:left;cursor:default}
-.day:hover>.tip{display:block;z-index:6}.day:focus>.tip{display:block}
+.day:hover>.tip{display:block;z-index:6}.day:focus-within>.tip{display:block}
 .tip strong{display:block;font-size:16px;margin-bottom:2px}
 .tip p{margin:0 0 8px;color:var(--soft)}
 .tip .chart{height:44px;margin:10px 0 0}
@@ -98,7 +100,7 @@ border-radius:14px;padding:16px;box-shadow:var(--shadow);font-size:13px;font-wei
 .tip .tag{display:inline-block;margin:0 4px 4px 0;white-space:normal}
 .tip s{color:var(--out)}
 @media (max-width:1080px){main{grid-template-columns:minmax(0,1fr)}aside{position:static}
-.tip{top:auto;bottom:10px;left:10px;right:10px;width:auto;max-height:56vh}}
+.day{scroll-margin:12px 0 calc(56vh + 22px)}.tip{top:auto;bottom:10px;left:10px;right:10px;width:auto;max-height:56vh}}
 @media (max-width:640px){h1{font-size:25px}.card{padding:12px}
 .month .blank,.month .wd{display:none}.month .grid{display:block}
 .month .day{min-height:0;margin-bottom:6px;flex-direction:row;flex-wrap:wrap;align-items:center;padding:6px 10px}
@@ -112,7 +114,9 @@ border-radius:14px;padding:16px;box-shadow:var(--shadow);font-size:13px;font-wei
 )css";
 
 // Monday 0 to Sunday 6.
-std::size_t Column(std::int64_t day) { return static_cast<std::size_t>(((day + 3) % 7 + 7) % 7); }
+std::size_t Column(std::int64_t day) {
+  return static_cast<std::size_t>(((day + 3) % 7 + 7) % 7);
+}
 
 std::string Grouped(std::uint64_t number) {
   std::string text = std::to_string(number);
@@ -124,7 +128,9 @@ std::string Counted(std::uint64_t count, const char* thing) {
   return Grouped(count) + " " + thing + (count == 1 ? "" : "s");
 }
 
-std::string Clock(std::int64_t seconds) { return FormatTimeOfDay(LocalTimeOfDay(seconds, platform::CurrentZone())); }
+std::string Clock(std::int64_t seconds) {
+  return FormatTimeOfDay(LocalTimeOfDay(seconds, platform::CurrentZone()));
+}
 
 std::string LongDate(std::int64_t day) {
   const platform::CivilDate date = platform::CivilFromDays(day);
@@ -142,13 +148,15 @@ class PageWriter {
 
   std::string Page() {
     const std::string title = HtmlText(SpanTitle(m_calendar.span));
-    m_out += "<!DOCTYPE html>\n<html xmlns=\"http://www.w3.org/1999/xhtml\" lang=\"en\">\n<head>\n"
-             "<meta charset=\"utf-8\"/>\n"
-             "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'unsafe-inline'; "
-             "img-src data:\"/>\n"
-             "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"/>\n"
-             "<link rel=\"icon\" href=\"data:,\"/>\n"
-             "<title>Schedules, " + title + "</title>\n<style>" + kStyle + "</style>\n</head>\n<body>\n<main>\n";
+    m_out +=
+        "<!DOCTYPE html>\n<html xmlns=\"http://www.w3.org/1999/xhtml\" lang=\"en\">\n<head>\n"
+        "<meta charset=\"utf-8\"/>\n"
+        "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'unsafe-inline'; "
+        "img-src data:\"/>\n"
+        "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"/>\n"
+        "<link rel=\"icon\" href=\"data:,\"/>\n"
+        "<title>Schedules, " +
+        title + "</title>\n<style>" + kStyle + "</style>\n</head>\n<body>\n<main>\n";
     m_out += "<header><h1>" + title + "</h1><p>" + Summary() + "</p></header>\n";
     if (m_calendar.span.month == 0) {
       m_out += "<div class=\"months\">\n";
@@ -170,9 +178,8 @@ class PageWriter {
 
  private:
   std::string Summary() const {
-    return Counted(m_calendar.schedules.size(), "schedule") + ", " + Counted(m_calendar.windows, "window") +
-           ", zone " + HtmlText(m_calendar.zone) + ". Made " +
-           HtmlText(FormatInstant(m_calendar.now, platform::CurrentZone())) +
+    return Counted(m_calendar.schedules.size(), "schedule") + ", " + Counted(m_calendar.windows, "window") + ", zone " +
+           HtmlText(m_calendar.zone) + ". Made " + HtmlText(FormatInstant(m_calendar.now, platform::CurrentZone())) +
            " from the rules of that moment; days that have passed show the same rules, not what ran.";
   }
 
@@ -201,8 +208,9 @@ class PageWriter {
     m_out += "</p>";
     if (day.change) m_out += "<span class=\"tag c\">" + ChangeText(day) + "</span>";
     if (const auto hour = BusiestHour(day)) {
-      m_out += Chart(day, 44) + "<div class=\"hours\"><span>00</span><span>06</span><span>12</span><span>18</span>"
-                                "<span>24</span></div>";
+      m_out += Chart(day, 44) +
+               "<div class=\"hours\"><span>00</span><span>06</span><span>12</span><span>18</span>"
+               "<span>24</span></div>";
       const std::uint32_t most = day.open[static_cast<std::size_t>(*hour)];
       if (most > 1) {
         char text[96];
@@ -225,7 +233,8 @@ class PageWriter {
       m_out += "<li>and " + Grouped(day.allEntries - day.entries.size()) + " more</li>";
     }
     for (const CalendarExclusion& exclusion : day.exclusions) {
-      m_out += "<li><s>" + Name(exclusion.schedule) + "</s><em>excluded; else " + HtmlText(exclusion.reason) + "</em></li>";
+      m_out +=
+          "<li><s>" + Name(exclusion.schedule) + "</s><em>excluded; else " + HtmlText(exclusion.reason) + "</em></li>";
     }
     if (day.excluded > day.exclusions.size()) {
       m_out += "<li>and " + Grouped(day.excluded - day.exclusions.size()) + " more excluded</li>";
@@ -243,7 +252,7 @@ class PageWriter {
     if (day.change) classes += " ch";
     if (day.allEntries + day.excluded == 0 && !day.change) classes += " e";
     const std::string number = std::to_string(platform::CivilFromDays(day.day).day);
-    m_out += "<div class=\"" + classes + "\" tabindex=\"0\" aria-label=\"" + LongDate(day.day) + ": " +
+    m_out += "<div class=\"" + classes + "\" tabindex=\"0\" role=\"group\" aria-label=\"" + LongDate(day.day) + ": " +
              Counted(day.windows, "window") + "\">";
     if (large) {
       m_out += "<div class=\"top\"><span class=\"n\" data-wd=\"" + std::string(kWeekdays[Column(day.day)]) + "\">" +
@@ -295,9 +304,12 @@ class PageWriter {
     row("Restarts", Grouped(m_calendar.restarts));
     row("Excluded run days", Grouped(m_calendar.excluded));
     row("Windows on the fullest day", Grouped(m_calendar.mostOnADay));
-    m_out += "</dl><ul class=\"key\"><li>fewer</li><li><i class=\"d1\"></i><i class=\"d2\"></i><i class=\"d3\"></i>"
-             "<i class=\"d4\"></i></li><li>more windows</li><li><i class=\"dot\"></i>excluded</li>"
-             "<li><i class=\"box\"></i>clock is set</li></ul>";
+    m_out += "</dl><ul class=\"key num\"><li>Windows a day up to</li>";
+    for (int density = 1; density <= kMostDensity; ++density) {
+      m_out += "<li><i class=\"d" + std::to_string(density) + "\"></i>" + Grouped(MostOfDensity(density, m_calendar)) +
+               "</li>";
+    }
+    m_out += "<li><i class=\"dot\"></i>excluded</li><li><i class=\"box\"></i>clock is set</li></ul>";
     std::vector<const CalendarSchedule*> busiest;
     for (const CalendarSchedule& schedule : m_calendar.schedules) busiest.push_back(&schedule);
     const std::size_t shown = std::min(kScheduleRows, busiest.size());
@@ -314,8 +326,9 @@ class PageWriter {
     }
     if (shown > 0) m_out += "</ul>";
     if (busiest.size() > shown) m_out += "<p class=\"hint\">and " + Grouped(busiest.size() - shown) + " more</p>";
-    m_out += "<p class=\"hint\">Point at a day, or reach it with Tab, to see its windows and why they are there.</p>"
-             "</div></aside>\n";
+    m_out +=
+        "<p class=\"hint\">Point at a day, or reach it with Tab, to see its windows and why they are there.</p>"
+        "</div></aside>\n";
   }
 
   const Calendar& m_calendar;
@@ -328,7 +341,10 @@ std::size_t CharacterLength(std::string_view text) {
   const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
   const unsigned first = byte(0);
   if (first < 0x80) return first >= 0x20 && first != 0x7F ? 1 : 0;
-  const std::size_t length = first >= 0xF0 && first < 0xF5 ? 4 : first >= 0xE0 && first < 0xF0 ? 3 : first >= 0xC2 && first < 0xE0 ? 2 : 0;
+  const std::size_t length = first >= 0xF0 && first < 0xF5   ? 4
+                             : first >= 0xE0 && first < 0xF0 ? 3
+                             : first >= 0xC2 && first < 0xE0 ? 2
+                                                             : 0;
   if (length == 0 || text.size() < length) return 0;
   std::uint32_t code = first & (0xFFu >> (length + 1));
   for (std::size_t i = 1; i < length; ++i) {
@@ -377,6 +393,8 @@ std::string HtmlText(std::string_view text) {
   return out;
 }
 
-std::string CalendarPage(const Calendar& calendar) { return PageWriter(calendar).Page(); }
+std::string CalendarPage(const Calendar& calendar) {
+  return PageWriter(calendar).Page();
+}
 
 }  // namespace qx

@@ -24,7 +24,9 @@ constexpr std::size_t kMostAbreast = 4;
 constexpr std::string_view kSigns = " .:+#";
 constexpr std::array<const char*, kDaysOfWeek> kWeekdays = {"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
 
-bool IsContinuation(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
+bool IsContinuation(char c) {
+  return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
+}
 
 std::size_t Width(std::string_view text) {
   return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) { return !IsContinuation(c); }));
@@ -46,7 +48,9 @@ std::string Pad(std::string text, std::size_t width) {
 }
 
 // Monday 0 to Sunday 6.
-std::size_t Column(std::int64_t day) { return static_cast<std::size_t>(((day + 3) % 7 + 7) % 7); }
+std::size_t Column(std::int64_t day) {
+  return static_cast<std::size_t>(((day + 3) % 7 + 7) % 7);
+}
 
 // "950", "12k", "3M".
 std::string Short(std::uint64_t count) {
@@ -120,9 +124,9 @@ std::vector<Piece> CellLines(const CalendarDay& day, const Calendar& calendar, s
     }
     if (all > shown) {
       const std::string more = shown == 0 ? "" : "+";
-      lines.push_back({Cut(more + Short(all - shown) + (width > kNarrowCell ? (shown == 0 ? " entries" : " more") : ""),
-                           width),
-                       Colour::kPlain});
+      lines.push_back(
+          {Cut(more + Short(all - shown) + (width > kNarrowCell ? (shown == 0 ? " entries" : " more") : ""), width),
+           Colour::kPlain});
     }
   }
   lines.resize(height);
@@ -143,7 +147,8 @@ std::string MonthGrid(const Calendar& calendar, const CalendarTextOptions& optio
     std::uint64_t most = 0;
     for (std::size_t i = 0; i < count; ++i) most = std::max(most, days[at + i].allEntries);
     const std::size_t room = cell - 1 < kNarrowCell ? 1 : 4;
-    const std::size_t height = 1 + static_cast<std::size_t>(std::min<std::uint64_t>(std::max<std::uint64_t>(most, 1), room));
+    const std::size_t height =
+        1 + static_cast<std::size_t>(std::min<std::uint64_t>(std::max<std::uint64_t>(most, 1), room));
     std::array<std::vector<Piece>, kDaysOfWeek> cells;
     for (std::size_t i = 0; i < count; ++i) cells[begin + i] = CellLines(days[at + i], calendar, width, height);
     for (std::size_t line = 0; line < height; ++line) {
@@ -222,7 +227,9 @@ std::string YearGrid(const Calendar& calendar, const CalendarTextOptions& option
 // What is out of the ordinary, a line for each thing.
 std::vector<std::string> Notes(const Calendar& calendar) {
   std::vector<std::string> notes;
-  const auto name = [&](std::uint32_t schedule) { return Cut(Printable(calendar.schedules[schedule].name), kLongestName); };
+  const auto name = [&](std::uint32_t schedule) {
+    return Cut(Printable(calendar.schedules[schedule].name), kLongestName);
+  };
   for (const CalendarDay& day : calendar.days) {
     const std::string date = FormatDate(day.day) + " " + WeekdayOf(day.day) + "  ";
     if (day.change) notes.push_back(date + ChangeText(day));
@@ -237,7 +244,8 @@ std::vector<std::string> Notes(const Calendar& calendar) {
       if (entry.last && last++ == 0) first = entry.schedule;
     }
     if (last > 0) {
-      notes.push_back(date + "last window: " + name(first) + (last > 1 ? " and " + std::to_string(last - 1) + " more" : ""));
+      notes.push_back(date + "last window: " + name(first) +
+                      (last > 1 ? " and " + std::to_string(last - 1) + " more" : ""));
     }
   }
   return notes;

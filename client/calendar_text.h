@@ -17,8 +17,8 @@ struct CalendarTextOptions {
 };
 
 // A month as a grid, each day with its number, marks and its first windows or their count; a year as small months whose
-// days bear a sign of how full they are. Below stand the days that are out of the ordinary: set clocks, exclusions, last
-// windows; a year's at most 40 of them. No line is longer than `columns`.
+// days bear a sign of how full they are. Below stand the days that are out of the ordinary: set clocks, exclusions,
+// last windows; a year's at most 40 of them. No line is longer than `columns`.
 [[nodiscard]] std::string CalendarText(const Calendar& calendar, const CalendarTextOptions& options);
 
 }  // namespace qx

@@ -30,7 +30,8 @@ constexpr std::size_t kTextColumns = 80;  // where the output says nothing of it
 
 int RefuseSpan(CliContext& context, const char* option, const std::string& given, const char* form) {
   const std::string years = std::to_string(kFirstCalendarYear) + " to " + std::to_string(kLastCalendarYear);
-  PrintError(context, std::string(option) + ": \"" + given + "\" has no calendar (allowed: " + form + ", years " + years + ")");
+  PrintError(context,
+             std::string(option) + ": \"" + given + "\" has no calendar (allowed: " + form + ", years " + years + ")");
   return kExitUsage;
 }
 
@@ -98,7 +99,8 @@ int AddSchedules(CliContext& context, Session& session, const std::vector<std::s
   return kExitDone;
 }
 
-int Collect(CliContext& context, const OnlineSettings& settings, const CalendarArguments& arguments, Calendar& calendar) {
+int Collect(CliContext& context, const OnlineSettings& settings, const CalendarArguments& arguments,
+            Calendar& calendar) {
   std::optional<CalendarSpan> span;
   if (const int exit = ReadSpan(context, arguments, span); exit != kExitDone) return exit;
   std::vector<std::string> files, words;
@@ -127,8 +129,8 @@ int Collect(CliContext& context, const OnlineSettings& settings, const CalendarA
 ordered_json CalendarJson(const Calendar& calendar) {
   ordered_json days = ordered_json::array();
   for (const CalendarDay& day : calendar.days) {
-    ordered_json item = {{"date", FormatDate(day.day)},  {"windows", day.windows}, {"restarts", day.restarts},
-                         {"excluded", day.excluded},     {"open_by_hour", day.open}, {"change", day.change},
+    ordered_json item = {{"date", FormatDate(day.day)},        {"windows", day.windows},   {"restarts", day.restarts},
+                         {"excluded", day.excluded},           {"open_by_hour", day.open}, {"change", day.change},
                          {"change_seconds", day.changeSeconds}};
     ordered_json entries = ordered_json::array();
     for (const CalendarEntry& entry : day.entries) {
@@ -149,12 +151,8 @@ ordered_json CalendarJson(const Calendar& calendar) {
     item["exclusions"] = std::move(exclusions);
     days.push_back(std::move(item));
   }
-  return {{"zone", calendar.zone},
-          {"schedules", calendar.schedules.size()},
-          {"windows", calendar.windows},
-          {"restarts", calendar.restarts},
-          {"excluded", calendar.excluded},
-          {"days", std::move(days)}};
+  return {{"zone", calendar.zone},         {"schedules", calendar.schedules.size()}, {"windows", calendar.windows},
+          {"restarts", calendar.restarts}, {"excluded", calendar.excluded},          {"days", std::move(days)}};
 }
 
 int WritePage(CliContext& context, const std::string& file, const std::string& page) {
@@ -186,8 +184,8 @@ int RunCalendar(CliContext& context, const OnlineSettings& settings, const Calen
   }
   BeginPaged(context);
   const std::size_t columns = settings.columns.value_or(context.columns);
-  context.out << CalendarText(calendar, {columns == 0 ? kTextColumns : columns, context.colourOut,
-                                         !context.options.noLegend});
+  context.out << CalendarText(calendar,
+                              {columns == 0 ? kTextColumns : columns, context.colourOut, !context.options.noLegend});
   return kExitDone;
 }
 

@@ -23,8 +23,8 @@ struct CalendarArguments {
 // Writes the calendar. The service is asked only where a source is no file or there is none, and its zone is lived in
 // then unless one was chosen; nothing is written before everything was read.
 //   returns  kExitDone; kExitUsage for a month or year that has no calendar; kExitRulesRefused for a malformed file or
-//            refused rules; kExitPermission or kExitFailed when the page can't be written: an old one is untouched; else
-//            as for files and schedules that aren't there
+//            refused rules; kExitPermission or kExitFailed when the page can't be written: an old one is untouched;
+//            else as for files and schedules that aren't there
 [[nodiscard]] int RunCalendar(CliContext& context, const OnlineSettings& settings, const CalendarArguments& arguments);
 
 // Gives the command its name and arguments.

@@ -41,7 +41,9 @@ void ForEach(const xmlNode* node, const std::function<void(const xmlNode&)>& vis
   }
 }
 
-std::string Name(const xmlNode& node) { return reinterpret_cast<const char*>(node.name); }
+std::string Name(const xmlNode& node) {
+  return reinterpret_cast<const char*>(node.name);
+}
 
 std::string Attribute(const xmlNode& node, const char* name) {
   xmlChar* const value = xmlGetProp(const_cast<xmlNode*>(&node), reinterpret_cast<const xmlChar*>(name));
@@ -84,7 +86,8 @@ TEST_F(CalendarPageTest, HasNoScriptAndNothingFromOutside) {
   std::size_t elements = 0;
   ForEach(xmlDocGetRootElement(document.get()), [&](const xmlNode& node) {
     ++elements;
-    for (const char* bad : {"script", "img", "iframe", "object", "embed", "base", "a", "form"}) EXPECT_NE(Name(node), bad);
+    for (const char* bad : {"script", "img", "iframe", "object", "embed", "base", "a", "form"})
+      EXPECT_NE(Name(node), bad);
     for (const xmlAttr* at = node.properties; at != nullptr; at = at->next) {
       const std::string name = reinterpret_cast<const char*>(at->name);
       EXPECT_FALSE(name.starts_with("on")) << name;
@@ -106,8 +109,9 @@ TEST_F(CalendarPageTest, HasNoScriptAndNothingFromOutside) {
 TEST_F(CalendarPageTest, ShowsTheTextOfAClientAsText) {
   const Document document = Parse(qx::CalendarPage(SampleCalendar({2026, 10}, kNow)));
   ASSERT_TRUE(document);
-  EXPECT_THAT(TipOf(document, "Sunday, 25 October 2026"),
-              HasSubstr("<script>alert('x')</script> & \"quarter\" \xEF\xBF\xBD[31m \xEF\xBF\xBD r\xc3\xa9sum\xc3\xa9"));
+  EXPECT_THAT(
+      TipOf(document, "Sunday, 25 October 2026"),
+      HasSubstr("<script>alert('x')</script> & \"quarter\" \xEF\xBF\xBD[31m \xEF\xBF\xBD r\xc3\xa9sum\xc3\xa9"));
 }
 
 TEST_F(CalendarPageTest, ADayTellsItsWindowsAndWhyTheyAreThere) {
@@ -144,14 +148,19 @@ TEST_F(CalendarPageTest, EscapesMarkupAndReplacesWhatIsNoText) {
   } cases[] = {
       {__LINE__, "plain", "plain"},
       {__LINE__, "<&>\"'", "&lt;&amp;&gt;&quot;&#39;"},
-      {__LINE__, std::string("a\0b", 3), "a\xEF\xBF\xBD" "b"},
-      {__LINE__, "a\nb\tc", "a\xEF\xBF\xBD" "b\xEF\xBF\xBD" "c"},
+      {__LINE__, std::string("a\0b", 3),
+       "a\xEF\xBF\xBD"
+       "b"},
+      {__LINE__, "a\nb\tc",
+       "a\xEF\xBF\xBD"
+       "b\xEF\xBF\xBD"
+       "c"},
       {__LINE__, "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80", "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"},
-      {__LINE__, "\xc0\xbc", "\xEF\xBF\xBD\xEF\xBF\xBD"},                     // "<" in two bytes
-      {__LINE__, "\xed\xa0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},     // half a pair
-      {__LINE__, "\xe2\x82", "\xEF\xBF\xBD\xEF\xBF\xBD"},                     // cut off
-      {__LINE__, "\xef\xbf\xbf", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},     // no character
-      {__LINE__, "\xe2\x80\xae", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},     // turns the direction of writing
+      {__LINE__, "\xc0\xbc", "\xEF\xBF\xBD\xEF\xBF\xBD"},                  // "<" in two bytes
+      {__LINE__, "\xed\xa0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},  // half a pair
+      {__LINE__, "\xe2\x82", "\xEF\xBF\xBD\xEF\xBF\xBD"},                  // cut off
+      {__LINE__, "\xef\xbf\xbf", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},  // no character
+      {__LINE__, "\xe2\x80\xae", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},  // turns the direction of writing
       {__LINE__, "", ""},
   };
   for (const auto& c : cases) EXPECT_EQ(qx::HtmlText(c.text), c.expected) << c.line;

@@ -27,7 +27,9 @@ constexpr char kBerlin[] = "CET-1CEST,M3.5.0,M10.5.0/3";
 constexpr std::int64_t kNow = 1796040000;  // Monday 2026-11-30 13:00:00 +0100
 
 // Local wall clock of the zone in force.
-std::int64_t At(const std::string& text) { return *qx::ParseInstant(text, platform::CurrentZone(), kNow); }
+std::int64_t At(const std::string& text) {
+  return *qx::ParseInstant(text, platform::CurrentZone(), kNow);
+}
 
 SCHEDULE_OBJECT Record(const std::string& toml) {
   const qx::CheckedFile checked = qx::CheckText("[job]\nwrapper = \"/bin/true\"\n" + toml, false);
@@ -70,13 +72,20 @@ TEST_F(CalendarTest, AMonthAndAYearAreReadOnlyAsTheyAreWritten) {
     int line;
     const char* text;
     std::optional<int> month;
-  } cases[] = {{__LINE__, "2026-11", 11},          {__LINE__, "1970-01", 1},
-               {__LINE__, "2037-12", 12},          {__LINE__, "2026-00", std::nullopt},
-               {__LINE__, "2026-13", std::nullopt}, {__LINE__, "1969-12", std::nullopt},
-               {__LINE__, "2038-01", std::nullopt}, {__LINE__, "2026-1", std::nullopt},
-               {__LINE__, "2026-11-01", std::nullopt}, {__LINE__, "2026/11", std::nullopt},
-               {__LINE__, "november", std::nullopt}, {__LINE__, "", std::nullopt},
-               {__LINE__, "2026- 1", std::nullopt}, {__LINE__, "+026-01", std::nullopt}};
+  } cases[] = {{__LINE__, "2026-11", 11},
+               {__LINE__, "1970-01", 1},
+               {__LINE__, "2037-12", 12},
+               {__LINE__, "2026-00", std::nullopt},
+               {__LINE__, "2026-13", std::nullopt},
+               {__LINE__, "1969-12", std::nullopt},
+               {__LINE__, "2038-01", std::nullopt},
+               {__LINE__, "2026-1", std::nullopt},
+               {__LINE__, "2026-11-01", std::nullopt},
+               {__LINE__, "2026/11", std::nullopt},
+               {__LINE__, "november", std::nullopt},
+               {__LINE__, "", std::nullopt},
+               {__LINE__, "2026- 1", std::nullopt},
+               {__LINE__, "+026-01", std::nullopt}};
   for (const auto& c : cases) {
     const auto span = qx::ParseCalendarMonth(c.text);
     EXPECT_EQ(span.has_value(), c.month.has_value()) << c.line;
@@ -91,7 +100,9 @@ TEST_F(CalendarTest, AMonthAndAYearAreReadOnlyAsTheyAreWritten) {
 }
 
 TEST_F(CalendarTest, SpansEndWithTheirMonthOrYear) {
-  const auto text = [](CalendarSpan span) { return qx::FormatDate(span.FirstDay()) + " " + qx::FormatDate(span.LastDay()); };
+  const auto text = [](CalendarSpan span) {
+    return qx::FormatDate(span.FirstDay()) + " " + qx::FormatDate(span.LastDay());
+  };
   EXPECT_EQ(text({2026, 11}), "2026-11-01 2026-11-30");
   EXPECT_EQ(text({2026, 12}), "2026-12-01 2026-12-31");
   EXPECT_EQ(text({2028, 2}), "2028-02-01 2028-02-29");
@@ -116,9 +127,8 @@ TEST_F(CalendarTest, EveryWindowStandsOnItsDayWithItsReason) {
 }
 
 TEST_F(CalendarTest, TheRepeatRuleNamesItsInterval) {
-  const Calendar calendar =
-      Of({2026, 12}, {Record("[window]\nstart = \"10:00\"\nduration = \"1h\"\n"
-                             "[days]\nrepeat = { every = 14, anchor = 2026-12-03 }\n")});
+  const Calendar calendar = Of({2026, 12}, {Record("[window]\nstart = \"10:00\"\nduration = \"1h\"\n"
+                                                   "[days]\nrepeat = { every = 14, anchor = 2026-12-03 }\n")});
   EXPECT_THAT(DaysWithWindows(calendar), ElementsAre(3, 17, 31));
   EXPECT_EQ(calendar.days[2].entries.at(0).reason, "every 14 days");
 }
@@ -134,9 +144,9 @@ TEST_F(CalendarTest, AnExcludedDateThatWouldRunIsToldWithTheRuleThatItBeats) {
 }
 
 TEST_F(CalendarTest, AnExclusionAheadOfTheEffectiveDateTakesNothingAway) {
-  const Calendar calendar =
-      Of({2026, 12}, {Record("[window]\nstart = \"22:00\"\nduration = \"1h\"\n"
-                             "[days]\nevery = [\"fri\"]\neffective = 2026-12-15\nexclude = [2026-12-11, 2026-12-25]\n")});
+  const Calendar calendar = Of(
+      {2026, 12}, {Record("[window]\nstart = \"22:00\"\nduration = \"1h\"\n"
+                          "[days]\nevery = [\"fri\"]\neffective = 2026-12-15\nexclude = [2026-12-11, 2026-12-25]\n")});
   EXPECT_THAT(DaysWithWindows(calendar), ElementsAre(18));
   EXPECT_EQ(calendar.days[10].excluded, 0u);
   EXPECT_EQ(calendar.days[24].excluded, 1u);
@@ -222,7 +232,8 @@ TEST_F(CalendarTest, ADayOnWhichTheClockIsSetTellsHow) {
 TEST_F(CalendarTest, OnlyTheEarliestEntriesAreKeptAndAllAreCounted) {
   std::vector<SCHEDULE_OBJECT> records;
   for (int hour = 9; hour >= 1; --hour) {
-    records.push_back(Record("[window]\nstart = \"0" + std::to_string(hour) + ":00\"\nduration = \"1h\"\n"
+    records.push_back(Record("[window]\nstart = \"0" + std::to_string(hour) +
+                             ":00\"\nduration = \"1h\"\n"
                              "[days]\nof_month = [5]\n"));
   }
   const Calendar calendar = Of({2026, 12}, records, 3);
@@ -246,8 +257,9 @@ TEST_F(CalendarTest, RefusedRulesLeaveNothingBehind) {
 TEST_F(CalendarTest, TheFirstAndTheLastYearHaveCalendarsInEveryZone) {
   for (const char* name : {"UTC", "Pacific/Kiritimati", "Pacific/Pago_Pago", kBerlin}) {
     const platform::ScopedZone zone(name);
-    const SCHEDULE_OBJECT daily = Record("[window]\nstart = \"12:00\"\nduration = \"1h\"\n"
-                                         "[days]\nevery = [\"sun\",\"mon\",\"tue\",\"wed\",\"thu\",\"fri\",\"sat\"]\n");
+    const SCHEDULE_OBJECT daily = Record(
+        "[window]\nstart = \"12:00\"\nduration = \"1h\"\n"
+        "[days]\nevery = [\"sun\",\"mon\",\"tue\",\"wed\",\"thu\",\"fri\",\"sat\"]\n");
     EXPECT_GE(Of({1970, 0}, {daily}).windows, 364u) << name;
     EXPECT_GE(Of({2037, 0}, {daily}).windows, 364u) << name;
   }
@@ -266,7 +278,13 @@ TEST_F(CalendarTest, DensityGrowsWithTheWindowsAndEndsAtTheFullestDay) {
   EXPECT_EQ(density(0, 10, 3), 1);
   EXPECT_EQ(density(1, 1), 1);
   EXPECT_EQ(density(4, 4), 4);
+  EXPECT_EQ(density(2, 2), 2);
+  EXPECT_EQ(density(3, 5), 3);
   EXPECT_EQ(density(1, 10000), 1);
+  EXPECT_EQ(density(2500, 10000), 1);
+  EXPECT_EQ(density(2501, 10000), 2);
+  EXPECT_EQ(density(7500, 10000), 3);
+  EXPECT_EQ(density(7501, 10000), 4);
   EXPECT_EQ(density(10000, 10000), 4);
   for (std::uint64_t windows = 1; windows < 1000; ++windows) {
     EXPECT_LE(density(windows, 1000), density(windows + 1, 1000));
@@ -345,7 +363,8 @@ TEST_F(CalendarTest, CountsWhatTheLibraryAnswersForAnyRules) {
     for (const CalendarDay& day : calendar.days) {
       const auto found = plain.find(day.day);
       const Plain expected = found == plain.end() ? Plain{} : found->second;
-      ASSERT_EQ(day.windows, expected.windows) << "seed " << seed << " round " << round << " " << qx::FormatDate(day.day);
+      ASSERT_EQ(day.windows, expected.windows)
+          << "seed " << seed << " round " << round << " " << qx::FormatDate(day.day);
       ASSERT_EQ(day.restarts, expected.restarts)
           << "seed " << seed << " round " << round << " " << qx::FormatDate(day.day);
       windows += expected.windows;

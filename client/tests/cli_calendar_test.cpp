@@ -1,7 +1,7 @@
 #include "client/cli_calendar.h"
 
-#include <nlohmann/json.hpp>
 #include <sys/stat.h>
+#include <nlohmann/json.hpp>
 
 #include "client/tests/online_fixture.h"
 #include "platform/testing/fault.h"
@@ -65,7 +65,8 @@ TEST_F(CalendarCommand, TakesFilesAndSchedulesTogether) {
 }
 
 TEST_F(CalendarCommand, ComputesInTheZoneThatIsChosen) {
-  const Result result = Ask({"calendar", Write("daily.toml", kDaily), "--month", "2026-03", "--zone", "America/New_York"});
+  const Result result =
+      Ask({"calendar", Write("daily.toml", kDaily), "--month", "2026-03", "--zone", "America/New_York"});
   EXPECT_EQ(result.exit, qx::kExitDone) << result.err;
   EXPECT_THAT(result.out, HasSubstr("2026-03-08 Sun  clock goes forward 1h at 02:00"));
   EXPECT_EQ(Ask({"calendar", Path("daily.toml"), "--zone", "Nowhere/Land"}).exit, qx::kExitUsage);
@@ -139,8 +140,9 @@ TEST_F(CalendarCommand, AFileWithErrorsWritesNothing) {
 }
 
 TEST_F(CalendarCommand, RulesInThePastHaveACalendarOfTheirTime) {
-  const std::string file = Write("old.toml", "name = \"old\"\n[job]\nwrapper = \"/bin/true\"\n[window]\nstart = \"10:00\"\n"
-                                             "duration = \"1h\"\n[days]\ninclude = [2025-05-06]\n");
+  const std::string file = Write("old.toml",
+                                 "name = \"old\"\n[job]\nwrapper = \"/bin/true\"\n[window]\nstart = \"10:00\"\n"
+                                 "duration = \"1h\"\n[days]\ninclude = [2025-05-06]\n");
   const Result result = Ask({"calendar", file, "--month", "2025-05"});
   EXPECT_EQ(result.exit, qx::kExitDone) << result.err;
   EXPECT_THAT(result.out, HasSubstr("1 schedule, 1 window,"));
