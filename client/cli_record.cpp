@@ -51,6 +51,15 @@ std::string FileOf(const std::string& given) {
   return given.empty() ? platform::StateDirectory() + "/history.db" : given;
 }
 
+// The history of the recorder's unit lies beside the state directory.
+std::string FileToShow(const std::string& given) {
+  const std::string file = FileOf(given);
+  if (!given.empty() || platform::FileExists(file)) return file;
+  const std::string state = platform::StateDirectory();
+  const std::string ofUnit = state.substr(0, state.rfind('/') + 1) + "qxsched-record/history.db";
+  return platform::FileExists(ofUnit) ? ofUnit : file;
+}
+
 std::string Sentence(ErrorCode code) {
   return FormatStatus(0x80070000 | code);
 }
@@ -411,7 +420,7 @@ int RunRecord(CliContext& context, const OnlineSettings& settings, const RecordA
 }
 
 int RunHistory(CliContext& context, const HistoryArguments& arguments) {
-  const std::string file = FileOf(arguments.file);
+  const std::string file = FileToShow(arguments.file);
   HistoryStore store;
   std::string zoneText;
   std::map<std::string, KnownSchedule> known;
@@ -495,7 +504,8 @@ void AddHistoryCommands(CLI::App& app, CliContext& context, CommandChoice& choic
   historyCommand->add_option("--since", history->since, "Only from this time on, or so long back: 2h, 2026-12-01T22:00")
       ->type_name("TIME");
   historyCommand->add_flag("--missed", history->missed, "Only missed windows, and those of which nobody knows");
-  historyCommand->add_option("--file", history->file, kFileHelp)->type_name("FILE");
+  historyCommand->add_option("--file", history->file, std::string(kFileHelp) + ", else that of the unit qxsched-record")
+      ->type_name("FILE");
   historyCommand->footer(kHonest);
   historyCommand->callback(
       [&context, &choice, history] { choice.run = [&context, history] { return RunHistory(context, *history); }; });

@@ -29,7 +29,7 @@ struct RecordArguments {
 [[nodiscard]] int RunRecord(CliContext& context, const OnlineSettings& settings, const RecordArguments& arguments);
 
 struct HistoryArguments {
-  std::string file;      // as above
+  std::string file;  // as above; where it isn't, history.db in the directory qxsched-record beside the state directory
   std::string schedule;  // ID, beginning of its digits, or name; empty: all
   std::string since;     // an instant, or a length of time back from now; empty: all
   bool missed = false;   // only missed windows, and those of which nobody knows

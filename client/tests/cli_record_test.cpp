@@ -299,6 +299,18 @@ TEST_F(HistoryCommand, NeedsAHistory) {
   EXPECT_FALSE(std::filesystem::exists(Path("none.db")));
 }
 
+TEST_F(HistoryCommand, ShowsThatOfTheUnitWhereTheStateDirectoryHasNone) {
+  std::filesystem::create_directory(Path("state"));
+  std::filesystem::create_directory(Path("qxsched-record"));
+  const auto show = [&] { return Run({"--root", Path("state"), "history"}); };
+  EXPECT_EQ(show().exit, 3);
+  std::filesystem::rename(Path("history.db"), Path("qxsched-record/history.db"));
+  EXPECT_THAT(show().out, HasSubstr("3 entries"));
+  std::string aside;
+  ASSERT_EQ(qx::HistoryStore().OpenForWriting(Path("state/history.db"), {}, aside), 0u);
+  EXPECT_THAT(show().out, HasSubstr("0 entries"));
+}
+
 TEST_F(HistoryCommand, LeavesAFileThatIsNone) {
   {
     platform::Database other;
