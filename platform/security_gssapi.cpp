@@ -23,7 +23,14 @@
 #include "platform/process.h"
 #include "platform/text.h"
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QX_ADDRESS_SANITIZER 1
+#endif
+#elif defined(__SANITIZE_ADDRESS__)
+#define QX_ADDRESS_SANITIZER 1
+#endif
+#ifdef QX_ADDRESS_SANITIZER
 // The NTLM module of the host's packages reads one byte behind a name of its own when it copies it, and forgets 32 bytes
 // at each acquisition of credentials; both are reported for whatever program loads it.
 extern "C" const char* __asan_default_suppressions();

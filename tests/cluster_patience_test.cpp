@@ -7,11 +7,11 @@
 
 namespace {
 
+using qx::testing::ClusterTest;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using qx::testing::ClusterTest;
 
-TEST_F(ClusterTest, ANodeThatIsStoppedCostsAMinuteAndTheOthersAreServed) {
+TEST_P(ClusterTest, ANodeThatIsStoppedCostsAMinuteAndTheOthersAreServed) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   Node(1).Process().Signal(SIGSTOP);
   ScheduleGuid id;
@@ -21,7 +21,7 @@ TEST_F(ClusterTest, ANodeThatIsStoppedCostsAMinuteAndTheOthersAreServed) {
   EXPECT_THAT(Node(0).Log(), HasSubstr("Receive: Did not receive any message for 60 secs, connection timed out."));
 }
 
-TEST_F(ClusterTest, ANodeThatIsCutOffInTheMiddleKeepsItsEntryAndRaisesNoFailure) {
+TEST_P(ClusterTest, ANodeThatIsCutOffInTheMiddleKeepsItsEntryAndRaisesNoFailure) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   const std::string mark = Node(1).Jobs() + "/runs";
   std::thread cutter([&] {
@@ -36,5 +36,7 @@ TEST_F(ClusterTest, ANodeThatIsCutOffInTheMiddleKeepsItsEntryAndRaisesNoFailure)
   EXPECT_THAT(Node(0).Log(), HasSubstr("ReceiveAck: Select returned because time limit expired"));
   m_cluster->SetLink(1, true);
 }
+
+QX_BY_EACH_MECHANISM(ClusterTest);
 
 }  // namespace

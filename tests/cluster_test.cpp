@@ -1,18 +1,23 @@
 // Real services on several nodes, each with addresses of its own.
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <memory>
+
+#include "replication/tests/wire_tap.h"
 #include "tests/node_cluster.h"
 
 namespace {
 
+using qx::testing::ClusterTest;
+using qx::testing::Mechanism;
+using qx::testing::NodeCluster;
+using qx::testing::RunningService;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using qx::testing::ClusterTest;
-using qx::testing::NodeCluster;
-using qx::testing::RunningService;
 
-TEST_F(ClusterTest, FourNodesTakeACreationAModificationACommandAndADeletion) {
+TEST_P(ClusterTest, FourNodesTakeACreationAModificationACommandAndADeletion) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   ScheduleGuid id;
   ASSERT_EQ(Create(Addresses(), id), 0u) << Node(0).Log();
@@ -46,7 +51,7 @@ TEST_F(ClusterTest, FourNodesTakeACreationAModificationACommandAndADeletion) {
   EXPECT_THAT(Node(1).Log(), HasSubstr("Received FD_CLOSE event"));
 }
 
-TEST_F(ClusterTest, TheCommandLineCarriesAChangeToTheNodesAndSaysWhatEachDid) {
+TEST_P(ClusterTest, TheCommandLineCarriesAChangeToTheNodesAndSaysWhatEachDid) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   ASSERT_EQ(Node(3).Stop(), 0);
   const std::string file = Node(0).Jobs() + "/nightly.toml", output = Node(0).Jobs() + "/qxsched.out";
@@ -61,13 +66,14 @@ TEST_F(ClusterTest, TheCommandLineCarriesAChangeToTheNodesAndSaysWhatEachDid) {
   EXPECT_THAT(RunningService::ReadFile(output), HasSubstr("10.77.0.2: done\n"));
   EXPECT_THAT(RunningService::ReadFile(output), HasSubstr("nodeC: done\n"));
   EXPECT_THAT(RunningService::ReadFile(output), HasSubstr("10.77.0.4: no answer"));
-  EXPECT_EQ(ask({"rm", "nightly", "-y", "--no-backup", "--nodes", "10.77.0.2,nodeC"}), 0) << RunningService::ReadFile(output);
+  EXPECT_EQ(ask({"rm", "nightly", "-y", "--no-backup", "--nodes", "10.77.0.2,nodeC"}), 0)
+      << RunningService::ReadFile(output);
   const std::string mark = Node(0).Jobs() + "/mark";
   EXPECT_EQ(ask({"nodes", "exec", "--nodes", "10.77.0.2", "--", "/usr/bin/touch", mark}), 0);
   EXPECT_TRUE(std::filesystem::exists(mark));
 }
 
-TEST_F(ClusterTest, ANodeThatIsDownOrListensElsewhereIsTheOnlyOneWithoutTheChange) {
+TEST_P(ClusterTest, ANodeThatIsDownOrListensElsewhereIsTheOnlyOneWithoutTheChange) {
   m_cluster->SetNumber(2, u"DefaultPort", 5999);
   ASSERT_NO_FATAL_FAILURE(StartAll());
   ASSERT_EQ(Node(1).Stop(), 0);
@@ -78,10 +84,11 @@ TEST_F(ClusterTest, ANodeThatIsDownOrListensElsewhereIsTheOnlyOneWithoutTheChang
   EXPECT_EQ(KeyOn(1, id), "");
   EXPECT_EQ(KeyOn(2, id), "");
   EXPECT_NE(KeyOn(3, id), "");
-  EXPECT_THAT(Node(0).Log(), HasSubstr("CreateScheduleOnNodes:Failed to create socket(), NodeName: 10.77.0.2, Error: 111."));
+  EXPECT_THAT(Node(0).Log(),
+              HasSubstr("CreateScheduleOnNodes:Failed to create socket(), NodeName: 10.77.0.2, Error: 111."));
 }
 
-TEST_F(ClusterTest, ANodeOfAnotherSecretIsRefusedAndTheOthersAreServed) {
+TEST_P(ClusterTest, ANodeOfAnotherSecretIsRefusedAndTheOthersAreServed) {
   ASSERT_NO_FATAL_FAILURE(m_cluster->ChangeSecret(2));
   ASSERT_NO_FATAL_FAILURE(StartAll());
   ScheduleGuid id;
@@ -89,13 +96,13 @@ TEST_F(ClusterTest, ANodeOfAnotherSecretIsRefusedAndTheOthersAreServed) {
   EXPECT_THAT(m_results, ElementsAre(0, 0, 1, 0));
   EXPECT_EQ(KeyOn(2, id), "");
   EXPECT_THAT(Node(2).Log(), HasSubstr("acceptContext: AcceptSecurityContext Failed with error : 0x8009030c"));
-  // The secret is read at each connection: the right one counts at once.
+  // The right one counts at once.
   m_cluster->ShareSecret();
   EXPECT_EQ(Delete(Addresses(), id), 0u);
   EXPECT_THAT(m_results, ElementsAre(0, 0, 0, 0));
 }
 
-TEST_F(ClusterTest, NodesAreReachedByNamesAndByBothFamiliesButNeverByLinkLocalAddresses) {
+TEST_P(ClusterTest, NodesAreReachedByNamesAndByBothFamiliesButNeverByLinkLocalAddresses) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   const std::string linkLocal = m_cluster->LinkLocal(2);
   ASSERT_NE(linkLocal, "");
@@ -111,7 +118,7 @@ TEST_F(ClusterTest, NodesAreReachedByNamesAndByBothFamiliesButNeverByLinkLocalAd
   EXPECT_NE(KeyOn(2, id), "");
 }
 
-TEST_F(ClusterTest, ANodeStartedAnewBetweenTwoOperationsIsServedAtOnce) {
+TEST_P(ClusterTest, ANodeStartedAnewBetweenTwoOperationsIsServedAtOnce) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   ScheduleGuid id;
   ASSERT_EQ(Create(Addresses(), id), 0u);
@@ -122,5 +129,41 @@ TEST_F(ClusterTest, ANodeStartedAnewBetweenTwoOperationsIsServedAtOnce) {
   EXPECT_EQ(KeyOn(1, id), "");
   EXPECT_THAT(Node(0).Log(), HasSubstr("ImportKey::Deleting older key to import new Key for node : 10.77.0.2"));
 }
+
+TEST_P(ClusterTest, TokensAndKeysCrossTheWireAheadOfTheOperation) {
+  ASSERT_NO_FATAL_FAILURE(StartAll());
+  std::unique_ptr<qx::testing::WireTap> tap;
+  NodeCluster::OnBridge([&] {
+    tap = std::make_unique<qx::testing::WireTap>(NodeCluster::kHubAddress, qx::testing::kClusterPort,
+                                                 NodeCluster::Address(1), qx::testing::kClusterPort);
+  });
+  ScheduleGuid id;
+  ASSERT_EQ(Create({u"localhost", platform::WideFromUtf8(NodeCluster::kHubAddress)}, id), 0u) << Node(0).Log();
+  EXPECT_NE(KeyOn(1, id), "");
+  std::vector<std::uint32_t> types;
+  std::size_t longestToken = 0;
+  for (const qx::testing::TappedMessage& message : tap->Messages()) {
+    EXPECT_EQ(message.decoded.scheduleId, id);
+    types.push_back(message.decoded.msgType);
+    if (types.back() == qx::MSG_CONTEXT_REQUEST) longestToken = std::max(longestToken, message.payload.size());
+    if (types.back() == qx::MSG_PUBLIC_KEY) {
+      EXPECT_EQ(message.payload.size(), 276u);
+    }
+    const std::string_view payload(reinterpret_cast<const char*>(message.payload.data()), message.payload.size());
+    EXPECT_EQ(payload.find("/bin/sh"), std::string_view::npos) << types.back();
+    if (types.size() == 1) {
+      EXPECT_EQ(payload.find("NTLMSSP") != std::string_view::npos, GetParam() == Mechanism::kNtlm);
+    }
+  }
+  // A ticket crosses in one token each way, a challenge and its response in two.
+  if (GetParam() == Mechanism::kNtlm) {
+    EXPECT_THAT(types, ElementsAre(16, 32, 16, 32, 512, 512, 1, 9));
+  } else {
+    EXPECT_THAT(types, ElementsAre(16, 32, 512, 512, 1, 9));
+    EXPECT_GT(longestToken, 400u);
+  }
+}
+
+QX_BY_EACH_MECHANISM(ClusterTest);
 
 }  // namespace

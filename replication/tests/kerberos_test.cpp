@@ -1,109 +1,41 @@
 // The channel in a realm: a KDC of the test's own on loopback, thrown away at the end.
-#include <signal.h>
-
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
+#include <memory>
 
 #include "platform/process.h"
 #include "platform/service_record.h"
 #include "replication/node_operations.h"
 #include "replication/tests/replication_fixture.h"
+#include "replication/tests/throwaway_realm.h"
 #include "replication/tests/wire_tap.h"
 #include "service/service_registration.h"
 
 namespace qx {
 namespace {
 
+using testing::Bytes;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using testing::Bytes;
-
-constexpr const char* kKdc = "/usr/sbin/krb5kdc";
-
-// Makes the realm QX.TEST: data base, the service's principal, its keytab, and what anonymous tickets need.
-constexpr const char* kMakeRealm = R"(set -e
-cd "$1"
-cat > krb5.conf <<END
-[libdefaults]
- default_realm = QX.TEST
- dns_lookup_kdc = false
- dns_lookup_realm = false
- dns_canonicalize_hostname = false
- rdns = false
- udp_preference_limit = 1
-[realms]
- QX.TEST = {
-  kdc = 127.0.0.1:$2
-  pkinit_anchors = FILE:$1/ca.pem
- }
-END
-cat > kdc.conf <<END
-[kdcdefaults]
- kdc_listen = 127.0.0.1:$2
- kdc_tcp_listen = 127.0.0.1:$2
-[realms]
- QX.TEST = {
-  database_name = $1/principal
-  key_stash_file = $1/stash
-  max_life = 10h
-  pkinit_identity = FILE:$1/kdc.pem,$1/kdckey.pem
-  pkinit_anchors = FILE:$1/ca.pem
- }
-END
-cat > kdc.ext <<END
-[kdc]
-keyUsage = digitalSignature,keyEncipherment,keyAgreement
-extendedKeyUsage = 1.3.6.1.5.2.3.5
-subjectAltName = otherName:1.3.6.1.5.2.2;SEQUENCE:principal
-[principal]
-realm = EXP:0,GeneralString:QX.TEST
-name = EXP:1,SEQUENCE:sequence
-[sequence]
-type = EXP:0,INTEGER:1
-string = EXP:1,SEQUENCE:parts
-[parts]
-a = GeneralString:krbtgt
-b = GeneralString:QX.TEST
-END
-openssl req -x509 -newkey rsa:2048 -nodes -keyout cakey.pem -out ca.pem -subj /CN=ca -days 2 2>/dev/null
-openssl req -newkey rsa:2048 -nodes -keyout kdckey.pem -out kdc.csr -subj /CN=kdc 2>/dev/null
-openssl x509 -req -in kdc.csr -CA ca.pem -CAkey cakey.pem -CAcreateserial -out kdc.pem -days 2 -extfile kdc.ext -extensions kdc 2>/dev/null
-kdb5_util -r QX.TEST create -s -P master
-kadmin.local -q "addprinc -randkey qxsvc" 
-kadmin.local -q "addprinc -randkey WELLKNOWN/ANONYMOUS"
-kadmin.local -q "ktadd -k $1/keytab qxsvc"
-)";
 
 class Realm : public testing::ReplicationFixture {
  protected:
   static void SetUpTestSuite() {
-    if (access(kKdc, X_OK) != 0) return;
-    s_folder = (std::filesystem::temp_directory_path() / "qxrealm_XXXXXX").string();
-    ASSERT_NE(mkdtemp(s_folder.data()), nullptr);
-    s_port = FreePort();
-    SetVariables();
-    std::ofstream(s_folder + "/make.sh") << kMakeRealm;
-    std::uint32_t code = 77;
-    ASSERT_EQ(platform::RunAndWait("/bin/sh -c \"PATH=$PATH:/usr/sbin:/sbin /bin/sh " + s_folder + "/make.sh " + s_folder + " " +
-                                       std::to_string(s_port) + " > " + s_folder + "/make.log 2>&1\"",
-                                   code),
-              0u);
-    std::ifstream log(s_folder + "/make.log");
-    ASSERT_EQ(code, 0u) << std::string(std::istreambuf_iterator<char>(log), {});
-    ASSERT_EQ(platform::RunAndWait(std::string(kKdc) + " -P " + s_folder + "/kdc.pid", code), 0u);  // goes its own way
-    ASSERT_EQ(code, 0u);
-    s_made = true;
+    if (!testing::ThrowawayRealm::WhyNot().empty()) return;
+    s_realm = std::make_unique<testing::ThrowawayRealm>(
+        testing::ThrowawayRealm::Place{"127.0.0.1", FreePort(), "", true}, [](const std::vector<std::string>& words) {
+          std::string line;
+          for (const std::string& word : words) line += (line.empty() ? "" : " ") + ("\"" + word + "\"");
+          std::uint32_t code = 77;
+          EXPECT_EQ(platform::RunAndWait(line, code), 0u);
+          return static_cast<int>(code);
+        });
   }
-  static void TearDownTestSuite() {
-    if (s_folder.empty()) return;
-    std::ifstream file(s_folder + "/kdc.pid");
-    if (pid_t process = 0; file >> process && process > 1) (void)kill(process, SIGTERM);
-    std::filesystem::remove_all(s_folder);
-  }
+  static void TearDownTestSuite() { s_realm.reset(); }
   void SetUp() override {
-    if (!s_made) GTEST_SKIP() << "NO REALM HERE: the package krb5-kdc is missing";
+    if (const std::string why = testing::ThrowawayRealm::WhyNot(); !why.empty())
+      GTEST_SKIP() << "NO REALM HERE: " << why;
+    ASSERT_TRUE(s_realm && *s_realm);
     ReplicationFixture::SetUp();
     SetVariables();
     setenv("NTLM_USER_FILE", "/dev/null", 1);  // the realm alone
@@ -115,17 +47,15 @@ class Realm : public testing::ReplicationFixture {
     Listen();
   }
   void TearDown() override {
-    if (!s_made) return;
+    if (!s_realm || !*s_realm) return;
     ReplicationFixture::TearDown();
-    for (const char* name : {"KRB5_KDC_PROFILE", "KRB5_KTNAME", "KRB5_CLIENT_KTNAME", "KRB5RCACHEDIR"}) unsetenv(name);
+    for (const char* name : {"KRB5_KTNAME", "KRB5_CLIENT_KTNAME", "KRB5RCACHEDIR"}) unsetenv(name);
   }
   static void SetVariables() {
-    setenv("KRB5_CONFIG", (s_folder + "/krb5.conf").c_str(), 1);
-    setenv("KRB5_KDC_PROFILE", (s_folder + "/kdc.conf").c_str(), 1);
-    setenv("KRB5_KTNAME", (s_folder + "/keytab").c_str(), 1);
-    setenv("KRB5_CLIENT_KTNAME", (s_folder + "/keytab").c_str(), 1);
-    setenv("KRB5CCNAME", "MEMORY:qxrealm", 1);
-    setenv("KRB5RCACHEDIR", s_folder.c_str(), 1);
+    for (const std::string& assignment : s_realm->Variables(s_realm->Keytab(), s_realm->Folder())) {
+      const std::size_t equals = assignment.find('=');
+      setenv(assignment.substr(0, equals).c_str(), assignment.c_str() + equals + 1, 1);
+    }
   }
   static std::uint16_t FreePort() {
     platform::ListeningSocket probe;
@@ -135,9 +65,7 @@ class Realm : public testing::ReplicationFixture {
     EXPECT_EQ(probe.Bind(any[0]), 0);
     return probe.Port();
   }
-  static inline std::string s_folder;
-  static inline std::uint16_t s_port = 0;
-  static inline bool s_made = false;
+  static inline std::unique_ptr<testing::ThrowawayRealm> s_realm;
 };
 
 TEST_F(Realm, AnOperationIsCarriedWithTheRealmsTickets) {
@@ -167,11 +95,23 @@ TEST_F(Realm, TheAccountIsThePrincipal) {
   EXPECT_EQ(credentials.UserName(5, name), platform::ERROR_MORE_DATA);
 }
 
+TEST_F(Realm, CredentialsAreKeptFromOneOperationToTheNext) {
+  CNodeOperations operations(testing::OwnKeys());
+  operations.SetPort(m_listener.Port());
+  const platform::FaultPlan plan =
+      platform::FaultPlan::FailCall(platform::Operation::kAcquireCredentials, 1 << 30, 1, platform::kOnce, "anew");
+  for (int i = 0; i < 50; ++i) {
+    NodeResults results(2, 77);
+    ASSERT_EQ(operations.PerformOperationOnNodes(u"/bin/true", 2, {u"localhost", u"127.0.0.1"}, results), 0u) << i;
+    WaitForChildren();
+  }
+  EXPECT_EQ(plan.calls(), 2);
+}
+
 TEST_F(Realm, ANodeWithAnotherKeyRefuses) {
   platform::SecurityCredentials outbound;
   ASSERT_EQ(getLuidForProc(outbound, platform::CredentialsUse::kOutbound), 0u);
-  std::ofstream(s_folder + "/empty");
-  setenv("KRB5_KTNAME", (s_folder + "/empty").c_str(), 1);
+  setenv("KRB5_KTNAME", s_realm->OldKeytab().c_str(), 1);
   Caller caller;
   Call(caller, NewId());
   EXPECT_EQ(createContext(caller.socket, outbound, caller.context, caller.id), 1);
@@ -181,7 +121,7 @@ TEST_F(Realm, ANodeWithAnotherKeyRefuses) {
 }
 
 TEST_F(Realm, AnAnonymousCallerPassesTheTokensAndIsRefusedAsANullSession) {
-  const std::string cache = "FILE:" + s_folder + "/anonymous";
+  const std::string cache = "FILE:" + s_realm->Folder() + "/anonymous";
   std::uint32_t code = 77;
   ASSERT_EQ(platform::RunAndWait("/usr/bin/kinit -n -c " + cache + " @QX.TEST", code), 0u);
   ASSERT_EQ(code, 0u) << "no anonymous ticket";

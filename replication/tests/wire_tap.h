@@ -25,17 +25,20 @@ struct TappedMessage {
 // Takes one connection and forwards it until either side closes.
 class WireTap {
  public:
-  explicit WireTap(std::uint16_t target) {
-    std::vector<platform::SocketAddress> any;
-    EXPECT_EQ(platform::ResolveAddress("127.0.0.1", "0", platform::AddressFamily::kIpv4, true, any), 0);
+  // On a port of the host's choice of the loopback network, to another port of it.
+  explicit WireTap(std::uint16_t target) : WireTap("127.0.0.1", 0, "127.0.0.1", target) {}
+  // On one address, to another one; both IPv4.
+  WireTap(const std::string& address, std::uint16_t port, const std::string& targetAddress, std::uint16_t target) {
     EXPECT_EQ(m_listener.Create(platform::AddressFamily::kIpv4), 0);
-    EXPECT_EQ(m_listener.Bind(any[0]), 0);
+    EXPECT_EQ(m_listener.SetReuseAddress(), 0);
+    EXPECT_EQ(m_listener.Bind(Resolved(address, port)), 0);
     EXPECT_EQ(m_listener.Listen(4), 0);
-    std::vector<platform::SocketAddress> to;
-    EXPECT_EQ(
-        platform::ResolveAddress("127.0.0.1", std::to_string(target), platform::AddressFamily::kIpv4, true, to), 0);
-    EXPECT_EQ(platform::Thread::Start("WireTap", [this, address = to[0]] { Relay(address); }, m_thread), 0u);
+    EXPECT_EQ(platform::Thread::Start(
+                  "WireTap", [this, to = Resolved(targetAddress, target)] { Relay(to); }, m_thread),
+              0u);
   }
+  WireTap(const WireTap&) = delete;
+  WireTap& operator=(const WireTap&) = delete;
   ~WireTap() {
     m_listener.Close();
     m_thread.Join();
@@ -65,6 +68,11 @@ class WireTap {
   }
 
  private:
+  static platform::SocketAddress Resolved(const std::string& address, std::uint16_t port) {
+    std::vector<platform::SocketAddress> found;
+    EXPECT_EQ(platform::ResolveAddress(address, std::to_string(port), platform::AddressFamily::kIpv4, true, found), 0);
+    return found.empty() ? platform::SocketAddress() : found[0];
+  }
   void Relay(const platform::SocketAddress& target) {
     platform::Socket initiator, peer;
     bool waiting = false;
