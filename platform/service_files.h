@@ -63,4 +63,8 @@ struct InstalledFile {
 [[nodiscard]] ErrorCode InstallAccount(const ServerInstallation& installation, std::string_view account,
                                        std::string& failed);
 
+// The account that InstallAccount() left in the drop-in, also where the unit itself is gone; empty for none and for a
+// user's installation.
+[[nodiscard]] std::string InstalledAccount(const ServerInstallation& installation);
+
 }  // namespace platform

@@ -33,6 +33,9 @@ constexpr const char* kSystemPolicies = "/usr/share/dbus-1/system.d/";
 constexpr const char* kHostPolicies = "/etc/dbus-1/system.d/";
 constexpr const char* kSystemUsers = "/usr/lib/sysusers.d/";
 
+// The drop-in of the account, up to its name.
+constexpr const char* kAccountHead = "[Service]\nUser=";
+
 // A directory of the user by the variable of the XDG base directory specification, else below his home.
 std::string UserPlace(const char* variable, const char* belowHome, const char* rest) {
   const char* const named = std::getenv(variable);
@@ -106,7 +109,8 @@ std::string UnitText(const ServerInstallation& i) {
   command.insert(command.end(), i.serviceArguments.begin(), i.serviceArguments.end());
   std::string text =
       "[Unit]\n"
-      "Description=" + i.description + "\n";
+      "Description=" + i.description + "\n"
+      "Documentation=man:" + i.service + "(8)\n";
   // A user's bus is there before his units; the system's unit has to say so.
   if (!i.forUser) text += "Wants=dbus.socket\nAfter=dbus.socket\n";
   text +=
@@ -117,6 +121,8 @@ std::string UnitText(const ServerInstallation& i) {
       // Jobs outlive the service, and each one that runs counts as a task of it.
       "KillMode=process\n"
       "TasksMax=infinity\n"
+      // A job that runs out of memory doesn't take the service along.
+      "OOMPolicy=continue\n"
       "Restart=on-failure\n";
   // Made over to the account that the unit runs under.
   if (!i.forUser && i.stateDirectory.starts_with(kSystemState)) {
@@ -277,13 +283,21 @@ ErrorCode InstallAccount(const ServerInstallation& i, std::string_view account, 
   // The policy first: with the drop-in alone the service would start and not get its name.
   for (const InstalledFile& file :
        {InstalledFile{AccountPolicyName(i), AccountPolicyText(i, account), {}},
-        InstalledFile{AccountUnitName(i), "[Service]\nUser=" + std::string(account) + "\n", {}}}) {
+        InstalledFile{AccountUnitName(i), kAccountHead + std::string(account) + "\n", {}}}) {
     const ErrorCode rc = Write(file);
     if (rc == ERROR_SUCCESS) continue;
     failed = file.name;
     return rc;
   }
   return ERROR_SUCCESS;
+}
+
+std::string InstalledAccount(const ServerInstallation& i) {
+  std::string text;
+  if (i.forUser || ReadWholeFile(AccountUnitName(i), text) != ERROR_SUCCESS) return {};
+  const std::string_view head = kAccountHead;
+  if (!text.starts_with(head) || !text.ends_with('\n')) return {};  // not as it was written
+  return text.substr(head.size(), text.size() - head.size() - 1);
 }
 
 }  // namespace platform

@@ -41,6 +41,7 @@ struct OwnOption {
 constexpr OwnOption kOwnOptions[] = {
     {"--root", &ServiceOptions::root, nullptr},       {"--bus", &ServiceOptions::busAddress, nullptr},
     {"--destdir", &ServiceOptions::destdir, nullptr}, {"--foreground", nullptr, &ServiceOptions::foreground},
+    {"--registry-only", nullptr, &ServiceOptions::registryOnly},
     {"--version", nullptr, &ServiceOptions::version}, {"--help", nullptr, &ServiceOptions::help},
 };
 
@@ -63,6 +64,7 @@ constexpr std::string_view kHelp =
     "  --foreground       stay until SIGTERM; without it and without a service manager the program ends with its\n"
     "                     last client\n"
     "  --destdir DIR      put the files of the host below DIR; without --root nothing else is registered (packaging)\n"
+    "  --registry-only    register in the state directory alone: the files of the host are a package's (packaging)\n"
     "  --version          print the version\n"
     "  --help             print this\n";
 
@@ -154,7 +156,8 @@ int CServiceModule::Main() {
     return kExitDone;
   }
   const CommandWord word = FindCommandWord(m_options.words);
-  m_filesOnly = word != CommandWord::kNone && !m_options.destdir.empty() && m_options.root.empty();
+  m_filesOnly = word != CommandWord::kNone && !m_options.destdir.empty() && m_options.root.empty() &&
+                !m_options.registryOnly;
   if (!FindStateDirectory()) return kExitFailed;
   return word == CommandWord::kNone ? Start() : Register(word);
 }
@@ -175,12 +178,19 @@ bool CServiceModule::FindStateDirectory() {
 }
 
 int CServiceModule::Register(CommandWord word) {
-  const int stored = m_filesOnly ? kExitDone : RegisterInStore(word);
-  const int onHost = RegisterOnThisHost(word);
+  std::string destination = m_options.destdir;
+  if (!destination.empty()) {
+    if (const ErrorCode rc = platform::AbsoluteName(destination); rc != ERROR_SUCCESS) {
+      ComplainUtf8("The directory " + destination + " can't be found, error " + std::to_string(rc));
+      return kExitFailed;
+    }
+  }
+  const int stored = m_filesOnly ? kExitDone : RegisterInStore(word, destination);
+  const int onHost = m_options.registryOnly ? kExitDone : RegisterOnThisHost(word, destination);
   return stored != kExitDone ? stored : onHost;
 }
 
-int CServiceModule::RegisterInStore(CommandWord word) {
+int CServiceModule::RegisterInStore(CommandWord word, const std::string& destination) {
   const std::string directory = platform::StateDirectory();
   const std::string file = RegistryFile(directory);
   if (word == CommandWord::kUnregServer && !platform::FileExists(file)) return kExitDone;  // never registered
@@ -193,21 +203,22 @@ int CServiceModule::RegisterInStore(CommandWord word) {
     ComplainUtf8(why);
     return kExitFailed;
   }
-  const ErrorCode done =
-      word == CommandWord::kUnregServer ? UnregisterServer() : RegisterServer(word == CommandWord::kService);
+  ErrorCode done = ERROR_SUCCESS;
+  if (word == CommandWord::kUnregServer) {
+    done = UnregisterServer();
+  } else {
+    // A unit that was configured before goes on under its account: it must not become root's by a new record.
+    const bool concernsHost = ConcernsHost(destination, directory);
+    done = RegisterServer(word == CommandWord::kService,
+                          concernsHost ? platform::InstalledAccount(Installation(destination, {}, directory, true))
+                                       : std::string());
+  }
   const ErrorCode closed = platform::CloseRegistryStore();
   return done == ERROR_SUCCESS && closed == ERROR_SUCCESS ? kExitDone : kExitFailed;
 }
 
-int CServiceModule::RegisterOnThisHost(CommandWord word) {
-  std::string destination = m_options.destdir;
+int CServiceModule::RegisterOnThisHost(CommandWord word, const std::string& destination) {
   const std::string directory = platform::StateDirectory();
-  if (!destination.empty()) {
-    if (const ErrorCode rc = platform::AbsoluteName(destination); rc != ERROR_SUCCESS) {
-      ComplainUtf8("The directory " + destination + " can't be found, error " + std::to_string(rc));
-      return kExitFailed;
-    }
-  }
   if (!ConcernsHost(destination, directory)) return kExitDone;
   const ErrorCode rc = word == CommandWord::kUnregServer
                            ? UnregisterFromHost(destination, directory)

@@ -36,6 +36,8 @@ struct ServiceOptions {
   std::string root;         // --root DIR: the state directory; empty: the default one
   std::string busAddress;   // --bus ADDRESS: "session", "system" or an address; empty: system for root, else session
   std::string destdir;      // --destdir DIR: in front of the places of the host's files; without --root nothing else is written
+  // --registry-only: registering leaves the files of the host to the package that brought them
+  bool registryOnly = false;
   bool foreground = false;  // --foreground: stay until SIGTERM
   bool version = false;
   bool help = false;
@@ -80,8 +82,8 @@ class CServiceModule {
  private:
   [[nodiscard]] bool FindStateDirectory();
   int Register(CommandWord word);
-  [[nodiscard]] int RegisterInStore(CommandWord word);
-  [[nodiscard]] int RegisterOnThisHost(CommandWord word);
+  [[nodiscard]] int RegisterInStore(CommandWord word, const std::string& destination);
+  [[nodiscard]] int RegisterOnThisHost(CommandWord word, const std::string& destination);
   int Start();
   [[nodiscard]] bool OpenStore();
   [[nodiscard]] platform::ErrorCode ReadApplicationKey();

@@ -158,7 +158,7 @@ std::u16string FileAndCode(const std::string& name, ErrorCode code) {
 }
 
 // Creates the service unless it is there.
-ErrorCode Install() {
+ErrorCode Install(const std::string& account) {
   if (const ErrorCode rc = platform::OpenServiceManager(); rc != ERROR_SUCCESS) {
     return ComplainOf(rc, u"Couldn't open service manager");
   }
@@ -172,6 +172,7 @@ ErrorCode Install() {
   record.description = kServiceTitle;
   record.binaryPath = u"\"" + program + u"\"";
   record.dependency = u"RPCSS";
+  record.account = platform::WideFromUtf8(account);
   if (const ErrorCode rc = platform::CreateServiceRecord(kServiceName, record); rc != ERROR_SUCCESS) {
     return ComplainOf(rc, u"Couldn't create service");
   }
@@ -241,7 +242,7 @@ void Complain(std::u16string_view text) {
   std::fputs(line.c_str(), stderr);
 }
 
-ErrorCode RegisterServer(bool asService) {
+ErrorCode RegisterServer(bool asService, const std::string& account) {
   std::u16string program;
   if (const ErrorCode rc = platform::ProgramFilePath(program); rc != ERROR_SUCCESS) {
     return ComplainOf(rc, u"Couldn't get module file name");
@@ -251,7 +252,7 @@ ErrorCode RegisterServer(bool asService) {
   if (rc == ERROR_SUCCESS) rc = SetKind(asService);
   if (rc != ERROR_SUCCESS) return ComplainOf(rc, u"Couldn't write the registry");
   FirstFailure failure;
-  if (asService) failure.Note(Install());
+  if (asService) failure.Note(Install(account));
   rc = Apply(ClassEntries(program));
   if (rc == ERROR_SUCCESS) rc = Apply(LibraryEntries(program));
   if (rc != ERROR_SUCCESS) Complain(u"Couldn't write the registry");

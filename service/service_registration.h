@@ -37,9 +37,10 @@ inline constexpr platform::GUID kApplicationId{
 void Complain(std::u16string_view text);
 
 // Both work on the open store.
+//   account  of a service's record that is made anew; empty: LocalSystem
 //   returns  0; the code of what failed first. A failure is told; of the record it doesn't keep the rest from being
 //   done.
-[[nodiscard]] platform::ErrorCode RegisterServer(bool asService);
+[[nodiscard]] platform::ErrorCode RegisterServer(bool asService, const std::string& account = {});
 // An installed service gets the stop control first, without waiting for the effect, when it runs.
 [[nodiscard]] platform::ErrorCode UnregisterServer();
 

@@ -176,6 +176,31 @@ TEST_F(Installation, TheConfiguredAccountGoesFromTheRecordToTheUnitAndTheBus) {
   ExpectGolden("service", tree);
 }
 
+TEST_F(Installation, APackageRegistersWithoutTheFilesThatItBrings) {
+  ASSERT_EQ(service.Run({"-Service", "--registry-only", "--destdir", Host()}), 0) << service.Output();
+  EXPECT_FALSE(fs::exists(Host()));
+  EXPECT_THAT(Registry(), HasSubstr("ObjectName = text LocalSystem\n"));
+  ASSERT_EQ(service.Run({"-Service", "--destdir", Host()}), 0) << service.Output();
+  const Tree files = HostTree();
+  ASSERT_EQ(service.Run({"-UnregServer", "--registry-only", "--destdir", Host()}), 0) << service.Output();
+  EXPECT_EQ(HostTree(), files);
+  Tree registry;
+  registry["/registry"] = Registry();
+  ExpectGolden("uninstalled", registry);
+}
+
+TEST_F(Installation, RegisteredAnewTheServiceStaysWithTheAccountOfItsUnit) {
+  ASSERT_EQ(service.Run({"-Service", "--destdir", Host()}), 0) << service.Output();
+  Child child(test_paths::Programs() + "/qxsched",
+              {"--root", service.Root(), "config", "set", "account", "daemon", "--destdir", Host()},
+              service.Jobs() + "/configured", {"PATH=/usr/bin:/bin", "HOME=/nonexistent"});
+  ASSERT_EQ(child.Wait(), 0) << RunningService::ReadFile(service.Jobs() + "/configured");
+  ASSERT_EQ(service.Run({"-UnregServer", "--registry-only", "--destdir", Host()}), 0) << service.Output();
+  ASSERT_THAT(Registry(), ::testing::Not(HasSubstr("ObjectName")));
+  ASSERT_EQ(service.Run({"-Service", "--registry-only", "--destdir", Host()}), 0) << service.Output();
+  EXPECT_THAT(Registry(), HasSubstr("ObjectName = text daemon\n"));
+}
+
 TEST_F(Installation, ForAPackageOnlyTheFilesOfTheHostAreWritten) {
   const std::string folder = service.Jobs() + "/package";
   fs::create_directories(folder + "/usr/bin");
@@ -194,21 +219,37 @@ TEST_F(Installation, ADestinationThatCanNotBeWrittenIsToldWithTheFile) {
                                           "/file/usr/lib/systemd/system/QxSchedService.service, error "));
 }
 
-TEST_F(Installation, TheUnitIsOneThatSystemdTakesWithoutAWord) {
-  constexpr const char* kAnalyze = "/usr/bin/systemd-analyze";
-  if (!fs::exists(kAnalyze)) GTEST_SKIP() << "systemd-analyze isn't installed (Debian package systemd): UNIT NOT CHECKED";
-  ASSERT_EQ(service.Run({"-Service", "--destdir", Host()}), 0) << service.Output();
-  const std::string output = service.Jobs() + "/verified";
-  const auto verify = [&](const std::string& unit) {
-    Child child(kAnalyze, {"verify", unit}, output, {"PATH=/usr/bin:/bin", "HOME=/root"});
+// What systemd says about the installed unit with its drop-ins: exit code and words.
+class VerifiedUnit : public Installation {
+ protected:
+  void SetUp() override {
+    if (!fs::exists(kAnalyze)) GTEST_SKIP() << "systemd-analyze isn't installed (Debian package systemd): NOT CHECKED";
+    ASSERT_EQ(service.Run({"-Service", "--destdir", Host()}), 0) << service.Output();
+  }
+  [[nodiscard]] std::string Verify() const {
+    const std::string output = service.Jobs() + "/verified";
+    // The page that the unit names belongs to the packages.
+    Child child(kAnalyze, {"verify", "--man=no", Unit()}, output, {"PATH=/usr/bin:/bin", "HOME=/root"});
     const int code = child.Wait();
     return std::to_string(code) + ": " + RunningService::ReadFile(output);
-  };
-  const std::string unit = Host() + "/usr/lib/systemd/system/QxSchedService.service";
-  EXPECT_EQ(verify(unit), "0: ");
+  }
+  [[nodiscard]] std::string Unit() const { return Host() + "/usr/lib/systemd/system/QxSchedService.service"; }
+  static constexpr const char* kAnalyze = "/usr/bin/systemd-analyze";
+};
+
+TEST_F(VerifiedUnit, IsOneThatSystemdTakesWithoutAWord) {
+  EXPECT_EQ(Verify(), "0: ");
   // The check can fail.
-  std::ofstream(unit, std::ios::app) << "[Service]\nTasksMaximum=1\n";
-  EXPECT_THAT(verify(unit), HasSubstr("TasksMaximum"));
+  std::ofstream(Unit(), std::ios::app) << "[Service]\nTasksMaximum=1\n";
+  EXPECT_THAT(Verify(), HasSubstr("TasksMaximum"));
+}
+
+TEST_F(VerifiedUnit, IsTakenWithTheStrictProfileToo) {
+  const std::string dropIn = Unit() + ".d/50-strict.conf";
+  fs::copy_file(test_paths::Source() + "/packaging/examples/strict.conf", dropIn);
+  EXPECT_EQ(Verify(), "0: ");
+  std::ofstream(dropIn, std::ios::app) << "ProtectEverything=yes\n";
+  EXPECT_THAT(Verify(), HasSubstr("ProtectEverything"));
 }
 
 // --- the policy, on a bus daemon that allows nothing else ---

@@ -196,9 +196,9 @@ TEST_F(UsersServiceFiles, LieInTheUsersPlacesWithoutAPolicy) {
   EXPECT_EQ(fs::read_symlink(m_folder + "/config/systemd/user/default.target.wants/Sched.service"),
             m_folder + "/config/systemd/user/Sched.service");
   EXPECT_EQ(Text("/config/systemd/user/Sched.service"),
-            "[Unit]\nDescription=A scheduler\n\n[Service]\nType=notify\n"
+            "[Unit]\nDescription=A scheduler\nDocumentation=man:Sched(8)\n\n[Service]\nType=notify\n"
             "ExecStart=\"/usr/bin/sched\" \"--root\" \"/var/lib/sched\" \"--foreground\"\nKillMode=process\n"
-            "TasksMax=infinity\nRestart=on-failure\n\n[Install]\nWantedBy=default.target\n");
+            "TasksMax=infinity\nOOMPolicy=continue\nRestart=on-failure\n\n[Install]\nWantedBy=default.target\n");
   EXPECT_EQ(Text("/data/dbus-1/services/com.example.Sched1.service"),
             "[D-BUS Service]\nName=com.example.Sched1\nExec='/usr/bin/sched' '--root' '/var/lib/sched'\n"
             "SystemdService=Sched.service\n");
@@ -208,6 +208,7 @@ TEST_F(UsersServiceFiles, LieInTheUsersPlacesWithoutAPolicy) {
 }
 
 TEST_F(UsersServiceFiles, HaveNoAccount) {
+  EXPECT_EQ(InstalledAccount(m_installation), "");
   EXPECT_EQ(InstallAccount(m_installation, "daemon", m_failed), ERROR_INVALID_PARAMETER);
   EXPECT_THAT(Names(), IsEmpty());
 }
@@ -221,6 +222,14 @@ TEST_F(ServiceFiles, AnAccountIsADropInOfTheUnitAndMayOwnTheBusName) {
   ASSERT_EQ(InstallAccount(m_installation, "", m_failed), ERROR_SUCCESS);
   EXPECT_THAT(Names(), IsEmpty());
   EXPECT_FALSE(fs::exists(m_folder + "/etc/systemd/system/Sched.service.d"));
+}
+
+TEST_F(ServiceFiles, TheInstalledAccountIsTheOneOfTheDropInAsItWasWritten) {
+  EXPECT_EQ(InstalledAccount(m_installation), "");
+  ASSERT_EQ(InstallAccount(m_installation, "daemon", m_failed), ERROR_SUCCESS);
+  EXPECT_EQ(InstalledAccount(m_installation), "daemon");
+  std::ofstream(m_folder + kAccountUnit) << "[Service]\nNice=5\n";  // somebody's own file of that name
+  EXPECT_EQ(InstalledAccount(m_installation), "");
 }
 
 TEST_F(ServiceFiles, WhatIsNoAccountIsRefusedAndChangesNothing) {
