@@ -61,7 +61,7 @@ foreach(header ${platform_headers})
 endforeach()
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/QxSchedConfig.cmake.in ${PROJECT_BINARY_DIR}/QxSchedConfig.cmake
-  INSTALL_DESTINATION ${QX_PACKAGE_DIR} PATH_VARS CMAKE_INSTALL_LIBDIR)
+  INSTALL_DESTINATION ${QX_PACKAGE_DIR} PATH_VARS QX_RULES_DIR)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/QxSchedConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/QxSchedConfig.cmake ${PROJECT_BINARY_DIR}/QxSchedConfigVersion.cmake
   DESTINATION ${QX_PACKAGE_DIR} COMPONENT foundation-dev)

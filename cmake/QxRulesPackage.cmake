@@ -15,7 +15,7 @@ target_compile_features(qx_rules_access INTERFACE cxx_std_20)
 target_link_libraries(qx_rules_access INTERFACE qx_foundation_shared)
 add_library(QxSched::Rules ALIAS qx_rules_access)
 
-install(TARGETS qx_rules LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT rules)
+install(TARGETS qx_rules LIBRARY DESTINATION ${QX_RULES_DIR} COMPONENT rules)
 install(TARGETS qx_rules_access EXPORT QxSchedRules ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT rules-dev)
 install(EXPORT QxSchedRules NAMESPACE QxSched:: DESTINATION ${QX_PACKAGE_DIR} COMPONENT rules-dev)
 foreach(header ${rules_headers})

@@ -3,22 +3,26 @@
 # starts in the second it is due, a restart brings the schedule back, and it is deleted.
 # Fails unless every step really happened. Needs neither root nor systemd; takes about fifteen seconds.
 #
-# usage: scripts/demo.sh
+# usage: scripts/demo.sh [--installed]     --installed: the programs on PATH, in place of those built here
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 # --- the programs -----------------------------------------------------------------------------------------------------
 
-preset=dev
-[ -e build/dev/build.ninja ] || preset=release
-if [ ! -e "build/$preset/build.ninja" ] || ! command -v dbus-daemon >/dev/null; then
-  scripts/install-deps.sh
-  echo "configuring (preset $preset)"
-  cmake --preset "$preset" >/dev/null
+if [ "${1:-}" = --installed ]; then
+  service=$(command -v QxSchedService) client=$(command -v qxsched)
+else
+  preset=dev
+  [ -e build/dev/build.ninja ] || preset=release
+  if [ ! -e "build/$preset/build.ninja" ] || ! command -v dbus-daemon >/dev/null; then
+    scripts/install-deps.sh
+    echo "configuring (preset $preset)"
+    cmake --preset "$preset" >/dev/null
+  fi
+  echo "building the programs (preset $preset)"
+  cmake --build --preset "$preset" --target QxSchedService qxsched >/dev/null
+  service=$PWD/build/$preset/bin/QxSchedService client=$PWD/build/$preset/bin/qxsched
 fi
-echo "building the programs (preset $preset)"
-cmake --build --preset "$preset" --target QxSchedService qxsched >/dev/null
-bin=$PWD/build/$preset/bin
 
 # --- helpers ----------------------------------------------------------------------------------------------------------
 
@@ -63,13 +67,13 @@ within() {
     sleep 0.1
   done
 }
-qxsched() { "$bin/qxsched" --root "$state" --bus "$address" "$@"; }
+qxsched() { "$client" --root "$state" --bus "$address" "$@"; }
 run() {  # shows a command and runs it
   printf '$ qxsched %s\n' "$*"
   qxsched "$@"
 }
 start_service() {
-  "$bin/QxSchedService" --root "$state" "--bus=$address" --foreground >"$work/service.out" 2>&1 &
+  "$service" --root "$state" "--bus=$address" --foreground >"$work/service.out" 2>&1 &
   service_pid=$!
   within 20 qxsched status || fail "the service doesn't answer"
 }
@@ -82,7 +86,7 @@ dbus-daemon --session --nofork --nopidfile --print-address=1 "--address=unix:tmp
   >"$work/address" 2>"$work/bus.out" &
 bus_pid=$!
 read -r address <"$work/address" || { cat "$work/bus.out" >&2; fail "the message bus doesn't start"; }
-"$bin/QxSchedService" --root "$state" "--bus=$address" -RegServer || fail "the service can't be registered"
+"$service" --root "$state" "--bus=$address" -RegServer || fail "the service can't be registered"
 start_service
 run status
 
@@ -94,7 +98,7 @@ while IFS= read -r line; do
   printf '    event: %s\n' "$line"
 done <"$work/monitor" &
 reader_pid=$!
-"$bin/qxsched" --bus "$address" monitor >"$work/monitor" 2>"$work/monitor.err" &
+"$client" --bus "$address" monitor >"$work/monitor" 2>"$work/monitor.err" &
 monitor_pid=$!
 within 10 grep -q 'waiting for events' "$work/monitor.err" || fail "monitor doesn't start"
 echo "listening"
