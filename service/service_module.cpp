@@ -7,6 +7,7 @@
 
 #include "foundation/include/zfclog.h"
 #include "platform/clock.h"
+#include "platform/event.h"
 #include "platform/event_log.h"
 #include "platform/host.h"
 #include "platform/memory.h"
@@ -83,6 +84,23 @@ void ComplainUtf8(const std::string& text) {
 void ReportGuard(std::string_view where, std::string_view what) {
   ServiceLog(0, u"An exception was caught in %s: %s", ForLog(platform::WideFromUtf8(where)),
              ForLog(platform::WideFromUtf8(what)));
+}
+
+// A server that its last client left gives its name up first and its state directory last: the bus may start the next
+// one in between, which waits for it. Returns what LockStateDirectory() said last.
+ErrorCode AwaitPredecessor(platform::File& lock) {
+  constexpr std::uint32_t kPatienceMs = 5000;
+  constexpr std::uint32_t kLookMs = 20;
+  ComplainUtf8("Waiting for the service that works on " + platform::StateDirectory());
+  platform::EventSet none;  // nobody sets it: a wait of a given length
+  if (const ErrorCode rc = none.Create(1); rc != ERROR_SUCCESS) return rc;
+  ErrorCode rc = platform::ERROR_LOCK_VIOLATION;
+  for (std::uint32_t passed = 0; rc == platform::ERROR_LOCK_VIOLATION && passed < kPatienceMs; passed += kLookMs) {
+    platform::WaitResult ignored;
+    if (const ErrorCode waited = none.Wait(kLookMs, ignored); waited != ERROR_SUCCESS) return waited;
+    rc = platform::LockStateDirectory(lock);
+  }
+  return rc;
 }
 
 void WriteEvent(std::uint32_t number) {
@@ -240,15 +258,17 @@ int CServiceModule::Start() {
   };
   // Looked for first: opening would make it.
   if (!platform::FileExists(RegistryFile(directory))) return unregistered(ERROR_FILE_NOT_FOUND);
-  if (const ErrorCode rc = platform::LockStateDirectory(m_stateLock); rc != ERROR_SUCCESS) {
+  ErrorCode rc = platform::LockStateDirectory(m_stateLock);
+  if (rc == platform::ERROR_LOCK_VIOLATION && !m_options.foreground) rc = AwaitPredecessor(m_stateLock);
+  if (rc != ERROR_SUCCESS) {
     ComplainUtf8(rc == platform::ERROR_LOCK_VIOLATION
                      ? "Another service works on " + directory
                      : "The state directory " + directory + " can't be locked, error " + std::to_string(rc));
     return kExitFailed;
   }
   if (!OpenStore()) return kExitFailed;
-  if (const ErrorCode rc = ReadApplicationKey(); rc != ERROR_SUCCESS) return unregistered(rc);
-  if (const ErrorCode rc = CreateStateFolders(); rc != ERROR_SUCCESS) {
+  if (rc = ReadApplicationKey(); rc != ERROR_SUCCESS) return unregistered(rc);
+  if (rc = CreateStateFolders(); rc != ERROR_SUCCESS) {
     ComplainUtf8("The folders of " + directory + " can't be made, error " + std::to_string(rc));
     return kExitFailed;
   }

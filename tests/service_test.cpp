@@ -7,6 +7,7 @@
 #include <regex>
 #include <set>
 
+#include "platform/file.h"
 #include "platform/registry.h"
 #include "tests/running_service.h"
 
@@ -53,6 +54,12 @@ class Service : public ::testing::Test {
 // A start of a daily window well away from the present.
 std::int64_t FarStart() {
   return platform::NowSeconds() + 6 * kAnHour;
+}
+
+// The same time of day on the present day of UTC, as the service gives times of day back.
+std::int64_t OnThisDay(std::int64_t seconds) {
+  constexpr std::int64_t kADay = 24 * kAnHour;
+  return platform::NowSeconds() / kADay * kADay + seconds % kADay;
 }
 
 // --- start and end ---
@@ -139,6 +146,22 @@ TEST_F(Service, StartedByHandItEndsWithItsLastClient) {
   EXPECT_EQ(listener.ListSchedule(count, list), 0u);  // it stays while one is there
   listener.Disconnect();
   EXPECT_EQ(service.Process().Wait(), 0) << service.Output();
+}
+
+TEST_F(Service, StartedByTheBusItWaitsForTheOneThatJustLeaves) {
+  ASSERT_NO_FATAL_FAILURE(service.Register());
+  platform::SetStateDirectory(service.Root());
+  platform::File leaving;
+  ASSERT_EQ(platform::LockStateDirectory(leaving), ERROR_SUCCESS);
+  service.Launch({});
+  const std::string told = "Waiting for the service that works on " + service.Root();
+  const std::uint32_t begun = platform::TickCount();
+  while (service.Output().find(told) == std::string::npos && platform::TickCount() - begun < qx::testing::kPatience) {
+    ASSERT_FALSE(service.Process().HasEnded()) << service.Output();
+  }
+  leaving.Close();
+  platform::SetStateDirectory({});
+  EXPECT_TRUE(service.WaitForName()) << service.Output();
 }
 
 TEST_F(Service, AClientThatOnlyListensKeepsAPlainServer) {
@@ -647,8 +670,8 @@ TEST_F(Service, AModificationChangesEverythingButWhatIsFixedAndTellsOfIt) {
   changed.bstrParameters = u"-q";
   changed.bstrPreScript = u"before";
   changed.bstrPostScript = u"after";
-  changed.stScheduleRules.lStartTime = static_cast<std::int32_t>(start + kAnHour);
-  changed.stScheduleRules.lEndTime = static_cast<std::int32_t>(start + kAnHour + 120);
+  changed.stScheduleRules.lStartTime = static_cast<std::int32_t>(OnThisDay(start + kAnHour));
+  changed.stScheduleRules.lEndTime = static_cast<std::int32_t>(OnThisDay(start + kAnHour + 120));
   changed.stScheduleRules.dwTimeDuration = 120000;
   ASSERT_EQ(client.ModifySchedule(id, changed), 0u) << client.LastError().text;
   const auto modified = RunningService::WaitFor(client, *events, "Schedule_Modify");
