@@ -114,6 +114,8 @@ for file in /usr/lib/systemd/system/QxSchedService.service.d/10-node-channel-fen
 done
 ldconfig -p | grep -q libqxschedclient.so.0 || fail "the loader doesn't know the client library"
 
+[ ! -e /etc/systemd/system/multi-user.target.wants/qxsched-record.service ] || fail "nobody asked for the recorder"
+
 step "The demo"
 bash /source/scripts/demo.sh --installed >/log 2>&1 || { cat /log; fail "the demo failed"; }
 grep -q 'Everything happened as it should' /log || fail "the demo didn't come to its end"
@@ -122,7 +124,11 @@ step "The bus of the system starts the service for its first client"
 mkdir -p /run/dbus
 dbus-daemon --system --fork
 qxsched status >/dev/null || fail "root isn't answered"
-pgrep -x QxSchedService >/dev/null || fail "who answered?"
+stay() {  # a client without whom the service would end: no service manager keeps it here
+  qxsched monitor >/dev/null 2>&1 &
+  within 20 pgrep -x QxSchedService || fail "the service doesn't stay for its client"
+}
+stay
 useradd --no-create-home --groups qxsched member
 useradd --no-create-home stranger
 runuser -u member -- qxsched --bus system list >/dev/null || fail "a member of the group is refused"
@@ -137,7 +143,8 @@ quietly apt-get install -y --no-install-recommends /debs/2/*.deb
 qxsched list --json | grep -qF "$id" || fail "the upgrade lost the schedule"
 
 step "An account of its own survives a removal, and so do the schedules"
-qxsched config set account daemon >/dev/null
+pgrep -x QxSchedService >/dev/null || stay
+qxsched config set account daemon >/dev/null 2>&1
 [ -s $account_dropin ] || fail "the account has no drop-in"
 quietly apt-get remove -y qxsched-service
 within 20 gone || fail "the service still runs"
@@ -152,16 +159,17 @@ qxsched list --json | grep -qF "$id" || fail "the schedule is gone"
 [ -e /etc/systemd/system/multi-user.target.wants/QxSchedService.service ] || fail "the unit isn't enabled again"
 
 step "A disabled unit stays disabled over an upgrade, and the account keeps its files"
-pkill -TERM -x QxSchedService
+pkill -TERM -x QxSchedService || true
 within 20 gone || fail "the service doesn't stop"
 chown -R daemon $state
-deb-systemd-helper disable QxSchedService.service >/dev/null 2>&1 || true
 rm -f /etc/systemd/system/multi-user.target.wants/QxSchedService.service
 quietly apt-get install -y --no-install-recommends --reinstall /debs/2/qxsched-service_*.deb
 [ ! -e /etc/systemd/system/multi-user.target.wants/QxSchedService.service ] || fail "the upgrade enabled the unit"
 [ -z "$(find $state ! -user daemon)" ] || fail "not the account's any more: $(find $state ! -user daemon)"
 
 step "Purging"
+ln -s /lib/systemd/system/qxsched-record.service /etc/systemd/system/multi-user.target.wants/  # as systemctl enables it
+mkdir -p /var/lib/qxsched-record
 quietly apt-get purge -y qxsched qxsched-service qxsched-doc libqxsched-dev libqxschedclient0 libqxzepfoundation0 \
   libqxzepschedule2u
 within 20 gone || fail "the service still runs"
