@@ -112,6 +112,7 @@ class Store {
     std::stringstream text;
     text << in.rdbuf();
     m_text = text.str();
+    sync();  // so that no round meets the writing back of the fixture
     m_values = std::make_unique<Values>(m_service.Directory() + "/yardstick.db");
     m_service.Start();
     Demand(m_echo.Open(platform::BusAddress::Explicit(m_service.BusAddress())) == 0, "no bus");
