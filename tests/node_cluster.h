@@ -107,6 +107,8 @@ class NodeCluster {
   void SetLink(int node, bool up) {
     Must({"-n", Hub(), "link", "set", "p" + std::to_string(node), up ? "up" : "down"});
   }
+  // Has a node ask anew where its neighbours are, so that one behind a link that is down is found missing within seconds.
+  void ForgetNeighbours(int node) { Must({"-n", Namespace(node), "neigh", "flush", "all"}); }
   // Adds a line to the hosts file of one node.
   void AddHost(int node, const std::string& line) {
     std::ofstream("/etc/netns/" + Namespace(node) + "/hosts", std::ios::app) << line << "\n";
