@@ -85,9 +85,9 @@ class ServiceSoak : public ::testing::Test {
   void SetUp() override {
     m_programs = std::getenv("QX_RELEASE_PROGRAMS") != nullptr ? std::getenv("QX_RELEASE_PROGRAMS")
                                                                : test_paths::Programs();
-    const std::string whyNoNodes = NodeCluster::WhyNot();
+    const std::string whyNoNodes = NodeCluster::WhyNot(Mechanism::kNtlm);
     if (whyNoNodes.empty()) {
-      m_cluster = std::make_unique<NodeCluster>(2);
+      m_cluster = std::make_unique<NodeCluster>(2, Mechanism::kNtlm);
       ASSERT_FALSE(HasFailure());
       m_cluster->ShareSecret();
       m_service = &(*m_cluster)[0];
