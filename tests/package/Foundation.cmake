@@ -1,0 +1,20 @@
+# The foundation library, shared, static and by pkg-config.
+set(installed foundation foundation-dev)
+set(headers *.h)
+set(programs user_shared|QxSched::Foundation|${package}/foundation_user.cpp
+    user_static|QxSched::FoundationStatic|${package}/foundation_user.cpp)
+set(pkg_config qxsched-foundation ${package}/foundation_user.cpp)
+set(library libqxZepFoundation.so)
+set(symbols "ZepFoundation::|platform::| Zep[A-Z]")
+set(inner_symbols "ZepFoundation::\\(anonymous")
+set(fewest_symbols 300)
+
+macro(check_programs)
+  foreach(program user_shared user_static pc_user)
+    file(MAKE_DIRECTORY ${work}/${program})
+    run(${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${library_dir} ${work}/build/${program} ${work}/${program})
+    if(NOT output STREQUAL "text 5 20 3 1 1 1 Access is denied.\n")
+      message(FATAL_ERROR "${program} printed \"${output}\"")
+    endif()
+  endforeach()
+endmacro()
