@@ -213,13 +213,17 @@ BusError ReadRecord(MessageReader& reader, Reading reading, const std::string& p
 template <class Element, std::size_t N>
 BusError ReadArray(MessageReader& reader, const std::string& key, std::array<Element, N>& array) {
   if (reader.EnterArray(TypeOf(array.data())) != ERROR_SUCCESS) return Malformed(key);
+  std::size_t count = 0;
+  Element element{};
+  platform::ErrorCode rc = ERROR_SUCCESS;
   std::array<Element, N> read{};
-  for (std::size_t i = 0; !reader.AtEnd(); ++i) {
-    if (i == N) {
+  for (; (rc = Read(reader, element)) == ERROR_SUCCESS; ++count) {
+    if (count == N) {
       return BusError::InvalidArgs("too many elements in key " + Quoted(key) + ": at most " + std::to_string(N));
     }
-    if (Read(reader, read[i]) != ERROR_SUCCESS) return Malformed(key);
+    read[count] = element;
   }
+  if (rc != platform::ERROR_NO_MORE_ITEMS) return Malformed(key);
   array = read;
   return reader.Exit() == ERROR_SUCCESS ? BusError() : Malformed(key);
 }
@@ -251,21 +255,22 @@ template <class Value>
 BusError ReadVariant(MessageReader& reader, Reading reading, std::string_view name, const std::string& key,
                      Value& value) {
   const std::string_view expected = TypeOf(&value);
-  const std::string given(reader.PeekType().contents);
-  if constexpr (std::is_same_v<Value, std::uint32_t>) {
-    if (IsFlag(name) && given == "b") {
-      bool flag = false;
-      if (reader.EnterVariant("b") != ERROR_SUCCESS || reader.ReadBool(flag) != ERROR_SUCCESS) return Malformed(key);
-      value = flag ? 1 : 0;
-      return reader.Exit() == ERROR_SUCCESS ? BusError() : Malformed(key);
+  // Nearly always the expected type stands there: a look ahead would cost as much as the reading.
+  if (reader.EnterVariant(expected) != ERROR_SUCCESS) {
+    const std::string given(reader.PeekType().contents);
+    if constexpr (std::is_same_v<Value, std::uint32_t>) {
+      if (IsFlag(name) && given == "b") {
+        bool flag = false;
+        if (reader.EnterVariant("b") != ERROR_SUCCESS || reader.ReadBool(flag) != ERROR_SUCCESS) return Malformed(key);
+        value = flag ? 1 : 0;
+        return reader.Exit() == ERROR_SUCCESS ? BusError() : Malformed(key);
+      }
     }
-  }
-  if (given != expected) {
+    if (given == expected) return Malformed(key);
     BusError error = WrongType(key, expected);
     error.text += ", got '" + given + "'";
     return error;
   }
-  if (reader.EnterVariant(expected) != ERROR_SUCCESS) return Malformed(key);
   if (BusError error = ReadValue(reader, reading, key, value); error.IsSet()) return error;
   return reader.Exit() == ERROR_SUCCESS ? BusError() : Malformed(key);
 }
@@ -276,11 +281,10 @@ BusError ReadRecord(MessageReader& reader, Reading reading, const std::string& p
   if (reader.EnterArray("{sv}") != ERROR_SUCCESS) return WrongType("schedule", kScheduleType);
   Record read;
   bool seen[N] = {};
-  while (!reader.AtEnd()) {
+  platform::ErrorCode rc = ERROR_SUCCESS;
+  while ((rc = reader.EnterDictEntry("sv")) == ERROR_SUCCESS) {
     std::string_view name;
-    if (reader.EnterDictEntry("sv") != ERROR_SUCCESS || reader.ReadString(name) != ERROR_SUCCESS) {
-      return Malformed(prefix);
-    }
+    if (reader.ReadString(name) != ERROR_SUCCESS) return Malformed(prefix);
     const std::string key = prefix + std::string(name);
     const auto field = std::find_if(std::begin(fields), std::end(fields), [&](const auto& f) { return f.key == name; });
     if (field == std::end(fields)) return BusError::InvalidArgs("unknown key " + Quoted(key));
@@ -292,7 +296,7 @@ BusError ReadRecord(MessageReader& reader, Reading reading, const std::string& p
     if (error.IsSet()) return error;
     if (reader.Exit() != ERROR_SUCCESS) return Malformed(key);
   }
-  if (reader.Exit() != ERROR_SUCCESS) return Malformed(prefix);
+  if (rc != platform::ERROR_NO_MORE_ITEMS || reader.Exit() != ERROR_SUCCESS) return Malformed(prefix);
   record = std::move(read);
   return {};
 }

@@ -259,7 +259,6 @@ enum Sql : std::size_t {
   kDeleteKey,
   kHasChild,
   kKeyStats,
-  kValueStats,
   kNextKey,
   kSameKey,
   kKeyAt,
@@ -286,7 +285,6 @@ constexpr const char* kSqlText[] = {
     "DELETE FROM keys WHERE id=?",
     "SELECT 1 FROM keys WHERE parent=? LIMIT 1",
     "SELECT count(*), max(length(fold)) FROM keys WHERE parent=?",
-    "SELECT count(*), max(length(fold)), max(length(data)) FROM vals WHERE key=?",
     "SELECT name, fold FROM keys WHERE parent=? AND fold>? ORDER BY fold LIMIT 1",
     "SELECT name, fold FROM keys WHERE parent=? AND fold>=? ORDER BY fold LIMIT 1",
     "SELECT name, fold FROM keys WHERE parent=? ORDER BY fold LIMIT 1 OFFSET ?",
@@ -378,6 +376,38 @@ struct Place {
   std::uint32_t depth = 0;
 };
 
+// The values of a key as they were when somebody asked about the key: whoever does so is about to read them, one by one,
+// and each look at the store costs a transaction. Good for kCopyTrust, and only as long as this process doesn't write.
+constexpr std::chrono::milliseconds kCopyTrust{5};
+constexpr std::size_t kMostCopied = 65536;  // bytes of all values of a key; more aren't copied
+constexpr std::size_t kUsualValues = 16;    // of a key, and their bytes
+constexpr std::size_t kUsualBytes = 1024;
+struct ValueCopies {
+  struct Value {
+    std::uint32_t type = 0;
+    std::size_t fold = 0;  // where the folded name begins, its end and the end of the data behind it
+    std::size_t data = 0;
+    std::size_t end = 0;
+  };
+  std::chrono::steady_clock::time_point made;
+  std::uint64_t changes = 0;  // of the store, likewise
+  std::vector<Value> values;
+  std::vector<std::byte> bytes;
+
+  void Add(std::span<const std::byte> fold, std::uint32_t type, std::span<const std::byte> data) {
+    const std::size_t begin = bytes.size();
+    bytes.insert(bytes.end(), fold.begin(), fold.end());
+    bytes.insert(bytes.end(), data.begin(), data.end());
+    values.push_back({type, begin, begin + fold.size(), bytes.size()});
+  }
+  [[nodiscard]] const Value* Find(const Bytes& fold) const {
+    const auto at = std::find_if(values.begin(), values.end(), [&](const Value& value) {
+      return value.data - value.fold == fold.size() && std::memcmp(&bytes[value.fold], fold.data(), fold.size()) == 0;
+    });
+    return at == values.end() ? nullptr : &*at;
+  }
+};
+
 }  // namespace
 
 namespace detail {
@@ -390,6 +420,7 @@ struct RegistryKeyState {
   std::shared_ptr<Batch> wrote;  // the last one that this handle wrote into
   Cursor keys;
   Cursor values;
+  std::optional<ValueCopies> copies;
   std::shared_ptr<const AheadKey> ahead;  // the key as it was read ahead, for as long as that reading holds
   std::uint64_t aheadNumber = 0;          // of that reading
 
@@ -428,7 +459,8 @@ class Store {
   [[nodiscard]] ErrorCode Locate(Place from, std::span<const std::u16string_view> elements, Place& out);
   [[nodiscard]] ErrorCode Create(Place from, std::span<const std::u16string_view> elements, Place& out, bool& created);
   [[nodiscard]] ErrorCode Delete(Handle& parent, std::span<const std::u16string_view> elements, bool withChildren);
-  [[nodiscard]] ErrorCode Info(Place place, KeyInfo& out);
+  // `copies` gets the values, unless they are too many.
+  [[nodiscard]] ErrorCode Info(Place place, KeyInfo& out, std::optional<ValueCopies>& copies);
   [[nodiscard]] ErrorCode Find(Place place, std::u16string_view name, Item& out);
   [[nodiscard]] ErrorCode Set(Handle& handle, std::u16string_view name, std::uint32_t type, const void* data,
                               std::size_t size);
@@ -450,6 +482,7 @@ class Store {
   [[nodiscard]] ErrorCode MakeSchema();
   [[nodiscard]] ErrorCode Begin();
   [[nodiscard]] ErrorCode Exists(Place place);
+  [[nodiscard]] ErrorCode LocateAnew(Place from, std::span<const std::u16string_view> elements, Place& out);
   [[nodiscard]] ErrorCode FindChild(std::int64_t parent, const Bytes& fold, std::int64_t& id);
   [[nodiscard]] ErrorCode InsertChild(std::int64_t parent, std::u16string_view name, std::int64_t& id);
   [[nodiscard]] ErrorCode LocateForDeletion(Place from, std::span<const std::u16string_view> elements,
@@ -463,6 +496,15 @@ class Store {
   std::array<Prepared, kSqlCount> m_sql;
   std::shared_ptr<Batch> m_batch;
   std::uint64_t m_changes = 0;  // of this process, a loss included
+
+  // The last path of several elements that was followed, and where it led to.
+  struct Followed {
+    std::int64_t from = 0;
+    std::vector<std::u16string> elements;
+    Place place;
+    std::uint64_t changes = 0;
+    std::int64_t dataVersion = 0;
+  } m_followed;
 };
 
 Mutex g_lock;
@@ -703,6 +745,21 @@ ErrorCode Store::InsertChild(std::int64_t parent, std::u16string_view name, std:
 
 // Follows the elements; on ERROR_FILE_NOT_FOUND `out` is the last key that is there.
 ErrorCode Store::Locate(Place from, std::span<const std::u16string_view> elements, Place& out) {
+  if (elements.size() < 2) return LocateAnew(from, elements, out);
+  Use version(m_sql[kDataVersion]);  // not reset before the end: one transaction for all
+  if (const int rc = version.Step(); rc != SQLITE_ROW) return CodeFromSqlite(rc);
+  const std::int64_t dataVersion = version.Int(0);
+  if (m_followed.changes == m_changes && m_followed.dataVersion == dataVersion && m_followed.from == from.id &&
+      std::equal(elements.begin(), elements.end(), m_followed.elements.begin(), m_followed.elements.end())) {
+    out = m_followed.place;
+    return ERROR_SUCCESS;
+  }
+  const ErrorCode code = LocateAnew(from, elements, out);
+  if (code == ERROR_SUCCESS) m_followed = {from.id, {elements.begin(), elements.end()}, out, m_changes, dataVersion};
+  return code;
+}
+
+ErrorCode Store::LocateAnew(Place from, std::span<const std::u16string_view> elements, Place& out) {
   out = from;
   if (elements.empty()) return Exists(from);
   for (const std::u16string_view element : elements) {
@@ -786,23 +843,37 @@ ErrorCode Store::Delete(Handle& parent, std::span<const std::u16string_view> ele
   return ERROR_SUCCESS;
 }
 
-ErrorCode Store::Info(Place place, KeyInfo& out) {
+ErrorCode Store::Info(Place place, KeyInfo& out, std::optional<ValueCopies>& copies) {
   KeyInfo info;
+  ValueCopies read;
   {
-    Use use(m_sql[kKeyStats]);
-    if (const int rc = use.Arg(place.id).Step(); rc != SQLITE_ROW) return CodeFromSqlite(rc);
-    info.subKeyCount = static_cast<std::uint32_t>(use.Int(0));
-    info.maxSubKeyLength = static_cast<std::uint32_t>(use.Int(1) / 2);
-  }
-  {
-    Use use(m_sql[kValueStats]);
-    if (const int rc = use.Arg(place.id).Step(); rc != SQLITE_ROW) return CodeFromSqlite(rc);
-    info.valueCount = static_cast<std::uint32_t>(use.Int(0));
-    info.maxValueNameLength = static_cast<std::uint32_t>(use.Int(1) / 2);
-    info.maxValueLength = static_cast<std::uint32_t>(use.Int(2));
+    Use keys(m_sql[kKeyStats]);  // not reset before the values are read: one transaction for both
+    if (const int rc = keys.Arg(place.id).Step(); rc != SQLITE_ROW) return CodeFromSqlite(rc);
+    info.subKeyCount = static_cast<std::uint32_t>(keys.Int(0));
+    info.maxSubKeyLength = static_cast<std::uint32_t>(keys.Int(1) / 2);
+    Use values(m_sql[kValues]);
+    values.Arg(place.id);
+    read.values.reserve(kUsualValues);
+    read.bytes.reserve(kUsualBytes);
+    int rc = SQLITE_OK;
+    while ((rc = values.Step()) == SQLITE_ROW) {
+      const auto fold = values.Blob(0);
+      const auto data = values.Blob(2);
+      ++info.valueCount;
+      info.maxValueNameLength = std::max(info.maxValueNameLength, static_cast<std::uint32_t>(fold.size() / 2));
+      info.maxValueLength = std::max(info.maxValueLength, static_cast<std::uint32_t>(data.size()));
+      if (read.bytes.size() <= kMostCopied) read.Add(fold, static_cast<std::uint32_t>(values.Int(1)), data);
+    }
+    if (rc != SQLITE_DONE) return CodeFromSqlite(rc);
   }
   if (info.subKeyCount == 0 && info.valueCount == 0) {
     if (const ErrorCode code = Exists(place); code != ERROR_SUCCESS) return code;
+  }
+  copies.reset();
+  if (read.bytes.size() <= kMostCopied) {
+    read.made = std::chrono::steady_clock::now();
+    read.changes = m_changes;
+    copies = std::move(read);
   }
   out = info;
   return ERROR_SUCCESS;
@@ -1134,6 +1205,14 @@ ErrorCode DeleteFromKey(const RegistryKey& parent, std::u16string_view subKey, b
   return DeleteBelow(*handle, subKey, withChildren);
 }
 
+// The values as they were a moment ago; null when the store itself is to be asked.
+const ValueCopies* CopiesOf(const Handle& handle) QX_REQUIRES(g_lock) {
+  const auto& copies = handle.copies;
+  const bool good = copies && copies->changes == g_store->Changes() &&
+                    std::chrono::steady_clock::now() - copies->made < kCopyTrust;
+  return good ? &*copies : nullptr;
+}
+
 ErrorCode FindValue(const RegistryKey& key, std::u16string_view name, Item& out) {
   if (const ErrorCode code = AskFault(Operation::kRegQueryValue, name); code != ERROR_SUCCESS) return code;
   const Guard guard(g_lock);
@@ -1143,6 +1222,14 @@ ErrorCode FindValue(const RegistryKey& key, std::u16string_view name, Item& out)
     const AheadKey::Value* value = ahead->Find(Fold(name));
     if (value == nullptr) return ERROR_FILE_NOT_FOUND;
     const auto data = ahead->Data(*value);
+    out.type = value->type;
+    out.data.assign(data.begin(), data.end());
+    return ERROR_SUCCESS;
+  }
+  if (const ValueCopies* copies = CopiesOf(*handle)) {
+    const ValueCopies::Value* value = copies->Find(Fold(name));
+    if (value == nullptr) return ERROR_FILE_NOT_FOUND;
+    const auto data = std::span(copies->bytes).subspan(value->data, value->end - value->data);
     out.type = value->type;
     out.data.assign(data.begin(), data.end());
     return ERROR_SUCCESS;
@@ -1517,7 +1604,7 @@ ErrorCode QueryInfoKey(const RegistryKey& key, KeyInfo& out) {
     out = ahead->info;
     return ERROR_SUCCESS;
   }
-  return g_store->Info(handle->place, out);
+  return g_store->Info(handle->place, out, handle->copies);
 }
 
 ErrorCode DeleteKey(Hive parent, std::u16string_view subKey) {

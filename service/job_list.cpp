@@ -17,7 +17,10 @@ std::int64_t SignExtended(std::int64_t window) { return static_cast<std::int32_t
 }  // namespace
 
 bool CJobList::ById::operator()(const ScheduleGuid& a, const ScheduleGuid& b) const {
-  return std::memcmp(&a, &b, sizeof a) < 0;
+  if (a.Data1 != b.Data1) return a.Data1 < b.Data1;
+  if (a.Data2 != b.Data2) return a.Data2 < b.Data2;
+  if (a.Data3 != b.Data3) return a.Data3 < b.Data3;
+  return std::memcmp(a.Data4, b.Data4, sizeof a.Data4) < 0;
 }
 
 Status CJobList::AddJob(CJobNode node) {
@@ -47,6 +50,11 @@ void CJobList::RemoveJob(CJobNode node) {
 CJobList::Position CJobList::Find(const ScheduleGuid& id) {
   const auto at = m_entries.find(id);
   return at == m_entries.end() ? End() : Position(m_sequence.find(&at->second));
+}
+
+CJobNode* CJobList::FindNode(const ScheduleGuid& id) {
+  const auto at = m_entries.find(id);
+  return at == m_entries.end() ? nullptr : &at->second.node;
 }
 
 CJobList::Position CJobList::Erase(Position at) {

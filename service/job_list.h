@@ -38,6 +38,7 @@ class CJobList {
       return a->listedWindow != b->listedWindow ? a->listedWindow < b->listedWindow : a->rank < b->rank;
     }
   };
+  // In the order of the IDs' texts, which is that of the keys: whoever walks the keys finds neighbours.
   struct ById {
     bool operator()(const ScheduleGuid& a, const ScheduleGuid& b) const;
   };
@@ -81,6 +82,8 @@ class CJobList {
   [[nodiscard]] Position Begin() { return Position(m_sequence.begin()); }
   [[nodiscard]] Position End() { return Position(m_sequence.end()); }
   [[nodiscard]] Position Find(const ScheduleGuid& id);
+  // The node of an ID without its place, at half the cost; null for none. Valid until it is erased.
+  [[nodiscard]] CJobNode* FindNode(const ScheduleGuid& id);
   // Erases a node, its reference untouched, and gives its successor.
   Position Erase(Position at);
   // Tells that a node's window was changed in place: it keeps its place until Sort().

@@ -235,9 +235,9 @@ Status ReadFromFile(SCHEDULE_OBJECT& record, CJobNode& node) {
 // schedule has no node.
 std::optional<Status> ReadFromList(const ScheduleGuid& id, SCHEDULE_OBJECT& record) {
   const platform::CriticalSectionGuard guard(g_JobListLock);
-  const CJobList::Position at = g_JobList.Find(id);
-  if (at == g_JobList.End()) return std::nullopt;
-  const Status status = at->ScheduleObj.LoadScheduleFromPropBag(&record);
+  CJobNode* const node = g_JobList.FindNode(id);
+  if (node == nullptr) return std::nullopt;
+  const Status status = node->ScheduleObj.LoadScheduleFromPropBag(&record);
   if (status != kStatusOk) {
     ServiceLog(1, u"GetScheduleInfo:LoadScheduleRuleFromPropBag return with error: %x", status);
   }
