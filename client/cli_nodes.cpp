@@ -182,6 +182,7 @@ class SpreadLink final : public ServiceLink {
   Status ListInfo(const std::u16string& afterId, std::uint32_t limit, std::vector<ListRow>& rows) override {
     return m_inner->ListInfo(afterId, limit, rows);
   }
+  Status ListAll(std::vector<ListRow>& rows) override { return m_inner->ListAll(rows); }
   Status ReadFacts(ServiceFacts& facts) override { return m_inner->ReadFacts(facts); }
   Status Listen(ISchedulerServiceEvents& sink) override { return m_inner->Listen(sink); }
   bool WaitForEvents(std::uint32_t limitMs) override { return m_inner->WaitForEvents(limitMs); }

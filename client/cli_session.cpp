@@ -24,7 +24,6 @@ namespace {
 using nlohmann::ordered_json;
 using platform::Utf8FromWide;
 
-constexpr std::uint32_t kPageRows = 1000;
 constexpr std::size_t kMostCandidatesShown = 10;
 
 bool IsGone(const platform::BusError& error) {
@@ -167,15 +166,8 @@ int Session::UseServiceZone() {
 }
 
 int Session::AllRows(std::vector<ListRow>& rows) {
-  for (std::u16string after;;) {
-    std::vector<ListRow> page;
-    const Status status = Wait("list the schedules", false, [&] { return m_link->ListInfo(after, kPageRows, page); });
-    if (status != kStatusOk) return Fail(status, "");
-    // A page that begins again would never end.
-    if (page.empty() || page.back().id == after) return kExitDone;
-    after = page.back().id;
-    std::move(page.begin(), page.end(), std::back_inserter(rows));
-  }
+  const Status status = Wait("list the schedules", false, [&] { return m_link->ListAll(rows); });
+  return status == kStatusOk ? static_cast<int>(kExitDone) : Fail(status, "");
 }
 
 int Session::FindInList(const std::string& word, const std::vector<ListRow>& rows, Target& target) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <functional>
 #include <iterator>
+#include <memory>
 #include <utility>
 
 #include "common/bus_records.h"
@@ -100,7 +101,11 @@ struct [[gnu::visibility("hidden")]] SchedulerClient::Impl {
   Status SubscribeToOwner();
   void OnOwner(MessageReader& signal);
   Status AskBus(std::string_view member, MessageReader& reply);
+  struct Part;
+  Status AskForPage(const std::shared_ptr<Part>& part);
+  Status TakePage(Part& part);
   void OnSignal(MessageReader& signal);
+  void Hear(bool ofOwner, MessageReader& signal);
   void Deliver(const std::function<void(ISchedulerServiceEvents&)>& event);
 
   platform::BusConnection connection;
@@ -110,6 +115,21 @@ struct [[gnu::visibility("hidden")]] SchedulerClient::Impl {
   bool subscribed = false;
   std::function<void(bool)> presence;
   std::size_t delivered = 0;
+  bool waitsForEvents = false;
+  // Signals that came while something else was waited for, each with whether it is about the service's name.
+  bool keepsSignals = false;
+  std::vector<std::pair<bool, MessageReader>> keptSignals;
+};
+
+// Asks for the pages of a part of the list, one after the other.
+struct [[gnu::visibility("hidden")]] SchedulerClient::Impl::Part {
+  std::u16string after;
+  std::u16string upTo;  // the last ID that may belong to it; empty: no bound
+  std::vector<ListRow> rows;
+  bool isAsked = false;  // an answer is to come
+  bool isOver = false;
+  MessageReader reply;
+  BusError error;
 };
 
 SchedulerClient::SchedulerClient() : m_impl(std::make_unique<Impl>()) {}
@@ -122,6 +142,7 @@ const BusError& SchedulerClient::LastError() const {
 Status SchedulerClient::Connect(const platform::BusAddress& address) {
   m_impl->lastError = {};
   m_impl->subscribed = false;
+  m_impl->keptSignals.clear();
   m_impl->connection.Close();
   if (const ErrorCode rc = m_impl->connection.Open(address); rc != ERROR_SUCCESS) {
     return m_impl->Fail(rc, BusError::Failed("no connection to the message bus"));
@@ -331,13 +352,23 @@ Status SchedulerClient::Unadvise(std::uint32_t cookie) {
 Status SchedulerClient::Impl::Subscribe() {
   if (subscribed) return kStatusOk;
   const ErrorCode rc = connection.Subscribe(kBusName, kBusPath, kBusEventsInterface, "",
-                                              [this](MessageReader& signal) { OnSignal(signal); });
+                                            [this](MessageReader& signal) { Hear(false, signal); });
   if (rc != ERROR_SUCCESS) return Fail(rc, BusError::Failed("the service's events can't be subscribed to"));
   subscribed = true;
   // Makes this end a client that a plain server waits for. A service that isn't there yet will send its events.
   (void)Call(kBusManagerInterface, "Subscribe", {}, {});
   lastError = {};
   return kStatusOk;
+}
+
+void SchedulerClient::Impl::Hear(bool ofOwner, MessageReader& signal) {
+  if (keepsSignals) {
+    keptSignals.emplace_back(ofOwner, std::move(signal));
+  } else if (ofOwner) {
+    OnOwner(signal);
+  } else {
+    OnSignal(signal);
+  }
 }
 
 void SchedulerClient::Impl::OnSignal(MessageReader& signal) {
@@ -382,6 +413,11 @@ void SchedulerClient::Impl::Deliver(const std::function<void(ISchedulerServiceEv
 std::size_t SchedulerClient::WaitForEvents(std::uint32_t limitMs) {
   m_impl->delivered = 0;
   const std::uint32_t begun = platform::TickCount();
+  const bool nested = std::exchange(m_impl->waitsForEvents, true);
+  for (auto& [ofOwner, signal] : std::exchange(m_impl->keptSignals, {})) {
+    signal.Rewind();
+    m_impl->Hear(ofOwner, signal);
+  }
   while (m_impl->connection.IsOpen()) {
     while (m_impl->connection.Process()) {
     }
@@ -389,6 +425,7 @@ std::size_t SchedulerClient::WaitForEvents(std::uint32_t limitMs) {
     if (m_impl->delivered != 0 || passed >= limitMs) break;
     (void)m_impl->connection.WaitForWork(limitMs - passed);
   }
+  m_impl->waitsForEvents = nested;
   return m_impl->delivered;
 }
 
@@ -396,7 +433,7 @@ std::size_t SchedulerClient::WaitForEvents(std::uint32_t limitMs) {
 
 Status SchedulerClient::Impl::SubscribeToOwner() {
   const ErrorCode rc = connection.Subscribe(kBusDaemon, "", kBusDaemon, "NameOwnerChanged",
-                                            [this](MessageReader& signal) { OnOwner(signal); });
+                                            [this](MessageReader& signal) { Hear(true, signal); });
   return rc == ERROR_SUCCESS ? kStatusOk : Fail(rc, BusError::Failed("the service's presence can't be watched"));
 }
 
@@ -459,24 +496,116 @@ Status SchedulerClient::ListInfo(std::u16string_view afterId, std::uint32_t limi
         AppendText(call, afterId);
         call.AppendUint32(limit);
       },
-      [&](MessageReader& reply) {
-        std::vector<ListRow> page;
-        BusError error = ReadRecords(reply, "(" + std::string(kListRowContents) + ")", page,
-                                     [&](ListRow& row) { return ReadListRow(reply, row); });
-        if (!error.IsSet()) std::move(page.begin(), page.end(), std::back_inserter(rows));
-        return error;
-      });
+      [&](MessageReader& reply) { return ReadListRows(reply, rows); });
 }
 
-Status SchedulerClient::ListAll(std::vector<ListRow>& rows) {
-  std::u16string last;
-  while (true) {
-    std::vector<ListRow> page;
-    if (const Status status = ListInfo(last, 0, page); status != kStatusOk) return status;
-    if (page.empty()) return kStatusOk;
-    last = page.back().id;
-    std::move(page.begin(), page.end(), std::back_inserter(rows));
+// --- the whole list ---
+
+namespace {
+
+// IDs are spread evenly, so that this one has about half of them in front of it.
+constexpr std::u16string_view kMiddleId = u"{7FFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF}";
+// A list that isn't longer than this is read from front to end.
+constexpr std::size_t kWorthHalves = 500;
+
+// IDs of a list come in upper case or lower; their order knows no case.
+bool IsBehind(const ListRow& row, std::u16string_view id) {
+  return std::lexicographical_compare(id.begin(), id.end(), row.id.begin(), row.id.end(), [](char16_t a, char16_t b) {
+    const auto upper = [](char16_t c) { return c >= u'a' && c <= u'z' ? static_cast<char16_t>(c - u'a' + u'A') : c; };
+    return upper(a) < upper(b);
+  });
+}
+
+}  // namespace
+
+Status SchedulerClient::Impl::AskForPage(const std::shared_ptr<Part>& part) {
+  MessageWriter call;
+  if (const ErrorCode rc = connection.NewCall(kBusName, kBusPath, kBusManagerInterface, "ListInfo", call);
+      rc != ERROR_SUCCESS) {
+    return Fail(rc, {std::string(platform::kBusErrorDisconnected), "not connected to the message bus"});
   }
+  AppendText(call, part->after);
+  call.AppendUint32(0);
+  const auto answered = [part](MessageReader& reply, const BusError& error) {
+    part->reply = std::move(reply);
+    part->error = error;
+    part->isAsked = false;
+  };
+  part->isAsked = true;
+  const ErrorCode rc = connection.CallAsync(std::move(call), answered, platform::kNoCallLimit);
+  return rc == ERROR_SUCCESS ? kStatusOk : Fail(rc, BusError::Failed("the call could not be sent"));
+}
+
+// Takes the page that came over into the rows.
+Status SchedulerClient::Impl::TakePage(Part& part) {
+  if (part.error.IsSet()) {
+    const bool lost = part.error.name == platform::kBusErrorDisconnected;
+    return Fail(lost ? platform::ERROR_NOT_CONNECTED : platform::ERROR_REQUEST_REFUSED, std::move(part.error));
+  }
+  std::int32_t status = 0;
+  if (part.reply.ReadInt32(status) != ERROR_SUCCESS) return Fail(platform::ERROR_INVALID_DATA, BadReply("status"));
+  if (status != 0) return static_cast<Status>(status);
+  const std::size_t before = part.rows.size();
+  if (BusError error = ReadListRows(part.reply, part.rows); error.IsSet()) {
+    return Fail(platform::ERROR_INVALID_DATA, std::move(error));
+  }
+  part.reply = {};
+  // A page that begins again would never end.
+  part.isOver = part.rows.size() == before || part.rows.back().id == part.after;
+  while (!part.upTo.empty() && part.rows.size() > before && IsBehind(part.rows.back(), part.upTo)) {
+    part.rows.pop_back();
+    part.isOver = true;
+  }
+  if (!part.isOver) part.after = part.rows.back().id;
+  return kStatusOk;
+}
+
+// Both halves at once: the service makes a page of the one while a page of the other is read here.
+Status SchedulerClient::ListAll(std::vector<ListRow>& rows) {
+  Impl& impl = *m_impl;
+  const auto first = std::make_shared<Impl::Part>();
+  if (const Status status = ListInfo({}, 0, first->rows); status != kStatusOk || first->rows.empty()) return status;
+  first->after = first->rows.back().id;
+  std::vector<std::shared_ptr<Impl::Part>> parts = {first};
+  // From within an event the connection answers nothing but a single call.
+  const bool canAsk = !impl.waitsForEvents;
+  if (canAsk && first->rows.size() >= kWorthHalves && !IsBehind(first->rows.back(), kMiddleId)) {
+    first->upTo = kMiddleId;
+    parts.push_back(std::make_shared<Impl::Part>());
+    parts.back()->after = kMiddleId;
+  }
+  Status status = kStatusOk;
+  if (!canAsk) {
+    for (std::size_t had = 0; status == kStatusOk && had != first->rows.size();) {
+      had = first->rows.size();
+      status = ListInfo(std::u16string(first->rows.back().id), 0, first->rows);
+    }
+  } else {
+    const bool kept = std::exchange(impl.keepsSignals, true);
+    for (const auto& part : parts) {
+      if (status == kStatusOk) status = impl.AskForPage(part);
+    }
+    for (std::size_t turn = 0; status == kStatusOk; ++turn) {
+      const auto isOver = [](const auto& part) { return part->isOver; };
+      if (std::all_of(parts.begin(), parts.end(), isOver)) break;
+      const std::shared_ptr<Impl::Part>& part = parts[turn % parts.size()];
+      if (part->isOver) continue;
+      while (part->isAsked) {
+        const bool more = impl.connection.Process();
+        if (!more && part->isAsked) (void)impl.connection.WaitForWork(platform::Apartment::kForever);
+      }
+      status = impl.TakePage(*part);
+      if (status == kStatusOk && !part->isOver) status = impl.AskForPage(part);
+    }
+    impl.keepsSignals = kept;
+  }
+  if (status != kStatusOk) return status;
+  if (rows.empty()) rows.swap(first->rows);
+  std::size_t count = rows.size();
+  for (const auto& part : parts) count += part->rows.size();
+  rows.reserve(count);
+  for (const auto& part : parts) std::move(part->rows.begin(), part->rows.end(), std::back_inserter(rows));
+  return kStatusOk;
 }
 
 Status SchedulerClient::Properties(ServiceProperties& properties) {

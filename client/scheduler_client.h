@@ -107,7 +107,8 @@ class SchedulerClient : public ISchedulerService {
   //   limit    0: as many as the service likes
   //   rows     appended to
   Status ListInfo(std::u16string_view afterId, std::uint32_t limit, std::vector<ListRow>& rows);
-  // All pages.
+  // All pages, in order of IDs. Two of them are on the way at a time.
+  //   rows     appended to; untouched on failure
   Status ListAll(std::vector<ListRow>& rows);
   Status Properties(ServiceProperties& properties);
 

@@ -1,11 +1,14 @@
 #include "client/service_link.h"
 
+#include <iterator>
 #include <utility>
 
 #include "client/scheduler_client.h"
 
 namespace qx {
 namespace {
+
+constexpr std::uint32_t kPageRows = 1000;
 
 class BusLink : public ServiceLink {
  public:
@@ -18,6 +21,7 @@ class BusLink : public ServiceLink {
   Status ListInfo(const std::u16string& afterId, std::uint32_t limit, std::vector<ListRow>& rows) override {
     return m_client.ListInfo(afterId, limit, rows);
   }
+  Status ListAll(std::vector<ListRow>& rows) override { return m_client.ListAll(rows); }
   Status ReadFacts(ServiceFacts& facts) override {
     ServiceProperties read;
     const Status status = m_client.Properties(read);
@@ -46,6 +50,20 @@ class BusLink : public ServiceLink {
 };
 
 }  // namespace
+
+Status ServiceLink::ListAll(std::vector<ListRow>& rows) {
+  std::vector<ListRow> all;
+  for (std::u16string after;;) {
+    std::vector<ListRow> page;
+    if (const Status status = ListInfo(after, kPageRows, page); status != kStatusOk) return status;
+    // A page that begins again would never end.
+    if (page.empty() || page.back().id == after) break;
+    after = page.back().id;
+    std::move(page.begin(), page.end(), std::back_inserter(all));
+  }
+  rows = std::move(all);
+  return kStatusOk;
+}
 
 platform::ErrorCode ConnectOverBus(const platform::BusAddress& address, std::unique_ptr<ServiceLink>& link) {
   auto fresh = std::make_unique<BusLink>();

@@ -36,6 +36,8 @@ class ServiceLink {
   //   afterId  the last ID of the page before; empty for the first page
   //   limit    most rows wanted; fewer may come, none tells the end
   virtual Status ListInfo(const std::u16string& afterId, std::uint32_t limit, std::vector<ListRow>& rows) = 0;
+  // The whole list, in order of IDs; untouched on failure.
+  virtual Status ListAll(std::vector<ListRow>& rows);
   virtual Status ReadFacts(ServiceFacts& facts) = 0;
   // From now on `sink`, which outlives the link, hears of the service's events, within WaitForEvents().
   virtual Status Listen(ISchedulerServiceEvents& sink) = 0;

@@ -193,7 +193,7 @@ void AppendRecord(MessageWriter& writer, const Record& record, const Field<Recor
             if (!value) return;
           }
           writer.OpenDictEntry("sv");
-          writer.AppendString(field.key);
+          writer.AppendTerminated(field.key);
           writer.OpenVariant(TypeOf(&value));
           AppendValue(writer, value);
           writer.Close();
@@ -301,6 +301,16 @@ BusError ReadRecord(MessageReader& reader, Reading reading, const std::string& p
   return {};
 }
 
+// Most texts are plain ASCII.
+void Widen(std::string_view text, std::u16string& out) {
+  const bool plain = std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (plain) {
+    out.assign(text.begin(), text.end());
+  } else {
+    out = platform::WideFromUtf8(text);
+  }
+}
+
 // A struct's fields one after the other: the first failure is named and ends the reading.
 class StructReader {
  public:
@@ -310,7 +320,7 @@ class StructReader {
   void Text(std::string_view name, std::u16string& value) {
     std::string_view text;
     Note(name, "s", m_reader.ReadString(text));
-    value = platform::WideFromUtf8(text);
+    Widen(text, value);
   }
   void Text(std::string_view name, BSTR& value) { Text(name, value.emplace()); }
   BusError TakeError() { return std::move(m_error); }
@@ -322,6 +332,25 @@ class StructReader {
   MessageReader& m_reader;
   BusError m_error;
 };
+
+// The fields of a row whose struct was entered, and out of it.
+BusError ReadRowInside(MessageReader& reader, ListRow& row) {
+  StructReader fields(reader);
+  fields.Text("id", row.id);
+  fields.Text("name", row.name);
+  fields.Text("application", row.application);
+  fields.Text("object_id", row.objectId);
+  fields.Number("task_code", row.taskCode);
+  fields.Text("wrapper", row.wrapper);
+  fields.Text("xml", row.xml);
+  fields.Text("parameters", row.parameters);
+  fields.Text("pre_script", row.preScript);
+  fields.Text("post_script", row.postScript);
+  fields.Number("pass_id", row.passId);
+  fields.Number("next_window", row.nextWindow);
+  if (BusError error = fields.TakeError(); error.IsSet()) return error;
+  return reader.Exit() == ERROR_SUCCESS ? BusError() : Malformed("rows");
+}
 
 std::u16string_view OrEmpty(const BSTR& text) {
   return text ? std::u16string_view(*text) : std::u16string_view();
@@ -394,26 +423,38 @@ void AppendListRow(MessageWriter& writer, const ListRow& row) {
   writer.Close();
 }
 
+void AppendListRow(MessageWriter& writer, const SentListRow& row) {
+  writer.OpenStruct(kListRowContents);
+  for (const std::string_view text : {row.id, row.name, row.application, row.objectId}) writer.AppendTerminated(text);
+  writer.AppendUint32(row.taskCode);
+  for (const std::string_view text : {row.wrapper, row.xml, row.parameters, row.preScript, row.postScript}) {
+    writer.AppendTerminated(text);
+  }
+  writer.AppendUint32(row.passId);
+  writer.AppendInt32(row.nextWindow);
+  writer.Close();
+}
+
 BusError ReadListRow(MessageReader& reader, ListRow& row) {
   if (reader.EnterStruct(kListRowContents) != ERROR_SUCCESS) return WrongType("rows", kListRowsType);
   ListRow read;
-  StructReader fields(reader);
-  fields.Text("id", read.id);
-  fields.Text("name", read.name);
-  fields.Text("application", read.application);
-  fields.Text("object_id", read.objectId);
-  fields.Number("task_code", read.taskCode);
-  fields.Text("wrapper", read.wrapper);
-  fields.Text("xml", read.xml);
-  fields.Text("parameters", read.parameters);
-  fields.Text("pre_script", read.preScript);
-  fields.Text("post_script", read.postScript);
-  fields.Number("pass_id", read.passId);
-  fields.Number("next_window", read.nextWindow);
-  if (BusError error = fields.TakeError(); error.IsSet()) return error;
-  if (reader.Exit() != ERROR_SUCCESS) return Malformed("rows");
-  row = std::move(read);
-  return {};
+  BusError error = ReadRowInside(reader, read);
+  if (!error.IsSet()) row = std::move(read);
+  return error;
+}
+
+BusError ReadListRows(MessageReader& reader, std::vector<ListRow>& rows) {
+  if (reader.EnterArray("(" + std::string(kListRowContents) + ")") != ERROR_SUCCESS) {
+    return WrongType("rows", kListRowsType);
+  }
+  platform::ErrorCode rc = ERROR_SUCCESS;
+  while ((rc = reader.EnterStruct(kListRowContents)) == ERROR_SUCCESS) {
+    if (BusError error = ReadRowInside(reader, rows.emplace_back()); error.IsSet()) {
+      rows.pop_back();
+      return error;
+    }
+  }
+  return rc == platform::ERROR_NO_MORE_ITEMS && reader.Exit() == ERROR_SUCCESS ? BusError() : Malformed("rows");
 }
 
 void AppendScheduleId(MessageWriter& writer, const ScheduleGuid& id) {
@@ -435,9 +476,21 @@ BusError ReadScheduleId(MessageReader& reader, std::string_view name, ScheduleGu
   return BusError::InvalidArgs("key " + Quoted(name) + " is no identifier in braces");
 }
 
+void AppendSentText(std::string& out, std::u16string_view text) {
+  const bool plain = std::all_of(text.begin(), text.end(), [](char16_t c) { return c >= 1 && c < 0x80; });
+  if (plain) {
+    const std::size_t begin = out.size();
+    out.resize(begin + text.size());
+    std::transform(text.begin(), text.end(), out.begin() + static_cast<std::ptrdiff_t>(begin),
+                   [](char16_t c) { return static_cast<char>(c); });
+  } else {
+    out += platform::Utf8FromWide(Sendable(text));
+  }
+}
+
 void AppendText(MessageWriter& writer, std::u16string_view text) {
   constexpr std::size_t kUsualUnits = 256;
-  char plain[kUsualUnits];
+  char plain[kUsualUnits + 1];
   std::size_t count = 0;
   if (text.size() <= kUsualUnits) {
     while (count < text.size() && text[count] >= 1 && text[count] < 0x80) {
@@ -446,7 +499,8 @@ void AppendText(MessageWriter& writer, std::u16string_view text) {
     }
   }
   if (count == text.size()) {  // nothing to be replaced or converted
-    writer.AppendString({plain, count});
+    plain[count] = '\0';
+    writer.AppendTerminated({plain, count});
   } else {
     writer.AppendString(platform::Utf8FromWide(Sendable(text)));
   }

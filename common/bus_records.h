@@ -67,6 +67,18 @@ void AppendScheduleEx(platform::MessageWriter& writer, const SCHEDULE_OBJECT_EX&
 // One line of the paged list.
 void AppendListRow(platform::MessageWriter& writer, const ListRow& row);
 [[nodiscard]] platform::BusError ReadListRow(platform::MessageReader& reader, ListRow& row);
+// The same with its texts as the bus carries them (SentText), each with a NUL right behind it. Borrowed.
+struct SentListRow {
+  std::string_view id, name, application, objectId;
+  std::uint32_t taskCode = 0;
+  std::string_view wrapper, xml, parameters, preScript, postScript;
+  std::uint32_t passId = 0;
+  std::int32_t nextWindow = kNoWindow;
+};
+void AppendListRow(platform::MessageWriter& writer, const SentListRow& row);
+// All lines of an array.
+//   rows  appended to; after a failure those before it are there
+[[nodiscard]] platform::BusError ReadListRows(platform::MessageReader& reader, std::vector<ListRow>& rows);
 
 // Braced text, written in upper case, read in either case.
 //   name  what a refusal calls it
@@ -79,6 +91,8 @@ void AppendScheduleId(platform::MessageWriter& writer, const ScheduleGuid& id);
 // Plain strings and arrays. A lone surrogate, a NUL and a noncharacter (U+FFFE, U+FDD0), which no bus string can hold,
 // travel as U+FFFD.
 void AppendText(platform::MessageWriter& writer, std::u16string_view text);
+// Appends the text as it travels.
+void AppendSentText(std::string& out, std::u16string_view text);
 [[nodiscard]] platform::BusError ReadText(platform::MessageReader& reader, Reading reading, std::string_view name,
                                           std::u16string& text);
 void AppendTexts(platform::MessageWriter& writer, const std::vector<std::u16string>& texts);

@@ -153,6 +153,8 @@ class MessageWriter {
   void AppendUint64(std::uint64_t value);
   // UTF-8 without NUL; anything else fails with ERROR_NO_UNICODE_TRANSLATION (1113).
   void AppendString(std::string_view value);
+  // The same for a text with a NUL right behind it, which saves a copy.
+  void AppendTerminated(std::string_view value);
   void AppendValue(const BusValue& value);
 
   void OpenArray(std::string_view elementType);
@@ -179,6 +181,7 @@ class MessageWriter {
   template <typename Held>
   bool AppendHeldNumber(char letter, Held held);
   void AppendText(char type, std::string_view value);
+  void AppendTerminated(char type, std::string_view value);
   bool AppendContainer(std::string_view type, const std::vector<BusValue>& inside);
   void Open(char type, std::string_view contents);
   void* m_message = nullptr;

@@ -4,6 +4,7 @@
 #include <array>
 #include <iterator>
 #include <string_view>
+#include <utility>
 
 #include "common/ini_recovery.h"
 #include "foundation/include/zfclog.h"
@@ -24,7 +25,12 @@ using platform::RegistryKey;
 
 constexpr std::size_t kNameUnits = 256;  // the longest name that a file keeps, with its terminator
 
-bool IsBehind(std::u16string_view name, std::u16string_view other) {
+// How many readers at different places are served from what is kept.
+constexpr std::size_t kMostStretches = 4;
+
+// The store's order of names; of an ID, its narrow text counts as well.
+template <typename Name, typename Other>
+bool IsBehind(const Name& name, const Other& other) {
   return std::lexicographical_compare(other.begin(), other.end(), name.begin(), name.end(), [](char16_t a, char16_t b) {
     return platform::ToUpperSimple(a) < platform::ToUpperSimple(b);
   });
@@ -44,21 +50,21 @@ bool IsLasting(ErrorCode code) {
 }
 
 // Name and window of a schedule that has a node; false without one.
-bool ReadNode(const ScheduleGuid& id, ListRow& row) {
+bool ReadNode(const ScheduleGuid& id, std::string& name, std::int32_t& nextWindow) {
   const platform::CriticalSectionGuard guard(g_JobListLock);
-  const CJobList::Position node = g_JobList.Find(id);
-  if (node == g_JobList.End()) return false;
-  row.nextWindow = static_cast<std::int32_t>(node->NextTimeWindow);
-  char16_t* name = nullptr;
-  if (node->ScheduleObj.m_pSchedule != nullptr && !ZepFailed(node->ScheduleObj.m_pSchedule->get_Name(&name)) &&
-      name != nullptr) {
-    row.name = name;
-    ZepStringFree(name);
+  const CJobNode* const node = g_JobList.FindNode(id);
+  if (node == nullptr) return false;
+  nextWindow = static_cast<std::int32_t>(node->NextTimeWindow);
+  char16_t* text = nullptr;
+  if (node->ScheduleObj.m_pSchedule != nullptr && !ZepFailed(node->ScheduleObj.m_pSchedule->get_Name(&text)) &&
+      text != nullptr) {
+    AppendSentText(name, text);
+    ZepStringFree(text);
   }
   return true;
 }
 
-std::u16string NameFromFile(const ScheduleGuid& id, const std::u16string& xmlPath) {
+std::u16string NameFromFile(const ScheduleGuid& id, std::u16string_view xmlPath) {
   const std::u16string path = IniPath(id, xmlPath);
   (void)RestoreOldIniFile(path);
   std::array<char16_t, kNameUnits> name{};
@@ -67,47 +73,75 @@ std::u16string NameFromFile(const ScheduleGuid& id, const std::u16string& xmlPat
   return std::u16string(name.data(), length);
 }
 
-void AddNodeOrFile(ListRow& row) {
-  ScheduleGuid id;
-  (void)platform::ClsidFromString(row.id, id);  // it passed before
-  if (!ReadNode(id, row)) row.name = NameFromFile(id, row.xml);
+}  // namespace
+
+// --- what is kept ---
+
+// Whether the first key behind `afterId` is among those that were read or the next one to be read.
+bool CListInfo::Stretch::Covers(const std::u16string& afterId) const {
+  return !IsBehind(from, afterId) && (isComplete || !IsBehind(afterId, upTo));
 }
 
-}  // namespace
+std::size_t CListInfo::Stretch::FirstBehind(const std::u16string& afterId) const {
+  const auto at = std::partition_point(rows.begin(), rows.end(),
+                                       [&](const KeptRow& row) { return !IsBehind(IdOf(row), afterId); });
+  return static_cast<std::size_t>(at - rows.begin());
+}
+
+bool CListInfo::Stretch::Join(const Stretch& other) {
+  if (IsBehind(from, other.from) || (!isComplete && IsBehind(other.from, upTo))) return false;
+  if (isComplete || (!other.isComplete && !IsBehind(other.upTo, upTo))) return true;  // nothing new
+  for (std::size_t i = other.FirstBehind(upTo); i < other.rows.size(); ++i) {
+    KeptRow row = other.rows[i];
+    const std::size_t end = i + 1 < other.rows.size() ? other.rows[i + 1].texts : other.texts.size();
+    const std::size_t begin = std::exchange(row.texts, texts.size());
+    texts.append(other.texts, begin, end - begin);
+    rows.push_back(row);
+  }
+  upTo = other.upTo;
+  isComplete = other.isComplete;
+  return true;
+}
 
 void CListInfo::Forget() {
   m_stamp = {};
-  m_isComplete = false;
   m_isDoubtful = false;
-  m_rows.clear();
-  m_rows.shrink_to_fit();
-  m_texts.clear();
-  m_texts.shrink_to_fit();
+  m_stretches.clear();
 }
 
-// Whether the first key behind `afterId` is among those that were read or the next one to be read.
-bool CListInfo::Covers(const std::u16string& afterId) const {
-  return !IsBehind(m_from, afterId) && (m_isComplete || !IsBehind(afterId, m_upTo));
+CListInfo::Stretch& CListInfo::StretchFor(const std::u16string& afterId) {
+  const auto at = std::find_if(m_stretches.begin(), m_stretches.end(),
+                               [&](const Stretch& stretch) { return stretch.Covers(afterId); });
+  if (at != m_stretches.end()) {
+    m_stretches.splice(m_stretches.begin(), m_stretches, at);
+    return m_stretches.front();
+  }
+  if (m_stretches.size() == kMostStretches) m_stretches.pop_back();
+  m_stretches.emplace_front();
+  m_stretches.front().from = m_stretches.front().upTo = afterId;
+  return m_stretches.front();
 }
 
-std::size_t CListInfo::FirstBehind(const std::u16string& afterId) const {
-  const auto at = std::partition_point(m_rows.begin(), m_rows.end(),
-                                       [&](const KeptRow& row) { return !IsBehind(IdOf(row), afterId); });
-  return static_cast<std::size_t>(at - m_rows.begin());
+// Two readers have met: what they read is kept once.
+void CListInfo::JoinOthersTo(Stretch& stretch) {
+  m_stretches.remove_if([&](const Stretch& other) { return &other != &stretch && stretch.Join(other); });
 }
 
-void CListInfo::Keep(const platform::SubKeyValues& key) {
-  m_upTo = key.Name();
-  ScheduleGuid id;
-  if (platform::ClsidFromString(key.Name(), id) != 0) return;
+void CListInfo::Keep(const platform::SubKeyValues& key, Stretch& stretch) {
+  stretch.upTo = key.Name();
   KeptRow row;
-  row.texts = m_texts.size();
-  m_texts.append(key.Name()).push_back(u'\0');
+  if (platform::ClsidFromString(key.Name(), row.id) != 0) return;
+  row.texts = stretch.texts.size();
+  const auto append = [&](std::u16string_view text) {
+    AppendSentText(stretch.texts, text);
+    stretch.texts.push_back('\0');
+  };
+  append(key.Name());
   ErrorCode rc = ERROR_SUCCESS;
   std::u16string text;
   for (std::size_t i = 0; i < kTextCount && rc == ERROR_SUCCESS; ++i) {
     rc = key.Text(i, text);
-    if (rc == ERROR_SUCCESS) m_texts.append(text).push_back(u'\0');
+    if (rc == ERROR_SUCCESS) append(text);
   }
   std::uint32_t useGuid = 0;
   if (rc == ERROR_SUCCESS) rc = key.Dword(kTaskCode, row.taskCode);
@@ -115,75 +149,84 @@ void CListInfo::Keep(const platform::SubKeyValues& key) {
   row.passId = useGuid != 0 ? 1 : 0;
   row.isDamaged = rc != ERROR_SUCCESS;
   if (row.isDamaged && !IsLasting(rc)) m_isDoubtful = true;
-  m_rows.push_back(row);
+  stretch.rows.push_back(row);
 }
 
-ErrorCode CListInfo::ReadMore(const RegistryKey& schedules, std::size_t count) {
+ErrorCode CListInfo::ReadMore(const RegistryKey& schedules, std::size_t count, Stretch& stretch) {
   std::size_t seen = 0;
   const ErrorCode rc =
-      platform::ReadSubKeys(schedules, m_upTo, count, kValueNames, [&](const platform::SubKeyValues& key) {
-        Keep(key);
+      platform::ReadSubKeys(schedules, stretch.upTo, count, kValueNames, [&](const platform::SubKeyValues& key) {
+        Keep(key, stretch);
         ++seen;
       });
-  if (rc == ERROR_SUCCESS && seen < count) m_isComplete = true;
+  if (rc == ERROR_SUCCESS && seen < count) stretch.isComplete = true;
   return rc;
 }
 
 // Sees to it that the rows of a page are kept.
-ErrorCode CListInfo::Prepare(const std::u16string& afterId, std::uint32_t limit, std::size_t& first) {
+ErrorCode CListInfo::Prepare(const std::u16string& afterId, std::uint32_t limit, Stretch*& stretch,
+                             std::size_t& first) {
   RegistryKey schedules;
   platform::RegistryStamp stamp;
   ErrorCode rc = platform::OpenKey(platform::Hive::kLocalMachine, kSchedulesKey, platform::KEY_READ, schedules);
   // Ahead of the reading: what changes meanwhile makes the stamp old, not the rows.
   if (rc == ERROR_SUCCESS) rc = platform::ReadRegistryStamp(schedules, stamp);
   if (rc != ERROR_SUCCESS) return rc;
-  if (m_isDoubtful || stamp != m_stamp || !Covers(afterId)) {
-    Forget();
-    m_from = m_upTo = afterId;
-  }
+  if (m_isDoubtful || stamp != m_stamp) Forget();
   m_stamp = {};  // a failure, of whatever kind, leaves nothing that counts
-  first = FirstBehind(afterId);
-  while (rc == ERROR_SUCCESS && !m_isComplete && m_rows.size() - first < limit) {
-    rc = ReadMore(schedules, limit - (m_rows.size() - first));
+  stretch = &StretchFor(afterId);
+  first = stretch->FirstBehind(afterId);
+  bool read = false;
+  while (rc == ERROR_SUCCESS && !stretch->isComplete && stretch->rows.size() - first < limit) {
+    rc = ReadMore(schedules, limit - (stretch->rows.size() - first), *stretch);
+    read = true;
   }
-  if (rc == ERROR_SUCCESS) m_stamp = stamp;
+  if (rc != ERROR_SUCCESS) return rc;
+  if (read) JoinOthersTo(*stretch);
+  m_stamp = stamp;
   return rc;
 }
 
-void CListInfo::Give(const KeptRow& kept, ListRow& row) const {
-  const char16_t* at = m_texts.c_str() + kept.texts;
-  row.id = at;
-  row.taskCode = row.passId = 0;
-  std::u16string* const texts[] = {&row.application, &row.objectId,  &row.wrapper,   &row.xml,
-                                   &row.parameters,  &row.preScript, &row.postScript};
-  static_assert(std::size(texts) == kTextCount);
-  row.name.clear();
-  if (kept.isDamaged) {
-    for (std::u16string* text : texts) text->clear();
-    row.nextWindow = kDamagedKey;
-    return;
+// --- rows ---
+
+void CListInfo::AddNodeOrFile(const ScheduleGuid& id, SentListRow& row) {
+  m_name.clear();
+  if (!ReadNode(id, m_name, row.nextWindow)) {
+    AppendSentText(m_name, NameFromFile(id, platform::WideFromUtf8(row.xml)));
   }
-  std::size_t length = row.id.size();
-  for (std::u16string* text : texts) {
-    at += length + 1;
-    *text = at;
-    length = text->size();
-  }
-  row.taskCode = kept.taskCode;
-  row.passId = kept.passId;
-  row.nextWindow = kNoWindow;
-  AddNodeOrFile(row);
+  row.name = m_name;
 }
 
-Status CListInfo::Page(const std::u16string& afterId, std::uint32_t limit, std::vector<ListRow>& rows) {
+SentListRow CListInfo::Row(const Stretch& stretch, const KeptRow& kept) {
+  SentListRow row;
+  row.id = stretch.IdOf(kept);
+  if (kept.isDamaged) {
+    row.nextWindow = kDamagedKey;
+    return row;
+  }
+  std::string_view last = row.id;
+  std::string_view* const texts[] = {&row.application, &row.objectId,  &row.wrapper,   &row.xml,
+                                     &row.parameters,  &row.preScript, &row.postScript};
+  static_assert(std::size(texts) == kTextCount);
+  for (std::string_view* text : texts) last = *text = last.data() + last.size() + 1;
+  row.taskCode = kept.taskCode;
+  row.passId = kept.passId;
+  AddNodeOrFile(kept.id, row);
+  return row;
+}
+
+Status CListInfo::Page(const std::u16string& afterId, std::uint32_t limit, const RowSeen& row) {
   if (limit == 0 || limit > kListPageLimit) limit = kListPageLimit;
+  Stretch* stretch = nullptr;
   std::size_t first = 0;
-  if (const ErrorCode rc = Prepare(afterId, limit, first); rc != ERROR_SUCCESS) {
+  if (const ErrorCode rc = Prepare(afterId, limit, stretch, first); rc != ERROR_SUCCESS) {
     ZepFoundation::ServiceLog(1, u"ListInfo: Failed with error : %x", rc);
     return kStatusList;
   }
-  rows.resize(std::min<std::size_t>(limit, m_rows.size() - first));
-  for (std::size_t i = 0; i < rows.size(); ++i) Give(m_rows[first + i], rows[i]);
+  const std::size_t end = std::min(first + limit, stretch->rows.size());
+  for (std::size_t i = first; i < end; ++i) {
+    if (!row(Row(*stretch, stretch->rows[i]))) break;
+  }
   return kStatusOk;
 }
 

@@ -8,7 +8,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/bus_records.h"
@@ -23,42 +26,58 @@ inline constexpr std::uint32_t kListPageLimit = 1000;
 
 class CListInfo {
  public:
+  // Gets a row, whose texts are borrowed for the call; false ends the page behind it.
+  using RowSeen = std::function<bool(const SentListRow& row)>;
+
   // The schedules behind `afterId` (empty: from the first one), in order of their IDs, at most `limit`. No rows: the
   // end. Keys whose names are no IDs are left out. Name and window come from the listed node; of a schedule without one
   // the name is read from its .ini file, and the window is kNoWindow. The row of a key that can't be read has
   // kDamagedKey and its ID alone.
-  //   rows     replaced on success, untouched on failure; given again, its texts' room is used again
-  //   returns  0; kStatusList
-  [[nodiscard]] Status Page(const std::u16string& afterId, std::uint32_t limit, std::vector<ListRow>& rows);
+  //   returns  0; kStatusList, without a row
+  [[nodiscard]] Status Page(const std::u16string& afterId, std::uint32_t limit, const RowSeen& row);
 
  private:
-  // A key as the store has it. Its texts stand in m_texts one behind the other, each with a terminator: the ID, then
-  // the values in their order.
+  // A key as the store has it. Its texts stand in `texts` one behind the other as they travel, each with a terminator:
+  // the ID, then the values in their order.
   struct KeptRow {
     std::size_t texts = 0;
+    ScheduleGuid id;
     std::uint32_t taskCode = 0;
     std::uint32_t passId = 0;
     bool isDamaged = false;
   };
+  // What was read of the keys behind `from` up to `upTo`; about 250 bytes a schedule.
+  struct Stretch {
+    std::u16string from;
+    std::u16string upTo;
+    bool isComplete = false;  // no key behind upTo
+    std::vector<KeptRow> rows;
+    std::string texts;
+
+    [[nodiscard]] std::string_view IdOf(const KeptRow& row) const { return texts.c_str() + row.texts; }
+    [[nodiscard]] bool Covers(const std::u16string& afterId) const;
+    [[nodiscard]] std::size_t FirstBehind(const std::u16string& afterId) const;
+    // Takes what another stretch has behind the end of this one; false where there is a gap.
+    [[nodiscard]] bool Join(const Stretch& other);
+  };
 
   void Forget();
-  [[nodiscard]] std::u16string_view IdOf(const KeptRow& row) const { return m_texts.c_str() + row.texts; }
-  [[nodiscard]] bool Covers(const std::u16string& afterId) const;
-  [[nodiscard]] std::size_t FirstBehind(const std::u16string& afterId) const;
-  [[nodiscard]] platform::ErrorCode ReadMore(const platform::RegistryKey& schedules, std::size_t count);
-  void Keep(const platform::SubKeyValues& key);
-  [[nodiscard]] platform::ErrorCode Prepare(const std::u16string& afterId, std::uint32_t limit, std::size_t& first);
-  void Give(const KeptRow& kept, ListRow& row) const;
+  [[nodiscard]] Stretch& StretchFor(const std::u16string& afterId);
+  void JoinOthersTo(Stretch& stretch);
+  [[nodiscard]] platform::ErrorCode ReadMore(const platform::RegistryKey& schedules, std::size_t count,
+                                             Stretch& stretch);
+  void Keep(const platform::SubKeyValues& key, Stretch& stretch);
+  [[nodiscard]] platform::ErrorCode Prepare(const std::u16string& afterId, std::uint32_t limit, Stretch*& stretch,
+                                            std::size_t& first);
+  [[nodiscard]] SentListRow Row(const Stretch& stretch, const KeptRow& kept);
+  void AddNodeOrFile(const ScheduleGuid& id, SentListRow& row);
 
-  // What was read of the keys behind m_from up to m_upTo. Good as long as the store bears the same stamp, so nothing of
-  // it is ever shown after a change, whoever made it; about 250 bytes a schedule.
+  // All stretches are good as long as the store bears this stamp, so nothing of them is ever shown after a change,
+  // whoever made it. Readers at different places of the list have one each.
   platform::RegistryStamp m_stamp;
-  std::u16string m_from;
-  std::u16string m_upTo;
-  bool m_isComplete = false;  // no key behind m_upTo
   bool m_isDoubtful = false;  // some value couldn't be read, though it may be good: to be tried again
-  std::vector<KeptRow> m_rows;
-  std::u16string m_texts;
+  std::list<Stretch> m_stretches;  // the one that was used last comes first
+  std::string m_name;              // of the row that is being given
 };
 
 }  // namespace qx

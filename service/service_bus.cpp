@@ -410,13 +410,18 @@ BusError CServiceBus::ListPage(MessageReader& call, MessageWriter& reply) {
     }
     afterId = platform::GuidText(id);
   }
-  BusError error = AppendStatus(reply, m_list.Page(afterId, limit, m_page));
-  if (error.IsSet()) return error;
-  reply.OpenArray("(" + std::string(kListRowContents) + ")");
-  for (const ListRow& row : m_page) {
+  bool begun = false;
+  const auto begin = [&](Status status) {
+    if (std::exchange(begun, true)) return;
+    reply.AppendInt32(static_cast<std::int32_t>(status));
+    reply.OpenArray("(" + std::string(kListRowContents) + ")");
+  };
+  const Status status = m_list.Page(afterId, limit, [&](const SentListRow& row) {
+    begin(kStatusOk);
     AppendListRow(reply, row);
-    if (reply.BytesSoFar() > m_replyLimit / 2) break;  // the next page goes on behind it
-  }
+    return reply.BytesSoFar() <= m_replyLimit / 2;  // the next page goes on behind it
+  });
+  begin(status);
   reply.Close();
   return {};
 }

@@ -73,7 +73,6 @@ class CServiceBus {
   platform::BusPresence m_presence;
   std::size_t m_replyLimit;
   CListInfo m_list;
-  std::vector<ListRow> m_page;  // the last one: its texts keep their room for the next
   std::set<std::string, std::less<>> m_clients;
   std::uint32_t m_cookie = 0;
 };

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <regex>
 #include <set>
 
@@ -458,6 +459,80 @@ TEST_F(Service, AListOfNoSchedulesIsEmptyAndStatus0) {
   ServiceProperties properties;
   ASSERT_EQ(client.Properties(properties), 0u);
   EXPECT_EQ(properties.nextWakeUp, -1);
+}
+
+// IDs of schedules whose keys alone are put into the store, in order.
+std::vector<std::u16string> PutKeys(RunningService& service, std::uint32_t count) {
+  std::vector<std::u16string> ids;
+  std::vector<platform::RegistryKey> open;  // one commit for all
+  EXPECT_EQ(platform::OpenRegistryStore(service.Root() + "/registry.db"), ERROR_SUCCESS);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    ScheduleGuid id;
+    id.Data1 = i * 0x9E3779B9u;
+    id.Data2 = static_cast<std::uint16_t>(i);
+    ids.push_back(platform::GuidText(id));
+    const std::u16string path = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules\\" + ids.back();
+    platform::RegistryKey key;
+    EXPECT_EQ(platform::CreateKey(platform::Hive::kLocalMachine, path, platform::KEY_ALL_ACCESS, key), ERROR_SUCCESS);
+    EXPECT_EQ(platform::SetString(key, u"Parameters", ids.back()), ERROR_SUCCESS);
+    open.push_back(std::move(key));
+  }
+  open.clear();
+  EXPECT_EQ(platform::CloseRegistryStore(), ERROR_SUCCESS);
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
+TEST_F(Service, ALongListComesWholeAndInOrderAndEventsThatCameMeanwhileComeBehindIt) {
+  ASSERT_NO_FATAL_FAILURE(service.Register());
+  std::vector<std::u16string> ids = PutKeys(service, 3333);  // more than one page in each half
+  ASSERT_NO_FATAL_FAILURE(service.Start());
+  ASSERT_NO_FATAL_FAILURE(service.Connect(client));
+  auto events = std::make_shared<EventLog>();
+  std::uint32_t cookie = 0;
+  ASSERT_EQ(client.Advise(events, cookie), 0u) << client.LastError().text;
+  SchedulerClient other;
+  ASSERT_NO_FATAL_FAILURE(service.Connect(other));
+  ScheduleGuid id;
+  ASSERT_EQ(other.CreateSchedule(service.Job("nightly", FarStart()), id), 0u);  // told ahead of its answer
+  ids.push_back(platform::GuidText(id));
+  std::sort(ids.begin(), ids.end());
+
+  std::vector<ListRow> rows(1);
+  ASSERT_EQ(client.ListAll(rows), 0u) << client.LastError().text;
+  EXPECT_TRUE(events->events.empty());
+  ASSERT_EQ(rows.size(), 1 + ids.size());  // appended
+  for (std::size_t i = 0; i < ids.size(); ++i) ASSERT_EQ(rows[i + 1].id, ids[i]) << i;
+  const auto added = RunningService::WaitFor(client, *events, "Schedule_Add");
+  ASSERT_TRUE(added);
+  EXPECT_TRUE(added->id == id);
+
+  // From within an event as well.
+  class Lister : public EventLog {
+   public:
+    explicit Lister(SchedulerClient& client) : m_client(client) {}
+    void Schedule_Delete(const ScheduleGuid& gone) override {
+      EXPECT_EQ(m_client.ListAll(rows), 0u);
+      EventLog::Schedule_Delete(gone);
+    }
+    std::vector<ListRow> rows;
+
+   private:
+    SchedulerClient& m_client;
+  };
+  auto lister = std::make_shared<Lister>(client);
+  ASSERT_EQ(client.Advise(lister, cookie), 0u);
+  ASSERT_EQ(other.DeleteSchedule(id), 0u);
+  ASSERT_TRUE(RunningService::WaitFor(client, *lister, "Schedule_Delete"));
+  EXPECT_EQ(lister->rows.size(), ids.size() - 1);
+
+  // And a service that is gone ends it.
+  service.Process().Signal(SIGKILL);
+  ASSERT_EQ(service.Process().Wait(), 128 + SIGKILL);
+  rows.clear();
+  EXPECT_NE(client.ListAll(rows), 0u);
+  EXPECT_TRUE(client.LastError().IsSet());
+  EXPECT_TRUE(rows.empty());
 }
 
 TEST_F(Service, ThePagedListGoesOnBehindAnyIdOfEitherCase) {

@@ -10,9 +10,29 @@ using ::testing::IsEmpty;
 
 class ListInfo : public testing::ServiceFixture {
  protected:
+  static ListRow Wide(const SentListRow& row) {
+    ListRow wide;
+    wide.id = testing::Wide(std::string(row.id));
+    wide.name = testing::Wide(std::string(row.name));
+    wide.application = testing::Wide(std::string(row.application));
+    wide.objectId = testing::Wide(std::string(row.objectId));
+    wide.taskCode = row.taskCode;
+    wide.wrapper = testing::Wide(std::string(row.wrapper));
+    wide.xml = testing::Wide(std::string(row.xml));
+    wide.parameters = testing::Wide(std::string(row.parameters));
+    wide.preScript = testing::Wide(std::string(row.preScript));
+    wide.postScript = testing::Wide(std::string(row.postScript));
+    wide.passId = row.passId;
+    wide.nextWindow = row.nextWindow;
+    return wide;
+  }
   std::vector<ListRow> Page(const std::u16string& after = {}, std::uint32_t limit = 0) {
     std::vector<ListRow> rows;
-    EXPECT_EQ(m_list.Page(after, limit, rows), kStatusOk);
+    const auto add = [&](const SentListRow& row) {
+      rows.push_back(Wide(row));
+      return true;
+    };
+    EXPECT_EQ(m_list.Page(after, limit, add), kStatusOk);
     return rows;
   }
   static std::vector<std::string> Ids(const std::vector<ListRow>& rows) {
@@ -173,13 +193,60 @@ TEST_F(ListInfo, PagesOfDifferentReadersDontMixUp) {
   EXPECT_THAT(Page(u"{FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF}"), IsEmpty());
 }
 
+TEST_F(ListInfo, ReadersOfTwoHalvesSeeTheWholeListWhileTheyTakeTurns) {
+  const SCHEDULE_OBJECT schedule = Daily();
+  std::vector<std::string> ids;
+  for (std::uint32_t i = 0; i < 60; ++i) {
+    ScheduleGuid id = CLSID_SchedulerService;
+    id.Data1 = i * 0x04444444u;
+    ASSERT_EQ(WriteRegistry(schedule, id), kStatusOk);
+    ids.push_back(Text(id));
+  }
+  std::sort(ids.begin(), ids.end());
+  for (int round = 0; round < 3; ++round) {  // read, joined, kept
+    std::vector<std::string> seen[2];
+    std::u16string last[2] = {u"", u"{7FFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF}"};
+    for (bool any = true; any;) {
+      any = false;
+      for (int half = 0; half < 2; ++half) {
+        const std::vector<ListRow> page = Page(last[half], 7);
+        for (const ListRow& row : page) {
+          if (half == 0 && row.id > u"{7FFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF}") continue;
+          seen[half].push_back(testing::Narrow(row.id));
+          any = true;
+        }
+        if (!page.empty()) last[half] = page.back().id;
+      }
+    }
+    seen[0].insert(seen[0].end(), seen[1].begin(), seen[1].end());
+    EXPECT_EQ(seen[0], ids) << "round " << round;
+  }
+}
+
+TEST_F(ListInfo, APageEndsWhereItsReaderSaysSo) {
+  CreateMany(3);
+  int rows = 0;
+  EXPECT_EQ(m_list.Page({}, 0, [&](const SentListRow&) { return ++rows < 2; }), kStatusOk);
+  EXPECT_EQ(rows, 2);
+}
+
+TEST_F(ListInfo, TextsThatNoBusCarriesAreGivenAsTheyTravel) {
+  SCHEDULE_OBJECT schedule = Daily();
+  schedule.bstrParameters = u"lone \xD800, umlaut \u00E4";
+  Create(schedule);
+  const std::vector<ListRow> rows = Page();
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].parameters, u"lone \uFFFD, umlaut \u00E4");
+}
+
 TEST_F(ListInfo, FailsAsTheListDoesWhenTheKeysCantBeRead) {
   Create(Daily());
   for (const platform::Operation operation : {platform::Operation::kRegOpenKey, platform::Operation::kRegEnumKey}) {
-    std::vector<ListRow> rows(1);
+    int rows = 0;
     const auto plan = platform::FaultPlan::FailCall(operation, 1, platform::ERROR_REGISTRY_IO_FAILED);
-    EXPECT_EQ(m_list.Page({}, 0, rows), kStatusList) << platform::OperationName(operation);
-    EXPECT_EQ(rows.size(), 1u);
+    EXPECT_EQ(m_list.Page({}, 0, [&](const SentListRow&) { return ++rows != 0; }), kStatusList)
+        << platform::OperationName(operation);
+    EXPECT_EQ(rows, 0);
   }
   EXPECT_TRUE(m_log.Has(1, "ListInfo: Failed with error : 3f8"));
 }
