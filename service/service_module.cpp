@@ -5,6 +5,7 @@
 #include <ctime>
 #include <utility>
 
+#include "foundation/include/zfcdbg.h"
 #include "foundation/include/zfclog.h"
 #include "platform/clock.h"
 #include "platform/event.h"
@@ -297,7 +298,10 @@ bool CServiceModule::OpenStore() {
     return false;
   }
   std::string why;
-  if (platform::OpenRegistryStore(file, &why) == ERROR_SUCCESS) return true;
+  if (platform::OpenRegistryStore(file, &why) == ERROR_SUCCESS) {
+    ZepFoundation::ConfigureDebugTrace();
+    return true;
+  }
   ComplainUtf8(why);
   return false;
 }

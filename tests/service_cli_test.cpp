@@ -140,6 +140,17 @@ TEST_F(QxschedProgram, EndsMonitoringWithTheBus) {
   EXPECT_EQ(monitor.Wait(), 6);
 }
 
+TEST_F(QxschedProgram, AConfiguredTraceIsWrittenFromTheNextStartOn) {
+  const std::string trace = m_service.Jobs() + "/rules.trace";
+  ASSERT_EQ(Ask({"config", "trace", "--path", trace, "--filter", "error,inform,debug", "--size", "1024"}).exit, 0);
+  (void)Add();
+  EXPECT_FALSE(std::filesystem::exists(trace));
+  ASSERT_EQ(m_service.Stop(), 0);
+  m_service.Start();
+  (void)Add();
+  EXPECT_THAT(RunningService::ReadFile(trace), HasSubstr("Save(PropertyBag) Item number="));
+}
+
 // The due times are real: each is waited for by what the service or the clock tells.
 TEST_F(QxschedProgram, RecordsALaunchAndTheWindowThatPassedWhileTheServiceWasKilled) {
   qx::SchedulerClient client;
