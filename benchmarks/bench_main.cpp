@@ -57,7 +57,7 @@ int Run(int argc, char** argv) {
   std::vector<Figure> figures;
   for (const auto group :
        {NextWindowFigures, FoundationFigures, StartFigures, StoreFigures, LaunchFigures, ResidentFigures,
-        BusFigures, ListFigures, NodeFigures}) {
+        BusFigures, ListFigures, NodeFigures, CalendarFigures, RecordFigures}) {
     for (Figure& figure : group()) figures.push_back(std::move(figure));
   }
   std::erase_if(figures, [&](const Figure& figure) { return !Wanted(figure.name, words); });

@@ -32,6 +32,8 @@ std::vector<Figure> StoreFigures();
 std::vector<Figure> ResidentFigures();
 std::vector<Figure> BusFigures();
 std::vector<Figure> NodeFigures();
+std::vector<Figure> CalendarFigures();
+std::vector<Figure> RecordFigures();
 
 // Nanoseconds of the steady clock.
 double SteadyNanoseconds();
