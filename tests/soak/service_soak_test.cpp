@@ -243,6 +243,7 @@ class ServiceSoak : public ::testing::Test {
   // Whether the last call came through; where the service is being killed, none need.
   bool CameThrough(const std::string& what) {
     if (!m_client.LastError().IsSet()) return true;
+    if (m_isDying) Count("calls cut by a kill");
     if (!m_isDying) Fault(what + " didn't come through: " + m_client.LastError().name + " " + m_client.LastError().text);
     return false;
   }
@@ -754,7 +755,7 @@ class ServiceSoak : public ::testing::Test {
     Note("disk full");
     m_disk->Fill();
     m_blindFrom = Now();
-    m_freeAt = Steady() + static_cast<double>(m_dice.Between(2, 5));
+    m_freeAt = Steady() + static_cast<double>(m_dice.Between(2, 14));  // long enough to be met by other faults
     Change();
     Change();
   }
