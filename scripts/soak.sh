@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 minutes=${1:-30}
 [[ $minutes =~ ^[0-9]+([.][0-9]+)?$ ]] || { echo "usage: scripts/soak.sh [MINUTES]" >&2; exit 2; }
-scripts/install-deps.sh
+scripts/install-deps.sh e2fsprogs
 log=$(mktemp)
 engine=$(mktemp)
 trap 'rm -f "$log" "$engine"' EXIT

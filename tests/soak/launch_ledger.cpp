@@ -1,6 +1,7 @@
 #include "tests/soak/launch_ledger.h"
 
 #include <algorithm>
+#include <set>
 
 namespace qx::testing {
 namespace {
@@ -89,12 +90,29 @@ void LaunchLedger::JudgeVersion(const std::string& tag, const Version& version, 
   for (const auto& [at, id] : launches) {
     if (!version.id.empty() && id != version.id) faults.push_back(who + " was started under the ID " + id);
   }
+  const auto windowOf = [&](Micros at) {
+    std::int64_t window = -1;
+    for (const WindowSeries& series : version.possible) {
+      window = std::max(window, series.LatestAt(at / kMicrosOfSecond));
+    }
+    return window < 0 || at - window * kMicrosOfSecond > kPatienceForJob ? -1 : window;
+  };
   for (const Run& run : version.runs) {
-    const auto launch = std::find_if(launches.begin(), launches.end(), [&](const auto& one) {
-      return one.first >= run.from && one.first <= run.to + kPatienceForJob;
-    });
-    if (launch != launches.end()) {
-      launches.erase(launch);
+    // Of the launches in question one that stands for no window of its own; where the run is certain, else the first.
+    auto taken = launches.end();
+    std::set<std::int64_t> windows;
+    for (auto launch = launches.begin(); launch != launches.end(); ++launch) {
+      const std::int64_t window = windowOf(launch->first);
+      const bool ownWindow = window >= 0 && windows.insert(window).second;
+      if (launch->first < run.from || launch->first > run.to + kPatienceForJob) continue;
+      if (!ownWindow) {
+        taken = launch;
+        break;
+      }
+      if (run.certain && taken == launches.end()) taken = launch;
+    }
+    if (taken != launches.end()) {
+      launches.erase(taken);
       ++counts.runsAtOnce;
     } else if (run.certain && run.to + kPatienceForJob < until) {
       faults.push_back(who + " was to run at once at " + Second(run.from) + " and didn't");
@@ -102,11 +120,8 @@ void LaunchLedger::JudgeVersion(const std::string& tag, const Version& version, 
   }
   std::map<std::int64_t, Micros> launchOf;  // window, start
   for (const auto& [at, id] : launches) {
-    std::int64_t window = -1;
-    for (const WindowSeries& series : version.possible) {
-      window = std::max(window, series.LatestAt(at / kMicrosOfSecond));
-    }
-    if (window < 0 || at - window * kMicrosOfSecond > kPatienceForJob) {
+    const std::int64_t window = windowOf(at);
+    if (window < 0) {
       faults.push_back(who + " was started at " + Second(at) + ", where there is no window");
     } else if (const auto [before, isNew] = launchOf.emplace(window, at); !isNew) {
       faults.push_back(who + " was started for " + std::to_string(window) + " twice: at " + Second(before->second) +

@@ -106,5 +106,18 @@ TEST_F(Ledger, AStartAtOnceStandsBesideTheWindowsAndMustBeThere) {
   EXPECT_EQ(m_counts.runsAtOnce, 1u);
 }
 
+TEST_F(Ledger, AStartAtOnceThatNeedNotBeTakesNoWindowsLaunch) {
+  LaunchAll();
+  m_ledger.RunAtOnce("v1", At(127), At(127.2), false);
+  EXPECT_THAT(Faults(), IsEmpty());
+  EXPECT_EQ(m_counts.launched, 6u);
+  EXPECT_EQ(m_counts.runsAtOnce, 0u);
+  m_ledger.RunAtOnce("v1", At(138), At(138.2), true);
+  m_ledger.Launched("{A}", "v1", At(140.5));  // both late
+  EXPECT_THAT(Faults(), IsEmpty());
+  EXPECT_EQ(m_counts.launched, 6u);
+  EXPECT_EQ(m_counts.runsAtOnce, 1u);
+}
+
 }  // namespace
 }  // namespace qx::testing
