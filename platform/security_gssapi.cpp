@@ -495,9 +495,11 @@ SecurityStatus SecurityContext::Initialize(const SecurityCredentials& credential
   state->table = table;
   gss_buffer_desc token = InputBuffer(input);
   OwnedBuffer made(*table);
+  // Behind the first pass the library looks into the token without asking whether there is one.
+  const bool first = state->handle == GSS_C_NO_CONTEXT && input.empty();
   major = table->gss_init_sec_context(&minor, credentials.m_state->handle, &state->handle, name.get(), &g_spnego,
                                       (request & ISC_REQ_CONFIDENTIALITY) != 0 ? GSS_C_CONF_FLAG : 0, 0,
-                                      GSS_C_NO_CHANNEL_BINDINGS, input.empty() ? GSS_C_NO_BUFFER : &token, nullptr,
+                                      GSS_C_NO_CHANNEL_BINDINGS, first ? GSS_C_NO_BUFFER : &token, nullptr,
                                       made.Receive(), nullptr, nullptr);
   if (GSS_ERROR(major)) {
     credentials.m_state->spoiled = true;

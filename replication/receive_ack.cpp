@@ -16,8 +16,12 @@ using platform::SocketError;
 using ZepFoundation::ForLog;
 using ZepFoundation::ServiceLog;
 
+constexpr std::uint32_t kAckPiece = 256 * kCipherBlock;  // bytes of an answer that are taken at once
+
 // Whole seconds since `begun`; the count wraps, differences don't.
-std::int64_t SecondsSince(std::uint32_t begun) { return (platform::TickCount() - begun) / 1000; }
+std::int64_t SecondsSince(std::uint32_t begun) {
+  return (platform::TickCount() - begun) / 1000;
+}
 
 // Reads one node's answer; true when it told a failure.
 bool TakeAnswer(CKeyManager& keys, Socket& socket, std::u16string_view name, std::int32_t& result) {
@@ -28,22 +32,30 @@ bool TakeAnswer(CKeyManager& keys, Socket& socket, std::u16string_view name, std
   }
   MessageHeader header;
   if (DecodeHeader(bytes, header) == 0 || header.msgLen == 0) return false;
-  std::vector<std::uint8_t> cipher, text;
-  switch (ReceivePayload(socket, header.msgLen, "ReceiveAck", header.msgLen, cipher)) {
-    case PayloadResult::kDone:
-      break;
-    case PayloadResult::kNoMemory:
-      ServiceLog(1, u"ReceiveAck: calloc(msgLen) failed, msgLen: %d", header.msgLen);
+  // Piece by piece, so that a length which a node only claims costs no memory; of a longer answer the beginning counts.
+  std::string text;
+  for (std::uint32_t left = header.msgLen; left != 0;) {
+    const std::uint32_t size = std::min(left, kAckPiece);
+    std::vector<std::uint8_t> cipher, plain;
+    switch (ReceivePayload(socket, size, "ReceiveAck", size, cipher)) {
+      case PayloadResult::kDone:
+        break;
+      case PayloadResult::kNoMemory:
+        ServiceLog(1, u"ReceiveAck: calloc(msgLen) failed, msgLen: %d", header.msgLen);
+        return false;
+      case PayloadResult::kFailed:
+        ServiceLog(1, u"ReceiveAck: Failed to receive(ACK)");
+        return false;
+    }
+    if (keys.DecryptMsg(cipher, plain) == 0) {
+      ServiceLog(1, u"ReceiveAck: DecryptMsg from node: %s failed", ForLog(name));
       return false;
-    case PayloadResult::kFailed:
-      ServiceLog(1, u"ReceiveAck: Failed to receive(ACK)");
-      return false;
+    }
+    plain.pop_back();  // the NUL of the decryption
+    if (text.size() < kAckPiece) text.append(plain.begin(), plain.end());
+    left -= size;
   }
-  if (keys.DecryptMsg(cipher, text) == 0) {
-    ServiceLog(1, u"ReceiveAck: DecryptMsg from node: %s failed", ForLog(name));
-    return false;
-  }
-  result = static_cast<std::int32_t>(ParseDecimal({reinterpret_cast<const char*>(text.data()), text.size()}));
+  result = static_cast<std::int32_t>(ParseDecimal(text));
   if (result == 0) return false;
   ServiceLog(1, u"ReceiveAck: ACK received is %x", result);
   ServiceLog(1, u"ReceiveAck: Failed to do the requested operation on node: %s", ForLog(name));
@@ -74,8 +86,7 @@ int ReceiveAck(CKeyManager& keys, std::vector<Socket>& sockets, std::vector<std:
     for (const std::size_t node : waiting) watched.push_back(&sockets[node]);
     std::vector<bool> ready;
     std::size_t count = 0;
-    const SocketError error =
-        platform::WaitForAnyReadable(watched, (kAckBudgetSeconds - elapsed) * 1000, ready, count);
+    const SocketError error = platform::WaitForAnyReadable(watched, (kAckBudgetSeconds - elapsed) * 1000, ready, count);
     elapsed = SecondsSince(begun);
     if (error != 0) {
       ServiceLog(1, u"ReceiveAck: Select failed with error: %d\n", error);

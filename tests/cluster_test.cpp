@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "replication/tests/connection_crowd.h"
 #include "replication/tests/wire_tap.h"
 #include "tests/node_cluster.h"
 
@@ -161,6 +162,72 @@ TEST_P(ClusterTest, TokensAndKeysCrossTheWireAheadOfTheOperation) {
   } else {
     EXPECT_THAT(types, ElementsAre(16, 32, 512, 512, 1, 9));
     EXPECT_GT(longestToken, 400u);
+  }
+}
+
+// What a process has of threads and open descriptors, and its memory in KiB.
+struct Holdings {
+  explicit Holdings(pid_t process) {
+    const std::string folder = "/proc/" + std::to_string(process);
+    const auto count = [](const std::string& directory) {
+      return std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator());
+    };
+    threads = count(folder + "/task");
+    descriptors = count(folder + "/fd");
+    const std::string status = RunningService::ReadFile(folder + "/status");
+    memory = std::stol(status.substr(status.find("VmRSS:") + 6));
+  }
+  std::ptrdiff_t threads, descriptors;
+  long memory;
+};
+
+TEST_P(ClusterTest, ThousandsOfConnectionsTakeThirtyTwoThreadsAndLeaveNothing) {
+  constexpr int kCrowd = 2000, kHeld = 32;
+  if (!qx::testing::ConnectionCrowd::IsAllowed(kCrowd)) GTEST_SKIP() << "this host allows too few descriptors";
+  ASSERT_NO_FATAL_FAILURE(StartAll());
+  const NodeNames names = Addresses(2);
+  ScheduleGuid id;
+  ASSERT_EQ(Create(names, id), 0u);  // the peer has its keys by now
+  ASSERT_EQ(Delete(names, id), 0u);
+  const auto settled = [&](std::ptrdiff_t threads) {
+    for (int i = 0; i < 60000 && Holdings(Node(1).Process().Id()).threads != threads; ++i) usleep(1000);
+    return Holdings(Node(1).Process().Id());
+  };
+  // As many as a service has that nobody has asked anything.
+  const std::ptrdiff_t threads = Holdings(Node(2).Process().Id()).threads;
+  ASSERT_EQ(settled(threads).threads, threads);
+  Holdings before(Node(1).Process().Id());
+  for (int wave = 0; wave < 3; ++wave) {
+    std::unique_ptr<qx::testing::ConnectionCrowd> crowd;
+    bool closed = false;
+    NodeCluster::OnBridge([&] {
+      crowd =
+          std::make_unique<qx::testing::ConnectionCrowd>(kCrowd, NodeCluster::Address(1), qx::testing::kClusterPort);
+      closed = crowd->WaitForClosed(kCrowd - kHeld);
+    });
+    ASSERT_TRUE(closed) << wave;
+    EXPECT_EQ(Holdings(Node(1).Process().Id()).threads, threads + kHeld);
+    // Its own clients are served all the while, the other node isn't.
+    qx::SchedulerClient own;
+    ASSERT_NO_FATAL_FAILURE(Node(1).Connect(own));
+    std::uint32_t count = 77;
+    ScheduleList list;
+    EXPECT_EQ(own.ListSchedule(count, list), 0u);
+    EXPECT_EQ(Create(names, id), 1u);
+    EXPECT_THAT(m_results, ElementsAre(0, 1));
+    EXPECT_EQ(Delete({u"localhost"}, id), 0u);
+    crowd.reset();
+    const Holdings now = settled(threads);
+    EXPECT_EQ(now.threads, threads) << wave;
+    EXPECT_EQ(now.descriptors, before.descriptors) << wave;
+    EXPECT_EQ(Create(names, id), 0u) << wave;
+    EXPECT_THAT(m_results, ElementsAre(0, 0)) << wave;
+    EXPECT_EQ(Delete(names, id), 0u);
+    if (wave == 0) {
+      before = settled(threads);  // the first wave has made what threads leave for the next ones
+    } else {
+      EXPECT_LT(Holdings(Node(1).Process().Id()).memory - before.memory, 2048) << wave;
+    }
   }
 }
 

@@ -147,6 +147,16 @@ TEST_F(Security, AnEmptyFirstTokenIsAnsweredWithHints) {
   EXPECT_EQ(acceptor.status, SEC_E_OK);
 }
 
+TEST_F(Security, AnEmptyReplyIsAnInvalidToken) {
+  Side initiator, acceptor;
+  Acquire(initiator, acceptor);
+  ASSERT_EQ(initiator.context.Initialize(initiator.credentials, u"Client", 0, {}, kMax, initiator.token),
+            SEC_I_CONTINUE_NEEDED);
+  EXPECT_EQ(initiator.context.Initialize(initiator.credentials, u"Client", 0, {}, kMax, initiator.token),
+            SEC_E_INVALID_TOKEN);
+  EXPECT_TRUE(initiator.token.empty());
+}
+
 TEST_F(Security, ATokenLongerThanTheBufferIsAFailure) {
   Side initiator, acceptor;
   Acquire(initiator, acceptor);

@@ -1,0 +1,112 @@
+// Thousands of connections at once: 32 are held, the others are closed, and nothing is left of them.
+#include <malloc.h>
+
+#include <filesystem>
+#include <iterator>
+
+#include "replication/tests/connection_crowd.h"
+#include "replication/tests/replication_fixture.h"
+
+namespace qx {
+namespace {
+
+using testing::Bytes;
+using testing::ConnectionCrowd;
+using testing::WaitUntil;
+
+constexpr int kCrowd = 4000;
+
+std::ptrdiff_t EntriesOf(const char* directory) {
+  return std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator());
+}
+std::ptrdiff_t Descriptors() {
+  return EntriesOf("/proc/self/fd");
+}
+std::ptrdiff_t Threads() {
+  return EntriesOf("/proc/self/task");
+}
+
+class HostileClients : public testing::ReplicationFixture {
+ protected:
+  void SetUp() override {
+    ReplicationFixture::SetUp();
+    Listen();
+    ASSERT_TRUE(Perform(MSG_PERFORM, {}, PerformBody("/bin/true")));  // the reaper and the libraries are there
+  }
+};
+
+TEST_F(HostileClients, ThirtyTwoOfThousandsAreHeldAndNothingIsLeftOfTheOthers) {
+  if (!ConnectionCrowd::IsAllowed(kCrowd)) GTEST_SKIP() << "this host allows too few descriptors";
+  const std::ptrdiff_t threads = Threads(), descriptors = Descriptors();
+  std::size_t allocated = 0;
+  for (int wave = 0; wave < 3; ++wave) {
+    m_log.Clear();
+    {
+      ConnectionCrowd crowd(kCrowd, "127.0.0.1", m_listener.Port());
+      // They fall silent: the first 32 to be taken stay.
+      ASSERT_TRUE(crowd.WaitForClosed(kCrowd - kMaxChildren));
+      EXPECT_EQ(m_listener.ChildCount(), kMaxChildren);
+      EXPECT_GE(m_log.Count(1, "SocketThread: Crossed maximum limit of child threads"), kCrowd - kMaxChildren);
+      EXPECT_EQ(Threads(), threads + kMaxChildren);
+      // Nobody else is served meanwhile, and every caller hears so at once.
+      platform::Socket another;
+      Connect(m_listener.Port(), another);
+      std::uint8_t byte = 0;
+      EXPECT_EQ(Receive(another, &byte, 1), 0);
+    }
+    WaitForChildren();
+    EXPECT_TRUE(Perform(MSG_PERFORM, {}, PerformBody("/bin/true"))) << wave;
+    EXPECT_TRUE(WaitUntil([&] { return Threads() == threads; })) << Threads() << " threads, before " << threads;
+    EXPECT_EQ(Descriptors(), descriptors);
+    m_log.Clear();
+    const std::size_t now = mallinfo2().uordblks;
+    // The first wave makes what every thread keeps for the next ones.
+    if (wave > 0) {
+      EXPECT_LT(static_cast<std::ptrdiff_t>(now) - static_cast<std::ptrdiff_t>(allocated), 100000) << wave;
+    }
+    allocated = now;
+  }
+}
+
+TEST_F(HostileClients, ThousandsThatSpeakNonsenseLeaveNothing) {
+  const std::ptrdiff_t descriptors = Descriptors();
+  const auto speak = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      platform::Socket socket;
+      Connect(m_listener.Port(), socket);
+      Bytes nonsense = Message(MSG_CONTEXT_REQUEST, 300);
+      switch (i % 4) {
+        case 0:  // a token that is none
+          nonsense.resize(nonsense.size() + 300, static_cast<std::uint8_t>(i));
+          break;
+        case 1:  // half of it
+          nonsense.resize(nonsense.size() + 150, 0x60);
+          break;
+        case 2:  // a length of 4 GiB
+          std::fill_n(nonsense.begin(), 4, std::uint8_t{0xFF});
+          break;
+        default:  // no header
+          std::fill(nonsense.begin(), nonsense.end(), static_cast<std::uint8_t>(i));
+      }
+      ASSERT_EQ(Send(socket, nonsense), 1);
+      if (i % 4 == 1) {
+        socket.Close();
+      } else {
+        std::uint8_t byte = 0;
+        ASSERT_EQ(Receive(socket, &byte, 1), 0) << i;
+      }
+    }
+    WaitForChildren();
+    m_log.Clear();
+  };
+  speak(2000);
+  const std::size_t before = mallinfo2().uordblks;
+  speak(2000);
+  // 50 bytes for each would be 100000.
+  EXPECT_LT(static_cast<std::ptrdiff_t>(mallinfo2().uordblks) - static_cast<std::ptrdiff_t>(before), 60000);
+  EXPECT_EQ(Descriptors(), descriptors);
+  EXPECT_TRUE(Perform(MSG_PERFORM, {}, PerformBody("/bin/true")));
+}
+
+}  // namespace
+}  // namespace qx
