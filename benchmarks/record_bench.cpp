@@ -35,7 +35,7 @@ class Watched {
   Watched& operator=(const Watched&) = delete;
   ~Watched() {
     if (m_recorder < 0) return;
-    kill(m_recorder, SIGINT);
+    kill(m_recorder, SIGTERM);
     waitpid(m_recorder, nullptr, 0);
   }
 

@@ -4,9 +4,11 @@
 //   console     a transcript: lines that begin with "$ " are run in one shell for the whole document, lines that begin
 //               with "> " go on with the command above; what else is there is their output on both streams
 //   sh          commands without output, which succeed
-//   toml, ...   with a file's name behind the word: written there
+//   toml, ...   with a file's name behind the word: written there, ahead of all commands
+//   cron, ini, bat   with a name behind the word: another system's form of the file NAME.toml
 // A comment "<!-- run", up to a line "-->", holds commands that the reader doesn't see; they succeed. A comment
-// "<!-- not run: WHY -->" on the line above a fence leaves that block out.
+// "<!-- not run: WHY -->" on the line above a fence leaves that block out; "<!-- differs -->" says of another system's
+// form that it is near, and not the same.
 //
 // Output is what the document shows, except: an ID stands for any ID, always the same one; a time of day with seconds
 // stands for any within its minute, with seconds other than 00 for any at all, and so does the time in a file's name;
@@ -27,6 +29,7 @@ struct Example {
   std::string file;      // the word behind
   std::string text;      // with its line ends
   std::string notRun;    // why it is left out
+  bool differs = false;  // marked as something that isn't the same as what stands beside it
 };
 [[nodiscard]] std::vector<Example> ExamplesOf(const std::string& markdown);
 

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "tests/document.h"
+#include "tests/fake_time.h"
 #include "tests/running_service.h"
 
 namespace qx::testing {
@@ -16,6 +17,15 @@ namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+// Those whose examples are run.
+constexpr const char* kDocuments[] = {"README.md",
+                                      "docs/qxsched.md",
+                                      "docs/troubleshooting.md",
+                                      "docs/tutorial.md",
+                                      "docs/coming-from-cron.md",
+                                      "docs/coming-from-systemd-timers.md",
+                                      "docs/coming-from-schtasks.md"};
+constexpr const char* kHome = "/home/kim";
 constexpr const char* kDocumentPatience = "240";  // seconds for all examples of a document
 
 std::string DocumentText(const std::string& name) {
@@ -28,13 +38,9 @@ std::string Quoted(const std::string& text) {
   return quoted + "'";
 }
 
-// The library that gives programs another clock; empty where it isn't installed.
-std::string FakeTime() {
-  for (const auto& folder : {"/usr/lib/x86_64-linux-gnu", "/usr/lib/aarch64-linux-gnu", "/usr/lib"}) {
-    const std::string file = std::string(folder) + "/faketime/libfaketimeMT.so.1";
-    if (fs::exists(file)) return file;
-  }
-  return "";
+// Another system's form of a schedule.
+bool IsForeign(const Example& example) {
+  return example.kind == "cron" || example.kind == "ini" || example.kind == "bat";
 }
 
 struct Ran {
@@ -58,19 +64,19 @@ class Shell {
     fs::remove_all(m_directory, ignored);
   }
 
-  // Commands in their order; the results follow Run().
-  void Add(const std::string& commands) {
-    const std::string number = std::to_string(m_count++);
-    m_script += "exec >" + Quoted(Output(number)) + " 2>&1 </dev/null\nfailed=\n(exit \"${last:-0}\")\neval " +
-                Quoted(commands) +
-                "\nlast=$? __code=$last\n[ -z \"$failed\" ] || __code=\"1 $failed\"\necho \"$__code\" >" +
-                Quoted(Output(number) + ".code") + "\n";
-  }
+  // Commands in their order; the results follow Run(). Each sees the exit code of the one before.
+  void Add(const std::string& commands) { Put("(exit \"${last:-0}\")\n", commands); }
   // Hidden commands and those without output tell which of them failed.
   void AddStrict(const std::string& commands) {
     m_script += "trap '[ -n \"$failed\" ] || failed=$BASH_COMMAND' ERR\n";
-    Add(commands);
+    Put("", commands);
     m_script += "trap - ERR\n";
+  }
+  // A file, with the places that a reader has.
+  void AddFile(const Example& example) {
+    const std::string text = Replaced(example.text, kHome, m_directory + "/work");
+    AddStrict("printf %s " + Quoted(text) + " >" + Quoted(example.file) +
+              (example.kind == "toml" ? "\ncommand qxsched --quiet check " : "\nchmod +x ") + Quoted(example.file));
   }
 
   // In a place of its own for the journal, with a journal in it.
@@ -84,7 +90,7 @@ class Shell {
                           << Quoted(test_paths::Data() + "/documents/prelude.sh") << "\n"
                           << m_script << "kill $(jobs -p) 2>/dev/null\nwait\nexit 0\n";
     std::vector<std::string> environment = {"PATH=/usr/bin:/bin", "QX_PROGRAMS=" + test_paths::Programs(),
-                                            "QX_WORK=" + m_directory + "/work", "QX_FAKETIME=" + FakeTime(),
+                                            "QX_WORK=" + m_directory + "/work", "QX_FAKETIME=" + FakeTimeLibrary(true),
                                             "QX_SOURCE=" + test_paths::Source()};
     if (m_journal) environment.push_back("QX_JOURNAL=yes");
     for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "TMPDIR"}) {
@@ -114,16 +120,21 @@ class Shell {
 
  private:
   [[nodiscard]] std::string Output(const std::string& name) const { return m_directory + "/" + name + ".out"; }
-  // Places as a reader has them.
-  [[nodiscard]] std::string Plain(std::string text) const {
-    const std::pair<std::string, std::string> places[] = {{m_directory + "/work/state", "/var/lib/qxsvc"},
-                                                          {m_directory + "/work", "/home/kim"}};
-    for (const auto& [ours, theirs] : places) {
-      for (std::size_t at = 0; (at = text.find(ours, at)) != std::string::npos; at += theirs.size()) {
-        text.replace(at, ours.size(), theirs);
-      }
+  void Put(const std::string& before, const std::string& commands) {
+    const std::string file = Output(std::to_string(m_count++));
+    m_script += "exec >" + Quoted(file) + " 2>&1 </dev/null\nfailed=\n" + before + "eval " + Quoted(commands) +
+                "\nlast=$? code=$last\n[ -z \"$failed\" ] || code=\"1 $failed\"\necho \"$code\" >" +
+                Quoted(file + ".code") + "\n";
+  }
+  static std::string Replaced(std::string text, const std::string& what, const std::string& by) {
+    for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
+      text.replace(at, what.size(), by);
     }
     return text;
+  }
+  // Places as a reader has them.
+  [[nodiscard]] std::string Plain(const std::string& text) const {
+    return Replaced(Replaced(text, m_directory + "/work/state", "/var/lib/qxsvc"), m_directory + "/work", kHome);
   }
 
   std::string m_directory;
@@ -134,17 +145,16 @@ class Shell {
 
 class Document : public ::testing::TestWithParam<const char*> {};
 
-INSTANTIATE_TEST_SUITE_P(Of, Document, ::testing::Values("README.md", "docs/qxsched.md", "docs/troubleshooting.md"),
-                         [](const auto& name) {
-                           std::string text = name.param;
-                           for (char& c : text) {
-                             if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-                           }
-                           return text;
-                         });
+INSTANTIATE_TEST_SUITE_P(Of, Document, ::testing::ValuesIn(kDocuments), [](const auto& name) {
+  std::string text = name.param;
+  for (char& c : text) {
+    if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+  }
+  return text;
+});
 
 TEST_P(Document, ShowsWhatIsTrue) {
-  if (FakeTime().empty()) {
+  if (FakeTimeLibrary(true).empty()) {
     GTEST_SKIP() << "no clock for examples (Debian package libfaketime): NO EXAMPLE OF " << GetParam() << " IS RUN";
   }
   const std::string markdown = DocumentText(GetParam());
@@ -164,8 +174,14 @@ TEST_P(Document, ShowsWhatIsTrue) {
     }
     shell.WantJournal();
   }
-  for (const Example& example : ExamplesOf(markdown)) {
-    if (!example.notRun.empty()) continue;
+  const std::vector<Example> examples = ExamplesOf(markdown);
+  for (const Example& example : examples) {
+    if (example.file.empty() || IsForeign(example)) continue;
+    steps.push_back({example.line, example.text, false, ""});
+    shell.AddFile(example);
+  }
+  for (const Example& example : examples) {
+    if (!example.notRun.empty() || !example.file.empty()) continue;
     if (example.kind == "console") {
       const std::vector<Command> commands = CommandsOf(example);
       EXPECT_FALSE(commands.empty()) << GetParam() << ":" << example.line << ": a transcript without a command";
@@ -176,10 +192,6 @@ TEST_P(Document, ShowsWhatIsTrue) {
     } else if (example.kind == "sh" || example.kind == "run") {
       steps.push_back({example.line, example.text, false, ""});
       shell.AddStrict(example.text);
-    } else if (!example.file.empty()) {
-      steps.push_back({example.line, example.text, false, ""});
-      shell.AddStrict("printf %s " + Quoted(example.text) + " >" + Quoted(example.file) +
-                      (example.kind == "toml" ? "\ncommand qxsched --quiet check " + Quoted(example.file) : ""));
     }
   }
   ASSERT_FALSE(steps.empty());
@@ -225,7 +237,7 @@ TEST_P(Document, ShowsWhatIsTrue) {
 
 // Examples that no test above runs say why.
 TEST(Documents, LeaveNoExampleOut) {
-  std::set<std::string> run = {"README.md", "docs/qxsched.md", "docs/troubleshooting.md"};
+  const std::set<std::string> run(std::begin(kDocuments), std::end(kDocuments));
   std::vector<std::string> silent;
   for (const auto& entry : fs::recursive_directory_iterator(test_paths::Source() + "/docs")) {
     const std::string name = fs::relative(entry.path(), test_paths::Source()).string();
@@ -288,6 +300,8 @@ TEST(DocumentReader, TakesAnotherIdForItselfAndNothingElse) {
       {__LINE__, "one\ntwo\n", "one\n", false},
       {__LINE__, "/b/AB120000-0000-4001-8000-000000000000-20270101-010101.toml\n",
        "/b/CD120000-0000-4001-8000-000000000000-20280202-020202.toml\n", true},
+      {__LINE__, "/b-20270101-010101-2.toml\n", "/b-20280202-020202.toml\n", true},
+      {__LINE__, "/b-20270101-010101-2.toml\n", "/b-20280202-020202-x.toml\n", false},
       {__LINE__, "", "", true},
       {__LINE__, "", "x\n", false},
   };
