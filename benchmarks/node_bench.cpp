@@ -2,6 +2,7 @@
 #include <stdlib.h>
 
 #include <array>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
@@ -269,6 +270,14 @@ double Each(int count, Call call) {
   return (SteadyNanoseconds() - begun) / 1000 / count;
 }
 
+// The same in processor time of the whole process, which other work on the machine changes less.
+template <class Call>
+double EachOfProcessor(int count, Call call) {
+  const std::clock_t begun = std::clock();
+  for (int i = 0; i < count; ++i) call();
+  return static_cast<double>(std::clock() - begun) * 1e6 / CLOCKS_PER_SEC / count;
+}
+
 }  // namespace
 
 std::vector<Figure> NodeFigures() {
@@ -313,6 +322,16 @@ std::vector<Figure> NodeFigures() {
        [made] {
          Fixture& f = made();
          return Each(kOperationsARound, [&] { f.parts.One(); });
+       },
+       7},
+      {"nodes/one-creation-processor", "the same parts; both in processor time of all threads", "us", 1.3,
+       [made] {
+         Fixture& f = made();
+         return EachOfProcessor(kOperationsARound, [&] { f.node.Create(); });
+       },
+       [made] {
+         Fixture& f = made();
+         return EachOfProcessor(kOperationsARound, [&] { f.parts.One(); });
        },
        7},
       {"nodes/sixteen-nodes-for-each", "the same on one node", "us", 1.1,
