@@ -84,13 +84,13 @@ class Reaper {
     return *instance;
   }
 
-  // Starts a child by `spawn` and registers it before its exit can be taken.
+  // Starts a child by `spawn`, outside the lock: the exits of others, taken meanwhile, hold up no start.
   //   waited   whether its exit is kept for Wait()
   //   spawn    returns an errno value and sets the process number
   // Returns that value; `ticket` is the child's number here.
   template <typename Spawn>
   int Start(bool waited, const Spawn& spawn, std::uint64_t& ticket) {
-    const std::lock_guard lock(m_mutex);
+    std::unique_lock lock(m_mutex);
     if (!m_running) {
       // The reaper takes no part in signals: whoever blocks or catches them elsewhere isn't disturbed by it.
       sigset_t all, old;
@@ -104,13 +104,15 @@ class Reaper {
       pthread_sigmask(SIG_SETMASK, &old, nullptr);
       if (!m_running) return EAGAIN;
     }
+    ++m_starting;
+    lock.unlock();
     pid_t pid = 0;
-    if (const int error = spawn(&pid); error != 0) return error;
-    ticket = ++m_lastTicket;
-    m_living[pid] = ticket;
-    if (waited) m_waited[ticket];
-    m_changed.notify_all();
-    return 0;
+    const int error = spawn(&pid);
+    lock.lock();
+    --m_starting;
+    if (error == 0) Register(pid, waited, ticket);
+    if (m_starting == 0) m_unclaimed.clear();
+    return error;
   }
 
   Waited Wait(std::uint64_t ticket) {
@@ -135,6 +137,17 @@ class Reaper {
   }
 
  private:
+  void Register(pid_t pid, bool waited, std::uint64_t& ticket) {
+    ticket = ++m_lastTicket;
+    m_living[pid] = ticket;
+    if (waited) m_waited[ticket];
+    if (const auto ended = m_unclaimed.find(pid); ended != m_unclaimed.end()) {
+      End(pid, ended->second);
+    } else {
+      m_changed.notify_all();
+    }
+  }
+
   void Body() {
     std::unique_lock lock(m_mutex);
     while (true) {
@@ -145,18 +158,22 @@ class Reaper {
       const int error = errno;
       lock.lock();
       if (result == 0) {
-        Take(info.si_pid);
+        TakeAll();
       } else if (error == ECHILD) {
         EndAll();
       }
     }
   }
 
-  void Take(pid_t pid) {
+  // Every exit that is there: one turn for many.
+  void TakeAll() {
     int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return;  // somebody else was quicker
-    End(pid, WIFSIGNALED(status) ? 128u + static_cast<unsigned>(WTERMSIG(status))
-                                 : static_cast<unsigned>(WEXITSTATUS(status)));
+    for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+      const std::uint32_t exitCode = WIFSIGNALED(status) ? 128u + static_cast<unsigned>(WTERMSIG(status))
+                                                         : static_cast<unsigned>(WEXITSTATUS(status));
+      if (m_starting > 0 && !m_living.contains(pid)) m_unclaimed[pid] = exitCode;
+      End(pid, exitCode);
+    }
   }
 
   void End(pid_t pid, std::uint32_t exitCode) {
@@ -177,6 +194,8 @@ class Reaper {
   bool m_running = false;
   std::uint64_t m_lastTicket = 0;
   std::map<pid_t, std::uint64_t> m_living;
+  int m_starting = 0;                          // starts whose child isn't registered yet
+  std::map<pid_t, std::uint32_t> m_unclaimed;  // exits taken meanwhile of children that nobody has registered
   std::map<std::uint64_t, Waited> m_waited;
 };
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -291,6 +292,27 @@ TEST_F(ProcessTest, GivesEachOfManyWaitersItsOwnExitCode) {
   }
   for (std::thread& waiter : waiters) waiter.join();
   EXPECT_THAT(codes, ElementsAre(10, 11, 12, 13, 14, 15, 16, 17));
+}
+
+TEST_F(ProcessTest, TakesChildrenThatEndWhileOthersStartOrFailToStart) {
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong{0};
+  for (std::uint32_t thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([thread, &wrong] {
+      for (std::uint32_t i = 0; i < 25; ++i) {
+        std::uint32_t exitCode = 0;
+        const std::uint32_t expected = 10 * thread + i % 10;
+        if (StartDetached(u"/bin/true") != ERROR_SUCCESS) ++wrong;
+        if (StartDetached(u"/nowhere/program") == ERROR_SUCCESS) ++wrong;
+        if (RunAndWait("/bin/sh -c \"exit " + std::to_string(expected) + "\"", exitCode) != ERROR_SUCCESS) ++wrong;
+        if (exitCode != expected) ++wrong;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
+  EXPECT_TRUE(WaitForAllChildren(kPatience));
+  EXPECT_EQ(LiveChildren(), 0u);
 }
 
 TEST_F(ProcessTest, KeepsTheExitCodeUntilSomebodyAsks) {

@@ -116,6 +116,16 @@ TEST_F(ClockChanges, ManyStepsWithinOneSleepAreEachTold) {
   Run(2 * kMillisecondsOfDay);
 }
 
+TEST_F(ClockChanges, AWindowMonthsAheadIsWaitedForInPiecesAndLaunchedOnce) {
+  SCHEDULE_OBJECT oneDay = At(9 * kHour);
+  const std::int64_t theDay = DaysFromCivil(2025, 8, 1);
+  oneDay.stScheduleRules.alIncludeDates[0] = static_cast<std::int32_t>(theDay * kSecondsOfDay);
+  (void)Keep(oneDay, {9 * kHour, [=](std::int64_t day) { return day == theDay; }});
+  m_sink->heard.clear();
+  Run(250 * kMillisecondsOfDay);
+  EXPECT_EQ(Launches(), 1u);
+}
+
 TEST_F(ClockChanges, AnEchoOfASmallAdjustmentDisturbsNoSleep) {
   KeepEveryDay(10 * kHour);
   m_sink->heard.clear();
