@@ -13,6 +13,7 @@
 #include <mutex>
 
 #include "platform/fault_point.h"
+#include "platform/file_state.h"
 
 namespace platform {
 namespace {
@@ -176,8 +177,17 @@ int RenameAtOnce(const std::string& from, const std::string& to, unsigned flags)
   return ::rename(from.c_str(), to.c_str());
 }
 
+// Tells those who read files ahead that a name changes.
+struct NameChange {
+  NameChange() { detail::CountFileChange(); }
+  ~NameChange() { detail::CountFileChange(); }
+  NameChange(const NameChange&) = delete;
+  NameChange& operator=(const NameChange&) = delete;
+};
+
 ErrorCode Rename(const std::string& from, const std::string& to, Durable durable, unsigned flags) {
   if (const ErrorCode rc = FaultAt(Operation::kRenameFile, from); rc != ERROR_SUCCESS) return rc;
+  const NameChange change;
   if (RenameAtOnce(from, to, flags) != 0) {
     const int error = errno;
     if (error == EEXIST) return ERROR_FILE_EXISTS;
@@ -293,6 +303,7 @@ bool AreDifferentFiles(const std::string& a, const std::string& b) {
 
 ErrorCode DeleteFile(const std::string& name, Durable durable) {
   if (const ErrorCode rc = FaultAt(Operation::kDeleteFile, name); rc != ERROR_SUCCESS) return rc;
+  const NameChange change;
   if (::unlink(name.c_str()) != 0) return CodeForName(errno, name);
   return durable == Durable::kYes ? SyncDirectory(DirectoryOf(name)) : ERROR_SUCCESS;
 }

@@ -11,7 +11,6 @@
 
 #include "platform/fault_point.h"
 #include "platform/file.h"
-#include "platform/profile_ahead.h"
 #include "platform/profile_text.h"
 #include "platform/text.h"
 
@@ -80,10 +79,6 @@ struct detail::ProfileBatchState {
   // Reads and parses the file, once it can be read.
   ErrorCode Read() {
     if (isRead) return readResult;
-    if (purpose == ProfileBatch::kLoad && detail::TakeReadAhead(name, text)) {
-      isRead = true;
-      return readResult = ERROR_SUCCESS;
-    }
     const ErrorCode rc = ReadFileText(name, original);
     if (rc != ERROR_SUCCESS && !IsMissing(rc)) return rc;
     text = purpose == ProfileBatch::kLoad ? ProfileText(std::move(original.bytes)) : ProfileText(original.bytes);

@@ -25,8 +25,8 @@
 #include <utility>
 
 #include "platform/fault_point.h"
-#include "platform/registry_ahead.h"
-#include "platform/registry_read_ahead.h"
+#include "platform/registry_inside.h"
+#include "platform/registry_scan.h"
 #include "platform/registry_sub_keys.h"
 #include "platform/testing/registry_hook.h"
 #include "platform/thread_annotations.h"
@@ -421,8 +421,6 @@ struct RegistryKeyState {
   Cursor keys;
   Cursor values;
   std::optional<ValueCopies> copies;
-  std::shared_ptr<const AheadKey> ahead;  // the key as it was read ahead, for as long as that reading holds
-  std::uint64_t aheadNumber = 0;          // of that reading
 
   static RegistryKeyState* Of(const RegistryKey& key) { return key.m_state.get(); }
   static void Put(RegistryKey& key, std::unique_ptr<RegistryKeyState> state) {
@@ -1017,87 +1015,6 @@ ErrorCode Store::LimitGrowth(std::uint32_t morePages) {
   return CodeFromSqlite(Execute(m_db.get(), sql.c_str()));
 }
 
-// --- What was read ahead ---
-
-}  // namespace
-
-namespace detail {
-
-struct KeyReadAheadState {
-  using Clock = std::chrono::steady_clock;
-
-  std::uint64_t number = 0;
-  std::uint64_t storeNumber = 0;
-  std::int64_t parent = 0;
-  std::uint64_t changes = 0;      // the store's when the reading began
-  std::int64_t dataVersion = 0;   // likewise
-  Clock::time_point looked;       // when other processes' writes were last looked for
-  bool holds = true;
-  std::uint32_t next = 0;         // index of the sub key that the reader gives next
-  std::shared_ptr<const AheadKey> current;
-  std::atomic<std::size_t> taken{0};
-  AheadReader reader;
-};
-
-}  // namespace detail
-
-namespace {
-
-using detail::AheadKey;
-using detail::KeyReadAheadState;
-
-std::shared_ptr<KeyReadAheadState> g_ahead QX_GUARDED_BY(g_lock);
-
-void GiveAheadUp(KeyReadAheadState& ahead) {
-  ahead.holds = false;
-  ahead.current.reset();
-  ahead.reader.Stop();
-}
-
-// Whether the store still is what was read.
-bool AheadHolds() QX_REQUIRES(g_lock) {
-  if (!g_ahead || !g_ahead->holds) return false;
-  KeyReadAheadState& ahead = *g_ahead;
-  bool holds = g_store->Number() == ahead.storeNumber && g_store->Changes() == ahead.changes;
-  const auto now = KeyReadAheadState::Clock::now();
-  if (holds && now - ahead.looked >= std::chrono::milliseconds(kReadAheadTrustMs)) {
-    std::int64_t version = 0;
-    holds = g_store->DataVersion(version) == ERROR_SUCCESS && version == ahead.dataVersion;
-    ahead.looked = now;
-  }
-  if (!holds) GiveAheadUp(ahead);
-  return holds;
-}
-
-// What was read of a handle's key; null when the store itself is to be asked.
-const AheadKey* AheadOf(const Handle& handle) QX_REQUIRES(g_lock) {
-  return handle.ahead && AheadHolds() && handle.aheadNumber == g_ahead->number ? handle.ahead.get() : nullptr;
-}
-
-// The next sub key of an enumeration in rising order.
-const AheadKey* NextAhead(Handle& handle, std::uint32_t index) QX_REQUIRES(g_lock) {
-  if (!AheadHolds() || g_ahead->parent != handle.place.id || g_ahead->next != index) return nullptr;
-  KeyReadAheadState& ahead = *g_ahead;
-  ahead.current = ahead.reader.Next();
-  if (!ahead.current) {
-    GiveAheadUp(ahead);
-    return nullptr;
-  }
-  ++ahead.next;
-  ++ahead.taken;
-  // Where the reading ahead ends, the enumeration goes on from here.
-  handle.keys = {true, index, ahead.current->fold, ahead.changes, ahead.dataVersion};
-  return ahead.current.get();
-}
-
-// The sub key of that name, when it is the one that was enumerated last.
-std::shared_ptr<const AheadKey> SubKeyAhead(const Handle& parent, std::u16string_view subKey) QX_REQUIRES(g_lock) {
-  if (!AheadHolds() || g_ahead->parent != parent.place.id || !g_ahead->current || g_ahead->current->name != subKey) {
-    return nullptr;
-  }
-  return g_ahead->current;
-}
-
 // --- What every call does first ---
 
 // The key's handle, when it can be worked with.
@@ -1148,12 +1065,6 @@ std::unique_ptr<Handle> MakeHandle(Place place, std::uint32_t access, std::span<
 
 ErrorCode OpenBelow(const Handle& parent, std::u16string_view subKey, std::uint32_t access,
                     std::unique_ptr<Handle>& out) QX_REQUIRES(g_lock) {
-  if (std::shared_ptr<const AheadKey> ahead = SubKeyAhead(parent, subKey)) {
-    out = MakeHandle({ahead->id, parent.place.depth + 1}, access, std::span(&subKey, 1));
-    out->ahead = std::move(ahead);
-    out->aheadNumber = g_ahead->number;
-    return ERROR_SUCCESS;
-  }
   std::vector<std::u16string_view> elements;
   if (const ErrorCode code = SplitPath(subKey, elements); code != ERROR_SUCCESS) return code;
   Place place;
@@ -1218,14 +1129,6 @@ ErrorCode FindValue(const RegistryKey& key, std::u16string_view name, Item& out)
   const Guard guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToRead(key, KEY_QUERY_VALUE, handle); code != ERROR_SUCCESS) return code;
-  if (const AheadKey* ahead = AheadOf(*handle)) {
-    const AheadKey::Value* value = ahead->Find(Fold(name));
-    if (value == nullptr) return ERROR_FILE_NOT_FOUND;
-    const auto data = ahead->Data(*value);
-    out.type = value->type;
-    out.data.assign(data.begin(), data.end());
-    return ERROR_SUCCESS;
-  }
   if (const ValueCopies* copies = CopiesOf(*handle)) {
     const ValueCopies::Value* value = copies->Find(Fold(name));
     if (value == nullptr) return ERROR_FILE_NOT_FOUND;
@@ -1258,12 +1161,6 @@ ErrorCode EnumItem(const RegistryKey& key, bool values, std::uint32_t index, Ite
   Handle* handle = nullptr;
   const ErrorCode code = EnterToRead(key, values ? KEY_QUERY_VALUE : KEY_ENUMERATE_SUB_KEYS, handle);
   if (code != ERROR_SUCCESS) return code;
-  if (!values) {
-    if (const AheadKey* ahead = NextAhead(*handle, index)) {
-      out.name = ahead->name;
-      return ERROR_SUCCESS;
-    }
-  }
   return g_store->Enumerate(*handle, values, index, out);
 }
 
@@ -1600,10 +1497,6 @@ ErrorCode QueryInfoKey(const RegistryKey& key, KeyInfo& out) {
   const Guard guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToRead(key, KEY_QUERY_VALUE, handle); code != ERROR_SUCCESS) return code;
-  if (const AheadKey* ahead = AheadOf(*handle)) {
-    out = ahead->info;
-    return ERROR_SUCCESS;
-  }
   return g_store->Info(handle->place, out, handle->copies);
 }
 
@@ -1805,53 +1698,37 @@ ErrorCode ReadSubKeys(const RegistryKey& key, std::u16string_view after, std::si
       [&](std::u16string name, ErrorCode failure) { reading.Tell(std::move(name), failure, seen); });
 }
 
-// --- Reading ahead ---
+// --- For a pass over the file (registry_scan.h) ---
 
-std::u16string_view KeyReadAhead::Seen::Name() const { return m_key.name; }
+std::vector<unsigned char> detail::FoldName(std::u16string_view name) { return Fold(name); }
 
-bool KeyReadAhead::Seen::Text(std::u16string_view name, std::u16string& out) const {
-  const AheadKey::Value* value = m_key.Find(Fold(name));
-  return value != nullptr && TextOf(value->type, m_key.Data(*value), out) == ERROR_SUCCESS;
+std::int64_t detail::RootRow(Hive hive) {
+  const Root* root = FindRoot(hive);
+  return root != nullptr ? root->id : 0;
 }
 
-KeyReadAhead::KeyReadAhead(const RegistryKey& key, std::function<void(const Seen&)> seen, std::uint32_t first,
-                           std::size_t most) {
+std::string RegistryStoreFile() {
+  const Guard guard(g_lock);
+  return g_store ? g_store->Path() : std::string();
+}
+
+std::string detail::PlainStorePath(const std::string& nativePath) { return PlainPath(nativePath); }
+
+bool detail::IsStoreAtRest(const std::string& path) {
+  const Guard guard(g_lock);
+  return g_store && g_store->Path() == path && !g_store->OpenBatch();
+}
+
+bool detail::PlaceEnumeration(const RegistryKey& key, std::uint32_t index, std::span<const unsigned char> fold) {
   const Guard guard(g_lock);
   Handle* handle = nullptr;
-  // What a batch holds isn't there yet for another connection.
-  if (g_ahead || EnterToRead(key, KEY_ENUMERATE_SUB_KEYS, handle) != ERROR_SUCCESS || g_store->OpenBatch()) return;
-  auto state = std::make_shared<KeyReadAheadState>();
-  static std::atomic<std::uint64_t> lastNumber{0};
-  state->number = ++lastNumber;
-  state->storeNumber = g_store->Number();
-  state->parent = handle->place.id;
-  state->changes = g_store->Changes();
-  state->looked = KeyReadAheadState::Clock::now();
-  if (g_store->DataVersion(state->dataVersion) != ERROR_SUCCESS) return;
-  detail::AheadReader::Seen told;
-  if (seen) told = [seen = std::move(seen)](const AheadKey& read) { seen(Seen(read)); };
-  const Cursor& cursor = handle->keys;
-  std::vector<unsigned char> after;
-  if (first > 0) {
-    if (!cursor.isValid || cursor.index != first - 1 || cursor.changes != state->changes ||
-        cursor.dataVersion != state->dataVersion) {
-      return;
-    }
-    state->next = first;
-    after.assign(cursor.fold.begin(), cursor.fold.end());
+  std::int64_t dataVersion = 0;
+  if (EnterToRead(key, KEY_ENUMERATE_SUB_KEYS, handle) != ERROR_SUCCESS ||
+      g_store->DataVersion(dataVersion) != ERROR_SUCCESS) {
+    return false;
   }
-  if (state->reader.Start(g_store->Path(), state->parent, std::move(after), most, std::move(told)) != ERROR_SUCCESS) return;
-  g_ahead = state;
-  m_state = std::move(state);
+  handle->keys = {true, index, Bytes(fold.begin(), fold.end()), g_store->Changes(), dataVersion};
+  return true;
 }
-
-KeyReadAhead::~KeyReadAhead() {
-  if (!m_state) return;
-  const Guard guard(g_lock);
-  GiveAheadUp(*m_state);
-  g_ahead.reset();
-}
-
-std::size_t KeyReadAhead::Taken() const { return m_state ? m_state->taken.load() : 0; }
 
 }  // namespace platform

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "foundation/include/zfclog.h"
 
@@ -35,6 +36,38 @@ Status CJobList::AddJob(CJobNode node) {
   m_sequence.insert(&entry);
   m_size.store(m_entries.size(), std::memory_order_relaxed);
   return kStatusOk;
+}
+
+void CJobList::AddJobs(std::span<CJobNode> nodes, const std::function<void(CJobNode& node)>& refused) {
+  struct Added {
+    std::int64_t window;
+    std::int64_t rank;
+    Entry* entry;
+  };
+  std::vector<Added> added;
+  added.reserve(nodes.size());
+  const platform::CriticalSectionGuard guard(g_JobListLock);
+  for (CJobNode& node : nodes) {
+    const std::size_t before = m_entries.size();
+    // At a start they come in the order of their IDs.
+    const auto at = m_entries.try_emplace(m_entries.end(), node.ScheduleID);
+    if (m_entries.size() == before) {
+      refused(node);
+      continue;
+    }
+    Entry& entry = at->second;
+    entry.node = std::move(node);
+    entry.listedWindow = SignExtended(entry.node.NextTimeWindow);
+    entry.rank = --m_firstRank;
+    added.push_back({entry.listedWindow, entry.rank, &entry});
+  }
+  std::sort(added.begin(), added.end(), [](const Added& a, const Added& b) {
+    return a.window != b.window ? a.window < b.window : a.rank < b.rank;
+  });
+  // Each place is searched from the one before: in an empty list it is found there.
+  auto hint = m_sequence.begin();
+  for (const Added& one : added) hint = std::next(m_sequence.insert(hint, one.entry));
+  m_size.store(m_entries.size(), std::memory_order_relaxed);
 }
 
 void CJobList::RemoveJob(CJobNode node) {

@@ -13,8 +13,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
+#include <span>
 #include <vector>
 
 #include "platform/critical_section.h"
@@ -71,6 +73,10 @@ class CJobList {
   //   node     on success the list's copy owns the rule object's reference
   //   returns  0; kStatusJobExists: list and reference unchanged. Takes g_JobListLock itself.
   [[nodiscard]] Status AddJob(CJobNode node);
+  // Adds many, each as AddJob() would, one after the other. Takes g_JobListLock itself.
+  //   nodes    as for AddJob(); those of the list are moved from
+  //   refused  called for each that AddJob() would refuse, in order
+  void AddJobs(std::span<CJobNode> nodes, const std::function<void(CJobNode& node)>& refused);
   // Erases the node of the same ID without touching its reference; logs when there is none. Takes g_JobListLock itself.
   void RemoveJob(CJobNode node);
 

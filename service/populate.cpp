@@ -1,17 +1,19 @@
 #include "service/populate.h"
 
-#include <optional>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "common/ini_recovery.h"
+#include "foundation/include/zfcdbg.h"
 #include "foundation/include/zfclog.h"
 #include "platform/file.h"
 #include "platform/guid.h"
 #include "platform/memory.h"
-#include "platform/profile_read_ahead.h"
-#include "platform/registry_read_ahead.h"
+#include "platform/registry_scan.h"
 #include "service/ini_path.h"
 #include "service/job_list.h"
+#include "service/load_ahead.h"
 #include "service/schedule_store.h"
 
 using platform::ERROR_SUCCESS;
@@ -136,28 +138,80 @@ void PopulateOne(const RegistryKey& schedules, std::u16string_view keyName) {
   }
 }
 
-constexpr std::uint32_t kWorthReadingAhead = 256;  // schedules
-constexpr std::size_t kFileReaders = 6;            // so many reads a disk has to do at a time
+// The lines that are told of a schedule that loads well are of this level and above. While they are written, nothing is
+// loaded ahead: they stand in the order of the calls.
+constexpr std::uint32_t kDetailLevel = 4;
 
-// Keys and files of all schedules, read ahead of the thread that builds the nodes; it finds what was read under its
-// usual calls.
-class ReadAhead {
- public:
-  explicit ReadAhead(const RegistryKey& schedules)
-      : m_files(kFileReaders), m_keys(schedules, [this](const platform::KeyReadAhead::Seen& key) { WantFile(key); }) {}
-
- private:
-  void WantFile(const platform::KeyReadAhead::Seen& key) {
-    ScheduleGuid id{};
-    std::u16string xmlPath;
-    if (platform::ClsidFromString(key.Name(), id) == 0 && key.Text(u"XMLFilePathName", xmlPath)) {
-      m_files.Want(IniPath(id, xmlPath));
-    }
+bool IsDetailWritten() {
+  if (ZepFoundation::ServiceLogLevel.load(std::memory_order_relaxed) >= kDetailLevel) return true;
+  for (std::uint16_t level = ZepFoundation::kTraceError; level <= ZepFoundation::kTraceDebug; ++level) {
+    if (ZepFoundation::DebugTraceEnabled(level)) return true;
   }
+  return false;
+}
 
-  platform::ProfileReadAhead m_files;
-  platform::KeyReadAhead m_keys;
-};
+void PopulateAt(const RegistryKey& schedules, std::uint32_t index) {
+  std::u16string name;
+  if (platform::EnumKey(schedules, index, name) != ERROR_SUCCESS) {
+    ServiceLog(1, u" Failed RegEnumKey for %d key", index);
+    return;
+  }
+  PopulateOne(schedules, name);
+}
+
+void RefuseListed(CJobNode& node) {
+  ServiceLog(1, u"Failed to add the job to the job list, error = %x", kStatusJobExists);
+  node.ReleaseScheduler();
+}
+
+// Lists the nodes that were loaded ahead and are taken from `first` to `end`, as long as they are what would be loaded
+// now.
+//   returns  false: the registry has changed, nothing is listed
+bool ListAhead(LoadAhead& ahead, const RegistryKey& schedules, std::uint32_t first, std::uint32_t end) {
+  if (first == end) return true;
+  std::vector<CJobNode> nodes;
+  nodes.reserve(end - first);
+  // From the look at what has changed to the listing nobody else changes the list: who changed a schedule before is
+  // seen, and who does it later finds its node.
+  const platform::CriticalSectionGuard guard(g_JobListLock);
+  if (!ahead.StoreHolds()) return false;
+  const auto list = [&nodes] {
+    g_JobList.AddJobs(nodes, RefuseListed);
+    nodes.clear();
+  };
+  for (std::uint32_t i = first; i < end; ++i) {
+    if (ahead.FileHolds(i)) {
+      nodes.push_back(ahead.Take(i));
+      continue;
+    }
+    list();
+    ahead.PlaceBefore(schedules, i);
+    PopulateAt(schedules, i);
+  }
+  list();
+  return true;
+}
+
+// Fills the list from what was loaded ahead.
+//   returns  the number of keys that are done; the others are to be loaded call by call
+std::uint32_t PopulateFromAhead(LoadAhead& ahead, const RegistryKey& schedules, std::uint32_t count) {
+  if (!ahead.Wait() || ahead.Size() != count || IsDetailWritten()) return 0;
+  std::uint32_t listed = 0;  // all in front of it are done
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const LoadAhead::Outcome outcome = ahead.At(i);
+    if (outcome == LoadAhead::Outcome::kNode) continue;
+    if (!ListAhead(ahead, schedules, listed, i)) return listed;
+    listed = i;
+    if (outcome == LoadAhead::Outcome::kOver && ahead.StoreHolds() && ahead.FileHolds(i)) {
+      ServiceLog(2, u"NextTimeWindow is over: %s", ahead.Take(i).IdText());
+    } else {
+      ahead.PlaceBefore(schedules, i);
+      PopulateAt(schedules, i);
+    }
+    listed = i + 1;
+  }
+  return ListAhead(ahead, schedules, listed, count) ? count : listed;
+}
 
 // Makes the key when it is missing. A key that wrote is closed before anything else: its close says whether it stands.
 bool OpenSchedulesKey(const RegistryKey& version, RegistryKey& schedules) {
@@ -188,7 +242,9 @@ bool BuildJobNode(const RegistryKey& schedules, std::u16string_view keyName, con
 
 }  // namespace qx
 
-Status PopulateJobList() {
+Status PopulateJobList() { return PopulateJobList(nullptr); }
+
+Status PopulateJobList(std::unique_ptr<qx::LoadAhead> ahead) {
   RegistryKey version, schedules;
   if (platform::OpenKey(Hive::kLocalMachine, qx::kCurrentVersionKey, platform::KEY_ALL_ACCESS, version) !=
       ERROR_SUCCESS) {
@@ -206,17 +262,13 @@ Status PopulateJobList() {
   }
   ServiceLog(3, u"Number of Schedules in the registry = %d", info.subKeyCount);
   if (info.subKeyCount == 0) return kStatusOk;
-  std::optional<qx::ReadAhead> ahead;
-  if (info.subKeyCount >= qx::kWorthReadingAhead) ahead.emplace(schedules);
-  for (std::uint32_t i = 0; i < info.subKeyCount; ++i) {
-    std::u16string name;
-    if (platform::EnumKey(schedules, i, name) != ERROR_SUCCESS) {
-      ServiceLog(1, u" Failed RegEnumKey for %d key", i);
-      continue;
-    }
-    qx::PopulateOne(schedules, name);
+  std::uint32_t done = 0;
+  if (info.subKeyCount >= qx::kWorthLoadingAhead && !qx::IsDetailWritten()) {
+    if (!ahead) ahead = std::make_unique<qx::LoadAhead>(platform::RegistryStoreFile());
+    done = qx::PopulateFromAhead(*ahead, schedules, info.subKeyCount);
   }
   ahead.reset();
+  for (std::uint32_t i = done; i < info.subKeyCount; ++i) qx::PopulateAt(schedules, i);
   schedules.Close();
   version.Close();
   ServiceLog(4, u"Exited from PopulateJobList()");

@@ -4,15 +4,22 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string_view>
 
 #include "interface/records.h"
 #include "platform/registry.h"
 #include "service/job_node.h"
 
+namespace qx {
+class LoadAhead;
+}
+
 // Loads every schedule with a further window; a bad one is logged and skipped, its key and .ini file left as they are.
 // A window that passed while the service was down is not made up. Always 0.
 Status PopulateJobList();
+// The same with what was begun earlier to load ahead, null for nothing.
+Status PopulateJobList(std::unique_ptr<qx::LoadAhead> ahead);
 
 // Releases every rule object and empties the list, under g_JobListLock.
 void DoCleanUp();

@@ -80,8 +80,19 @@ void CompareWithTheToldList() {
   const auto window = rc::gen::inRange<std::int64_t>(0, 6);
   const int steps = *rc::gen::inRange(0, 60);
   for (int i = 0; i < steps; ++i) {
-    switch (*rc::gen::inRange(0, 4)) {
-      case 0:
+    switch (*rc::gen::inRange(0, 5)) {
+      case 0: {  // many at once
+        std::vector<CJobNode> nodes;
+        std::vector<std::uint32_t> expected, refused;
+        const int count = *rc::gen::inRange(0, 8);
+        for (int j = 0; j < count; ++j) {
+          nodes.push_back(Node(*number, *window));
+          if (told.Add(nodes.back()) != kStatusOk) expected.push_back(nodes.back().ScheduleID.Data1);
+        }
+        list.AddJobs(nodes, [&](const CJobNode& node) { refused.push_back(node.ScheduleID.Data1); });
+        RC_ASSERT(refused == expected);
+        break;
+      }
       case 1: {
         const CJobNode node = Node(*number, *window);
         RC_ASSERT(list.AddJob(node) == told.Add(node));
@@ -126,6 +137,20 @@ TEST(JobList, PutsTheNewestOfEqualWindowsFirst) {
     EXPECT_EQ(list.AddJob(Node(number, window)), kStatusOk);
   }
   EXPECT_THAT(Numbers(list), ElementsAre(3, 5, 2, 1, 4));
+}
+
+TEST(JobList, AddsManyInTheOrderOfAddingThemOneByOne) {
+  CJobList list;
+  (void)list.AddJob(Node(7, 10));
+  std::vector<CJobNode> nodes;
+  for (const auto& [number, window] : {std::pair{1u, 10}, {2u, 30}, {3u, 10}, {4u, 5}, {7u, 1}, {5u, 30}}) {
+    nodes.push_back(Node(number, window));
+  }
+  std::vector<std::uint32_t> refused;
+  list.AddJobs(nodes, [&](const CJobNode& node) { refused.push_back(node.ScheduleID.Data1); });
+  EXPECT_THAT(Numbers(list), ElementsAre(4, 3, 1, 7, 5, 2));
+  EXPECT_THAT(refused, ElementsAre(7));
+  EXPECT_EQ(list.Size(), 6u);
 }
 
 TEST(JobList, RefusesASecondNodeOfAnIdThatStandsBehindItsPlace) {

@@ -244,7 +244,7 @@ TEST_F(Populate, LoadsManyTheSameWhetherTheyAreReadAheadOrNot) {
   const FaultPlan plan = FaultPlan::FailCall(Operation::kCreateThread, 1, platform::ERROR_NO_PROC_SLOTS,
                                              platform::kFromThenOn);
   EXPECT_EQ(load(), ahead);
-  EXPECT_GE(plan.hits(), 2);
+  EXPECT_GE(plan.hits(), 1);
   EXPECT_THAT(ListedIds(), testing::UnorderedElementsAreArray(expected));
 }
 

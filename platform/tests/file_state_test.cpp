@@ -1,0 +1,93 @@
+#include "platform/file_state.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "platform/file.h"
+#include "platform/testing/fault.h"
+
+namespace platform {
+namespace {
+
+class FileStateTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string name = (std::filesystem::temp_directory_path() / "qxstateXXXXXX").string();
+    ASSERT_NE(::mkdtemp(name.data()), nullptr);
+    m_folder = name;
+    m_file = m_folder + "/a";
+    Write("first");
+  }
+  void TearDown() override { std::filesystem::remove_all(m_folder); }
+  void Write(const std::string& text) const { std::ofstream(m_file, std::ios::binary) << text; }
+
+  std::string m_folder;
+  std::string m_file;
+};
+
+TEST_F(FileStateTest, ReadsAFileAndKnowsItAgain) {
+  std::string bytes = "more than there is in the file";
+  FileState state;
+  ASSERT_TRUE(ReadSmallFile(m_file, bytes, state));
+  EXPECT_EQ(bytes, "first");
+  EXPECT_EQ(state.size, 5);
+  EXPECT_TRUE(IsFileInState(m_file, state));
+  EXPECT_FALSE(IsFileInState(m_folder + "/none", state));
+}
+
+TEST_F(FileStateTest, KnowsAFileNoMoreThatWasReplacedByOneOfTheSameSize) {
+  std::string bytes;
+  FileState state;
+  ASSERT_TRUE(ReadSmallFile(m_file, bytes, state));
+  ASSERT_EQ(ReplaceWholeFile(m_file, "other", Durable::kNo), 0u);
+  EXPECT_FALSE(IsFileInState(m_file, state));
+}
+
+TEST_F(FileStateTest, ReadsAnEmptyFileAndOneOfTheGreatestSize) {
+  std::string bytes = "x";
+  FileState state;
+  Write("");
+  ASSERT_TRUE(ReadSmallFile(m_file, bytes, state));
+  EXPECT_EQ(bytes, "");
+  Write(std::string(kSmallFileBytes, 'x'));
+  ASSERT_TRUE(ReadSmallFile(m_file, bytes, state));
+  EXPECT_EQ(bytes.size(), static_cast<std::size_t>(kSmallFileBytes));
+  Write(std::string(kSmallFileBytes + 1, 'x'));
+  EXPECT_FALSE(ReadSmallFile(m_file, bytes, state));
+}
+
+TEST_F(FileStateTest, ReadsNothingButAFile) {
+  std::string bytes;
+  FileState state;
+  ASSERT_EQ(::mkfifo((m_folder + "/pipe").c_str(), 0600), 0);
+  for (const std::string& name : {m_folder + "/none", m_folder, m_folder + "/pipe", std::string()}) {
+    EXPECT_FALSE(ReadSmallFile(name, bytes, state)) << name;
+  }
+  const FaultPlan plan = FaultPlan::FailCall(Operation::kReadFile, 1, ERROR_IO_DEVICE);
+  EXPECT_FALSE(ReadSmallFile(m_file, bytes, state));
+}
+
+TEST_F(FileStateTest, CountsWhatThisProcessDoesToNames) {
+  std::uint64_t last = FileChanges();
+  const auto grew = [&last] {
+    const std::uint64_t before = last;
+    last = FileChanges();
+    return last >= before + 2;
+  };
+  EXPECT_EQ(ReplaceWholeFile(m_file, "other", Durable::kNo), 0u);
+  EXPECT_TRUE(grew());
+  EXPECT_EQ(RenameFile(m_file, m_folder + "/b"), 0u);
+  EXPECT_TRUE(grew());
+  EXPECT_EQ(RenameToNewFile(m_folder + "/b", m_file), 0u);
+  EXPECT_TRUE(grew());
+  EXPECT_EQ(DeleteFile(m_file), 0u);
+  EXPECT_TRUE(grew());
+  EXPECT_FALSE(FileExists(m_file));
+  EXPECT_EQ(FileChanges(), last);
+}
+
+}  // namespace
+}  // namespace platform
