@@ -1,4 +1,5 @@
-// The whole service while one call takes its time: it waits for another node that takes the connection and says nothing.
+// The whole service while one call takes its time: it waits for another node that takes the connection and says
+// nothing.
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -67,12 +68,10 @@ class LongCall : public ::testing::Test {
     m_service.AddVariable("KRB5CCNAME=MEMORY:none");
     m_service.Register("-Service");
     ASSERT_EQ(platform::OpenRegistryStore(m_service.Root() + "/registry.db"), 0u);
-    Edit(u"SYSTEM\\CurrentControlSet\\Services\\QxSchedService", [](platform::RegistryKey& key) {
-      return platform::SetString(key, u"ObjectName", u"cluster");
-    });
-    Edit(u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules", [this](platform::RegistryKey& key) {
-      return platform::SetDword(key, u"DefaultPort", m_node.Port());
-    });
+    Edit(u"SYSTEM\\CurrentControlSet\\Services\\QxSchedService",
+         [](platform::RegistryKey& key) { return platform::SetString(key, u"ObjectName", u"cluster"); });
+    Edit(u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules",
+         [this](platform::RegistryKey& key) { return platform::SetDword(key, u"DefaultPort", m_node.Port()); });
     ASSERT_EQ(platform::CloseRegistryStore(), 0u);
     const std::string secret = m_service.Root() + "/nodes.key";
     std::filesystem::remove(secret);

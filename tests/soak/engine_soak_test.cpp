@@ -11,9 +11,18 @@ namespace {
 using platform::CivilFromDays;
 
 constexpr std::int64_t kMinute = 60;
-constexpr const char* kZones[] = {"UTC",               "America/New_York", "America/St_Johns", "Asia/Tehran",
-                                  "Africa/Casablanca", "Europe/Dublin",    "Europe/Berlin",    "Asia/Kathmandu",
-                                  "Australia/Lord_Howe", "Pacific/Pago_Pago", "America/Sao_Paulo"};
+constexpr const char* kZones[] = {"UTC",
+                                  "America/New_York",
+                                  "America/St_Johns",
+                                  "Asia/Tehran",
+                                  "Africa/Casablanca",
+                                  "Europe/Dublin",
+                                  "Europe/Berlin",
+                                  "Asia/Kathmandu",
+                                  "Australia/Lord_Howe",
+                                  "Pacific/Apia",
+                                  "Pacific/Pago_Pago",
+                                  "America/Sao_Paulo"};
 
 struct Tally {
   std::uint64_t lives = 0;
@@ -27,15 +36,16 @@ struct Tally {
 // A life is a fixture of its own, so that nothing of one reaches the next.
 class Life : public SimulatedMachine {
  public:
-  Life(std::uint32_t seed, Tally& tally) : SimulatedMachine(kZones[seed % std::size(kZones)]), m_dice(seed), m_tally(tally) {
+  Life(std::uint32_t seed, Tally& tally)
+      : SimulatedMachine(kZones[seed % std::size(kZones)]), m_dice(seed), m_tally(tally) {
     m_zoneName = kZones[seed % std::size(kZones)];
   }
   void Live() {
     SetUp();
     const bool zones = m_dice.OneIn(2);
     const std::int64_t schedules = m_dice.Between(1, 12);
-    // A date lies in the file as an instant: read anew in another zone, it is that zone's date. Rules with dates live where
-    // the zone stays.
+    // A date lies in the file as an instant: read anew in another zone, it is that zone's date. Rules with dates live
+    // where the zone stays.
     for (std::int64_t i = 0; i < schedules; ++i) AddSchedule(!zones);
     m_sink->heard.clear();
     std::int64_t away = 0;  // from the true time
@@ -91,13 +101,15 @@ class Life : public SimulatedMachine {
         const std::int64_t anchor = today - m_dice.Below(100);
         rules.bRepeatInterval = 1;
         rules.dwRepeatInterval = static_cast<std::int32_t>(period);
-        rules.lAnchorDate = static_cast<std::int32_t>(InstantOf(platform::CurrentZone(), anchor * kSecondsOfDay + 12 * 3600));
+        rules.lAnchorDate =
+            static_cast<std::int32_t>(InstantOf(platform::CurrentZone(), anchor * kSecondsOfDay + 12 * 3600));
         runsOn = [=](std::int64_t day) { return day >= anchor && (day - anchor) % period == 0; };
         break;
       }
       default: {  // one day
         const std::int64_t theDay = today + m_dice.Between(1, 5);
-        rules.alIncludeDates[0] = static_cast<std::int32_t>(InstantOf(platform::CurrentZone(), theDay * kSecondsOfDay + 12 * 3600));
+        rules.alIncludeDates[0] =
+            static_cast<std::int32_t>(InstantOf(platform::CurrentZone(), theDay * kSecondsOfDay + 12 * 3600));
         runsOn = [=](std::int64_t day) { return day == theDay; };
       }
     }
@@ -106,8 +118,8 @@ class Life : public SimulatedMachine {
   }
 
   std::int64_t StepClock(std::uint64_t later, std::int64_t away) {
-    static constexpr std::int64_t kSizes[] = {100, 3600, kSecondsOfDay, 30 * kSecondsOfDay, 365 * kSecondsOfDay,
-                                              3 * 365 * kSecondsOfDay};
+    static constexpr std::int64_t kSizes[] = {
+        100, 3600, kSecondsOfDay, 30 * kSecondsOfDay, 365 * kSecondsOfDay, 3 * 365 * kSecondsOfDay};
     std::int64_t step = kSizes[m_dice.Below(std::size(kSizes))] + m_dice.Below(7200) + 2;
     if (away > 0 || (away == 0 && m_dice.OneIn(2))) step = -step;
     ++(step > 0 ? m_tally.stepsForward : m_tally.stepsBack);

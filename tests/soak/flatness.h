@@ -55,7 +55,8 @@ class Flatness {
       return std::to_string(behind.residentKb) + " KB resident" + over + std::to_string(before.residentKb) + " before";
     }
     if (behind.descriptors > before.descriptors) {
-      return std::to_string(behind.descriptors) + " descriptors" + over + std::to_string(before.descriptors) + " before";
+      return std::to_string(behind.descriptors) + " descriptors" + over + std::to_string(before.descriptors) +
+             " before";
     }
     return "";
   }

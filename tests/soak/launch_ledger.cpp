@@ -142,7 +142,8 @@ void LaunchLedger::JudgeVersion(const std::string& tag, const Version& version, 
           ++counts.launched;
           ++settled;
           if (!Meets(m_disturbances, due - kEdge, due + kHindered)) {
-            counts.worstLateMs = std::max(counts.worstLateMs, static_cast<std::uint64_t>((launch->second - due) / 1000));
+            counts.worstLateMs =
+                std::max(counts.worstLateMs, static_cast<std::uint64_t>((launch->second - due) / 1000));
           }
         } else if (Meets(m_disturbances, due - kEdge, due + kHindered)) {
           ++counts.disturbed;
@@ -151,7 +152,8 @@ void LaunchLedger::JudgeVersion(const std::string& tag, const Version& version, 
         } else if (Meets(m_blind, due, due + kToldWithinSeconds * kMicrosOfSecond)) {
           ++counts.disturbed;
         } else {
-          faults.push_back(who + " was due at " + std::to_string(window) + " and was neither started nor skipped by a rule");
+          faults.push_back(who + " was due at " + std::to_string(window) +
+                           " and was neither started nor skipped by a rule");
         }
       }
       if (stretch.series.step == 0) break;

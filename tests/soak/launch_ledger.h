@@ -1,10 +1,11 @@
-// tests/soak/launch_ledger.h: for tests: which starts of jobs were due, reckoned beside the service, and which there were.
+// tests/soak/launch_ledger.h: for tests: which starts of jobs were due, reckoned beside the service, and which there
+// were.
 //
-// A version of a schedule (what one creation or modification gave it) has a tag of its own, which its job tells with the
-// moment of its start. Versions hold for stretches of time; within these each window has to be launched once, unless it
-// was skipped by a rule: the service wasn't there or was loading (Disturb), or it said so in its log (Told). Where it is
-// unknown what holds (a call that never ended), windows may be launched or not. Never may one be launched twice, nor
-// anything be launched where there is no window.
+// A version of a schedule (what one creation or modification gave it) has a tag of its own, which its job tells with
+// the moment of its start. Versions hold for stretches of time; within these each window has to be launched once,
+// unless it was skipped by a rule: the service wasn't there or was loading (Disturb), or it said so in its log (Told).
+// Where it is unknown what holds (a call that never ended), windows may be launched or not. Never may one be launched
+// twice, nor anything be launched where there is no window.
 //
 // Moments are microseconds since 1970, windows seconds. Threads: one.
 #pragma once

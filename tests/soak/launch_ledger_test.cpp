@@ -11,7 +11,9 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-constexpr Micros At(double second) { return static_cast<Micros>(second * kMicrosOfSecond); }
+constexpr Micros At(double second) {
+  return static_cast<Micros>(second * kMicrosOfSecond);
+}
 
 // One version that holds from second 90 on, with windows at 100, 110, ... 150, watched to second 1000.
 class Ledger : public ::testing::Test {

@@ -38,9 +38,15 @@ Micros Now() {
 double Steady() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
-std::string Narrow(const BSTR& text) { return text ? platform::Utf8FromWide(*text) : ""; }
-std::u16string Wide(std::string_view text) { return platform::WideFromUtf8(text); }
-std::string Text(const ScheduleGuid& id) { return platform::Utf8FromWide(platform::GuidText(id)); }
+std::string Narrow(const BSTR& text) {
+  return text ? platform::Utf8FromWide(*text) : "";
+}
+std::u16string Wide(std::string_view text) {
+  return platform::WideFromUtf8(text);
+}
+std::string Text(const ScheduleGuid& id) {
+  return platform::Utf8FromWide(platform::GuidText(id));
+}
 
 // The seconds since 1970 of a line of the service log, "Sat Nov 21 16:46:56 2026 (PID:...", in UTC.
 std::int64_t SecondOf(const std::string& line) {
@@ -83,8 +89,8 @@ struct Item {
 class ServiceSoak : public ::testing::Test {
  protected:
   void SetUp() override {
-    m_programs = std::getenv("QX_RELEASE_PROGRAMS") != nullptr ? std::getenv("QX_RELEASE_PROGRAMS")
-                                                               : test_paths::Programs();
+    m_programs =
+        std::getenv("QX_RELEASE_PROGRAMS") != nullptr ? std::getenv("QX_RELEASE_PROGRAMS") : test_paths::Programs();
     const std::string whyNoNodes = NodeCluster::WhyNot(Mechanism::kNtlm);
     if (whyNoNodes.empty()) {
       m_cluster = std::make_unique<NodeCluster>(2, Mechanism::kNtlm);
@@ -233,7 +239,8 @@ class ServiceSoak : public ::testing::Test {
     }
     const SCHEDULE_RULE lasting = Lasting(found).stScheduleRules;
     const auto [first, isNew] = m_readRules.emplace(ruleTag, lasting);
-    if (!isNew && !(first->second == lasting)) Fault(id + ": the rules of " + ruleTag + " aren't as they were read before");
+    if (!isNew && !(first->second == lasting))
+      Fault(id + ": the rules of " + ruleTag + " aren't as they were read before");
   }
 
   // --- the model ---
@@ -244,7 +251,8 @@ class ServiceSoak : public ::testing::Test {
   bool CameThrough(const std::string& what) {
     if (!m_client.LastError().IsSet()) return true;
     if (m_isDying) Count("calls cut by a kill");
-    if (!m_isDying) Fault(what + " didn't come through: " + m_client.LastError().name + " " + m_client.LastError().text);
+    if (!m_isDying)
+      Fault(what + " didn't come through: " + m_client.LastError().name + " " + m_client.LastError().text);
     return false;
   }
   // Whether a status is a success; on a full disk none need be.
@@ -445,7 +453,8 @@ class ServiceSoak : public ::testing::Test {
       if (runNow) m_ledger.RunAtOnce(tag, begin, end, true);
     } else if (wasFull) {
       Count("rolled back on a full disk");
-      if (item->jobTag == tag || item->ruleTag == tag) Fault(Text(item->id) + ": half a modification was answered with 0");
+      if (item->jobTag == tag || item->ruleTag == tag)
+        Fault(Text(item->id) + ": half a modification was answered with 0");
     } else {
       Fault(Text(item->id) + ": the modification to " + tag + " was answered with 0 and isn't there");
     }
@@ -560,7 +569,8 @@ class ServiceSoak : public ::testing::Test {
       }
     }
     if (!CameThrough("bad input")) return;
-    if (status != expected) Fault("bad input was answered with " + std::to_string(status) + " instead of " + std::to_string(expected));
+    if (status != expected)
+      Fault("bad input was answered with " + std::to_string(status) + " instead of " + std::to_string(expected));
     Count("bad input refused");
   }
 
@@ -568,9 +578,14 @@ class ServiceSoak : public ::testing::Test {
     std::vector<std::string> words = {"--root", m_service->Root(), "--bus", m_service->Bus().Address()};
     Item* const item = AnyItem();
     switch (m_dice.Below(item != nullptr ? 3 : 2)) {
-      case 0: words.insert(words.end(), {"list", "--json"}); break;
-      case 1: words.emplace_back("status"); break;
-      default: words.insert(words.end(), {"show", Text(item->id)});
+      case 0:
+        words.insert(words.end(), {"list", "--json"});
+        break;
+      case 1:
+        words.emplace_back("status");
+        break;
+      default:
+        words.insert(words.end(), {"show", Text(item->id)});
     }
     Child child(m_programs + "/qxsched", words, m_aside + "/qxsched.out", m_service->Environment());
     if (const int code = child.Wait(); code != 0) {
@@ -606,7 +621,8 @@ class ServiceSoak : public ::testing::Test {
       if (!CameThrough("a command on nodes")) return;
       if (!PeerDid("a command", results[1])) return;
       if (status != 0) Fault("a command on nodes ended with " + std::to_string(status));
-      if (RunningService::ReadFile(mark).find(" " + tag + " ") == std::string::npos) Fault("the other node ran no " + tag);
+      if (RunningService::ReadFile(mark).find(" " + tag + " ") == std::string::npos)
+        Fault("the other node ran no " + tag);
       Count("commands on two nodes");
     } else if (kind < 3) {
       const std::string tag = NewTag();
@@ -650,7 +666,8 @@ class ServiceSoak : public ::testing::Test {
                                   platform::KEY_READ, schedules),
                 0u);
       std::u16string name;
-      for (std::uint32_t i = 0; platform::EnumKey(schedules, i, name) == 0; ++i) keys.insert(platform::Utf8FromWide(name));
+      for (std::uint32_t i = 0; platform::EnumKey(schedules, i, name) == 0; ++i)
+        keys.insert(platform::Utf8FromWide(name));
     }
     EXPECT_EQ(platform::CloseRegistryStore(), 0u);
     for (const auto& [id, isCertain] : m_peerKeys) {
@@ -683,11 +700,13 @@ class ServiceSoak : public ::testing::Test {
                         std::atoll(line.c_str() + second + 1));
     });
     for (int i = 0; i < 3; ++i) {
-      m_follower.Read(m_service->Root() + "/logs/SchedService" + std::to_string(i) + ".log", [&](const std::string& line) {
-        static const std::string kSkipped = "next time window can't be earlier than current time: ";
-        const std::size_t at = line.find(kSkipped);
-        if (at != std::string::npos) m_ledger.Told(line.substr(at + kSkipped.size(), 38), SecondOf(line));
-      });
+      m_follower.Read(m_service->Root() + "/logs/SchedService" + std::to_string(i) + ".log",
+                      [&](const std::string& line) {
+                        static const std::string kSkipped = "next time window can't be earlier than current time: ";
+                        const std::size_t at = line.find(kSkipped);
+                        if (at != std::string::npos)
+                          m_ledger.Told(line.substr(at + kSkipped.size(), 38), SecondOf(line));
+                      });
     }
   }
 
@@ -783,10 +802,8 @@ class ServiceSoak : public ::testing::Test {
   };
   std::vector<Kind> FaultKinds() {
     std::vector<Kind> kinds = {
-        {"kill between calls", [this] { KillIdle(); }},
-        {"kill in a call", [this] { KillInCall(); }},
-        {"stop and start", [this] { StopAndStart(); }},
-        {"bus lost", [this] { LoseBus(); }},
+        {"kill between calls", [this] { KillIdle(); }}, {"kill in a call", [this] { KillInCall(); }},
+        {"stop and start", [this] { StopAndStart(); }}, {"bus lost", [this] { LoseBus(); }},
         {"bad input", [this] { BadInput(); }},
     };
     if (m_disk) {
@@ -857,11 +874,13 @@ class ServiceSoak : public ::testing::Test {
     double nextFault = begin + faultEvery, nextJudgement = begin + kJudgeEverySeconds;
     while (!m_isOver && Steady() < begin + seconds) {
       const double inCycle = std::fmod(Steady() - begin, cycle);
-      const bool faults = inCycle < cycle / 2 || (inCycle < cycle * 3 / 4 && Steady() < begin + cycle && HasMissing(kinds));
+      const bool faults =
+          inCycle < cycle / 2 || (inCycle < cycle * 3 / 4 && Steady() < begin + cycle && HasMissing(kinds));
       if (faults && Steady() >= nextFault) {
         if (deck.empty()) {
           for (const Kind& kind : kinds) deck.push_back(&kind);
-          for (std::size_t i = deck.size(); i > 1; --i) std::swap(deck[i - 1], deck[static_cast<std::size_t>(m_dice.Below(static_cast<std::int64_t>(i)))]);
+          for (std::size_t i = deck.size(); i > 1; --i)
+            std::swap(deck[i - 1], deck[static_cast<std::size_t>(m_dice.Below(static_cast<std::int64_t>(i)))]);
         }
         Look();
         Count("fault: " + deck.back()->name);
@@ -887,7 +906,8 @@ class ServiceSoak : public ::testing::Test {
     }
   }
   bool HasMissing(const std::vector<Kind>& kinds) {
-    return std::any_of(kinds.begin(), kinds.end(), [&](const Kind& kind) { return m_counts["fault: " + kind.name] == 0; });
+    return std::any_of(kinds.begin(), kinds.end(),
+                       [&](const Kind& kind) { return m_counts["fault: " + kind.name] == 0; });
   }
 
   void End() {
@@ -940,12 +960,12 @@ class ServiceSoak : public ::testing::Test {
   double m_leastLife = 60;
 
   int m_lastTag = 0;
-  std::map<std::string, WindowSeries> m_series;          // by tag
-  std::map<std::string, SCHEDULE_OBJECT> m_sent;         // by tag
-  std::map<std::string, SCHEDULE_RULE> m_readRules;      // by tag, as read the first time
-  std::map<std::string, Item> m_items;                   // by ID
-  std::map<std::string, bool> m_pending;                 // tags of creations without an answer; whether they are far
-  std::map<std::string, bool> m_peerKeys;                // by ID; false: may be there or not
+  std::map<std::string, WindowSeries> m_series;      // by tag
+  std::map<std::string, SCHEDULE_OBJECT> m_sent;     // by tag
+  std::map<std::string, SCHEDULE_RULE> m_readRules;  // by tag, as read the first time
+  std::map<std::string, Item> m_items;               // by ID
+  std::map<std::string, bool> m_pending;             // tags of creations without an answer; whether they are far
+  std::map<std::string, bool> m_peerKeys;            // by ID; false: may be there or not
   LaunchLedger m_ledger;
   LaunchLedger::Counts m_launchCounts;
   std::set<std::string> m_toldFaults;

@@ -27,7 +27,9 @@ class Dice {
  public:
   explicit Dice(std::uint32_t seed) : m_random(seed) {}
   // From 0 to bound - 1.
-  std::int64_t Below(std::int64_t bound) { return static_cast<std::int64_t>(m_random() % static_cast<std::uint64_t>(bound)); }
+  std::int64_t Below(std::int64_t bound) {
+    return static_cast<std::int64_t>(m_random() % static_cast<std::uint64_t>(bound));
+  }
   std::int64_t Between(std::int64_t low, std::int64_t high) { return low + Below(high - low + 1); }
   bool OneIn(std::int64_t count) { return Below(count) == 0; }
 
