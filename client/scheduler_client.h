@@ -38,8 +38,9 @@ struct ServiceProperties {
   std::string stateDirectory;
 };
 
-class SchedulerClient : public ISchedulerService {
+class SchedulerClient : public ISchedulerService {  // a connection to the service
  public:
+  // Who is told of events.
   using Sink = std::shared_ptr<ISchedulerServiceEvents>;
 
   SchedulerClient();
@@ -50,6 +51,7 @@ class SchedulerClient : public ISchedulerService {
   // Connects to a bus; subscriptions of an earlier connection are set up again. The service itself need not be there.
   //   returns  0; 0x8007xxxx
   Status Connect(const platform::BusAddress& address);
+  // Subscriptions stay and are set up again by the next Connect().
   void Disconnect();
   // False before Connect(), after Disconnect() and when the connection was lost.
   [[nodiscard]] bool IsConnected() const;
@@ -110,6 +112,7 @@ class SchedulerClient : public ISchedulerService {
   // All pages, in order of IDs. Two of them are on the way at a time.
   //   rows     appended to; untouched on failure
   Status ListAll(std::vector<ListRow>& rows);
+  // What the service says about itself.
   Status Properties(ServiceProperties& properties);
 
  private:

@@ -9,7 +9,7 @@
 
 namespace qx {
 
-struct StatusText {
+struct StatusText {  // a status in words
   std::string sentence;  // never empty
   std::string hint;      // what a user can do; may be empty
 };

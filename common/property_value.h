@@ -40,7 +40,7 @@ struct PropertyArray {
   void* elements = nullptr;        // null for an empty array
 };
 
-struct PropertyValue {
+struct PropertyValue {  // a value of a property bag, with its type
   PropertyValue() = default;
   // An empty slot under a tag: 0, a null text, no array. What a reader starts from.
   explicit PropertyValue(ZepTag tag) : m_tag(tag) {}

@@ -66,7 +66,7 @@ inline constexpr std::uint32_t ZEP_RULE_INCLUDE_DATE = 1;
 inline constexpr std::uint32_t ZEP_RULE_DAY_OF_WEEK = 2;
 inline constexpr std::uint32_t ZEP_RULE_DAY_OF_MONTH = 4;  // 0: the repeat rule alone
 
-class zepIUnknown {
+class zepIUnknown {  // counted references and the way to other interfaces
  public:
   // Gives the interface `iid` of the object and adds a reference; an unknown one gives null and ZEP_E_NOINTERFACE.
   virtual ZRESULT QueryInterface(const ZepGuid& iid, void** out) = 0;
@@ -100,7 +100,7 @@ class zepIStream : public zepIUnknown {
   ~zepIStream() = default;
 };
 
-class zepIPersistPropertyBag : public zepIUnknown {
+class zepIPersistPropertyBag : public zepIUnknown {  // saves to a property bag
  public:
   virtual ZRESULT GetClassID(ZepGuid* classId) = 0;  // null: ZEP_E_POINTER
   virtual ZRESULT InitNew() = 0;                     // always ZEP_E_NOTIMPL
@@ -111,7 +111,7 @@ class zepIPersistPropertyBag : public zepIUnknown {
   ~zepIPersistPropertyBag() = default;
 };
 
-class zepIPersistStreamInit : public zepIUnknown {
+class zepIPersistStreamInit : public zepIUnknown {  // saves to a stream
  public:
   virtual ZRESULT GetClassID(ZepGuid* classId) = 0;
   virtual ZRESULT InitNew() = 0;
@@ -124,7 +124,7 @@ class zepIPersistStreamInit : public zepIUnknown {
   ~zepIPersistStreamInit() = default;
 };
 
-class zepIPersistMemory : public zepIUnknown {
+class zepIPersistMemory : public zepIUnknown {  // saves to memory
  public:
   virtual ZRESULT GetClassID(ZepGuid* classId) = 0;
   virtual ZRESULT InitNew() = 0;
@@ -218,7 +218,7 @@ class zepISchedule : public zepIUnknown {
   ~zepISchedule() = default;
 };
 
-class zepISchedule2 : public zepISchedule {
+class zepISchedule2 : public zepISchedule {  // with the rule that gave a window
  public:
   // As GetNextTimeWindow, and which rule gave the day (ZEP_RULE_...).
   virtual ZRESULT GetNextTimeWindowEx(ZepTime anchor, ZepTime effective, ZepTime reference, ZepTime* nextStart,

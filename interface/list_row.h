@@ -8,7 +8,7 @@
 
 namespace qx {
 
-struct ListRow {
+struct ListRow {  // one schedule of a page
   std::u16string id;
   std::u16string name;
   std::u16string application;

@@ -41,7 +41,7 @@ inline constexpr std::size_t kDaysOfMonthCount = 32;  // index 0 to 30 is day 1 
 inline constexpr std::size_t kDaysOfWeekCount = 7;    // 0 is Sunday
 inline constexpr std::size_t kSpecificDateCount = 365;
 
-struct SCHEDULE_RULE {
+struct SCHEDULE_RULE {  // when a schedule runs
   std::int32_t lStartTime = 0;      // 0: not given
   std::int32_t lEndTime = 0;        // 0: not given
   std::uint32_t dwTimeDuration = 0; // milliseconds; 0: not given; wins over the end
@@ -64,7 +64,7 @@ struct SCHEDULE_RULE {
   friend bool operator==(const SCHEDULE_RULE&, const SCHEDULE_RULE&) = default;
 };
 
-struct SCHEDULE_OBJECT {
+struct SCHEDULE_OBJECT {  // a schedule as clients send and get it
   BSTR bstrName;         // lives in the .ini file only; not a key
   BSTR bstrDescription;  // lives in the .ini file only
   BSTR bstrApplication;  // immutable after creation

@@ -140,7 +140,7 @@ void TzSet();
 
 // Now.
 [[nodiscard]] std::int64_t NowSeconds();
-struct WallClockReading {
+struct WallClockReading {  // the wall clock in one look
   std::int64_t seconds;        // since 1970, UTC
   std::uint32_t milliseconds;  // 0 to 999
   // Where the steady clock stood when that millisecond began, in nanoseconds: a wait that counts from here ends on the
@@ -194,7 +194,7 @@ struct TimeZoneInformation {
   const std::int64_t dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
   return era * 146097 + dayOfEra - 719468;
 }
-struct CivilDate {
+struct CivilDate {  // a date of the calendar, proleptic Gregorian
   std::int64_t year;
   int month;
   int day;

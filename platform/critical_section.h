@@ -12,7 +12,7 @@
 
 namespace platform {
 
-class QX_CAPABILITY("mutex") CriticalSection {
+class QX_CAPABILITY("mutex") CriticalSection {  // a recursive lock
  public:
   CriticalSection();
   ~CriticalSection();

@@ -151,7 +151,7 @@ class RegistryKey {
 [[nodiscard]] ErrorCode CreateKey(const RegistryKey& parent, std::u16string_view subKey, std::uint32_t access,
                                   RegistryKey& out, bool* created = nullptr);
 
-struct KeyInfo {
+struct KeyInfo {  // what a key holds, in numbers
   std::uint32_t subKeyCount = 0;
   std::uint32_t maxSubKeyLength = 0;  // characters, without a terminator
   std::uint32_t valueCount = 0;

@@ -23,7 +23,7 @@ trap 'rm -f "$log"' EXIT
 quietly() { "$@" >"$log" 2>&1 || { cat "$log" >&2; exit 1; }; }
 
 if [ "$build" = yes ]; then
-  scripts/install-deps.sh dpkg-dev fakeroot file
+  scripts/install-deps.sh dpkg-dev fakeroot file doxygen
   quietly cmake --preset package
   quietly cmake --build --preset package
 fi

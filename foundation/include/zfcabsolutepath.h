@@ -11,7 +11,7 @@
 
 namespace ZepFoundation ZEP_FOUNDATION_API {
 
-class CAbsolutePath : public CVolume, public virtual CPath {
+class CAbsolutePath : public CVolume, public virtual CPath {  // a path from its volume on
  public:
   CAbsolutePath() = default;
   CAbsolutePath(const CVolume& volume, const CPath& path);

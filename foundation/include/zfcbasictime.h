@@ -12,7 +12,7 @@
 
 namespace ZepFoundation ZEP_FOUNDATION_API {
 
-class CBasicTime {
+class CBasicTime {  // the C library's time calls with fixed answers
  public:
   virtual ~CBasicTime() = default;
 

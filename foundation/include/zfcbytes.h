@@ -19,7 +19,7 @@ namespace ZepFoundation ZEP_FOUNDATION_API {
 
 class bostream;
 
-struct CByteOrder {
+struct CByteOrder {  // the order of bytes in a stream
   enum ByteOrder : std::int32_t {
     kUndetermined = 0,  // only in m_sNativeByteOrder, before it was needed
     kNative = 1,        // replaced by the host's order when a stream is made

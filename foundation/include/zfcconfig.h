@@ -21,7 +21,7 @@
 
 namespace ZepFoundation ZEP_FOUNDATION_API {
 
-class CConfigInfo {
+class CConfigInfo {  // the settings of user and program
  public:
   // The kinds of values that stepping tells; values of any other type are kNone.
   enum ValueType : std::int32_t { kNone = 0, kString = 1, kBinary = 3, kNumber = 4 };

@@ -45,7 +45,7 @@ inline constexpr int CumulativeDaysTable[2][13] = {{0, 0, 31, 59, 90, 120, 151, 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"  // never deleted through a base
 
-class CDate {
+class CDate {  // a date of the calendar
  public:
   // The present local date, or 1 January 1980.
   explicit CDate(QTM_INITIAL_VALUE initial = QTM_FIXED);

@@ -20,7 +20,7 @@ namespace ZepFoundation ZEP_FOUNDATION_API {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"  // never deleted through a base
 
-class CDateTime : public CDate, public WTime {
+class CDateTime : public CDate, public WTime {  // a date with a time of day
  public:
   // An invalid value.
   CDateTime() = default;

@@ -47,7 +47,7 @@ struct KeyValue {
 struct RegValue {
   static constexpr std::size_t kNameSize = 260;   // characters, with the terminator
   static constexpr std::size_t kBytesSize = 255;  // of binary data
-  struct Bytes {
+  struct Bytes {  // a binary value
     std::uint16_t m_length = 0;
     unsigned char m_data[kBytesSize] = {};
   };
@@ -57,7 +57,7 @@ struct RegValue {
   std::variant<std::uint32_t, wcstring, Bytes> m_data;
 };
 
-class CRegistry {
+class CRegistry {  // the key store by paths
  public:
   // The one of the process; made by the first call, lives to the process's end.
   static CRegistry& Instance();
@@ -90,9 +90,9 @@ class CRegistry {
   = delete;
 
   // Reads a value.
-  //   number   four bytes of any type: 234 (more data) for more, 13 (invalid data) for fewer
-  //   text     text of any length up to its first zero: 13 for other types and an odd size
-  //   size     in: bytes at `data`; out: bytes of the value, also with 234, for which `data` is too small
+  // As a number: four bytes of any type; 234 (more data) for more, 13 (invalid data) for fewer.
+  // As text: text of any length up to its first zero; 13 for other types and an odd size.
+  // As data: `size` is, in, bytes at `data`, out, bytes of the value, also with 234, for which `data` is too small.
   OsError FetchValue(const CPath& path, std::uint32_t& number);
   OsError FetchValue(const CPath& path, wcstring& text);
   OsError FetchValue(const CPath& path, void* data, std::uint32_t& size);

@@ -66,7 +66,7 @@ struct EXCEPTION_POINTERS {
   void* ContextRecord = nullptr;  // not read: the stack is that of the calling thread
 };
 
-class CStackWalk {
+class CStackWalk {  // the calls that led to a place
  public:
   // Writes a rule line, the exception's code and name (of a code that isn't a standard status, the system's text for
   // it), the fault address with section, offset and module, the calling thread's stack and an empty line.

@@ -25,7 +25,7 @@ std::int64_t NormalizeTimeFields(std::int64_t& hour, std::int64_t& minute, std::
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"  // never deleted through a base
 
-class WTime {
+class WTime {  // a time of day
  public:
   // The present time of day, or midnight UTC.
   explicit WTime(QTM_INITIAL_VALUE initial = QTM_FIXED);

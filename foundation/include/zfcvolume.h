@@ -30,7 +30,7 @@ enum EURLType : std::int32_t {
   eURLHttps = 10,
 };
 
-class CVolume {
+class CVolume {  // where a path begins: drive, share, volume
  public:
   enum Kind : std::int32_t { eUnknown = 0, eUNC = 1, eURL = 2, eDrive = 3 };
 

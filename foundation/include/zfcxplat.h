@@ -9,7 +9,7 @@
 
 namespace ZepFoundation ZEP_FOUNDATION_API {
 
-class XPlat {
+class XPlat {  // what differs between hosts
  public:
   enum OSID : std::uint32_t {
     OSID_WITHOUT_SECURITY = 1,  // the family without the security model
