@@ -13,6 +13,7 @@
 
 #include "common/Schedule.h"
 #include "common/property_value.h"
+#include "common/refusals.h"
 #include "common/schedule_persistence.h"
 #include "foundation/include/zfcbytes.h"
 #include "foundation/include/zfcclock.h"
@@ -81,24 +82,6 @@ constexpr char16_t kObjectVersion[] = u"Object Version";
 constexpr char16_t kScheduleID[] = u"m_ScheduleID";
 constexpr std::u16string_view kDaysOfMonthName = u"m_DaysOfMonth";
 constexpr std::u16string_view kDayOfWeekListName = u"m_DayOfWeekList";
-
-// A refusal is traced with the file and line of the operation that refuses.
-using Place = ZepFoundation::TracePlace;
-
-ZRESULT RefusePointer(Place at = Place::Current()) {
-  QX_TRACE_AT(kTraceError, at.file, at.line, "ZEP_E_POINTER");
-  return ZEP_E_POINTER;
-}
-
-ZRESULT RefuseArgument(Place at = Place::Current()) {
-  QX_TRACE_AT(kTraceError, at.file, at.line, "ZEP_E_INVALIDARG");
-  return ZEP_E_INVALIDARG;
-}
-
-ZRESULT RefuseFail(Place at = Place::Current()) {
-  QX_TRACE_AT(kTraceError, at.file, at.line, "ZEP_E_FAIL");
-  return ZEP_E_FAIL;
-}
 
 // --- tags ---
 

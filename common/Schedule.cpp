@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "common/refusals.h"
 #include "foundation/include/zfcclock.h"
 #include "foundation/include/zfcdbg.h"
 #include "foundation/include/zfctext.h"
@@ -34,23 +35,10 @@ constexpr std::uint32_t kMaxSpecificType = 10;
 constexpr std::int32_t kMinSenderOffset = -46800;
 constexpr std::int32_t kMaxSenderOffset = 43200;
 
-// A refusal is traced with the file and line of the operation that refuses.
 using Place = ZepFoundation::TracePlace;
-
-ZRESULT RefusePointer(Place at = Place::Current()) {
-  QX_TRACE_AT(kTraceError, at.file, at.line, "ZEP_E_POINTER");
-  return ZEP_E_POINTER;
-}
-
-ZRESULT RefuseArgument(Place at = Place::Current()) {
-  QX_TRACE_AT(kTraceError, at.file, at.line, "ZEP_E_INVALIDARG");
-  return ZEP_E_INVALIDARG;
-}
-
-ZRESULT RefuseFail(Place at = Place::Current()) {
-  QX_TRACE_AT(kTraceError, at.file, at.line, "ZEP_E_FAIL");
-  return ZEP_E_FAIL;
-}
+using qx::RefuseArgument;
+using qx::RefuseFail;
+using qx::RefusePointer;
 
 template <typename Out, typename Value>
 ZRESULT Give(Out* out, const Value& value, Place at = Place::Current()) {

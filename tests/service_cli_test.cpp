@@ -1,11 +1,8 @@
 // The real program qxsched against the real service.
 #include <gmock/gmock.h>
 
-#include <nlohmann/json.hpp>
-
 #include "tests/line_reader.h"
-#include "tests/running_service.h"
-#include "tests/test_paths.h"
+#include "tests/qxsched_program.h"
 
 namespace {
 
@@ -17,47 +14,10 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-class QxschedProgram : public testing::Test {
+class QxschedProgram : public qx::testing::ProgramFixture {
  protected:
-  struct Result {
-    int exit;
-    std::string out;  // what came on both streams
-  };
+  QxschedProgram() : ProgramFixture({"TZ=ZZZ+5", "PATH=/usr/bin:/bin", "HOME=/nonexistent"}) {}
 
-  void SetUp() override {
-    m_service.Register();
-    m_service.Start();
-  }
-
-  std::vector<std::string> Words(std::vector<std::string> words) {
-    const std::vector<std::string> place = {"--root", m_service.Root(), "--bus", m_service.Bus().Address()};
-    words.insert(words.begin(), place.begin(), place.end());
-    return words;
-  }
-  static std::vector<std::string> Environment() {
-    std::vector<std::string> environment = {"TZ=ZZZ+5", "PATH=/usr/bin:/bin", "HOME=/nonexistent"};
-    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
-      if (const char* const value = std::getenv(name)) environment.push_back(std::string(name) + "=" + value);
-    }
-    return environment;
-  }
-  Result Ask(std::vector<std::string> words) {
-    const std::string output = m_service.Jobs() + "/qxsched.out";
-    Child child(kProgram, Words(std::move(words)), output, Environment());
-    const int exit = child.Wait();
-    return {exit, RunningService::ReadFile(output)};
-  }
-  json AskJson(std::vector<std::string> words) {
-    words.insert(words.begin(), {"--json", "--quiet"});
-    const Result result = Ask(std::move(words));
-    EXPECT_EQ(result.exit, 0) << result.out;
-    return json::parse(result.out, nullptr, false);
-  }
-  std::string Write(const std::string& name, const std::string& text) {
-    const std::string file = m_service.Jobs() + "/" + name;
-    std::ofstream(file) << text;
-    return file;
-  }
   // Adds the daily schedule; its ID.
   std::string Add() {
     const json added = AskJson({"add", Write("daily.toml", kDaily)});
@@ -65,12 +25,10 @@ class QxschedProgram : public testing::Test {
     return added.value("id", "");
   }
 
-  const std::string kProgram = test_paths::Programs() + "/qxsched";
   const std::string kDaily =
       "name = \"daily\"\napplication = \"app\"\ntask_code = 7\n[job]\nwrapper = \"/bin/true\"\nparameters = \"-v\"\n"
       "[window]\nstart = \"22:00\"\nend = \"23:00\"\n"
       "[days]\nevery = [\"sun\", \"mon\", \"tue\", \"wed\", \"thu\", \"fri\", \"sat\"]\nexclude = [2036-01-01]\n";
-  RunningService m_service;
 };
 
 TEST_F(QxschedProgram, TakesAScheduleThroughItsLife) {

@@ -1,11 +1,8 @@
 // qxsched as people use it: in a terminal, on the real service; and its changes and completions there.
 #include <gmock/gmock.h>
 
-#include <nlohmann/json.hpp>
-
-#include "tests/running_service.h"
+#include "tests/qxsched_program.h"
 #include "tests/terminal.h"
-#include "tests/test_paths.h"
 
 namespace {
 
@@ -17,50 +14,11 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-class InATerminal : public testing::Test {
+class InATerminal : public qx::testing::ProgramFixture {
  protected:
-  struct Result {
-    int exit;
-    std::string out;  // what came on both streams
-  };
-
-  void SetUp() override {
-    m_service.Register();
-    m_service.Start();
-  }
-  std::vector<std::string> Words(std::vector<std::string> words) {
-    const std::vector<std::string> place = {"--root", m_service.Root(), "--bus", m_service.Bus().Address()};
-    words.insert(words.begin(), place.begin(), place.end());
-    return words;
-  }
-  static std::vector<std::string> Environment(const std::vector<std::string>& more = {}) {
-    std::vector<std::string> environment = {"TZ=UTC", "PATH=" + test_paths::Programs() + ":/usr/bin:/bin",
-                                            "HOME=/nonexistent", "TERM=xterm", "LC_ALL=C.UTF-8"};
-    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
-      if (const char* const value = std::getenv(name)) environment.push_back(std::string(name) + "=" + value);
-    }
-    environment.insert(environment.end(), more.begin(), more.end());
-    return environment;
-  }
-  // Not in a terminal.
-  Result Ask(std::vector<std::string> words, const std::vector<std::string>& variables = {}) {
-    const std::string output = m_service.Jobs() + "/qxsched.out";
-    Child child(kProgram, Words(std::move(words)), output, Environment(variables));
-    const int exit = child.Wait();
-    return {exit, RunningService::ReadFile(output)};
-  }
-  json AskJson(std::vector<std::string> words) {
-    words.insert(words.begin(), {"--json", "--quiet"});
-    const Result result = Ask(std::move(words));
-    EXPECT_EQ(result.exit, 0) << result.out;
-    return json::parse(result.out, nullptr, false);
-  }
-  std::string Write(const std::string& name, const std::string& text) {
-    const std::string file = m_service.Jobs() + "/" + name;
-    std::ofstream(file) << text;
-    std::filesystem::permissions(file, std::filesystem::perms::owner_all);
-    return file;
-  }
+  InATerminal()
+      : ProgramFixture({"TZ=UTC", "PATH=" + test_paths::Programs() + ":/usr/bin:/bin", "HOME=/nonexistent", "TERM=xterm",
+                        "LC_ALL=C.UTF-8"}) {}
   static std::string Text(const std::string& name, const std::string& parameters = "-v") {
     return "name = \"" + name + "\"\napplication = \"app\"\ntask_code = 7\n[job]\nwrapper = \"/bin/true\"\nparameters = \"" +
            parameters +
@@ -68,9 +26,6 @@ class InATerminal : public testing::Test {
            "[days]\nevery = [\"sun\", \"mon\", \"tue\", \"wed\", \"thu\", \"fri\", \"sat\"]\n";
   }
   std::string Add(const std::string& name) { return AskJson({"add", Write("add.toml", Text(name))}).value("id", ""); }
-
-  const std::string kProgram = test_paths::Programs() + "/qxsched";
-  RunningService m_service;
 };
 
 // --- what a terminal changes ---

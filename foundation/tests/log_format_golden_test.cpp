@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "foundation/include/zfclogformat.h"
-#include "tests/test_paths.h"
+#include "tests/golden.h"
 
 namespace {
 
@@ -21,14 +21,6 @@ using ZepFoundation::LogArgument;
 using Arguments = std::vector<LogArgument>;
 
 constexpr std::size_t kRecordedRoom = 199;
-
-json Recorded() {
-  const char* const folder = std::getenv("QX_GOLDEN_DIR");
-  const std::string path = (folder != nullptr ? std::string(folder) : test_paths::Data() + "/golden") + "/wprintf.json";
-  std::ifstream file(path);
-  EXPECT_TRUE(file.is_open()) << path;
-  return file.is_open() ? json::parse(file) : json::object();
-}
 
 // The recorded texts hold no character beyond the basic plane.
 std::u16string Wide(const std::string& utf8) {
@@ -144,21 +136,21 @@ void CheckSizes(const json& rows, const std::basic_string<C>& format, const LogA
 const auto kSame = [](const std::string& text) { return text; };
 
 TEST(golden_wprintf, WideFormatsExpandAsRecorded) {
-  const json recorded = Recorded();
+  const json recorded = LoadGolden("wprintf.json");
   EXPECT_GT(CheckRows<char16_t>(recorded["wide"], Wide), 60);
 }
 
 TEST(golden_wprintf, NarrowFormatsExpandAsRecorded) {
-  const json recorded = Recorded();
+  const json recorded = LoadGolden("wprintf.json");
   EXPECT_GT(CheckRows<char>(recorded["narrow"], kSame), 15);
 }
 
 TEST(golden_wprintf, WideBuffersAreFilledAsRecorded) {
-  CheckSizes<char16_t>(Recorded()["size"], u"%s", u"abcdef", Wide);
+  CheckSizes<char16_t>(LoadGolden("wprintf.json")["size"], u"%s", u"abcdef", Wide);
 }
 
 TEST(golden_wprintf, NarrowBuffersAreFilledAsRecorded) {
-  CheckSizes<char>(Recorded()["size_narrow"], "%s", "abcdef", kSame);
+  CheckSizes<char>(LoadGolden("wprintf.json")["size_narrow"], "%s", "abcdef", kSame);
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/clock.h"
-#include "tests/test_paths.h"
+#include "tests/golden.h"
 
 namespace platform {
 namespace {
@@ -19,11 +19,8 @@ using Json = nlohmann::json;
 class golden_time : public ::testing::Test {
  protected:
   void SetUp() override {
-    const char* folder = std::getenv("QX_GOLDEN_DIR");
-    const std::string path = std::string(folder != nullptr ? folder : test_paths::Data() + "/golden") + "/time.json";
-    std::ifstream file(path);
-    ASSERT_TRUE(file.is_open()) << path;
-    m_file = Json::parse(file);
+    m_file = LoadGolden("time.json");
+    ASSERT_FALSE(m_file.empty());
   }
 
   const Json& Rows(const char* table) {

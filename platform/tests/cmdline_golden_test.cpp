@@ -9,21 +9,14 @@
 
 #include "platform/process.h"
 #include "platform/text.h"
-#include "tests/test_paths.h"
+#include "tests/golden.h"
 
 namespace platform {
 namespace {
 
 using Json = nlohmann::json;
 
-Json Rows() {
-  const char* folder = std::getenv("QX_GOLDEN_DIR");
-  const std::string path = std::string(folder != nullptr ? folder : test_paths::Data() + "/golden") + "/cmdline.json";
-  std::ifstream file(path);
-  EXPECT_TRUE(file.is_open()) << path;
-  if (!file.is_open()) return Json::array();
-  return Json::parse(file).value("argv", Json::array());
-}
+Json Rows() { return LoadGolden("cmdline.json").value("argv", Json::array()); }
 
 std::vector<std::string> Words(const std::string& line) {
   std::vector<std::string> words;

@@ -8,21 +8,13 @@
 #include <vector>
 
 #include "platform/crypto.h"
-#include "tests/test_paths.h"
+#include "tests/golden.h"
 
 namespace platform {
 namespace {
 
 using Json = nlohmann::json;
 using Bytes = std::vector<std::uint8_t>;
-
-Json Golden() {
-  const char* folder = std::getenv("QX_GOLDEN_DIR");
-  const std::string path = std::string(folder != nullptr ? folder : test_paths::Data() + "/golden") + "/crypt.json";
-  std::ifstream file(path);
-  EXPECT_TRUE(file.is_open()) << path;
-  return file.is_open() ? Json::parse(file) : Json::object();
-}
 
 ErrorCode CodeOf(const Json& row) {
   return static_cast<ErrorCode>(std::stoul(row.at("error").get<std::string>(), nullptr, 16));
@@ -68,7 +60,7 @@ TEST_F(golden_crypt, AcquiresAsRecorded) {
        [](auto& p) { return CryptoProvider::AcquireContext(kEnhancedProvider, PROV_RSA_FULL, CRYPT_VERIFYCONTEXT, p); }},
   };
   int used = 0;
-  for (const Json& row : Golden().value("acquire", Json::array())) {
+  for (const Json& row : LoadGolden("crypt.json").value("acquire", Json::array())) {
     const std::string name = row.at("case");
     ASSERT_TRUE(calls.contains(name)) << name;
     CryptoProvider provider;
@@ -83,7 +75,7 @@ TEST_F(golden_crypt, AcquiresAsRecorded) {
 
 TEST_F(golden_crypt, MakesAndExportsAKeyAsRecorded) {
   int used = 0;
-  for (const Json& row : Golden().value("key", Json::array())) {
+  for (const Json& row : LoadGolden("crypt.json").value("key", Json::array())) {
     const std::string name = row.at("case");
     ++used;
     if (name == "CryptGenKey 0xA400, 0x08000001") {
@@ -112,7 +104,7 @@ TEST_F(golden_crypt, MakesAndExportsAKeyAsRecorded) {
 
 TEST_F(golden_crypt, EncryptsAsRecorded) {
   int used = 0;
-  for (const Json& row : Golden().value("encrypt", Json::array())) {
+  for (const Json& row : LoadGolden("crypt.json").value("encrypt", Json::array())) {
     if (!row.contains("length_in")) continue;
     ++used;
     Bytes buffer(row.at("buffer").get<std::size_t>(), 7);
@@ -136,7 +128,7 @@ TEST_F(golden_crypt, DecryptsAsRecorded) {
   std::uint32_t length = 22;
   ASSERT_EQ(s_public.Encrypt(true, cipher, length), 0u);
   int used = 0;
-  for (const Json& row : Golden().value("decrypt", Json::array())) {
+  for (const Json& row : LoadGolden("crypt.json").value("decrypt", Json::array())) {
     const std::string name = row.at("case");
     Bytes block = cipher;
     block.resize(row.at("length_in").get<std::size_t>(), 0x55);
@@ -156,7 +148,7 @@ TEST_F(golden_crypt, DecryptsAsRecorded) {
 
 TEST_F(golden_crypt, ImportsAsRecorded) {
   int used = 0;
-  for (const Json& row : Golden().value("import", Json::array())) {
+  for (const Json& row : LoadGolden("crypt.json").value("import", Json::array())) {
     const std::string name = row.at("case");
     ++used;
     if (name == "destroy again") {

@@ -12,7 +12,7 @@
 #include "platform/file.h"
 #include "platform/process.h"
 #include "platform/text.h"
-#include "tests/test_paths.h"
+#include "tests/golden.h"
 
 namespace platform {
 namespace {
@@ -25,11 +25,8 @@ constexpr std::uint32_t kPatience = 60000;
 class golden_process : public testing::Test {
  protected:
   void SetUp() override {
-    const char* folder = std::getenv("QX_GOLDEN_DIR");
-    const std::string path = std::string(folder != nullptr ? folder : test_paths::Data() + "/golden") + "/process.json";
-    std::ifstream file(path);
-    ASSERT_TRUE(file.is_open()) << path;
-    m_file = Json::parse(file);
+    m_file = LoadGolden("process.json");
+    ASSERT_FALSE(m_file.empty());
 
     std::string pattern = testing::TempDir() + "qx golden-XXXXXX";
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);

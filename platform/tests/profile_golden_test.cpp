@@ -12,17 +12,12 @@
 #include "platform/file.h"
 #include "platform/profile.h"
 #include "platform/text.h"
-#include "tests/test_paths.h"
+#include "tests/golden.h"
 
 namespace platform {
 namespace {
 
 using nlohmann::json;
-
-std::string GoldenFile(const char* name) {
-  const char* folder = std::getenv("QX_GOLDEN_DIR");
-  return std::string(folder != nullptr ? folder : test_paths::Data() + "/golden") + "/" + name;
-}
 
 // Bytes of a file as a recorded text of Latin-1 shows them.
 std::string Bytes(const json& latin1) {
@@ -56,9 +51,8 @@ struct Text {
 class golden_profile : public testing::Test {
  protected:
   void SetUp() override {
-    std::ifstream in(GoldenFile("profile.json"));
-    ASSERT_TRUE(in) << "no " << GoldenFile("profile.json");
-    m_golden = json::parse(in);
+    m_golden = LoadGolden("profile.json");
+    ASSERT_FALSE(m_golden.empty());
     ASSERT_EQ(SetSystemCodePage(kCodePageWestern), ERROR_SUCCESS);
     std::string pattern = testing::TempDir() + "profile_golden_XXXXXX";
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);

@@ -13,20 +13,12 @@
 #include <vector>
 
 #include "platform/registry.h"
-#include "tests/test_paths.h"
+#include "tests/golden.h"
 
 namespace {
 
 using namespace platform;
 using nlohmann::json;
-
-json LoadGolden() {
-  const char* folder = std::getenv("QX_GOLDEN_DIR");
-  const std::string path = (folder != nullptr ? std::string(folder) : test_paths::Data() + "/golden") + "/registry.json";
-  std::ifstream in(path);
-  EXPECT_TRUE(in.good()) << path;
-  return in.good() ? json::parse(in) : json::object();
-}
 
 std::string Hex(const unsigned char* data, std::size_t size) {
   static constexpr char kDigits[] = "0123456789abcdef";
@@ -47,7 +39,7 @@ class golden_registry : public ::testing::Test {
     m_folder = name;
     ASSERT_EQ(OpenRegistryStore(m_folder / "registry.db"), 0u);
     ASSERT_EQ(CreateKey(Hive::kCurrentUser, u"Software\\GoldenReg", KEY_ALL_ACCESS, m_base), 0u);
-    m_golden = LoadGolden();
+    m_golden = LoadGolden("registry.json");
   }
   void TearDown() override {
     if (m_base) {

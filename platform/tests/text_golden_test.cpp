@@ -11,19 +11,12 @@
 #include <string>
 
 #include "platform/text.h"
-#include "tests/test_paths.h"
+#include "tests/golden.h"
 
 namespace platform {
 namespace {
 
 using nlohmann::json;
-
-json LoadGolden(const std::string& name) {
-  const char* directory = std::getenv("QX_GOLDEN_DIR");
-  std::ifstream file((directory != nullptr ? std::string(directory) : test_paths::Data() + "/golden") + "/" + name);
-  if (!file) throw std::runtime_error("cannot read the golden file " + name);
-  return json::parse(file);
-}
 
 std::string BytesFromHex(const std::string& hex) {
   std::string bytes;

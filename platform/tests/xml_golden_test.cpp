@@ -8,20 +8,12 @@
 
 #include "platform/text.h"
 #include "platform/xml.h"
-#include "tests/test_paths.h"
+#include "tests/golden.h"
 
 namespace platform {
 namespace {
 
 using Json = nlohmann::json;
-
-Json Golden() {
-  const char* folder = std::getenv("QX_GOLDEN_DIR");
-  const std::string path = std::string(folder != nullptr ? folder : test_paths::Data() + "/golden") + "/msxml.json";
-  std::ifstream file(path);
-  EXPECT_TRUE(file.is_open()) << path;
-  return file.is_open() ? Json::parse(file) : Json::object();
-}
 
 // Rows that this parser answers otherwise on purpose, with its own answer.
 struct Own {
@@ -41,7 +33,7 @@ const std::map<std::string, Own> kOwnAnswers = {
 
 TEST(golden_msxml, LoadsAndFindsAsRecorded) {
   int used = 0, own = 0;
-  for (const Json& row : Golden().value("load", Json::array())) {
+  for (const Json& row : LoadGolden("msxml.json").value("load", Json::array())) {
     if (!row.contains("xml")) continue;  // the null text, which no caller has here
     const std::string name = row.at("case");
     ++used;
@@ -74,7 +66,7 @@ TEST(golden_msxml, LoadsAndFindsAsRecorded) {
 
 TEST(golden_msxml, MakesTheObjectByItsIdentifiers) {
   int used = 0;
-  for (const Json& row : Golden().value("create", Json::array())) {
+  for (const Json& row : LoadGolden("msxml.json").value("create", Json::array())) {
     // The other identifiers name later versions of the component, which nobody asks for.
     if (row.value("progid", "") != "MSXML.DOMDocument") continue;
     ++used;
