@@ -1,4 +1,4 @@
-// service/service_module.h: the program as a whole: its words, its start, its service states, its end.
+// service/service_module.h: the program as a whole: its start, its service states, its end.
 //
 // A service stays until the stop control; a plain server ends with its last client. It is a service when it was
 // registered as one and a service manager listens (NOTIFY_SOCKET), or when it was started with --foreground.
@@ -9,7 +9,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -22,6 +21,7 @@
 #include "service/run_thread.h"
 #include "service/scheduler_service.h"
 #include "service/service_bus.h"
+#include "service/service_options.h"
 
 namespace qx {
 
@@ -30,31 +30,6 @@ inline constexpr std::uint32_t kEventStarted = 0x68110002;
 inline constexpr std::uint32_t kEventStopped = 0x68110004;
 inline constexpr std::uint32_t kEventHandlerNotInstalled = 0xE8110001;
 inline constexpr std::uint32_t kEventBadControl = 0xE8110003;
-
-// The command line.
-struct ServiceOptions {
-  std::string root;         // --root DIR: the state directory; empty: the default one
-  std::string busAddress;   // --bus ADDRESS: "session", "system" or an address; empty: system for root, else session
-  std::string destdir;      // --destdir DIR: in front of the places of the host's files; without --root nothing else is written
-  // --registry-only: registering leaves the files of the host to the package that brought them
-  bool registryOnly = false;
-  bool foreground = false;  // --foreground: stay until SIGTERM
-  bool version = false;
-  bool help = false;
-  std::string words;  // all other words, joined by one blank
-};
-
-// Takes the program's own options, "--name VALUE" or "--name=VALUE", out of its arguments (without its name).
-//   error    a sentence, when an option's value is missing
-//   returns  false then; `options` is partly filled
-[[nodiscard]] bool ParseServiceArguments(std::span<const char* const> arguments, ServiceOptions& options,
-                                         std::string& error);
-
-enum class CommandWord { kNone, kUnregServer, kRegServer, kService };
-
-// The line is cut at each "-" or "/"; the first cut behind which the whole rest is one of the words, in any case of
-// letters, wins. So a further argument behind a word makes it none.
-[[nodiscard]] CommandWord FindCommandWord(std::string_view words);
 
 // The status text of a running service for people, in local time: "running; next job at 2026-11-28 22:00:00".
 //   window  seconds since 1970; below 1, as kNoWakeUp, for none
