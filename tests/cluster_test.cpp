@@ -131,6 +131,34 @@ TEST_P(ClusterTest, ANodeStartedAnewBetweenTwoOperationsIsServedAtOnce) {
   EXPECT_THAT(Node(0).Log(), HasSubstr("ImportKey::Deleting older key to import new Key for node : 10.77.0.2"));
 }
 
+TEST_P(ClusterTest, TheFirstOperationOnNodesMakesTheKeyPairAndNoLaunchOrLocalCallDoes) {
+  ASSERT_NO_FATAL_FAILURE(StartAll());
+  const std::string mark = Node(0).Jobs() + "/launched";
+  SCHEDULE_OBJECT schedule = Node(0).Job("job", FarStart(), "touch " + mark);
+  schedule.bRunNow = true;
+  ScheduleGuid id;
+  ASSERT_EQ(m_client.CreateSchedule(schedule, id), 0u);
+  for (int i = 0; i < 60000 && !std::filesystem::exists(mark); ++i) usleep(1000);
+  EXPECT_TRUE(std::filesystem::exists(mark));
+  schedule.bstrParameters = u"other";
+  EXPECT_EQ(m_client.ModifySchedule(id, schedule), 0u);
+  std::uint32_t count = 0;
+  ScheduleList list;
+  EXPECT_EQ(m_client.ListSchedule(count, list), 0u);
+  EXPECT_EQ(m_client.Refresh(), 0u);
+  EXPECT_EQ(m_client.DeleteSchedule(id), 0u);
+  EXPECT_THAT(Node(0).Log(), Not(HasSubstr("Key successfully generated")));
+  EXPECT_THAT(Node(1).Log(), Not(HasSubstr("Key successfully generated")));
+  ASSERT_EQ(Create(Addresses(), id), 0u);
+  ASSERT_EQ(Delete(Addresses(), id), 0u);
+  for (int i = 0; i < kNodes; ++i) {
+    const std::string log = Node(i).Log();
+    const std::size_t first = log.find("Key successfully generated");
+    EXPECT_NE(first, std::string::npos) << i;
+    EXPECT_EQ(log.find("Key successfully generated", first + 1), std::string::npos) << i;
+  }
+}
+
 TEST_P(ClusterTest, TokensAndKeysCrossTheWireAheadOfTheOperation) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   std::unique_ptr<qx::testing::WireTap> tap;

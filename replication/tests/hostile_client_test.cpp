@@ -68,6 +68,42 @@ TEST_F(HostileClients, ThirtyTwoOfThousandsAreHeldAndNothingIsLeftOfTheOthers) {
   }
 }
 
+// Gives one byte at a time.
+class SlowConnection final : public platform::IConnection {
+ public:
+  explicit SlowConnection(platform::Socket& socket) : m_socket(socket) {}
+  platform::SocketError WaitReadable(std::int64_t limitMs, bool& ready) override {
+    return m_socket.WaitReadable(limitMs, ready);
+  }
+  platform::SocketError ReceiveSome(std::span<std::uint8_t> buffer, std::size_t& count) override {
+    return m_socket.ReceiveSome(buffer, count);
+  }
+  platform::SocketError SendSome(std::span<const std::uint8_t> bytes, std::size_t& count) override {
+    return m_socket.SendSome(bytes.first(1), count);
+  }
+
+ private:
+  platform::Socket& m_socket;
+};
+
+TEST_F(HostileClients, ACallerThatSendsByteByByteIsServedLikeAnyOther) {
+  const ScheduleGuid id = NewId();
+  Caller caller;
+  Call(caller, id);
+  SlowConnection slow(caller.socket);
+  ASSERT_EQ(getLuidForProc(caller.credentials, platform::CredentialsUse::kOutbound), 0u);
+  ASSERT_EQ(createContext(slow, caller.credentials, caller.context, id), 0);
+  ASSERT_EQ(testing::OwnKeys().exchangeKey(slow, u"peer", id), 0);
+  Bytes cipher;
+  ASSERT_EQ(testing::OwnKeys().EncryptMsg(u"peer", CreateBody(Daily(), id), cipher), 1);
+  ASSERT_EQ(Send(slow, Message(MSG_CREATE, static_cast<std::uint32_t>(cipher.size()), id)), 1);
+  ASSERT_EQ(Send(slow, cipher), 1);
+  const auto answer = caller.ReceiveAnswer();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->result, 0u);
+  EXPECT_TRUE(HasKey(id));
+}
+
 TEST_F(HostileClients, ThousandsThatSpeakNonsenseLeaveNothing) {
   const std::ptrdiff_t descriptors = Descriptors();
   const auto speak = [&](int count) {
