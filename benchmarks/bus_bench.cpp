@@ -63,7 +63,7 @@ void Demand(bool good, const char* what) {
                               (void)call.ReadInt64(second);
                               const timespec at{second, 0};
                               clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &at, nullptr);
-                              const pid_t job = Spawn({"/bin/true"});
+                              const pid_t job = Spawn({"/bin/true"}, Session::kNew);  // as a job of the service
                               MessageWriter signal;
                               (void)connection.NewSignal(kBarePath, kBareName, "Launched", signal);
                               (void)connection.Send(std::move(signal));

@@ -6,7 +6,6 @@
 #include <istream>
 #include <nlohmann/json.hpp>
 #include <ostream>
-#include <tuple>
 #include <utility>
 
 #include "client/backup.h"
@@ -32,6 +31,7 @@ using platform::Utf8FromWide;
 constexpr std::int64_t kWindowsShown = 3;
 // How long monitor may take to hear of an interrupt.
 constexpr std::uint32_t kMonitorTurnMs = 250;
+constexpr std::size_t kEventWidth = 21;  // of the longest event's name
 
 ordered_json WindowJson(std::int32_t window) {
   if (window < 0) return nullptr;
@@ -52,11 +52,20 @@ struct Line {
   std::string command;
 };
 
-// Those with a window by time, then those without one, then what can't be read.
-bool ComesBefore(const ListRow& a, const ListRow& b) {
+using Rows = std::vector<const ListRow*>;
+
+// Those with a window by time, then those without one, then what can't be read; equals by name, then by ID.
+//   rows  in order of their IDs
+Rows InOrder(const std::vector<ListRow>& rows) {
+  Rows order;
+  order.reserve(rows.size());
+  for (const ListRow& row : rows) order.push_back(&row);
   const auto rank = [](const ListRow& row) { return row.nextWindow >= 0 ? 0 : row.nextWindow == kDamagedKey ? 2 : 1; };
-  return std::tuple(rank(a), a.nextWindow, std::cref(a.name).get(), std::cref(a.id).get()) <
-         std::tuple(rank(b), b.nextWindow, std::cref(b.name).get(), std::cref(b.id).get());
+  std::stable_sort(order.begin(), order.end(), [&](const ListRow* a, const ListRow* b) {
+    if (a->nextWindow != b->nextWindow) return std::pair(rank(*a), a->nextWindow) < std::pair(rank(*b), b->nextWindow);
+    return a->name < b->name;
+  });
+  return order;
 }
 
 std::size_t Width(std::string_view text) {
@@ -64,18 +73,19 @@ std::size_t Width(std::string_view text) {
       std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
 }
 
-// The text in exactly (pad) or at most `width` characters.
-std::string Fit(std::string text, std::size_t width, bool pad) {
+// Appends the text in exactly (pad) or at most `width` characters.
+void AppendFit(std::string& out, std::string_view text, std::size_t width, bool pad) {
   const std::size_t has = Width(text);
   if (has > width) {
     std::size_t at = 0;
     for (std::size_t kept = 0; at < text.size(); ++at) {
       if ((static_cast<unsigned char>(text[at]) & 0xC0) != 0x80 && kept++ == width - 1) break;
     }
-    return text.substr(0, at) + "…";
+    out.append(text.substr(0, at)).append("…");
+    return;
   }
-  if (pad) text.append(width - has, ' ');
-  return text;
+  out.append(text);
+  if (pad) out.append(width - has, ' ');
 }
 
 struct Widths {
@@ -109,31 +119,46 @@ Widths WidthsFor(const std::vector<Line>& lines, std::size_t columns) {
   return widths;
 }
 
-void PrintListTable(CliContext& context, const std::vector<ListRow>& rows, std::size_t columns) {
+void AppendLine(std::string& out, const Line& line, const Widths& widths) {
+  AppendFit(out, line.next, widths.next, true);
+  AppendFit(out.append("  "), line.name, widths.name, true);
+  AppendFit(out.append("  "), line.id, widths.id, true);
+  AppendFit(out.append("  "), line.command, widths.command, false);
+  out.erase(out.find_last_not_of(' ') + 1);
+}
+
+void PrintListTable(CliContext& context, const Rows& rows, std::size_t columns) {
+  constexpr std::size_t kBlock = 65536;  // bytes of one write
   std::vector<Line> lines;
+  lines.reserve(rows.size());
   std::size_t without = 0, damaged = 0;
-  for (const ListRow& row : rows) {
-    damaged += row.nextWindow == kDamagedKey;
-    without += row.nextWindow < 0 && row.nextWindow != kDamagedKey;
-    std::string command = Utf8FromWide(row.wrapper);
-    if (!row.parameters.empty()) command += " " + Utf8FromWide(row.parameters);
-    lines.push_back({WindowText(row.nextWindow), Printable(Utf8FromWide(row.name)), Printable(Utf8FromWide(row.id)),
+  for (const ListRow* row : rows) {
+    damaged += row->nextWindow == kDamagedKey;
+    without += row->nextWindow < 0 && row->nextWindow != kDamagedKey;
+    std::string command = Utf8FromWide(row->wrapper);
+    if (!row->parameters.empty()) command += " " + Utf8FromWide(row->parameters);
+    lines.push_back({WindowText(row->nextWindow), Printable(Utf8FromWide(row->name)), Printable(Utf8FromWide(row->id)),
                      Printable(command)});
   }
   const Widths widths = WidthsFor(lines, columns);
-  const auto text = [&](const Line& line) {
-    std::string out = Fit(line.next, widths.next, true) + "  " + Fit(line.name, widths.name, true) + "  " +
-                      Fit(line.id, widths.id, true) + "  " + Fit(line.command, widths.command, false);
-    out.erase(out.find_last_not_of(' ') + 1);
-    return out;
-  };
   if (!context.options.noLegend) {
-    context.out << Paint(context.colourOut, Colour::kBold, text({"NEXT", "NAME", "ID", "COMMAND"})) << "\n";
+    std::string legend;
+    AppendLine(legend, {"NEXT", "NAME", "ID", "COMMAND"}, widths);
+    context.out << Paint(context.colourOut, Colour::kBold, legend) << "\n";
   }
+  std::string block;
   for (std::size_t i = 0; i < lines.size(); ++i) {
-    const bool bad = rows[i].nextWindow == kDamagedKey;
-    context.out << Paint(context.colourOut && bad, Colour::kRed, text(lines[i])) << "\n";
+    if (context.colourOut && rows[i]->nextWindow == kDamagedKey) {
+      std::string line;
+      AppendLine(line, lines[i], widths);
+      block += Paint(true, Colour::kRed, line);
+    } else {
+      AppendLine(block, lines[i], widths);
+    }
+    block += '\n';
+    if (block.size() >= kBlock) context.out << std::exchange(block, {});
   }
+  context.out << block;
   if (context.options.noLegend) return;
   context.out << "\n" << rows.size() << (rows.size() == 1 ? " schedule" : " schedules");
   if (without > 0) context.out << ", " << without << " without a window to come";
@@ -239,8 +264,10 @@ class EventPrinter : public ISchedulerServiceEvents {
     return window < 0 ? "no window to come" : "next " + FormatInstant(window, platform::CurrentZone());
   }
   [[nodiscard]] std::string Head(const std::string& event) const {
+    std::string padded;
+    AppendFit(padded, event, kEventWidth, true);
     return FormatInstant(platform::NowSeconds(), platform::CurrentZone()) + "  " +
-           Paint(m_context.colourOut, Colour::kBold, Fit(event, 21, true)) + "  ";
+           Paint(m_context.colourOut, Colour::kBold, padded) + "  ";
   }
   void Print(const std::string& event, const ScheduleGuid& id, std::optional<std::int32_t> window) {
     if (m_context.options.json) {
@@ -265,15 +292,15 @@ int RunList(CliContext& context, const OnlineSettings& settings) {
   if (const int exit = session.Begin(); exit != kExitDone) return exit;
   std::vector<ListRow> rows;
   if (const int exit = session.AllRows(rows); exit != kExitDone) return exit;
-  std::sort(rows.begin(), rows.end(), ComesBefore);
+  const Rows order = InOrder(rows);
   if (context.options.json) {
     ordered_json out = ordered_json::array();
-    for (const ListRow& row : rows) out.push_back(RowJson(row));
+    for (const ListRow* row : order) out.push_back(RowJson(*row));
     WriteJson(context.out, out);
     return kExitDone;
   }
   BeginPaged(context);
-  PrintListTable(context, rows, settings.columns.value_or(context.columns));
+  PrintListTable(context, order, settings.columns.value_or(context.columns));
   return kExitDone;
 }
 

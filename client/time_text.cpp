@@ -42,6 +42,12 @@ bool TakeChar(std::string_view& text, char c) {
   return true;
 }
 
+// A number below 100 as two digits.
+void PutTwo(char* at, int number) {
+  at[0] = static_cast<char>('0' + number / 10);
+  at[1] = static_cast<char>('0' + number % 10);
+}
+
 std::int64_t FloorDiv(std::int64_t a, std::int64_t b) {
   return a / b - ((a % b != 0) && ((a < 0) != (b < 0)));
 }
@@ -163,6 +169,14 @@ std::optional<std::int64_t> ParseDate(std::string_view text) {
 
 std::string FormatDate(std::int64_t day) {
   const platform::CivilDate date = platform::CivilFromDays(day);
+  if (date.year >= 0 && date.year <= 9999) {
+    char usual[] = "0000-00-00";
+    PutTwo(usual, static_cast<int>(date.year / 100));
+    PutTwo(usual + 2, static_cast<int>(date.year % 100));
+    PutTwo(usual + 5, static_cast<int>(date.month));
+    PutTwo(usual + 8, static_cast<int>(date.day));
+    return usual;
+  }
   char text[48];
   std::snprintf(text, sizeof text, "%04lld-%02d-%02d", static_cast<long long>(date.year), date.month, date.day);
   return text;
@@ -198,9 +212,13 @@ std::string FormatInstant(std::int64_t seconds, const platform::Zone& zone) {
   const std::int64_t day = FloorDiv(wall, kDaySeconds);
   const int time = static_cast<int>(wall - day * kDaySeconds);
   const int minutes = (offset < 0 ? -offset : offset) / 60;
-  char text[48];
-  std::snprintf(text, sizeof text, " %02d:%02d:%02d %c%02d%02d", time / 3600, time / 60 % 60, time % 60,
-                offset < 0 ? '-' : '+', minutes / 60, minutes % 60);
+  char text[] = " 00:00:00 +0000";
+  PutTwo(text + 1, time / 3600);
+  PutTwo(text + 4, time / 60 % 60);
+  PutTwo(text + 7, time % 60);
+  if (offset < 0) text[10] = '-';
+  PutTwo(text + 11, minutes / 60);
+  PutTwo(text + 13, minutes % 60);
   return FormatDate(day) + text;
 }
 

@@ -303,12 +303,14 @@ BusError ReadRecord(MessageReader& reader, Reading reading, const std::string& p
 
 // Most texts are plain ASCII.
 void Widen(std::string_view text, std::u16string& out) {
-  const bool plain = std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-  if (plain) {
-    out.assign(text.begin(), text.end());
-  } else {
+  unsigned char all = 0;
+  for (const char c : text) all |= static_cast<unsigned char>(c);
+  if (all >= 0x80) {
     out = platform::WideFromUtf8(text);
+    return;
   }
+  out.resize(text.size());
+  std::copy(text.begin(), text.end(), out.begin());
 }
 
 // A struct's fields one after the other: the first failure is named and ends the reading.
