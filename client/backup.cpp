@@ -42,19 +42,26 @@ platform::ErrorCode WriteBackup(const std::string& directory, const ScheduleGuid
   }
   const std::string id = platform::Utf8FromWide(platform::GuidText(scheduleId));
   const std::string stem = directory + "/" + id.substr(1, id.size() - 2) + "-" + StampOf(platform::NowSeconds());
+  // Under a name that no backup bears until it is whole; whoever has that name has the backup's too.
+  std::string part;
   File handle;
   platform::ErrorCode code = platform::ERROR_FILE_EXISTS;
   for (int i = 1; code == platform::ERROR_FILE_EXISTS && i <= kMostBackupsOfOneSecond; ++i) {
     file = stem + (i == 1 ? "" : "-" + std::to_string(i)) + ".toml";
-    code = handle.Open(file, File::Access::kWrite, File::Disposition::kCreateNew);
+    part = file + ".part";
+    if (platform::FileExists(file)) continue;
+    code = handle.Open(part, File::Access::kWrite, File::Disposition::kCreateNew);
+    if (code != platform::ERROR_SUCCESS || !platform::FileExists(file)) continue;
+    handle.Close();  // another one was made meanwhile
+    (void)platform::DeleteFile(part);
+    code = platform::ERROR_FILE_EXISTS;
   }
-  if (code == platform::ERROR_SUCCESS) {
-    code = handle.WriteAll("# " + id + ", " + reason + "\n" + WriteScheduleFile(record, platform::CurrentZone()));
-    if (code == platform::ERROR_SUCCESS) code = handle.Sync();
-    handle.Close();
-    // Half a backup would pass for a whole one.
-    if (code != platform::ERROR_SUCCESS) (void)platform::DeleteFile(file);
-  }
+  if (code != platform::ERROR_SUCCESS) return code;
+  code = handle.WriteAll("# " + id + ", " + reason + "\n" + WriteScheduleFile(record, platform::CurrentZone()));
+  if (code == platform::ERROR_SUCCESS) code = handle.Sync();
+  handle.Close();
+  if (code == platform::ERROR_SUCCESS) code = platform::RenameFile(part, file, platform::Durable::kYes);
+  if (code != platform::ERROR_SUCCESS) (void)platform::DeleteFile(part);
   return code;
 }
 

@@ -101,8 +101,8 @@ class WorkingFile {
     if (m_name.empty()) return;
     if (m_keep) {
       PrintNote(m_context, "your text is kept: " + m_name);
-    } else {
-      (void)platform::DeleteFile(m_name);
+    } else if (platform::DeleteFile(m_name) != platform::ERROR_SUCCESS) {
+      PrintNote(m_context, "the file of the editor is left behind: " + m_name);
     }
   }
   ErrorCode Create(const std::string& text) {
@@ -345,7 +345,8 @@ int RunSkip(CliContext& context, const OnlineSettings& settings, const std::stri
     Status status = kStatusOk;
     const auto windows = ComingWindows(before, now, 1, status);
     if (windows.empty()) {
-      PrintError(context, Naming(target) + ": there is no window to come; nothing is changed");
+      const std::string why = status == kStatusOk ? "" : " (" + FormatStatus(status) + ")";
+      PrintError(context, Naming(target) + ": there is no window to come" + why + "; nothing is changed");
       return kExitFailed;
     }
     day = LocalDay(windows[0].start, zone);

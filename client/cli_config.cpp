@@ -115,14 +115,47 @@ int Show(CliContext& context) {
   return kExitDone;
 }
 
+// The values of a key as they were. All writes of a handle are committed together, so that what is put back ahead of the
+// close was never changed.
+class FormerValues {
+ public:
+  [[nodiscard]] ErrorCode Read(const platform::RegistryKey& key) {
+    for (Value& value : m_values) {
+      const ErrorCode code = QueryValueBytes(key, value.name, value.type, value.data);
+      value.isThere = code == ERROR_SUCCESS;
+      if (code != ERROR_SUCCESS && code != ERROR_FILE_NOT_FOUND) return code;
+    }
+    return ERROR_SUCCESS;
+  }
+  // What can't be put back can't be committed either.
+  void PutBack(const platform::RegistryKey& key) const {
+    for (const Value& value : m_values) {
+      (void)(value.isThere ? SetRawValue(key, value.name, value.type, value.data) : DeleteValue(key, value.name));
+    }
+  }
+
+ private:
+  struct Value {
+    const char16_t* name;
+    bool isThere = false;
+    std::uint32_t type = 0;
+    std::vector<std::byte> data;
+  };
+  Value m_values[3] = {{kPathValue}, {kFilterValue}, {kSizeValue}};
+};
+
 int Change(CliContext& context, const TraceSettings& settings, const std::optional<std::uint32_t>& flags) {
   platform::RegistryKey key;
+  FormerValues former;
   ErrorCode code = CreateKey(kHive, kTraceKey, platform::KEY_ALL_ACCESS, key);
+  if (code == ERROR_SUCCESS) code = former.Read(key);
+  const bool begun = code == ERROR_SUCCESS;
   if (code == ERROR_SUCCESS && settings.path) {
     code = SetString(key, kPathValue, platform::WideFromUtf8(*settings.path));
   }
   if (code == ERROR_SUCCESS && flags) code = SetDword(key, kFilterValue, *flags);
   if (code == ERROR_SUCCESS && settings.kibibytes) code = SetDword(key, kSizeValue, *settings.kibibytes);
+  if (begun && code != ERROR_SUCCESS) former.PutBack(key);
   if (key.IsOpen()) {
     const ErrorCode closed = key.Close();
     if (code == ERROR_SUCCESS) code = closed;
@@ -191,17 +224,22 @@ const SettingRow* FindSetting(CliContext& context, const std::string& name) {
 }
 
 // The value as text; the default where none is set or it has another type.
-std::string ValueOf(const SettingRow& row) {
+ErrorCode ReadSetting(const SettingRow& row, std::string& value) {
+  value = row.byDefault;
   platform::RegistryKey key;
-  if (OpenKey(kHive, row.key, platform::KEY_READ, key) != ERROR_SUCCESS) return row.byDefault;
-  if (!row.number) {
+  ErrorCode code = OpenKey(kHive, row.key, platform::KEY_READ, key);
+  if (code == ERROR_SUCCESS && !row.number) {
     std::u16string text;
-    return ReadRegistryString(key, row.value, text) == ERROR_SUCCESS ? platform::Utf8FromWide(text) : row.byDefault;
+    code = ReadRegistryString(key, row.value, text);
+    if (code == ERROR_SUCCESS) value = platform::Utf8FromWide(text);
+  } else if (code == ERROR_SUCCESS) {
+    std::uint32_t number = 0;
+    code = ReadRegistryDword(key, row.value, number);
+    // Deliberate: the service uses the low 16 bits of a port.
+    if (code == ERROR_SUCCESS) value = std::to_string(row.name == "port" ? number & 0xFFFF : number);
   }
-  std::uint32_t number = 0;
-  if (ReadRegistryDword(key, row.value, number) != ERROR_SUCCESS) return row.byDefault;
-  // Deliberate: the service uses the low 16 bits of a port.
-  return std::to_string(row.name == "port" ? number & 0xFFFF : number);
+  const bool isUnset = code == ERROR_FILE_NOT_FOUND || code == platform::ERROR_INVALID_DATA || code == platform::ERROR_MORE_DATA;
+  return isUnset ? ErrorCode{ERROR_SUCCESS} : code;
 }
 
 bool IsAccountName(const std::string& name) {
@@ -263,7 +301,8 @@ int RunConfigGet(CliContext& context, const std::string& name) {
     constexpr std::size_t kWidth = 19;
     for (const SettingRow& row : kSettings) {
       if (one != nullptr && one != &row) continue;
-      const std::string value = ValueOf(row);
+      std::string value;
+      if (const ErrorCode code = ReadSetting(row, value); code != ERROR_SUCCESS) return StoreFailure(context, code);
       if (context.options.json) {
         const nlohmann::ordered_json shown =
             row.number ? nlohmann::ordered_json(std::stoul(value)) : nlohmann::ordered_json(value);

@@ -28,6 +28,8 @@ std::string FormatFinding(std::string_view file, const Finding& finding) {
 }
 
 std::string Printable(std::string_view text) {
+  const bool plain = std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
+  if (plain) return std::string(text);
   std::string out;
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {

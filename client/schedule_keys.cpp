@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <new>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 
 #include "client/rule_object.h"
 #include "client/schedule_file.h"
+#include "client/status_text.h"
 #include "common/schedule_adapter.h"
 
 namespace qx {
@@ -129,11 +132,13 @@ std::optional<std::string> ValueOf(const std::vector<ScheduleKey>& keys, const s
 SCHEDULE_OBJECT AsServiceKeeps(const SCHEDULE_OBJECT& record) {
   SCHEDULE_OBJECT kept = record;
   const RuleObject schedule = NewRuleObject();
-  if (!schedule) return kept;
+  if (!schedule) throw std::bad_alloc();
   CZEPScheduleObj adapter;
   adapter.m_pSchedule = schedule.get();
-  (void)adapter.Validate_ScheduleRules(&record);  // refused rules are loaded all the same
-  (void)adapter.LoadScheduleFromPropBag(&kept);
+  // Refused rules are loaded all the same. A record that is read in part would be taken for one that was changed.
+  if (adapter.Validate_ScheduleRules(&record) == kStatusFailure || adapter.LoadScheduleFromPropBag(&kept) != kStatusOk) {
+    throw std::runtime_error("the schedule's rules can't be read: " + FormatStatus(kStatusFailure));
+  }
   return kept;
 }
 

@@ -21,7 +21,8 @@ struct ScheduleKey {
 };
 
 // The record as the service gives it back: what its rules library drops or completes of the rules is dropped and
-// completed here too. In the zone of the process; an anchor that isn't given is the present day.
+// completed here too. In the zone of the process; an anchor that isn't given is the present day. Throws a
+// std::exception when memory runs out: a record in part would pass for a changed one.
 [[nodiscard]] SCHEDULE_OBJECT AsServiceKeeps(const SCHEDULE_OBJECT& record);
 
 // In the order of the file.

@@ -26,7 +26,7 @@ class FakeService : public ISchedulerService {
   Status CreateSchedule(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id) override {
     if (during) during();
     if (const Status status = Refusal(); status != kStatusOk) return status;
-    id = Id(m_next++);
+    id = Id(nextId++);
     schedules[id] = schedule;
     Tell([id](ISchedulerServiceEvents& sink) { sink.Schedule_Add(id); });
     return kStatusOk;
@@ -115,9 +115,7 @@ class FakeService : public ISchedulerService {
   int refreshed = 0;
   std::uint32_t process = 4711;         // 0: not on the bus
   std::function<void(bool)> presence;   // who is told of its coming and going
-
- private:
-  std::uint32_t m_next = 0xAB120000;
+  std::uint32_t nextId = 0xAB120000;
 };
 
 class FakeLink : public qx::ServiceLink {

@@ -1,0 +1,239 @@
+// Every platform call of a command fails, one after the other: once, and from then on. Nothing is half done, whoever
+// gave the command is told why, and what a command takes away lies in a backup.
+#include <cstdlib>
+
+#include "client/tests/online_fixture.h"
+#include "platform/testing/fault.h"
+
+namespace {
+
+using platform::FaultPlan;
+using platform::Operation;
+
+constexpr const char* kIdA = "{AAAA1111-0000-4001-8000-000000000000}";
+constexpr platform::ErrorCode kCode = platform::ERROR_IO_DEVICE;
+constexpr const char* kSentence = "The request could not be performed because of an I/O device error.";
+
+std::string TextOf(const ScheduleGuid& id) { return platform::Utf8FromWide(platform::GuidText(id)); }
+
+struct State {
+  std::map<ScheduleGuid, SCHEDULE_OBJECT> schedules;
+  std::map<std::string, std::string> files;  // but for the key store's
+  std::string settings;                      // what the key store holds, where there is one
+};
+
+struct Command {
+  std::string name;
+  std::vector<std::string> words;  // "@" at the beginning stands for the test's directory
+  bool takesAway = false;          // what it changes must be in a backup
+};
+
+std::ostream& operator<<(std::ostream& out, const Command& command) { return out << command.name; }
+
+const Command kCommands[] = {
+    {"add", {"add", "@/new.toml"}},
+    {"set", {"set", "daily", "job.parameters=-v two"}},
+    {"skip", {"skip", "daily"}},
+    {"run", {"run", "daily"}},
+    {"edit", {"edit", "daily"}, true},
+    {"rm", {"rm", "daily", "weekly"}, true},
+    {"apply", {"apply", "@/files"}, true},
+    {"diff", {"diff", "@/files"}},
+    {"export", {"export", "daily"}},
+    {"export_directory", {"export", "-o", "@/out"}},
+    {"export_over", {"export", "-o", "@/old", "--force"}},
+    {"restore", {"restore", "@/gone.toml"}},
+    {"list", {"list"}},
+    {"show", {"show", kIdA}},
+    {"config_get", {"config", "get"}},
+    {"config_set", {"config", "set", "port", "5000"}},
+    {"config_trace", {"config", "trace", "--path", "@/t.log", "--filter", "warning"}},
+    {"log", {"log"}},
+};
+
+// Not those that only look whether a file is there: what fails there counts as "no". Nor memory, which the rules tell
+// of by a status of their own, nor the key store, whose library has the words.
+bool HasSentence(Operation operation) {
+  return operation != Operation::kFileExists && operation != Operation::kDirectoryExists &&
+         operation != Operation::kAllocate && operation != Operation::kRegOpenStore;
+}
+
+class CliFaultSweep : public CliOnline, public ::testing::WithParamInterface<Command> {
+ protected:
+  ~CliFaultSweep() override { ::unsetenv("VISUAL"); }
+
+  // The service and the directory as they are ahead of each run.
+  void Prepare() {
+    for (const auto& entry : std::filesystem::directory_iterator(m_directory)) std::filesystem::remove_all(entry);
+    service.schedules.clear();
+    service.events.clear();
+    service.nextId = 0xAB120000;
+    Have(Id(0xAAAA1111), u"daily", kTonight);
+    Have(Id(0xBBBB1111), u"weekly", kTonight + 3600);
+    const std::string exported = Ask({"export", kIdA}).out;
+    const auto put = [&](const std::string& file, const std::string& name, const std::string& parameters) {
+      std::string text = exported;
+      text.replace(text.find("\"daily\""), 7, "\"" + name + "\"");
+      text.replace(text.find("-v one"), 6, parameters);
+      Write(file, text);
+    };
+    std::filesystem::create_directory(Path("files"));
+    std::filesystem::create_directory(Path("old"));
+    std::filesystem::create_directory(Path("logs"));
+    put("files/a.toml", "daily", "-v two");
+    put("files/b.toml", "fresh", "-v three");
+    put("files/c.toml", "weekly", "-v four");
+    put("new.toml", "new", "-v five");
+    put("gone.toml", "gone", "-v six");
+    std::string gone = Read("gone.toml");
+    Write("gone.toml", gone.replace(gone.find("AAAA1111"), 8, "DDDD1111"));
+    Write("old/daily.toml", "# the export of an earlier day\n");
+    Write("logs/SchedService0.log", "Mon Nov 30 01:00:00 2026 (PID:   41, TID:   42): a line\r\n");
+    const std::string editor = Write("editor.sh", "#!/bin/sh\nsed -i 's/-v one/-v two/' \"$1\"\n");
+    std::filesystem::permissions(editor, std::filesystem::perms::owner_all);
+    ::setenv("VISUAL", editor.c_str(), 1);
+    if (UsesStore()) {
+      ASSERT_EQ(Ask({"reg", "set", "HKLM\\SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules", "DefaultPort", "4999",
+                     "--type", "REG_DWORD"})
+                    .exit,
+                0);
+    }
+  }
+  std::string Read(const std::string& name) const {
+    std::ifstream in(Path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+  static bool UsesStore() { return GetParam().name.starts_with("config"); }
+
+  State Now() {
+    State state;
+    state.schedules = service.schedules;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(m_directory)) {
+      const std::string name = std::filesystem::relative(entry.path(), m_directory);
+      if (!entry.is_regular_file() || name.starts_with("registry.db")) continue;
+      state.files[name] = Read(name);
+    }
+    if (UsesStore()) state.settings = Ask({"config", "get"}).out;
+    return state;
+  }
+
+  Result Carry() {
+    std::vector<std::string> words = GetParam().words;
+    for (std::string& word : words) {
+      if (word.starts_with('@')) word = m_directory + word.substr(1);
+    }
+    return Ask(words);
+  }
+
+  // Records of the schedules that weren't there before.
+  static std::vector<SCHEDULE_OBJECT> Added(const State& before, const State& after) {
+    std::vector<SCHEDULE_OBJECT> added;
+    for (const auto& [id, record] : after.schedules) {
+      if (!before.schedules.contains(id)) added.push_back(record);
+    }
+    return added;
+  }
+  static bool Holds(const std::vector<SCHEDULE_OBJECT>& records, const SCHEDULE_OBJECT& record) {
+    return std::find(records.begin(), records.end(), record) != records.end();
+  }
+
+  void ExpectNothingHalfDone(const State& before, const State& done, const State& now, const Result& result) {
+    for (const auto& [id, record] : before.schedules) {
+      const auto present = now.schedules.find(id);
+      if (present != now.schedules.end() && present->second == record) continue;
+      const auto wanted = done.schedules.find(id);
+      const bool whole = present == now.schedules.end()
+                             ? wanted == done.schedules.end()
+                             : wanted != done.schedules.end() && wanted->second == present->second;
+      EXPECT_TRUE(whole) << TextOf(id) << " is neither as it was nor as it was asked for";
+      if (!GetParam().takesAway) continue;
+      const std::string digits = TextOf(id).substr(1, 36);
+      bool kept = false;
+      for (const auto& [name, text] : now.files) {
+        if (!name.starts_with("backups/" + digits)) continue;
+        kept = kept || (done.files.contains(name) && done.files.at(name) == text);
+      }
+      EXPECT_TRUE(kept) << digits << " has no backup";
+    }
+    const auto wanted = Added(before, done);
+    for (const SCHEDULE_OBJECT& record : Added(before, now)) EXPECT_TRUE(Holds(wanted, record)) << "half a schedule";
+    for (const auto& [name, text] : now.files) {
+      const bool asBefore = before.files.contains(name) && before.files.at(name) == text;
+      const bool asDone = done.files.contains(name) && done.files.at(name) == text;
+      // What bears such a name is taken for no backup.
+      const bool told = name.starts_with("backups/edit-") ? result.err.find(name) != std::string::npos
+                                                          : result.exit != 0 && name.ends_with(".part");
+      EXPECT_TRUE(asBefore || asDone || told) << "half a file: " << name << "\n" << text;
+    }
+    for (const auto& [name, text] : before.files) {
+      EXPECT_TRUE(now.files.contains(name) || !done.files.contains(name)) << "lost: " << name;
+    }
+    EXPECT_TRUE(now.settings == before.settings || now.settings == done.settings) << now.settings;
+  }
+};
+
+TEST_P(CliFaultSweep, NothingIsHalfDoneAndTheCauseIsTold) {
+  ASSERT_NO_FATAL_FAILURE(Prepare());
+  (void)Carry();  // what is done once in a process is done
+  ASSERT_NO_FATAL_FAILURE(Prepare());
+  const State before = Now();
+  // The arrays are those of the service, which is another process; nothing asks for a strict conversion of text, and no
+  // other one fails.
+  const auto isOurs = [](Operation operation) {
+    return operation != Operation::kArrayCreate && operation != Operation::kArrayAccessData &&
+           operation != Operation::kArrayUnaccessData && operation != Operation::kArrayDestroy &&
+           operation != Operation::kConvertText;
+  };
+  std::vector<std::pair<Operation, std::string>> calls;
+  Result clean;
+  {
+    const auto plan = FaultPlan::Ask([&](int, Operation operation, std::string_view detail) {
+      if (isOurs(operation)) calls.emplace_back(operation, detail);
+      return platform::ERROR_SUCCESS;
+    });
+    clean = Carry();
+  }
+  ASSERT_EQ(clean.exit, 0) << clean.err;
+  const State done = Now();
+  ASSERT_FALSE(calls.empty());
+  for (std::size_t call = 0; call < calls.size(); ++call) {
+    for (const bool once : {true, false}) {
+      SCOPED_TRACE("call " + std::to_string(call + 1) + ", " + std::string(platform::OperationName(calls[call].first)) +
+                   "(" + calls[call].second + "), fails " + (once ? "once" : "from then on"));
+      ASSERT_NO_FATAL_FAILURE(Prepare());
+      std::size_t seen = 0;
+      bool isPlain = true;  // the cause has the system's own sentence
+      FaultPlan plan = FaultPlan::Ask([&](int, Operation operation, std::string_view) {
+        const std::size_t number = isOurs(operation) ? seen++ : calls.size();
+        if (!isOurs(operation) || number < call || (once && number > call)) return platform::ERROR_SUCCESS;
+        isPlain = isPlain && HasSentence(operation);
+        return kCode;
+      });
+      const Result result = Carry();
+      plan.Remove();
+      ASSERT_GE(plan.hits(), 1);
+      const State now = Now();
+      ExpectNothingHalfDone(before, done, now, result);
+      if (result.exit == 0) {  // the call wasn't needed
+        if (isPlain) {
+          EXPECT_EQ(result.out, clean.out);
+        }
+        std::map<std::string, std::string> files = now.files;
+        files.erase("backups/edit-AAAA1111.toml");  // of the editor, and told where it is left
+        EXPECT_EQ(files, done.files);
+        EXPECT_EQ(Added(before, now).size(), Added(before, done).size());
+        EXPECT_EQ(now.settings, done.settings);
+      } else if (!isPlain) {
+        EXPECT_NE(result.err, "");
+      } else {
+        EXPECT_THAT(result.err, testing::AnyOf(testing::HasSubstr(kSentence), testing::HasSubstr("(error 1117)")));
+      }
+      if (HasFailure()) return;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, CliFaultSweep, ::testing::ValuesIn(kCommands),
+                         [](const auto& instance) { return instance.param.name; });
+
+}  // namespace
