@@ -1,6 +1,9 @@
 // The real program qxsched against the real service.
 #include <gmock/gmock.h>
 
+#include <map>
+#include <set>
+
 #include "tests/line_reader.h"
 #include "tests/qxsched_program.h"
 
@@ -181,6 +184,115 @@ TEST_F(QxschedProgram, RecordsWithoutAService) {
   EXPECT_NE(lines.WaitFor("service-down"), "");
   record.Signal(SIGINT);
   EXPECT_EQ(record.Wait(), 0);
+}
+
+// --- an apply that is cut off ---
+
+class CutApply : public QxschedProgram {
+ protected:
+  static constexpr int kFiles = 40;
+  static constexpr int kCutBehind = 7;  // schedules made
+
+  void SetUp() override {
+    QxschedProgram::SetUp();
+    ASSERT_NO_FATAL_FAILURE(m_service.Connect(m_client));
+    // The last one is there already and gets another parameter.
+    ASSERT_EQ(Ask({"add", Write("old.toml", Text(kFiles - 1, "-v"))}).exit, 0);
+    m_files = m_service.Jobs() + "/files";
+    std::filesystem::create_directory(m_files);
+    for (int i = 0; i < kFiles; ++i) Write("files/" + Name(i) + ".toml", Text(i, "-w"));
+    m_events = std::make_shared<qx::testing::EventLog>();
+    std::uint32_t cookie = 0;
+    ASSERT_EQ(m_client.Advise(m_events, cookie), 0u);
+  }
+  static std::string Name(int i) { return "job" + std::to_string(100 + i); }
+  std::string Text(int i, const std::string& parameters) const {
+    std::string text = kDaily;
+    text.replace(text.find("\"daily\""), 7, "\"" + Name(i) + "\"");
+    text.replace(text.find("\"-v\""), 4, "\"" + parameters + "\"");
+    return text;
+  }
+  // Applies, and cuts in the middle; what qxsched told of each file.
+  std::map<std::string, std::string> ApplyAndCut(const std::function<void()>& cut) {
+    const std::string output = m_service.Jobs() + "/apply.out";
+    Child apply(kProgram, Words({"--json", "--quiet", "apply", m_files}), output, Environment());
+    for (int i = 0; i < kCutBehind; ++i) EXPECT_TRUE(RunningService::WaitFor(m_client, *m_events, "Schedule_Add"));
+    cut();
+    EXPECT_EQ(apply.Wait(), 6);
+    m_told = RunningService::ReadFile(output);
+    std::map<std::string, std::string> results;
+    const std::size_t begin = m_told.find("[{");
+    if (begin == std::string::npos) {
+      ADD_FAILURE() << m_told;
+      return results;
+    }
+    const json report = json::parse(m_told.substr(begin, m_told.find('\n', begin) - begin), nullptr, false);
+    EXPECT_EQ(report.size(), static_cast<std::size_t>(kFiles)) << m_told;
+    for (const json& item : report) results[item["name"]] = item["result"];
+    return results;
+  }
+  // What was told is what is there, and each schedule is whole; applied again, all are.
+  void ExpectToldAndWhole(const std::map<std::string, std::string>& results) {
+    std::map<std::string, json> there;
+    for (const json& row : AskJson({"list"})) {
+      EXPECT_TRUE(there.emplace(row["name"], row).second) << "twice: " << row;
+      EXPECT_GT(row["next_window"].get<std::int64_t>(), 0) << row;
+    }
+    int created = 0, unknown = 0, notDone = 0;
+    for (const auto& [name, result] : results) {
+      created += result == "created";
+      unknown += result == "unknown";
+      notDone += result == "not done";
+      if (result == "created") {
+        ASSERT_TRUE(there.contains(name)) << name << " was told as created";
+        EXPECT_EQ(there[name]["parameters"], "-w");
+      } else if (result == "not done") {
+        const bool old = name == Name(kFiles - 1);
+        EXPECT_EQ(there.contains(name), old) << name;
+        if (old) {
+          EXPECT_EQ(there[name]["parameters"], "-v");
+        }
+      }
+    }
+    EXPECT_GE(created, kCutBehind - 1) << m_told;  // the answer to the last one may be lost with the service
+    EXPECT_EQ(unknown, 1) << m_told;
+    EXPECT_EQ(created + unknown + notDone, kFiles) << m_told;
+    EXPECT_THAT(m_told, AllOf(HasSubstr("of 40 files: "), HasSubstr("1 unknown"), HasSubstr(" not done")));
+
+    const Result again = Ask({"apply", m_files});
+    EXPECT_EQ(again.exit, 0) << again.out;
+    const json list = AskJson({"list"});
+    EXPECT_EQ(list.size(), static_cast<std::size_t>(kFiles));
+    std::set<std::string> names;
+    for (const json& row : list) {
+      names.insert(row["name"]);
+      EXPECT_EQ(row["parameters"], "-w") << row;
+    }
+    EXPECT_EQ(names.size(), static_cast<std::size_t>(kFiles));
+  }
+
+  qx::SchedulerClient m_client;
+  std::shared_ptr<qx::testing::EventLog> m_events;
+  std::string m_files;
+  std::string m_told;
+};
+
+TEST_F(CutApply, ByTheServicesDeathTellsWhatIsDoneAndLeavesNothingHalfDone) {
+  const auto results = ApplyAndCut([&] {
+    m_service.Process().Signal(SIGKILL);
+    ASSERT_EQ(m_service.Process().Wait(), 128 + SIGKILL);
+  });
+  ASSERT_NO_FATAL_FAILURE(m_service.Start());
+  ExpectToldAndWhole(results);
+}
+
+TEST_F(CutApply, ByTheBusTellsWhatIsDoneAndLeavesNothingHalfDone) {
+  const auto results = ApplyAndCut([&] { m_service.Bus().Kill(); });
+  m_service.Bus().Restart();
+  // The service finds the bus again by itself; a fresh one doesn't make the test wait for it.
+  ASSERT_EQ(m_service.Stop(), 0);
+  ASSERT_NO_FATAL_FAILURE(m_service.Start());
+  ExpectToldAndWhole(results);
 }
 
 TEST_F(QxschedProgram, TellsApartWhatGoesWrong) {

@@ -252,6 +252,81 @@ TEST_F(VerifiedUnit, IsTakenWithTheStrictProfileToo) {
   EXPECT_THAT(Verify(), HasSubstr("ProtectEverything"));
 }
 
+// --- the start on demand, by a bus daemon that reads the installed file ---
+
+TEST(BusActivation, TheFirstCallStartsTheServiceAndItEndsWithItsLastClient) {
+  std::string pattern = ::testing::TempDir() + "qx-activation-XXXXXX";
+  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+  const std::string host = pattern + "/host";
+  std::ofstream(pattern + "/bus.conf")
+      << "<busconfig>\n  <type>session</type>\n  <listen>unix:tmpdir=/tmp</listen>\n  <servicedir>" << host
+      << "/usr/share/dbus-1/system-services</servicedir>\n  <policy context=\"default\">\n"
+         "    <allow send_destination=\"*\"/>\n    <allow receive_sender=\"*\"/>\n    <allow own=\"*\"/>\n"
+         "  </policy>\n</busconfig>\n";
+  // Registered first: the daemon looks for the files when it starts.
+  fs::create_directories(host + "/usr/share/dbus-1/system-services");
+  {
+    RunningService service(pattern + "/bus.conf");
+    ASSERT_FALSE(service.Bus().Address().empty());
+    ASSERT_EQ(service.Run({"-RegServer", "--destdir", host}), 0) << service.Output();
+    // The installed file names the system bus: here that is this one.
+    platform::BusConnection connection;
+    ASSERT_EQ(connection.Open(service.Bus().ForClients()), ERROR_SUCCESS);
+    const auto ask = [&](const char* member, const std::function<void(platform::MessageWriter&)>& write) {
+      platform::MessageWriter call;
+      platform::MessageReader reply;
+      platform::BusError error;
+      ASSERT_EQ(connection.NewCall("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", member, call),
+                ERROR_SUCCESS);
+      if (write) write(call);
+      ASSERT_EQ(connection.Call(std::move(call), reply, error), ERROR_SUCCESS) << error.text;
+    };
+    ask("UpdateActivationEnvironment", [&](platform::MessageWriter& call) {
+      call.OpenArray("{ss}");
+      for (const auto& [name, value] : {std::pair<std::string, std::string>("DBUS_SYSTEM_BUS_ADDRESS", service.Bus().Address()),
+                                        std::pair<std::string, std::string>("TZ", "UTC")}) {
+        call.OpenDictEntry("ss");
+        call.AppendString(name);
+        call.AppendString(value);
+        call.Close();
+      }
+      call.Close();
+    });
+    ask("ReloadConfig", {});  // the file came behind the daemon's start
+
+    SchedulerClient client;
+    ASSERT_NO_FATAL_FAILURE(service.Connect(client));
+    std::uint32_t process = 1;
+    ASSERT_EQ(client.ServiceProcess(process), 0u);
+    EXPECT_EQ(process, 0u) << "nobody asked for it yet";
+    ScheduleGuid id;
+    ASSERT_EQ(client.CreateSchedule(service.Job("nightly", platform::NowSeconds() + 6 * 3600), id), 0u)
+        << client.LastError().name << " " << client.LastError().text;
+    ASSERT_EQ(client.ServiceProcess(process), 0u);
+    ASSERT_NE(process, 0u);
+    const int descriptor = static_cast<int>(syscall(SYS_pidfd_open, static_cast<pid_t>(process), 0));
+    ASSERT_GE(descriptor, 0);
+    client.Disconnect();
+    pollfd ended = {descriptor, POLLIN, 0};
+    EXPECT_EQ(poll(&ended, 1, static_cast<int>(kPatience)), 1) << "a plain server ends with its last client";
+    close(descriptor);
+
+    // And the next call starts it anew, with what it had.
+    ASSERT_NO_FATAL_FAILURE(service.Connect(client));
+    ScheduleInfo info;
+    EXPECT_EQ(client.GetScheduleInfo(id, info), 0u) << client.LastError().text;
+    ASSERT_EQ(info.size(), 1u);
+    EXPECT_TRUE(info.records()[0].bstrName == u"nightly");
+    ASSERT_EQ(client.ServiceProcess(process), 0u);
+    const int second = static_cast<int>(syscall(SYS_pidfd_open, static_cast<pid_t>(process), 0));
+    client.Disconnect();
+    pollfd over = {second, POLLIN, 0};
+    EXPECT_EQ(poll(&over, 1, static_cast<int>(kPatience)), 1);
+    close(second);
+  }
+  fs::remove_all(pattern);
+}
+
 // --- the policy, on a bus daemon that allows nothing else ---
 
 constexpr const char* kBusHead = R"(<busconfig>

@@ -299,6 +299,23 @@ TEST_F(SchedulerLoop, SleepsForEverWhenTheScanEmptiesTheList) {
   EXPECT_TRUE(m_log.Has(3, "Service will sleep for INFINITE time"));
 }
 
+TEST_F(SchedulerLoop, SleepsForEverBehindARefreshOfAnEmptyKey) {
+  const ScheduleGuid id = Add(Daily());
+  ASSERT_EQ(DeleteRegistry(id), kStatusOk);
+  ASSERT_EQ(m_service.Refresh(), kStatusOk);
+  EXPECT_EQ(g_JobList.Size(), 0u);
+  EXPECT_TRUE(m_loop.Step());  // the refresh itself
+  m_log.Clear();
+  // No moment ends the sleep that follows, only an event.
+  std::vector<std::int64_t> wakeUps;
+  m_loop.SetSleepNotice([&](std::int64_t window) { wakeUps.push_back(window); });
+  g_SchedulerEvents.Set(MODIFY_EVENT);
+  EXPECT_TRUE(m_loop.Step());
+  EXPECT_THAT(wakeUps, ElementsAre(qx::kNoWakeUp));
+  EXPECT_THAT(m_log.texts(), ElementsAre("Service will sleep for INFINITE time", "Sleep interrupted bacause of MODIFY_EVENT"));
+  EXPECT_EQ(platform::NowSeconds(), kPresent);
+}
+
 TEST_F(SchedulerLoop, LeavesANodeOfWindowZeroAlone) {
   const ScheduleGuid id = Add(Daily());
   SetWindow(id, 0);
