@@ -9,10 +9,12 @@
 
 #include "client/cli_reg.h"
 #include "client/cli_registry.h"
-#include "common/service_install.h"
 #include "client/status_text.h"
+#include "common/service_install.h"
 #include "platform/file.h"
 #include "platform/registry.h"
+#include "platform/service_record.h"
+#include "platform/host.h"
 #include "platform/text.h"
 
 namespace qx {
@@ -191,8 +193,6 @@ constexpr char16_t kSchedulesKey[] = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\
 constexpr char16_t kVolumeManagerKey[] = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\VolumeManager";
 constexpr char16_t kRecordKey[] = u"SYSTEM\\CurrentControlSet\\Services\\QxSchedService";
 constexpr std::string_view kLocalSystem = "LocalSystem";
-constexpr const char* kUnitPlaces[] = {"/etc/systemd/system/", "/usr/lib/systemd/system/", "/lib/systemd/system/"};
-constexpr const char* kUnit = "QxSchedService.service";
 constexpr const char* kDropIn = "/etc/systemd/system/QxSchedService.service.d/account.conf";
 
 struct SettingRow {
@@ -256,33 +256,40 @@ bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
 }
 
-// Whether the host's unit of the service runs on this state directory.
-bool UnitIsOurs(const std::string& destination) {
-  for (const char* place : kUnitPlaces) {
-    std::string unit;
-    if (platform::ReadWholeFile(destination + place + kUnit, unit) != ERROR_SUCCESS) continue;
-    return unit.find(platform::StateDirectory()) != std::string::npos;
-  }
-  return false;
-}
-
-// The unit's drop-in, and the policy by which the account may own the name on the bus.
-int WriteDropIn(CliContext& context, const std::string& destination, const std::string& account) {
+// The account in the record, and from there in the host's files; nothing of a name that is no account here.
+int SetAccount(CliContext& context, const std::string& destination, const std::string& account) {
   const bool root = account == kLocalSystem;
-  std::string file = account;
-  const ErrorCode code = platform::InstallAccount(Installation(destination, {}, platform::StateDirectory(), true),
-                                                  root ? std::string() : account, file);
-  if (code != ERROR_SUCCESS) {
-    PrintError(context, "the record is changed, but not the unit: " + file + ": " + FormatStatus(0x80070000 | code));
-    PrintHint(context, "set the account again once the directory can be written to");
-    return code == platform::ERROR_ACCESS_DENIED ? kExitPermission : kExitFailed;
+  const std::string state = platform::StateDirectory();
+  std::string problem;
+  const ErrorCode code = ConfigureServiceAccount(account, destination, problem);
+  if (code == ERROR_SUCCESS) {
+    const bool onHost = ConcernsHost(destination, state) && (!destination.empty() || platform::RunsAsRoot());
+    if (!onHost) {
+      PrintNote(context, "account is " + account + " from the service's next start on");
+      return kExitDone;
+    }
+    PrintNote(context, (root ? "removed: " : "written: ") + destination + kDropIn);
+    PrintHint(context, "systemctl daemon-reload && systemctl restart QxSchedService" +
+                           (root ? std::string()
+                                 : "; " + account + " needs the state directory: chown -R " + account + " " + state));
+    return kExitDone;
   }
-  PrintNote(context, (root ? "removed: " : "written: ") + destination + kDropIn);
-  PrintHint(context, "systemctl daemon-reload && systemctl restart QxSchedService" +
-                         (root ? std::string()
-                               : "; " + account + " needs the state directory: chown -R " + account +
-                                                        " " + platform::StateDirectory()));
-  return kExitDone;
+  if (code == ERROR_FILE_NOT_FOUND) {
+    PrintError(context, "the service isn't installed: there is no record that could name an account");
+    PrintHint(context, "install it with: QxSchedService -Service");
+    return kExitNotFound;
+  }
+  if (code == platform::ERROR_INVALID_PARAMETER) {
+    PrintError(context, "config: " + problem + "; nothing is changed");
+    return kExitUsage;
+  }
+  std::u16string present;
+  const bool changed = platform::QueryServiceAccount(kServiceName, present) == ERROR_SUCCESS &&
+                       present == platform::WideFromUtf8(account);
+  PrintError(context, (changed ? "the record is changed, but not the unit: " : "config: ") + problem + ": " +
+                          FormatStatus(0x80070000 | code));
+  if (changed) PrintHint(context, "set the account again once the directory can be written to");
+  return code == platform::ERROR_ACCESS_DENIED ? kExitPermission : kExitFailed;
 }
 
 }  // namespace
@@ -351,26 +358,15 @@ int RunConfigSet(CliContext& context, const ConfigArguments& arguments) {
     return kExitUsage;
   }
   return WithKeyStore(context, false, [&] {
+    if (!row->number) return SetAccount(context, arguments.destination, value);
     platform::RegistryKey key;
-    ErrorCode code = row->number ? CreateKey(kHive, row->key, platform::KEY_ALL_ACCESS, key)
-                                 : OpenKey(kHive, row->key, platform::KEY_ALL_ACCESS, key);
-    if (code == ERROR_FILE_NOT_FOUND) {
-      PrintError(context, "the service isn't installed: there is no record that could name an account");
-      PrintHint(context, "install it with: QxSchedService -Service");
-      return static_cast<int>(kExitNotFound);
-    }
-    if (code == ERROR_SUCCESS) {
-      code = row->number ? SetDword(key, row->value, number)
-                         : SetString(key, row->value, platform::WideFromUtf8(value));
-    }
+    ErrorCode code = CreateKey(kHive, row->key, platform::KEY_ALL_ACCESS, key);
+    if (code == ERROR_SUCCESS) code = SetDword(key, row->value, number);
     if (key.IsOpen()) {
       const ErrorCode closed = key.Close();
       if (code == ERROR_SUCCESS) code = closed;
     }
     if (code != ERROR_SUCCESS) return StoreFailure(context, code);
-    if (!row->number && (!arguments.destination.empty() || UnitIsOurs(arguments.destination))) {
-      return WriteDropIn(context, arguments.destination, value);
-    }
     PrintNote(context, arguments.name + " is " + value + " from the service's next start on");
     return static_cast<int>(kExitDone);
   });

@@ -186,6 +186,15 @@ TEST_F(Config, PutsTheAccountIntoTheRecordAndTheUnitsDropIn) {
   EXPECT_EQ(DropIn(), "");
 }
 
+TEST_F(Config, TakesNoAccountThatThisHostDoesntHave) {
+  Install();
+  const Result set = Ask({"set", "account", "nosuchaccount", "--destdir", Path("host")});
+  EXPECT_EQ(set.exit, 2);
+  EXPECT_THAT(set.err, HasSubstr("\"nosuchaccount\" is no account of this host; nothing is changed"));
+  EXPECT_EQ(Reg({"get", kRecord, "ObjectName"}).out, "LocalSystem\n");
+  EXPECT_EQ(DropIn(), "");
+}
+
 TEST_F(Config, SaysWhenTheDropInCantBeWritten) {
   Install();
   Write("host", "a file, no directory");
