@@ -89,8 +89,13 @@ int AddSchedules(CliContext& context, Session& session, const std::vector<std::s
   }
   for (const Target& target : targets) {
     SCHEDULE_OBJECT record;
-    if (const int exit = session.Fetch(target, record); exit != kExitDone) return exit;
     const std::string id = IdText(target.id);
+    if (const int exit = session.Fetch(target, record); exit != kExitDone) {
+      // Deleted since the list was read; of many that happens.
+      if (!all || exit != kExitNotFound) return exit;
+      PrintNote(context, id + ": is left out");
+      continue;
+    }
     if (const Status status = builder.Add(NameOf(record, id.substr(1, 8)), record); status != kStatusOk) {
       if (!all) return session.Fail(status, id);
       PrintNote(context, id + ": is left out: " + FormatStatus(status));

@@ -57,6 +57,17 @@ TEST_F(CalendarCommand, ShowsAllSchedulesOfTheServiceOrThoseNamed) {
   EXPECT_THAT(page.out, HasSubstr("EF120003")) << "without a name, the beginning of the ID";
 }
 
+TEST_F(CalendarCommand, LeavesOutAScheduleThatIsDeletedMeanwhile) {
+  (void)Have(Id(0xAB120000), u"stays", static_cast<std::int32_t>(platform::NowSeconds() + 3600));
+  (void)Have(Id(0xAB120001), u"goes", static_cast<std::int32_t>(platform::NowSeconds() + 3600));
+  service.beforeGet = [this] { service.schedules.erase(Id(0xAB120001)); };
+  const Result all = Ask({"calendar", "--month", "2026-12"});
+  EXPECT_EQ(all.exit, qx::kExitDone);
+  EXPECT_THAT(all.out, HasSubstr("1 schedule, "));
+  EXPECT_THAT(all.err, HasSubstr("{AB120001-0000-4001-8000-000000000000}: is left out"));
+  EXPECT_EQ(Ask({"calendar", "{AB120001-0000-4001-8000-000000000000}", "--month", "2026-12"}).exit, qx::kExitNotFound);
+}
+
 TEST_F(CalendarCommand, TakesFilesAndSchedulesTogether) {
   Have(Id(0xAB120001), u"one", kTonight);
   const Result result = Ask({"calendar", "one", Write("daily.toml", kDaily), "--month", "2026-12"});
