@@ -212,4 +212,13 @@ std::int64_t StampPipe::ReadLast(std::size_t count) const {
   return last;
 }
 
+std::int64_t StampPipe::ReadNext() const {
+  std::int64_t number = 0;
+  for (char byte = '0'; byte != '\n';) {
+    Demand(read(m_descriptor, &byte, 1) == 1, "no stamp");
+    if (byte != '\n') number = number * 10 + (byte - '0');
+  }
+  return number;
+}
+
 }  // namespace qx::bench

@@ -71,6 +71,8 @@ class StampPipe {
   [[nodiscard]] const std::string& Path() const { return m_path; }
   // Waits for `count` stamps: the latest of them.
   [[nodiscard]] std::int64_t ReadLast(std::size_t count) const;
+  // Waits for one stamp, the oldest that wasn't read.
+  [[nodiscard]] std::int64_t ReadNext() const;
 
  private:
   std::string m_path;
