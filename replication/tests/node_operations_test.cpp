@@ -1,6 +1,8 @@
 #include "replication/node_operations.h"
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
 #include "platform/event_log.h"
 #include "platform/service_record.h"
@@ -12,13 +14,13 @@
 namespace qx {
 namespace {
 
+using platform::FaultPlan;
+using platform::Operation;
 using ::testing::Contains;
 using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using platform::FaultPlan;
-using platform::Operation;
 
 // Nobody takes a connection to it.
 constexpr const char16_t* kDeadNode = u"255.255.255.255";
@@ -66,7 +68,9 @@ class NodeOperations : public testing::ReplicationFixture {
     }
     return m_operations.PerformOperationOnNodes(u"/bin/true", count, names, m_results);
   }
-  Status Run(Which which, const NodeNames& names) { return Run(which, names, static_cast<std::uint32_t>(names.size())); }
+  Status Run(Which which, const NodeNames& names) {
+    return Run(which, names, static_cast<std::uint32_t>(names.size()));
+  }
 
   // The object's own methods: what they are asked and what they answer.
   class Self : public ISchedulerService {
@@ -148,6 +152,23 @@ TEST_F(NodeOperations, ANodesOwnResultComesBack) {
   EXPECT_EQ(m_operations.ModifyScheduleOnNodes(m_self, m_id, changed, 2, {u"localhost", u"127.0.0.2"}, m_results), 1u);
   EXPECT_THAT(m_results, ElementsAre(0, static_cast<std::int32_t>(kStatusImmutable)));
   EXPECT_TRUE(m_log.Has(1, "ModifyScheduleOnNodes:Failed ReceiveAck with error: 1"));
+}
+
+TEST_F(NodeOperations, SeveralCallsAtOnceAreEachServed) {
+  constexpr int kCallers = 8, kCalls = 10;
+  std::vector<std::thread> callers;
+  std::atomic<int> done = 0;
+  for (int caller = 0; caller < kCallers; ++caller) {
+    callers.emplace_back([&, caller] {
+      const NodeNames names = {u"localhost", testing::Wide("127.0.1." + std::to_string(caller + 1))};
+      for (int call = 0; call < kCalls; ++call) {
+        NodeResults results(2, 77);
+        if (m_operations.PerformOperationOnNodes(u"/bin/true", 2, names, results) == 0 && results[1] == 0) ++done;
+      }
+    });
+  }
+  for (std::thread& caller : callers) caller.join();
+  EXPECT_EQ(done, kCallers * kCalls);
 }
 
 TEST_F(NodeOperations, NoNodesAreRefusedAndTheArraysLeftAlone) {
@@ -250,7 +271,8 @@ TEST_F(NodeOperations, ALinkLocalAddressIsNeverTried) {
 }
 
 TEST_F(NodeOperations, ASilentNodeRaisesNoFailure) {
-  const FaultPlan plan = FaultPlan::FailCall(Operation::kSocketSelect, 1, platform::ERROR_TIMEOUT, platform::kOnce, "any");
+  const FaultPlan plan =
+      FaultPlan::FailCall(Operation::kSocketSelect, 1, platform::ERROR_TIMEOUT, platform::kOnce, "any");
   EXPECT_EQ(Run(Which::kDelete, {u"127.0.0.2", u"localhost"}), 0u);
   EXPECT_THAT(m_results, ElementsAre(1, 0));
 }
@@ -271,17 +293,24 @@ TEST_F(NodeOperations, EachFailureOnTheWayToANodeHasItsWords) {
     const char* texts[4];  // of the four operations
   };
   const Case kCases[] = {
-      {Operation::kInitializeSecurityContext, "", 1,
-       {"CreateScheduleOnNodes: createContext failed", "DeleteScheduleOnNodes: createContext with node : 127.0.0.2 failed",
+      {Operation::kInitializeSecurityContext,
+       "",
+       1,
+       {"CreateScheduleOnNodes: createContext failed",
+        "DeleteScheduleOnNodes: createContext with node : 127.0.0.2 failed",
         "ModifyScheduleOnNodes: createContext with node: 127.0.0.2 failed",
         "PerformOperationOnNodes: createContext with node: 127.0.0.2 failed"}},
       // The exchange fails on this side: its first export is the initiator's.
-      {Operation::kCryptExportKey, "", 1,
+      {Operation::kCryptExportKey,
+       "",
+       1,
        {"CreateScheduleOnNodes: exchange keys with node: 127.0.0.2 failed",
         "DeleteScheduleOnNodes: exchange keys with node: 127.0.0.2 failed",
         "DeleteScheduleOnNodes: exchange keys with node: 127.0.0.2 failed",
         "DeleteScheduleOnNodes: exchange keys with node: 127.0.0.2 failed"}},
-      {Operation::kCryptEncrypt, "", 1,
+      {Operation::kCryptEncrypt,
+       "",
+       1,
        {"CryptEncrypt failed with error : 80090020=\n", "CryptEncrypt failed with error : 80090020=\n",
         "CryptEncrypt failed with error : 80090020=\n", "CryptEncrypt failed with error : 80090020=\n"}},
   };
@@ -302,16 +331,24 @@ TEST_F(NodeOperations, EachFailureAheadOfTheNodesHasItsWords) {
     Operation operation;
     const char* detail;
     int call;
-    const char* text;         // behind the operation's name
-    const char* second;       // {verb} is the operation's; null for none
+    const char* text;    // behind the operation's name
+    const char* second;  // {verb} is the operation's; null for none
     const char* verbs[4];
   } kCases[] = {
       {Operation::kAcquireCredentials, "", 1, ": AcquireCredentialsHandle failed. Error 0x8.", nullptr, {}},
-      {Operation::kAllocate, "m_socket", 1, ":calloc(m_socket) failed", ":Failed to {verb} the registry on remote hosts",
+      {Operation::kAllocate,
+       "m_socket",
+       1,
+       ":calloc(m_socket) failed",
+       ":Failed to {verb} the registry on remote hosts",
        {"modify", "delete", "modify", "modify"}},
       {Operation::kAllocate, "OnNodes body", 1, ": Calloc failed", nullptr, {}},
-      {Operation::kConvertText, "WideCharToMultiByte", 1, ":Failed CreateXMLString",
-       ":Failed to {verb} schedule on all remote hosts", {"create", "delete", "modify", "create"}},
+      {Operation::kConvertText,
+       "WideCharToMultiByte",
+       1,
+       ":Failed CreateXMLString",
+       ":Failed to {verb} schedule on all remote hosts",
+       {"create", "delete", "modify", "create"}},
   };
   for (const auto& c : kCases) {
     for (const Which which : kAll) {
@@ -356,7 +393,8 @@ TEST_F(NodeOperations, ACreationsWordsAreTheseToTheLetter) {
        "CreateScheduleOnNodes:Failed to convert BSTR(NodeName) to char*(NodeName)."},
       {Operation::kResolveAddress, "127.0.0.2", 1,
        "CreateScheduleOnNodes:Failed to create socket(), NodeName: 127.0.0.2, Error: 8."},
-      {Operation::kSocketConnect, "", 1, "CreateScheduleOnNodes:Failed to create socket(), NodeName: 127.0.0.2, Error: 8."},
+      {Operation::kSocketConnect, "", 1,
+       "CreateScheduleOnNodes:Failed to create socket(), NodeName: 127.0.0.2, Error: 8."},
       {Operation::kInitializeSecurityContext, "", 1, "CreateScheduleOnNodes: createContext failed"},
       {Operation::kCryptExportKey, "", 1, "CreateScheduleOnNodes: exchange keys with node: 127.0.0.2 failed"},
       // Behind two tokens and a key of each side, header and payload, comes the operation.
@@ -366,7 +404,8 @@ TEST_F(NodeOperations, ACreationsWordsAreTheseToTheLetter) {
   };
   for (const auto& c : kFailures) {
     m_log.Clear();
-    const bool refused = c.operation == Operation::kInitializeSecurityContext || c.operation == Operation::kCryptExportKey;
+    const bool refused =
+        c.operation == Operation::kInitializeSecurityContext || c.operation == Operation::kCryptExportKey;
     const FaultPlan plan =
         FaultPlan::FailCall(c.operation, c.call, refused ? 0x80090020 : 8, platform::kOnce, c.detail);
     EXPECT_NE(Run(Which::kCreate, {u"127.0.0.2", u"localhost"}), 0u) << c.text;
@@ -447,7 +486,9 @@ TEST_F(NodeOperations, APeerStartedAnewIsReachedByTheNextCall) {
   CKeyManager keys;
   CListener second(keys);
   platform::Thread thread;
-  ASSERT_EQ(platform::Thread::Start("SocketThread", [&] { (void)second.SocketThread(0); }, thread), 0u);
+  ASSERT_EQ(platform::Thread::Start(
+                "SocketThread", [&] { (void)second.SocketThread(0); }, thread),
+            0u);
   ASSERT_TRUE(testing::WaitUntil([&] { return second.Port() != 0; }));
   m_operations.SetPort(second.Port());
   EXPECT_EQ(Run(Which::kDelete, {u"127.0.0.2", u"localhost"}), 0u);
@@ -476,8 +517,9 @@ TEST_F(NodeOperations, TheConversationIsTokensKeysOperationAndAnswer) {
     std::size_t least, most;  // payload bytes
   };
   const Expected kExpected[] = {
-      {true, MSG_CONTEXT_REQUEST, 60, 100},  {false, MSG_CONTEXT_REPLY, 120, 250}, {true, MSG_CONTEXT_REQUEST, 250, 400},
-      {false, MSG_CONTEXT_REPLY, 9, 60},     {true, MSG_PUBLIC_KEY, 276, 276},     {false, MSG_PUBLIC_KEY, 276, 276},
+      {true, MSG_CONTEXT_REQUEST, 60, 100},  {false, MSG_CONTEXT_REPLY, 120, 250},
+      {true, MSG_CONTEXT_REQUEST, 250, 400}, {false, MSG_CONTEXT_REPLY, 9, 60},
+      {true, MSG_PUBLIC_KEY, 276, 276},      {false, MSG_PUBLIC_KEY, 276, 276},
       {true, MSG_DELETE, 256, 256},          {false, MSG_DELETE | ACK_FLAG, 256, 256},
   };
   ASSERT_EQ(messages.size(), std::size(kExpected));
@@ -524,8 +566,9 @@ TEST_F(NodeOperations, TheChannelRefusesACredentialsFileThatOthersMayRead) {
                                " can be read or written by others (its mode must be 0600)"));
   EXPECT_EQ(Run(Which::kDelete, {u"localhost", u"127.0.0.2"}), 1u);
   EXPECT_TRUE(m_log.Has(1, "DeleteScheduleOnNodes: AcquireCredentialsHandle failed. Error 0x8009030e."));
-  EXPECT_TRUE(m_log.Has(1, "AcquireCredHandle: no credentials file and no keytab: NTLM_USER_FILE is /dev/null, "
-                           "KRB5_CLIENT_KTNAME is not set"));
+  EXPECT_TRUE(m_log.Has(1,
+                        "AcquireCredHandle: no credentials file and no keytab: NTLM_USER_FILE is /dev/null, "
+                        "KRB5_CLIENT_KTNAME is not set"));
 }
 
 }  // namespace
