@@ -1,13 +1,17 @@
 #include "platform/guid.h"
 
 #include <sys/random.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "platform/fault_point.h"
 
 namespace platform {
 namespace {
+
+constexpr std::size_t kIdsAtATime = 64;  // of the kernel's random bytes
 
 constexpr std::u16string_view kDigits = u"0123456789ABCDEF";
 
@@ -68,15 +72,25 @@ class Reader {
 
 ErrorCode CreateGuid(GUID& out) {
   if (const ErrorCode fault = FaultAt(Operation::kCreateGuid); fault != ERROR_SUCCESS) return fault;
-  unsigned char bytes[sizeof(GUID)];
-  for (std::size_t got = 0; got < sizeof bytes;) {
-    const ssize_t count = getrandom(bytes + got, sizeof bytes - got, 0);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return ErrorCodeFromErrno(errno);
-    got += static_cast<std::size_t>(count);
+  // The kernel is asked for many at a time: a start makes one for each rule object. A fork's child begins anew.
+  thread_local struct {
+    pid_t process = 0;
+    std::size_t left = 0;
+    GUID ids[kIdsAtATime];
+  } pool;
+  if (pool.left == 0 || pool.process != ::getpid()) {
+    pool.left = 0;
+    auto* const bytes = reinterpret_cast<unsigned char*>(pool.ids);
+    for (std::size_t got = 0; got < sizeof pool.ids;) {
+      const ssize_t count = getrandom(bytes + got, sizeof pool.ids - got, 0);
+      if (count < 0 && errno == EINTR) continue;
+      if (count < 0) return ErrorCodeFromErrno(errno);
+      got += static_cast<std::size_t>(count);
+    }
+    pool.process = ::getpid();
+    pool.left = kIdsAtATime;
   }
-  GUID guid;
-  std::memcpy(&guid, bytes, sizeof guid);
+  GUID guid = std::exchange(pool.ids[--pool.left], GUID());
   guid.Data3 = static_cast<std::uint16_t>((guid.Data3 & 0x0FFF) | 0x4000);   // version 4: random
   guid.Data4[0] = static_cast<std::uint8_t>((guid.Data4[0] & 0x3F) | 0x80);  // variant 10
   out = guid;

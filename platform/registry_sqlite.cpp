@@ -566,6 +566,13 @@ ErrorCode CheckOrigin(sqlite3* db, const std::string& path, bool& isNew, std::st
 
 // Makes the file when absent, for its owner alone: the log and its index copy this mode.
 ErrorCode TouchFile(const std::string& path, std::string& why) {
+  struct stat present {};
+  if (::stat(path.c_str(), &present) == 0 && S_ISREG(present.st_mode)) {
+    // Not opened: its close would take the locks of other connections of this process away.
+    if (::faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK, AT_EACCESS) == 0) return ERROR_SUCCESS;
+    why = path + ": " + std::strerror(errno);
+    return ErrorCodeFromErrno(errno);
+  }
   const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
   const int error = fd < 0 ? errno : 0;
   struct stat status {};

@@ -1,5 +1,7 @@
 #include "service/run_thread.h"
 
+#include <utility>
+
 #include "foundation/include/zfclog.h"
 #include "platform/fault_point.h"
 #include "platform/registry.h"
@@ -81,7 +83,7 @@ Status RunThread(RunThreadParts& parts) {
   const std::int32_t bias = platform::GetTimeZoneInformation().bias;
   parts.timeChange.SaveBias(bias);
   AnnounceTimeZone(3, u"Intial TimeZone = %S", bias);
-  const Status populated = PopulateJobList();
+  const Status populated = PopulateJobList(std::move(parts.ahead));
   StartWorkers(parts);
   if (const ErrorCode code = StartSockets(parts.nodes); code != ERROR_SUCCESS) {
     ServiceLog(1, u"WSAStartup failed with error %d\n", code);

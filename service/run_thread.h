@@ -4,10 +4,12 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "common/service_install.h"
 #include "interface/records.h"
 #include "platform/thread.h"
+#include "service/load_ahead.h"
 #include "service/node_channel.h"
 #include "service/scheduler_loop.h"
 #include "service/time_change_thread.h"
@@ -24,6 +26,7 @@ struct RunThreadParts {
   CSchedulerLoop& loop;
   CTimeChangeThread& timeChange;
   INodeChannel* nodes = nullptr;  // null: nothing is carried to other nodes
+  std::unique_ptr<LoadAhead> ahead{};  // what was begun to load the schedules ahead; taken
 
   // Results.
   std::uint16_t port = 0;

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <memory>
 #include <utility>
 
 #include "foundation/include/zfcdbg.h"
@@ -188,6 +189,8 @@ int CServiceModule::Start() {
                      : "The state directory " + directory + " can't be locked, error " + std::to_string(rc));
     return kExitFailed;
   }
+  // The check of the store and the loading of the schedules read other parts of it, and can do so side by side.
+  m_parts.ahead = std::make_unique<LoadAhead>(RegistryFile(directory));
   if (!OpenStore()) return kExitFailed;
   if (rc = ReadApplicationKey(); rc != ERROR_SUCCESS) return unregistered(rc);
   if (rc = CreateStateFolders(); rc != ERROR_SUCCESS) {
@@ -210,6 +213,7 @@ bool CServiceModule::OpenStore() {
   const std::string file = RegistryFile(platform::StateDirectory());
   std::string where;
   if (const ErrorCode rc = platform::CheckRegistryStore(file, where); rc != ERROR_SUCCESS) {
+    m_parts.ahead.reset();
     ComplainUtf8("The registry " + file + " is damaged: " + where);
     std::string copy;
     const ErrorCode kept = platform::KeepDamagedCopy(file, copy);

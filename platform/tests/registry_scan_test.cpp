@@ -1,8 +1,10 @@
 #include "platform/registry_scan.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -159,6 +161,28 @@ TEST_F(RegistryScanTest, NeedsNoOpenStore) {
   EXPECT_FALSE(scan.Holds());
   ASSERT_EQ(OpenRegistryStore(m_path), 0u);
   EXPECT_TRUE(scan.Holds());
+}
+
+// Whoever opened the store while it is read keeps other programs from taking its log away.
+TEST_F(RegistryScanTest, LeavesTheLocksOfAStoreThatIsOpenedMeanwhile) {
+  m_many.Close();
+  ASSERT_EQ(CloseRegistryStore(), 0u);
+  {
+    RegistryScan scan;
+    ASSERT_TRUE(Open(scan));
+    ASSERT_EQ(OpenRegistryStore(m_path), 0u);
+    ASSERT_EQ(OpenKey(Hive::kCurrentUser, kMany, KEY_READ, m_many), 0u);
+  }
+  const int fd = ::open(m_path.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  struct flock lock {};  // the range that readers share
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = 0x40000002;
+  lock.l_len = 510;
+  EXPECT_EQ(::fcntl(fd, F_OFD_GETLK, &lock), 0);
+  EXPECT_EQ(lock.l_type, F_RDLCK);
+  ::close(fd);
 }
 
 TEST_F(RegistryScanTest, HoldsUntilThisProcessWrites) {
