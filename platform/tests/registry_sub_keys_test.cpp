@@ -11,30 +11,15 @@
 #include <vector>
 
 #include "platform/testing/fault.h"
+#include "platform/tests/store_fixture.h"
 
 namespace platform {
 namespace {
 
 using ::testing::ElementsAre;
 
-// A fresh directory with an open store in it.
-class RegistrySubKeys : public ::testing::Test {
+class RegistrySubKeys : public StoreFixture {
  protected:
-  void SetUp() override {
-    std::string name = (std::filesystem::temp_directory_path() / "qxsubXXXXXX").string();
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    m_folder = name;
-    m_path = (m_folder / "registry.db").string();
-    ASSERT_EQ(OpenRegistryStore(m_path), 0u);
-  }
-  void TearDown() override {
-    if (IsRegistryStoreOpen()) (void)CloseRegistryStore();
-    std::filesystem::remove_all(m_folder);
-  }
-  void Reopen() {
-    ASSERT_EQ(CloseRegistryStore(), 0u);
-    ASSERT_EQ(OpenRegistryStore(m_path), 0u);
-  }
   // Made and committed, and opened anew.
   static RegistryKey Make(std::u16string_view path) {
     RegistryKey key;
@@ -43,8 +28,6 @@ class RegistrySubKeys : public ::testing::Test {
     EXPECT_EQ(OpenKey(Hive::kCurrentUser, path, KEY_ALL_ACCESS, key), 0u);
     return key;
   }
-  std::filesystem::path m_folder;
-  std::string m_path;
 };
 
 // What ReadSubKeys() tells of the values "text" and "number", one line a sub key.

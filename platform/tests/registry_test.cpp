@@ -21,6 +21,7 @@
 
 #include "platform/testing/fault.h"
 #include "platform/testing/registry_hook.h"
+#include "platform/tests/store_fixture.h"
 
 namespace platform {
 namespace {
@@ -37,25 +38,8 @@ std::u16string Number(int i) {
   return {text.begin(), text.end()};
 }
 
-// A fresh directory with an open store in it.
-class Registry : public ::testing::Test {
+class Registry : public StoreFixture {
  protected:
-  void SetUp() override {
-    std::string name = (std::filesystem::temp_directory_path() / "qxregXXXXXX").string();
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    m_folder = name;
-    m_path = m_folder / "registry.db";
-    ASSERT_EQ(OpenRegistryStore(m_path), 0u);
-  }
-  void TearDown() override {
-    if (IsRegistryStoreOpen()) (void)CloseRegistryStore();
-    std::filesystem::remove_all(m_folder);
-  }
-
-  void Reopen() {
-    ASSERT_EQ(CloseRegistryStore(), 0u);
-    ASSERT_EQ(OpenRegistryStore(m_path), 0u);
-  }
   static RegistryKey Make(std::u16string_view path) {
     RegistryKey key;
     EXPECT_EQ(CreateKey(Hive::kCurrentUser, path, KEY_ALL_ACCESS, key), 0u);
@@ -85,9 +69,6 @@ class Registry : public ::testing::Test {
     EXPECT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
     sqlite3_close(db);
   }
-
-  std::filesystem::path m_folder;
-  std::string m_path;
 };
 
 // --- The store's life ---

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 
+#include "service/tests/missing_values.h"
 #include "service/tests/service_fixture.h"
 
 namespace {
@@ -99,29 +100,15 @@ TEST_F(Populate, MovesACopyThatLiesAsideBackFirst) {
   EXPECT_TRUE(std::filesystem::exists(IniFile(id)));
 }
 
-struct BadValue {
-  int line;
-  const char16_t* name;
-  const char* text;
-};
-const BadValue kBadValues[] = {
-    {__LINE__, u"XMLFilePathName", "Query Value of XML file path failed"},
-    {__LINE__, u"UseGUID", "Query Value of UseGUID fails"},
-    {__LINE__, u"WrapperBinary", "Query Value of wrapper binary fails"},
-    {__LINE__, u"Parameters", "Query Value of parameters failed"},
-    {__LINE__, u"PostScript", "Query Value of post script failed "},
-    {__LINE__, u"PreScript", "Query Value of prescript failed "},
-};
-
 TEST_F(Populate, SkipsAScheduleWithAMissingValueAndLoadsTheOthers) {
   const ScheduleGuid good = Create(Daily());
-  for (const BadValue& c : kBadValues) {
+  for (const auto& c : qx::testing::kMissingValues) {
     const ScheduleGuid bad = Create(Daily());
     RemoveValue(bad, c.name);
     Reload();
-    EXPECT_THAT(m_log.texts(1), ElementsAre(c.text)) << c.line;
-    EXPECT_THAT(ListedIds(), ElementsAre(Text(good))) << c.line;
-    EXPECT_TRUE(HasKey(bad) && std::filesystem::exists(IniFile(bad))) << c.line;
+    EXPECT_THAT(m_log.texts(1), ElementsAre(c.text)) << c.text;
+    EXPECT_THAT(ListedIds(), ElementsAre(Text(good))) << c.text;
+    EXPECT_TRUE(HasKey(bad) && std::filesystem::exists(IniFile(bad))) << c.text;
     ASSERT_EQ(DeleteRegistry(bad), kStatusOk);
   }
 }

@@ -2,6 +2,7 @@
 #include <filesystem>
 
 #include "common/zep_factory.h"
+#include "service/tests/missing_values.h"
 #include "service/tests/service_fixture.h"
 #include "service/time_change.h"
 
@@ -40,29 +41,15 @@ class Revival : public qx::testing::ServiceFixture {
   }
 };
 
-struct ValueCase {
-  int line;
-  const char16_t* name;
-  const char* text;
-};
-const ValueCase kValues[] = {
-    {__LINE__, u"XMLFilePathName", "Query Value of XML file path failed"},
-    {__LINE__, u"UseGUID", "Query Value of UseGUID fails"},
-    {__LINE__, u"WrapperBinary", "Query Value of wrapper binary fails"},
-    {__LINE__, u"Parameters", "Query Value of parameters failed"},
-    {__LINE__, u"PostScript", "Query Value of post script failed "},
-    {__LINE__, u"PreScript", "Query Value of prescript failed "},
-};
-
 TEST_F(Revival, TellsWhichValueIsMissingAndBringsTheOthersBack) {
   const ScheduleGuid good = Lost();
-  for (const ValueCase& c : kValues) {
+  for (const auto& c : qx::testing::kMissingValues) {
     const ScheduleGuid bad = Lost();
     RemoveValue(bad, c.name);
     m_log.Clear();
     Pass();
-    EXPECT_THAT(m_log.texts(1), ElementsAre(c.text)) << c.line;
-    EXPECT_THAT(ListedIds(), ElementsAre(Text(good))) << c.line;
+    EXPECT_THAT(m_log.texts(1), ElementsAre(c.text)) << c.text;
+    EXPECT_THAT(ListedIds(), ElementsAre(Text(good))) << c.text;
     ASSERT_EQ(DeleteRegistry(bad), kStatusOk);
     Forget(good);
   }
