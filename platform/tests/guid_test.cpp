@@ -1,6 +1,8 @@
 #include "platform/guid.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <set>
 
@@ -34,6 +36,29 @@ TEST(Guid, NewIdentifiersDiffer) {
     ASSERT_EQ(CreateGuid(made), ERROR_SUCCESS);
     EXPECT_TRUE(seen.insert(made).second);
   }
+}
+
+TEST(Guid, AForkDoesNotMakeTheIdentifiersOfItsParent) {
+  GUID first;
+  ASSERT_EQ(CreateGuid(first), ERROR_SUCCESS);
+  int ends[2] = {};
+  ASSERT_EQ(::pipe(ends), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    GUID made;
+    const bool good = CreateGuid(made) == ERROR_SUCCESS && ::write(ends[1], &made, sizeof made) == sizeof made;
+    ::_exit(good ? 0 : 1);
+  }
+  GUID own, ofChild;
+  EXPECT_EQ(CreateGuid(own), ERROR_SUCCESS);
+  EXPECT_EQ(::read(ends[0], &ofChild, sizeof ofChild), static_cast<ssize_t>(sizeof ofChild));
+  EXPECT_NE(own, ofChild);
+  int status = -1;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  ::close(ends[0]);
+  ::close(ends[1]);
 }
 
 TEST(Guid, OrderIsThatOfTheBytesInMemory) {
