@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <ostream>
 #include <set>
 #include <string>
 
@@ -140,6 +141,9 @@ struct Kind {
   std::size_t copies;
   std::size_t kept;
 };
+void PrintTo(const Kind& kind, std::ostream* out) {
+  *out << kind.name;
+}
 
 class PageInABrowser : public testing::Test {
  protected:
