@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/clock.h"
 #include "platform/testing/fault.h"
 #include "platform/testing/registry_hook.h"
 #include "platform/tests/store_fixture.h"
@@ -230,6 +231,51 @@ void DieAfter(Work work) {
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+TEST_F(Registry, ValuesReadBehindAQuestionAboutTheirKeyShowWhatWasWrittenMeanwhile) {
+  RegistryKey writer = Make(u"Copies\\Key");
+  ASSERT_EQ(SetDword(writer, u"A", 1), 0u);
+  ASSERT_EQ(SetDword(writer, u"B", 1), 0u);
+  ASSERT_EQ(writer.Close(), 0u);
+  RegistryKey reader;
+  ASSERT_EQ(OpenKey(Hive::kCurrentUser, u"Copies\\Key", KEY_READ, reader), 0u);
+  KeyInfo info;
+  ASSERT_EQ(QueryInfoKey(reader, info), 0u);
+  EXPECT_EQ(info.valueCount, 2u);
+  std::uint32_t value = 0;
+  EXPECT_EQ(ReadRegistryDword(reader, u"a", value), 0u);
+  EXPECT_EQ(value, 1u);
+  EXPECT_EQ(ReadRegistryDword(reader, u"C", value), ERROR_FILE_NOT_FOUND);
+
+  ASSERT_EQ(OpenKey(Hive::kCurrentUser, u"Copies\\Key", KEY_ALL_ACCESS, writer), 0u);
+  ASSERT_EQ(SetDword(writer, u"A", 2), 0u);
+  EXPECT_EQ(ReadRegistryDword(reader, u"A", value), 0u);
+  EXPECT_EQ(value, 2u);
+  ASSERT_EQ(QueryInfoKey(reader, info), 0u);
+  ASSERT_EQ(DeleteValue(writer, u"B"), 0u);
+  EXPECT_EQ(ReadRegistryDword(reader, u"B", value), ERROR_FILE_NOT_FOUND);
+  ASSERT_EQ(writer.Close(), 0u);
+
+  // What another program writes shows within milliseconds.
+  ASSERT_EQ(QueryInfoKey(reader, info), 0u);
+  RunSql("UPDATE vals SET data=x'07000000' WHERE fold=x'0041'");
+  const std::uint32_t begun = TickCount();
+  do {
+    ASSERT_EQ(ReadRegistryDword(reader, u"A", value), 0u);
+  } while (value != 7 && TickCount() - begun < 60000);
+  EXPECT_EQ(value, 7u);
+}
+
+TEST_F(Registry, APathThatWasFollowedIsFollowedAnewBehindAnyChange) {
+  ASSERT_EQ(Make(u"Way\\To\\Key").Close(), 0u);
+  EXPECT_EQ(Has(u"Way\\To\\Key"), 0u);
+  RunSql("DELETE FROM keys WHERE id=(SELECT max(id) FROM keys)");
+  EXPECT_EQ(Has(u"Way\\To\\Key"), ERROR_FILE_NOT_FOUND);
+  ASSERT_EQ(Make(u"Way\\To\\Key").Close(), 0u);
+  EXPECT_EQ(Has(u"Way\\To\\Key"), 0u);
+  ASSERT_EQ(DeleteTree(Hive::kCurrentUser, u"Way"), 0u);
+  EXPECT_EQ(Has(u"Way\\To\\Key"), ERROR_FILE_NOT_FOUND);
 }
 
 TEST_F(Registry, ForgetsTheOpenBatchOfAProcessThatDies) {
