@@ -1002,6 +1002,10 @@ ErrorCode Store::SubKeys(Place place, std::u16string_view after, std::size_t mos
     int rc = SQLITE_OK;
     while ((rc = keys.Step()) == SQLITE_ROW) {
       any = true;
+      if (!value) {
+        subKey(keys.Name(1), ERROR_SUCCESS);
+        continue;
+      }
       Use values(m_sql[kValues]);
       values.Arg(keys.Int(0));
       int read = SQLITE_OK;
@@ -1697,11 +1701,14 @@ ErrorCode ReadSubKeys(const RegistryKey& key, std::u16string_view after, std::si
   const Guard guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToRead(key, KEY_READ, handle); code != ERROR_SUCCESS) return code;
+  Store::ValueSeen note;
+  if (!names.empty()) {
+    note = [&](std::span<const std::byte> fold, std::uint32_t type, std::span<const std::byte> data) {
+      reading.Note(fold, type, data);
+    };
+  }
   return g_store->SubKeys(
-      handle->place, after, most,
-      [&](std::span<const std::byte> fold, std::uint32_t type, std::span<const std::byte> data) {
-        reading.Note(fold, type, data);
-      },
+      handle->place, after, most, note,
       [&](std::u16string name, ErrorCode failure) { reading.Tell(std::move(name), failure, seen); });
 }
 

@@ -7,6 +7,7 @@
 #include "platform/clock.h"
 #include "platform/guid.h"
 #include "platform/memory.h"
+#include "platform/registry_sub_keys.h"
 
 using platform::ErrorCode;
 using platform::ERROR_SUCCESS;
@@ -19,6 +20,7 @@ namespace {
 // What "LastOperation" says.
 constexpr std::uint32_t kCreated = 1;
 constexpr std::uint32_t kModified = 2;
+constexpr std::size_t kNamesAtOnce = 512;
 
 // One value of a schedule's key and the field that it stands for.
 struct TextRow {
@@ -317,16 +319,22 @@ int RegistryExists(const ScheduleGuid& id, int& failed) {
     ServiceLog(1, u"Memory is not allocated, registryExists");
     return 0;
   }
-  for (std::uint32_t i = 0; i < info.subKeyCount; ++i) {
-    auto length = static_cast<std::uint32_t>(name.size());
-    if (!Done(platform::EnumKey(schedules, i, name.get(), &length))) return 0;
-    if (wanted == std::u16string_view(name.get(), length)) {
-      failed = 0;
-      return 1;
-    }
+  // The names come many at a look: a peer's change costs little beside a hundred thousand schedules.
+  std::u16string last;
+  std::uint32_t seen = 0;
+  bool found = false;
+  while (seen < info.subKeyCount && !found) {
+    const std::uint32_t before = seen;
+    const ErrorCode code = platform::ReadSubKeys(schedules, last, kNamesAtOnce, {}, [&](const platform::SubKeyValues& key) {
+      if (seen == info.subKeyCount) return;
+      ++seen;
+      last = key.Name();
+      found = found || last == wanted;
+    });
+    if (!Done(code) || (seen == before && !Done(platform::ERROR_NO_MORE_ITEMS))) return 0;
   }
   failed = 0;
-  return 0;
+  return found ? 1 : 0;
 }
 
 namespace {

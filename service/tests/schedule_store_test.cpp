@@ -119,6 +119,32 @@ TEST_F(ScheduleStore, TakesANullIdentityForTheEmptyOne) {
   EXPECT_EQ(ModifyRegistry(kId, record), 0u);
 }
 
+TEST_F(ScheduleStore, FindsAScheduleAmongMoreThanOneLookReads) {
+  platform::RegistryKey schedules;
+  ASSERT_EQ(platform::OpenKey(platform::Hive::kLocalMachine, qx::kSchedulesKey, platform::KEY_ALL_ACCESS, schedules), 0u);
+  const auto idOf = [](std::uint32_t number) {
+    ScheduleGuid id = kId;
+    id.Data1 = number;
+    return id;
+  };
+  constexpr std::uint32_t kCount = 1100;  // two looks of 512, and a part
+  for (std::uint32_t i = 0; i < kCount; ++i) {
+    platform::RegistryKey key;
+    ASSERT_EQ(platform::CreateKey(schedules, platform::GuidText(idOf(2 * i)), platform::KEY_ALL_ACCESS, key), 0u);
+  }
+  for (const std::uint32_t i : {0u, 1u, 511u, 512u, 1023u, 1024u, kCount - 1}) {
+    int failed = 9;
+    EXPECT_EQ(RegistryExists(idOf(2 * i), failed), 1) << i;
+    EXPECT_EQ(failed, 0) << i;
+    EXPECT_EQ(RegistryExists(idOf(2 * i + 1), failed), 0) << i;
+    EXPECT_EQ(failed, 0) << i;
+  }
+  const auto plan = platform::FaultPlan::FailCall(platform::Operation::kRegEnumKey, 3, platform::ERROR_ACCESS_DENIED);
+  int failed = 9;
+  EXPECT_EQ(RegistryExists(idOf(2 * kCount), failed), 0);
+  EXPECT_EQ(failed, 1);
+}
+
 TEST_F(ScheduleStore, KnowsWhichSchedulesAreThere) {
   int failed = 9;
   EXPECT_EQ(RegistryExists(kId, failed), 0);

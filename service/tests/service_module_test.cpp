@@ -1,6 +1,7 @@
 #include "service/service_module.h"
 
 #include "platform/event_log.h"
+#include "platform/text.h"
 #include "service/service_registration.h"
 #include "service/tests/service_fixture.h"
 
@@ -146,8 +147,8 @@ TEST_F(ServiceStart, AControlHandlerThatCanNotBeInstalledEndsItWithAnEvent) {
 
 TEST_F(ServiceStart, AnApplicationKeyThatCanNotBeOpenedEndsItWithTheSystemsCode) {
   ASSERT_EQ(CServiceModule(Options("-RegServer")).Main(), 0);
-  const auto plan =
-      platform::FaultPlan::FailCall(platform::Operation::kRegOpenKey, 1, platform::ERROR_ACCESS_DENIED);
+  const auto plan = platform::FaultPlan::FailCall(platform::Operation::kRegOpenKey, 1, platform::ERROR_ACCESS_DENIED,
+                                                  platform::kOnce, platform::Utf8FromWide(ApplicationKey()));
   ::testing::internal::CaptureStderr();
   EXPECT_EQ(CServiceModule(Options()).Main(), static_cast<int>(platform::ERROR_ACCESS_DENIED));
   EXPECT_THAT(::testing::internal::GetCapturedStderr(), ::testing::HasSubstr("(error 5)"));
