@@ -347,10 +347,11 @@ std::uint16_t ListeningSocket::Port() const {
 void ListeningSocket::Close() {
   const std::lock_guard hold(m_state->lock);
   m_state->closed = true;
-  // The listening thread may be about to use the number: the connection queue is shut, the number is kept to the end.
-  if (m_state->descriptor >= 0) (void)shutdown(m_state->descriptor, SHUT_RDWR);
+  // First, as a shut queue wakes its waiter, too, which then has to see why.
   const std::uint64_t one = 1;
   (void)!write(m_state->closing, &one, sizeof one);
+  // The listening thread may be about to use the number: the connection queue is shut, the number is kept to the end.
+  if (m_state->descriptor >= 0) (void)shutdown(m_state->descriptor, SHUT_RDWR);
 }
 
 void PauseThread(std::uint32_t milliseconds) {
