@@ -2,7 +2,6 @@
 //
 // usage: qx_bench [--json] [--list] [NAME...]
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -13,11 +12,6 @@
 #include "benchmarks/figure.h"
 
 namespace qx::bench {
-
-double SteadyNanoseconds() {
-  return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
 namespace {
 
 struct Row {

@@ -69,6 +69,8 @@ class StampPipe {
   StampPipe& operator=(const StampPipe&) = delete;
   ~StampPipe();
   [[nodiscard]] const std::string& Path() const { return m_path; }
+  // To wait for a stamp with a limit.
+  [[nodiscard]] int Descriptor() const { return m_descriptor; }
   // Waits for `count` stamps: the latest of them.
   [[nodiscard]] std::int64_t ReadLast(std::size_t count) const;
   // Waits for one stamp, the oldest that wasn't read.

@@ -6,7 +6,6 @@
 // against four times that of 16: 1 for a cost that grows linearly, less where a part of it is spent once.
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
@@ -94,16 +93,6 @@ int Run(int rounds) {
 }
 
 }  // namespace
-
-namespace qx::bench {
-
-double SteadyNanoseconds() {
-  return static_cast<double>(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-          .count());
-}
-
-}  // namespace qx::bench
 
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest();

@@ -2,6 +2,7 @@
 # Builds the release preset and prints every figure as a ratio to its yardstick, both timed in turn in one run.
 #
 # usage: scripts/bench.sh [--json] [NAME...]      NAME: the beginning of a figure's name; --list prints the names
+# Beside cron, atd and systemd's timers, as root and for some minutes: benchmarks/other_schedulers.sh [MINUTES ...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
