@@ -11,14 +11,9 @@
 #include <string>
 #include <vector>
 
-namespace qx::testing {
+#include "tests/judges_memory.h"
 
-// A sanitizer keeps freed memory on purpose; descriptors are judged all the same.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool kJudgesMemory = false;
-#else
-inline constexpr bool kJudgesMemory = true;
-#endif
+namespace qx::testing {
 
 class Flatness {
  public:
