@@ -256,9 +256,9 @@ Bench& The() {
 
 std::vector<Figure> BusFigures() {
   return {
-      {"bus/query-one", "the same reply from a bare server", "us", 1.5, [] { return The<Query>().Ours(); },
+      {"bus/query-one", "the same bytes from a bare server", "us", 1.5, [] { return The<Query>().Ours(); },
        [] { return The<Query>().Reference(); }, 15},
-      {"bus/list-100k-in-pages", "the same pages from a bare server", "ms", 2.0, [] { return The<Pages>().Ours(); },
+      {"bus/list-100k-in-pages", "the same bytes from a bare server", "ms", 2.0, [] { return The<Pages>().Ours(); },
        [] { return The<Pages>().Reference(); }},
       {"bus/signal-after-launch", "a timer, a spawn and a bare signal", "ms", 2.0,
        [] { return The<LaunchSignal>().Ours(); }, [] { return The<LaunchSignal>().Reference(); }, 15},

@@ -1,6 +1,6 @@
-// benchmarks/kept_messages.h: a bare server that gives messages back as they came, byte by byte.
+// benchmarks/kept_messages.h: a bare server that sends messages which it has kept, byte by byte.
 //
-// It is the yardstick of what travels over the bus: the same bus library and the same bytes, and nothing else.
+// It is the yardstick of what travels over the bus: the same bytes, marshalled once beforehand and read by nobody.
 #pragma once
 
 #include <sys/types.h>
@@ -10,6 +10,8 @@
 #include <string>
 
 #include "platform/bus.h"
+
+struct sd_bus;
 
 namespace qx::bench {
 
@@ -23,13 +25,14 @@ class KeptMessages {
 
   // Lets the server keep what `write` appends; returns its number.
   std::uint32_t Keep(const std::function<void(platform::MessageWriter&)>& write);
-  // One call, whose reply has the kept contents. They are received, not read.
+  // One call, and the kept contents as its answer. They are received, not read.
   void Move(std::uint32_t number);
 
  private:
   std::uint32_t m_count = 0;
   pid_t m_process = -1;
-  platform::BusConnection m_client;
+  sd_bus* m_client = nullptr;
+  platform::BusConnection m_writer;
 };
 
 }  // namespace qx::bench

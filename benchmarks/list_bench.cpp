@@ -81,7 +81,7 @@ std::vector<Figure> ListFigures() {
     if (!*bench) *bench = std::make_unique<ListBench>();
     return **bench;
   };
-  return {{"qxsched-list/10k-schedules", "the same pages from a bare server, and cat of the same text", "ms", 3,
+  return {{"qxsched-list/10k-schedules", "the same bytes from a bare server, and cat of the same text", "ms", 3,
            [made] { return made().Ours(); }, [made] { return made().Reference(); }, 11}};
 }
 
