@@ -13,7 +13,10 @@ set(QX_FOUNDATION_NAME qxZepFoundation)
 # Source files of platform/ whose objects the library holds.
 set(platform_parts
   clock_posix critical_section_posix debug_output fault_point file_posix file_state_posix guid_posix host_posix
-  library_posix memory registry_ahead_sqlite registry_save registry_sqlite stack_trace_posix text_case text_posix thread_posix)
+  library_posix memory registry_call
+  registry_connection_sqlite registry_damaged_copy_posix registry_keys registry_life_sqlite registry_names registry_save
+  registry_schema_sqlite registry_store_open_sqlite registry_store_sqlite registry_value_data registry_values
+  stack_trace_posix text_case text_posix thread_posix)
 if(QX_FAULT_SEAM)
   list(APPEND platform_parts fault kill_switch)  # of platform/testing
 endif()

@@ -9,7 +9,9 @@
 #include <utility>
 
 #include "platform/fault_point.h"
-#include "platform/registry_inside.h"
+#include "platform/registry_call.h"
+#include "platform/registry_connection.h"
+#include "platform/registry_names.h"
 
 namespace platform {
 namespace {
@@ -43,6 +45,26 @@ bool IsSame(std::span<const unsigned char> a, std::span<const unsigned char> b) 
   return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size()) == 0);
 }
 
+// Whether the process's store is open, is that file, and holds nothing that isn't committed.
+//   path  of PlainPath()
+bool IsStoreAtRest(const std::string& path) {
+  const registry::Guard guard(registry::g_lock);
+  return registry::g_store && registry::g_store->Path() == path && !registry::g_store->OpenBatch();
+}
+
+// Lets an enumeration of sub keys stand on one, as if EnumKey() had just given it.
+//   fold  its folded name
+void PlaceEnumeration(const RegistryKey& key, std::uint32_t index, std::span<const unsigned char> fold) {
+  const registry::Guard guard(registry::g_lock);
+  registry::Handle* handle = nullptr;
+  std::int64_t dataVersion = 0;
+  if (registry::EnterToRead(key, KEY_ENUMERATE_SUB_KEYS, handle) != ERROR_SUCCESS ||
+      registry::g_store->DataVersion(dataVersion) != ERROR_SUCCESS) {
+    return;
+  }
+  handle->keys = {true, index, registry::Bytes(fold.begin(), fold.end()), registry::g_store->Changes(), dataVersion};
+}
+
 }  // namespace
 
 struct RegistryScan::Connection {
@@ -64,7 +86,7 @@ RegistryScan::~RegistryScan() = default;
 
 bool RegistryScan::Open(const std::string& nativePath, Hive hive, std::u16string_view subKey) {
   if (FaultAt(Operation::kRegOpenStore, nativePath) != ERROR_SUCCESS) return false;
-  m_path = detail::PlainStorePath(nativePath);
+  m_path = registry::PlainPath(nativePath);
   m_connection = std::make_unique<Connection>();
   // Opened for writing, or a file without its log couldn't be read; it writes nothing, and leaves the log as it is.
   const int opened =
@@ -81,13 +103,14 @@ bool RegistryScan::Open(const std::string& nativePath, Hive hive, std::u16string
 
 bool RegistryScan::Locate(Hive hive, std::u16string_view subKey, std::int64_t& id) const {
   const Statement child = Prepare(m_connection->db, kChildSql);
-  id = detail::RootRow(hive);
-  if (!child || id == 0) return false;
+  const registry::Root* root = registry::FindRoot(hive);
+  if (!child || root == nullptr) return false;
+  id = root->id;
   while (!subKey.empty()) {
     const std::u16string_view element = subKey.substr(0, subKey.find(u'\\'));
     subKey.remove_prefix(std::min(element.size() + 1, subKey.size()));
     if (element.empty()) continue;
-    const std::vector<unsigned char> fold = detail::FoldName(element);
+    const std::vector<unsigned char> fold = registry::Fold(element);
     sqlite3_bind_int64(child.get(), 1, id);
     sqlite3_bind_blob(child.get(), 2, fold.data(), static_cast<int>(fold.size()), SQLITE_TRANSIENT);
     if (sqlite3_step(child.get()) != SQLITE_ROW) return false;
@@ -128,7 +151,7 @@ bool RegistryScan::Read(std::span<const std::string_view> names, std::size_t atA
   sqlite3* const db = m_connection->db;
   std::vector<std::vector<unsigned char>> wanted;
   for (const std::string_view name : names) {
-    wanted.push_back(detail::FoldName(std::u16string(name.begin(), name.end())));
+    wanted.push_back(registry::Fold(std::u16string(name.begin(), name.end())));
   }
   std::vector<std::pair<std::int64_t, std::uint32_t>> rows;  // of the sub keys, as they lie in the file
   rows.reserve(m_order.size());
@@ -180,11 +203,11 @@ bool RegistryScan::Holds() {
   if (detail::g_faultSeamArmed.load(std::memory_order_relaxed)) return false;
   std::int64_t version = 0;
   // First what this process has begun to write: once it is committed, the version tells of it.
-  return m_connection && detail::IsStoreAtRest(m_path) && DataVersion(version) && version == m_version;
+  return m_connection && IsStoreAtRest(m_path) && DataVersion(version) && version == m_version;
 }
 
 void RegistryScan::PlaceBefore(const RegistryKey& key, std::uint32_t index) const {
-  if (index > 0) (void)detail::PlaceEnumeration(key, index - 1, Folded(index - 1));
+  if (index > 0) PlaceEnumeration(key, index - 1, Folded(index - 1));
 }
 
 }  // namespace platform

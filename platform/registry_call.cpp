@@ -1,0 +1,40 @@
+#include "platform/registry_call.h"
+
+namespace platform::registry {
+
+Mutex g_lock;
+std::unique_ptr<Store> g_store QX_GUARDED_BY(g_lock);
+
+ErrorCode Enter(const RegistryKey& key, Handle*& out) {
+  Handle* handle = Handle::Of(key);
+  if (handle == nullptr) return ERROR_INVALID_HANDLE;
+  if (!g_store) return ERROR_BADDB;
+  if (handle->storeNumber != g_store->Number()) return ERROR_INVALID_HANDLE;
+  // Its number may have been given to another key since.
+  if (handle->seen && handle->seen->isLost && handle->place.id > handle->seen->lastIdBefore) return ERROR_KEY_DELETED;
+  out = handle;
+  return ERROR_SUCCESS;
+}
+
+ErrorCode EnterToRead(const RegistryKey& key, std::uint32_t right, Handle*& out) {
+  if (const ErrorCode code = Enter(key, out); code != ERROR_SUCCESS) return code;
+  return (out->access & right) == right ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
+}
+
+ErrorCode EnterToWrite(const RegistryKey& key, std::uint32_t right, Handle*& out) {
+  if (Handle* handle = Handle::Of(key); handle != nullptr && handle->wrote && handle->wrote->isLost) {
+    return handle->wrote->code;
+  }
+  return EnterToRead(key, right, out);
+}
+
+ErrorCode EnterRoot(Hive hive, Handle& out) {
+  if (!g_store) return ERROR_BADDB;
+  const Root* root = FindRoot(hive);
+  if (root == nullptr) return ERROR_INVALID_HANDLE;
+  out.storeNumber = g_store->Number();
+  out.place = {root->id, 0};
+  return ERROR_SUCCESS;
+}
+
+}  // namespace platform::registry

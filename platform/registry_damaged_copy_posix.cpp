@@ -1,0 +1,124 @@
+// The copy of a damaged store's files (registry.h).
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/fault_point.h"
+#include "platform/registry.h"
+#include "platform/registry_call.h"
+
+namespace platform {
+namespace {
+
+using registry::Bytes;
+using registry::g_lock;
+using registry::g_store;
+using registry::Guard;
+
+constexpr std::uint32_t kMaxDamagedCopies = 1000;  // that may stand side by side
+constexpr std::size_t kCopyBufferSize = 65536;
+
+class Descriptor {
+ public:
+  Descriptor(const std::string& path, int flags) : m_fd(::open(path.c_str(), flags | O_CLOEXEC, 0600)) {}
+  ~Descriptor() {
+    if (m_fd >= 0) ::close(m_fd);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  [[nodiscard]] int Get() const { return m_fd; }
+
+ private:
+  int m_fd;
+};
+
+// Up to `size` bytes, fewer only at the end of the file; -1 on failure.
+ssize_t ReadBlock(int fd, unsigned char* buffer, std::size_t size) {
+  std::size_t got = 0;
+  while (got < size) {
+    const ssize_t n = ::read(fd, buffer + got, size - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return -1;
+    if (n == 0) break;
+    got += static_cast<std::size_t>(n);
+  }
+  return static_cast<ssize_t>(got);
+}
+
+// A file that isn't there equals one that isn't there.
+bool AreEqualFiles(const std::string& left, const std::string& right) {
+  const Descriptor a(left, O_RDONLY);
+  const Descriptor b(right, O_RDONLY);
+  if (a.Get() < 0 || b.Get() < 0) return a.Get() < 0 && b.Get() < 0;
+  Bytes bytesA(kCopyBufferSize);
+  Bytes bytesB(kCopyBufferSize);
+  for (;;) {
+    const ssize_t gotA = ReadBlock(a.Get(), bytesA.data(), bytesA.size());
+    const ssize_t gotB = ReadBlock(b.Get(), bytesB.data(), bytesB.size());
+    if (gotA < 0 || gotA != gotB) return false;
+    if (gotA == 0) return true;
+    if (!std::equal(bytesA.begin(), bytesA.begin() + gotA, bytesB.begin())) return false;
+  }
+}
+
+ErrorCode CopyFileTo(const std::string& from, const std::string& to) {
+  if (const ErrorCode code = FaultAt(Operation::kCreateFile, to); code != ERROR_SUCCESS) return code;
+  const Descriptor in(from, O_RDONLY);
+  if (in.Get() < 0) return ErrorCodeFromErrno(errno);
+  const Descriptor out(to, O_WRONLY | O_CREAT | O_EXCL);
+  if (out.Get() < 0) return ErrorCodeFromErrno(errno);
+  Bytes bytes(kCopyBufferSize);
+  const auto fail = [&] {
+    const ErrorCode code = ErrorCodeFromErrno(errno);
+    ::unlink(to.c_str());
+    return code;
+  };
+  for (;;) {
+    const ssize_t got = ReadBlock(in.Get(), bytes.data(), bytes.size());
+    if (got < 0) return fail();
+    if (got == 0) break;
+    for (ssize_t done = 0; done < got;) {
+      const ssize_t n = ::write(out.Get(), bytes.data() + done, static_cast<std::size_t>(got - done));
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return fail();
+      done += n;
+    }
+  }
+  return ::fsync(out.Get()) != 0 ? fail() : ERROR_SUCCESS;
+}
+
+}  // namespace
+
+ErrorCode KeepDamagedCopy(const std::string& nativePath, std::string& copyPath) {
+  // Closing any descriptor of the file would drop the open connection's locks on it.
+  const Guard guard(g_lock);
+  if (g_store) return ERROR_BUSY;
+  const std::string logPath = nativePath + "-wal";
+  for (std::uint32_t number = 1; number <= kMaxDamagedCopies; ++number) {
+    const std::string name = nativePath + ".damaged" + (number == 1 ? "" : "." + std::to_string(number));
+    struct stat status {};
+    if (::lstat(name.c_str(), &status) == 0) {
+      if (!AreEqualFiles(nativePath, name) || !AreEqualFiles(logPath, name + "-wal")) continue;
+      copyPath = name;
+      return ERROR_SUCCESS;
+    }
+    if (const ErrorCode code = CopyFileTo(nativePath, name); code != ERROR_SUCCESS) return code;
+    const ErrorCode code =
+        ::stat(logPath.c_str(), &status) == 0 ? CopyFileTo(logPath, name + "-wal") : ErrorCode{ERROR_SUCCESS};
+    if (code != ERROR_SUCCESS) {
+      ::unlink(name.c_str());
+      return code;
+    }
+    copyPath = name;
+    return ERROR_SUCCESS;
+  }
+  return ERROR_ALREADY_EXISTS;
+}
+
+}  // namespace platform

@@ -1,0 +1,208 @@
+// The calls of keys (registry.h).
+#include <memory>
+#include <span>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/fault_point.h"
+#include "platform/registry.h"
+#include "platform/registry_call.h"
+#include "platform/registry_names.h"
+
+namespace platform {
+namespace {
+
+using registry::AskFault;
+using registry::Batch;
+using registry::Enter;
+using registry::EnterRoot;
+using registry::EnterToRead;
+using registry::EnterToWrite;
+using registry::g_lock;
+using registry::g_store;
+using registry::Guard;
+using registry::Handle;
+using registry::Place;
+using registry::SplitPath;
+
+std::unique_ptr<Handle> MakeHandle(Place place, std::uint32_t access, std::span<const std::u16string_view> elements)
+    QX_REQUIRES(g_lock) {
+  auto handle = std::make_unique<Handle>();
+  handle->storeNumber = g_store->Number();
+  handle->place = place;
+  handle->access = access;
+  if (!elements.empty()) handle->name = elements.back();
+  handle->seen = g_store->OpenBatch();
+  return handle;
+}
+
+ErrorCode OpenBelow(const Handle& parent, std::u16string_view subKey, std::uint32_t access,
+                    std::unique_ptr<Handle>& out) QX_REQUIRES(g_lock) {
+  std::vector<std::u16string_view> elements;
+  if (const ErrorCode code = SplitPath(subKey, elements); code != ERROR_SUCCESS) return code;
+  Place place;
+  if (const ErrorCode code = g_store->Locate(parent.place, elements, place); code != ERROR_SUCCESS) return code;
+  out = MakeHandle(place, access, elements);
+  if (elements.empty()) out->name = parent.name;
+  return ERROR_SUCCESS;
+}
+
+ErrorCode CreateBelow(const Handle& parent, std::u16string_view subKey, std::uint32_t access,
+                      std::unique_ptr<Handle>& out, bool& created) QX_REQUIRES(g_lock) {
+  std::vector<std::u16string_view> elements;
+  if (const ErrorCode code = SplitPath(subKey, elements); code != ERROR_SUCCESS) return code;
+  Place place;
+  if (const ErrorCode code = g_store->Create(parent.place, elements, place, created); code != ERROR_SUCCESS) {
+    return code;
+  }
+  out = MakeHandle(place, access, elements);
+  if (elements.empty()) {
+    out->name = parent.name;
+  } else if (created) {
+    g_store->Join(*out);
+  }
+  return ERROR_SUCCESS;
+}
+
+ErrorCode DeleteBelow(Handle& parent, std::u16string_view subKey, bool withChildren) QX_REQUIRES(g_lock) {
+  std::vector<std::u16string_view> elements;
+  if (const ErrorCode code = SplitPath(subKey, elements); code != ERROR_SUCCESS) return code;
+  return g_store->Delete(parent, elements, withChildren);
+}
+
+ErrorCode DeleteFromRoot(Hive hive, std::u16string_view subKey, bool withChildren) {
+  if (const ErrorCode code = AskFault(Operation::kRegDeleteKey, subKey); code != ERROR_SUCCESS) return code;
+  if (subKey.data() == nullptr) return ERROR_INVALID_PARAMETER;
+  const Guard guard(g_lock);
+  Handle root;
+  if (const ErrorCode code = EnterRoot(hive, root); code != ERROR_SUCCESS) return code;
+  if (const ErrorCode code = DeleteBelow(root, subKey, withChildren); code != ERROR_SUCCESS) return code;
+  return g_store->Commit();
+}
+
+ErrorCode DeleteFromKey(const RegistryKey& parent, std::u16string_view subKey, bool withChildren) {
+  if (const ErrorCode code = AskFault(Operation::kRegDeleteKey, subKey); code != ERROR_SUCCESS) return code;
+  const Guard guard(g_lock);
+  Handle* handle = nullptr;
+  if (const ErrorCode code = EnterToWrite(parent, 0, handle); code != ERROR_SUCCESS) return code;
+  if (subKey.data() == nullptr) return ERROR_INVALID_PARAMETER;
+  return DeleteBelow(*handle, subKey, withChildren);
+}
+
+}  // namespace
+
+// --- RegistryKey ---
+
+RegistryKey::RegistryKey() noexcept = default;
+RegistryKey::RegistryKey(RegistryKey&& other) noexcept = default;
+
+RegistryKey& RegistryKey::operator=(RegistryKey&& other) noexcept {
+  if (this == &other) return *this;
+  if (m_state) (void)Close();
+  m_state = std::move(other.m_state);
+  return *this;
+}
+
+RegistryKey::~RegistryKey() {
+  if (m_state) (void)Close();
+}
+
+ErrorCode RegistryKey::Close() {
+  const std::unique_ptr<Handle> state = std::move(m_state);
+  if (!state) return ERROR_INVALID_HANDLE;
+  const ErrorCode fault = AskFault(Operation::kRegCloseKey, state->name);
+  const Guard guard(g_lock);
+  const std::shared_ptr<Batch>& wrote = state->wrote;
+  if (wrote && wrote->isLost) return wrote->code;
+  if (!g_store || state->storeNumber != g_store->Number()) return ERROR_INVALID_HANDLE;
+  if (!wrote || !wrote->isOpen) return fault;
+  if (fault == ERROR_SUCCESS) return g_store->Commit();
+  g_store->Lose(fault);
+  return fault;
+}
+
+// --- Keys ---
+
+ErrorCode OpenKey(Hive parent, std::u16string_view subKey, std::uint32_t access, RegistryKey& out) {
+  std::unique_ptr<Handle> opened;
+  ErrorCode code = AskFault(Operation::kRegOpenKey, subKey);
+  if (code == ERROR_SUCCESS) {
+    const Guard guard(g_lock);
+    Handle root;
+    code = EnterRoot(parent, root);
+    if (code == ERROR_SUCCESS) code = OpenBelow(root, subKey, access, opened);
+  }
+  Handle::Put(out, std::move(opened));
+  return code;
+}
+
+ErrorCode OpenKey(const RegistryKey& parent, std::u16string_view subKey, std::uint32_t access, RegistryKey& out) {
+  std::unique_ptr<Handle> opened;
+  ErrorCode code = AskFault(Operation::kRegOpenKey, subKey);
+  if (code == ERROR_SUCCESS) {
+    const Guard guard(g_lock);
+    Handle* handle = nullptr;
+    code = Enter(parent, handle);
+    if (code == ERROR_SUCCESS) code = OpenBelow(*handle, subKey, access, opened);
+  }
+  Handle::Put(out, std::move(opened));
+  return code;
+}
+
+ErrorCode CreateKey(Hive parent, std::u16string_view subKey, std::uint32_t access, RegistryKey& out, bool* created) {
+  std::unique_ptr<Handle> opened;
+  bool isNew = false;
+  ErrorCode code = AskFault(Operation::kRegCreateKey, subKey);
+  if (code == ERROR_SUCCESS) {
+    const Guard guard(g_lock);
+    Handle root;
+    code = EnterRoot(parent, root);
+    if (code == ERROR_SUCCESS) code = CreateBelow(root, subKey, access, opened, isNew);
+  }
+  Handle::Put(out, std::move(opened));
+  if (code == ERROR_SUCCESS && created != nullptr) *created = isNew;
+  return code;
+}
+
+ErrorCode CreateKey(const RegistryKey& parent, std::u16string_view subKey, std::uint32_t access, RegistryKey& out,
+                    bool* created) {
+  std::unique_ptr<Handle> opened;
+  bool isNew = false;
+  ErrorCode code = AskFault(Operation::kRegCreateKey, subKey);
+  if (code == ERROR_SUCCESS) {
+    const Guard guard(g_lock);
+    Handle* handle = nullptr;
+    code = EnterToWrite(parent, 0, handle);
+    if (code == ERROR_SUCCESS) code = CreateBelow(*handle, subKey, access, opened, isNew);
+  }
+  Handle::Put(out, std::move(opened));
+  if (code == ERROR_SUCCESS && created != nullptr) *created = isNew;
+  return code;
+}
+
+ErrorCode QueryInfoKey(const RegistryKey& key, KeyInfo& out) {
+  const Handle* named = Handle::Of(key);
+  const ErrorCode fault =
+      AskFault(Operation::kRegQueryInfoKey, named != nullptr ? std::u16string_view(named->name) : u"");
+  if (fault != ERROR_SUCCESS) return fault;
+  const Guard guard(g_lock);
+  Handle* handle = nullptr;
+  if (const ErrorCode code = EnterToRead(key, KEY_QUERY_VALUE, handle); code != ERROR_SUCCESS) return code;
+  return g_store->Info(handle->place, out, handle->copies);
+}
+
+ErrorCode DeleteKey(Hive parent, std::u16string_view subKey) {
+  return DeleteFromRoot(parent, subKey, false);
+}
+ErrorCode DeleteKey(const RegistryKey& parent, std::u16string_view subKey) {
+  return DeleteFromKey(parent, subKey, false);
+}
+ErrorCode DeleteTree(Hive parent, std::u16string_view subKey) {
+  return DeleteFromRoot(parent, subKey, true);
+}
+ErrorCode DeleteTree(const RegistryKey& parent, std::u16string_view subKey) {
+  return DeleteFromKey(parent, subKey, true);
+}
+
+}  // namespace platform

@@ -1,0 +1,117 @@
+// platform/registry_store.h: the open key store: keys, values and batches on one SQLite connection.
+//
+// For the files of the store alone. Threads: every member is called under the store's lock (registry_call.h).
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/registry.h"
+#include "platform/registry_connection.h"
+#include "platform/registry_handle.h"
+
+namespace platform::registry {
+
+// The statements that stay prepared.
+enum Sql : std::size_t {
+  kBegin,
+  kCommit,
+  kRollback,
+  kLastId,
+  kDataVersion,
+  kKeyExists,
+  kFindKey,
+  kInsertKey,
+  kDeleteKey,
+  kHasChild,
+  kKeyStats,
+  kNextKey,
+  kSameKey,
+  kKeyAt,
+  kFindValue,
+  kSetValue,
+  kDeleteValue,
+  kNextValue,
+  kSameValue,
+  kValueAt,
+  kSubKeys,
+  kValues,
+  kSqlCount
+};
+
+struct Item {
+  std::u16string name;
+  std::uint32_t type = 0;
+  std::vector<std::byte> data;
+};
+
+class Store {
+ public:
+  [[nodiscard]] ErrorCode Open(const std::string& path, std::string& why);
+  [[nodiscard]] ErrorCode Shut() { return m_batch ? Commit() : ERROR_SUCCESS; }
+
+  [[nodiscard]] std::uint64_t Number() const { return m_number; }
+  [[nodiscard]] const std::string& Path() const { return m_path; }
+  [[nodiscard]] std::uint64_t Changes() const { return m_changes; }
+  [[nodiscard]] ErrorCode DataVersion(std::int64_t& out);
+  [[nodiscard]] std::shared_ptr<Batch> OpenBatch() const { return m_batch; }
+
+  [[nodiscard]] ErrorCode Locate(Place from, std::span<const std::u16string_view> elements, Place& out);
+  [[nodiscard]] ErrorCode Create(Place from, std::span<const std::u16string_view> elements, Place& out, bool& created);
+  [[nodiscard]] ErrorCode Delete(Handle& parent, std::span<const std::u16string_view> elements, bool withChildren);
+  // `copies` gets the values, unless they are too many.
+  [[nodiscard]] ErrorCode Info(Place place, KeyInfo& out, std::optional<ValueCopies>& copies);
+  [[nodiscard]] ErrorCode Find(Place place, std::u16string_view name, Item& out);
+  [[nodiscard]] ErrorCode Set(Handle& handle, std::u16string_view name, std::uint32_t type, const void* data,
+                              std::size_t size);
+  [[nodiscard]] ErrorCode Remove(Handle& handle, std::u16string_view name);
+  [[nodiscard]] ErrorCode Enumerate(Handle& handle, bool values, std::uint32_t index, Item& out);
+  // For each sub key `value` with every one of its values, then `subKey` with its name.
+  using SubKeySeen = std::function<void(std::u16string name, ErrorCode failure)>;
+  using ValueSeen = std::function<void(std::span<const std::byte> fold, std::uint32_t type,
+                                       std::span<const std::byte> data)>;
+  [[nodiscard]] ErrorCode SubKeys(Place place, std::u16string_view after, std::size_t most, const ValueSeen& value,
+                                  const SubKeySeen& subKey);
+
+  void Join(Handle& handle);
+  [[nodiscard]] ErrorCode Commit();
+  void Lose(ErrorCode code);
+  [[nodiscard]] ErrorCode LimitGrowth(std::uint32_t morePages);
+
+ private:
+  [[nodiscard]] ErrorCode Begin();
+  [[nodiscard]] ErrorCode Exists(Place place);
+  [[nodiscard]] ErrorCode LocateAnew(Place from, std::span<const std::u16string_view> elements, Place& out);
+  [[nodiscard]] ErrorCode FindChild(std::int64_t parent, const Bytes& fold, std::int64_t& id);
+  [[nodiscard]] ErrorCode InsertChild(std::int64_t parent, std::u16string_view name, std::int64_t& id);
+  [[nodiscard]] ErrorCode LocateForDeletion(Place from, std::span<const std::u16string_view> elements,
+                                            bool withChildren, Place& out);
+  [[nodiscard]] ErrorCode FailedWrite(ErrorCode code);
+  [[nodiscard]] int Run(Sql sql) { return Use(m_sql[sql]).Step(); }
+
+  std::uint64_t m_number = 0;
+  std::string m_path;
+  Connection m_db;
+  std::array<Prepared, kSqlCount> m_sql;
+  std::shared_ptr<Batch> m_batch;
+  std::uint64_t m_changes = 0;  // of this process, a loss included
+
+  // The last path of several elements that was followed, and where it led to.
+  struct Followed {
+    std::int64_t from = 0;
+    std::vector<std::u16string> elements;
+    Place place;
+    std::uint64_t changes = 0;
+    std::int64_t dataVersion = 0;
+  } m_followed;
+};
+
+}  // namespace platform::registry
