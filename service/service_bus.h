@@ -18,7 +18,7 @@
 
 #include "interface/ISchedulerService.h"
 #include "platform/apartment.h"
-#include "platform/bus.h"
+#include "platform/bus_presence.h"
 #include "service/event_sinks.h"
 #include "service/list_info.h"
 
