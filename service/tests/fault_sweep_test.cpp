@@ -1,227 +1,20 @@
 // Every platform call of an operation fails, one after the other: once, and from then on.
-#include <functional>
-#include <iostream>
-#include <map>
-#include <set>
-
 #include "service/scheduler_loop.h"
-#include "service/tests/service_fixture.h"
-#include "service/tests/stored_state.h"
+#include "service/tests/sweep_fixture.h"
 
 namespace qx::testing {
 namespace {
 
-using platform::ErrorCode;
-using platform::FaultMode;
-using platform::FaultPlan;
 using platform::Operation;
-using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// The codes that a call may well fail with.
-std::vector<ErrorCode> FittingCodes(Operation operation) {
-  using enum Operation;
-  switch (operation) {
-    case kAllocate:
-    case kArrayCreate:
-    case kArrayAccessData:
-    case kGetRecordInfo:
-    case kCreateEvent:
-      return {platform::ERROR_NOT_ENOUGH_MEMORY};
-    case kRegSetValue:
-    case kRegCreateKey:
-    case kRegDeleteKey:
-    case kRegCloseKey:
-      return {platform::ERROR_DISK_FULL, platform::ERROR_REGISTRY_IO_FAILED};
-    case kRegOpenKey:
-    case kRegQueryInfoKey:
-    case kRegQueryValue:
-    case kRegEnumKey:
-      return {platform::ERROR_ACCESS_DENIED, platform::ERROR_REGISTRY_CORRUPT};
-    case kWriteProfileString:
-    case kCommitProfiles:
-    case kWriteFile:
-    case kSyncFile:
-      return {platform::ERROR_DISK_FULL, platform::ERROR_IO_DEVICE};
-    case kCreateFile:
-      return {platform::ERROR_TOO_MANY_OPEN_FILES, platform::ERROR_ACCESS_DENIED};
-    case kCreateProcess:
-      return {platform::ERROR_FILE_NOT_FOUND, platform::ERROR_NO_PROC_SLOTS};
-    case kConvertText:
-      return {};  // nothing asks for a strict conversion here, and no other kind fails
-    default:
-      return {platform::ERROR_ACCESS_DENIED};
-  }
-}
-
-struct Fault {
-  int call = 0;
-  Operation operation = Operation::kCount;
-  std::string detail;
-  ErrorCode code = 0;
-  FaultMode mode = platform::kOnce;
-};
-std::ostream& operator<<(std::ostream& out, const Fault& fault) {
-  return out << "call " << fault.call << ", " << OperationName(fault.operation) << "(" << fault.detail
-             << ") fails with " << fault.code << (fault.mode == platform::kOnce ? " once" : " from then on");
-}
-
-int OpenDescriptors() {
-  int count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
-  return count;
-}
-
-class FaultSweep : public ServiceFixture {
- protected:
-  void SetUp() override {
-    ServiceFixture::SetUp();
-    m_first = Create(Named("first"));
-    m_subject = Create(Named("subject"));
-    m_second = Create(Named("second"));
-    m_before = ReadStoredState(m_folder);
-    ASSERT_EQ(m_before.failure, "");
-    for (const ScheduleGuid& id : {m_first, m_subject, m_second}) m_records[id] = Record(id);
-    m_keep = m_folder + "-kept";
-    std::filesystem::create_directory(m_folder + "/other");
-    DoCleanUp();
-    ASSERT_EQ(platform::CloseRegistryStore(), 0u);
-    std::filesystem::copy(m_folder, m_keep, std::filesystem::copy_options::recursive);
-    ASSERT_EQ(platform::OpenRegistryStore(m_folder + "/registry.db"), 0u);
-  }
-  void TearDown() override {
-    ServiceFixture::TearDown();
-    std::filesystem::remove_all(m_keep);
-  }
-
-  SCHEDULE_OBJECT Named(const std::string& name) const {
-    SCHEDULE_OBJECT schedule = Daily();
-    schedule.bstrName = Wide(name);
-    schedule.bUseGUID = 1;
-    schedule.stScheduleRules.alExcludeDates[0] = schedule.stScheduleRules.lStartTime + 5 * 86400;
-    return schedule;
-  }
-  SCHEDULE_OBJECT Record(const ScheduleGuid& id) {
-    ScheduleInfo info;
-    EXPECT_EQ(m_service.GetScheduleInfo(id, info), kStatusOk);
-    return info.size() == 1 ? info.records()[0] : SCHEDULE_OBJECT();
-  }
-
-  // Everything as at the beginning: the files, the list, no event set, nothing heard.
-  void Reset(bool populated = true) {
-    (void)m_apartment.Step(0);
-    DoCleanUp();
-    ASSERT_EQ(platform::CloseRegistryStore(), 0u);
-    std::filesystem::remove_all(m_folder);
-    std::filesystem::copy(m_keep, m_folder, std::filesystem::copy_options::recursive);
-    ASSERT_EQ(platform::OpenRegistryStore(m_folder + "/registry.db"), 0u);
-    m_clock.SetWall(kPresent);
-    if (populated) {
-      ASSERT_EQ(PopulateJobList(), kStatusOk);
-    }
-    while (TakeEvent() >= 0) {
-    }
-    m_sink->heard.clear();
-    m_log.Clear();
-  }
-
-  // Runs `operation` once untouched to see its calls, then once for each fault. Each time `judge` looks at what it
-  // left, with the faults gone.
-  void Sweep(const std::function<void()>& operation, const std::function<void(const Fault* fault)>& judge,
-             bool populated = true) {
-    std::vector<Fault> calls;
-    Reset(populated);
-    {
-      const FaultPlan plan = FaultPlan::Ask([&](int call, Operation asked, std::string_view detail) {
-        calls.push_back({call, asked, std::string(detail)});
-        return ErrorCode{platform::ERROR_SUCCESS};
-      });
-      operation();
-    }
-    judge(nullptr);
-    ASSERT_FALSE(HasFailure()) << "untouched";
-    const int descriptors = OpenDescriptors();
-    int faults = 0;
-    std::map<Operation, int> met;
-    for (const FaultMode mode : {platform::kOnce, platform::kFromThenOn}) {
-      for (const Fault& call : calls) {
-        for (const ErrorCode code : FittingCodes(call.operation)) {
-          Fault fault = call;
-          fault.code = code;
-          fault.mode = mode;
-          Reset(populated);
-          {
-            const FaultPlan plan = FaultPlan::Ask([&](int n, Operation asked, std::string_view) -> ErrorCode {
-              if (n == fault.call) return fault.code;
-              if (n < fault.call || mode == platform::kOnce) return platform::ERROR_SUCCESS;
-              const std::vector<ErrorCode> codes = FittingCodes(asked);
-              return codes.empty() ? ErrorCode{platform::ERROR_SUCCESS} : codes.front();
-            });
-            operation();
-          }
-          judge(&fault);
-          ++faults;
-          ++met[fault.operation];
-          LifeGoesOn();
-          EXPECT_EQ(OpenDescriptors(), descriptors);
-          ASSERT_FALSE(HasFailure()) << fault << "\nlog:\n" << LogText();
-        }
-      }
-    }
-    std::cout << calls.size() << " calls, " << faults << " faults\n";
-    EXPECT_GT(met.size(), 2u);
-  }
-
-  // The next operation works as if nothing had been.
-  void LifeGoesOn() {
-    const ScheduleGuid next = Create(Named("next"));
-    EXPECT_GT(ListedWindow(next), 0);
-    EXPECT_EQ(m_service.DeleteSchedule(next), kStatusOk);
-    EXPECT_FALSE(std::filesystem::exists(IniFile(next)));
-  }
-
-  std::string LogText() const {
-    std::string text;
-    for (const std::string& line : m_log.texts(3)) text += line + "\n";
-    return text;
-  }
-  bool LogHas(std::string_view begin) const {
-    for (const std::string& line : m_log.texts(2)) {
-      if (line.starts_with(begin)) return true;
-    }
-    return false;
-  }
-  // A failure has said so.
-  void ExpectTold() const { EXPECT_THAT(m_log.texts(2), ::testing::Not(IsEmpty())); }
-
-  // The others are as they were, on disk and in the list.
-  void ExpectOthersUntouched(const ScheduleGuid& subject) const {
-    const StoredState now = ReadStoredState(m_folder);
-    const StoredState before = Without(m_before, Text(subject));
-    EXPECT_EQ(Without(now, Text(subject)).keys, before.keys);
-    for (const auto& [name, text] : before.files) EXPECT_EQ(now.files.at(name), text) << name;
-    for (const ScheduleGuid& id : {m_first, m_second}) EXPECT_EQ(ListedWindow(id), kPresent + 3600);
-  }
-  void ExpectSubjectUntouched() const {
-    const StoredState now = ReadStoredState(m_folder);
-    const std::string id = Text(m_subject);
-    EXPECT_TRUE(now.keys.contains(id) && now.keys.at(id) == m_before.keys.at(id));
-    EXPECT_EQ(FileText(IniFile(m_subject)), m_before.files.at(id + ".ini"));
-    EXPECT_EQ(ListedWindow(m_subject), kPresent + 3600);
-  }
-
-  ScheduleGuid m_first{}, m_subject{}, m_second{};
-  StoredState m_before;
-  std::map<ScheduleGuid, SCHEDULE_OBJECT> m_records;
-  std::string m_keep;
-};
-
-TEST_F(FaultSweep, CreateMakesAWholeScheduleOrSaysThatItFailed) {
+TEST_F(ServiceSweep, CreateMakesAWholeScheduleOrSaysThatItFailed) {
   ScheduleGuid id{};
   Status status = 0;
   SCHEDULE_OBJECT expected;
   Sweep(
+      "create",
       [&] {
         id = {};
         status = m_service.CreateSchedule(Named("created"), id);
@@ -263,12 +56,12 @@ TEST_F(FaultSweep, CreateMakesAWholeScheduleOrSaysThatItFailed) {
       });
 }
 
-TEST_F(FaultSweep, CreateWithARunAtOnceStartsTheJobAtMostOnce) {
+TEST_F(ServiceSweep, CreateWithARunAtOnceStartsTheJobAtMostOnce) {
   ScheduleGuid id{};
   Status status = 0;
   SCHEDULE_OBJECT schedule = Named("created");
   schedule.bRunNow = 1;
-  Sweep([&] { status = m_service.CreateSchedule(schedule, id); },
+  Sweep("create with a run at once", [&] { status = m_service.CreateSchedule(schedule, id); },
         [&](const Fault* fault) {
           ExpectOthersUntouched(id);
           ExpectSubjectUntouched();
@@ -282,9 +75,9 @@ TEST_F(FaultSweep, CreateWithARunAtOnceStartsTheJobAtMostOnce) {
         });
 }
 
-TEST_F(FaultSweep, DeleteRemovesTheScheduleOrLeavesItWhole) {
+TEST_F(ServiceSweep, DeleteRemovesTheScheduleOrLeavesItWhole) {
   Status status = 0;
-  Sweep([&] { status = m_service.DeleteSchedule(m_subject); },
+  Sweep("delete", [&] { status = m_service.DeleteSchedule(m_subject); },
         [&](const Fault* fault) {
           ExpectOthersUntouched(m_subject);
           if (status != kStatusOk) {
@@ -308,9 +101,9 @@ TEST_F(FaultSweep, DeleteRemovesTheScheduleOrLeavesItWhole) {
 }
 
 // The one directory, or another one for the new file.
-class FaultSweepOfAModification : public FaultSweep, public ::testing::WithParamInterface<const char*> {};
+class ServiceSweepOfAModification : public ServiceSweep, public ::testing::WithParamInterface<const char*> {};
 
-TEST_P(FaultSweepOfAModification, MakesTheChangeOrPutsTheOldScheduleBack) {
+TEST_P(ServiceSweepOfAModification, MakesTheChangeOrPutsTheOldScheduleBack) {
   Status status = 0;
   SCHEDULE_OBJECT changed = Named("changed");
   changed.bstrParameters = u"-changed";
@@ -321,7 +114,8 @@ TEST_P(FaultSweepOfAModification, MakesTheChangeOrPutsTheOldScheduleBack) {
     record.bstrParameters = record.bstrXMLFilePathName = std::nullopt;
     return record;
   };
-  Sweep([&] { status = m_service.ModifySchedule(m_subject, changed); },
+  Sweep(*GetParam() == 0 ? "modify" : "modify into another directory",
+        [&] { status = m_service.ModifySchedule(m_subject, changed); },
         [&](const Fault* fault) {
           ExpectOthersUntouched(m_subject);
           const SCHEDULE_OBJECT& old = m_records.at(m_subject);
@@ -357,11 +151,11 @@ TEST_P(FaultSweepOfAModification, MakesTheChangeOrPutsTheOldScheduleBack) {
         });
 }
 
-INSTANTIATE_TEST_SUITE_P(Directories, FaultSweepOfAModification, ::testing::Values("", "/other"),
+INSTANTIATE_TEST_SUITE_P(Directories, ServiceSweepOfAModification, ::testing::Values("", "/other"),
                          [](const auto& directory) { return directory.index == 0 ? "Same" : "Other"; });
 
-TEST_F(FaultSweep, LoadTakesEachScheduleWholeOrSkipsItWithALine) {
-  Sweep([&] { EXPECT_EQ(PopulateJobList(), kStatusOk); },
+TEST_F(ServiceSweep, LoadTakesEachScheduleWholeOrSkipsItWithALine) {
+  Sweep("load of three schedules", [&] { EXPECT_EQ(PopulateJobList(), kStatusOk); },
         [&](const Fault* fault) {
           const StoredState now = ReadStoredState(m_folder);
           EXPECT_EQ(now.keys, m_before.keys);
@@ -397,11 +191,12 @@ TEST_F(FaultSweep, LoadTakesEachScheduleWholeOrSkipsItWithALine) {
         false);
 }
 
-TEST_F(FaultSweep, ALaunchPassGoesOnWithTheListWhateverFails) {
+TEST_F(ServiceSweep, ALaunchPassGoesOnWithTheListWhateverFails) {
   platform::ClockWatch watch;
   CSchedulerLoop loop(m_apartment, m_service, &watch);
   bool goesOn = true;
   Sweep(
+      "launch pass of three jobs",
       [&] {
         goesOn = loop.Step();  // all three fall due
         (void)m_apartment.Step(0);
@@ -436,13 +231,14 @@ TEST_F(FaultSweep, ALaunchPassGoesOnWithTheListWhateverFails) {
       });
 }
 
-TEST_F(FaultSweep, AQueryAnswersWholeOrFails) {
+TEST_F(ServiceSweep, AQueryAnswersWholeOrFails) {
   Status listStatus = 0;
   Status infoStatus = 0;
   std::uint32_t count = 0;
   ScheduleList list;
   ScheduleInfo info;
   Sweep(
+      "list and read",
       [&] {
         count = 0;
         list = {};
