@@ -1,13 +1,14 @@
 // Every platform call of a command fails, one after the other: once, and from then on. Nothing is half done, whoever
 // gave the command is told why, and what a command takes away lies in a backup.
 #include <cstdlib>
+#include <optional>
 
+#include "client/history_store.h"
 #include "client/tests/online_fixture.h"
-#include "platform/testing/fault.h"
+#include "platform/testing/fault_sweep.h"
 
 namespace {
 
-using platform::FaultPlan;
 using platform::Operation;
 
 constexpr const char* kIdA = "{AAAA1111-0000-4001-8000-000000000000}";
@@ -26,9 +27,14 @@ struct Command {
   std::string name;
   std::vector<std::string> words;  // "@" at the beginning stands for the test's directory
   bool takesAway = false;          // what it changes must be in a backup
+  std::string input = {};
 };
 
 std::ostream& operator<<(std::ostream& out, const Command& command) { return out << command.name; }
+
+constexpr const char* kSchedules = "HKLM\\SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules";
+constexpr const char* kRecord = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\QxSchedService";
+constexpr const char* kNewKey = "HKLM\\SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules\\New\\Key";
 
 const Command kCommands[] = {
     {"add", {"add", "@/new.toml"}},
@@ -48,7 +54,27 @@ const Command kCommands[] = {
     {"config_get", {"config", "get"}},
     {"config_set", {"config", "set", "port", "5000"}},
     {"config_trace", {"config", "trace", "--path", "@/t.log", "--filter", "warning"}},
+    {"config_account", {"config", "set", "--destdir", "@/host", "account", "nobody"}},
     {"log", {"log"}},
+    {"next", {"next", "@/new.toml"}},
+    {"next_online", {"next", "--why", "daily"}},
+    {"next_batch", {"next", "--batch"}, false, "{\"id\":1}\n"},
+    {"check", {"check", "@/new.toml", "@/files/a.toml"}},
+    {"calendar", {"calendar", "@/new.toml"}},
+    {"calendar_online", {"calendar"}},
+    {"calendar_page", {"calendar", "--html", "@/page.html", "@/new.toml"}},
+    {"calendar_page_over", {"calendar", "--html", "@/old/daily.toml", "@/new.toml"}},
+    {"status", {"status"}},
+    {"refresh", {"refresh"}},
+    {"completion", {"completion", "bash"}},
+    {"history", {"history"}},
+    {"nodes_keyfile", {"nodes", "keyfile", "--account", "CLUSTER\\qxsvc", "@/nodes.key"}},
+    {"reg_list", {"reg", "list", kSchedules}},
+    {"reg_get", {"reg", "get", kSchedules, "DefaultPort"}},
+    {"reg_set", {"reg", "set", kSchedules, "One", "two"}},
+    {"reg_set_new_key", {"reg", "set", kNewKey, "One", "two"}},
+    {"reg_delete", {"reg", "delete", kSchedules, "DefaultPort"}},
+    {"reg_delete_key", {"reg", "delete", kSchedules}},
 };
 
 // Not those that only look whether a file is there: what fails there counts as "no". Nor memory, which the rules tell
@@ -89,31 +115,41 @@ class CliFaultSweep : public CliOnline, public ::testing::WithParamInterface<Com
     Write("gone.toml", gone.replace(gone.find("AAAA1111"), 8, "DDDD1111"));
     Write("old/daily.toml", "# the export of an earlier day\n");
     Write("logs/SchedService0.log", "Mon Nov 30 01:00:00 2026 (PID:   41, TID:   42): a line\r\n");
+    if (GetParam().name == "history") {
+      qx::HistoryStore store;
+      std::string aside;
+      ASSERT_EQ(store.OpenForWriting(Path("history.db"), {}, aside), 0u);
+      ASSERT_EQ(store.Append({{.at = 1796040000, .kind = qx::HistoryKind::kLaunch, .schedule = kIdA, .name = "daily"}}, {}),
+                0u);
+    }
     const std::string editor = Write("editor.sh", "#!/bin/sh\nsed -i 's/-v one/-v two/' \"$1\"\n");
     std::filesystem::permissions(editor, std::filesystem::perms::owner_all);
     ::setenv("VISUAL", editor.c_str(), 1);
     if (UsesStore()) {
-      ASSERT_EQ(Ask({"reg", "set", "HKLM\\SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules", "DefaultPort", "4999",
-                     "--type", "REG_DWORD"})
-                    .exit,
-                0);
+      ASSERT_EQ(Ask({"reg", "set", kSchedules, "DefaultPort", "4999", "--type", "REG_DWORD"}).exit, 0);
+      ASSERT_EQ(Ask({"reg", "set", kRecord, "ObjectName", "LocalSystem"}).exit, 0);
     }
   }
   std::string Read(const std::string& name) const {
     std::ifstream in(Path(name), std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
   }
-  static bool UsesStore() { return GetParam().name.starts_with("config"); }
+  static bool UsesStore() { return GetParam().name.starts_with("config") || GetParam().name.starts_with("reg"); }
 
   State Now() {
     State state;
     state.schedules = service.schedules;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(m_directory)) {
       const std::string name = std::filesystem::relative(entry.path(), m_directory);
-      if (!entry.is_regular_file() || name.starts_with("registry.db")) continue;
+      if (!entry.is_regular_file() || name.starts_with("registry.db") || name.starts_with("history.db")) continue;
       state.files[name] = Read(name);
     }
-    if (UsesStore()) state.settings = Ask({"config", "get"}).out;
+    if (UsesStore()) {
+      // A new key that its value didn't come into stays, empty.
+      std::string keys = Ask({"reg", "list", kSchedules}).out;
+      if (const auto at = keys.find("New\\\n"); at != std::string::npos) keys.erase(at, 5);
+      state.settings = Ask({"config", "get"}).out + keys + Ask({"reg", "list", kNewKey}).out;
+    }
     return state;
   }
 
@@ -122,7 +158,7 @@ class CliFaultSweep : public CliOnline, public ::testing::WithParamInterface<Com
     for (std::string& word : words) {
       if (word.starts_with('@')) word = m_directory + word.substr(1);
     }
-    return Ask(words);
+    return Ask(words, GetParam().input);
   }
 
   // Records of the schedules that weren't there before.
@@ -173,64 +209,59 @@ class CliFaultSweep : public CliOnline, public ::testing::WithParamInterface<Com
 };
 
 TEST_P(CliFaultSweep, NothingIsHalfDoneAndTheCauseIsTold) {
-  ASSERT_NO_FATAL_FAILURE(Prepare());
-  (void)Carry();  // what is done once in a process is done
-  ASSERT_NO_FATAL_FAILURE(Prepare());
-  const State before = Now();
-  // The arrays are those of the service, which is another process; nothing asks for a strict conversion of text, and no
-  // other one fails.
-  const auto isOurs = [](Operation operation) {
-    return operation != Operation::kArrayCreate && operation != Operation::kArrayAccessData &&
-           operation != Operation::kArrayUnaccessData && operation != Operation::kArrayDestroy &&
-           operation != Operation::kConvertText;
-  };
-  std::vector<std::pair<Operation, std::string>> calls;
-  Result clean;
-  {
-    const auto plan = FaultPlan::Ask([&](int, Operation operation, std::string_view detail) {
-      if (isOurs(operation)) calls.emplace_back(operation, detail);
-      return platform::ERROR_SUCCESS;
-    });
-    clean = Carry();
-  }
-  ASSERT_EQ(clean.exit, 0) << clean.err;
-  const State done = Now();
-  ASSERT_FALSE(calls.empty());
-  for (std::size_t call = 0; call < calls.size(); ++call) {
-    for (const bool once : {true, false}) {
-      SCOPED_TRACE("call " + std::to_string(call + 1) + ", " + std::string(platform::OperationName(calls[call].first)) +
-                   "(" + calls[call].second + "), fails " + (once ? "once" : "from then on"));
-      ASSERT_NO_FATAL_FAILURE(Prepare());
-      std::size_t seen = 0;
-      bool isPlain = true;  // the cause has the system's own sentence
-      FaultPlan plan = FaultPlan::Ask([&](int, Operation operation, std::string_view) {
-        const std::size_t number = isOurs(operation) ? seen++ : calls.size();
-        if (!isOurs(operation) || number < call || (once && number > call)) return platform::ERROR_SUCCESS;
-        isPlain = isPlain && HasSentence(operation);
-        return kCode;
-      });
-      const Result result = Carry();
-      plan.Remove();
-      ASSERT_GE(plan.hits(), 1);
-      const State now = Now();
-      ExpectNothingHalfDone(before, done, now, result);
-      if (result.exit == 0) {  // the call wasn't needed
-        if (isPlain) {
-          EXPECT_EQ(result.out, clean.out);
-        }
-        std::map<std::string, std::string> files = now.files;
-        files.erase("backups/edit-AAAA1111.toml");  // of the editor, and told where it is left
-        EXPECT_EQ(files, done.files);
-        EXPECT_EQ(Added(before, now).size(), Added(before, done).size());
-        EXPECT_EQ(now.settings, done.settings);
-      } else if (!isPlain) {
-        EXPECT_NE(result.err, "");
-      } else {
-        EXPECT_THAT(result.err, testing::AnyOf(testing::HasSubstr(kSentence), testing::HasSubstr("(error 1117)")));
-      }
-      if (HasFailure()) return;
-    }
-  }
+  std::optional<State> before, done;
+  Result clean, result;
+  bool isPlain = true;  // the cause has the system's own sentence
+  platform::RunSweep({
+      .name = "qxsched " + GetParam().name,
+      .prepare =
+          [&] {
+            Prepare();
+            if (!before) before = Now();
+            isPlain = true;
+          },
+      .operation = [&] { result = Carry(); },
+      .judge =
+          [&](const platform::SweptFault* fault) {
+            const State now = Now();
+            if (fault == nullptr) {
+              ASSERT_EQ(result.exit, 0) << result.err;
+              clean = result;
+              done = now;
+              return;
+            }
+            // Where later calls fail too, any of them may be the cause.
+            isPlain = isPlain && HasSentence(fault->operation);
+            ExpectNothingHalfDone(*before, *done, now, result);
+            if (result.exit == 0) {  // the call wasn't needed
+              if (isPlain) {
+                EXPECT_EQ(result.out, clean.out);
+              }
+              std::map<std::string, std::string> files = now.files;
+              files.erase("backups/edit-AAAA1111.toml");  // of the editor, and told where it is left
+              EXPECT_EQ(files, done->files);
+              EXPECT_EQ(Added(*before, now).size(), Added(*before, *done).size());
+              EXPECT_EQ(now.settings, done->settings);
+            } else if (!isPlain) {
+              EXPECT_NE(result.err, "");
+            } else {
+              EXPECT_THAT(result.err, testing::AnyOf(testing::HasSubstr(kSentence), testing::HasSubstr("error 1117")));
+            }
+          },
+      .codes =
+          [&](Operation operation) {
+            isPlain = isPlain && HasSentence(operation);
+            return operation == Operation::kConvertText ? std::vector<platform::ErrorCode>() : std::vector{kCode};
+          },
+      // The arrays are those of the service, which is another process.
+      .isOwn =
+          [](Operation operation) {
+            return operation != Operation::kArrayCreate && operation != Operation::kArrayAccessData &&
+                   operation != Operation::kArrayUnaccessData && operation != Operation::kArrayDestroy;
+          },
+      .callsNothing = GetParam().name == "next_batch" || GetParam().name == "completion",
+      .explain = [&] { return "exit " + std::to_string(result.exit) + "\nout: " + result.out + "\nerr: " + result.err; },
+  });
 }
 
 INSTANTIATE_TEST_SUITE_P(Commands, CliFaultSweep, ::testing::ValuesIn(kCommands),
