@@ -6,21 +6,13 @@
 # usage: tests/packages_test.sh WORK      WORK: a folder for roots and logs; the bare root is kept there as an archive
 set -euo pipefail
 cd "$(dirname "$0")/.."
-work=$(mkdir -p "$1" && cd "$1" && pwd)
+# shellcheck source=tests/debian_root.sh
+. tests/debian_root.sh
 
-release=bookworm
 state=/var/lib/qxsvc
 account_dropin=/etc/systemd/system/QxSchedService.service.d/account.conf
 
-skip() { echo "PACKAGES NOT TESTED: $*" >&2; exit 77; }
-fail() { echo "packages_test: $*" >&2; exit 1; }
-step() { printf '== %s\n' "$*"; }
-
-[ "$(id -u)" -eq 0 ] || skip "only root can install into a root of its own"
-for program in debootstrap lintian unshare dpkg-deb; do
-  command -v "$program" >/dev/null || skip "$program isn't installed (scripts/install-deps.sh debootstrap lintian)"
-done
-unshare --mount --pid --fork true 2>/dev/null || skip "no namespaces of its own are allowed here"
+need_root_and lintian
 
 # --- the packages -----------------------------------------------------------------------------------------------------
 
@@ -48,25 +40,11 @@ cmp "$work/first.sum" "$work/second.sum" || fail "two runs pack different files"
 # --- a bare root ------------------------------------------------------------------------------------------------------
 
 root=$work/root
-rm -rf "$root"
-if [ ! -e "$work/$release.tar" ]; then
-  step "A bare root of $release"
-  mirror=$(apt-get indextargets --format '$(REPO_URI)' "Codename: $release" 2>/dev/null | grep -v security | head -n 1)
-  debootstrap --variant=minbase "$release" "$root" "${mirror:-http://deb.debian.org/debian}" >"$work/debootstrap.log" 2>&1 ||
-    { tail -n 20 "$work/debootstrap.log" >&2; fail "debootstrap failed"; }
-  tar -C "$root" -cf "$work/$release.tar.new" .
-  mv "$work/$release.tar.new" "$work/$release.tar"
-else
-  mkdir "$root"
-  tar -C "$root" -xf "$work/$release.tar"
-fi
+make_bare_root "$root"
 cp -r "$work/debs" "$root/debs"
-mkdir -p "$root/source/scripts" "$root/source/examples" "$work/archives"
+mkdir -p "$root/source/scripts" "$root/source/examples"
 cp scripts/demo.sh "$root/source/scripts"
 cp examples/*.toml "$root/source/examples"
-cp -n "$work"/archives/*.deb "$root/var/cache/apt/archives/" 2>/dev/null || true
-cp --remove-destination /etc/resolv.conf "$root/etc/resolv.conf"
-echo 'APT::Keep-Downloaded-Packages "true";' >"$root/etc/apt/apt.conf.d/90keep"
 
 # The rest runs inside, in namespaces that take every process along when they end.
 cat >"$root/inside.sh" <<INSIDE
@@ -76,7 +54,6 @@ INSIDE
 cat >>"$root/inside.sh" <<'INSIDE'
 set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 PATH=/usr/sbin:/usr/bin:/sbin:/bin
-mount -t proc proc /proc
 
 fail() { echo "packages_test: $*" >&2; exit 1; }
 step() { printf '== %s\n' "$*"; }
@@ -178,8 +155,8 @@ within 20 gone || fail "the service still runs"
 getent group qxsched >/dev/null || fail "the group is gone: files that belong to it would be somebody else's"
 INSIDE
 code=0
-unshare --mount --pid --fork chroot "$root" /bin/bash /inside.sh || code=$?
-cp -n "$root"/var/cache/apt/archives/*.deb "$work/archives/" 2>/dev/null || true
+within_root "$root" /bin/bash /inside.sh || code=$?
+keep_downloads "$root"
 [ $code -eq 0 ] || exit $code
 rm -rf "$root"
 step "Everything happened as it should"
