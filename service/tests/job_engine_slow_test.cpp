@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cmath>
 
+#include "platform/testing/judges_memory.h"
 #include "service/tests/simulated_machine.h"
 
 namespace {
@@ -41,8 +42,10 @@ Footprint Measure() {
 
 // Within one in a hundred of what it was.
 void ExpectFlat(const Footprint& before, const Footprint& after) {
-  EXPECT_LE(after.heap, before.heap + before.heap / 100);
-  EXPECT_LE(after.resident, before.resident + before.resident / 100);
+  if (platform::kJudgesMemory) {
+    EXPECT_LE(after.heap, before.heap + before.heap / 100);
+    EXPECT_LE(after.resident, before.resident + before.resident / 100);
+  }
   EXPECT_EQ(after.descriptors, before.descriptors);
 }
 
@@ -103,6 +106,7 @@ TEST_F(JobEngine, ComputesAHundredThousandWindowsAnewAtAChangeOfTheClock) {
   (void)m_apartment.Step(0);
   ASSERT_EQ(m_sink->heard.size(), 1u);
   EXPECT_EQ(m_sink->heard.front().substr(0, 12), "time 100000 ");
+  const platform::CriticalSectionGuard guard(g_JobListLock);
   for (auto at = g_JobList.Begin(); at != g_JobList.End(); ++at) {
     ASSERT_EQ(at->NextTimeWindow, kPresent + 30 * kSecondsOfDay + 3600);
   }
@@ -167,6 +171,7 @@ TEST_F(JobEngine, KeepsItsMemoryFlatOverAMillionLaunches) {
     ExpectFlat(before, Measure());
   }
   EXPECT_EQ(g_JobList.Size(), 1000u);
+  if (!platform::kJudgesMemory) GTEST_SKIP() << platform::kAllButMemory;
 }
 
 TEST_F(JobEngine, LeaksNothingOverAHundredThousandRealLaunches) {
@@ -182,6 +187,7 @@ TEST_F(JobEngine, LeaksNothingOverAHundredThousandRealLaunches) {
   EXPECT_EQ(platform::LiveChildren(), 0u);
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD);
+  if (!platform::kJudgesMemory) GTEST_SKIP() << platform::kAllButMemory;
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/judges_memory.h"
+#include "platform/testing/judges_memory.h"
 
 namespace qx::testing {
 
@@ -46,7 +46,7 @@ class Flatness {
     m_longest = std::max(m_longest, life);
     const std::string over = " in the last third of " + std::to_string(static_cast<int>(life)) + " s, ";
     m_worstGrowthKb = std::max(m_worstGrowthKb, behind.residentKb - before.residentKb);
-    if (kJudgesMemory && behind.residentKb > before.residentKb + before.residentKb / 20 + 512) {
+    if (platform::kJudgesMemory && behind.residentKb > before.residentKb + before.residentKb / 20 + 512) {
       return std::to_string(behind.residentKb) + " KB resident" + over + std::to_string(before.residentKb) + " before";
     }
     if (behind.descriptors > before.descriptors) {
