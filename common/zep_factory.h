@@ -100,27 +100,28 @@ class zepFactory {
   };
   using LibraryMap = std::map<std::string, LibraryRecord, std::less<>>;
 
-  void AppendDirectories(std::string text, char separator);
-  void BuildSearchList(const std::string& searchPath, bool searchEnvPath);
-  void AddPending(const LibraryTableEntry& entry);
-  ZRESULT LoadPending();
-  ZRESULT Load(LibraryRecord record);
-  [[nodiscard]] bool FindModule(LibraryRecord& record) const;
+  void AppendDirectories(std::string text, char separator) QX_REQUIRES(m_mutex);
+  void BuildSearchList(const std::string& searchPath, bool searchEnvPath) QX_REQUIRES(m_mutex);
+  void AddPending(const LibraryTableEntry& entry) QX_REQUIRES(m_mutex);
+  ZRESULT LoadPending() QX_REQUIRES(m_mutex);
+  ZRESULT Load(LibraryRecord record) QX_REQUIRES(m_mutex);
+  [[nodiscard]] bool FindModule(LibraryRecord& record) const QX_REQUIRES(m_mutex);
   ZRESULT Bind(LibraryRecord& record);
-  ZRESULT LoadDependents(const std::string& name);
+  ZRESULT LoadDependents(const std::string& name) QX_REQUIRES(m_mutex);
   ZRESULT AskLibraries(const ZepGuid& classId, zepIUnknown* outer, std::uint32_t context, const ZepGuid& interfaceId,
-                       void** out);
-  void Release(std::string_view name);
-  void TearDown();
+                       void** out) QX_REQUIRES(m_mutex);
+  void Release(std::string_view name) QX_REQUIRES(m_mutex);
+  void TearDown() QX_REQUIRES(m_mutex);
 
   const PathRules m_rules{};
   ZepFoundation::CZepOSCriticalSection m_mutex;
-  bool m_initialized = false;
-  std::uint32_t m_flag = 0;
-  LibraryMap m_loaded;
-  LibraryMap m_pending;
-  std::vector<std::string> m_held;  // libraries that the factory itself holds, in order of loading
-  std::vector<std::string> m_directories;
+  bool m_initialized QX_GUARDED_BY(m_mutex) = false;
+  std::uint32_t m_flag QX_GUARDED_BY(m_mutex) = 0;
+  LibraryMap m_loaded QX_GUARDED_BY(m_mutex);
+  LibraryMap m_pending QX_GUARDED_BY(m_mutex);
+  // Libraries that the factory itself holds, in order of loading.
+  std::vector<std::string> m_held QX_GUARDED_BY(m_mutex);
+  std::vector<std::string> m_directories QX_GUARDED_BY(m_mutex);
 };
 
 // Sets the factory up and loads the named libraries, what the program itself offers first.

@@ -7,15 +7,14 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <exception>
 #include <map>
-#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/fault_point.h"
+#include "platform/mutex.h"
 
 namespace platform {
 namespace {
@@ -43,22 +42,22 @@ std::uint32_t MillisecondsUntil(SteadyClock::time_point moment) {
 class SendTicket {
  public:
   void Finish(bool ran) {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_finished = true;
     m_ran = ran;
-    m_changed.notify_all();
+    m_changed.NotifyAll();
   }
   bool WaitUntilFinished() {
-    std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [&] { return m_finished; });
+    MutexLock lock(m_mutex);
+    while (!m_finished) m_changed.Wait(lock);
     return m_ran;
   }
 
  private:
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  bool m_finished = false;
-  bool m_ran = false;
+  Mutex m_mutex;
+  Condition m_changed;
+  bool m_finished QX_GUARDED_BY(m_mutex) = false;
+  bool m_ran QX_GUARDED_BY(m_mutex) = false;
 };
 
 struct QueuedTask {
@@ -88,10 +87,10 @@ struct Apartment::State {
     Task task;
   };
 
-  std::mutex mutex;
-  std::vector<QueuedTask> queue;  // guarded by mutex, like the two flags
-  bool quit = false;
-  bool closed = false;
+  Mutex mutex;
+  std::vector<QueuedTask> queue QX_GUARDED_BY(mutex);
+  bool quit QX_GUARDED_BY(mutex) = false;
+  bool closed QX_GUARDED_BY(mutex) = false;
 
   std::atomic<std::thread::id> owner{std::this_thread::get_id()};
   const int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -112,7 +111,7 @@ struct Apartment::State {
   }
 
   bool Enqueue(QueuedTask task) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     if (closed) return false;
     const bool wasEmpty = queue.empty();
     queue.push_back(std::move(task));
@@ -152,7 +151,7 @@ struct Apartment::State {
     std::vector<QueuedTask> batch;
     bool ending = false;
     {
-      const std::lock_guard lock(mutex);
+      const MutexLock lock(mutex);
       batch.swap(queue);
       ending = quit;
       if (wake >= 0) {
@@ -171,7 +170,7 @@ struct Apartment::State {
   void CloseQueue() {
     std::vector<QueuedTask> dropped;
     {
-      const std::lock_guard lock(mutex);
+      const MutexLock lock(mutex);
       closed = true;
       dropped.swap(queue);
     }
@@ -182,12 +181,12 @@ struct Apartment::State {
   }
 
   bool HasQuit() {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     return quit;
   }
 
   bool HasQueued() {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     return quit || !queue.empty();
   }
 
@@ -242,9 +241,10 @@ void Apartment::Run() {
 }
 
 void Apartment::Quit() {
-  const std::lock_guard lock(m_state->mutex);
-  m_state->quit = true;
-  m_state->Wake();
+  State& state = *m_state;
+  const MutexLock lock(state.mutex);
+  state.quit = true;
+  state.Wake();
 }
 
 Apartment::TimerId Apartment::StartTimer(std::uint32_t delayMs, Task task) {
@@ -265,8 +265,9 @@ void Apartment::RemoveSource(PollSource* source) { std::erase(m_state->sources, 
 bool Apartment::IsOwnThread() const { return m_state->owner.load() == std::this_thread::get_id(); }
 
 bool Apartment::HasEnded() const {
-  const std::lock_guard lock(m_state->mutex);
-  return m_state->closed;
+  State& state = *m_state;
+  const MutexLock lock(state.mutex);
+  return state.closed;
 }
 
 ErrorCode ApartmentProxy::Create(Apartment& apartment) {

@@ -14,11 +14,13 @@
 #include <cstring>
 #include <limits>
 #include <list>
-#include <mutex>
 #include <optional>
+#include <type_traits>
 
 #include <limits.h>
 #include <time.h>
+
+#include "platform/mutex.h"
 
 namespace platform {
 
@@ -42,10 +44,8 @@ constexpr int kSlotShift = 20;
 constexpr std::int64_t FloorDiv(std::int64_t a, std::int64_t b) { return a / b - (a % b < 0); }
 
 // Guards TZ, the C library's zone and the list of tables.
-std::mutex& ZoneMutex() {
-  static auto& mutex = *new std::mutex;  // used to the very end of the process: never destroyed
-  return mutex;
-}
+Mutex g_zoneMutex;
+static_assert(std::is_trivially_destructible_v<Mutex>, "used to the very end of the process");
 
 std::atomic<const Zone*> g_currentZone{nullptr};
 std::atomic<ClockSource*> g_clockSource{nullptr};
@@ -56,7 +56,7 @@ struct ZoneState {
   friend bool operator==(const ZoneState&, const ZoneState&) = default;
 };
 
-ZoneState AskLibrary(std::int64_t seconds) {
+ZoneState AskLibrary(std::int64_t seconds) QX_REQUIRES(g_zoneMutex) {
   std::tm fields{};
   const time_t value = seconds;
   if (localtime_r(&value, &fields) == nullptr) return {0, false};
@@ -64,12 +64,12 @@ ZoneState AskLibrary(std::int64_t seconds) {
 }
 
 // A text of TZ as a zone's name: nothing for the system's zone file.
-std::optional<std::string> TzInEnvironment() {
+std::optional<std::string> TzInEnvironment() QX_REQUIRES(g_zoneMutex) {
   const char* text = std::getenv("TZ");
   return text == nullptr ? std::nullopt : std::optional<std::string>(text);
 }
 
-void PutTz(const std::optional<std::string>& text) {
+void PutTz(const std::optional<std::string>& text) QX_REQUIRES(g_zoneMutex) {
   if (text) {
     setenv("TZ", text->c_str(), 1);
   } else {
@@ -77,10 +77,10 @@ void PutTz(const std::optional<std::string>& text) {
   }
 }
 
-// Has the C library speak of the zone `name` for its lifetime; ZoneMutex() is held.
+// Has the C library speak of the zone `name` for its lifetime.
 class LibraryZone {
  public:
-  explicit LibraryZone(const std::string& name) : m_before(TzInEnvironment()) {
+  explicit LibraryZone(const std::string& name) QX_REQUIRES(g_zoneMutex) : m_before(TzInEnvironment()) {
     const std::optional<std::string> wanted = name.empty() ? std::nullopt : std::optional<std::string>(name);
     m_changed = wanted != m_before;
     if (m_changed) PutTz(wanted);
@@ -100,7 +100,7 @@ class LibraryZone {
 };
 
 // Changes of offset or flag in (begin, end], the C library's zone being the wanted one.
-std::vector<Zone::Change> SampleChanges(std::int64_t begin, std::int64_t end) {
+std::vector<Zone::Change> SampleChanges(std::int64_t begin, std::int64_t end) QX_REQUIRES(g_zoneMutex) {
   std::vector<Zone::Change> changes;
   std::int64_t low = begin;
   ZoneState lowState = AskLibrary(low);
@@ -174,8 +174,8 @@ std::size_t SlotOf(std::int64_t seconds) {
 // Makes the tables and keeps every one that was given out.
 class ZoneLoader {
  public:
-  // The table of the zone that the C library speaks of; ZoneMutex() is held.
-  static Zone Sample(std::string name) {
+  // The table of the zone that the C library speaks of.
+  static Zone Sample(std::string name) QX_REQUIRES(g_zoneMutex) {
     Zone zone;
     zone.m_name = std::move(name);
     const ZoneState first = AskLibrary(kTableBegin);
@@ -187,8 +187,8 @@ class ZoneLoader {
     return zone;
   }
 
-  // Reads the zone in force and swaps the table; ZoneMutex() is held. True when the rules differ from those before.
-  static bool Load(bool fromFiles) {
+  // Reads the zone in force and swaps the table. True when the rules differ from those before.
+  static bool Load(bool fromFiles) QX_REQUIRES(g_zoneMutex) {
     const std::optional<std::string> text = TzInEnvironment();
     if (fromFiles && text) {
       // An unchanged text alone makes the C library keep what it read, even when the zone's file was replaced.
@@ -228,7 +228,7 @@ class ZoneLoader {
   // What the C library says of an instant outside the table.
   static ZoneState StateOutside(const Zone& zone, std::int64_t seconds) {
     if (!HasOffset(seconds)) return {0, false};
-    const std::lock_guard lock(ZoneMutex());
+    const MutexLock lock(g_zoneMutex);
     const LibraryZone library(zone.m_name);
     return AskLibrary(seconds);
   }
@@ -240,7 +240,7 @@ class ZoneLoader {
   };
 
   static Piece SampleAround(const Zone& zone, std::int64_t wall) {
-    const std::lock_guard lock(ZoneMutex());
+    const MutexLock lock(g_zoneMutex);
     const LibraryZone library(zone.m_name);
     const std::int64_t begin = wall - kPieceReach;
     return {SampleChanges(begin, wall + kPieceReach), AskLibrary(begin).offset};
@@ -264,7 +264,7 @@ class ZoneLoader {
   }
 
   // The kept table equal to `zone`; tables live to the end of the process, since references to them were given out.
-  static const Zone& Keep(Zone zone) {
+  static const Zone& Keep(Zone zone) QX_REQUIRES(g_zoneMutex) {
     static auto& kept = *new std::list<Zone>;  // read by threads that outlive static destruction: never destroyed
     for (const Zone& old : kept) {
       if (old.m_name == zone.m_name && SameRules(old, zone)) return old;
@@ -275,7 +275,7 @@ class ZoneLoader {
 
 Zone Zone::FromTz(const std::string& tz) {
   const std::string name = tz.empty() ? "UTC" : tz;
-  const std::lock_guard lock(ZoneMutex());
+  const MutexLock lock(g_zoneMutex);
   const LibraryZone library(name);
   return ZoneLoader::Sample(name);
 }
@@ -353,7 +353,7 @@ std::int64_t Zone::StandardBiasEnd(std::int64_t nowSeconds) const {
 const Zone& CurrentZone() {
   const Zone* zone = g_currentZone.load(std::memory_order_acquire);
   if (zone == nullptr) {
-    const std::lock_guard lock(ZoneMutex());
+    const MutexLock lock(g_zoneMutex);
     zone = g_currentZone.load(std::memory_order_acquire);
     if (zone == nullptr) {
       ZoneLoader::Load(/*fromFiles=*/false);
@@ -376,7 +376,7 @@ std::string CurrentZoneName() {
 }
 
 bool ReloadZone() {
-  const std::lock_guard lock(ZoneMutex());
+  const MutexLock lock(g_zoneMutex);
   return ZoneLoader::Load(/*fromFiles=*/true);
 }
 
@@ -385,7 +385,7 @@ int PutEnvironment(const char* text) {
   // The host's own call would remove the variable when no "=" is there.
   if (equals == nullptr || equals == text) return -1;
   const std::string name(text, equals);
-  const std::lock_guard lock(ZoneMutex());
+  const MutexLock lock(g_zoneMutex);
   return equals[1] == '\0' ? unsetenv(name.c_str()) : setenv(name.c_str(), equals + 1, 1);
 }
 

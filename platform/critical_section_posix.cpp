@@ -16,12 +16,12 @@ CriticalSection::~CriticalSection() {
   pthread_mutex_destroy(&m_mutex);
 }
 
-void CriticalSection::Enter() QX_NO_THREAD_SAFETY_ANALYSIS {
+void CriticalSection::Enter() {
   pthread_mutex_lock(&m_mutex);
   NoteEntry();
 }
 
-bool CriticalSection::TryEnter() QX_NO_THREAD_SAFETY_ANALYSIS {
+bool CriticalSection::TryEnter() {
   if (pthread_mutex_trylock(&m_mutex) != 0) return false;
   NoteEntry();
   return true;
@@ -32,7 +32,7 @@ void CriticalSection::NoteEntry() {
   ++m_depth;
 }
 
-void CriticalSection::Leave() QX_NO_THREAD_SAFETY_ANALYSIS {
+void CriticalSection::Leave() {
   // Only this thread could have written its own name here.
   if (m_owner.load(std::memory_order_relaxed) != pthread_self()) return;
   if (--m_depth == 0) m_owner.store(pthread_t{}, std::memory_order_relaxed);

@@ -7,8 +7,8 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <mutex>
 
+#include "platform/mutex.h"
 #include "platform/text.h"
 
 namespace platform {
@@ -19,8 +19,8 @@ namespace {
 constexpr std::string_view kJournalSocket = "/run/systemd/journal/socket";
 constexpr std::string_view kSyslogSocket = "/dev/log";
 
-std::mutex g_sinkMutex;
-std::function<void(const LoggedEvent&)>& Sink() {
+Mutex g_sinkMutex;
+std::function<void(const LoggedEvent&)>& Sink() QX_REQUIRES(g_sinkMutex) {
   static auto* const sink = new std::function<void(const LoggedEvent&)>;  // outlives every thread that may report
   return *sink;
 }
@@ -95,14 +95,14 @@ std::string EventLine(const LoggedEvent& event) {
 void ReportEvent(std::u16string_view source, EventKind kind, std::uint32_t number, std::u16string_view text) {
   const LoggedEvent event = {Narrow(source), kind, number, Narrow(text)};
   {
-    const std::lock_guard lock(g_sinkMutex);
+    const MutexLock lock(g_sinkMutex);
     if (Sink()) return Sink()(event);
   }
   if (!WriteToJournal(event)) WriteToSyslog(event);
 }
 
 void InstallEventSink(std::function<void(const LoggedEvent&)> sink) {
-  const std::lock_guard lock(g_sinkMutex);
+  const MutexLock lock(g_sinkMutex);
   Sink() = std::move(sink);
 }
 

@@ -2,21 +2,20 @@
 
 #include <bit>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 
 #include "platform/clock.h"
 #include "platform/fault_point.h"
+#include "platform/mutex.h"
 
 namespace platform {
 
 struct EventSet::State {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::uint64_t set = 0;  // bit i: event i is set
-  std::size_t count = 0;
+  Mutex mutex;
+  Condition changed;
+  std::uint64_t set QX_GUARDED_BY(mutex) = 0;  // bit i: event i is set
+  std::size_t count = 0;                       // never changes
 
-  bool TakeLowest(WaitResult& result) {
+  bool TakeLowest(WaitResult& result) QX_REQUIRES(mutex) {
     if (set == 0) return false;
     result = {WaitResult::Kind::kEvent, static_cast<std::size_t>(std::countr_zero(set))};
     set &= set - 1;
@@ -42,14 +41,15 @@ ErrorCode EventSet::Create(std::size_t count) {
 
 void EventSet::Set(std::size_t index) {
   if (!m_state) return;
+  State& state = *m_state;
   {
-    const std::lock_guard lock(m_state->mutex);
-    if (index >= m_state->count) return;
-    m_state->set |= std::uint64_t{1} << index;
+    const MutexLock lock(state.mutex);
+    if (index >= state.count) return;
+    state.set |= std::uint64_t{1} << index;
   }
   // One waiter is enough: it takes one event, and further set events stay set for whoever looks next. Several waiters
   // with several settings each get their own call.
-  m_state->changed.notify_one();
+  state.changed.NotifyOne();
 }
 
 ErrorCode EventSet::Wait(std::uint32_t limitMs, WaitResult& result, std::int64_t fromSteadyNanoseconds) {
@@ -57,11 +57,10 @@ ErrorCode EventSet::Wait(std::uint32_t limitMs, WaitResult& result, std::int64_t
   if (const ErrorCode rc = FaultAt(Operation::kWaitForEvents); rc != ERROR_SUCCESS) return rc;
   if (!m_state) return ERROR_INVALID_HANDLE;
   State& state = *m_state;
-  std::unique_lock lock(state.mutex);
+  MutexLock lock(state.mutex);
   if (state.TakeLowest(result)) return ERROR_SUCCESS;
   if (limitMs == kWaitForever) {
-    state.changed.wait(lock, [&] { return state.set != 0; });
-    (void)state.TakeLowest(result);
+    while (!state.TakeLowest(result)) state.changed.Wait(lock);
     return ERROR_SUCCESS;
   }
   result = {WaitResult::Kind::kTimeout, 0};
@@ -71,11 +70,13 @@ ErrorCode EventSet::Wait(std::uint32_t limitMs, WaitResult& result, std::int64_t
                                                 : Steady::now();
   const auto deadline = begin + std::chrono::milliseconds(limitMs);
   if (ClockSource* source = InstalledClockSource()) {
-    lock.unlock();  // the source may set events of this very set
+    lock.Unlock();  // the source may set events of this very set
     if (source->ConsumeWait(limitMs)) return ERROR_SUCCESS;
-    lock.lock();
+    lock.Lock();
   }
-  if (state.changed.wait_until(lock, deadline, [&] { return state.set != 0; })) (void)state.TakeLowest(result);
+  // One more look behind the deadline: an event may have come with it.
+  bool inTime = true;
+  while (!state.TakeLowest(result) && inTime) inTime = state.changed.WaitUntil(lock, deadline);
   return ERROR_SUCCESS;
 }
 

@@ -10,10 +10,10 @@
 #include <climits>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 
 #include "platform/fault_point.h"
 #include "platform/file_state.h"
+#include "platform/mutex.h"
 
 namespace platform {
 namespace {
@@ -24,8 +24,8 @@ constexpr std::string_view kOwnDirectory = "/Documents and Settings/";
 constexpr std::size_t kReadChunk = 65536;
 constexpr int kMaxLinks = 40;  // as many as the kernel follows
 
-std::mutex g_stateDirectoryMutex;
-std::string g_stateDirectory;
+Mutex g_stateDirectoryMutex;
+std::string g_stateDirectory QX_GUARDED_BY(g_stateDirectoryMutex);
 
 // UTF-8, with lone surrogates in the three-byte form of their number, so that no two texts share a name.
 void AppendUtf8(std::string& out, char32_t c) {
@@ -240,12 +240,12 @@ bool FitsOffset(std::uint64_t offset) { return offset < static_cast<std::uint64_
 
 void SetStateDirectory(std::string directory) {
   while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
-  const std::lock_guard lock(g_stateDirectoryMutex);
+  const MutexLock lock(g_stateDirectoryMutex);
   g_stateDirectory = std::move(directory);
 }
 
 std::string StateDirectory() {
-  const std::lock_guard lock(g_stateDirectoryMutex);
+  const MutexLock lock(g_stateDirectoryMutex);
   return g_stateDirectory;
 }
 

@@ -9,16 +9,15 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 
 #include "platform/fault_point.h"
 #include "platform/file.h"
+#include "platform/mutex.h"
 #include "platform/text.h"
 
 extern char** environ;
@@ -90,7 +89,7 @@ class Reaper {
   // Returns that value; `ticket` is the child's number here.
   template <typename Spawn>
   int Start(bool waited, const Spawn& spawn, std::uint64_t& ticket) {
-    std::unique_lock lock(m_mutex);
+    MutexLock lock(m_mutex);
     if (!m_running) {
       // The reaper takes no part in signals: whoever blocks or catches them elsewhere isn't disturbed by it.
       sigset_t all, old;
@@ -105,10 +104,10 @@ class Reaper {
       if (!m_running) return EAGAIN;
     }
     ++m_starting;
-    lock.unlock();
+    lock.Unlock();
     pid_t pid = 0;
     const int error = spawn(&pid);
-    lock.lock();
+    lock.Lock();
     --m_starting;
     if (error == 0) Register(pid, waited, ticket);
     if (m_starting == 0) m_unclaimed.clear();
@@ -116,47 +115,50 @@ class Reaper {
   }
 
   Waited Wait(std::uint64_t ticket) {
-    std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [&] { return m_waited[ticket].ended; });
+    MutexLock lock(m_mutex);
+    while (!m_waited[ticket].ended) m_changed.Wait(lock);
     return m_waited[ticket];
   }
 
   void Forget(std::uint64_t ticket) {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_waited.erase(ticket);
   }
 
   std::size_t Living() {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return m_living.size();
   }
 
   bool WaitForAll(std::chrono::milliseconds limit) {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, limit, [&] { return m_living.empty(); });
+    MutexLock lock(m_mutex);
+    const auto end = std::chrono::steady_clock::now() + limit;
+    bool inTime = true;
+    while (!m_living.empty() && inTime) inTime = m_changed.WaitUntil(lock, end);
+    return m_living.empty();
   }
 
  private:
-  void Register(pid_t pid, bool waited, std::uint64_t& ticket) {
+  void Register(pid_t pid, bool waited, std::uint64_t& ticket) QX_REQUIRES(m_mutex) {
     ticket = ++m_lastTicket;
     m_living[pid] = ticket;
     if (waited) m_waited[ticket];
     if (const auto ended = m_unclaimed.find(pid); ended != m_unclaimed.end()) {
       End(pid, ended->second);
     } else {
-      m_changed.notify_all();
+      m_changed.NotifyAll();
     }
   }
 
   void Body() {
-    std::unique_lock lock(m_mutex);
+    MutexLock lock(m_mutex);
     while (true) {
-      m_changed.wait(lock, [&] { return !m_living.empty(); });
-      lock.unlock();
+      while (m_living.empty()) m_changed.Wait(lock);
+      lock.Unlock();
       siginfo_t info = {};
       const int result = waitid(P_ALL, 0, &info, WEXITED | WNOWAIT);
       const int error = errno;
-      lock.lock();
+      lock.Lock();
       if (result == 0) {
         TakeAll();
       } else if (error == ECHILD) {
@@ -166,7 +168,7 @@ class Reaper {
   }
 
   // Every exit that is there: one turn for many.
-  void TakeAll() {
+  void TakeAll() QX_REQUIRES(m_mutex) {
     int status = 0;
     for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
       const std::uint32_t exitCode = WIFSIGNALED(status) ? 128u + static_cast<unsigned>(WTERMSIG(status))
@@ -176,27 +178,28 @@ class Reaper {
     }
   }
 
-  void End(pid_t pid, std::uint32_t exitCode) {
+  void End(pid_t pid, std::uint32_t exitCode) QX_REQUIRES(m_mutex) {
     const auto child = m_living.find(pid);
     if (child == m_living.end()) return;
     if (const auto waited = m_waited.find(child->second); waited != m_waited.end()) waited->second = {true, exitCode};
     m_living.erase(child);
-    m_changed.notify_all();
+    m_changed.NotifyAll();
   }
 
   // The kernel knows no child any more: whatever is registered was taken behind our back, with its exit code.
-  void EndAll() {
+  void EndAll() QX_REQUIRES(m_mutex) {
     while (!m_living.empty()) End(m_living.begin()->first, 0);
   }
 
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  bool m_running = false;
-  std::uint64_t m_lastTicket = 0;
-  std::map<pid_t, std::uint64_t> m_living;
-  int m_starting = 0;                          // starts whose child isn't registered yet
-  std::map<pid_t, std::uint32_t> m_unclaimed;  // exits taken meanwhile of children that nobody has registered
-  std::map<std::uint64_t, Waited> m_waited;
+  Mutex m_mutex;
+  Condition m_changed;
+  bool m_running QX_GUARDED_BY(m_mutex) = false;
+  std::uint64_t m_lastTicket QX_GUARDED_BY(m_mutex) = 0;
+  std::map<pid_t, std::uint64_t> m_living QX_GUARDED_BY(m_mutex);
+  // Starts whose child isn't registered yet, and the exits taken meanwhile of children that nobody has registered.
+  int m_starting QX_GUARDED_BY(m_mutex) = 0;
+  std::map<pid_t, std::uint32_t> m_unclaimed QX_GUARDED_BY(m_mutex);
+  std::map<std::uint64_t, Waited> m_waited QX_GUARDED_BY(m_mutex);
 };
 
 std::atomic<bool> g_jobOutputInherited{false};

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cstring>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -11,6 +10,7 @@
 
 #include "platform/fault_point.h"
 #include "platform/file.h"
+#include "platform/mutex.h"
 #include "platform/profile_text.h"
 #include "platform/text.h"
 
@@ -52,7 +52,7 @@ ErrorCode ReadFileText(const std::string& name, ReadText& out) {
 }
 
 // Writers of this process take turns: the new file beside the old one has one name.
-std::mutex g_writers;
+Mutex g_writers;
 
 ErrorCode AskFault(Operation operation, std::u16string_view what) {
   if (!detail::g_faultSeamArmed.load(std::memory_order_relaxed)) return ERROR_SUCCESS;
@@ -112,7 +112,7 @@ struct detail::ProfileBatchState {
     if (purpose == ProfileBatch::kLoad) return ERROR_INVALID_FUNCTION;
     if (firstFailure != ERROR_SUCCESS) return firstFailure;
     if (edits.empty()) return ERROR_SUCCESS;
-    const std::lock_guard lock(g_writers);
+    const MutexLock lock(g_writers);
     if (const ErrorCode rc = CatchUp(); rc != ERROR_SUCCESS) return rc;
     if (changed) {
       std::string bytes = text.Serialize();
@@ -277,7 +277,7 @@ ProfileSectionText CopyLines(std::u16string_view lines, std::span<char16_t> buff
 }
 
 ErrorCode WriteAlone(const std::string& name, const Edit& edit) {
-  const std::lock_guard lock(g_writers);
+  const MutexLock lock(g_writers);
   ReadText read;
   if (const ErrorCode rc = ReadFileText(name, read); rc != ERROR_SUCCESS && rc != ERROR_FILE_NOT_FOUND) return rc;
   ProfileText text(read.bytes);

@@ -3,7 +3,7 @@
 namespace platform::registry {
 
 Mutex g_lock;
-std::unique_ptr<Store> g_store QX_GUARDED_BY(g_lock);
+std::unique_ptr<Store> g_store;
 
 ErrorCode Enter(const RegistryKey& key, Handle*& out) {
   Handle* handle = Handle::Of(key);

@@ -5,34 +5,13 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
+#include "platform/mutex.h"
 #include "platform/registry.h"
 #include "platform/registry_handle.h"
 #include "platform/registry_store.h"
-#include "platform/thread_annotations.h"
 
 namespace platform::registry {
-
-class QX_CAPABILITY("mutex") Mutex {
- public:
-  void Lock() QX_ACQUIRE() { m_mutex.lock(); }
-  void Unlock() QX_RELEASE() { m_mutex.unlock(); }
-
- private:
-  std::mutex m_mutex;
-};
-
-class QX_SCOPED_CAPABILITY Guard {
- public:
-  explicit Guard(Mutex& mutex) QX_ACQUIRE(mutex) : m_mutex(mutex) { m_mutex.Lock(); }
-  ~Guard() QX_RELEASE() { m_mutex.Unlock(); }
-  Guard(const Guard&) = delete;
-  Guard& operator=(const Guard&) = delete;
-
- private:
-  Mutex& m_mutex;
-};
 
 extern Mutex g_lock;
 // Null: none is open.

@@ -19,7 +19,6 @@ namespace {
 using registry::Bytes;
 using registry::g_lock;
 using registry::g_store;
-using registry::Guard;
 
 constexpr std::uint32_t kMaxDamagedCopies = 1000;  // that may stand side by side
 constexpr std::size_t kCopyBufferSize = 65536;
@@ -97,7 +96,7 @@ ErrorCode CopyFileTo(const std::string& from, const std::string& to) {
 
 ErrorCode KeepDamagedCopy(const std::string& nativePath, std::string& copyPath) {
   // Closing any descriptor of the file would drop the open connection's locks on it.
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   if (g_store) return ERROR_BUSY;
   const std::string logPath = nativePath + "-wal";
   for (std::uint32_t number = 1; number <= kMaxDamagedCopies; ++number) {

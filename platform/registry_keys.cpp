@@ -21,7 +21,6 @@ using registry::EnterToRead;
 using registry::EnterToWrite;
 using registry::g_lock;
 using registry::g_store;
-using registry::Guard;
 using registry::Handle;
 using registry::Place;
 using registry::SplitPath;
@@ -74,7 +73,7 @@ ErrorCode DeleteBelow(Handle& parent, std::u16string_view subKey, bool withChild
 ErrorCode DeleteFromRoot(Hive hive, std::u16string_view subKey, bool withChildren) {
   if (const ErrorCode code = AskFault(Operation::kRegDeleteKey, subKey); code != ERROR_SUCCESS) return code;
   if (subKey.data() == nullptr) return ERROR_INVALID_PARAMETER;
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   Handle root;
   if (const ErrorCode code = EnterRoot(hive, root); code != ERROR_SUCCESS) return code;
   if (const ErrorCode code = DeleteBelow(root, subKey, withChildren); code != ERROR_SUCCESS) return code;
@@ -83,7 +82,7 @@ ErrorCode DeleteFromRoot(Hive hive, std::u16string_view subKey, bool withChildre
 
 ErrorCode DeleteFromKey(const RegistryKey& parent, std::u16string_view subKey, bool withChildren) {
   if (const ErrorCode code = AskFault(Operation::kRegDeleteKey, subKey); code != ERROR_SUCCESS) return code;
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToWrite(parent, 0, handle); code != ERROR_SUCCESS) return code;
   if (subKey.data() == nullptr) return ERROR_INVALID_PARAMETER;
@@ -112,7 +111,7 @@ ErrorCode RegistryKey::Close() {
   const std::unique_ptr<Handle> state = std::move(m_state);
   if (!state) return ERROR_INVALID_HANDLE;
   const ErrorCode fault = AskFault(Operation::kRegCloseKey, state->name);
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   const std::shared_ptr<Batch>& wrote = state->wrote;
   if (wrote && wrote->isLost) return wrote->code;
   if (!g_store || state->storeNumber != g_store->Number()) return ERROR_INVALID_HANDLE;
@@ -128,7 +127,7 @@ ErrorCode OpenKey(Hive parent, std::u16string_view subKey, std::uint32_t access,
   std::unique_ptr<Handle> opened;
   ErrorCode code = AskFault(Operation::kRegOpenKey, subKey);
   if (code == ERROR_SUCCESS) {
-    const Guard guard(g_lock);
+    const MutexLock guard(g_lock);
     Handle root;
     code = EnterRoot(parent, root);
     if (code == ERROR_SUCCESS) code = OpenBelow(root, subKey, access, opened);
@@ -141,7 +140,7 @@ ErrorCode OpenKey(const RegistryKey& parent, std::u16string_view subKey, std::ui
   std::unique_ptr<Handle> opened;
   ErrorCode code = AskFault(Operation::kRegOpenKey, subKey);
   if (code == ERROR_SUCCESS) {
-    const Guard guard(g_lock);
+    const MutexLock guard(g_lock);
     Handle* handle = nullptr;
     code = Enter(parent, handle);
     if (code == ERROR_SUCCESS) code = OpenBelow(*handle, subKey, access, opened);
@@ -155,7 +154,7 @@ ErrorCode CreateKey(Hive parent, std::u16string_view subKey, std::uint32_t acces
   bool isNew = false;
   ErrorCode code = AskFault(Operation::kRegCreateKey, subKey);
   if (code == ERROR_SUCCESS) {
-    const Guard guard(g_lock);
+    const MutexLock guard(g_lock);
     Handle root;
     code = EnterRoot(parent, root);
     if (code == ERROR_SUCCESS) code = CreateBelow(root, subKey, access, opened, isNew);
@@ -171,7 +170,7 @@ ErrorCode CreateKey(const RegistryKey& parent, std::u16string_view subKey, std::
   bool isNew = false;
   ErrorCode code = AskFault(Operation::kRegCreateKey, subKey);
   if (code == ERROR_SUCCESS) {
-    const Guard guard(g_lock);
+    const MutexLock guard(g_lock);
     Handle* handle = nullptr;
     code = EnterToWrite(parent, 0, handle);
     if (code == ERROR_SUCCESS) code = CreateBelow(*handle, subKey, access, opened, isNew);
@@ -186,7 +185,7 @@ ErrorCode QueryInfoKey(const RegistryKey& key, KeyInfo& out) {
   const ErrorCode fault =
       AskFault(Operation::kRegQueryInfoKey, named != nullptr ? std::u16string_view(named->name) : u"");
   if (fault != ERROR_SUCCESS) return fault;
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToRead(key, KEY_QUERY_VALUE, handle); code != ERROR_SUCCESS) return code;
   return g_store->Info(handle->place, out, handle->copies);

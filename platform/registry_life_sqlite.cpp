@@ -23,7 +23,6 @@ using registry::Connect;
 using registry::Connection;
 using registry::g_lock;
 using registry::g_store;
-using registry::Guard;
 using registry::Prepare;
 using registry::Prepared;
 using registry::Store;
@@ -38,7 +37,7 @@ ErrorCode OpenRegistryStore(const std::string& nativePath, std::string* why) {
     reason = nativePath + ": can't be opened";
     return code;
   }
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   if (g_store) {
     reason = nativePath + ": a store is open already";
     return ERROR_BUSY;
@@ -50,7 +49,7 @@ ErrorCode OpenRegistryStore(const std::string& nativePath, std::string* why) {
 }
 
 ErrorCode CloseRegistryStore() {
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   if (!g_store) return ERROR_BADDB;
   const ErrorCode code = g_store->Shut();
   g_store.reset();
@@ -58,12 +57,12 @@ ErrorCode CloseRegistryStore() {
 }
 
 bool IsRegistryStoreOpen() {
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   return g_store != nullptr;
 }
 
 ErrorCode LimitRegistryGrowth(std::uint32_t morePages) {
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   return g_store ? g_store->LimitGrowth(morePages) : ERROR_BADDB;
 }
 
@@ -107,7 +106,7 @@ ErrorCode CheckRegistryStore(const std::string& nativePath, std::string& where) 
 }
 
 std::string RegistryStoreFile() {
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   return g_store ? g_store->Path() : std::string();
 }
 

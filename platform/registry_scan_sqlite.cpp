@@ -48,14 +48,14 @@ bool IsSame(std::span<const unsigned char> a, std::span<const unsigned char> b) 
 // Whether the process's store is open, is that file, and holds nothing that isn't committed.
 //   path  of PlainPath()
 bool IsStoreAtRest(const std::string& path) {
-  const registry::Guard guard(registry::g_lock);
+  const MutexLock guard(registry::g_lock);
   return registry::g_store && registry::g_store->Path() == path && !registry::g_store->OpenBatch();
 }
 
 // Lets an enumeration of sub keys stand on one, as if EnumKey() had just given it.
 //   fold  its folded name
 void PlaceEnumeration(const RegistryKey& key, std::uint32_t index, std::span<const unsigned char> fold) {
-  const registry::Guard guard(registry::g_lock);
+  const MutexLock guard(registry::g_lock);
   registry::Handle* handle = nullptr;
   std::int64_t dataVersion = 0;
   if (registry::EnterToRead(key, KEY_ENUMERATE_SUB_KEYS, handle) != ERROR_SUCCESS ||

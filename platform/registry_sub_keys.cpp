@@ -18,7 +18,6 @@ using registry::EnterToRead;
 using registry::Fold;
 using registry::g_lock;
 using registry::g_store;
-using registry::Guard;
 using registry::Handle;
 using registry::NumberOf;
 using registry::Store;
@@ -27,7 +26,7 @@ using registry::TextOf;
 }  // namespace
 
 ErrorCode ReadRegistryStamp(const RegistryKey& key, RegistryStamp& out) {
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = Enter(key, handle); code != ERROR_SUCCESS) return code;
   RegistryStamp stamp{g_store->Number(), g_store->Changes(), 0};
@@ -90,7 +89,7 @@ ErrorCode ReadSubKeys(const RegistryKey& key, std::u16string_view after, std::si
       AskFault(Operation::kRegEnumKey, named != nullptr ? std::u16string_view(named->name) : u"");
   if (fault != ERROR_SUCCESS) return fault;
   detail::SubKeyReading reading(names);
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToRead(key, KEY_READ, handle); code != ERROR_SUCCESS) return code;
   Store::ValueSeen note;

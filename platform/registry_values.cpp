@@ -24,7 +24,6 @@ using registry::EnterToWrite;
 using registry::Fold;
 using registry::g_lock;
 using registry::g_store;
-using registry::Guard;
 using registry::Handle;
 using registry::IsText;
 using registry::Item;
@@ -43,7 +42,7 @@ const ValueCopies* CopiesOf(const Handle& handle) QX_REQUIRES(g_lock) {
 
 ErrorCode FindValue(const RegistryKey& key, std::u16string_view name, Item& out) {
   if (const ErrorCode code = AskFault(Operation::kRegQueryValue, name); code != ERROR_SUCCESS) return code;
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToRead(key, KEY_QUERY_VALUE, handle); code != ERROR_SUCCESS) return code;
   if (const ValueCopies* copies = CopiesOf(*handle)) {
@@ -62,7 +61,7 @@ ErrorCode StoreValue(const RegistryKey& key, std::u16string_view name, std::uint
   if (const ErrorCode code = AskFault(Operation::kRegSetValue, name); code != ERROR_SUCCESS) return code;
   if (const ErrorCode code = CheckValueName(name); code != ERROR_SUCCESS) return code;
   if (size > std::numeric_limits<std::uint32_t>::max()) return ERROR_INVALID_PARAMETER;
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToWrite(key, KEY_SET_VALUE, handle); code != ERROR_SUCCESS) return code;
   if (data == nullptr && size != 0) return ERROR_NOACCESS;
@@ -74,7 +73,7 @@ ErrorCode EnumItem(const RegistryKey& key, bool values, std::uint32_t index, Ite
   const Operation operation = values ? Operation::kRegEnumValue : Operation::kRegEnumKey;
   const ErrorCode fault = AskFault(operation, named != nullptr ? std::u16string_view(named->name) : u"");
   if (fault != ERROR_SUCCESS) return fault;
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   Handle* handle = nullptr;
   const ErrorCode code = EnterToRead(key, values ? KEY_QUERY_VALUE : KEY_ENUMERATE_SUB_KEYS, handle);
   if (code != ERROR_SUCCESS) return code;
@@ -156,7 +155,7 @@ ErrorCode SetDword(const RegistryKey& key, std::u16string_view name, std::uint32
 
 ErrorCode DeleteValue(const RegistryKey& key, std::u16string_view name) {
   if (const ErrorCode code = AskFault(Operation::kRegDeleteValue, name); code != ERROR_SUCCESS) return code;
-  const Guard guard(g_lock);
+  const MutexLock guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToWrite(key, KEY_SET_VALUE, handle); code != ERROR_SUCCESS) return code;
   return g_store->Remove(*handle, name);

@@ -13,13 +13,13 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <utility>
 
 #include "platform/clock.h"
 #include "platform/credentials_stamp.h"
 #include "platform/fault_point.h"
 #include "platform/library.h"
+#include "platform/mutex.h"
 #include "platform/process.h"
 #include "platform/text.h"
 
@@ -90,11 +90,11 @@ struct Table {
 };
 using TablePointer = std::shared_ptr<const Table>;
 
-std::mutex g_tableLock;
-TablePointer g_table;  // guarded by g_tableLock
+Mutex g_tableLock;
+TablePointer g_table QX_GUARDED_BY(g_tableLock);
 
 TablePointer CurrentTable() {
-  const std::lock_guard hold(g_tableLock);
+  const MutexLock hold(g_tableLock);
   return g_table;
 }
 
@@ -267,7 +267,7 @@ bool FindTicket(const TablePointer& table, Ticket& ticket) {
 }  // namespace
 
 SecurityLoad LoadSecurityPackage(ErrorCode& code) {
-  const std::lock_guard hold(g_tableLock);
+  const MutexLock hold(g_tableLock);
   code = ERROR_SUCCESS;
   if (g_table) return SecurityLoad::kLoaded;
   auto table = std::make_shared<Table>();
@@ -340,7 +340,7 @@ class SecurityCredentials::IdlePool {
   // One that is as good as one acquired now, empty for none; what isn't any more is given up.
   std::unique_ptr<State> Take(const State& wanted) {
     std::vector<std::unique_ptr<State>> stale;  // released behind the lock
-    const std::lock_guard hold(m_lock);
+    const MutexLock hold(m_lock);
     for (std::size_t i = m_idle.size(); i-- > 0;) {
       if (m_idle[i]->use != wanted.use) continue;
       std::unique_ptr<State> found = std::move(m_idle[i]);
@@ -353,18 +353,18 @@ class SecurityCredentials::IdlePool {
   void GiveBack(std::unique_ptr<State> state) {
     if (!state || state->spoiled || !state->stamp.IsSettled()) return;
     // Freed in between, the package isn't kept for them.
-    const std::lock_guard hold(m_lock);
+    const MutexLock hold(m_lock);
     if (CurrentTable() == state->table) m_idle.push_back(std::move(state));
   }
   void Drop() {
     std::vector<std::unique_ptr<State>> dropped;
-    const std::lock_guard hold(m_lock);
+    const MutexLock hold(m_lock);
     dropped.swap(m_idle);
   }
 
  private:
-  std::mutex m_lock;                           // g_tableLock is taken while it is held, never the other way
-  std::vector<std::unique_ptr<State>> m_idle;  // guarded by m_lock
+  Mutex m_lock;  // g_tableLock is taken while it is held, never the other way
+  std::vector<std::unique_ptr<State>> m_idle QX_GUARDED_BY(m_lock);
 };
 
 SecurityCredentials::SecurityCredentials() = default;
@@ -381,7 +381,7 @@ SecurityCredentials::~SecurityCredentials() {
 
 void FreeSecurityPackage() {
   {
-    const std::lock_guard hold(g_tableLock);
+    const MutexLock hold(g_tableLock);
     g_table.reset();
   }
   SecurityCredentials::IdlePool::Instance().Drop();

@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <mutex>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -21,6 +20,7 @@
 
 #include "platform/apartment.h"
 #include "platform/fault_point.h"
+#include "platform/mutex.h"
 
 namespace platform {
 namespace {
@@ -73,14 +73,14 @@ struct ServiceControlHandler::State {
   int wake = -1;
   sigset_t earlierMask = {};
   std::thread thread;
-  std::mutex mutex;
-  std::vector<std::uint32_t> injected;  // guarded by mutex
-  bool ending = false;                  // guarded by mutex
+  Mutex mutex;
+  std::vector<std::uint32_t> injected QX_GUARDED_BY(mutex);
+  bool ending QX_GUARDED_BY(mutex) = false;
 
   ~State() {
     if (thread.joinable()) {
       {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         ending = true;
       }
       Wake();
@@ -111,7 +111,7 @@ struct ServiceControlHandler::State {
       std::vector<std::uint32_t> controls;
       bool last = false;
       {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         controls.swap(injected);
         last = ending;
       }
@@ -151,11 +151,12 @@ ErrorCode ServiceControlHandler::Start(Handler handler) {
 
 void ServiceControlHandler::Inject(std::uint32_t control) {
   if (!m_state) return;
+  State& state = *m_state;
   {
-    const std::lock_guard lock(m_state->mutex);
-    m_state->injected.push_back(control);
+    const MutexLock lock(state.mutex);
+    state.injected.push_back(control);
   }
-  m_state->Wake();
+  state.Wake();
 }
 
 }  // namespace platform

@@ -15,12 +15,12 @@
 #include <chrono>
 #include <cstring>
 #include <limits>
-#include <mutex>
 #include <thread>
 #include <utility>
 
 #include "platform/clock.h"
 #include "platform/fault_point.h"
+#include "platform/mutex.h"
 
 namespace platform {
 namespace {
@@ -263,10 +263,10 @@ SocketError WaitForAnyReadable(std::span<Socket* const> sockets, std::int64_t li
 // --- listening ---
 
 struct ListeningSocket::State {
-  std::mutex lock;
-  int descriptor = -1;  // guarded by lock for closing; the listening thread alone makes it
+  Mutex lock;
+  int descriptor = -1;  // set by the listening thread alone, with the lock held; others read it with the lock held
   int closing = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  bool closed = false;  // guarded by lock
+  bool closed QX_GUARDED_BY(lock) = false;
 };
 
 ListeningSocket::ListeningSocket() : m_state(std::make_unique<State>()) {}
@@ -278,11 +278,12 @@ ListeningSocket::~ListeningSocket() {
 
 SocketError ListeningSocket::Create(AddressFamily family) {
   if (const SocketError fault = Fault(Operation::kSocketCreate, "listener"); fault != 0) return fault;
-  const std::lock_guard hold(m_state->lock);
-  if (m_state->closed) return EBADF;
-  CloseDescriptor(m_state->descriptor);
-  m_state->descriptor = socket(NativeFamily(family), SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
-  return m_state->descriptor < 0 ? errno : 0;
+  State& state = *m_state;
+  const MutexLock hold(state.lock);
+  if (state.closed) return EBADF;
+  CloseDescriptor(state.descriptor);
+  state.descriptor = socket(NativeFamily(family), SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+  return state.descriptor < 0 ? errno : 0;
 }
 
 SocketError ListeningSocket::SetReuseAddress() {
@@ -337,21 +338,23 @@ SocketError ListeningSocket::Accept(Socket& out) {
 std::uint16_t ListeningSocket::Port() const {
   SocketAddress bound;
   socklen_t length = sizeof bound.m_storage;
-  const std::lock_guard hold(m_state->lock);
-  if (m_state->closed || getsockname(m_state->descriptor, reinterpret_cast<sockaddr*>(bound.m_storage), &length) != 0) {
+  State& state = *m_state;
+  const MutexLock hold(state.lock);
+  if (state.closed || getsockname(state.descriptor, reinterpret_cast<sockaddr*>(bound.m_storage), &length) != 0) {
     return 0;
   }
   return bound.Port();
 }
 
 void ListeningSocket::Close() {
-  const std::lock_guard hold(m_state->lock);
-  m_state->closed = true;
+  State& state = *m_state;
+  const MutexLock hold(state.lock);
+  state.closed = true;
   // First, as a shut queue wakes its waiter, too, which then has to see why.
   const std::uint64_t one = 1;
-  (void)!write(m_state->closing, &one, sizeof one);
+  (void)!write(state.closing, &one, sizeof one);
   // The listening thread may be about to use the number: the connection queue is shut, the number is kept to the end.
-  if (m_state->descriptor >= 0) (void)shutdown(m_state->descriptor, SHUT_RDWR);
+  if (state.descriptor >= 0) (void)shutdown(state.descriptor, SHUT_RDWR);
 }
 
 void PauseThread(std::uint32_t milliseconds) {

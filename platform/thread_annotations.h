@@ -18,4 +18,3 @@
 #define QX_ACQUIRE(...) QX_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define QX_RELEASE(...) QX_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define QX_TRY_ACQUIRE(...) QX_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
-#define QX_NO_THREAD_SAFETY_ANALYSIS QX_THREAD_ATTRIBUTE(no_thread_safety_analysis)

@@ -17,6 +17,7 @@ using platform::CryptoKey;
 using platform::CryptoProvider;
 using platform::ERROR_SUCCESS;
 using platform::ErrorCode;
+using platform::MutexLock;
 using ZepFoundation::ForLog;
 using ZepFoundation::ServiceLog;
 
@@ -60,12 +61,12 @@ int CKeyManager::GeneratePairLocked() {
 }
 
 int CKeyManager::GenerateKeyPair() {
-  const std::lock_guard hold(m_pairLock);
+  const MutexLock hold(m_pairLock);
   return GeneratePairLocked();
 }
 
 KeyCell CKeyManager::OwnPair() {
-  const std::lock_guard hold(m_pairLock);
+  const MutexLock hold(m_pairLock);
   if (!m_generated) (void)GeneratePairLocked();  // the use of the missing pair fails in words of its own
   return m_pair;
 }
@@ -93,10 +94,10 @@ KeyCell CKeyManager::ImportKey(std::span<const std::uint8_t> blob, std::u16strin
   (void)OwnPair();
   CryptoProvider provider;
   {
-    const std::lock_guard hold(m_pairLock);
+    const MutexLock hold(m_pairLock);
     provider = m_provider;
   }
-  const std::lock_guard hold(m_mapLock);
+  const MutexLock hold(m_mapLock);
   if (!nodeName.empty()) {
     if (const auto old = m_nodes.find(nodeName); old != m_nodes.end()) {
       ServiceLog(3, u"ImportKey::Deleting older key to import new Key for node : %s\n", ForLog(nodeName));
@@ -120,11 +121,11 @@ KeyCell CKeyManager::ImportKey(std::span<const std::uint8_t> blob, std::u16strin
 
 KeyCell CKeyManager::FindKey(std::u16string_view nodeName) {
   {
-    const std::lock_guard hold(m_mapLock);
+    const MutexLock hold(m_mapLock);
     if (const auto found = m_nodes.find(nodeName); found != m_nodes.end()) return found->second;
   }
   if (nodeName != kLocalhost) return {};
-  const std::lock_guard hold(m_pairLock);
+  const MutexLock hold(m_pairLock);
   return m_pair;
 }
 
@@ -138,7 +139,7 @@ int CKeyManager::DestroyKey(KeyCell& cell) {
 int CKeyManager::EncryptMsg(std::u16string_view nodeName, std::span<const std::uint8_t> data,
                             std::vector<std::uint8_t>& out) {
   {
-    const std::lock_guard hold(m_mapLock);
+    const MutexLock hold(m_mapLock);
     if (const auto found = m_nodes.find(nodeName); found != m_nodes.end()) return EncryptMsg(*found->second, data, out);
   }
   if (const KeyCell own = FindKey(nodeName)) return EncryptMsg(*own, data, out);
@@ -175,7 +176,7 @@ int CKeyManager::DecryptMsg(std::span<const std::uint8_t> cipher, std::vector<st
   out.clear();
   KeyCell own;
   {
-    const std::lock_guard hold(m_pairLock);
+    const MutexLock hold(m_pairLock);
     own = m_pair;
   }
   if (!own) {

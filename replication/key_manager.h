@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
@@ -19,6 +18,7 @@
 
 #include "interface/records.h"
 #include "platform/crypto.h"
+#include "platform/mutex.h"
 #include "platform/socket.h"
 
 namespace qx {
@@ -67,21 +67,20 @@ class CKeyManager {
                                 const ScheduleGuid& id);
 
  private:
-  // Both with m_pairLock held.
-  [[nodiscard]] int AcquireProvider();
-  int GeneratePairLocked();
+  [[nodiscard]] int AcquireProvider() QX_REQUIRES(m_pairLock);
+  int GeneratePairLocked() QX_REQUIRES(m_pairLock);
   // The pair, made when there is none; empty when it can't be.
   [[nodiscard]] KeyCell OwnPair();
 
   // Neither lock is taken while the other is held.
-  std::mutex m_pairLock;
-  bool m_generated = false;           // guarded by m_pairLock
-  platform::CryptoProvider m_provider;  // guarded by m_pairLock
-  KeyCell m_pair;                     // guarded by m_pairLock; what it holds never changes
-  std::mutex m_mapLock;
-  // Guarded by m_mapLock, held while a key of it is used. A peer that is called "localhost" has its key here, beside
-  // the pair.
-  std::map<std::u16string, KeyCell, std::less<>> m_nodes;
+  platform::Mutex m_pairLock;
+  bool m_generated QX_GUARDED_BY(m_pairLock) = false;
+  platform::CryptoProvider m_provider QX_GUARDED_BY(m_pairLock);
+  KeyCell m_pair QX_GUARDED_BY(m_pairLock);  // what it holds never changes
+  // Held while a key of the map is used.
+  platform::Mutex m_mapLock;
+  // A peer that is called "localhost" has its key here, beside the pair.
+  std::map<std::u16string, KeyCell, std::less<>> m_nodes QX_GUARDED_BY(m_mapLock);
 };
 
 }  // namespace qx

@@ -118,7 +118,7 @@ void CJobList::Sort() {
   // further ahead, last when it came from further behind, and nodes that moved together keep their order.
   std::sort(m_changed.begin(), m_changed.end(), InOrder());
   for (Entry* const entry : m_changed) m_sequence.erase(entry);
-  const auto place = [this](Entry* entry, std::int64_t rank) {
+  const auto place = [this](Entry* entry, std::int64_t rank) QX_REQUIRES(g_JobListLock) {
     entry->listedWindow = entry->node.NextTimeWindow;
     entry->rank = rank;
     entry->changed = false;

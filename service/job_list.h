@@ -6,8 +6,8 @@
 //
 // The list behaves as a sorted doubly linked list: a new node stands before those of equal windows, and a sort is
 // stable. Insert, find, erase and the sort of a few changed nodes cost the logarithm of the list's length.
-// Threads: AddJob and RemoveJob take the lock themselves; for all else the caller holds it. Size() may be
-// read without it (deliberately: to decide whether to take it).
+// Threads: AddJob, AddJobs and RemoveJob take the lock themselves; for all else the caller holds it, while it uses a
+// node, too. Size() may be read without it (deliberately: to decide whether to take it).
 #pragma once
 
 #include <atomic>
@@ -84,25 +84,26 @@ class CJobList {
   [[nodiscard]] std::size_t Size() const { return m_size.load(std::memory_order_relaxed); }
   [[nodiscard]] bool Empty() const { return Size() == 0; }
 
-  // The head, the place behind the last node, and the place of an ID (End() for none). The caller holds the lock.
-  [[nodiscard]] Position Begin() { return Position(m_sequence.begin()); }
-  [[nodiscard]] Position End() { return Position(m_sequence.end()); }
-  [[nodiscard]] Position Find(const ScheduleGuid& id);
+  // The head, the place behind the last node, and the place of an ID (End() for none).
+  [[nodiscard]] Position Begin() QX_REQUIRES(g_JobListLock) { return Position(m_sequence.begin()); }
+  [[nodiscard]] Position End() QX_REQUIRES(g_JobListLock) { return Position(m_sequence.end()); }
+  [[nodiscard]] Position Find(const ScheduleGuid& id) QX_REQUIRES(g_JobListLock);
   // The node of an ID without its place, at half the cost; null for none. Valid until it is erased.
-  [[nodiscard]] CJobNode* FindNode(const ScheduleGuid& id);
+  [[nodiscard]] CJobNode* FindNode(const ScheduleGuid& id) QX_REQUIRES(g_JobListLock);
   // Erases a node, its reference untouched, and gives its successor.
-  Position Erase(Position at);
+  Position Erase(Position at) QX_REQUIRES(g_JobListLock);
   // Tells that a node's window was changed in place: it keeps its place until Sort().
-  void MarkChanged(Position at);
+  void MarkChanged(Position at) QX_REQUIRES(g_JobListLock);
   // Stable, ascending by window; costs the logarithm of the length for each changed node.
-  void Sort();
+  void Sort() QX_REQUIRES(g_JobListLock);
 
  private:
-  std::map<ScheduleGuid, Entry, ById> m_entries;
-  Sequence m_sequence;
-  std::vector<Entry*> m_changed;
-  std::int64_t m_firstRank = 0;  // of all ranks given so far the lowest and the highest
-  std::int64_t m_lastRank = 0;
+  std::map<ScheduleGuid, Entry, ById> m_entries QX_GUARDED_BY(g_JobListLock);
+  Sequence m_sequence QX_GUARDED_BY(g_JobListLock);
+  std::vector<Entry*> m_changed QX_GUARDED_BY(g_JobListLock);
+  // Of all ranks given so far the lowest and the highest.
+  std::int64_t m_firstRank QX_GUARDED_BY(g_JobListLock) = 0;
+  std::int64_t m_lastRank QX_GUARDED_BY(g_JobListLock) = 0;
   std::atomic<std::size_t> m_size{0};
 };
 

@@ -91,10 +91,10 @@ LoadAhead::LoadAhead(std::string storeFile) : m_fileChanges(platform::FileChange
 
 LoadAhead::~LoadAhead() {
   {
-    const std::lock_guard hold(m_lock);
+    const platform::MutexLock hold(m_lock);
     m_stopped = true;
-    m_drained.notify_all();
-    m_filled.notify_all();
+    m_drained.NotifyAll();
+    m_filled.NotifyAll();
   }
   (void)Wait();
   for (Entry& entry : m_entries) (void)entry.node.ReleaseScheduler();
@@ -103,6 +103,7 @@ LoadAhead::~LoadAhead() {
 bool LoadAhead::Wait() {
   m_scanner.Join();
   for (platform::Thread& builder : m_builders) builder.Join();
+  const platform::MutexLock hold(m_lock);
   return m_complete;
 }
 
@@ -139,19 +140,19 @@ void LoadAhead::Scan(const std::string& storeFile) {
   } catch (const std::exception&) {
     // Without memory nothing more is built.
   }
-  const std::lock_guard hold(m_lock);
+  const platform::MutexLock hold(m_lock);
   m_complete = complete;
   m_closed = true;
-  m_filled.notify_all();
+  m_filled.NotifyAll();
 }
 
 // False when nobody wants any more.
 bool LoadAhead::Queue(Batch&& batch) {
-  std::unique_lock hold(m_lock);
-  m_drained.wait(hold, [this] { return m_batches.size() < kMostBatches || m_stopped; });
+  platform::MutexLock hold(m_lock);
+  while (m_batches.size() >= kMostBatches && !m_stopped) m_drained.Wait(hold);
   if (m_stopped) return false;
   m_batches.push_back(std::move(batch));
-  m_filled.notify_one();
+  m_filled.NotifyOne();
   return true;
 }
 
@@ -159,13 +160,13 @@ bool LoadAhead::Queue(Batch&& batch) {
 void LoadAhead::BuildBatches() {
   std::string bytes;
   for (;;) {
-    std::unique_lock hold(m_lock);
-    m_filled.wait(hold, [this] { return !m_batches.empty() || m_closed || m_stopped; });
+    platform::MutexLock hold(m_lock);
+    while (m_batches.empty() && !m_closed && !m_stopped) m_filled.Wait(hold);
     if (m_stopped || m_batches.empty()) return;
     const Batch batch = std::move(m_batches.front());
     m_batches.pop_front();
-    m_drained.notify_one();
-    hold.unlock();
+    m_drained.NotifyOne();
+    hold.Unlock();
     for (std::size_t at = 0; at < batch.Size(); ++at) {
       try {
         Build(batch, at, bytes);

@@ -7,15 +7,14 @@
 // Threads: made, asked and destroyed by one thread.
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "platform/file_state.h"
+#include "platform/mutex.h"
 #include "platform/registry.h"
 #include "platform/registry_scan.h"
 #include "platform/thread.h"
@@ -76,13 +75,13 @@ class LoadAhead {
   std::vector<Entry> m_entries;
   std::uint64_t m_fileChanges = 0;  // when the first file was read
 
-  std::mutex m_lock;
-  std::condition_variable m_filled;
-  std::condition_variable m_drained;
-  std::deque<Batch> m_batches;
-  bool m_closed = false;   // no more batches come
-  bool m_stopped = false;  // nobody wants any more
-  bool m_complete = false;
+  platform::Mutex m_lock;
+  platform::Condition m_filled;
+  platform::Condition m_drained;
+  std::deque<Batch> m_batches QX_GUARDED_BY(m_lock);
+  bool m_closed QX_GUARDED_BY(m_lock) = false;   // no more batches come
+  bool m_stopped QX_GUARDED_BY(m_lock) = false;  // nobody wants any more
+  bool m_complete QX_GUARDED_BY(m_lock) = false;
 
   std::vector<platform::Thread> m_builders;  // of the scanning thread until that has ended
   platform::Thread m_scanner;

@@ -42,7 +42,8 @@ constexpr std::int64_t kToleratedDelaySeconds = 1;
 double SecondsUntil(std::int64_t window, std::int64_t now) { return static_cast<double>(SignExtended(window) - now); }
 
 // Erases an ended job, whose reference is given up first.
-CJobList::Position EraseEndedJob(CJobList::Position at, const char16_t* failure, Status instance = kStatusOk) {
+CJobList::Position EraseEndedJob(CJobList::Position at, const char16_t* failure, Status instance = kStatusOk)
+    QX_REQUIRES(g_JobListLock) {
   const Status released = at->ReleaseScheduler();
   const Status told = instance != kStatusOk ? instance : released;
   if (told != kStatusOk) ServiceLog(1, failure, told);
@@ -79,7 +80,7 @@ void CSchedulerLoop::SkipPassedWindows(std::int64_t now) {
   g_JobList.Sort();
 }
 
-// The caller holds the lock, so that the moment belongs to the head of the sleep that begins.
+// Under the lock, so that the moment belongs to the head of the sleep that begins.
 void CSchedulerLoop::SetGuard() const {
   if (!m_guarded || m_watch == nullptr) return;
   const std::int64_t head = g_JobList.Empty() ? 0 : SignExtended(g_JobList.Begin()->NextTimeWindow);

@@ -18,6 +18,7 @@
 #include "platform/apartment.h"
 #include "platform/clock.h"
 #include "platform/clock_watch.h"
+#include "service/job_list.h"
 #include "service/node_channel.h"
 
 namespace qx {
@@ -63,10 +64,10 @@ class CSchedulerLoop {
   };
 
   std::uint32_t PrepareSleep();
-  void SetGuard() const;
-  void SkipPassedWindows(std::int64_t now);
+  void SetGuard() const QX_REQUIRES(g_JobListLock);
+  void SkipPassedWindows(std::int64_t now) QX_REQUIRES(g_JobListLock);
   void LaunchPass();
-  void LaunchDueJobs(Status instance, std::vector<Notification>& notifications);
+  void LaunchDueJobs(Status instance, std::vector<Notification>& notifications) QX_REQUIRES(g_JobListLock);
   void Shutdown();
 
   platform::Apartment& m_apartment;

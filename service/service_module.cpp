@@ -267,7 +267,7 @@ void CServiceModule::ServiceMain() {
 void CServiceModule::HandleControl(std::uint32_t control) {
   switch (control) {
     case platform::kServiceControlStop: {
-      const std::lock_guard hold(m_stopLock);
+      const platform::MutexLock hold(m_stopLock);
       m_stopWanted = true;
       if (m_eventsReady) g_SchedulerEvents.Set(SHUTDOWN_EVENT);  // else as soon as they are made
       Report(ServiceState::kStopPending, "stopping");
@@ -290,7 +290,7 @@ void CServiceModule::TellSleep(std::int64_t window) {
   if (text == m_toldSleep) return;
   m_toldSleep = text;
   m_apartment.Post([this, text = std::move(text)] {
-    const std::lock_guard hold(m_stopLock);
+    const platform::MutexLock hold(m_stopLock);
     if (!m_stopWanted) (void)platform::ReportServiceStatus(text);
   });
 }
@@ -311,7 +311,7 @@ void CServiceModule::Run() {
     if (thread->joinable()) thread->Detach();
   }
   {
-    const std::lock_guard hold(m_stopLock);
+    const platform::MutexLock hold(m_stopLock);
     m_eventsReady = true;
     if (m_stopWanted) g_SchedulerEvents.Set(SHUTDOWN_EVENT);
   }

@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,6 +15,7 @@
 #include "platform/bus.h"
 #include "platform/clock_watch.h"
 #include "platform/file.h"
+#include "platform/mutex.h"
 #include "platform/service_control.h"
 #include "service/node_channel.h"
 #include "service/run_thread.h"
@@ -87,10 +87,10 @@ class CServiceModule {
   RunThreadParts m_parts;
   std::optional<CServiceBus> m_bus;
 
-  std::mutex m_stopLock;
-  bool m_eventsReady = false;  // guarded by m_stopLock: RunThread has made the events
-  bool m_stopWanted = false;   // guarded by m_stopLock: the stop control came, maybe before the events
-  std::string m_toldSleep;     // the scheduler thread's: the last status text about a sleep
+  platform::Mutex m_stopLock;
+  bool m_eventsReady QX_GUARDED_BY(m_stopLock) = false;  // RunThread has made the events
+  bool m_stopWanted QX_GUARDED_BY(m_stopLock) = false;   // the stop control came, maybe before the events
+  std::string m_toldSleep;                               // the scheduler thread's: the last status text about a sleep
 };
 
 }  // namespace qx

@@ -6,24 +6,24 @@
 namespace ZepFoundation {
 namespace {
 
-bool TryEnterSection(platform::CriticalSection& section) QX_NO_THREAD_SAFETY_ANALYSIS {
+bool TryEnterSection(platform::CriticalSection& section) {
   return section.TryEnter();
 }
 
 }  // namespace
 
-CCriticalSection::~CCriticalSection() QX_NO_THREAD_SAFETY_ANALYSIS {
+CCriticalSection::~CCriticalSection() {
   for (std::int32_t held = m_entryCount.load(); held > 0; --held) m_section.Leave();
   m_entryCount.store(0);
 }
 
-CSynchro::ESYNCH_ERROR CCriticalSection::Enter() QX_NO_THREAD_SAFETY_ANALYSIS {
+CSynchro::ESYNCH_ERROR CCriticalSection::Enter() {
   m_section.Enter();
   m_entryCount.fetch_add(1);
   return CSynchro::ESYNCH_SUCCESS;
 }
 
-CSynchro::ESYNCH_ERROR CCriticalSection::Leave() QX_NO_THREAD_SAFETY_ANALYSIS {
+CSynchro::ESYNCH_ERROR CCriticalSection::Leave() {
   if (m_entryCount.fetch_sub(1) - 1 < 0) {
     m_entryCount.fetch_add(1);
   } else {
@@ -32,13 +32,13 @@ CSynchro::ESYNCH_ERROR CCriticalSection::Leave() QX_NO_THREAD_SAFETY_ANALYSIS {
   return CSynchro::ESYNCH_SUCCESS;
 }
 
-ScopedEntry::ScopedEntry(CControlledObject* object) QX_NO_THREAD_SAFETY_ANALYSIS : m_object(object) {
+ScopedEntry::ScopedEntry(CControlledObject* object) : m_object(object) {
   m_begun.fetch_add(1);
   m_object->Enter();
   m_completed.fetch_add(1);
 }
 
-ScopedEntry::~ScopedEntry() QX_NO_THREAD_SAFETY_ANALYSIS {
+ScopedEntry::~ScopedEntry() {
   while (m_completed.load() > 0) {
     m_begun.fetch_sub(1);
     m_object->Leave();
@@ -58,19 +58,19 @@ void CZepOSCriticalSection::Initialize() {
   m_initialized.store(1);
 }
 
-int CZepOSCriticalSection::Lock() QX_NO_THREAD_SAFETY_ANALYSIS {
+int CZepOSCriticalSection::Lock() {
   if (m_initialized.load() == 0) return -1;
   m_section->Enter();
   return 1;
 }
 
-int CZepOSCriticalSection::Unlock() QX_NO_THREAD_SAFETY_ANALYSIS {
+int CZepOSCriticalSection::Unlock() {
   if (m_initialized.load() == 0) return -1;
   m_section->Leave();
   return 1;
 }
 
-int CZepOSCriticalSection::TryLock() QX_NO_THREAD_SAFETY_ANALYSIS {
+int CZepOSCriticalSection::TryLock() {
   if (m_initialized.load() == 0) return -1;
   if (XPlat::GetOSID() != XPlat::OSID_NT) return -2;
   if (m_tryEnter == nullptr) return -1;
@@ -85,14 +85,13 @@ int CZepOSCriticalSection::Destroy() {
   return 1;
 }
 
-CZepGateKeeper::CZepGateKeeper(CZepOSCriticalSection* section) QX_NO_THREAD_SAFETY_ANALYSIS : m_section(section) {
+CZepGateKeeper::CZepGateKeeper(CZepOSCriticalSection* section) : m_section(section) {
   if (m_section->Lock() != 1) throw std::runtime_error("CZepGateKeeper() - Unable to lock mutex!");
 }
 
-CZepGateKeeper::CZepGateKeeper(CZepOSCriticalSection& section) QX_NO_THREAD_SAFETY_ANALYSIS : CZepGateKeeper(&section) {
-}
+CZepGateKeeper::CZepGateKeeper(CZepOSCriticalSection& section) : CZepGateKeeper(&section) {}
 
-CZepGateKeeper::~CZepGateKeeper() QX_NO_THREAD_SAFETY_ANALYSIS {
+CZepGateKeeper::~CZepGateKeeper() {
   (void)m_section->Unlock();
 }
 

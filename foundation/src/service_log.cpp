@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdio>
 #include <ctime>
-#include <mutex>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "platform/clock.h"
 #include "platform/error_codes.h"
 #include "platform/file.h"
+#include "platform/mutex.h"
 #include "platform/registry.h"
 #include "platform/text.h"
 #include "platform/thread.h"
@@ -26,6 +26,7 @@ using platform::ERROR_MORE_DATA;
 using platform::ERROR_SUCCESS;
 using platform::ErrorCode;
 using platform::File;
+using platform::MutexLock;
 
 constexpr char16_t kInstallKey[] = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\VolumeManager";
 constexpr char16_t kSchedulesKey[] = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules";
@@ -37,11 +38,11 @@ constexpr std::size_t kHeaderRoom = 128;               // bytes, longer than any
 // What the log keeps between calls. The byte lock orders the writers of one file only, so memory has a lock of its own;
 // it is never held across a file operation.
 struct State {
-  std::mutex lock;
-  std::string path;
-  std::string line;
-  std::vector<File> abandoned;  // handles that calls left open, with their byte locks
-  platform::RegistryKey schedulesKey;
+  platform::Mutex lock;
+  std::string path QX_GUARDED_BY(lock);
+  std::string line QX_GUARDED_BY(lock);
+  std::vector<File> abandoned QX_GUARDED_BY(lock);  // handles that calls left open, with their byte locks
+  platform::RegistryKey schedulesKey QX_GUARDED_BY(lock);
 };
 
 State& TheState() {
@@ -88,7 +89,7 @@ void Rotate(File& file) {
   std::string path;
   {
     State& state = TheState();
-    const std::lock_guard<std::mutex> hold(state.lock);
+    const MutexLock hold(state.lock);
     // Deliberate: threads that met the full file together step on one behind the other.
     const std::uint32_t index = (ServiceLogIndex + 1) % kServiceLogFileCount;
     ServiceLogIndex = index;
@@ -107,13 +108,13 @@ void Rotate(File& file) {
 
 void Abandon(File file) {
   State& state = TheState();
-  const std::lock_guard<std::mutex> hold(state.lock);
+  const MutexLock hold(state.lock);
   state.abandoned.push_back(std::move(file));
 }
 
 void RememberLine(std::string_view line) {
   State& state = TheState();
-  const std::lock_guard<std::mutex> hold(state.lock);
+  const MutexLock hold(state.lock);
   state.line = line;
 }
 
@@ -209,13 +210,13 @@ std::atomic<std::uint32_t> ServiceLogIndex{0};
 
 std::string ServiceLogPath() {
   State& state = TheState();
-  const std::lock_guard<std::mutex> hold(state.lock);
+  const MutexLock hold(state.lock);
   return state.path;
 }
 
 std::string ServiceLogLine() {
   State& state = TheState();
-  const std::lock_guard<std::mutex> hold(state.lock);
+  const MutexLock hold(state.lock);
   return state.line;
 }
 
@@ -243,7 +244,7 @@ int InitServiceLog() {
   }
   State& state = TheState();
   {
-    const std::lock_guard<std::mutex> hold(state.lock);
+    const MutexLock hold(state.lock);
     state.path = std::move(path);
     state.schedulesKey = std::move(schedulesKey);  // Deliberate: the key is left open.
   }
@@ -295,7 +296,7 @@ ServiceLogWriter* NullServiceLogWriter() {
 
 void ResetServiceLog() {
   State& state = TheState();
-  const std::lock_guard<std::mutex> hold(state.lock);
+  const MutexLock hold(state.lock);
   ServiceLogLevel = 0;
   ServiceLogIndex = 0;
   state.path.clear();

@@ -93,7 +93,7 @@ class Scheddebugstreambuf<char> : public std::streambuf {
   int sync() override { return 0; }
 
   // Opens the file at its end; without a path it does nothing.
-  virtual void OpenFile() {
+  virtual void OpenFile() QX_REQUIRES(m_lock) {
     if (m_filePath.empty()) return;
     std::uint64_t size = 0;
     if (m_file.Open(NativeName(m_filePath), File::Access::kWrite, File::Disposition::kOpenAlways) != ERROR_SUCCESS ||
@@ -113,27 +113,27 @@ class Scheddebugstreambuf<char> : public std::streambuf {
     return platform::NativePath(platform::WideFromSystem(path));
   }
   // Opens the file when needed; false where a statement's text goes nowhere.
-  bool Ready() {
+  bool Ready() QX_REQUIRES(m_lock) {
     if (!m_file.IsOpen()) OpenFile();
     return m_file.IsOpen() && !m_failed;
   }
-  [[nodiscard]] std::string_view Pending() const { return {m_pending, m_pendingCount}; }
-  void Append(std::string_view text) {
+  [[nodiscard]] std::string_view Pending() const QX_REQUIRES(m_lock) { return {m_pending, m_pendingCount}; }
+  void Append(std::string_view text) QX_REQUIRES(m_lock) {
     std::copy(text.begin(), text.end(), m_pending + m_pendingCount);
     m_pendingCount += static_cast<std::uint32_t>(text.size());
   }
-  void WriteThrough(std::string_view text) {
+  void WriteThrough(std::string_view text) QX_REQUIRES(m_lock) {
     (void)m_file.WriteAll(text);  // a full disk loses the text; there is nobody to tell
     m_fileBytes += static_cast<std::uint32_t>(text.size());
   }
-  void FlushPending() {
+  void FlushPending() QX_REQUIRES(m_lock) {
     std::string_view record = Pending();
     if (EndsInMarker(record)) record.remove_suffix(kMarker.size());
     if (!record.empty()) WriteThrough(record);
     m_pendingCount = 0;
   }
 
-  void RollOver() {
+  void RollOver() QX_REQUIRES(m_lock) {
     m_file.Close();
     std::string candidate;
     for (bool taken = true; taken;) {  // ends: the sequence meets a name that no file has
@@ -150,7 +150,7 @@ class Scheddebugstreambuf<char> : public std::streambuf {
     m_pendingCount = 0;
   }
 
-  [[nodiscard]] std::string CandidateName() const {
+  [[nodiscard]] std::string CandidateName() const QX_REQUIRES(m_lock) {
     std::tm now{};
     (void)platform::LocalBreakdown(platform::NowSeconds(), now);
     const std::size_t dot = m_filePath.rfind('.');
@@ -160,16 +160,17 @@ class Scheddebugstreambuf<char> : public std::streambuf {
            std::to_string(now.tm_year + 1900) + "_" + std::to_string(m_rollSequence) + extension;
   }
 
-  std::string m_filePath;
-  std::uint32_t m_fileBytes = 0;
-  std::uint32_t m_maxFileBytes;
-  std::uint32_t m_filterFlags;
-  std::uint32_t m_rollSequence = 0;
-  char m_pending[kPendingSize];
-  std::uint32_t m_pendingCount = 0;
-  File m_file;
-  bool m_failed = false;  // the failed state that the file gives to every thread's stream
+  const std::string m_filePath;
+  const std::uint32_t m_maxFileBytes;
+  const std::uint32_t m_filterFlags;
+
   CZepOSCriticalSection m_lock;
+  std::uint32_t m_fileBytes QX_GUARDED_BY(m_lock) = 0;
+  std::uint32_t m_rollSequence QX_GUARDED_BY(m_lock) = 0;
+  char m_pending[kPendingSize] QX_GUARDED_BY(m_lock);
+  std::uint32_t m_pendingCount QX_GUARDED_BY(m_lock) = 0;
+  File m_file QX_GUARDED_BY(m_lock);
+  bool m_failed QX_GUARDED_BY(m_lock) = false;  // the failed state that the file gives to every thread's stream
 };
 
 using TraceBuffer = Scheddebugstreambuf<char>;
@@ -177,7 +178,7 @@ using TraceBuffer = Scheddebugstreambuf<char>;
 // The one stream of the process: made once, replaced by ResetDebugTrace() only.
 struct Stream {
   CZepOSCriticalSection lock;
-  std::unique_ptr<TraceBuffer> buffer;
+  std::unique_ptr<TraceBuffer> buffer QX_GUARDED_BY(lock);
 };
 Stream& TheStream() {
   static Stream* const stream = new Stream;  // outlives every thread that traces at the end of the process

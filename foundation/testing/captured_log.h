@@ -4,13 +4,13 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "foundation/include/zfclog.h"
+#include "platform/mutex.h"
 
 namespace ZepFoundation {
 
@@ -32,12 +32,12 @@ class CapturedServiceLog final : public ServiceLogWriter {
 
   // All lines so far, in order.
   [[nodiscard]] std::vector<CapturedLogLine> lines() const {
-    const std::lock_guard<std::mutex> hold(m_lock);
+    const platform::MutexLock hold(m_lock);
     return m_lines;
   }
   // The texts of the lines up to a level.
   [[nodiscard]] std::vector<std::string> texts(std::uint32_t greatestLevel = 0xFFFFFFFFu) const {
-    const std::lock_guard<std::mutex> hold(m_lock);
+    const platform::MutexLock hold(m_lock);
     std::vector<std::string> out;
     for (const CapturedLogLine& line : m_lines) {
       if (line.level <= greatestLevel) out.push_back(line.text);
@@ -47,24 +47,24 @@ class CapturedServiceLog final : public ServiceLogWriter {
   // Whether a line is exactly this.
   [[nodiscard]] bool Has(std::uint32_t level, std::string_view text) const { return Count(level, text) != 0; }
   [[nodiscard]] int Count(std::uint32_t level, std::string_view text) const {
-    const std::lock_guard<std::mutex> hold(m_lock);
+    const platform::MutexLock hold(m_lock);
     int count = 0;
     for (const CapturedLogLine& line : m_lines) count += line.level == level && line.text == text;
     return count;
   }
   void Clear() {
-    const std::lock_guard<std::mutex> hold(m_lock);
+    const platform::MutexLock hold(m_lock);
     m_lines.clear();
   }
 
   void Write(std::uint32_t level, std::string_view text) override {
-    const std::lock_guard<std::mutex> hold(m_lock);
+    const platform::MutexLock hold(m_lock);
     m_lines.push_back({level, std::string(text)});
   }
 
  private:
-  mutable std::mutex m_lock;
-  std::vector<CapturedLogLine> m_lines;
+  mutable platform::Mutex m_lock;
+  std::vector<CapturedLogLine> m_lines QX_GUARDED_BY(m_lock);
   ServiceLogWriter* m_before;
 };
 

@@ -4,13 +4,13 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "foundation/include/zfcdbg.h"
+#include "platform/mutex.h"
 
 namespace ZepFoundation {
 
@@ -32,7 +32,7 @@ class CapturedTrace final : public DebugTraceSink {
 
   // All records so far, in order.
   [[nodiscard]] std::vector<CapturedTraceRecord> records() const {
-    const std::lock_guard<std::mutex> hold(m_lock);
+    const platform::MutexLock hold(m_lock);
     return m_records;
   }
   [[nodiscard]] bool Has(std::uint16_t level, std::string_view text) const {
@@ -42,18 +42,18 @@ class CapturedTrace final : public DebugTraceSink {
     return false;
   }
   void Clear() {
-    const std::lock_guard<std::mutex> hold(m_lock);
+    const platform::MutexLock hold(m_lock);
     m_records.clear();
   }
 
   void Write(std::uint16_t level, std::string_view text) override {
-    const std::lock_guard<std::mutex> hold(m_lock);
+    const platform::MutexLock hold(m_lock);
     m_records.push_back({level, std::string(text)});
   }
 
  private:
-  mutable std::mutex m_lock;
-  std::vector<CapturedTraceRecord> m_records;
+  mutable platform::Mutex m_lock;
+  std::vector<CapturedTraceRecord> m_records QX_GUARDED_BY(m_lock);
   DebugTraceSink* m_before;
 };
 

@@ -10,10 +10,11 @@
 #include <cassert>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <random>
 #include <utility>
 #include <vector>
+
+#include "platform/mutex.h"
 
 namespace platform {
 namespace {
@@ -50,19 +51,19 @@ std::string Mix(const std::string& before, const std::string& now, std::mt19937&
 }
 
 struct Tree {
-  std::string root;
-  mutable std::mutex mutex;
-  std::map<Inode, Node> nodes;
+  std::string root;  // never changes, like rootInode
+  Mutex mutex;
+  std::map<Inode, Node> nodes QX_GUARDED_BY(mutex);
   Inode rootInode;
-  std::function<void()> onSync;
-  int syncs = 0;
+  std::function<void()> onSync QX_GUARDED_BY(mutex);
+  int syncs QX_GUARDED_BY(mutex) = 0;
 
   ~Tree() {
     for (auto& [inode, node] : nodes) ::close(node.pin);
   }
 
   // Pins what `name` stands for; nothing when it went meanwhile.
-  std::optional<Inode> Pin(const std::string& name, bool isSafe) {
+  std::optional<Inode> Pin(const std::string& name, bool isSafe) QX_REQUIRES(mutex) {
     const int pin = ::open(name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
     struct stat info {};
     if (pin < 0 || ::fstat(pin, &info) != 0) return std::nullopt;
@@ -80,7 +81,7 @@ struct Tree {
   }
 
   // Notes the names of a directory and of those below it.
-  void Walk(const std::string& name, const Inode& directory, bool isSafe) {
+  void Walk(const std::string& name, const Inode& directory, bool isSafe) QX_REQUIRES(mutex) {
     Names present;
     if (DIR* const stream = ::opendir(name.c_str())) {
       while (const dirent* const entry = ::readdir(stream)) {
@@ -104,14 +105,14 @@ struct Tree {
     const Inode inode{info.st_dev, info.st_ino};
     std::function<void()> call;
     {
-      const std::lock_guard lock(mutex);
+      const MutexLock lock(mutex);
       Walk(root, rootInode, false);
       if (!nodes.contains(inode)) return;
       ++syncs;
       call = onSync;
     }
     if (call) call();
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     Node& node = nodes.at(inode);
     if (node.isDirectory) {
       node.names.erase(node.names.begin(), node.names.end() - 1);
@@ -121,7 +122,7 @@ struct Tree {
   }
 
   void Collect(const std::string& name, const Inode& directory, CrashDisk::Survives survives, std::mt19937& chance,
-               CrashDisk::Image& image) {
+               CrashDisk::Image& image) QX_REQUIRES(mutex) {
     const std::vector<Names>& states = nodes.at(directory).names;
     using enum CrashDisk::Survives;
     const bool onlySyncedNames = survives == kSynced || survives == kSyncedNames;
@@ -173,13 +174,13 @@ CrashDisk::~CrashDisk() {
 }
 
 void CrashDisk::Look() {
-  const std::lock_guard lock(m_state->mutex);
+  const MutexLock lock(m_state->mutex);
   m_state->Walk(m_state->root, m_state->rootInode, false);
 }
 
 CrashDisk::Image CrashDisk::AfterPowerCut(Survives survives, std::uint32_t seed) {
   Look();
-  const std::lock_guard lock(m_state->mutex);
+  const MutexLock lock(m_state->mutex);
   std::mt19937 chance(seed);
   Image image;
   m_state->Collect("", m_state->rootInode, survives, chance, image);
@@ -187,12 +188,12 @@ CrashDisk::Image CrashDisk::AfterPowerCut(Survives survives, std::uint32_t seed)
 }
 
 void CrashDisk::OnSync(std::function<void()> call) {
-  const std::lock_guard lock(m_state->mutex);
+  const MutexLock lock(m_state->mutex);
   m_state->onSync = std::move(call);
 }
 
 int CrashDisk::Syncs() const {
-  const std::lock_guard lock(m_state->mutex);
+  const MutexLock lock(m_state->mutex);
   return m_state->syncs;
 }
 

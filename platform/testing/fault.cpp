@@ -1,9 +1,10 @@
 #include "platform/testing/fault.h"
 
 #include <cassert>
-#include <mutex>
 #include <string>
 #include <utility>
+
+#include "platform/mutex.h"
 
 #ifdef QX_FAULT_SEAM
 #include "platform/testing/kill_switch.h"
@@ -24,12 +25,12 @@ struct InstalledPlan {
   int hits = 0;
 };
 
-std::mutex g_planMutex;
-InstalledPlan g_plan;
-bool g_isInstalled = false;
+Mutex g_planMutex;
+InstalledPlan g_plan QX_GUARDED_BY(g_planMutex);
+bool g_isInstalled QX_GUARDED_BY(g_planMutex) = false;
 
 void Install(InstalledPlan plan) {
-  const std::lock_guard lock(g_planMutex);
+  const MutexLock lock(g_planMutex);
   assert(!g_isInstalled && "one fault plan at a time");
   g_plan = std::move(plan);
   g_isInstalled = true;
@@ -42,7 +43,7 @@ ErrorCode detail::AskFaultPlan(Operation operation, std::string_view detailText)
 #ifdef QX_FAULT_SEAM
   CountForKillSwitch(static_cast<std::uint16_t>(operation));
 #endif
-  const std::lock_guard lock(g_planMutex);
+  const MutexLock lock(g_planMutex);
   if (!g_isInstalled) return ERROR_SUCCESS;
   if (!g_plan.anyOperation && g_plan.operation != operation) return ERROR_SUCCESS;
   if (!g_plan.detail.empty() && g_plan.detail != detailText) return ERROR_SUCCESS;
@@ -105,7 +106,7 @@ FaultPlan::~FaultPlan() { Remove(); }
 
 void FaultPlan::Remove() {
   if (!m_installed) return;
-  const std::lock_guard lock(g_planMutex);
+  const MutexLock lock(g_planMutex);
   m_hits = g_plan.hits;
   m_calls = g_plan.calls;
   m_installed = false;
@@ -116,13 +117,13 @@ void FaultPlan::Remove() {
 
 int FaultPlan::hits() const {
   if (!m_installed) return m_hits;
-  const std::lock_guard lock(g_planMutex);
+  const MutexLock lock(g_planMutex);
   return g_plan.hits;
 }
 
 int FaultPlan::calls() const {
   if (!m_installed) return m_calls;
-  const std::lock_guard lock(g_planMutex);
+  const MutexLock lock(g_planMutex);
   return g_plan.calls;
 }
 

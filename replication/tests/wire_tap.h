@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <mutex>
 #include <string>
 #include <vector>
 

@@ -89,6 +89,7 @@ TEST_F(JobLaunch, PutsTheNameOfTheRegistryKeyOnTheCommandLine) {
   SCHEDULE_OBJECT schedule = Daily();
   schedule.bUseGUID = 1;
   const ScheduleGuid id = Create(schedule);
+  const platform::CriticalSectionGuard guard(g_JobListLock);
   const auto at = g_JobList.Find(id);
   ASSERT_FALSE(at == g_JobList.End());
   platform::RegistryKey key;
@@ -109,6 +110,7 @@ TEST_F(JobLaunch, ReleasesTheRuleObjectOnce) {
 
 TEST_F(JobLaunch, MovesTheRuleFileAsideAndOnlyLogsAFailure) {
   const ScheduleGuid id = Create(Daily());
+  const platform::CriticalSectionGuard guard(g_JobListLock);
   CJobNode node = *g_JobList.Find(id);
   EXPECT_EQ(node.DeleteScheduleRuleFile(), 0u);
   EXPECT_FALSE(std::filesystem::exists(IniFile(id)));

@@ -28,6 +28,7 @@ CJobNode Node(std::uint32_t number, std::int64_t window) {
 
 std::vector<std::pair<std::uint32_t, std::int64_t>> Contents(CJobList& list) {
   std::vector<std::pair<std::uint32_t, std::int64_t>> out;
+  const platform::CriticalSectionGuard guard(g_JobListLock);
   for (auto at = list.Begin(); at != list.End(); ++at) out.emplace_back(at->ScheduleID.Data1, at->NextTimeWindow);
   return out;
 }
@@ -106,6 +107,7 @@ void CompareWithTheToldList() {
       }
       default: {  // a pass: some windows change in place, some nodes leave, then the sort
         const int changes = *rc::gen::inRange(1, 6);
+        const platform::CriticalSectionGuard guard(g_JobListLock);
         for (int j = 0; j < changes; ++j) {
           const std::uint32_t changed = *number;
           const std::int64_t to = *window;
@@ -173,6 +175,7 @@ TEST(JobList, LogsTheRemovalOfANodeThatIsNotThere) {
 TEST(JobList, KeepsThePlaceOfAChangedNodeUntilTheSort) {
   CJobList list;
   for (std::uint32_t i = 1; i <= 3; ++i) (void)list.AddJob(Node(i, i * 10));
+  const platform::CriticalSectionGuard guard(g_JobListLock);
   const auto head = list.Begin();
   head->NextTimeWindow = 30;
   list.MarkChanged(head);
@@ -184,6 +187,7 @@ TEST(JobList, KeepsThePlaceOfAChangedNodeUntilTheSort) {
 TEST(JobList, GivesTheSuccessorOfAnErasedNode) {
   CJobList list;
   for (std::uint32_t i = 1; i <= 2; ++i) (void)list.AddJob(Node(i, i));
+  const platform::CriticalSectionGuard guard(g_JobListLock);
   auto at = list.Erase(list.Begin());
   EXPECT_EQ(at->ScheduleID.Data1, 2u);
   EXPECT_TRUE(list.Erase(at) == list.End());

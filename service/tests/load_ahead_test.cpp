@@ -149,7 +149,7 @@ TEST_F(LoadAheadTest, LeavesEveryOtherScheduleToTheCalls) {
     ASSERT_NE(at, std::string::npos) << from;
     std::ofstream(file(i), std::ios::binary) << text.replace(at, from.size(), to);
   };
-  const auto raw = [this](std::uint32_t i, std::u16string_view name, std::uint32_t type, std::string_view bytes) {
+  const auto raw = [](std::uint32_t i, std::u16string_view name, std::uint32_t type, std::string_view bytes) {
     RegistryKey key = OpenScheduleKey(Numbered(i));
     ASSERT_EQ(platform::SetRawValue(key, name, type, std::as_bytes(std::span(bytes))), 0u);
     ASSERT_EQ(key.Close(), 0u);

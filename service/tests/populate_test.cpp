@@ -34,6 +34,7 @@ TEST_F(Populate, LoadsEverySchedule) {
   const ScheduleGuid second = Create(Daily(60));
   Reload();
   EXPECT_THAT(ListedIds(), ElementsAre(Text(second), Text(first)));
+  const platform::CriticalSectionGuard guard(g_JobListLock);
   const auto at = g_JobList.Find(first);
   EXPECT_EQ(qx::testing::Narrow(at->LaunchPath.view()),
             "/bin/true " + Text(first) + " \"" + m_folder + "/job.xml\" -x Pre=\"a\" Post=\"b\"");

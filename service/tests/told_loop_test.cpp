@@ -69,6 +69,7 @@ class ToldLoop : public qx::testing::SimulatedMachine, public testing::WithParam
  protected:
   static std::vector<Launch> Listed() {
     std::vector<Launch> out;
+    const platform::CriticalSectionGuard guard(g_JobListLock);
     for (auto at = g_JobList.Begin(); at != g_JobList.End(); ++at) {
       out.emplace_back(qx::testing::Narrow(at->IdText()), at->NextTimeWindow);
     }
@@ -103,6 +104,7 @@ class ToldLoop : public qx::testing::SimulatedMachine, public testing::WithParam
   void Delete() {
     CJobNode node;
     node.ScheduleID.Data1 = 1 + Below(40);
+    const platform::CriticalSectionGuard guard(g_JobListLock);
     if (const auto at = g_JobList.Find(node.ScheduleID); at != g_JobList.End()) {
       at->ReleaseScheduler();
       g_JobList.RemoveJob(node);
