@@ -151,12 +151,12 @@ const TagRow* RowOf(ZepTag tag) {
 std::u16string Decimal(std::int32_t number) { return platform::WideFromUtf8(std::to_string(number)); }
 
 // Deliberate: the tenth key is "Item010", and "Item10" never exists.
-wcstring ItemKey(std::size_t i) {
+wcstring ElementKey(std::size_t i) {
   return wcstring((i < 10 ? u"Item0" : u"Item") + Decimal(static_cast<std::int32_t>(i + 1)));
 }
 
 // Blanks, a sign and decimal digits; the low 64 bits of a longer number.
-std::int64_t ParseDecimal(std::u16string_view text) {
+std::int64_t ParseElement(std::u16string_view text) {
   while (!text.empty() && text.front() <= u' ') text.remove_prefix(1);
   const bool negative = text.starts_with(u'-');
   if (negative || text.starts_with(u'+')) text.remove_prefix(1);
@@ -180,7 +180,8 @@ std::vector<T> ReadElements(const wcstring& file, const wcstring& section) {
     const std::u16string_view line = rest.substr(0, rest.find(u'\0'));
     rest.remove_prefix(line.size() + 1);
     const std::size_t equals = line.find(u'=');
-    elements.push_back(static_cast<T>(ParseDecimal(equals == std::u16string_view::npos ? line : line.substr(equals + 1))));
+    elements.push_back(
+        static_cast<T>(ParseElement(equals == std::u16string_view::npos ? line : line.substr(equals + 1))));
   }
   return elements;
 }
@@ -336,7 +337,7 @@ std::int32_t CIniFilePropertyBag::WriteWide(const wcstring& section, const wcstr
 
 std::uint32_t CIniFilePropertyBag::WriteDateArray(const wcstring& section, const wcstring&, const PropertyValue& value) {
   const auto dates = value.Dates();
-  for (std::size_t i = 0; i < dates.size(); ++i) WriteWide(section, ItemKey(i), static_cast<long>(dates[i]));
+  for (std::size_t i = 0; i < dates.size(); ++i) WriteWide(section, ElementKey(i), static_cast<long>(dates[i]));
   return static_cast<std::uint32_t>(dates.size());
 }
 
@@ -344,14 +345,14 @@ std::uint32_t CIniFilePropertyBag::WriteByteArray(const wcstring& section, const
   const auto bytes = value.Bytes();
   // Deliberate: an 8-bit counter numbers the bytes, so that those behind the 256th are never stored.
   const std::size_t stored = std::min(bytes.size(), kByteCounterEnd);
-  for (std::size_t i = 0; i < stored; ++i) WriteSigned(section, ItemKey(i), bytes[i]);
+  for (std::size_t i = 0; i < stored; ++i) WriteSigned(section, ElementKey(i), bytes[i]);
   return static_cast<std::uint32_t>(bytes.size());
 }
 
 std::uint32_t CIniFilePropertyBag::WriteInt16Array(const wcstring& section, const wcstring&,
                                                    const PropertyValue& value) {
   const auto numbers = value.Int16s();
-  for (std::size_t i = 0; i < numbers.size(); ++i) WriteSigned(section, ItemKey(i), numbers[i]);
+  for (std::size_t i = 0; i < numbers.size(); ++i) WriteSigned(section, ElementKey(i), numbers[i]);
   return static_cast<std::uint32_t>(numbers.size());
 }
 

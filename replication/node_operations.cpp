@@ -36,7 +36,7 @@ using ZepFoundation::ServiceLog;
 using Bytes = std::vector<std::uint8_t>;
 
 // What a failed step makes of the whole call.
-constexpr Status kFailed = kStatusFailure;
+constexpr Status kNotDone = kStatusFailure;
 
 // An array of the caller's, accessed for the length of a call.
 ErrorCode AccessArray(std::size_t size, std::uint32_t count, std::string_view name) {
@@ -124,7 +124,7 @@ class CNodeOperations::Call {
     m_results[m_local] = static_cast<std::int32_t>(status);
     if (status != kStatusOk) {
       ServiceLog(1, u"%s:Failed to %s the schedule on localhost", m_operation.name, m_operation.verb);
-      return kFailed;
+      return kNotDone;
     }
     ServiceLog(3, u"Successfully %s the schedule on localhost", m_operation.verbPast);
     return kStatusOk;
@@ -132,33 +132,33 @@ class CNodeOperations::Call {
 
   // Failures end with 1 and leave the local change as it is.
   Status CarryToOthers(const std::function<std::uint32_t(std::u16string&)>& build) {
-    if (CheckIfRunningAsLocalSystem()) return kFailed;
+    if (CheckIfRunningAsLocalSystem()) return kNotDone;
     if (!platform::IsSecurityPackageLoaded()) {
       ServiceLog(1, u"%s: secur32.dll has not been loaded", m_operation.name);
       // Deliberate: these words in all four.
       ServiceLog(1, u"%s: failed to create schedule on far nodes", m_operation.name);
-      return kFailed;
+      return kNotDone;
     }
     platform::SecurityCredentials credentials;
     if (const platform::SecurityStatus status = getLuidForProc(credentials, platform::CredentialsUse::kOutbound);
         status != platform::SEC_E_OK) {
       ServiceLog(1, u"%s: AcquireCredentialsHandle failed. Error 0x%x.", m_operation.name, status);
-      return kFailed;
+      return kNotDone;
     }
     if (!platform::NamedBuffer<int>(m_count, "m_socket")) {
       ServiceLog(1, u"%s:calloc(m_socket) failed", m_operation.name);
       ServiceLog(1, u"%s:Failed to %s the registry on remote hosts", m_operation.name, m_operation.registryVerb);
-      return kFailed;
+      return kNotDone;
     }
     m_sockets.resize(m_count);
-    if (!BuildBody(build)) return kFailed;
+    if (!BuildBody(build)) return kNotDone;
     // Each lives to the end of the call.
     std::vector<platform::SecurityContext> contexts(m_count);
     Status status = kStatusOk;
     for (std::size_t node = 0; node < m_count; ++node) {
       if (node != m_local && !SendTo(node, credentials, contexts[node])) {
         m_sockets[node].Close();
-        status = kFailed;
+        status = kNotDone;
       }
     }
     ServiceLog(3, u"%s:Successfully sent Registry information to %d clients ", m_operation.name,

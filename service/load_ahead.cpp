@@ -23,9 +23,9 @@ constexpr std::size_t kBuilders = 6;          // so many reads a disk has to do 
 constexpr std::size_t kSchedulesATime = 64;   // of a batch
 constexpr std::size_t kMostBatches = 64;      // that wait
 
-enum ValueName : std::size_t { kXmlPath, kUseGuid, kWrapper, kParameters, kPostScript, kPreScript };
-constexpr std::string_view kValueNames[] = {"XMLFilePathName", "UseGUID",    "WrapperBinary",
-                                            "Parameters",      "PostScript", "PreScript"};
+enum ValueName : std::size_t { kXmlPath, kByGuid, kWrapper, kParameters, kPostScript, kPreScript };
+constexpr std::string_view kScannedValues[] = {"XMLFilePathName", "UseGUID",    "WrapperBinary",
+                                               "Parameters",      "PostScript", "PreScript"};
 
 // A key's folded name as an ID: a plain one alone.
 bool ReadId(std::span<const unsigned char> fold, ScheduleGuid& id) {
@@ -60,10 +60,10 @@ bool ReadFlag(const RegistryScan::Value& value, bool& out) {
 }
 
 bool ReadJob(const RegistryScan::Batch& batch, std::size_t at, StoredJob& job) {
-  return ReadText(batch.At(at, kXmlPath), job.xmlPath) && ReadFlag(batch.At(at, kUseGuid), job.useGuid) &&
+  return ReadText(batch.At(at, kXmlPath), job.xmlPath) && ReadFlag(batch.At(at, kByGuid), job.useGuid) &&
          ReadText(batch.At(at, kWrapper), job.wrapper) && !job.wrapper.empty() &&
-         ReadText(batch.At(at, kParameters), job.parameters) &&
-         ReadText(batch.At(at, kPostScript), job.postScript) && ReadText(batch.At(at, kPreScript), job.preScript);
+         ReadText(batch.At(at, kParameters), job.parameters) && ReadText(batch.At(at, kPostScript), job.postScript) &&
+         ReadText(batch.At(at, kPreScript), job.preScript);
 }
 
 bool MakeRules(CJobNode& node) {
@@ -134,8 +134,8 @@ void LoadAhead::Scan(const std::string& storeFile) {
         if (started != platform::ERROR_SUCCESS) break;
         m_builders.push_back(std::move(builder));
       }
-      complete = !m_builders.empty() &&
-                 m_scan.Read(kValueNames, kSchedulesATime, [this](Batch&& batch) { return Queue(std::move(batch)); });
+      complete = !m_builders.empty() && m_scan.Read(kScannedValues, kSchedulesATime,
+                                                    [this](Batch&& batch) { return Queue(std::move(batch)); });
     }
   } catch (const std::exception&) {
     // Without memory nothing more is built.

@@ -17,18 +17,18 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr std::int64_t kNow = 1792584000;  // Wednesday 2026-10-21 14:00:00 +0200
+constexpr std::int64_t kPageNow = 1792584000;  // Wednesday 2026-10-21 14:00:00 +0200
 
 class CalendarPageTest : public testing::Test {
  protected:
   platform::ScopedZone m_zone{"CET-1CEST,M3.5.0,M10.5.0/3"};
-  platform::VirtualClock m_clock{kNow};
+  platform::VirtualClock m_clock{kPageNow};
 };
 
-using Document = std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)>;
+using PageDocument = std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)>;
 
 // Null when the page isn't well-formed.
-Document Parse(const std::string& page) {
+PageDocument ParsePage(const std::string& page) {
   return {xmlReadMemory(page.data(), static_cast<int>(page.size()), nullptr, nullptr,
                         XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_HUGE),
           xmlFreeDoc};
@@ -60,7 +60,7 @@ std::string Content(const xmlNode& node) {
 }
 
 // The text of what a day tells when it is pointed at.
-std::string TipOf(const Document& document, const std::string& label) {
+std::string TipOf(const PageDocument& document, const std::string& label) {
   std::string text;
   ForEach(xmlDocGetRootElement(document.get()), [&](const xmlNode& node) {
     if (!Attribute(node, "aria-label").starts_with(label)) return;
@@ -73,15 +73,15 @@ std::string TipOf(const Document& document, const std::string& label) {
 
 TEST_F(CalendarPageTest, IsWellFormedWhateverASchedulesNameIs) {
   for (const int month : {0, 2, 10, 12}) {
-    const std::string page = qx::CalendarPage(SampleCalendar({2026, month}, kNow, 3));
-    EXPECT_TRUE(Parse(page)) << month;
-    EXPECT_FALSE(Parse(page + "<")) << "the check itself";
+    const std::string page = qx::CalendarPage(SampleCalendar({2026, month}, kPageNow, 3));
+    EXPECT_TRUE(ParsePage(page)) << month;
+    EXPECT_FALSE(ParsePage(page + "<")) << "the check itself";
   }
 }
 
 TEST_F(CalendarPageTest, HasNoScriptAndNothingFromOutside) {
-  const std::string page = qx::CalendarPage(SampleCalendar({2026, 0}, kNow));
-  const Document document = Parse(page);
+  const std::string page = qx::CalendarPage(SampleCalendar({2026, 0}, kPageNow));
+  const PageDocument document = ParsePage(page);
   ASSERT_TRUE(document);
   std::size_t elements = 0;
   ForEach(xmlDocGetRootElement(document.get()), [&](const xmlNode& node) {
@@ -107,7 +107,7 @@ TEST_F(CalendarPageTest, HasNoScriptAndNothingFromOutside) {
 }
 
 TEST_F(CalendarPageTest, ShowsTheTextOfAClientAsText) {
-  const Document document = Parse(qx::CalendarPage(SampleCalendar({2026, 10}, kNow)));
+  const PageDocument document = ParsePage(qx::CalendarPage(SampleCalendar({2026, 10}, kPageNow)));
   ASSERT_TRUE(document);
   EXPECT_THAT(
       TipOf(document, "Sunday, 25 October 2026"),
@@ -115,7 +115,7 @@ TEST_F(CalendarPageTest, ShowsTheTextOfAClientAsText) {
 }
 
 TEST_F(CalendarPageTest, ADayTellsItsWindowsAndWhyTheyAreThere) {
-  const Document document = Parse(qx::CalendarPage(SampleCalendar({2026, 10}, kNow)));
+  const PageDocument document = ParsePage(qx::CalendarPage(SampleCalendar({2026, 10}, kPageNow)));
   ASSERT_TRUE(document);
   const std::string wednesday = TipOf(document, "Wednesday, 14 October 2026");
   EXPECT_THAT(wednesday, HasSubstr("22:00–02:00 nightly backupevery wed · 1 restart"));
@@ -127,14 +127,14 @@ TEST_F(CalendarPageTest, ADayTellsItsWindowsAndWhyTheyAreThere) {
 }
 
 TEST_F(CalendarPageTest, ADayWithoutAnythingSaysSo) {
-  qx::CalendarBuilder builder({2026, 2}, kNow, 1);
-  const Document document = Parse(qx::CalendarPage(builder.Finish()));
+  qx::CalendarBuilder builder({2026, 2}, kPageNow, 1);
+  const PageDocument document = ParsePage(qx::CalendarPage(builder.Finish()));
   ASSERT_TRUE(document);
   EXPECT_THAT(TipOf(document, "Sunday, 1 February 2026"), HasSubstr("No rule names this day."));
 }
 
 TEST_F(CalendarPageTest, WhatADayDoesntShowIsCounted) {
-  const Document document = Parse(qx::CalendarPage(SampleCalendar({2026, 10}, kNow, 2500, 12)));
+  const PageDocument document = ParsePage(qx::CalendarPage(SampleCalendar({2026, 10}, kPageNow, 2500, 12)));
   ASSERT_TRUE(document);
   EXPECT_THAT(TipOf(document, "Friday, 30 October 2026"), HasSubstr("and 2,488 more excluded"));
   EXPECT_THAT(TipOf(document, "Sunday, 25 October 2026"), HasSubstr("and 2,488 more"));

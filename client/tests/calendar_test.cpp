@@ -24,11 +24,11 @@ using qx::CalendarSpan;
 using testing::ElementsAre;
 
 constexpr char kBerlin[] = "CET-1CEST,M3.5.0,M10.5.0/3";
-constexpr std::int64_t kNow = 1796040000;  // Monday 2026-11-30 13:00:00 +0100
+constexpr std::int64_t kCalendarNow = 1796040000;  // Monday 2026-11-30 13:00:00 +0100
 
 // Local wall clock of the zone in force.
 std::int64_t At(const std::string& text) {
-  return *qx::ParseInstant(text, platform::CurrentZone(), kNow);
+  return *qx::ParseInstant(text, platform::CurrentZone(), kCalendarNow);
 }
 
 SCHEDULE_OBJECT Record(const std::string& toml) {
@@ -40,7 +40,7 @@ SCHEDULE_OBJECT Record(const std::string& toml) {
 }
 
 Calendar Of(CalendarSpan span, const std::vector<SCHEDULE_OBJECT>& records, std::size_t kept = 40) {
-  CalendarBuilder builder(span, kNow, kept);
+  CalendarBuilder builder(span, kCalendarNow, kept);
   for (std::size_t i = 0; i < records.size(); ++i) {
     EXPECT_EQ(builder.Add("s" + std::to_string(i), records[i]), kStatusOk);
   }
@@ -60,7 +60,7 @@ class CalendarTest : public testing::Test {
   ~CalendarTest() override { ZepFoundation::SetServiceLogWriter(m_writerBefore); }
 
   platform::ScopedZone m_zone{kBerlin};
-  platform::VirtualClock m_clock{kNow};
+  platform::VirtualClock m_clock{kCalendarNow};
 
  private:
   ZepFoundation::ServiceLogWriter* m_writerBefore =
@@ -247,7 +247,7 @@ TEST_F(CalendarTest, OnlyTheEarliestEntriesAreKeptAndAllAreCounted) {
 }
 
 TEST_F(CalendarTest, RefusedRulesLeaveNothingBehind) {
-  CalendarBuilder builder({2026, 12}, kNow, 10);
+  CalendarBuilder builder({2026, 12}, kCalendarNow, 10);
   EXPECT_EQ(builder.Add("none", SCHEDULE_OBJECT{}), kStatusNoRunDay);
   const Calendar calendar = builder.Finish();
   EXPECT_TRUE(calendar.schedules.empty());
@@ -332,7 +332,7 @@ TEST_F(CalendarTest, CountsWhatTheLibraryAnswersForAnyRules) {
     const platform::ScopedZone zone(zones[round % 5]);
     SCHEDULE_OBJECT record;
     SCHEDULE_RULE& rules = record.stScheduleRules;
-    const std::int64_t carrier = qx::CarrierDay(kNow, platform::CurrentZone());
+    const std::int64_t carrier = qx::CarrierDay(kCalendarNow, platform::CurrentZone());
     rules.lStartTime = static_cast<std::int32_t>(platform::CurrentZone().ToSeconds(carrier * 86400 + upTo(1439) * 60));
     const int minutes[] = {1, 30, 240, 600, 1440};
     rules.dwTimeDuration = static_cast<std::uint32_t>(minutes[upTo(4)]) * 60000;

@@ -10,8 +10,6 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr const char* kIdA = "{AAAA1111-0000-4001-8000-000000000000}";
-
 class CliApply : public CliOnline {
  protected:
   CliApply() {

@@ -11,7 +11,7 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr char kDaily[] =
+constexpr char kDailyFile[] =
     "name = \"daily\"\n[job]\nwrapper = \"/bin/true\"\n[window]\nstart = \"22:00\"\nduration = \"1h\"\n"
     "[days]\nevery = [\"sun\",\"mon\",\"tue\",\"wed\",\"thu\",\"fri\",\"sat\"]\nexclude = [2026-12-25]\n";
 
@@ -27,7 +27,7 @@ class CalendarCommand : public CliOnline {
 
 TEST_F(CalendarCommand, ShowsAFileWithoutAService) {
   connectCode = platform::ERROR_FILE_NOT_FOUND;
-  const Result result = Ask({"calendar", Write("daily.toml", kDaily), "--month", "2026-12"});
+  const Result result = Ask({"calendar", Write("daily.toml", kDailyFile), "--month", "2026-12"});
   EXPECT_EQ(result.exit, qx::kExitDone) << result.err;
   EXPECT_THAT(result.out, HasSubstr("December 2026\n"));
   EXPECT_THAT(result.out, HasSubstr("2026-12-25 Fri  excluded: daily (every fri)\n"));
@@ -35,7 +35,7 @@ TEST_F(CalendarCommand, ShowsAFileWithoutAService) {
 }
 
 TEST_F(CalendarCommand, ReadsTheInputAndTakesThePresentMonth) {
-  const Result result = Ask({"calendar", "-"}, kDaily);
+  const Result result = Ask({"calendar", "-"}, kDailyFile);
   EXPECT_EQ(result.exit, qx::kExitDone) << result.err;
   EXPECT_THAT(result.out, HasSubstr("November 2026\n"));
   EXPECT_THAT(result.out, HasSubstr("30<"));
@@ -70,21 +70,21 @@ TEST_F(CalendarCommand, LeavesOutAScheduleThatIsDeletedMeanwhile) {
 
 TEST_F(CalendarCommand, TakesFilesAndSchedulesTogether) {
   Have(Id(0xAB120001), u"one", kTonight);
-  const Result result = Ask({"calendar", "one", Write("daily.toml", kDaily), "--month", "2026-12"});
+  const Result result = Ask({"calendar", "one", Write("daily.toml", kDailyFile), "--month", "2026-12"});
   EXPECT_EQ(result.exit, qx::kExitDone) << result.err;
   EXPECT_THAT(result.out, HasSubstr("2 schedules, 61 windows"));
 }
 
 TEST_F(CalendarCommand, ComputesInTheZoneThatIsChosen) {
   const Result result =
-      Ask({"calendar", Write("daily.toml", kDaily), "--month", "2026-03", "--zone", "America/New_York"});
+      Ask({"calendar", Write("daily.toml", kDailyFile), "--month", "2026-03", "--zone", "America/New_York"});
   EXPECT_EQ(result.exit, qx::kExitDone) << result.err;
   EXPECT_THAT(result.out, HasSubstr("2026-03-08 Sun  clock goes forward 1h at 02:00"));
   EXPECT_EQ(Ask({"calendar", Path("daily.toml"), "--zone", "Nowhere/Land"}).exit, qx::kExitUsage);
 }
 
 TEST_F(CalendarCommand, RefusesMonthsAndYearsThatHaveNoCalendarAndTellsWhatIsAllowed) {
-  const std::string file = Write("daily.toml", kDaily);
+  const std::string file = Write("daily.toml", kDailyFile);
   for (const char* bad : {"2026-13", "2026-00", "1969-12", "2038-01", "december", ""}) {
     const Result result = Ask({"calendar", file, std::string("--month=") + bad, "--html", Path("page.html")});
     EXPECT_EQ(result.exit, qx::kExitUsage) << bad;
@@ -101,7 +101,8 @@ TEST_F(CalendarCommand, RefusesMonthsAndYearsThatHaveNoCalendarAndTellsWhatIsAll
 }
 
 TEST_F(CalendarCommand, WritesThePageAndNothingElse) {
-  const Result result = Ask({"calendar", Write("daily.toml", kDaily), "--year", "2026", "--html", Path("page.html")});
+  const Result result =
+      Ask({"calendar", Write("daily.toml", kDailyFile), "--year", "2026", "--html", Path("page.html")});
   EXPECT_EQ(result.exit, qx::kExitDone) << result.err;
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, "qxsched: written: " + Path("page.html") + "\n");
@@ -109,7 +110,7 @@ TEST_F(CalendarCommand, WritesThePageAndNothingElse) {
 }
 
 TEST_F(CalendarCommand, APageThatCantBeWrittenLeavesTheOldOne) {
-  const std::string file = Write("daily.toml", kDaily);
+  const std::string file = Write("daily.toml", kDailyFile);
   const std::string page = Write("page.html", "the old page");
   for (int n = 1;; ++n) {
     platform::FaultPlan plan = platform::FaultPlan::FailAnyCall(n, platform::ERROR_DISK_FULL);
@@ -129,7 +130,7 @@ TEST_F(CalendarCommand, APageThatCantBeWrittenLeavesTheOldOne) {
 }
 
 TEST_F(CalendarCommand, TellsWhyAPageCantBeWritten) {
-  const std::string file = Write("daily.toml", kDaily);
+  const std::string file = Write("daily.toml", kDailyFile);
   const Result nowhere = Ask({"calendar", file, "--html", Path("none/page.html")});
   EXPECT_EQ(nowhere.exit, qx::kExitFailed);
   EXPECT_THAT(nowhere.err, HasSubstr(Path("none/page.html") + ": the page can't be written: "));
@@ -161,14 +162,14 @@ TEST_F(CalendarCommand, RulesInThePastHaveACalendarOfTheirTime) {
 }
 
 TEST_F(CalendarCommand, GivesItsDaysAsJson) {
-  const Result result = Ask({"calendar", Write("daily.toml", kDaily), "--month", "2026-12", "--json"});
-  const auto json = nlohmann::json::parse(result.out);
-  ASSERT_EQ(json["days"].size(), 31u);
-  EXPECT_EQ(json["windows"], 30);
-  EXPECT_EQ(json["days"][0]["date"], "2026-12-01");
-  EXPECT_EQ(json["days"][0]["entries"][0]["reason"], "every tue");
-  EXPECT_EQ(json["days"][24]["excluded"], 1);
-  EXPECT_EQ(json["days"][24]["exclusions"][0]["schedule"], "daily");
+  const Result result = Ask({"calendar", Write("daily.toml", kDailyFile), "--month", "2026-12", "--json"});
+  const auto month = nlohmann::json::parse(result.out);
+  ASSERT_EQ(month["days"].size(), 31u);
+  EXPECT_EQ(month["windows"], 30);
+  EXPECT_EQ(month["days"][0]["date"], "2026-12-01");
+  EXPECT_EQ(month["days"][0]["entries"][0]["reason"], "every tue");
+  EXPECT_EQ(month["days"][24]["excluded"], 1);
+  EXPECT_EQ(month["days"][24]["exclusions"][0]["schedule"], "daily");
 }
 
 }  // namespace

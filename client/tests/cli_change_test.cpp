@@ -12,8 +12,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-constexpr const char* kIdA = "{AAAA1111-0000-4001-8000-000000000000}";
-
 class CliChange : public CliOnline {
  protected:
   CliChange() {

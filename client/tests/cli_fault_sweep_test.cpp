@@ -11,7 +11,6 @@ namespace {
 
 using platform::Operation;
 
-constexpr const char* kIdA = "{AAAA1111-0000-4001-8000-000000000000}";
 constexpr platform::ErrorCode kCode = platform::ERROR_IO_DEVICE;
 constexpr const char* kSentence = "The request could not be performed because of an I/O device error.";
 

@@ -25,9 +25,6 @@ const std::string kDaily =
     "name = \"daily\"\n[job]\nwrapper = \"/bin/true\"\n[window]\nstart = \"22:00\"\nend = \"23:00\"\n"
     "[days]\nevery = [\"sun\",\"mon\",\"tue\",\"wed\",\"thu\",\"fri\",\"sat\"]\n";
 
-constexpr const char* kIdA = "{AAAA1111-0000-4001-8000-000000000000}";
-constexpr const char* kIdB = "{AAAA2222-0000-4001-8000-000000000000}";
-
 // --- list ---
 
 TEST_F(CliOnline, ListsSchedulesByTheirNextWindow) {

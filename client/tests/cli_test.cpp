@@ -45,12 +45,12 @@ TEST_F(Cli, EndsWith2ForWordsThatItDoesNotKnow) {
   }
 }
 
-const std::string kLastFriday =
+const std::string kFridayNight =
     "[job]\nwrapper = \"/bin/true\"\n[window]\nstart = \"22:00\"\nend = \"02:00\"\n"
     "[days]\nlast = [\"fri\"]\nexclude = [2026-12-25]\n";
 
 TEST_F(Cli, ShowsTheComingWindows) {
-  const std::string file = Write("a.toml", kLastFriday);
+  const std::string file = Write("a.toml", kFridayNight);
   const Result result = Run({"next", "-n", "3", file});
   EXPECT_EQ(result.exit, 0);
   EXPECT_EQ(result.err, "");
@@ -106,7 +106,7 @@ TEST_F(Cli, NamesTheRuleThatGivesADay) {
 }
 
 TEST_F(Cli, ShowsWindowsAsJson) {
-  const std::string file = Write("a.toml", kLastFriday);
+  const std::string file = Write("a.toml", kFridayNight);
   const Result result = Run({"next", file, "-n", "1", "--json", "--from", "2026-01-01"});
   EXPECT_EQ(result.exit, 0);
   EXPECT_EQ(result.out,
@@ -115,7 +115,7 @@ TEST_F(Cli, ShowsWindowsAsJson) {
 }
 
 TEST_F(Cli, ComputesInTheZoneThatItIsTold) {
-  const std::string file = Write("a.toml", kLastFriday);
+  const std::string file = Write("a.toml", kFridayNight);
   const Result result = Run({"next", file, "-n", "1", "--no-legend", "--zone", "ZZZ+5"});
   EXPECT_EQ(result.out, "2027-01-29 22:00:00 -0500  Fri  2027-01-30 02:00:00 -0500  skips 2026-12-25\n");
   EXPECT_EQ(Run({"next", file, "--zone", "Nowhere/Atall"}).exit, 2);
@@ -151,7 +151,7 @@ TEST_F(Cli, RefusesWindowsOfAMalformedOrRefusedFile) {
 }
 
 TEST_F(Cli, ReadsTheScheduleFromTheInput) {
-  EXPECT_EQ(Run({"next", "-", "-n", "1", "--no-legend"}, kLastFriday).out,
+  EXPECT_EQ(Run({"next", "-", "-n", "1", "--no-legend"}, kFridayNight).out,
             "2027-01-29 22:00:00 +0100  Fri  2027-01-30 02:00:00 +0100  skips 2026-12-25\n");
 }
 
@@ -199,7 +199,7 @@ class CountingWriter : public ZepFoundation::ServiceLogWriter {
 TEST_F(Cli, WritesNoServiceLog) {
   CountingWriter writer;
   ZepFoundation::SetServiceLogWriter(&writer);
-  EXPECT_EQ(Run({"check", Write("a.toml", kLastFriday)}).exit, 0);
+  EXPECT_EQ(Run({"check", Write("a.toml", kFridayNight)}).exit, 0);
   EXPECT_EQ(writer.m_lines, 0);
 }
 
@@ -211,7 +211,7 @@ TEST_F(Cli, ColoursOnlyWhenToldTo) {
 }
 
 TEST_F(Cli, EndsWith1WhenItsOutputIsClosed) {
-  const std::string file = Write("a.toml", kLastFriday);
+  const std::string file = Write("a.toml", kFridayNight);
   for (const std::vector<const char*>& words :
        {std::vector<const char*>{"qxsched", "next", file.c_str()}, {"qxsched", "next", "--batch"}}) {
     std::istringstream in("{\"fresh\":true}\n");
@@ -223,7 +223,7 @@ TEST_F(Cli, EndsWith1WhenItsOutputIsClosed) {
 }
 
 TEST_F(Cli, TakesTheStateDirectoryThatItIsTold) {
-  (void)Run({"--root", m_directory, "check", Write("a.toml", kLastFriday)});
+  (void)Run({"--root", m_directory, "check", Write("a.toml", kFridayNight)});
   EXPECT_EQ(platform::StateDirectory(), m_directory);
 }
 

@@ -13,7 +13,7 @@ using namespace qx;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::int64_t kNow = 1796040000;
+constexpr std::int64_t kRecorderNow = 1796040000;
 
 class Recorder : public testing::Test {
  protected:
@@ -39,12 +39,12 @@ class Recorder : public testing::Test {
     recorder.Settle();
   }
   void Wait(std::int64_t seconds) { clock.Advance(static_cast<std::uint64_t>(seconds) * 1000); }
-  // "missed 1 10 86400 reason" of each entry since the last call; times from kNow, "-" for none.
+  // "missed 1 10 86400 reason" of each entry since the last call; times from kRecorderNow, "-" for none.
   std::vector<std::string> Take() {
     std::vector<std::string> texts;
     const auto time = [](const std::optional<std::int64_t>& value) {
       if (!value) return std::string(" -");
-      return *value < 0 ? std::string(" end") : " " + std::to_string(*value - kNow);
+      return *value < 0 ? std::string(" end") : " " + std::to_string(*value - kRecorderNow);
     };
     for (const HistoryEntry& entry : recorder.Entries()) {
       std::string text = HistoryKindText(entry.kind);
@@ -56,34 +56,34 @@ class Recorder : public testing::Test {
     return texts;
   }
 
-  platform::VirtualClock clock{kNow};
+  platform::VirtualClock clock{kRecorderNow};
   HistoryRecorder recorder{{}};
 };
 
 TEST_F(Recorder, TakesTheWindowThatWasDueForTheOneThatWasLaunched) {
-  Begin({Row(kNow + 10)});
+  Begin({Row(kRecorderNow + 10)});
   Wait(10);
-  recorder.NextTimeWindow_Modify(Id(), kNow + 100);
+  recorder.NextTimeWindow_Modify(Id(), kRecorderNow + 100);
   ASSERT_EQ(recorder.Entries().size(), 1u);
-  EXPECT_EQ(recorder.Entries()[0],
-            (HistoryEntry{kNow + 10, HistoryKind::kLaunch, Text(), "daily", kNow + 10, kNow + 100, ""}));
+  EXPECT_EQ(recorder.Entries()[0], (HistoryEntry{kRecorderNow + 10, HistoryKind::kLaunch, Text(), "daily",
+                                                 kRecorderNow + 10, kRecorderNow + 100, ""}));
   EXPECT_THAT(Take(), ElementsAre("launch 10 100"));
   Wait(90);
   recorder.NextTimeWindow_Modify(Id(), -1);
   EXPECT_THAT(Take(), ElementsAre("launch 100 end"));
-  EXPECT_EQ(recorder.LastLaunch(), kNow + 100);
+  EXPECT_EQ(recorder.LastLaunch(), kRecorderNow + 100);
   EXPECT_EQ(recorder.NextWindow(), std::nullopt);
 }
 
 TEST_F(Recorder, NamesNoWindowWhereNoneWasDue) {
-  Begin({Row(kNow + 10)});
-  recorder.NextTimeWindow_Modify(Id(), kNow + 100);   // ahead of the window that was known
-  recorder.NextTimeWindow_Modify(Id(2), kNow + 200);  // a schedule that nobody told of
+  Begin({Row(kRecorderNow + 10)});
+  recorder.NextTimeWindow_Modify(Id(), kRecorderNow + 100);   // ahead of the window that was known
+  recorder.NextTimeWindow_Modify(Id(2), kRecorderNow + 200);  // a schedule that nobody told of
   EXPECT_THAT(Take(), ElementsAre("launch - 100", "launch - 200"));
 }
 
 TEST_F(Recorder, TellsOfChanges) {
-  Begin({Row(kNow + 10)});
+  Begin({Row(kRecorderNow + 10)});
   recorder.Schedule_Add(Id(2));
   recorder.Schedule_Modify(Id());
   recorder.Schedule_Delete(Id());
@@ -99,9 +99,9 @@ TEST_F(Recorder, ReadsTheListAfterAChangeAndThenRests) {
   EXPECT_FALSE(recorder.WantsList());
   Wait(2);
   EXPECT_TRUE(recorder.WantsList());
-  List({Row(kNow + 10)});
+  List({Row(kRecorderNow + 10)});
   EXPECT_FALSE(recorder.WantsList());
-  EXPECT_EQ(recorder.NextWindow(), kNow + 10);
+  EXPECT_EQ(recorder.NextWindow(), kRecorderNow + 10);
   recorder.Schedule_Add(Id(2));
   recorder.ServiceDown();
   Wait(100);
@@ -109,12 +109,12 @@ TEST_F(Recorder, ReadsTheListAfterAChangeAndThenRests) {
 }
 
 TEST_F(Recorder, FindsAWindowThatTheServicePassedOver) {
-  Begin({Row(kNow + 10)});
+  Begin({Row(kRecorderNow + 10)});
   Wait(10 + HistoryRecorder::kGraceSeconds - 1);
   EXPECT_FALSE(recorder.WantsList());
   Wait(1);
   EXPECT_TRUE(recorder.WantsList());
-  List({Row(kNow + 100)});
+  List({Row(kRecorderNow + 100)});
   EXPECT_THAT(Take(), IsEmpty()) << "not yet believed";
   Wait(2);
   recorder.Settle();
@@ -122,136 +122,137 @@ TEST_F(Recorder, FindsAWindowThatTheServicePassedOver) {
 }
 
 TEST_F(Recorder, BelievesALaunchThatIsHeardBehindTheList) {
-  Begin({Row(kNow + 10)});
+  Begin({Row(kRecorderNow + 10)});
   Wait(16);
-  List({Row(kNow + 100)});
-  recorder.NextTimeWindow_Modify(Id(), kNow + 100);
+  List({Row(kRecorderNow + 100)});
+  recorder.NextTimeWindow_Modify(Id(), kRecorderNow + 100);
   Wait(5);
   recorder.Settle();
   EXPECT_THAT(Take(), ElementsAre("launch 10 100"));
 }
 
 TEST_F(Recorder, WaitsWhileAWindowThatIsPastStaysInTheList) {
-  Begin({Row(kNow + 10)});
+  Begin({Row(kRecorderNow + 10)});
   Wait(16);
-  List({Row(kNow + 10)});
+  List({Row(kRecorderNow + 10)});
   Wait(30);
   EXPECT_FALSE(recorder.WantsList());
   Wait(30);
   EXPECT_TRUE(recorder.WantsList());
-  recorder.NextTimeWindow_Modify(Id(), kNow + 100);  // late, but launched
+  recorder.NextTimeWindow_Modify(Id(), kRecorderNow + 100);  // late, but launched
   EXPECT_THAT(Take(), ElementsAre("launch 10 100"));
 }
 
 TEST_F(Recorder, TakesAnEventForNewerThanTheListThatItCameWith) {
-  Begin({Row(kNow + 10)});
+  Begin({Row(kRecorderNow + 10)});
   Wait(10);
   recorder.BeginList();
-  recorder.NextTimeWindow_Modify(Id(), kNow + 100);
-  recorder.TakeList({Row(kNow + 10)});  // as it was before
+  recorder.NextTimeWindow_Modify(Id(), kRecorderNow + 100);
+  recorder.TakeList({Row(kRecorderNow + 10)});  // as it was before
   EXPECT_THAT(Take(), ElementsAre("launch 10 100"));
-  EXPECT_EQ(recorder.NextWindow(), kNow + 100);
+  EXPECT_EQ(recorder.NextWindow(), kRecorderNow + 100);
 }
 
 TEST_F(Recorder, KnowsThatWindowsBetweenTwoProcessesWereMissed) {
-  Begin({Row(kNow + 10), Row(kNow + 500, 2)});
+  Begin({Row(kRecorderNow + 10), Row(kRecorderNow + 500, 2)});
   Wait(5);
   recorder.ServiceDown();
   Wait(10);
   recorder.ServiceUp(101);
   EXPECT_TRUE(recorder.WantsList());
-  List({Row(kNow + 100), Row(kNow + 500, 2)});
+  List({Row(kRecorderNow + 100), Row(kRecorderNow + 500, 2)});
   EXPECT_THAT(Take(), ElementsAre("service-down", "service-up", "missed 10 100 the service was down"));
 }
 
 TEST_F(Recorder, DoesNotKnowOfWindowsWhileOneProcessHadNoLink) {
-  Begin({Row(kNow + 10)});
+  Begin({Row(kRecorderNow + 10)});
   Wait(5);
   recorder.ServiceDown();
   Wait(10);
   recorder.ServiceUp(100);
-  List({Row(kNow + 100)});
+  List({Row(kRecorderNow + 100)});
   EXPECT_THAT(Take(), ElementsAre("service-down", "service-up the same process: only its link to the bus was lost",
                                   "unknown 10 100 the service was not on the bus"));
 }
 
 TEST_F(Recorder, DoesNotKnowOfTheSecondInWhichTheServiceLeft) {
-  Begin({Row(kNow + 10)});
+  Begin({Row(kRecorderNow + 10)});
   Wait(10);
   recorder.ServiceDown();
   Wait(10);
   recorder.ServiceUp(101);
-  List({Row(kNow + 100)});
+  List({Row(kRecorderNow + 100)});
   EXPECT_THAT(Take(), ElementsAre("service-down", "service-up", "unknown 10 100 the service left the bus"));
 }
 
 TEST_F(Recorder, DoesNotKnowWhatPassedWhileNobodyRecorded) {
-  HistoryRecorder later(
-      std::map<std::string, KnownSchedule>{{Text(), {"daily", kNow - 5}}, {Text(2), {"other", kNow + 50}}});
+  HistoryRecorder later(std::map<std::string, KnownSchedule>{{Text(), {"daily", kRecorderNow - 5}},
+                                                             {Text(2), {"other", kRecorderNow + 50}}});
   later.BeginHearing();
   later.ServiceUp(100);
   later.BeginList();
-  later.TakeList({Row(kNow + 100), Row(kNow + 50, 2)});
+  later.TakeList({Row(kRecorderNow + 100), Row(kRecorderNow + 50, 2)});
   ASSERT_EQ(later.Entries().size(), 3u);
-  EXPECT_EQ(later.Entries()[2],
-            (HistoryEntry{kNow, HistoryKind::kUnknown, Text(), "daily", kNow - 5, kNow + 100, "nobody recorded"}));
+  EXPECT_EQ(later.Entries()[2], (HistoryEntry{kRecorderNow, HistoryKind::kUnknown, Text(), "daily", kRecorderNow - 5,
+                                              kRecorderNow + 100, "nobody recorded"}));
 }
 
 TEST_F(Recorder, DoesNotKnowOfAServiceThatWasNotThereWhenItBegan) {
-  recorder = HistoryRecorder(std::map<std::string, KnownSchedule>{{Text(), {"daily", kNow + 5}}});
+  recorder = HistoryRecorder(std::map<std::string, KnownSchedule>{{Text(), {"daily", kRecorderNow + 5}}});
   recorder.BeginHearing();
   Wait(10);
   recorder.ServiceUp(100);
-  List({Row(kNow + 100)});
+  List({Row(kRecorderNow + 100)});
   EXPECT_THAT(Take(), ElementsAre("record-begin", "service-up", "unknown 5 100 the service was not on the bus"));
 }
 
 TEST_F(Recorder, MissesTheWindowsThatTheClockJumpedOver) {
-  Begin({Row(kNow + 1000), Row(kNow + 9000, 2), Row(kNow + 2000, 3)});
-  clock.SetWall(kNow + 5000);
-  recorder.SystemTime_Change(2, {platform::GuidText(Id()), platform::GuidText(Id(2))},
-                             {static_cast<std::int32_t>(kNow + 87400), static_cast<std::int32_t>(kNow + 9000)});
+  Begin({Row(kRecorderNow + 1000), Row(kRecorderNow + 9000, 2), Row(kRecorderNow + 2000, 3)});
+  clock.SetWall(kRecorderNow + 5000);
+  recorder.SystemTime_Change(
+      2, {platform::GuidText(Id()), platform::GuidText(Id(2))},
+      {static_cast<std::int32_t>(kRecorderNow + 87400), static_cast<std::int32_t>(kRecorderNow + 9000)});
   EXPECT_THAT(Take(),
               ElementsAre("clock-change 2 schedules have a window", "missed 1000 87400 the clock or the zone changed",
                           "missed 2000 end the clock or the zone changed"));
-  EXPECT_EQ(recorder.NextWindow(), kNow + 9000);
+  EXPECT_EQ(recorder.NextWindow(), kRecorderNow + 9000);
 }
 
 TEST_F(Recorder, HearsWhatComesAfterAClockThatWasSetBack) {
-  Begin({Row(kNow + 1000)});
-  clock.SetWall(kNow - 5000);
-  recorder.SystemTime_Change(1, {platform::GuidText(Id())}, {static_cast<std::int32_t>(kNow - 4900)});
+  Begin({Row(kRecorderNow + 1000)});
+  clock.SetWall(kRecorderNow - 5000);
+  recorder.SystemTime_Change(1, {platform::GuidText(Id())}, {static_cast<std::int32_t>(kRecorderNow - 4900)});
   (void)Take();
   Wait(106);
-  List({Row(kNow + 1000)});
+  List({Row(kRecorderNow + 1000)});
   Wait(2);
   recorder.Settle();
   EXPECT_THAT(Take(), ElementsAre("missed -4900 1000 no launch was heard"));
 }
 
 TEST_F(Recorder, TakesNoWindowOfOldRulesForMissed) {
-  Begin({Row(kNow + 10)});
+  Begin({Row(kRecorderNow + 10)});
   recorder.Schedule_Modify(Id());
   Wait(20);
-  List({Row(kNow + 500)});
+  List({Row(kRecorderNow + 500)});
   Wait(2);
   recorder.Settle();
   EXPECT_THAT(Take(), ElementsAre("modified - -"));
 }
 
 TEST_F(Recorder, KeepsWhatItKnowsOfADamagedKey) {
-  Begin({Row(kNow + 10)});
+  Begin({Row(kRecorderNow + 10)});
   ListRow damaged = Row(kDamagedKey);
   damaged.name.clear();
   List({damaged});
   EXPECT_THAT(Take(), IsEmpty());
-  EXPECT_EQ(recorder.NextWindow(), kNow + 10);
+  EXPECT_EQ(recorder.NextWindow(), kRecorderNow + 10);
 }
 
 TEST_F(Recorder, EndsOnceAndSaysWhy) {
-  Begin({Row(kNow + 10)});
+  Begin({Row(kRecorderNow + 10)});
   Wait(16);
-  List({Row(kNow + 100)});
+  List({Row(kRecorderNow + 100)});
   recorder.EndHearing("the bus was lost");
   recorder.EndHearing("stopped");
   EXPECT_THAT(Take(), ElementsAre("missed 10 100 no launch was heard", "record-end the bus was lost"));
@@ -260,10 +261,10 @@ TEST_F(Recorder, EndsOnceAndSaysWhy) {
 
 TEST_F(Recorder, GivesTheNextOneWhatItKnows) {
   Begin({});
-  List({Row(kNow + 10)});
-  EXPECT_EQ(recorder.Changes().at(Text()), (KnownSchedule{"daily", kNow + 10}));
+  List({Row(kRecorderNow + 10)});
+  EXPECT_EQ(recorder.Changes().at(Text()), (KnownSchedule{"daily", kRecorderNow + 10}));
   recorder.Clear();
-  List({Row(kNow + 10)});
+  List({Row(kRecorderNow + 10)});
   EXPECT_TRUE(recorder.Changes().empty());
   recorder.ChangeAll();
   EXPECT_EQ(recorder.Changes().size(), 1u);

@@ -15,7 +15,7 @@ namespace {
 using namespace qx;
 using testing::ElementsAre;
 
-constexpr std::int64_t kNow = 1796040000;
+constexpr std::int64_t kStoreNow = 1796040000;
 constexpr const char* kId = "{AB120000-0000-4001-8000-000000000000}";
 
 class History : public testing::Test {
@@ -47,8 +47,13 @@ class History : public testing::Test {
 TEST_F(History, KeepsEveryFieldOfEveryKind) {
   std::vector<HistoryEntry> entries;
   for (std::size_t i = 0; i < kHistoryKinds; ++i) {
-    HistoryEntry entry{
-        kNow + static_cast<std::int64_t>(i), static_cast<HistoryKind>(i), i % 2 == 0 ? kId : "", "n", {}, {}, "why"};
+    HistoryEntry entry{kStoreNow + static_cast<std::int64_t>(i),
+                       static_cast<HistoryKind>(i),
+                       i % 2 == 0 ? kId : "",
+                       "n",
+                       {},
+                       {},
+                       "why"};
     if (i % 3 == 0) entry.window = -7;
     if (i % 3 == 1) entry.next = -1;
     entries.push_back(entry);
@@ -77,30 +82,30 @@ TEST_F(History, KeepsEveryFieldOfEveryKind) {
 TEST_F(History, SelectsByScheduleTimeAndMissedWindows) {
   HistoryStore store;
   ASSERT_EQ(Open(store), 0u);
-  HistoryEntry missed = Launch(kNow + 1);
+  HistoryEntry missed = Launch(kStoreNow + 1);
   missed.kind = HistoryKind::kMissed;
-  HistoryEntry unknown = Launch(kNow + 2, "{other}");
+  HistoryEntry unknown = Launch(kStoreNow + 2, "{other}");
   unknown.kind = HistoryKind::kUnknown;
-  ASSERT_EQ(store.Append({Launch(kNow), missed, unknown, Launch(kNow + 3, "{other}")}, {}), 0u);
+  ASSERT_EQ(store.Append({Launch(kStoreNow), missed, unknown, Launch(kStoreNow + 3, "{other}")}, {}), 0u);
   EXPECT_THAT(All(store, {.missed = true}), ElementsAre(missed, unknown));
-  EXPECT_THAT(All(store, {.schedule = kId}), ElementsAre(Launch(kNow), missed));
-  EXPECT_THAT(All(store, {.since = kNow + 2}), ElementsAre(unknown, Launch(kNow + 3, "{other}")));
-  EXPECT_THAT(All(store, {.schedule = "{other}", .since = kNow + 2, .missed = true}), ElementsAre(unknown));
+  EXPECT_THAT(All(store, {.schedule = kId}), ElementsAre(Launch(kStoreNow), missed));
+  EXPECT_THAT(All(store, {.since = kStoreNow + 2}), ElementsAre(unknown, Launch(kStoreNow + 3, "{other}")));
+  EXPECT_THAT(All(store, {.schedule = "{other}", .since = kStoreNow + 2, .missed = true}), ElementsAre(unknown));
   EXPECT_THAT(All(store, {.schedule = "' OR 1"}), ElementsAre());
 }
 
 TEST_F(History, DropsEntriesAboveItsAge) {
   HistoryStore store;
   ASSERT_EQ(Open(store, {.seconds = 100}), 0u);
-  ASSERT_EQ(store.Append({Launch(kNow - 101), Launch(kNow - 100), Launch(kNow)}, {}), 0u);
-  ASSERT_EQ(store.Trim(kNow), 0u);
-  EXPECT_THAT(All(store), ElementsAre(Launch(kNow - 100), Launch(kNow)));
+  ASSERT_EQ(store.Append({Launch(kStoreNow - 101), Launch(kStoreNow - 100), Launch(kStoreNow)}, {}), 0u);
+  ASSERT_EQ(store.Trim(kStoreNow), 0u);
+  EXPECT_THAT(All(store), ElementsAre(Launch(kStoreNow - 100), Launch(kStoreNow)));
 }
 
 TEST_F(History, DropsItsOldestEntriesAboveItsSize) {
   HistoryStore store;
   ASSERT_EQ(Open(store, {.bytes = kLeastHistoryBytes}), 0u);
-  std::int64_t at = kNow;
+  std::int64_t at = kStoreNow;
   const auto more = [&] {
     std::vector<HistoryEntry> entries;
     for (int i = 0; i < 1000; ++i) entries.push_back(Launch(at++));
@@ -109,7 +114,7 @@ TEST_F(History, DropsItsOldestEntriesAboveItsSize) {
   platform::ErrorCode code = 0;
   for (int round = 0; round < 30 && code == 0; ++round) {
     code = more();
-    if (code == 0) code = store.Trim(kNow);
+    if (code == 0) code = store.Trim(kStoreNow);
   }
   EXPECT_EQ(code, 0u);
   std::uint64_t bytes = 0;
@@ -125,7 +130,7 @@ TEST_F(History, DropsItsOldestEntriesAboveItsSize) {
   EXPECT_EQ(code, platform::ERROR_DISK_FULL);
   at -= 1000;
   EXPECT_EQ(All(store).back(), Launch(at - 1));
-  EXPECT_EQ(store.Trim(kNow), 0u);
+  EXPECT_EQ(store.Trim(kStoreNow), 0u);
   EXPECT_EQ(more(), 0u);
   store = {};
   EXPECT_LE(std::filesystem::file_size(m_name), kLeastHistoryBytes);
@@ -142,12 +147,12 @@ TEST_F(History, SetsADamagedFileAsideAndBeginsANewOne) {
     EXPECT_EQ(m_aside, m_name + expected);
     EXPECT_EQ(std::filesystem::file_size(m_aside), 9000u);
     EXPECT_TRUE(All(store).empty());
-    EXPECT_EQ(store.Append({Launch(kNow)}, {}), 0u);
+    EXPECT_EQ(store.Append({Launch(kStoreNow)}, {}), 0u);
   }
   HistoryStore store;
   ASSERT_EQ(Open(store), 0u);
   EXPECT_EQ(m_aside, "") << "a whole file stays";
-  EXPECT_THAT(All(store), ElementsAre(Launch(kNow)));
+  EXPECT_THAT(All(store), ElementsAre(Launch(kStoreNow)));
 }
 
 TEST_F(History, LeavesAFileOfSomebodyElseAsItIs) {
@@ -169,7 +174,7 @@ TEST_F(History, HasOneWriter) {
   ASSERT_EQ(Open(store), 0u);
   HistoryStore second;
   EXPECT_EQ(Open(second), platform::ERROR_LOCK_VIOLATION);
-  EXPECT_EQ(store.Append({Launch(kNow)}, {}), 0u);
+  EXPECT_EQ(store.Append({Launch(kStoreNow)}, {}), 0u);
 }
 
 #ifdef QX_FAULT_SEAM
@@ -179,7 +184,7 @@ TEST_F(History, AppendsAllOrNothing) {
   int calls = 0;
   for (int n = 1; calls == 0; ++n) {
     const auto plan = platform::FaultPlan::FailCall(platform::Operation::kWriteFile, n, platform::ERROR_IO_DEVICE);
-    const auto code = store.Append({Launch(kNow), Launch(kNow + 1)}, {{kId, KnownSchedule{"a", 5}}});
+    const auto code = store.Append({Launch(kStoreNow), Launch(kStoreNow + 1)}, {{kId, KnownSchedule{"a", 5}}});
     if (plan.hits() == 0) {
       EXPECT_EQ(code, 0u);
       calls = n;

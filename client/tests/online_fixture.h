@@ -17,6 +17,9 @@
 inline ScheduleGuid Id(std::uint32_t first, std::uint16_t second = 0) {
   return {first, second, 0x4001, {0x80}};
 }
+// Texts of Id(0xAAAA1111) and Id(0xAAAA2222).
+inline constexpr const char* kIdA = "{AAAA1111-0000-4001-8000-000000000000}";
+inline constexpr const char* kIdB = "{AAAA2222-0000-4001-8000-000000000000}";
 
 // A service within the process: keeps schedules, gives IDs in turn, tells its listeners.
 class FakeService : public ISchedulerService {

@@ -19,11 +19,11 @@ using qx::ScheduleFile;
 using qx::Severity;
 using testing::HasSubstr;
 
-constexpr std::int64_t kNow = 1796040000;  // 2026-11-30 12:00:00 UTC
+constexpr std::int64_t kFileNow = 1796040000;  // 2026-11-30 12:00:00 UTC
 constexpr const char* kWinterAndSummer = "CET-1CEST,M3.5.0,M10.5.0/3";
 
 ScheduleFile Parse(std::string_view text, const platform::Zone& zone, bool relative = false,
-                   std::function<bool(std::u16string_view)> exists = {}, std::int64_t now = kNow) {
+                   std::function<bool(std::u16string_view)> exists = {}, std::int64_t now = kFileNow) {
   return qx::ParseScheduleFile(text, {zone, now, relative, std::move(exists)});
 }
 
@@ -538,7 +538,7 @@ SCHEDULE_OBJECT ArbitraryRecord(const platform::Zone& zone) {
   record.bUseGUID = *gen::inRange(0, 2);
   record.bRunNow = *gen::inRange(0, 2);
   SCHEDULE_RULE& rules = record.stScheduleRules;
-  const std::int64_t carrier = qx::CarrierDay(kNow, zone) * 86400;
+  const std::int64_t carrier = qx::CarrierDay(kFileNow, zone) * 86400;
   const auto timeOfDay = [&](int from) {
     return static_cast<std::int32_t>(zone.ToSeconds(carrier + *gen::inRange(from, 86400)));
   };

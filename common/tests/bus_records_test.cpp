@@ -288,7 +288,8 @@ TEST(BusRecords, LeavesNullStringsAndTrailingZerosOutOfAReply) {
   for (const BusValue& entry : entries) {
     keys.push_back(std::get<std::string>(std::get<std::vector<BusValue>>(entry.data)[0].data));
   }
-  EXPECT_THAT(keys, testing::ElementsAre("dwTaskOpCode", "bRunNow", "bUseGUID", "lNextTimeWindow", "stScheduleRules"));
+  EXPECT_THAT(keys,
+              ::testing::ElementsAre("dwTaskOpCode", "bRunNow", "bUseGUID", "lNextTimeWindow", "stScheduleRules"));
   const BusValue& rulesVariant = std::get<std::vector<BusValue>>(entries.back().data)[1];
   const BusValue& rules = std::get<std::vector<BusValue>>(rulesVariant.data)[0];
   std::size_t found = 0;
@@ -506,10 +507,10 @@ TEST(BusRecords, ArraysOfTextsAndNumbersComeBackAsTheyWent) {
         [](MessageReader&) {});
   };
   EXPECT_EQ(send({u"one", u"", u"drei"}).text, "");
-  EXPECT_THAT(texts, testing::ElementsAre(u"one", u"", u"drei"));
-  EXPECT_THAT(numbers, testing::ElementsAre(1, -2, 3));
+  EXPECT_THAT(texts, ::testing::ElementsAre(u"one", u"", u"drei"));
+  EXPECT_THAT(numbers, ::testing::ElementsAre(1, -2, 3));
   EXPECT_EQ(send({u"one\n"}).text, "a line end in key 'node_names'");
-  EXPECT_THAT(texts, testing::ElementsAre(u"one", u"", u"drei"));
+  EXPECT_THAT(texts, ::testing::ElementsAre(u"one", u"", u"drei"));
 }
 
 TEST(BusRecords, RefusesAReplyAboveTheLimitNamingTheCallThatPages) {

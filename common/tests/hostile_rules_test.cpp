@@ -9,7 +9,7 @@
 namespace qx::testing {
 namespace {
 
-constexpr ZepTime kDay = 86400;
+constexpr ZepTime kDayLength = 86400;
 
 class HostileRules : public InZone {
  protected:
@@ -20,8 +20,8 @@ TEST_F(HostileRules, AYearOfIncludedDaysUnderAYearOfExcludedOnesGivesTheOneThatI
   Rules rules;
   const ZepTime first = Local("2024-01-01 12:00");
   for (int i = 0; i < 365; ++i) {
-    ASSERT_EQ(rules->SetSpecificDate(ZEP_SPECIFIC_INCLUDE, first + (i + 1) * kDay), ZEP_S_OK);
-    ASSERT_EQ(rules->SetSpecificDate(ZEP_SPECIFIC_EXCLUDE, first + i * kDay), ZEP_S_OK);
+    ASSERT_EQ(rules->SetSpecificDate(ZEP_SPECIFIC_INCLUDE, first + (i + 1) * kDayLength), ZEP_S_OK);
+    ASSERT_EQ(rules->SetSpecificDate(ZEP_SPECIFIC_EXCLUDE, first + i * kDayLength), ZEP_S_OK);
   }
   const Answer answer = rules.Next("2024-01-01 00:00");
   EXPECT_EQ(Shown(answer.start), "2024-12-31 10:00:00");
@@ -33,7 +33,8 @@ TEST_F(HostileRules, AnExcludedYearOfADailyRuleIsSteppedOver) {
   Rules rules;
   rules.Daily();
   const ZepTime first = Local("2024-01-01 12:00");
-  for (int i = 0; i < 366; ++i) ASSERT_EQ(rules->SetSpecificDate(ZEP_SPECIFIC_EXCLUDE, first + i * kDay), ZEP_S_OK);
+  for (int i = 0; i < 366; ++i)
+    ASSERT_EQ(rules->SetSpecificDate(ZEP_SPECIFIC_EXCLUDE, first + i * kDayLength), ZEP_S_OK);
   EXPECT_EQ(rules.NextStart("2023-12-31 10:00"), "2025-01-01 10:00:00");
 }
 
@@ -63,7 +64,7 @@ TEST_F(HostileRules, NothingIsLeftWhereEveryDayUntilTheEndIsExcluded) {
   for (const auto& c : kCases) {
     Rules rules;
     c.set(rules);
-    for (ZepTime noon = Local("2024-01-01 12:00"); noon <= ZEP_MAX_TIME; noon += kDay) {
+    for (ZepTime noon = Local("2024-01-01 12:00"); noon <= ZEP_MAX_TIME; noon += kDayLength) {
       ASSERT_EQ(rules->SetSpecificDate(ZEP_SPECIFIC_EXCLUDE, noon), ZEP_S_OK);
     }
     const Answer answer = rules.Next("2024-01-01 00:00");
@@ -84,7 +85,7 @@ TEST_F(HostileRules, AnAnchorOf1980KeepsItsPhaseIn2037) {
     if (expected > platform::DaysFromCivil(2037, 12, 31)) {
       EXPECT_EQ(rules.Next(reference).result, ZEP_S_FALSE) << days;
     } else {
-      EXPECT_EQ(rules.Next(reference).start, expected * kDay + 10 * 3600) << days;
+      EXPECT_EQ(rules.Next(reference).start, expected * kDayLength + 10 * 3600) << days;
     }
   }
 }
@@ -124,8 +125,8 @@ TEST_F(HostileRules, AStreamOfSixtyThousandDatesIsReadWholeAndSearched) {
   ASSERT_EQ(loaded->GetSpecificDatesCount(ZEP_SPECIFIC_EXCLUDE, &found), ZEP_S_OK);
   EXPECT_EQ(found, count);
   const ZepTime first = Local("2024-01-01 10:00");
-  EXPECT_EQ(loaded.Next(first).start, first + 999 * kDay);
-  EXPECT_EQ(loaded.Next(first + 999 * kDay).start, first + 1999 * kDay);
+  EXPECT_EQ(loaded.Next(first).start, first + 999 * kDayLength);
+  EXPECT_EQ(loaded.Next(first + 999 * kDayLength).start, first + 1999 * kDayLength);
 }
 
 }  // namespace

@@ -186,7 +186,7 @@ const ZoneCase kAcross[] = {
      "1986-01-01 00:30+05:45"},
 };
 
-const ZoneCase kRestarts[] = {
+const ZoneCase kRestartsInZones[] = {
     // 02:00 and 02:30 are missing and fall on 03:00 and 03:30, which run once.
     {__LINE__, "America/New_York", Every30, "01:00", "04:00", "2024-03-10 01:00-05:00", "2024-03-10 01:30-05:00",
      "2024-03-10 04:00-04:00"},
@@ -315,7 +315,7 @@ TEST_P(NextWindowInZones, AWindowAcrossAChangeEndsByTheLocalClock) {
   Expect(kAcross);
 }
 TEST_P(NextWindowInZones, RestartsGoOnAcrossAChange) {
-  Expect(kRestarts);
+  Expect(kRestartsInZones);
 }
 TEST_P(NextWindowInZones, AnEffectiveDateMayBeTheDayOfAChange) {
   Expect(kEffective);

@@ -22,8 +22,12 @@ namespace {
 
 constexpr std::int32_t kNow = 1735718400;
 
-rc::Gen<std::int32_t> Instant() { return rc::gen::inRange<std::int32_t>(kNow - 86400 * 900, kNow + 86400 * 900); }
-rc::Gen<std::uint32_t> Flag() { return rc::gen::inRange<std::uint32_t>(0, 2); }
+rc::Gen<std::int32_t> PlainInstant() {
+  return rc::gen::inRange<std::int32_t>(kNow - 86400 * 900, kNow + 86400 * 900);
+}
+rc::Gen<std::uint32_t> PlainFlag() {
+  return rc::gen::inRange<std::uint32_t>(0, 2);
+}
 
 std::u16string RandomText() {
   const std::vector<char16_t> units = *rc::gen::container<std::vector<char16_t>>(
@@ -32,28 +36,28 @@ std::u16string RandomText() {
   return {units.begin(), units.end()};
 }
 
-SCHEDULE_OBJECT RandomRecord() {
+SCHEDULE_OBJECT RandomPlainRecord() {
   SCHEDULE_OBJECT object;
   object.bstrName = RandomText();
   object.bstrDescription = RandomText();
   SCHEDULE_RULE& rule = object.stScheduleRules;
-  rule.lStartTime = *Instant();
-  rule.lEndTime = *Instant();
-  if (*Flag() != 0) rule.dwTimeDuration = *rc::gen::inRange<std::uint32_t>(1, 86401) * 1000;
-  rule.bEffectiveDate = *Flag();
-  rule.lEffectiveDate = *Instant();
-  rule.bRestartInterval = *Flag();
+  rule.lStartTime = *PlainInstant();
+  rule.lEndTime = *PlainInstant();
+  if (*PlainFlag() != 0) rule.dwTimeDuration = *rc::gen::inRange<std::uint32_t>(1, 86401) * 1000;
+  rule.bEffectiveDate = *PlainFlag();
+  rule.lEffectiveDate = *PlainInstant();
+  rule.bRestartInterval = *PlainFlag();
   rule.dwRestartInterval = *rc::gen::inRange<std::uint32_t>(1, 86401) * 1000;
-  rule.bRepeatInterval = *Flag();
+  rule.bRepeatInterval = *PlainFlag();
   rule.dwRepeatInterval = *rc::gen::inRange<std::int32_t>(1, 60);
-  rule.lAnchorDate = *Instant();
+  rule.lAnchorDate = *PlainInstant();
   for (int i = 0; i < 3; ++i) rule.adwDaysOfMonth[*rc::gen::inRange<std::size_t>(0, 32)] = 1;
-  if (*Flag() != 0) rule.dwDaysOfWeek2[*rc::gen::inRange<std::size_t>(0, 7)] = 1;
-  if (*Flag() != 0) rule.dwDaysOfWeek3[*rc::gen::inRange<std::size_t>(0, 7)] = 1;
+  if (*PlainFlag() != 0) rule.dwDaysOfWeek2[*rc::gen::inRange<std::size_t>(0, 7)] = 1;
+  if (*PlainFlag() != 0) rule.dwDaysOfWeek3[*rc::gen::inRange<std::size_t>(0, 7)] = 1;
   const auto includes = *rc::gen::inRange<std::size_t>(0, 30);
-  for (std::size_t i = 0; i < includes; ++i) rule.alIncludeDates[i] = *Instant();
+  for (std::size_t i = 0; i < includes; ++i) rule.alIncludeDates[i] = *PlainInstant();
   const auto excludes = *rc::gen::inRange<std::size_t>(0, 30);
-  for (std::size_t i = 0; i < excludes; ++i) rule.alExcludeDates[i] = *Instant();
+  for (std::size_t i = 0; i < excludes; ++i) rule.alExcludeDates[i] = *PlainInstant();
   return object;
 }
 
@@ -147,7 +151,7 @@ class PlainScheduleFile : public testing::Test {
 TEST_F(PlainScheduleFile, LoadsWhatASaveWrote) {
   std::size_t plain = 0;
   EXPECT_TRUE(rc::check("a saved schedule is the same from its bytes as through the bag", [&] {
-    const std::string bytes = Saved(RandomRecord());
+    const std::string bytes = Saved(RandomPlainRecord());
     const std::string contents = FromTheBytes(bytes);
     RC_ASSERT(contents.empty() || contents == ThroughTheBag(bytes));
     plain += contents.empty() ? 0 : 1;
@@ -183,8 +187,8 @@ TEST_F(PlainScheduleFile, IsPlainAfterASecondSaveWithOtherDates) {
 TEST_F(PlainScheduleFile, LoadsNothingElseOfADamagedFile) {
   std::size_t plain = 0;
   EXPECT_TRUE(rc::check("what loads from changed bytes loads the same through the bag, without a line in the log", [&] {
-    SCHEDULE_OBJECT record = RandomRecord();
-    if (*Flag() != 0) record.bstrName = record.bstrDescription = u"plain";
+    SCHEDULE_OBJECT record = RandomPlainRecord();
+    if (*PlainFlag() != 0) record.bstrName = record.bstrDescription = u"plain";
     std::string bytes = Saved(record);
     const int changes = *rc::gen::inRange(1, 3);
     for (int i = 0; i < changes; ++i) {

@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 using platform::ERROR_FILE_NOT_FOUND;
 using platform::ERROR_INVALID_PARAMETER;
 using platform::ERROR_SUCCESS;
-using testing::ElementsAre;
+using ::testing::ElementsAre;
 
 TEST(ServiceInstall, ConcernsTheHostForItsOwnStateDirectoryAndForAnyDestination) {
   EXPECT_TRUE(ConcernsHost("", platform::HostStateDirectory()));
@@ -42,10 +42,10 @@ TEST(ServiceInstall, WithoutADestinationItIsTheCallersOwn) {
 }
 
 // A store with an installed service, and a destination for files.
-class ServiceAccountConfiguration : public testing::Test {
+class ServiceAccountConfiguration : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = testing::TempDir() + "qx-account-XXXXXX";
+    std::string pattern = ::testing::TempDir() + "qx-account-XXXXXX";
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     m_folder = pattern;
     platform::SetStateDirectory(m_folder);

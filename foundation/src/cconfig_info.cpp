@@ -18,8 +18,8 @@ constexpr char16_t kProductPath[] = u"\\Software\\Korvane";
 constexpr char16_t kUserRoot[] = u"\\HKCU";
 constexpr char16_t kSystemRoot[] = u"\\HKLM";
 
-std::atomic<CConfigInfo*> g_instance{nullptr};
-CCriticalSection& CreationLock() {
+std::atomic<CConfigInfo*> g_config{nullptr};
+CCriticalSection& ConfigLock() {
   static auto* const section = new CCriticalSection;
   return *section;
 }
@@ -52,12 +52,11 @@ CConfigInfo::ValueType KindOf(std::uint32_t type) {
 }  // namespace
 
 CConfigInfo& CConfigInfo::Instance() {
-  if (CConfigInfo* const made = g_instance.load(std::memory_order_acquire)) return *made;
+  if (CConfigInfo* const made = g_config.load(std::memory_order_acquire)) return *made;
   (void)CRegistry::Instance();
-  const ScopedEntry entry(&CreationLock());
-  if (g_instance.load(std::memory_order_relaxed) == nullptr)
-    g_instance.store(new CConfigInfo, std::memory_order_release);
-  return *g_instance.load(std::memory_order_relaxed);
+  const ScopedEntry entry(&ConfigLock());
+  if (g_config.load(std::memory_order_relaxed) == nullptr) g_config.store(new CConfigInfo, std::memory_order_release);
+  return *g_config.load(std::memory_order_relaxed);
 }
 
 CPath CConfigInfo::UserPath(const CPath& path) const {

@@ -13,12 +13,12 @@
 namespace ZepFoundation {
 namespace {
 
-constexpr std::size_t kNone = std::u16string_view::npos;
+constexpr std::size_t kNotFound = std::u16string_view::npos;
 
-// Where an element's extension begins, at its "."; kNone when it has none.
+// Where an element's extension begins, at its "."; kNotFound when it has none.
 std::size_t ExtensionPoint(std::u16string_view text) {
   const std::size_t point = text.rfind(u'.');
-  return point == kNone || text.find_first_not_of(u'.') > point ? kNone : point;
+  return point == kNotFound || text.find_first_not_of(u'.') > point ? kNotFound : point;
 }
 
 }  // namespace
@@ -27,7 +27,7 @@ std::size_t ExtensionPoint(std::u16string_view text) {
 
 void CPathElement::Extension(const wcstring& extension, unsigned char replace) {
   const std::size_t point = ExtensionPoint(m_text.view());
-  if (point != kNone && replace == 0) return;
+  if (point != kNotFound && replace == 0) return;
   std::u16string text(m_text.view().substr(0, point));
   if (!extension.empty()) text.append(u".").append(extension.view());
   m_text = wcstring(std::move(text));
@@ -35,7 +35,7 @@ void CPathElement::Extension(const wcstring& extension, unsigned char replace) {
 
 wcstring CPathElement::Extension() const {
   const std::size_t point = ExtensionPoint(m_text.view());
-  return point == kNone ? wcstring() : m_text.substr(point + 1);
+  return point == kNotFound ? wcstring() : m_text.substr(point + 1);
 }
 
 wcstring CPathElement::Name() const {
@@ -73,13 +73,13 @@ void CPath::BuildPathElementVector() const {
   m_annotations.clear();
   std::u16string_view text = m_text.view();
   const std::size_t question = text.find(u'?');
-  if (question != kNone && text.find(u'=', question) != kNone) {
+  if (question != kNotFound && text.find(u'=', question) != kNotFound) {
     BuildAnnotationMap(text.substr(question + 1));
     text = text.substr(0, question);
   }
-  if (text.find(m_separator) == kNone && (m_separator == u'\\' || m_separator == u'/')) {
+  if (text.find(m_separator) == kNotFound && (m_separator == u'\\' || m_separator == u'/')) {
     for (const char16_t other : {u'/', u'\\'}) {
-      if (text.find(other) == kNone) continue;
+      if (text.find(other) == kNotFound) continue;
       m_separator = other;
       break;
     }
@@ -91,7 +91,7 @@ void CPath::BuildPathElementVector() const {
   while (!text.empty()) {
     const std::size_t end = text.find(m_separator);
     m_elements.emplace_back(wcstring(text.substr(0, end)), m_elementFlag, m_separator);
-    text = end == kNone ? std::u16string_view() : text.substr(end + 1);
+    text = end == kNotFound ? std::u16string_view() : text.substr(end + 1);
   }
 }
 
@@ -100,8 +100,8 @@ void CPath::BuildAnnotationMap(std::u16string_view text) const {
     const std::size_t end = text.find(u'&');
     const std::u16string_view pair = text.substr(0, end);
     const std::size_t equals = pair.find(u'=');
-    if (equals != kNone) m_annotations[wcstring(pair.substr(0, equals))] = wcstring(pair.substr(equals + 1));
-    more = end != kNone;
+    if (equals != kNotFound) m_annotations[wcstring(pair.substr(0, equals))] = wcstring(pair.substr(equals + 1));
+    more = end != kNotFound;
     if (more) text.remove_prefix(end + 1);
   }
 }
@@ -291,7 +291,7 @@ bool CPath::EfficientOrder(const CPath& other) const {
 // ------------------------------------------------------------------------------------------------
 
 bool CPath::AddAnnotation(const wcstring& key, const wcstring& value) {
-  if (key.view().find_first_of(u"=&") != kNone || value.find(u'&') != kNone) return false;
+  if (key.view().find_first_of(u"=&") != kNotFound || value.find(u'&') != kNotFound) return false;
   Parse();
   m_annotations[key] = value;
   return true;

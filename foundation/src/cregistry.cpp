@@ -50,17 +50,17 @@ constexpr RootName kRootNames[] = {
 };
 
 // What Instance() makes: the instance and the map from root names, neither of them ever destroyed.
-std::atomic<CRegistry*> g_instance{nullptr};
+std::atomic<CRegistry*> g_registry{nullptr};
 std::map<wcstring, Hive>& RootMap() {
   static auto* const map = new std::map<wcstring, Hive>;
   return *map;
 }
-CCriticalSection& CreationLock() {
+CCriticalSection& RegistryLock() {
   static auto* const section = new CCriticalSection;
   return *section;
 }
 
-OsError Result(ErrorCode code) {
+OsError Outcome(ErrorCode code) {
   OsError error;
   error.m_code = code;
   return error;
@@ -106,9 +106,9 @@ ErrorCode CloseWritten(ErrorCode code, RegistryKey& key) {
 OsError Store(const CPath& path, std::uint32_t type, const void* data, std::uint32_t size) {
   RegistryKey key;
   ErrorCode code = CreatePath(path, 1, key);
-  if (code != ERROR_SUCCESS) return Result(code);
+  if (code != ERROR_SUCCESS) return Outcome(code);
   code = platform::SetValue(key, detail::LastName(path), type, data, size);
-  return Result(CloseWritten(code, key));
+  return Outcome(CloseWritten(code, key));
 }
 
 // Deletes the key `name` of `parent`. The keys below nest no deeper than the store allows.
@@ -215,31 +215,31 @@ ErrorCode ReadValue(const RegistryKey& key, std::uint32_t index, RegValue& recor
 // -----------------------------------------------------------------------------------------------------------
 
 CRegistry& CRegistry::Instance() {
-  if (CRegistry* const made = g_instance.load(std::memory_order_acquire)) return *made;
-  const ScopedEntry entry(&CreationLock());
-  if (g_instance.load(std::memory_order_relaxed) == nullptr) {
+  if (CRegistry* const made = g_registry.load(std::memory_order_acquire)) return *made;
+  const ScopedEntry entry(&RegistryLock());
+  if (g_registry.load(std::memory_order_relaxed) == nullptr) {
     for (const RootName& root : kRootNames) RootMap().emplace(root.name, root.hive);
-    g_instance.store(new CRegistry, std::memory_order_release);
+    g_registry.store(new CRegistry, std::memory_order_release);
   }
-  return *g_instance.load(std::memory_order_relaxed);
+  return *g_registry.load(std::memory_order_relaxed);
 }
 
 OsError CRegistry::CreateKey(const CPath& path, const wcstring&) {
   RegistryKey key;
   const ErrorCode code = CreatePath(path, 0, key);
-  return Result(code == ERROR_SUCCESS ? key.Close() : code);
+  return Outcome(code == ERROR_SUCCESS ? key.Close() : code);
 }
 
 OsError CRegistry::FetchKeyValue(const CPath& path, wcstring&) {
   Hive hive{};
   const ErrorCode code = ResolveRoot(path, 0, hive);
-  return Result(code == ERROR_SUCCESS ? kNotImplemented : code);
+  return Outcome(code == ERROR_SUCCESS ? kNotImplemented : code);
 }
 
 OsError CRegistry::RemoveKey(const CPath& path, bool recursive) {
   RegistryKey parent;
   ErrorCode code = detail::OpenPath(path, 1, parent);
-  if (code != ERROR_SUCCESS) return Result(code);
+  if (code != ERROR_SUCCESS) return Outcome(code);
   const std::u16string name = detail::LastName(path);
   if (platform::QueryValue(parent, name, nullptr, nullptr, nullptr) == ERROR_SUCCESS) {
     code = platform::DeleteValue(parent, name);
@@ -247,7 +247,7 @@ OsError CRegistry::RemoveKey(const CPath& path, bool recursive) {
     // The store takes an empty name for the parent itself, which nobody named.
     code = name.empty() ? platform::ERROR_FILE_NOT_FOUND : Delete(parent, name, recursive);
   }
-  return Result(CloseWritten(code, parent));
+  return Outcome(CloseWritten(code, parent));
 }
 
 OsError CRegistry::RemoveValue(const CPath& path) {
@@ -260,7 +260,7 @@ OsError CRegistry::SetValue(const CPath& path, std::uint32_t value) {
 
 OsError CRegistry::SetValue(const CPath& path, const wcstring& value) {
   const std::size_t bytes = (value.length() + 1) * sizeof(char16_t);
-  if (bytes > UINT32_MAX) return Result(platform::ERROR_INVALID_PARAMETER);
+  if (bytes > UINT32_MAX) return Outcome(platform::ERROR_INVALID_PARAMETER);
   return Store(path, platform::REG_SZ, value.c_str(), static_cast<std::uint32_t>(bytes));
 }
 
@@ -271,27 +271,27 @@ OsError CRegistry::SetValue(const CPath& path, const void* data, std::uint32_t s
 OsError CRegistry::FetchValue(const CPath& path, std::uint32_t& number) {
   RegistryKey key;
   const ErrorCode code = detail::OpenPath(path, 1, key);
-  return Result(code == ERROR_SUCCESS ? detail::ReadNumber(key, detail::LastName(path), number) : code);
+  return Outcome(code == ERROR_SUCCESS ? detail::ReadNumber(key, detail::LastName(path), number) : code);
 }
 
 OsError CRegistry::FetchValue(const CPath& path, wcstring& text) {
   RegistryKey key;
   const ErrorCode code = detail::OpenPath(path, 1, key);
-  return Result(code == ERROR_SUCCESS ? detail::ReadText(key, detail::LastName(path), text) : code);
+  return Outcome(code == ERROR_SUCCESS ? detail::ReadText(key, detail::LastName(path), text) : code);
 }
 
 OsError CRegistry::FetchValue(const CPath& path, void* data, std::uint32_t& size) {
   RegistryKey key;
   ErrorCode code = detail::OpenPath(path, 1, key);
   if (code == ERROR_SUCCESS) code = platform::QueryValue(key, detail::LastName(path), nullptr, data, &size);
-  return Result(code);
+  return Outcome(code);
 }
 
 OsError CRegistry::SaveKey(const CPath& path, const CAbsolutePath& file) {
   RegistryKey key;
   ErrorCode code = detail::OpenPath(path, 0, key);
   if (code == ERROR_SUCCESS) code = platform::SaveKey(key, platform::NativePath(file.Text().view()));
-  return Result(code);
+  return Outcome(code);
 }
 
 OsError CRegistry::EnumerateKeys(const CPath& path, std::vector<KeyValue>& keys) {
@@ -302,7 +302,7 @@ OsError CRegistry::EnumerateKeys(const CPath& path, std::vector<KeyValue>& keys)
     code = detail::ReadSubKey(key, i, record);
     if (code == ERROR_SUCCESS) keys.push_back(record);
   }
-  return Result(code == ERROR_NO_MORE_ITEMS ? ERROR_SUCCESS : code);
+  return Outcome(code == ERROR_NO_MORE_ITEMS ? ERROR_SUCCESS : code);
 }
 
 OsError CRegistry::EnumerateValues(const CPath& path, std::vector<RegValue>& values) {
@@ -313,7 +313,7 @@ OsError CRegistry::EnumerateValues(const CPath& path, std::vector<RegValue>& val
     code = detail::ReadValue(key, i, record);
     if (code == ERROR_SUCCESS) values.push_back(record);
   }
-  return Result(code == ERROR_NO_MORE_ITEMS ? ERROR_SUCCESS : code);
+  return Outcome(code == ERROR_NO_MORE_ITEMS ? ERROR_SUCCESS : code);
 }
 
 }  // namespace ZepFoundation

@@ -14,7 +14,7 @@
 namespace ZepFoundation {
 namespace {
 
-constexpr std::size_t kNone = std::u16string_view::npos;
+constexpr std::size_t kNowhere = std::u16string_view::npos;
 
 struct Scheme {
   std::u16string_view name;     // as it is looked up
@@ -71,23 +71,23 @@ wcstring CVolume::ParseVolume(const wcstring& text) {
     return wcstring(rest.substr(2));
   }
   std::size_t prefix = rest.find(u"\\\\");
-  if (prefix == kNone) prefix = rest.find(u"//");
-  if (prefix == kNone) return text;
+  if (prefix == kNowhere) prefix = rest.find(u"//");
+  if (prefix == kNowhere) return text;
   const bool isUnc = prefix == 0 && rest[0] == u'\\';
   const std::size_t colon = rest.find(u':');
-  if (!isUnc && (colon == kNone || colon > prefix)) return text;  // neither a server's nor a scheme's: elements
+  if (!isUnc && (colon == kNowhere || colon > prefix)) return text;  // neither a server's nor a scheme's: elements
   m_separator = rest[prefix];
   m_volumeKind = isUnc ? eUNC : eURL;
   if (!isUnc) m_urlType = TypeOf(wcstring(rest.substr(0, colon)).tolower());
   rest.erase(0, prefix + 2);
   if (m_urlType == eURLFile) {
     const std::size_t bar = rest.find(u'|');
-    if (bar != kNone) rest[bar] = u':';
+    if (bar != kNowhere) rest[bar] = u':';
   }
   std::size_t end = rest.find(m_separator);
-  if (isUnc && end != kNone) end = rest.find(m_separator, end + 1);  // server and share
+  if (isUnc && end != kNowhere) end = rest.find(m_separator, end + 1);  // server and share
   m_name = wcstring(rest.substr(0, end));
-  return end == kNone ? wcstring() : wcstring(rest.substr(end));
+  return end == kNowhere ? wcstring() : wcstring(rest.substr(end));
 }
 
 void CVolume::SetShare(const wcstring& server, const wcstring& share) {
@@ -110,8 +110,8 @@ void CVolume::ServerName(const wcstring& server) {
 }
 
 wcstring CVolume::ShareName() const {
-  const std::size_t end = m_volumeKind == eUNC ? m_name.find(m_separator) : kNone;
-  return end == kNone ? wcstring() : m_name.substr(end + 1);
+  const std::size_t end = m_volumeKind == eUNC ? m_name.find(m_separator) : kNowhere;
+  return end == kNowhere ? wcstring() : m_name.substr(end + 1);
 }
 
 void CVolume::ShareName(const wcstring& share) {

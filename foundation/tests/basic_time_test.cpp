@@ -4,16 +4,13 @@
 #include <thread>
 
 #include "foundation/include/zfcbasictime.h"
+#include "foundation/tests/utc.h"
 #include "platform/testing/virtual_clock.h"
 
 namespace ZepFoundation {
 namespace {
 
 using platform::ScopedZone;
-
-std::int64_t Utc(int y, int mo, int d, int h = 0, int mi = 0) {
-  return platform::DaysFromCivil(y, mo, d) * 86400 + h * 3600 + mi * 60;
-}
 
 std::tm Fields(int y, int mo, int d, int h, int mi, int isDst = -1) {
   std::tm t{};

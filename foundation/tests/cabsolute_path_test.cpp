@@ -8,13 +8,10 @@
 
 #include "foundation/include/zfcbytes.h"
 #include "foundation/include/zfcxplat.h"
+#include "foundation/tests/narrow.h"
 
 namespace ZepFoundation {
 namespace {
-
-std::string Narrow(const wcstring& text) {
-  return text.ascii();
-}
 
 struct FormCase {
   int line;

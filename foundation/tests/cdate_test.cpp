@@ -5,6 +5,7 @@
 
 #include "foundation/include/zfcbytes.h"
 #include "foundation/include/zfcdate.h"
+#include "foundation/tests/utc.h"
 #include "platform/testing/virtual_clock.h"
 
 namespace ZepFoundation {
@@ -12,8 +13,6 @@ namespace {
 
 using platform::ScopedZone;
 using platform::VirtualClock;
-
-std::int64_t Utc(int y, int mo, int d, int h = 0) { return platform::DaysFromCivil(y, mo, d) * 86400 + h * 3600; }
 
 CDate Date(int year, int month, int day) {
   CDate date;
@@ -102,11 +101,11 @@ TEST(Date, MovesByTheWholeDaysOfASpan) {
 struct RefusedDate {
   int year, month, day;
 };
-const RefusedDate kRefused[] = {{-1, 1, 1},     {2024, 0, 1},  {2024, 13, 1}, {2024, 1, 0},
-                                {2024, 1, 32},  {2023, 2, 29}, {2024, 4, 31}, {2024, 1, -1},
-                                {std::numeric_limits<int>::min(), 1, 1}};
+const RefusedDate kRefusedDates[] = {{-1, 1, 1},    {2024, 0, 1},  {2024, 13, 1},
+                                     {2024, 1, 0},  {2024, 1, 32}, {2023, 2, 29},
+                                     {2024, 4, 31}, {2024, 1, -1}, {std::numeric_limits<int>::min(), 1, 1}};
 TEST(Date, IsInvalidAfterADateThatDoesNotExist) {
-  for (const RefusedDate& c : kRefused) {
+  for (const RefusedDate& c : kRefusedDates) {
     CDate date;
     EXPECT_FALSE(date.SetDate(c.year, c.month, c.day)) << c.year << "/" << c.month << "/" << c.day;
     EXPECT_FALSE(date.IsValid());

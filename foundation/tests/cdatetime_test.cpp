@@ -6,6 +6,7 @@
 
 #include "foundation/include/zfcbytes.h"
 #include "foundation/include/zfcdatetime.h"
+#include "foundation/tests/utc.h"
 #include "platform/testing/virtual_clock.h"
 
 namespace ZepFoundation {
@@ -13,10 +14,6 @@ namespace {
 
 using platform::ScopedZone;
 using platform::VirtualClock;
-
-std::int64_t Utc(int y, int mo, int d, int h = 0, int mi = 0, int s = 0) {
-  return platform::DaysFromCivil(y, mo, d) * 86400 + h * 3600 + mi * 60 + s;
-}
 
 CDateTime At(int y, int mo, int d, int h = 0, int mi = 0, int s = 0, int ms = 0) {
   CDateTime value;
@@ -199,16 +196,16 @@ TEST_F(DateTime, IsExactInUtcWhateverItsFlag) {
   EXPECT_EQ(value.AsSystemTime(false), (SYSTEMTIME{2024, 7, 1, 1, 12, 0, 0, 0}));
 }
 
-struct RefusedCase {
+struct RefusedTime {
   int y, mo, d, h, mi, s, ms;
 };
-const RefusedCase kRefused[] = {
-    {1600, 12, 31, 0, 0, 0, 0}, {30828, 1, 1, 0, 0, 0, 0}, {2023, 2, 29, 0, 0, 0, 0},  {2024, 0, 1, 0, 0, 0, 0},
-    {2024, 1, 1, 24, 0, 0, 0},  {2024, 1, 1, 0, 60, 0, 0}, {2024, 1, 1, 0, 0, 60, 0},  {2024, 1, 1, 0, 0, 0, 1000},
+const RefusedTime kRefusedTimes[] = {
+    {1600, 12, 31, 0, 0, 0, 0}, {30828, 1, 1, 0, 0, 0, 0}, {2023, 2, 29, 0, 0, 0, 0}, {2024, 0, 1, 0, 0, 0, 0},
+    {2024, 1, 1, 24, 0, 0, 0},  {2024, 1, 1, 0, 60, 0, 0}, {2024, 1, 1, 0, 0, 60, 0}, {2024, 1, 1, 0, 0, 0, 1000},
     {2024, 1, -1, 0, 0, 0, 0},  {99, 1, 1, 0, 0, 0, 0},
 };
 TEST_F(DateTime, IsInvalidAfterFieldsOutOfRange) {
-  for (const RefusedCase& c : kRefused) {
+  for (const RefusedTime& c : kRefusedTimes) {
     CDateTime value = At(2024, 1, 1);
     EXPECT_FALSE(value.SetDateTime(c.y, c.mo, c.d, c.h, c.mi, c.s, c.ms));
     EXPECT_FALSE(value.IsValid());

@@ -124,12 +124,12 @@ TEST(IsValidGUIDString, RejectsAnUnderscoreAtPositionFiveAndLogsThePosition) {
   EXPECT_TRUE(log.Has(0, "IsValidGUIDString:Invalid character _ at 5 in GUIDString"));
 }
 
-struct Refused {
+struct RefusedText {
   int line;
   const char16_t* text;
   const char* logged;
 };
-const Refused kRefused[] = {
+const RefusedText kRefusedTexts[] = {
     {__LINE__, nullptr, "IsValidGUIDString:Invalid character in GUIDString"},
     {__LINE__, u"", "IsValidGUIDString:Invalid character in GUIDString"},
     {__LINE__, u"{", "IsValidGUIDString:Invalid character in GUIDString"},
@@ -144,7 +144,7 @@ const Refused kRefused[] = {
 };
 
 TEST(IsValidGUIDString, LogsTheFirstWrongCharacter) {
-  for (const Refused& c : kRefused) {
+  for (const RefusedText& c : kRefusedTexts) {
     SCOPED_TRACE(c.line);
     const CapturedServiceLog log;
     EXPECT_EQ(IsValidGUIDString(c.text), 0);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "foundation/include/zfcbytes.h"
+#include "foundation/tests/narrow.h"
 
 namespace ZepFoundation {
 namespace {
@@ -23,10 +24,6 @@ std::vector<std::string> Elements(const CPath& path) {
   for (std::size_t i = 0; i < path.Count(); ++i) texts.emplace_back(path[i].Text().ascii());
   return texts;
 }
-std::string Narrow(const wcstring& text) {
-  return text.ascii();
-}
-
 // --- reading a text
 // ------------------------------------------------------------------------------------------------------
 

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "foundation/tests/narrow.h"
 #include "foundation/tests/registry_store.h"
 #include "platform/testing/fault.h"
 
@@ -28,7 +29,6 @@ class RegistryAccess : public WithRegistryStore {
     std::vector<KeyValue> keys;
     return Registry().EnumerateKeys(CPath(path), keys).Succeeded();
   }
-  static std::string Narrow(const wcstring& text) { return text.ascii(); }
 };
 
 TEST_F(RegistryAccess, IsOneInstanceForAllThreads) {

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "foundation/include/zfcutf8.h"
+#include "foundation/tests/system_page.h"
 #include "platform/testing/fault.h"
 #include "platform/text.h"
 
@@ -13,12 +14,6 @@ namespace {
 using platform::kCodePageUtf7;
 using platform::kCodePageUtf8;
 using platform::kCodePageWestern;
-
-class SystemPage {
- public:
-  explicit SystemPage(platform::CodePage page) { EXPECT_EQ(platform::SetSystemCodePage(page), 0u); }
-  ~SystemPage() { EXPECT_EQ(platform::SetSystemCodePage(kCodePageUtf8), 0u); }
-};
 
 std::string Text(std::pair<std::uint32_t, const char*> pair) {
   return pair.second == nullptr ? "(null)" : std::string(pair.second, pair.first);

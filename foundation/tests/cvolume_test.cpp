@@ -7,13 +7,10 @@
 #include <string>
 
 #include "foundation/include/zfcbytes.h"
+#include "foundation/tests/narrow.h"
 
 namespace ZepFoundation {
 namespace {
-
-std::string Narrow(const wcstring& text) {
-  return text.ascii();
-}
 
 struct VolumeCase {
   int line;

@@ -23,7 +23,7 @@ using Arguments = std::vector<LogArgument>;
 constexpr std::size_t kRecordedRoom = 199;
 
 // The recorded texts hold no character beyond the basic plane.
-std::u16string Wide(const std::string& utf8) {
+std::u16string WideRow(const std::string& utf8) {
   std::u16string out;
   for (std::size_t i = 0; i < utf8.size();) {
     const auto byte = static_cast<unsigned char>(utf8[i]);
@@ -137,7 +137,7 @@ const auto kSame = [](const std::string& text) { return text; };
 
 TEST(golden_wprintf, WideFormatsExpandAsRecorded) {
   const json recorded = LoadGolden("wprintf.json");
-  EXPECT_GT(CheckRows<char16_t>(recorded["wide"], Wide), 60);
+  EXPECT_GT(CheckRows<char16_t>(recorded["wide"], WideRow), 60);
 }
 
 TEST(golden_wprintf, NarrowFormatsExpandAsRecorded) {
@@ -146,7 +146,7 @@ TEST(golden_wprintf, NarrowFormatsExpandAsRecorded) {
 }
 
 TEST(golden_wprintf, WideBuffersAreFilledAsRecorded) {
-  CheckSizes<char16_t>(LoadGolden("wprintf.json")["size"], u"%s", u"abcdef", Wide);
+  CheckSizes<char16_t>(LoadGolden("wprintf.json")["size"], u"%s", u"abcdef", WideRow);
 }
 
 TEST(golden_wprintf, NarrowBuffersAreFilledAsRecorded) {

@@ -27,13 +27,13 @@ using ::testing::MatchesRegex;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-std::string g_debugText;
+std::string g_reported;
 
 class Reports : public WithRegistryStore {
  protected:
   Reports() {
-    g_debugText.clear();
-    m_before = platform::SetDebugSink([](std::string_view text) { g_debugText += text; });
+    g_reported.clear();
+    m_before = platform::SetDebugSink([](std::string_view text) { g_reported += text; });
   }
   ~Reports() override {
     platform::SetDebugSink(m_before);
@@ -65,18 +65,18 @@ class Reports : public WithRegistryStore {
 
 TEST_F(Reports, AnAssertionTellsMessagePlaceAndStackAndGoesOn) {
   ZFCDBG_Assert("some.cpp", 17, u"it should be so");
-  EXPECT_THAT(g_debugText, StartsWith("KORVANE ZepFCL Classes Assertion\nit should be so\nsome.cpp: line 17\n"));
-  EXPECT_THAT(g_debugText, ContainsRegex("\n[0-9A-F]{8,}  [0-9A-F]{8,}  __libc_start_main[^ \n]*\\+[0-9A-F]+\n"));
+  EXPECT_THAT(g_reported, StartsWith("KORVANE ZepFCL Classes Assertion\nit should be so\nsome.cpp: line 17\n"));
+  EXPECT_THAT(g_reported, ContainsRegex("\n[0-9A-F]{8,}  [0-9A-F]{8,}  __libc_start_main[^ \n]*\\+[0-9A-F]+\n"));
 }
 
 TEST_F(Reports, AnAssertionWithACodeTellsItsText) {
   ZFCDBG_Assert("some.cpp", 17, u"no", 5);
-  EXPECT_THAT(g_debugText, StartsWith("KORVANE ZepFCL Classes Assertion\nno\nsome.cpp: line 17\nAccess is denied.\n"));
+  EXPECT_THAT(g_reported, StartsWith("KORVANE ZepFCL Classes Assertion\nno\nsome.cpp: line 17\nAccess is denied.\n"));
 }
 
 TEST_F(Reports, AnAssertionTakesNullForEmptyTexts) {
   ZFCDBG_Assert(nullptr, 1, nullptr);
-  EXPECT_THAT(g_debugText, StartsWith("KORVANE ZepFCL Classes Assertion\n\n: line 1\n"));
+  EXPECT_THAT(g_reported, StartsWith("KORVANE ZepFCL Classes Assertion\n\n: line 1\n"));
 }
 
 TEST_F(Reports, AReportKeepsItsTextsAndBeginsWithTheFileWhereOneIsSet) {
@@ -96,7 +96,7 @@ TEST_F(Reports, AppendsReportsToTheReportFile) {
   ZFCDBG_Assert("a.cpp", 1, u"first");
   ZFCDBG_Assert("b.cpp", 2, u"second");
   const std::string contents = Contents("report.txt");
-  EXPECT_EQ(contents, g_debugText);
+  EXPECT_EQ(contents, g_reported);
   EXPECT_THAT(contents, AllOf(StartsWith("Report file at "), HasSubstr("first\na.cpp: line 1\n"),
                               HasSubstr("second\nb.cpp: line 2\n")));
 }
@@ -179,7 +179,7 @@ TEST_F(Reports, AnExceptionReportNamesTheStatus) {
 TEST_F(Reports, AnExceptionReportTellsTheModuleOfTheFaultAndTheStack) {
   std::u16string program;
   ASSERT_EQ(platform::ProgramFilePath(program), 0u);
-  const std::string own = ExceptionReport(0xC0000005, reinterpret_cast<void*>(&g_debugText));
+  const std::string own = ExceptionReport(0xC0000005, reinterpret_cast<void*>(&g_reported));
   EXPECT_THAT(own, ContainsRegex("\nFault address:  [0-9A-F]{8,} [0-9]{2}:[0-9A-F]{8} /"));
   EXPECT_THAT(own, HasSubstr(" " + platform::Utf8FromWide(program) + "\n"));
   EXPECT_TRUE(own.ends_with("\n\n"));
@@ -205,14 +205,14 @@ TEST_F(Reports, AStackNamesTheFunctionsThatAreExported) {
   EXPECT_THAT(out.str(),
               ContainsRegex("[0-9A-F]{8,}  [0-9A-F]{8,}  Could not find symbol [0-9]{4}:[0-9A-F]{8} /[^\n]*\n"));
   EXPECT_THAT(out.str(), Not(HasSubstr("Address   Frame")));
-  EXPECT_EQ(g_debugText, "");
+  EXPECT_EQ(g_reported, "");
 }
 
 TEST_F(Reports, AStackNamesModulesWhereTheSymbolsCannotBeOpened) {
   const FaultPlan plan = FaultPlan::FailCall(Operation::kLoadLibrary, 1, platform::ERROR_MOD_NOT_FOUND);
   std::ostringstream out;
   CStackWalk::PrintStack(out);
-  EXPECT_EQ(g_debugText, "IMAGEHLP.DLL or its exported procs not found");
+  EXPECT_EQ(g_reported, "IMAGEHLP.DLL or its exported procs not found");
   EXPECT_THAT(out.str(), StartsWith("Address   Frame     Logical addr  Module\n"));
   EXPECT_THAT(out.str(), ContainsRegex("\n[0-9A-F]{8,}  [0-9A-F]{8,}  [0-9]{4}:[0-9A-F]{8} /[^\n]*\n"));
   EXPECT_THAT(out.str(), Not(HasSubstr("Could not find symbol")));

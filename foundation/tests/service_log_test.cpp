@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "foundation/testing/captured_log.h"
+#include "foundation/tests/fixed_clock.h"
 #include "platform/clock.h"
 #include "platform/file.h"
 #include "platform/registry.h"
@@ -31,6 +32,7 @@ using platform::FaultPlan;
 using platform::Operation;
 using ZepFoundation::CapturedLogLine;
 using ZepFoundation::CapturedServiceLog;
+using ZepFoundation::FixedClock;
 using ZepFoundation::ForLog;
 using ZepFoundation::InitServiceLog;
 using ZepFoundation::ServiceLog;
@@ -42,13 +44,6 @@ using ZepFoundation::ServiceLogPath;
 constexpr char16_t kInstallKey[] = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\VolumeManager";
 constexpr char16_t kSchedulesKey[] = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules";
 constexpr std::size_t kFull = 1048576;
-
-class FixedClock final : public platform::ClockSource {
- public:
-  std::int64_t WallNanoseconds() override { return std::int64_t{86400 * 3 + 3661} * 1'000'000'000; }  // 4 January 1970
-  std::uint64_t SteadyMilliseconds() override { return 0; }
-  bool ConsumeWait(std::uint64_t) override { return true; }
-};
 
 class ServiceLogTest : public testing::Test {
  protected:

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "foundation/include/zfctext.h"
+#include "foundation/tests/system_page.h"
 #include "platform/testing/fault.h"
 #include "platform/text.h"
 
@@ -12,12 +13,6 @@ namespace {
 
 using platform::FaultPlan;
 using platform::Operation;
-
-class SystemPage {
- public:
-  explicit SystemPage(platform::CodePage page) { EXPECT_EQ(platform::SetSystemCodePage(page), 0u); }
-  ~SystemPage() { EXPECT_EQ(platform::SetSystemCodePage(platform::kCodePageUtf8), 0u); }
-};
 
 // Calls a conversion, checks the count against the text, and frees with the runtime's free().
 template <class Out, class In>

@@ -6,17 +6,12 @@
 
 #include "foundation/include/zfcstring.h"
 #include "foundation/include/zfcutf8.h"
+#include "foundation/tests/system_page.h"
 #include "platform/testing/fault.h"
 #include "platform/text.h"
 
 namespace ZepFoundation {
 namespace {
-
-class SystemPage {
- public:
-  explicit SystemPage(platform::CodePage page) { EXPECT_EQ(platform::SetSystemCodePage(page), 0u); }
-  ~SystemPage() { EXPECT_EQ(platform::SetSystemCodePage(platform::kCodePageUtf8), 0u); }
-};
 
 const char16_t kLoneSurrogate[] = {u'a', 0xD83D, 0};
 

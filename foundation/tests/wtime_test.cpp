@@ -7,6 +7,7 @@
 
 #include "foundation/include/zfcbytes.h"
 #include "foundation/include/zfctime.h"
+#include "foundation/tests/utc.h"
 #include "platform/testing/virtual_clock.h"
 
 namespace ZepFoundation {
@@ -14,10 +15,6 @@ namespace {
 
 using platform::ScopedZone;
 using platform::VirtualClock;
-
-std::int64_t Utc(int y, int mo, int d, int h = 0, int mi = 0) {
-  return platform::DaysFromCivil(y, mo, d) * 86400 + h * 3600 + mi * 60;
-}
 
 WTime Local(int h, int mi = 0, int s = 0, int ms = 0) {
   WTime time;
@@ -326,18 +323,18 @@ TEST(TimeOfDay, PrintsTheTextOfTheUserDefault) {
   EXPECT_STREQ(text, "-0:00:00 ZZ");
 }
 
-struct ReadCase {
+struct TimeRead {
   const char* text;
   const char* shown;
 };
-const ReadCase kReads[] = {
-    {"10:20:30:40", "10:20:30.40"},  {"12:20:30:40 AM", "0:20:30.40"}, {"12:20:30:40 PM", "12:20:30.40"},
+const TimeRead kTimeReads[] = {
+    {"10:20:30:40", "10:20:30.40"},  {"12:20:30:40 AM", "0:20:30.40"},  {"12:20:30:40 PM", "12:20:30.40"},
     {"1:20:30:40PM", "13:20:30.40"}, {"11:20:30:40 AM", "11:20:30.40"}, {"1-2x3.4 P", "1:2:3.4"},
     {"1:2:3:4 xy", "1:2:3.4"},       {"-1:2:3:4", "invalid"},
 };
 TEST(TimeOfDay, ReadsFourNumbersAndAHalfOfTheDay) {
   const ScopedZone zone("America/New_York");
-  for (const ReadCase& c : kReads) {
+  for (const TimeRead& c : kTimeReads) {
     WTime time;
     std::istringstream in(c.text);
     time.Read(in);

@@ -3,13 +3,13 @@
 #include "foundation/include/zfcclock.h"
 #include "platform/testing/virtual_clock.h"
 
+#include "foundation/tests/utc.h"
+
 namespace ZepFoundation {
 namespace {
 
 using platform::ScopedZone;
 using platform::VirtualClock;
-
-std::int64_t Utc(int y, int mo, int d, int h = 0) { return platform::DaysFromCivil(y, mo, d) * 86400 + h * 3600; }
 
 struct OffsetCase {
   const char* zone;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "foundation/include/zfcdbg.h"
+#include "foundation/tests/fixed_clock.h"
 #include "platform/clock.h"
 #include "platform/host.h"
 #include "platform/registry.h"
@@ -24,16 +25,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using ZepFoundation::DebugTrace;
+using ZepFoundation::FixedClock;
 
 constexpr std::uint32_t kFilters = 32;  // bits 0 to 4
-constexpr char kNow[] = "Sun Jan  4 01:01:01 1970";
-
-class FixedClock final : public platform::ClockSource {
- public:
-  std::int64_t WallNanoseconds() override { return std::int64_t{86400 * 3 + 3661} * 1'000'000'000; }  // 4 January 1970
-  std::uint64_t SteadyMilliseconds() override { return 0; }
-  bool ConsumeWait(std::uint64_t) override { return true; }
-};
 
 std::string ContentsOf(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
@@ -97,7 +91,7 @@ TEST_F(TraceFiles, AreAsRecordedForEveryFilter) {
     const fs::path recorded = fs::path(test_paths::Data()) / "formats" / "trace" / name;
     ASSERT_TRUE(fs::exists(recorded)) << recorded;
     std::string expected = ContentsOf(recorded);
-    ReplaceAll(expected, "{TIME}", kNow);
+    ReplaceAll(expected, "{TIME}", FixedClock::kShown);
     ReplaceAll(expected, "{PROCESS}", Process());
 
     fs::remove(TraceFile());

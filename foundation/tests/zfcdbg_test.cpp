@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "foundation/testing/captured_trace.h"
+#include "foundation/tests/fixed_clock.h"
 #include "platform/clock.h"
 #include "platform/host.h"
 #include "platform/registry.h"
@@ -29,6 +30,7 @@ using ZepFoundation::CapturedTrace;
 using ZepFoundation::CapturedTraceRecord;
 using ZepFoundation::DebugTrace;
 using ZepFoundation::DebugTraceEnabled;
+using ZepFoundation::FixedClock;
 using ZepFoundation::kTraceDebug;
 using ZepFoundation::kTraceError;
 using ZepFoundation::kTraceInform;
@@ -36,14 +38,7 @@ using ZepFoundation::kTraceWarning;
 
 constexpr std::uint32_t kEverything = 0x1E;  // the four levels, full header
 constexpr std::uint32_t kShort = 0x1F;
-constexpr char kNow[] = "Sun Jan  4 01:01:01 1970";
-
-class FixedClock final : public platform::ClockSource {
- public:
-  std::int64_t WallNanoseconds() override { return std::int64_t{86400 * 3 + 3661} * 1'000'000'000; }  // 4 January 1970
-  std::uint64_t SteadyMilliseconds() override { return 0; }
-  bool ConsumeWait(std::uint64_t) override { return true; }
-};
+constexpr const char* kHeaderTime = FixedClock::kShown;
 
 class DebugStream : public testing::Test {
  protected:
@@ -108,20 +103,20 @@ TEST_F(DebugStream, WritesNothingWhereNothingIsConfigured) {
 TEST_F(DebugStream, WritesTheFullHeaderAndTheMessage) {
   Configure(kEverything);
   DebugTrace(4, kTraceError, "a.cpp", 7) << "SS " << "refused " << 5 << '\n' << std::flush << "@@@";
-  EXPECT_EQ(Contents(), Process() + " " + Process() + " " + kNow + " a.cpp (7) : [ERROR]   SS refused 5\n");
+  EXPECT_EQ(Contents(), Process() + " " + Process() + " " + kHeaderTime + " a.cpp (7) : [ERROR]   SS refused 5\n");
 }
 
 TEST_F(DebugStream, WritesTheShortHeaderWhereBitZeroIsSet) {
   Configure(kShort);
   DebugTrace(4, kTraceError, "a.cpp", 7) << "SS text\n" << std::flush << "@@@";
-  EXPECT_EQ(Contents(), std::string(kNow) + " : [ERROR]   SS text\n");
+  EXPECT_EQ(Contents(), std::string(kHeaderTime) + " : [ERROR]   SS text\n");
 }
 
 TEST_F(DebugStream, LeavesOutFileAndLineWhereOneIsMissing) {
   Configure(kEverything);
   DebugTrace(4, kTraceError, nullptr, 7) << "a\n" << "@@@";
   DebugTrace(4, kTraceError, "a.cpp", 0) << "b\n" << "@@@";
-  const std::string header = Process() + " " + Process() + " " + kNow + " : [ERROR]   ";
+  const std::string header = Process() + " " + Process() + " " + kHeaderTime + " : [ERROR]   ";
   EXPECT_EQ(Contents(), header + "a\n" + header + "b\n");
 }
 
@@ -134,7 +129,7 @@ TEST_F(DebugStream, NamesEachLevel) {
   } levels[] = {{0, "[ERROR]   "}, {1, "[WARNING] "}, {2, "[INFORM]  "}, {3, "[DEBUG]   "}, {4, "[UNKNOWN] "}};
   for (const auto& [level, word] : levels) {
     DebugTrace(4, level, nullptr, 0) << "x\n" << "@@@";
-    expected += std::string(kNow) + " : " + word + "x\n";
+    expected += std::string(kHeaderTime) + " : " + word + "x\n";
   }
   EXPECT_EQ(Contents(), expected);
 }
@@ -145,7 +140,7 @@ TEST_F(DebugStream, LetsThroughOnlyTheLevelsOfTheFilter) {
   for (std::uint16_t level = 0; level < 6; ++level) QX_TRACE(level, "level " << ++evaluated);
   DebugTrace(4, kTraceDebug, nullptr, 0) << "SS hidden\n" << std::flush << "@@@";
   EXPECT_EQ(evaluated, 1);
-  EXPECT_EQ(Contents(), std::string(kNow) + " : [WARNING] SS level 1\n");
+  EXPECT_EQ(Contents(), std::string(kHeaderTime) + " : [WARNING] SS level 1\n");
   EXPECT_TRUE(DebugTraceEnabled(kTraceWarning));
   EXPECT_FALSE(DebugTraceEnabled(kTraceInform));
   EXPECT_FALSE(DebugTraceEnabled(0xFFFF));
@@ -164,24 +159,24 @@ TEST_F(DebugStream, KeepsARecordPendingUntilTheMarker) {
   out << "SS text\n" << std::flush;
   EXPECT_EQ(Contents(), "");
   out << "@@@";
-  EXPECT_EQ(Contents(), std::string(kNow) + " : [ERROR]   SS text\n");
+  EXPECT_EQ(Contents(), std::string(kHeaderTime) + " : [ERROR]   SS text\n");
 }
 
 TEST_F(DebugStream, DropsAChunkThatEndsInTheMarkerWhole) {
   Configure(kShort);
   DebugTrace(4, kTraceError, nullptr, 0) << "kept" << "dropped@@@";
-  EXPECT_EQ(Contents(), std::string(kNow) + " : [ERROR]   kept");
+  EXPECT_EQ(Contents(), std::string(kHeaderTime) + " : [ERROR]   kept");
 }
 
 TEST_F(DebugStream, CutsAMarkerThatCameInSingleCharacters) {
   Configure(kShort);
   DebugTrace(4, kTraceError, nullptr, 0) << "kept" << '@' << '@' << '@' << "next";
-  EXPECT_EQ(Contents(), std::string(kNow) + " : [ERROR]   kept");
+  EXPECT_EQ(Contents(), std::string(kHeaderTime) + " : [ERROR]   kept");
 }
 
 TEST_F(DebugStream, WritesWhatIsPendingWhenTheNextChunkDoesNotFit) {
   Configure(kShort);
-  const std::string header = std::string(kNow) + " : [ERROR]   ";
+  const std::string header = std::string(kHeaderTime) + " : [ERROR]   ";
   std::ostream& out = DebugTrace(4, kTraceError, nullptr, 0);
   out << std::string(1023 - header.size(), 'a');
   EXPECT_EQ(Contents(), "");
@@ -193,7 +188,7 @@ TEST_F(DebugStream, WritesWhatIsPendingWhenTheNextChunkDoesNotFit) {
 
 TEST_F(DebugStream, WritesAChunkOfTheBuffersSizeAtOnce) {
   Configure(kShort);
-  const std::string header = std::string(kNow) + " : [ERROR]   ";
+  const std::string header = std::string(kHeaderTime) + " : [ERROR]   ";
   std::ostream& out = DebugTrace(4, kTraceError, nullptr, 0);
   out << std::string(1024, 'a');
   EXPECT_EQ(Contents(), header + std::string(1024, 'a'));
@@ -203,7 +198,7 @@ TEST_F(DebugStream, WritesAChunkOfTheBuffersSizeAtOnce) {
 
 TEST_F(DebugStream, WritesASingleCharacterOnAFullBufferAtOnce) {
   Configure(kShort);
-  const std::string header = std::string(kNow) + " : [ERROR]   ";
+  const std::string header = std::string(kHeaderTime) + " : [ERROR]   ";
   std::ostream& out = DebugTrace(4, kTraceError, nullptr, 0);
   for (std::size_t n = header.size(); n < 1024; ++n) out.put('a');
   EXPECT_EQ(Contents(), "");
@@ -215,15 +210,15 @@ TEST_F(DebugStream, AppendsToTheFileThatIsThere) {
   std::ofstream(m_root / "trace.log") << "before\n";
   Configure(kShort);
   QX_TRACE(kTraceError, "after");
-  EXPECT_EQ(Contents(), "before\n" + std::string(kNow) + " : [ERROR]   SS after\n");
+  EXPECT_EQ(Contents(), "before\n" + std::string(kHeaderTime) + " : [ERROR]   SS after\n");
 }
 
 TEST_F(DebugStream, RollsOverAfterEveryRecordWithASizeOfZero) {
   Configure(kShort, 0);
   QX_TRACE(kTraceError, "one");
   QX_TRACE(kTraceError, "two");
-  EXPECT_EQ(Contents("trace_4_1_1970_1.log"), std::string(kNow) + " : [ERROR]   SS one\n");
-  EXPECT_EQ(Contents("trace_4_1_1970_2.log"), std::string(kNow) + " : [ERROR]   SS two\n");
+  EXPECT_EQ(Contents("trace_4_1_1970_1.log"), std::string(kHeaderTime) + " : [ERROR]   SS one\n");
+  EXPECT_EQ(Contents("trace_4_1_1970_2.log"), std::string(kHeaderTime) + " : [ERROR]   SS two\n");
   EXPECT_EQ(Contents(), "");
 }
 
@@ -233,25 +228,25 @@ TEST_F(DebugStream, RollsOverAtTheConfiguredSizeAndPassesTakenNames) {
   Configure(kShort, 1);
   QX_TRACE(kTraceError, "one");  // 1000 and this record are above 1024
   EXPECT_EQ(Contents("trace_4_1_1970_1.log"), "taken");
-  EXPECT_EQ(Contents("trace_4_1_1970_2.log"), std::string(1000, '#') + kNow + " : [ERROR]   SS one\n");
+  EXPECT_EQ(Contents("trace_4_1_1970_2.log"), std::string(1000, '#') + kHeaderTime + " : [ERROR]   SS one\n");
   QX_TRACE(kTraceError, "two");
-  EXPECT_EQ(Contents(), std::string(kNow) + " : [ERROR]   SS two\n");
+  EXPECT_EQ(Contents(), std::string(kHeaderTime) + " : [ERROR]   SS two\n");
 }
 
 TEST_F(DebugStream, WritesOnlyErrorsWithTheLongHeaderUnderFilterTwo) {
   Configure(2);
   for (std::uint16_t level = 0; level < 4; ++level) DebugTrace(4, level, "a.cpp", 7) << "SS text\n" << std::flush << "@@@";
-  EXPECT_EQ(Contents(), Process() + " " + Process() + " " + kNow + " a.cpp (7) : [ERROR]   SS text\n");
+  EXPECT_EQ(Contents(), Process() + " " + Process() + " " + kHeaderTime + " a.cpp (7) : [ERROR]   SS text\n");
 }
 
 TEST_F(DebugStream, WritesOnlyErrorsWithTheShortHeaderUnderFilterThree) {
   Configure(3);
   for (std::uint16_t level = 0; level < 4; ++level) DebugTrace(4, level, "a.cpp", 7) << "SS text\n" << std::flush << "@@@";
-  EXPECT_EQ(Contents(), std::string(kNow) + " : [ERROR]   SS text\n");
+  EXPECT_EQ(Contents(), std::string(kHeaderTime) + " : [ERROR]   SS text\n");
 }
 
 TEST_F(DebugStream, RollsOverAtTheRecordThatReachesTheLimitAndCountsOn) {
-  const std::string record = std::string(kNow) + " : [ERROR]   SS x\n";
+  const std::string record = std::string(kHeaderTime) + " : [ERROR]   SS x\n";
   std::ofstream(m_root / "trace.log") << std::string(1023 - record.size(), '#');
   Configure(kShort, 1);
   QX_TRACE(kTraceError, "x");  // 1023 bytes now
@@ -280,14 +275,14 @@ TEST_F(DebugStream, TriesTheFileAgainAtTheNextStatement) {
     EXPECT_GT(plan.hits(), 0);
   }
   QX_TRACE(kTraceError, "kept");
-  EXPECT_EQ(Contents(), std::string(kNow) + " : [ERROR]   SS kept\n");
+  EXPECT_EQ(Contents(), std::string(kHeaderTime) + " : [ERROR]   SS kept\n");
 }
 
 TEST_F(DebugStream, CarriesNoFormattingIntoTheNextStatement) {
   Configure(kEverything);
   DebugTrace(4, kTraceError, "a.cpp", 10) << std::hex << 255 << '\n' << "@@@";
   DebugTrace(4, kTraceError, "a.cpp", 10) << 255 << '\n' << "@@@";
-  const std::string header = Process() + " " + Process() + " " + kNow + " a.cpp (10) : [ERROR]   ";
+  const std::string header = Process() + " " + Process() + " " + kHeaderTime + " a.cpp (10) : [ERROR]   ";
   EXPECT_EQ(Contents(), header + "ff\n" + header + "255\n");
 }
 
@@ -317,7 +312,7 @@ TEST_F(DebugStream, GivesRecordsToACaptureInPlaceOfTheFile) {
   }
   EXPECT_FALSE(DebugTraceEnabled(kTraceDebug));
   QX_TRACE(kTraceError, "to the file again");
-  EXPECT_EQ(Contents(), std::string(kNow) + " : [ERROR]   SS to the file again\n");
+  EXPECT_EQ(Contents(), std::string(kHeaderTime) + " : [ERROR]   SS to the file again\n");
 }
 
 }  // namespace

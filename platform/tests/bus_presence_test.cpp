@@ -19,7 +19,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-constexpr const char* kName = "test.Name";
+constexpr const char* kPresentName = "test.Name";
 
 class BusPresenceTest : public testing::Test {
  protected:
@@ -36,7 +36,7 @@ TEST_F(BusPresenceTest, ConnectsAgainAfterALossAndTellsEachWayOnce) {
   options.address = bus.ForClients();
   options.setUp = [&](BusConnection& connection) {
     ++setUps;
-    return connection.RequestName(kName);
+    return connection.RequestName(kPresentName);
   };
   options.lost = [&](ErrorCode) { told.emplace_back("lost"); };
   options.restored = [&] { told.emplace_back("restored"); };
@@ -90,7 +90,7 @@ TEST_F(BusPresenceTest, CountsAFailedSetUpAsAFailedAttempt) {
   ErrorCode lost = 0;
   BusPresence::Options options;
   options.address = bus.ForClients();
-  options.setUp = [](BusConnection& connection) { return connection.RequestName(kName); };
+  options.setUp = [](BusConnection& connection) { return connection.RequestName(kPresentName); };
   options.lost = [&](ErrorCode code) { lost = code; };
   options.firstPauseMs = 1;
   {

@@ -19,7 +19,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr std::uint32_t kPatience = 60000;
+constexpr std::uint32_t kRowPatience = 60000;
 
 // A directory with a blank in its name, on PATH in place of the recorded current directory, with the recorded programs.
 class golden_process : public testing::Test {
@@ -46,7 +46,7 @@ class golden_process : public testing::Test {
     std::filesystem::current_path(m_directory);
   }
   void TearDown() override {
-    EXPECT_TRUE(WaitForAllChildren(kPatience));
+    EXPECT_TRUE(WaitForAllChildren(kRowPatience));
     std::filesystem::current_path(m_before);
     setenv("PATH", m_path.c_str(), 1);
     SetStateDirectory("");

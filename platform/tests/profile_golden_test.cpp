@@ -20,7 +20,7 @@ namespace {
 using nlohmann::json;
 
 // Bytes of a file as a recorded text of Latin-1 shows them.
-std::string Bytes(const json& latin1) {
+std::string FileBytes(const json& latin1) {
   std::string out;
   for (const char16_t c : WideFromUtf8(latin1.get<std::string>())) out += static_cast<char>(c);
   return out;
@@ -94,7 +94,7 @@ class golden_profile : public testing::Test {
 
 TEST_F(golden_profile, ReadsIntegersAsRecorded) {
   for (const json& row : Rows("int", 49)) {
-    Put("[S]\r\nk=" + Bytes(row["value"]) + "\r\n");
+    Put("[S]\r\nk=" + FileBytes(row["value"]) + "\r\n");
     std::int32_t value = 0;
     EXPECT_EQ(GetProfileInt(m_path, u"S", u"k", 777, value), ERROR_SUCCESS);
     EXPECT_EQ(value, row["result_signed"].get<std::int32_t>()) << row;
@@ -114,7 +114,7 @@ TEST_F(golden_profile, AnswersForMissingIntegersAsRecorded) {
 
 TEST_F(golden_profile, ReadsStringValuesAsRecorded) {
   for (const json& row : Rows("string_value", 28)) {
-    Put("[S]\r\nk=" + Bytes(row["value"]) + "\r\n");
+    Put("[S]\r\nk=" + FileBytes(row["value"]) + "\r\n");
     EXPECT_EQ(Ask(u"k"), Wide(row["text"])) << row;
     EXPECT_EQ(Ask(u"k").size(), row["result"].get<std::size_t>()) << row;
   }
@@ -122,7 +122,7 @@ TEST_F(golden_profile, ReadsStringValuesAsRecorded) {
 
 TEST_F(golden_profile, ReadsLinesAsRecorded) {
   for (const json& row : Rows("string_line", 15)) {
-    Put("[S]\r\n" + Bytes(row["line"]) + "\r\n");
+    Put("[S]\r\n" + FileBytes(row["line"]) + "\r\n");
     EXPECT_EQ(Ask(u"k"), Wide(row["text"])) << row;
   }
 }
@@ -130,7 +130,7 @@ TEST_F(golden_profile, ReadsLinesAsRecorded) {
 TEST_F(golden_profile, ReadsWholeFilesAsRecorded) {
   int differing = 0;
   for (const json& row : Rows("string_file", 20)) {
-    Put(Bytes(row["file"]));
+    Put(FileBytes(row["file"]));
     // Only files in the system code page and in UTF-16LE are known: behind another mark no header is seen.
     const bool differs = row.contains("wine_differs");
     differing += differs;
@@ -187,7 +187,7 @@ TEST_F(golden_profile, CutsLongValuesAsRecorded) {
 TEST_F(golden_profile, ReadsSectionsAsRecorded) {
   for (const json& row : Rows("section", 13)) {
     std::filesystem::remove(m_file);
-    if (row.contains("file")) Put(Bytes(row["file"]));
+    if (row.contains("file")) Put(FileBytes(row["file"]));
     std::u16string buffer(200, u'#');
     ProfileSectionText text;
     EXPECT_EQ(GetProfileSection(m_path, u"S", buffer, text), row["last_error"].get<ErrorCode>()) << row;
@@ -270,7 +270,7 @@ TEST_F(golden_profile, LeavesTheRecordedBytesAfterWrites) {
   for (const bool inBatch : {false, true}) {
     for (const json& row : Rows("write", 45)) {
       std::filesystem::remove(m_file);
-      if (!row["start"].is_null()) Put(Bytes(row["start"]));
+      if (!row["start"].is_null()) Put(FileBytes(row["start"]));
       const Differing* other = row.contains("wine_differs") ? DifferingRow(row) : nullptr;
       ASSERT_EQ(row.contains("wine_differs"), other != nullptr) << row;
       differing += other != nullptr;

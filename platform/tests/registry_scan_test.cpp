@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::uint32_t kKeys = 200;
 constexpr std::u16string_view kMany = u"Software\\Many";
-constexpr std::string_view kNames[] = {"Text", "Number"};
+constexpr std::string_view kAskedNames[] = {"Text", "Number"};
 
 std::u16string Digits(std::uint32_t i) {
   const std::string text = std::to_string(1000 + i);
@@ -89,7 +89,7 @@ TEST_F(RegistryScanTest, GivesEachSubKeyOnceWithItsIndexAndTheValuesThatWereAske
   ASSERT_EQ(scan.Size(), kKeys);
   std::map<std::uint32_t, int> seen;
   std::size_t greatest = 0;
-  EXPECT_TRUE(scan.Read(kNames, 7, [&](RegistryScan::Batch&& batch) {
+  EXPECT_TRUE(scan.Read(kAskedNames, 7, [&](RegistryScan::Batch&& batch) {
     greatest = std::max(greatest, batch.Size());
     for (std::size_t i = 0; i < batch.Size(); ++i) {
       const std::uint32_t index = batch.Index(i);
@@ -132,7 +132,7 @@ TEST_F(RegistryScanTest, EndsWhenNobodyWantsMore) {
   RegistryScan scan;
   ASSERT_TRUE(Open(scan));
   int given = 0;
-  EXPECT_FALSE(scan.Read(kNames, 1, [&](RegistryScan::Batch&&) { return ++given < 3; }));
+  EXPECT_FALSE(scan.Read(kAskedNames, 1, [&](RegistryScan::Batch&&) { return ++given < 3; }));
   EXPECT_EQ(given, 3);
 }
 
@@ -153,7 +153,7 @@ TEST_F(RegistryScanTest, NeedsNoOpenStore) {
   RegistryScan scan;
   ASSERT_TRUE(Open(scan));
   std::size_t count = 0;
-  EXPECT_TRUE(scan.Read(kNames, 64, [&](RegistryScan::Batch&& batch) {
+  EXPECT_TRUE(scan.Read(kAskedNames, 64, [&](RegistryScan::Batch&& batch) {
     count += batch.Size();
     return true;
   }));
@@ -188,7 +188,7 @@ TEST_F(RegistryScanTest, LeavesTheLocksOfAStoreThatIsOpenedMeanwhile) {
 TEST_F(RegistryScanTest, HoldsUntilThisProcessWrites) {
   RegistryScan scan;
   ASSERT_TRUE(Open(scan));
-  ASSERT_TRUE(scan.Read(kNames, 64, [](RegistryScan::Batch&&) { return true; }));
+  ASSERT_TRUE(scan.Read(kAskedNames, 64, [](RegistryScan::Batch&&) { return true; }));
   std::uint32_t type = 0;
   std::vector<std::byte> data;
   std::u16string name;
@@ -204,7 +204,7 @@ TEST_F(RegistryScanTest, HoldsUntilThisProcessWrites) {
 TEST_F(RegistryScanTest, HoldsUntilAnotherProgramWrites) {
   RegistryScan scan;
   ASSERT_TRUE(Open(scan));
-  ASSERT_TRUE(scan.Read(kNames, 64, [](RegistryScan::Batch&&) { return true; }));
+  ASSERT_TRUE(scan.Read(kAskedNames, 64, [](RegistryScan::Batch&&) { return true; }));
   EXPECT_TRUE(scan.Holds());
   RunSql("UPDATE vals SET type=3 WHERE type=4");
   EXPECT_FALSE(scan.Holds());
@@ -214,7 +214,7 @@ TEST_F(RegistryScanTest, NoticesAWriteWhileItReads) {
   RegistryScan scan;
   ASSERT_TRUE(Open(scan));
   bool written = false;
-  EXPECT_TRUE(scan.Read(kNames, 64, [&](RegistryScan::Batch&&) {
+  EXPECT_TRUE(scan.Read(kAskedNames, 64, [&](RegistryScan::Batch&&) {
     if (!written) RunSql("UPDATE vals SET type=3 WHERE type=4");
     written = true;
     return true;
@@ -280,7 +280,7 @@ TEST_F(RegistryScanTest, LeavesTheStoreAsItIs) {
   {
     RegistryScan scan;
     ASSERT_TRUE(Open(scan));
-    ASSERT_TRUE(scan.Read(kNames, 64, [](RegistryScan::Batch&&) { return true; }));
+    ASSERT_TRUE(scan.Read(kAskedNames, 64, [](RegistryScan::Batch&&) { return true; }));
   }
   EXPECT_EQ(bytes(), before);
 }

@@ -18,8 +18,8 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 // A connection over loopback.
-struct Pair {
-  explicit Pair(AddressFamily family = AddressFamily::kIpv4) {
+struct SocketPair {
+  explicit SocketPair(AddressFamily family = AddressFamily::kIpv4) {
     const bool wide = family == AddressFamily::kIpv6;
     std::vector<SocketAddress> addresses;
     EXPECT_EQ(ResolveAddress(wide ? "::1" : "127.0.0.1", "0", family, true, addresses), 0);
@@ -51,7 +51,7 @@ SocketError SendText(Socket& socket, const std::string& text) {
 
 TEST(Socket, CarriesBytesBothWays) {
   for (const AddressFamily family : {AddressFamily::kIpv4, AddressFamily::kIpv6}) {
-    Pair pair(family);
+    SocketPair pair(family);
     ASSERT_EQ(SendText(pair.client, "there"), 0);
     bool ready = false;
     ASSERT_EQ(pair.server.WaitReadable(60000, ready), 0);
@@ -67,7 +67,7 @@ TEST(Socket, CarriesBytesBothWays) {
 }
 
 TEST(Socket, AcceptedOnesDoNotBlock) {
-  Pair pair;
+  SocketPair pair;
   Bytes buffer(1);
   std::size_t count = 0;
   EXPECT_EQ(KindOf(pair.server.ReceiveSome(buffer, count)), SocketFailure::kWouldBlock);
@@ -78,7 +78,7 @@ TEST(Socket, AcceptedOnesDoNotBlock) {
 }
 
 TEST(Socket, ReadsNothingWhereTheOtherSideHasClosed) {
-  Pair pair;
+  SocketPair pair;
   pair.client.Close();
   bool ready = false;
   ASSERT_EQ(pair.server.WaitReadable(60000, ready), 0);
@@ -89,7 +89,7 @@ TEST(Socket, ReadsNothingWhereTheOtherSideHasClosed) {
 }
 
 TEST(Socket, WaitEndsWithItsLimit) {
-  Pair pair;
+  SocketPair pair;
   bool ready = true;
   EXPECT_EQ(pair.server.WaitReadable(1, ready), 0);
   EXPECT_FALSE(ready);
@@ -97,7 +97,7 @@ TEST(Socket, WaitEndsWithItsLimit) {
 
 TEST(Socket, TellsDataFromTheEnd) {
   Socket::LingerEnd end = Socket::LingerEnd::kClosed;
-  Pair quiet, talking, closing, both;
+  SocketPair quiet, talking, closing, both;
   EXPECT_EQ(quiet.server.WaitForClose(1, end), 0);
   EXPECT_EQ(end, Socket::LingerEnd::kTimeout);
   ASSERT_EQ(SendText(talking.client, "x"), 0);
@@ -109,7 +109,7 @@ TEST(Socket, TellsDataFromTheEnd) {
 }
 
 TEST(Socket, SeveralAreWaitedForAtOnce) {
-  Pair one, two, three;
+  SocketPair one, two, three;
   ASSERT_EQ(SendText(two.client, "x"), 0);
   Socket* const sockets[] = {&one.server, &two.server, &three.server};
   std::vector<bool> ready;
@@ -182,7 +182,7 @@ TEST(SocketAddress, TextsAreToldApart) {
 }
 
 TEST(Socket, FailsByTheSeam) {
-  Pair pair;
+  SocketPair pair;
   Socket made;
   ListeningSocket listener;
   std::vector<SocketAddress> addresses;

@@ -20,7 +20,7 @@ using platform::FaultPlan;
 using platform::Operation;
 using ZepFoundation::CapturedServiceLog;
 
-constexpr ScheduleGuid kId = platform::GuidConstant(u"{0123ABCD-4567-89AB-CDEF-001122334455}");
+constexpr ScheduleGuid kBodyId = platform::GuidConstant(u"{0123ABCD-4567-89AB-CDEF-001122334455}");
 constexpr std::u16string_view kIdText = u"{0123ABCD-4567-89AB-CDEF-001122334455}";
 
 SCHEDULE_OBJECT Schedule() {
@@ -48,10 +48,10 @@ const char16_t kFormB[] =
 
 TEST(CreateXMLString, WritesTheThreeForms) {
   std::u16string xml;
-  EXPECT_EQ(CreateXMLString(Schedule(), kId, MSG_CREATE, xml), platform::Utf8FromWide(kFormA).size() + 1);
+  EXPECT_EQ(CreateXMLString(Schedule(), kBodyId, MSG_CREATE, xml), platform::Utf8FromWide(kFormA).size() + 1);
   EXPECT_EQ(xml, kFormA);
   xml.clear();
-  EXPECT_EQ(CreateXMLString(kId, MSG_DELETE, xml), platform::Utf8FromWide(kFormB).size() + 1);
+  EXPECT_EQ(CreateXMLString(kBodyId, MSG_DELETE, xml), platform::Utf8FromWide(kFormB).size() + 1);
   EXPECT_EQ(xml, kFormB);
   xml.clear();
   const std::u16string_view formC =
@@ -73,7 +73,7 @@ TEST(CreateXMLString, LogsTheTextAndAFailedMeasure) {
   EXPECT_THAT(log.texts(), ElementsAre("XML string created is <QxSchedService><OpData>100%/<OpData><MSG_TYPE>256</MSG_TYPE>"
                                        "</QxSchedService>"));
   const FaultPlan plan = FaultPlan::FailCall(Operation::kConvertText, 1, 1113);
-  EXPECT_EQ(CreateXMLString(kId, MSG_DELETE, xml), 0u);
+  EXPECT_EQ(CreateXMLString(kBodyId, MSG_DELETE, xml), 0u);
   EXPECT_TRUE(log.texts().back().starts_with("Failed CreateXMLString:WideCharToMultiByte with error "));
 }
 

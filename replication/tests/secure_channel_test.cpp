@@ -20,7 +20,7 @@ using testing::Bytes;
 using testing::BytesOf;
 using testing::ScriptedConnection;
 
-constexpr ScheduleGuid kId = platform::GuidConstant(u"{0123ABCD-4567-89AB-CDEF-001122334455}");
+constexpr ScheduleGuid kChannelId = platform::GuidConstant(u"{0123ABCD-4567-89AB-CDEF-001122334455}");
 
 class SecureChannel : public testing::ReplicationFixture {
  protected:
@@ -46,7 +46,7 @@ class SecureChannel : public testing::ReplicationFixture {
       acceptor = acceptContext(server, inbound, theirs);
       server.Close();
     });
-    initiator = createContext(client, outbound, mine, kId);
+    initiator = createContext(client, outbound, mine, kChannelId);
     client.Close();
     peer.join();
   }
@@ -122,8 +122,8 @@ TEST_F(SecureChannel, AWrongSecretIsRefusedByThePeer) {
   ASSERT_EQ(platform::MakeCredentialsFile(m_credentialsFile, "CLUSTER", "qxsvc"), 0u);
   Listen();
   Caller caller;
-  Call(caller, kId);
-  EXPECT_EQ(createContext(caller.socket, outbound, caller.context, kId), 1);
+  Call(caller, kChannelId);
+  EXPECT_EQ(createContext(caller.socket, outbound, caller.context, kChannelId), 1);
   caller.socket.Close();
   WaitForChildren();
   EXPECT_THAT(m_log.texts(), Contains("acceptContext: AcceptSecurityContext Failed with error : 0x8009030c"));
@@ -133,7 +133,7 @@ TEST_F(SecureChannel, AWrongSecretIsRefusedByThePeer) {
 
 TEST_F(SecureChannel, AnEmptyFirstTokenGoesToThePackage) {
   ScriptedConnection connection;
-  connection.Gives(Message(MSG_CONTEXT_REQUEST, 0, kId));
+  connection.Gives(Message(MSG_CONTEXT_REQUEST, 0, kChannelId));
   SecurityContext context;
   EXPECT_EQ(acceptContext(connection, Credentials(platform::CredentialsUse::kInbound), context), 1);  // no second one
   ASSERT_GT(connection.sent.size(), kWireHeaderSize);
@@ -141,7 +141,7 @@ TEST_F(SecureChannel, AnEmptyFirstTokenGoesToThePackage) {
   ASSERT_EQ(DecodeHeader(ConstWireHeader(std::span(connection.sent).first(kWireHeaderSize)), header), 1);
   EXPECT_EQ(header.msgType, MSG_CONTEXT_REPLY);
   EXPECT_EQ(header.msgLen, connection.sent.size() - kWireHeaderSize);
-  EXPECT_EQ(header.scheduleId, kId);
+  EXPECT_EQ(header.scheduleId, kChannelId);
 }
 
 TEST_F(SecureChannel, TheAcceptorRefusesWhatIsNoToken) {
@@ -181,7 +181,7 @@ TEST_F(SecureChannel, ATokenTooLongIsRefusedBeforeItIsRead) {
   EXPECT_EQ(connection.steps.size(), 1u);
   ScriptedConnection reply;
   reply.Gives(Message(32, 12001)).Gives(BytesOf("unread"));
-  EXPECT_EQ(createContext(reply, Credentials(platform::CredentialsUse::kOutbound), context, kId), 1);
+  EXPECT_EQ(createContext(reply, Credentials(platform::CredentialsUse::kOutbound), context, kChannelId), 1);
   EXPECT_EQ(reply.steps.size(), 1u);
   EXPECT_THAT(m_log.texts(), Contains("createContext: received header with wrong message length: 12001"));
 }
@@ -208,7 +208,8 @@ TEST_F(SecureChannel, TheInitiatorRefusesWhatIsNoReply) {
     ScriptedConnection connection;
     c.script(connection);
     SecurityContext context;
-    EXPECT_EQ(createContext(connection, Credentials(platform::CredentialsUse::kOutbound), context, kId), 1) << c.text;
+    EXPECT_EQ(createContext(connection, Credentials(platform::CredentialsUse::kOutbound), context, kChannelId), 1)
+        << c.text;
     EXPECT_FALSE(context) << c.text;
     EXPECT_THAT(m_log.texts(), Contains(c.text));
     EXPECT_EQ(m_log.Count(4, "createContext: Exited"), 1);
@@ -238,7 +239,7 @@ TEST_F(SecureChannel, RefusedMemoryAndHeadersAreTold) {
         Credentials(c.initiator ? platform::CredentialsUse::kOutbound : platform::CredentialsUse::kInbound);
     SecurityContext context;
     const FaultPlan plan = FaultPlan::FailCall(c.operation, 1, 8, platform::kOnce, c.detail);
-    EXPECT_EQ(c.initiator ? createContext(connection, credentials, context, kId)
+    EXPECT_EQ(c.initiator ? createContext(connection, credentials, context, kChannelId)
                           : acceptContext(connection, credentials, context),
               1);
     EXPECT_EQ(plan.hits(), 1) << c.detail;

@@ -21,7 +21,7 @@ using testing::Hex;
 using testing::ScriptedConnection;
 using ZepFoundation::CapturedServiceLog;
 
-constexpr ScheduleGuid kId = platform::GuidConstant(u"{0123ABCD-4567-89AB-CDEF-001122334455}");
+constexpr ScheduleGuid kWireId = platform::GuidConstant(u"{0123ABCD-4567-89AB-CDEF-001122334455}");
 
 // Typed by hand: 256 bytes of an operation that creates a schedule.
 constexpr const char* kCreateFrame =
@@ -47,13 +47,13 @@ TEST(WireHeader, IsWrittenAsTypedByHand) {
   const struct {
     MessageHeader header;
     const char* frame;
-  } kCases[] = {{{256, MSG_CREATE, 0, kId}, kCreateFrame}, {{276, MSG_PUBLIC_KEY, 0, {}}, kKeyFrame}};
+  } kCases[] = {{{256, MSG_CREATE, 0, kWireId}, kCreateFrame}, {{276, MSG_PUBLIC_KEY, 0, {}}, kKeyFrame}};
   for (const auto& c : kCases) {
     MessageHeader header = c.header;
     Bytes bytes(kWireHeaderSize, 0xEE);
     ASSERT_EQ(EncodeHeader(header, WireHeader(bytes)), 1);
     EXPECT_EQ(Hex(bytes), Hex(FromHex(c.frame)));
-    MessageHeader read = {1, 2, 3, kId};
+    MessageHeader read = {1, 2, 3, kWireId};
     ASSERT_EQ(Decode(bytes, read), 1);
     EXPECT_EQ(read.msgLen, c.header.msgLen);
     EXPECT_EQ(read.msgType, c.header.msgType);
@@ -63,17 +63,17 @@ TEST(WireHeader, IsWrittenAsTypedByHand) {
 }
 
 TEST(WireHeader, WritingConsumesTheRecord) {
-  MessageHeader header = {0xFFFFFFFF, 0x12345678, 7, kId};
+  MessageHeader header = {0xFFFFFFFF, 0x12345678, 7, kWireId};
   Bytes bytes(kWireHeaderSize);
   ASSERT_EQ(EncodeHeader(header, WireHeader(bytes)), 1);
   EXPECT_EQ(Hex(std::span(bytes).first(12)), "ffffffff1234567800000007");
   EXPECT_EQ(header.msgLen + header.msgType + header.reserved, 0u);
-  EXPECT_EQ(header.scheduleId, kId);
+  EXPECT_EQ(header.scheduleId, kWireId);
 }
 
 TEST(WireHeader, AFailedConversionOfTheIdentifierIsLogged) {
   CapturedServiceLog log;
-  MessageHeader header = {1, 1, 0, kId};
+  MessageHeader header = {1, 1, 0, kWireId};
   Bytes bytes(kWireHeaderSize);
   const auto plan = platform::FaultPlan::FailCall(platform::Operation::kConvertText, 1, 1113);
   EXPECT_EQ(EncodeHeader(header, WireHeader(bytes)), 0);

@@ -10,7 +10,7 @@ using qx::testing::RecordingSink;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const ScheduleGuid kId = CLSID_SchedulerService;
+const ScheduleGuid kSender = CLSID_SchedulerService;
 
 class EventSinks : public testing::Test {
  protected:
@@ -58,13 +58,13 @@ TEST_F(EventSinks, TellsEverySinkEachEvent) {
   const auto second = std::make_shared<RecordingSink>();
   const std::uint32_t cookie = Advise(first);
   Advise(second);
-  m_events.Fire_Schedule_Add(kId);
-  m_events.Fire_Schedule_Modify(kId);
+  m_events.Fire_Schedule_Add(kSender);
+  m_events.Fire_Schedule_Modify(kSender);
   EXPECT_EQ(m_events.Unadvise(cookie), 0u);
-  m_events.Fire_Schedule_Delete(kId);
-  m_events.Fire_NextTimeWindow_Modify(kId, -1);
+  m_events.Fire_Schedule_Delete(kSender);
+  m_events.Fire_NextTimeWindow_Modify(kSender, -1);
   m_events.Fire_SystemTime_Change(2, {u"{A}", u"{B}"}, {5, -1});
-  const std::string id = qx::testing::Narrow(platform::GuidText(kId));
+  const std::string id = qx::testing::Narrow(platform::GuidText(kSender));
   EXPECT_THAT(first->heard, ElementsAre("add " + id, "modify " + id));
   EXPECT_THAT(second->heard, ElementsAre("add " + id, "modify " + id, "delete " + id, "window " + id + " -1",
                                          "time 2 {A}=5 {B}=-1"));
@@ -84,7 +84,7 @@ TEST_F(EventSinks, IsNotStoppedByASinkThatFails) {
   Advise(std::make_shared<ActingSink>([] { throw std::runtime_error("gone"); }));
   const auto second = std::make_shared<RecordingSink>();
   Advise(second);
-  m_events.Fire_Schedule_Add(kId);
+  m_events.Fire_Schedule_Add(kSender);
   EXPECT_EQ(second->heard.size(), 1u);
 }
 
@@ -98,17 +98,17 @@ TEST_F(EventSinks, LetsASinkAdviseAndUnadviseInsideItsEvent) {
     Advise(late);  // into the first slot, which this event has passed
   }));
   other = Advise(gone);
-  m_events.Fire_Schedule_Add(kId);
+  m_events.Fire_Schedule_Add(kSender);
   EXPECT_THAT(gone->heard, IsEmpty());
   EXPECT_THAT(late->heard, IsEmpty());
-  m_events.Fire_Schedule_Delete(kId);
+  m_events.Fire_Schedule_Delete(kSender);
   EXPECT_EQ(late->heard.size(), 1u);
 }
 
 TEST_F(EventSinks, ReachesNoSlotThatCameWhileTheEventWasFired) {
   const auto late = std::make_shared<RecordingSink>();
   Advise(std::make_shared<ActingSink>([&] { Advise(late); }));
-  m_events.Fire_Schedule_Add(kId);
+  m_events.Fire_Schedule_Add(kSender);
   EXPECT_THAT(late->heard, IsEmpty());
 }
 

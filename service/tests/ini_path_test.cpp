@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr ScheduleGuid kId = platform::GuidConstant(u"{0A1B2C3D-0000-0000-0000-00000000000F}");
+constexpr ScheduleGuid kNamed = platform::GuidConstant(u"{0A1B2C3D-0000-0000-0000-00000000000F}");
 const std::u16string kName = u"{0A1B2C3D-0000-0000-0000-00000000000F}.ini";
 const std::u16string kDefault(qx::kDefaultIniDirectory);
 
@@ -31,14 +31,14 @@ const PathCase kPaths[] = {
 TEST(IniPath, StandsBesideTheXmlFileElseInTheDefaultDirectory) {
   for (const PathCase& c : kPaths) {
     EXPECT_EQ(qx::IniDirectory(c.xml, c.separators), c.directory) << c.line;
-    EXPECT_EQ(qx::IniPath(kId, c.xml, c.separators), c.directory + kName) << c.line;
+    EXPECT_EQ(qx::IniPath(kNamed, c.xml, c.separators), c.directory + kName) << c.line;
   }
 }
 
 TEST(IniPath, HasOneMoreBackslashInTheOldPathBehindADirectoryOnly) {
   for (const PathCase& c : kPaths) {
     const std::u16string more = c.directory == kDefault ? u"" : u"\\";
-    EXPECT_EQ(qx::OldIniPath(kId, c.xml, c.separators), c.directory + more + kName) << c.line;
+    EXPECT_EQ(qx::OldIniPath(kNamed, c.xml, c.separators), c.directory + more + kName) << c.line;
   }
 }
 

@@ -14,7 +14,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using Line = ZepFoundation::CapturedLogLine;
 
-constexpr ScheduleGuid kId = platform::GuidConstant(u"{0A1B2C3D-0000-0000-0000-00000000000F}");
+constexpr ScheduleGuid kLaunched = platform::GuidConstant(u"{0A1B2C3D-0000-0000-0000-00000000000F}");
 
 struct LaunchCase {
   int line;
@@ -39,7 +39,7 @@ const LaunchCase kLines[] = {
 TEST(SetLaunchPath, PutsThePiecesThatAreThereBehindOneBlankEach) {
   for (const LaunchCase& c : kLines) {
     CJobNode node;
-    node.ScheduleID = kId;
+    node.ScheduleID = kLaunched;
     EXPECT_EQ(node.SetLaunchPath(c.wrapper, c.xml, c.parameters, c.useGuid, c.pre, c.post), 0u) << c.line;
     EXPECT_EQ(Narrow(node.LaunchPath.view()), c.expected) << c.line;
   }
@@ -58,7 +58,7 @@ class JobLaunch : public qx::testing::ServiceFixture {};
 
 TEST_F(JobLaunch, StartsTheCommandLine) {
   CJobNode node;
-  node.ScheduleID = kId;
+  node.ScheduleID = kLaunched;
   ASSERT_EQ(node.SetLaunchPath(u"/usr/bin/tee", Wide(m_folder + "/a b"), Wide(m_folder + "/c"), 0, u"", u""), 0u);
   EXPECT_EQ(node.Launch(), 0u);
   ASSERT_TRUE(platform::WaitForAllChildren(60000));
@@ -69,7 +69,7 @@ TEST_F(JobLaunch, StartsTheCommandLine) {
 
 TEST_F(JobLaunch, LogsBothLinesWhenTheProgramDoesNotExist) {
   CJobNode node;
-  node.ScheduleID = kId;
+  node.ScheduleID = kLaunched;
   ASSERT_EQ(node.SetLaunchPath(Wide(m_folder + "/absent"), u"", u"", 0, u"", u""), 0u);
   EXPECT_EQ(node.Launch(), 1u);
   EXPECT_THAT(m_log.lines(), ElementsAre(Line{0, "Launch (Create process) failed with error : 2"},
@@ -78,7 +78,7 @@ TEST_F(JobLaunch, LogsBothLinesWhenTheProgramDoesNotExist) {
 
 TEST_F(JobLaunch, LogsTheSystemsCodeInHexadecimal) {
   CJobNode node;
-  node.ScheduleID = kId;
+  node.ScheduleID = kLaunched;
   ASSERT_EQ(node.SetLaunchPath(u"/bin/true", u"", u"", 0, u"", u""), 0u);
   FaultPlan plan = FaultPlan::FailCall(Operation::kCreateProcess, 1, platform::ERROR_BAD_EXE_FORMAT);
   EXPECT_EQ(node.Launch(), 1u);

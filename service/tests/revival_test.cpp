@@ -55,14 +55,14 @@ TEST_F(Revival, TellsWhichValueIsMissingAndBringsTheOthersBack) {
   }
 }
 
-struct FailureCase {
+struct RevivalFailure {
   int line;
   Operation operation;
   int call;
   const char* detail;
   const char* text;
 };
-const FailureCase kFailures[] = {
+const RevivalFailure kRevivalFailures[] = {
     {__LINE__, Operation::kRegOpenKey, 3, "", " Failed to open scheduleKey"},
     {__LINE__, Operation::kRegQueryInfoKey, 2, "", "Failed queryinfokey(scheduleKey)"},
     {__LINE__, Operation::kAllocate, 1, "BuildJobNode", "calloc failed to allocate memory"},
@@ -70,7 +70,7 @@ const FailureCase kFailures[] = {
 
 TEST_F(Revival, TellsWhichStepFailed) {
   const ScheduleGuid id = Lost();
-  for (const FailureCase& c : kFailures) {
+  for (const RevivalFailure& c : kRevivalFailures) {
     m_log.Clear();
     FaultPlan plan = FaultPlan::FailCall(c.operation, c.call, 5, platform::kOnce, c.detail);
     Pass();

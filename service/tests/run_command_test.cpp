@@ -105,12 +105,12 @@ TEST_F(RunCommand, CutsAHostileTextInItsLogLines) {
   EXPECT_EQ(m_log.texts()[2], "SchedulerService RunCommand, Exit 0x80070002");
 }
 
-struct StepCase {
+struct FailingStep {
   int line;
   Operation step;
   const char* text;
 };
-const StepCase kSteps[] = {
+const FailingStep kFailingSteps[] = {
     {__LINE__, Operation::kCreatePipe,
      "SchedulerService RunCommand, CreatePipe failed for stderr_read and stderr_write. 0x800705aa"},
     {__LINE__, Operation::kSetHandleInformation,
@@ -124,7 +124,7 @@ const StepCase kSteps[] = {
 TEST_F(RunCommand, EndsAtTheStepThatFailsAndClosesWhatItOpened) {
   ASSERT_EQ(qx::RunCommand("true"), 0u);  // whatever starts once has started
   const std::ptrdiff_t before = OpenDescriptors();
-  for (const StepCase& c : kSteps) {
+  for (const FailingStep& c : kFailingSteps) {
     m_log.Clear();
     std::uint32_t exitCode = 77;
     const FaultPlan plan = FaultPlan::FailCall(c.step, 1, 1450);

@@ -10,7 +10,7 @@ using qx::testing::kPresent;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr ScheduleGuid kId = platform::GuidConstant(u"{0A1B2C3D-0000-0000-0000-00000000000F}");
+constexpr ScheduleGuid kStored = platform::GuidConstant(u"{0A1B2C3D-0000-0000-0000-00000000000F}");
 
 class ScheduleStore : public qx::testing::ServiceFixture {
  protected:
@@ -26,7 +26,7 @@ class ScheduleStore : public qx::testing::ServiceFixture {
     return s;
   }
   static std::uint32_t Number(std::u16string_view name) {
-    platform::RegistryKey key = OpenScheduleKey(kId);
+    platform::RegistryKey key = OpenScheduleKey(kStored);
     std::uint32_t value = 0;
     EXPECT_EQ(platform::ReadRegistryDword(key, name, value), 0u);
     return value;
@@ -34,11 +34,11 @@ class ScheduleStore : public qx::testing::ServiceFixture {
 };
 
 TEST_F(ScheduleStore, ReadsWhatWasWritten) {
-  ASSERT_EQ(WriteRegistry(Record(), kId), 0u);
+  ASSERT_EQ(WriteRegistry(Record(), kStored), 0u);
   SCHEDULE_OBJECT read;
   read.bstrName = u"kept";
   read.bRunNow = 9;
-  ASSERT_EQ(ReadRegistry(kId, read), 0u);
+  ASSERT_EQ(ReadRegistry(kStored, read), 0u);
   SCHEDULE_OBJECT expected = Record();
   expected.bstrName = u"kept";
   expected.bRunNow = 9;
@@ -54,8 +54,8 @@ TEST_F(ScheduleStore, ReadsWhatWasWritten) {
 }
 
 TEST_F(ScheduleStore, WritesEachStringWithItsTerminator) {
-  ASSERT_EQ(WriteRegistry(Record(), kId), 0u);
-  platform::RegistryKey key = OpenScheduleKey(kId);
+  ASSERT_EQ(WriteRegistry(Record(), kStored), 0u);
+  platform::RegistryKey key = OpenScheduleKey(kStored);
   std::uint32_t type = 0;
   std::vector<std::byte> data;
   ASSERT_EQ(platform::QueryValueBytes(key, u"PreScript", type, data), 0u);
@@ -64,25 +64,25 @@ TEST_F(ScheduleStore, WritesEachStringWithItsTerminator) {
 }
 
 TEST_F(ScheduleStore, DoesNotReadATaskCodeOfAnotherType) {
-  ASSERT_EQ(WriteRegistry(Record(), kId), 0u);
-  SetText(kId, u"TaskOPCODE", u"7");
+  ASSERT_EQ(WriteRegistry(Record(), kStored), 0u);
+  SetText(kStored, u"TaskOPCODE", u"7");
   SCHEDULE_OBJECT read;
-  EXPECT_EQ(ReadRegistry(kId, read), kStatusRegistryRead);
+  EXPECT_EQ(ReadRegistry(kStored, read), kStatusRegistryRead);
   EXPECT_EQ(read.bstrObjectID, u"obj");
   EXPECT_EQ(read.bstrWrapperBinaryName, std::nullopt);
   EXPECT_TRUE(m_log.Has(1, "Registry: Failed with error : d"));
 }
 
 TEST_F(ScheduleStore, ModifiesTheJobAndKeepsTheFlagOfTheCreation) {
-  ASSERT_EQ(WriteRegistry(Record(), kId), 0u);
+  ASSERT_EQ(WriteRegistry(Record(), kStored), 0u);
   SCHEDULE_OBJECT changed = Record();
   changed.bstrWrapperBinaryName = u"other";
   changed.bstrParameters.reset();
   changed.bUseGUID = 0;
   m_clock.SetWall(kPresent + 5);
-  EXPECT_EQ(ModifyRegistry(kId, changed), 0u);
+  EXPECT_EQ(ModifyRegistry(kStored, changed), 0u);
   SCHEDULE_OBJECT read;
-  ASSERT_EQ(ReadRegistry(kId, read), 0u);
+  ASSERT_EQ(ReadRegistry(kStored, read), 0u);
   EXPECT_EQ(read.bstrWrapperBinaryName, u"other");
   EXPECT_EQ(read.bstrParameters, u"");
   EXPECT_EQ(Number(u"UseGUID"), 5u);
@@ -91,7 +91,7 @@ TEST_F(ScheduleStore, ModifiesTheJobAndKeepsTheFlagOfTheCreation) {
 }
 
 TEST_F(ScheduleStore, RefusesAChangeOfWhatMayNotChange) {
-  ASSERT_EQ(WriteRegistry(Record(), kId), 0u);
+  ASSERT_EQ(WriteRegistry(Record(), kStored), 0u);
   SCHEDULE_OBJECT application = Record(), object = Record(), code = Record(), null = Record();
   application.bstrApplication = u"app";  // only the case differs
   object.bstrObjectID = u"other";
@@ -105,7 +105,7 @@ TEST_F(ScheduleStore, RefusesAChangeOfWhatMayNotChange) {
   };
   for (const auto& [record, text] : cases) {
     m_log.Clear();
-    EXPECT_EQ(ModifyRegistry(kId, record), kStatusImmutable) << text;
+    EXPECT_EQ(ModifyRegistry(kStored, record), kStatusImmutable) << text;
     EXPECT_THAT(m_log.texts(2), ElementsAre(text));
   }
   EXPECT_EQ(Number(u"LastOperation"), 1u);
@@ -114,16 +114,16 @@ TEST_F(ScheduleStore, RefusesAChangeOfWhatMayNotChange) {
 TEST_F(ScheduleStore, TakesANullIdentityForTheEmptyOne) {
   SCHEDULE_OBJECT record = Record();
   record.bstrApplication = u"";
-  ASSERT_EQ(WriteRegistry(record, kId), 0u);
+  ASSERT_EQ(WriteRegistry(record, kStored), 0u);
   record.bstrApplication.reset();
-  EXPECT_EQ(ModifyRegistry(kId, record), 0u);
+  EXPECT_EQ(ModifyRegistry(kStored, record), 0u);
 }
 
 TEST_F(ScheduleStore, FindsAScheduleAmongMoreThanOneLookReads) {
   platform::RegistryKey schedules;
   ASSERT_EQ(platform::OpenKey(platform::Hive::kLocalMachine, qx::kSchedulesKey, platform::KEY_ALL_ACCESS, schedules), 0u);
   const auto idOf = [](std::uint32_t number) {
-    ScheduleGuid id = kId;
+    ScheduleGuid id = kStored;
     id.Data1 = number;
     return id;
   };
@@ -147,14 +147,14 @@ TEST_F(ScheduleStore, FindsAScheduleAmongMoreThanOneLookReads) {
 
 TEST_F(ScheduleStore, KnowsWhichSchedulesAreThere) {
   int failed = 9;
-  EXPECT_EQ(RegistryExists(kId, failed), 0);
+  EXPECT_EQ(RegistryExists(kStored, failed), 0);
   EXPECT_EQ(failed, 0);
-  ASSERT_EQ(WriteRegistry(Record(), kId), 0u);
-  EXPECT_EQ(RegistryExists(kId, failed), 1);
+  ASSERT_EQ(WriteRegistry(Record(), kStored), 0u);
+  EXPECT_EQ(RegistryExists(kStored, failed), 1);
   EXPECT_EQ(failed, 0);
-  EXPECT_EQ(DeleteRegistry(kId), 0u);
-  EXPECT_EQ(DeleteRegistry(kId), kStatusNoSuchKey);
-  EXPECT_EQ(ModifyRegistry(kId, Record()), kStatusNoSuchKey);
+  EXPECT_EQ(DeleteRegistry(kStored), 0u);
+  EXPECT_EQ(DeleteRegistry(kStored), kStatusNoSuchKey);
+  EXPECT_EQ(ModifyRegistry(kStored, Record()), kStatusNoSuchKey);
 }
 
 TEST_F(ScheduleStore, ListsNoArrayOverAnEmptyKey) {
@@ -177,14 +177,14 @@ struct StoreFailure {
 };
 constexpr auto kRead = [] {
   SCHEDULE_OBJECT read;
-  return ReadRegistry(kId, read);
+  return ReadRegistry(kStored, read);
 };
 constexpr auto kModify = [] {
   SCHEDULE_OBJECT record;
   record.bstrApplication = u"App";
   record.bstrObjectID = u"obj";
   record.dwTaskOpCode = 7;
-  return ModifyRegistry(kId, record);
+  return ModifyRegistry(kStored, record);
 };
 constexpr auto kList = [] {
   std::uint32_t count = 0;
@@ -193,10 +193,10 @@ constexpr auto kList = [] {
 };
 constexpr auto kExists = [] {
   int failed = 0;
-  (void)RegistryExists(kId, failed);
+  (void)RegistryExists(kStored, failed);
   return static_cast<Status>(failed);
 };
-constexpr auto kDelete = [] { return DeleteRegistry(kId); };
+constexpr auto kDelete = [] { return DeleteRegistry(kStored); };
 constexpr char kSystemFailure[] = "Registry: Failed with error : 8";
 const StoreFailure kStoreFailures[] = {
     {__LINE__, kRead, Operation::kRegOpenKey, 1, "", kStatusRegistryRead, 1, kSystemFailure},
@@ -228,7 +228,7 @@ const StoreFailure kStoreFailures[] = {
 };
 
 TEST_F(ScheduleStore, TellsEachFailure) {
-  ASSERT_EQ(WriteRegistry(Record(), kId), 0u);
+  ASSERT_EQ(WriteRegistry(Record(), kStored), 0u);
   for (const StoreFailure& c : kStoreFailures) {
     m_log.Clear();
     FaultPlan plan = FaultPlan::FailCall(c.operation, c.call, 8, platform::kOnce, c.detail);
@@ -236,12 +236,12 @@ TEST_F(ScheduleStore, TellsEachFailure) {
     EXPECT_EQ(plan.hits(), 1) << c.line;
     EXPECT_TRUE(m_log.Has(c.level, c.text)) << c.line;
   }
-  EXPECT_TRUE(HasKey(kId));
+  EXPECT_TRUE(HasKey(kStored));
 }
 
 TEST_F(ScheduleStore, TellsOfACommitThatFails) {
   FaultPlan plan = FaultPlan::FailCall(Operation::kRegCloseKey, 1, platform::ERROR_DISK_FULL);
-  EXPECT_EQ(WriteRegistry(Record(), kId), kStatusRegistryWrite);
+  EXPECT_EQ(WriteRegistry(Record(), kStored), kStatusRegistryWrite);
   plan.Remove();
   EXPECT_EQ(plan.hits(), 1);
   EXPECT_TRUE(m_log.Has(1, "Registry: Failed with error : 70"));

@@ -20,7 +20,7 @@ using platform::BusValue;
 using platform::ERROR_SUCCESS;
 using platform::MessageReader;
 using platform::MessageWriter;
-using testing::ElementsAre;
+using ::testing::ElementsAre;
 
 // Notes the calls and answers what it was told to.
 class FakeService : public ISchedulerService {
@@ -103,7 +103,7 @@ class FakeService : public ISchedulerService {
   }
 };
 
-class ServiceBus : public testing::Test {
+class ServiceBus : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(BusConnection::OpenPair(m_server, m_client), ERROR_SUCCESS);
@@ -257,7 +257,7 @@ TEST_F(ServiceBus, AListAboveTheLimitIsRefusedNamingListInfo) {
   m_service.listed.assign(ReplyLimit() >> 20, large);  // with the other fields a little above
   const BusError error = Call("ListSchedule", {});
   EXPECT_EQ(error.name, platform::kBusErrorLimitsExceeded);
-  EXPECT_THAT(error.text, testing::HasSubstr("com.korvane.QxSched1.Manager.ListInfo"));
+  EXPECT_THAT(error.text, ::testing::HasSubstr("com.korvane.QxSched1.Manager.ListInfo"));
   m_service.listed.resize(2);
   std::vector<BusValue> values;
   EXPECT_EQ(Call("ListSchedule", {}, &values).text, "");
