@@ -45,6 +45,14 @@ function(qx_floor NAME)
   target_link_libraries(qx_${NAME} PUBLIC ${A_PUBLIC} PRIVATE qx::build_flags ${A_PRIVATE})
 endfunction()
 
+# qx_batches(TARGET): compiles the files of a target in batches, when the preset asks for it. Files of a target then
+# share their anonymous namespace: a name stands once in all of them.
+function(qx_batches TARGET)
+  if(QX_BATCH)
+    set_target_properties(${TARGET} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE ${QX_BATCH})
+  endif()
+endfunction()
+
 # qx_test(NAME LABEL unit|service|slow [TIMEOUT seconds] SOURCES... LINK targets...): one test program; each of its tests
 # has five minutes unless told otherwise.
 function(qx_test NAME)
@@ -57,5 +65,16 @@ function(qx_test NAME)
   endif()
   add_executable(${NAME} ${A_SOURCES})
   target_link_libraries(${NAME} PRIVATE ${A_LINK} qx::test_paths GTest::gmock GTest::gtest_main qx::build_flags)
-  gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS ${A_LABEL} TIMEOUT ${A_TIMEOUT})
+  target_compile_options(${NAME} PRIVATE ${QX_TEST_FLAGS})
+  qx_batches(${NAME})
+  if(QX_SANITIZE MATCHES address)
+    # Each test is a process, and what the sanitizers keep of every check is relocated at each start of one.
+    target_link_options(${NAME} PRIVATE -no-pie)
+  endif()
+  set(cost 0)
+  if(A_LABEL STREQUAL service)
+    set(cost 10)  # they wait for the clock: started first, while the others use the processors
+  endif()
+  gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST
+    PROPERTIES LABELS ${A_LABEL} TIMEOUT ${A_TIMEOUT} COST ${cost})
 endfunction()
