@@ -26,7 +26,6 @@ scripts/install-deps.sh "${extra[@]}"
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_stack_use_after_return=1:strict_string_checks=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
-export TSAN_OPTIONS=${TSAN_OPTIONS:-second_deadlock_stack=1}
 
 labels=(-L 'unit|service')
 [ "$all" = yes ] && labels=()
