@@ -60,6 +60,7 @@ class Statement {
   Statement& operator=(const Statement&) = delete;
   ~Statement();
 
+  // Asks Operation::kReadFile: the tables are looked up.
   [[nodiscard]] ErrorCode Prepare(Database& database, const char* sql);
 
   // Values of the next run, in any order; one that isn't given is null.

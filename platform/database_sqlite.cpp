@@ -101,6 +101,7 @@ Statement::~Statement() {
 
 ErrorCode Statement::Prepare(Database& database, const char* sql) {
   sqlite3_finalize(std::exchange(m_handle, nullptr));
+  if (const ErrorCode fault = FaultAt(Operation::kReadFile, sql); fault != ERROR_SUCCESS) return fault;
   if (database.m_handle == nullptr) return ERROR_INVALID_HANDLE;
   return CodeFrom(sqlite3_prepare_v2(database.m_handle, sql, -1, &m_handle, nullptr));
 }

@@ -101,6 +101,7 @@ ErrorCode MachineName(std::u16string& out) {
 }
 
 ErrorCode ProgramFilePath(std::u16string& out) {
+  if (const ErrorCode rc = FaultAt(Operation::kReadFile, "/proc/self/exe"); rc != ERROR_SUCCESS) return rc;
   std::string path(256, '\0');
   for (;; path.resize(path.size() * 2)) {
     const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());

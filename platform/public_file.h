@@ -12,7 +12,7 @@ namespace platform {
 
 // As ReplaceWholeFile() without syncing, but a new file can be read by everybody (mode 0644); one that is there keeps
 // its mode.
-//   returns  as ReplaceWholeFile(); a new file may be there when its mode couldn't be set
+//   returns  as ReplaceWholeFile(); there is no new file when its mode couldn't be set
 [[nodiscard]] ErrorCode ReplacePublicFile(const std::string& name, std::string_view contents);
 
 }  // namespace platform

@@ -25,16 +25,19 @@ constexpr std::size_t kCopyBufferSize = 65536;
 
 class Descriptor {
  public:
-  Descriptor(const std::string& path, int flags) : m_fd(::open(path.c_str(), flags | O_CLOEXEC, 0600)) {}
+  Descriptor(const std::string& path, int flags)
+      : m_fd(::open(path.c_str(), flags | O_CLOEXEC, 0600)), m_isMissing(m_fd < 0 && errno == ENOENT) {}
   ~Descriptor() {
     if (m_fd >= 0) ::close(m_fd);
   }
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
   [[nodiscard]] int Get() const { return m_fd; }
+  [[nodiscard]] bool IsMissing() const { return m_isMissing; }
 
  private:
   int m_fd;
+  bool m_isMissing;
 };
 
 // Up to `size` bytes, fewer only at the end of the file; -1 on failure.
@@ -54,7 +57,7 @@ ssize_t ReadBlock(int fd, unsigned char* buffer, std::size_t size) {
 bool AreEqualFiles(const std::string& left, const std::string& right) {
   const Descriptor a(left, O_RDONLY);
   const Descriptor b(right, O_RDONLY);
-  if (a.Get() < 0 || b.Get() < 0) return a.Get() < 0 && b.Get() < 0;
+  if (a.Get() < 0 || b.Get() < 0) return a.IsMissing() && b.IsMissing();
   Bytes bytesA(kCopyBufferSize);
   Bytes bytesB(kCopyBufferSize);
   for (;;) {
@@ -73,11 +76,14 @@ ErrorCode CopyFileTo(const std::string& from, const std::string& to) {
   const Descriptor out(to, O_WRONLY | O_CREAT | O_EXCL);
   if (out.Get() < 0) return ErrorCodeFromErrno(errno);
   Bytes bytes(kCopyBufferSize);
-  const auto fail = [&] {
-    const ErrorCode code = ErrorCodeFromErrno(errno);
+  const auto drop = [&](ErrorCode code) {
     ::unlink(to.c_str());
     return code;
   };
+  const auto fail = [&] { return drop(ErrorCodeFromErrno(errno)); };
+  for (const Operation operation : {Operation::kReadFile, Operation::kWriteFile, Operation::kSyncFile}) {
+    if (const ErrorCode code = FaultAt(operation, to); code != ERROR_SUCCESS) return drop(code);
+  }
   for (;;) {
     const ssize_t got = ReadBlock(in.Get(), bytes.data(), bytes.size());
     if (got < 0) return fail();

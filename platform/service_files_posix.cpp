@@ -181,10 +181,12 @@ ErrorCode WriteFile(const std::string& name, const std::string& contents) {
   std::string present;
   if (ReadWholeFile(name, present) == ERROR_SUCCESS && present == contents) return ERROR_SUCCESS;
   if (const ErrorCode rc = ReplaceWholeFile(name, contents, Durable::kNo); rc != ERROR_SUCCESS) return rc;
+  if (const ErrorCode rc = FaultAt(Operation::kWriteFile, name); rc != ERROR_SUCCESS) return rc;
   return chmod(name.c_str(), kFileMode) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
 }
 
 ErrorCode WriteLink(const std::string& name, const std::string& target) {
+  if (const ErrorCode rc = FaultAt(Operation::kCreateFile, name); rc != ERROR_SUCCESS) return rc;
   if (symlink(target.c_str(), name.c_str()) == 0 || errno == EEXIST) return ERROR_SUCCESS;
   return ErrorCodeFromErrno(errno);
 }
