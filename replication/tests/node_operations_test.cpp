@@ -7,6 +7,7 @@
 #include "platform/event_log.h"
 #include "platform/service_record.h"
 #include "replication/node_channel.h"
+#include "replication/tests/noting_service.h"
 #include "replication/tests/replication_fixture.h"
 #include "replication/tests/wire_tap.h"
 #include "service/service_registration.h"
@@ -72,46 +73,7 @@ class NodeOperations : public testing::ReplicationFixture {
     return Run(which, names, static_cast<std::uint32_t>(names.size()));
   }
 
-  // The object's own methods: what they are asked and what they answer.
-  class Self : public ISchedulerService {
-   public:
-    Status CreateSchedule(const SCHEDULE_OBJECT&, ScheduleGuid& id) override {
-      id = platform::GuidConstant(u"{11111111-2222-3333-4444-555555555555}");
-      return Note("create");
-    }
-    Status DeleteSchedule(const ScheduleGuid&) override { return Note("delete"); }
-    Status ModifySchedule(const ScheduleGuid&, const SCHEDULE_OBJECT&) override { return Note("modify"); }
-    Status ListSchedule(std::uint32_t&, ScheduleList&) override { return 0; }
-    Status GetScheduleInfo(const ScheduleGuid&, ScheduleInfo&) override { return 0; }
-    Status CreateScheduleOnNodes(const SCHEDULE_OBJECT&, ScheduleGuid&, std::uint32_t, const NodeNames&,
-                                 NodeResults&) override {
-      return 0;
-    }
-    Status DeleteScheduleOnNodes(const ScheduleGuid&, std::uint32_t, const NodeNames&, NodeResults&) override {
-      return 0;
-    }
-    Status ModifyScheduleOnNodes(const ScheduleGuid&, const SCHEDULE_OBJECT&, std::uint32_t, const NodeNames&,
-                                 NodeResults&) override {
-      return 0;
-    }
-    Status Refresh() override { return 0; }
-    Status Notify_NextTimeWindow_Modify(const ScheduleGuid&, std::int32_t) override { return 0; }
-    Status Notify_SystemTime_Change(std::int32_t, const std::vector<std::u16string>&,
-                                    const std::vector<std::int32_t>&) override {
-      return 0;
-    }
-    Status UpdateList(std::int32_t, const BSTR&, std::uint32_t&, std::vector<std::u16string>&) override { return 0; }
-    Status PerformOperationOnNodes(const BSTR&, std::uint32_t, const NodeNames&, NodeResults&) override { return 0; }
-
-    Status Note(const char* what) {
-      calls.push_back(what);
-      return answer;
-    }
-    std::vector<std::string> calls;
-    Status answer = 0;
-  };
-
-  Self m_self;
+  testing::NotingService m_self;
   CNodeOperations m_operations{testing::OwnKeys()};
   ScheduleGuid m_id = platform::GuidConstant(u"{11111111-2222-3333-4444-555555555555}");
   NodeResults m_results;
