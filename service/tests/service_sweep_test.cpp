@@ -1,4 +1,5 @@
 // Every platform call of the service's own operations fails: what changes no schedule, registration, start and stop.
+#include "platform/service_record.h"
 #include "service/list_info.h"
 #include "service/run_command.h"
 #include "service/run_thread.h"
@@ -261,6 +262,42 @@ TEST_F(ServiceSweep, AStartGoesOnWithWhatDidStartAndTheNextOneIsWhole) {
           },
       .isOwn = [self](Operation) { return std::this_thread::get_id() == self; },
       .explain = [&] { return "log:\n" + LogText(); },
+  });
+}
+
+TEST_F(ServiceSweep, ARegistrationIsWholeOrItsFailureIsToldAndNoScheduleIsTouched) {
+  const StoredState before = m_before;
+  platform::ErrorCode rc = 0;
+  std::string told;
+  const auto carry = [&](const std::function<platform::ErrorCode()>& operation) {
+    ::testing::internal::CaptureStderr();
+    rc = operation();
+    told = ::testing::internal::GetCapturedStderr();
+  };
+  const auto judge = [&](const Fault* fault, const std::function<platform::ErrorCode()>& again) {
+    EXPECT_EQ(rc != platform::ERROR_SUCCESS, !told.empty());
+    EXPECT_TRUE(rc == platform::ERROR_SUCCESS || fault != nullptr);
+    EXPECT_TRUE(ReadStoredState(m_folder) == before);
+    EXPECT_EQ(again(), platform::ERROR_SUCCESS);
+    std::u16string account;
+    EXPECT_EQ(platform::QueryServiceAccount(kServiceName, account) == platform::ERROR_SUCCESS, m_registers);
+  };
+  m_registers = true;
+  platform::RunSweep({
+      .name = "register as a service",
+      .prepare = [&] { Reset(false); },
+      .operation = [&] { carry([] { return RegisterServer(true); }); },
+      .judge = [&](const Fault* fault) { judge(fault, [] { return RegisterServer(true); }); },
+  });
+  if (HasFailure()) return;
+  ASSERT_EQ(RegisterServer(true), platform::ERROR_SUCCESS);
+  KeepStores();
+  m_registers = false;
+  platform::RunSweep({
+      .name = "unregister",
+      .prepare = [&] { Reset(false); },
+      .operation = [&] { carry([] { return UnregisterServer(); }); },
+      .judge = [&](const Fault* fault) { judge(fault, [] { return UnregisterServer(); }); },
   });
 }
 

@@ -130,6 +130,7 @@ class ServiceSweep : public ServiceFixture {
   StoredState m_before;
   std::map<ScheduleGuid, SCHEDULE_OBJECT> m_records;
   std::string m_keep;
+  bool m_registers = false;  // whether the service is to be registered behind a run
 };
 
 }  // namespace qx::testing
