@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <optional>
 
+#include "client/cli_record.h"
 #include "client/history_store.h"
 #include "client/tests/online_fixture.h"
 #include "platform/testing/fault_sweep.h"
@@ -265,5 +266,79 @@ TEST_P(CliFaultSweep, NothingIsHalfDoneAndTheCauseIsTold) {
 
 INSTANTIATE_TEST_SUITE_P(Commands, CliFaultSweep, ::testing::ValuesIn(kCommands),
                          [](const auto& instance) { return instance.param.name; });
+
+class RecordSweep : public CliOnline {};
+
+TEST_F(RecordSweep, AnEntryIsKeptWholeOrTheFailureIsTold) {
+  platform::SetStateDirectory(m_directory);
+  service.whenQuiet = [] { return true; };
+  const ScheduleGuid id = Id(0xAAAA1111);
+  Result result;
+  const auto record = [&] {
+    std::istringstream in;
+    std::ostringstream out, err;
+    qx::CliContext context{in, out, err, {}};
+    qx::RecordArguments arguments;
+    arguments.file = Path("history.db");
+    arguments.metrics = Path("metrics.prom");
+    int turn = 0;
+    arguments.stop = [&] {
+      if (++turn == 2) {
+        service.schedules[id].lNextTimeWindow = kTonight + 86400;
+        service.Tell([id](ISchedulerServiceEvents& sink) { sink.NextTimeWindow_Modify(id, kTonight + 86400); });
+      }
+      return turn >= 5;
+    };
+    const int exit = qx::RunRecord(context, settings, arguments);
+    result = {exit, out.str(), err.str()};
+  };
+  const auto entries = [&](std::vector<qx::HistoryEntry>& found) {
+    qx::HistoryStore store;
+    const platform::ErrorCode code = store.OpenForReading(Path("history.db"));
+    return code == platform::ERROR_SUCCESS ? store.Entries({}, found) : code;
+  };
+  std::vector<qx::HistoryEntry> done;
+  (void)platform::RunSweep({
+      .name = "qxsched record: a launch, and counts",
+      .prepare =
+          [&] {
+            for (const auto& entry : std::filesystem::directory_iterator(m_directory)) {
+              std::filesystem::remove_all(entry);
+            }
+            service.schedules.clear();
+            service.events.clear();
+            Have(id, u"daily", kTonight);
+          },
+      .operation = record,
+      .judge =
+          [&](const platform::SweptFault* fault) {
+            std::vector<qx::HistoryEntry> found;
+            const platform::ErrorCode code = entries(found);
+            if (fault == nullptr) {
+              ASSERT_EQ(result.exit, 0) << result.err;
+              ASSERT_EQ(code, platform::ERROR_SUCCESS);
+              done = found;
+              EXPECT_GE(done.size(), 3u);
+            } else if (result.exit != 0) {
+              EXPECT_NE(result.err, "");
+              for (const qx::HistoryEntry& entry : found) EXPECT_THAT(done, testing::Contains(entry));
+            } else {
+              EXPECT_EQ(code, platform::ERROR_SUCCESS);
+              EXPECT_TRUE(found == done || result.err != "") << "lost unheard";
+            }
+            // The next one records.
+            record();
+            EXPECT_EQ(result.exit, 0) << result.err;
+            EXPECT_EQ(entries(found = {}), platform::ERROR_SUCCESS);
+            EXPECT_GE(found.size(), 2u);
+          },
+      .isOwn =
+          [](Operation operation) {
+            return operation != Operation::kArrayCreate && operation != Operation::kArrayAccessData &&
+                   operation != Operation::kArrayUnaccessData && operation != Operation::kArrayDestroy;
+          },
+      .explain = [&] { return "exit " + std::to_string(result.exit) + "\nout: " + result.out + "\nerr: " + result.err; },
+  });
+}
 
 }  // namespace
