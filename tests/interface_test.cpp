@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <ostream>
 
 #include "client/scheduler_client.h"
 #include "foundation/include/zfclog.h"
@@ -107,6 +108,9 @@ struct HostKind {
   const char* name;
   std::unique_ptr<Host> (*make)();
 };
+void PrintTo(const HostKind& kind, std::ostream* out) {
+  *out << kind.name;
+}
 
 class Interface : public testing::TestWithParam<HostKind> {
  protected:
@@ -182,6 +186,50 @@ TEST_P(Interface, AScheduleIsReadBackAsItWasGiven) {
   EXPECT_EQ(back.bRunNow, 0u);
 }
 
+TEST_P(Interface, WhatOnlyLeavesTheServiceIsNotTakenFromAClient) {
+  SCHEDULE_OBJECT given = Daily();
+  given.lNextTimeWindow = 1;
+  const ScheduleGuid id = Create(given);
+  EXPECT_EQ(Get(id).lNextTimeWindow, given.stScheduleRules.lStartTime);
+  EXPECT_EQ(Service().ModifySchedule(id, given), kStatusOk);
+  EXPECT_EQ(Get(id).lNextTimeWindow, given.stScheduleRules.lStartTime);
+}
+
+TEST_P(Interface, AnElementOfADayListOtherThanZeroNamesItsDay) {
+  SCHEDULE_OBJECT given = Daily();
+  given.stScheduleRules.bRepeatInterval = 0;
+  given.stScheduleRules.adwDaysOfMonth[0] = -1;
+  given.stScheduleRules.adwDaysOfMonth[31] = 2;
+  given.stScheduleRules.dwDaysOfWeek0[6] = 0x80000000;
+  given.stScheduleRules.dwDaysOfWeek4[0] = 256;
+  const SCHEDULE_OBJECT back = Get(Create(given));
+  SCHEDULE_RULE expected;
+  expected.adwDaysOfMonth[0] = expected.adwDaysOfMonth[31] = 1;
+  expected.dwDaysOfWeek0[6] = expected.dwDaysOfWeek4[0] = 1;
+  EXPECT_EQ(back.stScheduleRules.adwDaysOfMonth, expected.adwDaysOfMonth);
+  EXPECT_EQ(back.stScheduleRules.dwDaysOfWeek0, expected.dwDaysOfWeek0);
+  EXPECT_EQ(back.stScheduleRules.dwDaysOfWeek4, expected.dwDaysOfWeek4);
+}
+
+TEST_P(Interface, ADateListEndsAtItsFirstZero) {
+  SCHEDULE_OBJECT given = Daily();
+  const std::int32_t day = 86400;
+  given.stScheduleRules.alIncludeDates = {given.stScheduleRules.lStartTime + 40 * day, 0,
+                                          given.stScheduleRules.lStartTime + 41 * day};
+  const auto back = Get(Create(given)).stScheduleRules.alIncludeDates;
+  EXPECT_NE(back[0], 0);
+  EXPECT_EQ(back[1], 0);
+}
+
+TEST_P(Interface, AnIncludedDateAmongTheExcludedOnesIsTaken) {
+  SCHEDULE_OBJECT given = Daily();
+  given.stScheduleRules.alIncludeDates[0] = given.stScheduleRules.alExcludeDates[0] =
+      given.stScheduleRules.lStartTime + 40 * 86400;
+  const SCHEDULE_OBJECT back = Get(Create(given));
+  EXPECT_NE(back.stScheduleRules.alIncludeDates[0], 0);
+  EXPECT_EQ(back.stScheduleRules.alIncludeDates[0], back.stScheduleRules.alExcludeDates[0]);
+}
+
 TEST_P(Interface, AListOfNoSchedulesIsEmptyAndTheArrayStays) {
   std::uint32_t count = 7;
   ScheduleList list;
@@ -230,6 +278,11 @@ TEST_P(Interface, ARefusedScheduleHasItsStatusAndLeavesNothingBehind) {
       {__LINE__, kStatusNoDirectory, [](SCHEDULE_OBJECT& s) { s.bstrXMLFilePathName = u"/nonexistent/job.xml"; }},
       {__LINE__, kStatusNoDirectory, [](SCHEDULE_OBJECT& s) { s.bstrXMLFilePathName.reset(); }},
       {__LINE__, kStatusNoRunDay, [](SCHEDULE_OBJECT& s) { s.stScheduleRules.bRepeatInterval = 0; }},
+      {__LINE__, kStatusNoRunDay,
+       [](SCHEDULE_OBJECT& s) {
+         s.stScheduleRules.bRepeatInterval = 0;
+         s.stScheduleRules.bLastDayOfMonth = 1;  // not read
+       }},
       {__LINE__, kStatusRestartTooLong,
        [](SCHEDULE_OBJECT& s) {
          s.stScheduleRules.bRestartInterval = 1;
@@ -269,18 +322,28 @@ TEST_P(Interface, AModificationIsReadBackAndTold) {
 }
 
 TEST_P(Interface, AModificationOfAFixedValueIsTakenBackWithoutAWord) {
+  const std::function<void(SCHEDULE_OBJECT&)> changes[] = {
+      [](SCHEDULE_OBJECT& s) { s.bstrApplication = u"other"; },
+      [](SCHEDULE_OBJECT& s) { s.bstrObjectID = u"vol-18"; },
+      [](SCHEDULE_OBJECT& s) { s.dwTaskOpCode = 5; },
+  };
   const auto log = std::make_shared<EventLog>();
   std::uint32_t cookie = 0;
   const ScheduleGuid id = Create(Daily());
   ASSERT_EQ(m_host->Advise(log, cookie), kStatusOk);
-  SCHEDULE_OBJECT changed = Daily();
-  changed.bstrApplication = u"other";
-  changed.bstrParameters = u"-w";
-  EXPECT_EQ(Service().ModifySchedule(id, changed), kStatusOk);
-  m_host->Settle();
-  EXPECT_THAT(Names(*log), IsEmpty());
-  EXPECT_EQ(Get(id).bstrApplication, u"snapshot");
-  EXPECT_EQ(Get(id).bstrParameters, Daily().bstrParameters);
+  for (const auto& change : changes) {
+    SCHEDULE_OBJECT changed = Daily();
+    change(changed);
+    changed.bstrParameters = u"-w";
+    EXPECT_EQ(Service().ModifySchedule(id, changed), kStatusOk);
+    m_host->Settle();
+    EXPECT_THAT(Names(*log), IsEmpty());
+    const SCHEDULE_OBJECT back = Get(id);
+    EXPECT_EQ(back.bstrApplication, u"snapshot");
+    EXPECT_EQ(back.bstrObjectID, u"vol-17");
+    EXPECT_EQ(back.dwTaskOpCode, 4u);
+    EXPECT_EQ(back.bstrParameters, Daily().bstrParameters);
+  }
 }
 
 TEST_P(Interface, ARefusedModificationHasItsStatus) {

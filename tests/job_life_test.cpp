@@ -68,6 +68,9 @@ struct EndCase {
   int signal;
   int exitCode;
 };
+void PrintTo(const EndCase& end, std::ostream* out) {
+  *out << end.name;
+}
 class JobAtTheEnd : public JobLife, public ::testing::WithParamInterface<EndCase> {};
 
 TEST_P(JobAtTheEnd, AJobOutlivesTheServiceThatStartedIt) {

@@ -27,6 +27,9 @@ inline std::string NameOf(Change change) {
   static constexpr const char* kNames[] = {"create", "modify", "move", "delete"};
   return kNames[static_cast<int>(change)];
 }
+inline void PrintTo(Change change, std::ostream* out) {
+  *out << NameOf(change);
+}
 
 // What a change left of the schedule in question.
 enum class Outcome { kOld, kNew, kNewKeyOldRules };

@@ -28,6 +28,13 @@ inline constexpr std::uint16_t kClusterPort = 4888;
 // How the nodes prove their accounts to each other: by the secret of a credentials file, or by the tickets of a realm.
 enum class Mechanism { kNtlm, kKerberos };
 
+inline std::string NameOf(Mechanism mechanism) {
+  return mechanism == Mechanism::kNtlm ? "Ntlm" : "Kerberos";
+}
+inline void PrintTo(Mechanism mechanism, std::ostream* out) {
+  *out << NameOf(mechanism);
+}
+
 class NodeCluster {
  public:
   // Why this host can't have one; empty when it can.
@@ -311,6 +318,6 @@ class ClusterTest : public ::testing::TestWithParam<Mechanism> {
 #define QX_BY_EACH_MECHANISM(suite)                                                                   \
   INSTANTIATE_TEST_SUITE_P(                                                                           \
       By, suite, ::testing::Values(qx::testing::Mechanism::kNtlm, qx::testing::Mechanism::kKerberos), \
-      [](const auto& made) { return made.param == qx::testing::Mechanism::kNtlm ? "Ntlm" : "Kerberos"; })
+      [](const auto& made) { return NameOf(made.param); })
 
 }  // namespace qx::testing
