@@ -30,12 +30,12 @@ inline constexpr Status kStatusNoSink = 0x80040202;
 
 // What the service says about itself.
 struct ServiceProperties {
-  std::string version;
-  std::string zone;  // a TZ text
-  std::uint16_t port = 0;
-  std::uint32_t traceLevel = 0;
+  std::string version;           // of the program, as "0.1.0"
+  std::string zone;              // a TZ text
+  std::uint16_t port = 0;        // where other nodes connect; 0: it isn't open
+  std::uint32_t traceLevel = 0;  // 0 to 6: the greatest level of the service log
   std::int64_t nextWakeUp = -1;  // seconds since 1970; -1: nothing to wait for
-  std::string stateDirectory;
+  std::string stateDirectory;    // on the service's host
 };
 
 class SchedulerClient : public ISchedulerService {  // a connection to the service
@@ -81,8 +81,8 @@ class SchedulerClient : public ISchedulerService {  // a connection to the servi
   // --- events ---
 
   // Puts a sink into the first empty slot; slots are told of an event in their order. The array of slots grows by
-  // doubling, and an event reads its length once: a sink that is put into one of the slots behind, from within an event,
-  // hears of that event still. The first sink subscribes at the service. What a sink throws stays with it.
+  // doubling, and an event reads its length once: a sink that is put into one of the slots behind, from within an
+  // event, hears of that event still. The first sink subscribes at the service. What a sink throws stays with it.
   //   cookie   names the sink in Unadvise(): never 0, never given twice; untouched on failure
   //   returns  0; kStatusNoSink for null; 0x8007xxxx: not subscribed
   Status Advise(Sink sink, std::uint32_t& cookie);

@@ -14,20 +14,20 @@
 
 // The tags. Signed and unsigned twins share a width.
 using ZepTag = std::uint16_t;
-inline constexpr ZepTag kTagDate = 2;         // 64-bit seconds
-inline constexpr ZepTag kTagTime = 3;         // 64-bit seconds
-inline constexpr ZepTag kTagTimeSpan = 4;     // 32-bit unsigned, whole seconds
+inline constexpr ZepTag kTagDate = 2;      // 64-bit seconds
+inline constexpr ZepTag kTagTime = 3;      // 64-bit seconds
+inline constexpr ZepTag kTagTimeSpan = 4;  // 32-bit unsigned, whole seconds
 inline constexpr ZepTag kTagInt8 = 6;
 inline constexpr ZepTag kTagUInt8 = 7;
-inline constexpr ZepTag kTagBool = 8;         // one byte, true is 1
+inline constexpr ZepTag kTagBool = 8;  // one byte, true is 1
 inline constexpr ZepTag kTagInt16 = 9;
 inline constexpr ZepTag kTagUInt16 = 10;
 inline constexpr ZepTag kTagInt32 = 11;
 inline constexpr ZepTag kTagUInt32 = 12;
 inline constexpr ZepTag kTagInt32Twin = 13;
 inline constexpr ZepTag kTagUInt32Twin = 14;
-inline constexpr ZepTag kTagText = 15;        // owned NUL-terminated narrow text
-inline constexpr ZepTag kTagDateArray = 18;   // owned array of 64-bit seconds
+inline constexpr ZepTag kTagText = 15;       // owned NUL-terminated narrow text
+inline constexpr ZepTag kTagDateArray = 18;  // owned array of 64-bit seconds
 inline constexpr ZepTag kTagBits32 = 22;
 inline constexpr ZepTag kTagInt16Array = 25;  // owned array of 16-bit integers
 inline constexpr ZepTag kTagStringMap = 31;   // owned array: narrow strings end to end, key, value, key, value
@@ -55,22 +55,22 @@ struct PropertyValue {  // a value of a property bag, with its type
   PropertyValue& operator=(const PropertyValue&) = delete;
   ~PropertyValue() { Clear(); }
 
-  [[nodiscard]] ZepTag Tag() const { return m_tag; }
+  [[nodiscard]] ZepTag Tag() const { return m_tag; }  // kTag...; 0 for a new value
   // Empties the slot and changes the tag.
   void Reset(ZepTag tag);
 
   // The slot of a number tag, cut to the width that is asked for.
   [[nodiscard]] std::int64_t Wide() const { return m_number; }
-  [[nodiscard]] std::int32_t Int32() const { return static_cast<std::int32_t>(m_number); }
-  [[nodiscard]] std::uint32_t UInt32() const { return static_cast<std::uint32_t>(m_number); }
-  [[nodiscard]] std::int16_t Int16() const { return static_cast<std::int16_t>(m_number); }
-  [[nodiscard]] std::uint16_t UInt16() const { return static_cast<std::uint16_t>(m_number); }
-  [[nodiscard]] std::int8_t Int8() const { return static_cast<std::int8_t>(m_number); }
-  [[nodiscard]] std::uint8_t Byte() const { return static_cast<std::uint8_t>(m_number); }
-  void SetWide(std::int64_t number) { m_number = number; }
+  [[nodiscard]] std::int32_t Int32() const { return static_cast<std::int32_t>(m_number); }     // the low 32 bits
+  [[nodiscard]] std::uint32_t UInt32() const { return static_cast<std::uint32_t>(m_number); }  // the low 32 bits
+  [[nodiscard]] std::int16_t Int16() const { return static_cast<std::int16_t>(m_number); }     // the low 16 bits
+  [[nodiscard]] std::uint16_t UInt16() const { return static_cast<std::uint16_t>(m_number); }  // the low 16 bits
+  [[nodiscard]] std::int8_t Int8() const { return static_cast<std::int8_t>(m_number); }        // the low byte
+  [[nodiscard]] std::uint8_t Byte() const { return static_cast<std::uint8_t>(m_number); }      // the low byte
+  void SetWide(std::int64_t number) { m_number = number; }  // the whole slot; the tag stays
   // Only the low 32 bits, or the low byte, change.
   void SetLow32(std::uint32_t number);
-  void SetByte(std::uint8_t number);
+  void SetByte(std::uint8_t number);  // the tag stays
 
   // The text, null when there is none. Throws std::bad_alloc in the setter.
   [[nodiscard]] const char* Text() const { return m_text; }
@@ -81,17 +81,17 @@ struct PropertyValue {  // a value of a property bag, with its type
   [[nodiscard]] const PropertyArray* Array() const { return m_array; }
   // The elements of the array where its element size fits the type, else none.
   [[nodiscard]] std::span<const std::int64_t> Dates() const { return Elements<std::int64_t>(); }
-  [[nodiscard]] std::span<const std::int16_t> Int16s() const { return Elements<std::int16_t>(); }
-  [[nodiscard]] std::span<const std::uint8_t> Bytes() const { return Elements<std::uint8_t>(); }
+  [[nodiscard]] std::span<const std::int16_t> Int16s() const { return Elements<std::int16_t>(); }  // of kTagInt16Array
+  [[nodiscard]] std::span<const std::uint8_t> Bytes() const { return Elements<std::uint8_t>(); }   // of kTagCustom
   // The strings of a string map, in order.
   [[nodiscard]] std::vector<std::string> Strings() const;
 
   // Each makes a new array and sets the tag (kTagDateArray, kTagInt16Array, kTagCustom, kTagStringMap). Elements behind
   // the 65535th are left out; a string ends at its first NUL. Throws std::bad_alloc, with the value unchanged.
   void SetDates(std::span<const std::int64_t> dates);
-  void SetInt16s(std::span<const std::int16_t> numbers);
-  void SetBytes(std::span<const std::uint8_t> bytes);
-  void SetStrings(std::span<const std::string> strings);
+  void SetInt16s(std::span<const std::int16_t> numbers);  // kTagInt16Array
+  void SetBytes(std::span<const std::uint8_t> bytes);     // kTagCustom
+  void SetStrings(std::span<const std::string> strings);  // kTagStringMap: key, value, key, value
 
  private:
   template <class T>

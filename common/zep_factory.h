@@ -19,11 +19,12 @@
 
 // Names a library: file "libqx", name, version and suffix.
 struct LibraryTableEntry {
-  const char* name;
-  std::uint32_t version;
+  const char* name;  // of the library, as "ZepSchedule"
+  std::uint32_t version;  // a number in the file's name; from 0
   const char* suffix;  // may be null
 };
 
+// ZepClassFactory below, as a library is handed it.
 using ZepClassFactoryFunction = ZRESULT (*)(const ZepGuid& classId, zepIUnknown* outer, std::uint32_t context,
                                             const ZepGuid& interfaceId, void** out);
 
@@ -35,7 +36,7 @@ using ZepClassFactoryFunction = ZRESULT (*)(const ZepGuid& classId, zepIUnknown*
 //   returns          0; a negative result keeps the library from being used
 using ZepLibraryInitializeFunction = ZRESULT (*)(ZepClassFactoryFunction classFactory, std::uint32_t* version,
                                                  const LibraryTableEntry** dependents, std::uint32_t* dependentCount);
-using ZepLibraryDestroyFunction = void (*)();
+using ZepLibraryDestroyFunction = void (*)();  // called before the library is unloaded
 
 // Locks the factory for a scope.
 class QX_SCOPED_CAPABILITY CGateKeeper {
@@ -61,24 +62,24 @@ class zepFactory {
   };
 
   zepFactory() = default;
-  explicit zepFactory(PathRules rules) : m_rules(rules) {}
+  explicit zepFactory(PathRules rules) : m_rules(rules) {}  // for tests of other systems' lists
   ~zepFactory();
   zepFactory(const zepFactory&) = delete;
   zepFactory& operator=(const zepFactory&) = delete;
 
-  static zepFactory& Instance();
+  static zepFactory& Instance();  // the one of the process; made on the first call
 
   // The contracts of these two are those of the functions of the same names below.
   ZRESULT InitializeZEP(const char* searchPath, bool searchEnvPath, const LibraryTableEntry* table,
                         std::uint32_t libraryCount, std::uint32_t flag);
   ZRESULT ZepClassFactory(const ZepGuid& classId, zepIUnknown* outer, std::uint32_t context,
-                          const ZepGuid& interfaceId, void** out);
+                          const ZepGuid& interfaceId, void** out);  // as the function below
   // Gives up what InitializeZEP() loaded: a library whose last holder is gone has its own dependents released, is told
   // by its Destroy entry, and is unloaded. The factory may be initialised again.
   void Terminate();
 
-  [[nodiscard]] bool IsInitialized();
-  [[nodiscard]] std::uint32_t Flag();
+  [[nodiscard]] bool IsInitialized();  // by InitializeZEP(), and not terminated since
+  [[nodiscard]] std::uint32_t Flag();  // as InitializeZEP() was given it
   // The directories in order, in the system code page, with "\\" as separator.
   [[nodiscard]] std::vector<std::string> SearchDirectories();
   // Holders of a loaded library; 0 when it isn't loaded.

@@ -1,4 +1,4 @@
-// Helpers of the rule tests: a schedule object in a fixed zone under a fixed present, local times as text.
+// common/tests/schedule_fixture.h: for tests of the rules: a schedule object, a fixed zone and present, times as text.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -76,7 +76,7 @@ hidden { print ""; if (/^\};/) hidden = 0; next }
   label = code ~ /^[ \t]*(public|private|protected):/
   if (label || depth + opens - closes < shared_depth || code ~ /^#/) shared = ""
   own = ""
-  if (comment > 0 && code ~ /^[ \t]*(class|struct|enum) .*\{$/) {  # what the type is
+  if (comment > 0 && code ~ /^[ \t]*((class|struct|enum) .*\{|enum .*\};)$/) {  # what the type is
     line = "/** " escaped(substr(line, comment + 3)) " */ " substr(line, 1, comment - 1)
   } else if (comment > 0 && code !~ /^[ \t]*\}/ && code !~ /^#/ && code !~ /^[ \t]*$/ && code !~ /\{$/) {
     own = substr(line, comment + 3)

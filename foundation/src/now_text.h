@@ -1,4 +1,4 @@
-// foundation/src/now_text.h: the present local time as both logs show it.
+// foundation/src/now_text.h: the present local time as both logs show it. Threads: any.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// foundation/src/path_text.h: reading the texts of path classes off streams.
+// foundation/src/path_text.h: reading the texts of path classes off streams. Threads: the stream's.
 #pragma once
 
 #include <istream>

@@ -1,4 +1,4 @@
-// foundation/src/registry_path.h: keys and values behind paths, for CRegistry and CConfigInfo.
+// foundation/src/registry_path.h: keys and values behind paths, for CRegistry and CConfigInfo. Threads: any.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// foundation/src/stream_token.h: taking one word off a stream, without the stream's locale.
+// foundation/src/stream_token.h: taking one word off a stream, without the stream's locale. Threads: the stream's.
 #pragma once
 
 #include <istream>

@@ -1,4 +1,4 @@
-// Many connections to one port at once, that say one byte and fall silent.
+// replication/tests/connection_crowd.h: many connections to one port at once: one byte each, then silence.
 //
 // The queue of a listening port is short: of a crowd the host drops many halfway, and the caller takes them for
 // connections. Their byte isn't taken, which tells them; they are begun anew.

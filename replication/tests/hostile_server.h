@@ -1,4 +1,4 @@
-// A node that listens and knows the protocol, and leaves it at one point.
+// replication/tests/hostile_server.h: a node that listens, knows the protocol and leaves it at one point.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// A node without a program: the service's fixture, a credentials file, the security package, a listener on a port of
-// the host's choice. Every address of the loopback network is this node: 127.0.0.2 is a peer as good as any.
+// replication/tests/replication_fixture.h: a node without a program: store, secret, security package and a listener on
+// a port of the host's choice. Every loopback address is this node: 127.0.0.2 is a peer as good as any.
 #pragma once
 
 #include <gmock/gmock.h>

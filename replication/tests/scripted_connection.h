@@ -1,4 +1,4 @@
-// A connection without a host: what it gives is written beforehand, what it takes is kept.
+// replication/tests/scripted_connection.h: a connection without a host: what it gives was written beforehand.
 #pragma once
 
 #include <algorithm>

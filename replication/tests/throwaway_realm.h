@@ -1,4 +1,4 @@
-// A Kerberos realm of a test's own, QX.TEST: its key distribution centre, the services' principal and two keytabs.
+// replication/tests/throwaway_realm.h: a Kerberos realm of a test's own, QX.TEST, with principal and keytabs.
 #pragma once
 
 #include <gtest/gtest.h>

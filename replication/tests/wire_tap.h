@@ -1,4 +1,4 @@
-// A relay between an initiator and a listener that keeps what crosses, message by message.
+// replication/tests/wire_tap.h: a relay between initiator and listener that keeps what crosses, by message.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Modifications: what stores and list hold before and after.
+// service/tests/modify_fixture.h: modifications: what stores and list hold before and after.
 #pragma once
 
 #include <map>

@@ -1,5 +1,5 @@
-// A service without a host: a fresh state directory with its store and keys, a clock that stands, a zone, the service's
-// object in an apartment that the test turns.
+// service/tests/service_fixture.h: a service without a host: a fresh state directory with its store and keys, a clock
+// that stands, a zone, the service's object in an apartment that the test turns.
 #pragma once
 
 #include <gmock/gmock.h>

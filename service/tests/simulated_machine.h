@@ -1,6 +1,6 @@
-// A service on a machine whose time passes by a script: the real loop, the real comparison of clocks and the real store
-// run under a clock that is set, zones that change and jobs that are only counted. At the end of each stretch of
-// undisturbed time the launches are compared with the windows that plain calendar reckoning gives.
+// service/tests/simulated_machine.h: a service on a machine whose time passes by a script: the real loop, comparison of
+// clocks and store run under a clock that is set, zones that change and jobs that are only counted. At the end of each
+// stretch of undisturbed time the launches are compared with the windows that plain calendar reckoning gives.
 #pragma once
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// What the stores hold of all schedules, byte by byte: for tests that compare before and after.
+// service/tests/stored_state.h: what the stores hold of all schedules, byte by byte, to be compared.
 #pragma once
 
 #include <filesystem>
