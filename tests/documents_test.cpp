@@ -101,8 +101,9 @@ class Shell {
     if (m_journal) words.insert(words.end(), {"unshare", "--mount"});
     words.insert(words.end(), {"/bin/bash", script});
     Child shell("/usr/bin/timeout", words, m_directory + "/shell", environment);
-    while (!shell.HasEnded()) usleep(20'000);
-    return shell.Wait() == 0;
+    int exit = -1;
+    while (exit == -1) exit = shell.Wait();  // whose patience is less than timeout's
+    return exit == 0;
   }
 
   [[nodiscard]] Ran Result(std::size_t number) const {

@@ -10,20 +10,13 @@
 #include <string>
 
 #include "client/tests/calendar_samples.h"
-#include "platform/testing/virtual_clock.h"
 
 namespace {
 
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr std::int64_t kPageNow = 1792584000;  // Wednesday 2026-10-21 14:00:00 +0200
-
-class CalendarPageTest : public testing::Test {
- protected:
-  platform::ScopedZone m_zone{"CET-1CEST,M3.5.0,M10.5.0/3"};
-  platform::VirtualClock m_clock{kPageNow};
-};
+class CalendarPageTest : public AtAFixedTime {};
 
 using PageDocument = std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)>;
 
@@ -73,14 +66,14 @@ std::string TipOf(const PageDocument& document, const std::string& label) {
 
 TEST_F(CalendarPageTest, IsWellFormedWhateverASchedulesNameIs) {
   for (const int month : {0, 2, 10, 12}) {
-    const std::string page = qx::CalendarPage(SampleCalendar({2026, month}, kPageNow, 3));
+    const std::string page = qx::CalendarPage(SampleCalendar({2026, month}, kSampleNow, 3));
     EXPECT_TRUE(ParsePage(page)) << month;
     EXPECT_FALSE(ParsePage(page + "<")) << "the check itself";
   }
 }
 
 TEST_F(CalendarPageTest, HasNoScriptAndNothingFromOutside) {
-  const std::string page = qx::CalendarPage(SampleCalendar({2026, 0}, kPageNow));
+  const std::string page = qx::CalendarPage(SampleCalendar({2026, 0}, kSampleNow));
   const PageDocument document = ParsePage(page);
   ASSERT_TRUE(document);
   std::size_t elements = 0;
@@ -107,7 +100,7 @@ TEST_F(CalendarPageTest, HasNoScriptAndNothingFromOutside) {
 }
 
 TEST_F(CalendarPageTest, ShowsTheTextOfAClientAsText) {
-  const PageDocument document = ParsePage(qx::CalendarPage(SampleCalendar({2026, 10}, kPageNow)));
+  const PageDocument document = ParsePage(qx::CalendarPage(SampleCalendar({2026, 10}, kSampleNow)));
   ASSERT_TRUE(document);
   EXPECT_THAT(
       TipOf(document, "Sunday, 25 October 2026"),
@@ -115,7 +108,7 @@ TEST_F(CalendarPageTest, ShowsTheTextOfAClientAsText) {
 }
 
 TEST_F(CalendarPageTest, ADayTellsItsWindowsAndWhyTheyAreThere) {
-  const PageDocument document = ParsePage(qx::CalendarPage(SampleCalendar({2026, 10}, kPageNow)));
+  const PageDocument document = ParsePage(qx::CalendarPage(SampleCalendar({2026, 10}, kSampleNow)));
   ASSERT_TRUE(document);
   const std::string wednesday = TipOf(document, "Wednesday, 14 October 2026");
   EXPECT_THAT(wednesday, HasSubstr("22:00–02:00 nightly backupevery wed · 1 restart"));
@@ -127,14 +120,14 @@ TEST_F(CalendarPageTest, ADayTellsItsWindowsAndWhyTheyAreThere) {
 }
 
 TEST_F(CalendarPageTest, ADayWithoutAnythingSaysSo) {
-  qx::CalendarBuilder builder({2026, 2}, kPageNow, 1);
+  qx::CalendarBuilder builder({2026, 2}, kSampleNow, 1);
   const PageDocument document = ParsePage(qx::CalendarPage(builder.Finish()));
   ASSERT_TRUE(document);
   EXPECT_THAT(TipOf(document, "Sunday, 1 February 2026"), HasSubstr("No rule names this day."));
 }
 
 TEST_F(CalendarPageTest, WhatADayDoesntShowIsCounted) {
-  const PageDocument document = ParsePage(qx::CalendarPage(SampleCalendar({2026, 10}, kPageNow, 2500, 12)));
+  const PageDocument document = ParsePage(qx::CalendarPage(SampleCalendar({2026, 10}, kSampleNow, 2500, 12)));
   ASSERT_TRUE(document);
   EXPECT_THAT(TipOf(document, "Friday, 30 October 2026"), HasSubstr("and 2,488 more excluded"));
   EXPECT_THAT(TipOf(document, "Sunday, 25 October 2026"), HasSubstr("and 2,488 more"));

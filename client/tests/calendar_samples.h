@@ -9,6 +9,16 @@
 
 #include "client/calendar.h"
 #include "client/cli_offline.h"
+#include "platform/testing/virtual_clock.h"
+
+// When the samples are looked at.
+inline constexpr std::int64_t kSampleNow = 1792584000;  // Wednesday 2026-10-21 14:00:00 +0200
+
+class AtAFixedTime : public testing::Test {
+ protected:
+  platform::ScopedZone m_zone{"CET-1CEST,M3.5.0,M10.5.0/3"};
+  platform::VirtualClock m_clock{kSampleNow};
+};
 
 // A name that would be markup, and more that a page must not take as it is.
 inline constexpr char kHostileName[] = "<script>alert('x')</script> & \"quarter\" \x1b[31m \xff r\xc3\xa9sum\xc3\xa9";

@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "client/tests/calendar_samples.h"
-#include "platform/testing/virtual_clock.h"
 #include "tests/test_paths.h"
 
 namespace {
@@ -17,13 +16,7 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr std::int64_t kTextNow = 1792584000;  // Wednesday 2026-10-21 14:00:00 +0200
-
-class CalendarTextTest : public testing::Test {
- protected:
-  platform::ScopedZone m_zone{"CET-1CEST,M3.5.0,M10.5.0/3"};
-  platform::VirtualClock m_clock{kTextNow};
-};
+class CalendarTextTest : public AtAFixedTime {};
 
 // Compares with a golden file; QX_REWRITE_GOLDEN=1 writes it anew.
 void ExpectGolden(const std::string& name, const std::string& text) {
@@ -52,7 +45,7 @@ std::size_t LongestLine(const std::string& text) {
 }
 
 TEST_F(CalendarTextTest, AMonthLooksAsItDoesAtEachWidthWithAndWithoutColour) {
-  const qx::Calendar calendar = SampleCalendar({2026, 10}, kTextNow);
+  const qx::Calendar calendar = SampleCalendar({2026, 10}, kSampleNow);
   for (const std::size_t columns : {40, 80, 120}) {
     for (const bool colour : {false, true}) {
       const std::string text = qx::CalendarText(calendar, {columns, colour, true});
@@ -62,7 +55,7 @@ TEST_F(CalendarTextTest, AMonthLooksAsItDoesAtEachWidthWithAndWithoutColour) {
 }
 
 TEST_F(CalendarTextTest, AYearLooksAsItDoesAtEachWidth) {
-  const qx::Calendar calendar = SampleCalendar({2026, 0}, kTextNow);
+  const qx::Calendar calendar = SampleCalendar({2026, 0}, kSampleNow);
   for (const std::size_t columns : {40, 80, 120}) {
     ExpectGolden("year-" + std::to_string(columns) + ".txt", qx::CalendarText(calendar, {columns, false, true}));
   }
@@ -70,7 +63,7 @@ TEST_F(CalendarTextTest, AYearLooksAsItDoesAtEachWidth) {
 
 TEST_F(CalendarTextTest, NoLineIsWiderThanTheTerminal) {
   for (const int month : {0, 2, 10}) {
-    const qx::Calendar calendar = SampleCalendar({2026, month}, kTextNow, 50);
+    const qx::Calendar calendar = SampleCalendar({2026, month}, kSampleNow, 50);
     for (std::size_t columns = 30; columns <= 160; ++columns) {
       for (const bool colour : {false, true}) {
         const std::string text = qx::CalendarText(calendar, {columns, colour, true});
@@ -81,12 +74,12 @@ TEST_F(CalendarTextTest, NoLineIsWiderThanTheTerminal) {
 }
 
 TEST_F(CalendarTextTest, TextOfAClientSendsNoControlCharacters) {
-  const std::string text = qx::CalendarText(SampleCalendar({2026, 10}, kTextNow), {120, false, true});
+  const std::string text = qx::CalendarText(SampleCalendar({2026, 10}, kSampleNow), {120, false, true});
   EXPECT_THAT(text, Not(HasSubstr("\033")));
 }
 
 TEST_F(CalendarTextTest, WithoutALegendOnlyTheDaysAndWhatIsSpecialAreWritten) {
-  const qx::Calendar calendar = SampleCalendar({2026, 10}, kTextNow);
+  const qx::Calendar calendar = SampleCalendar({2026, 10}, kSampleNow);
   const std::string text = qx::CalendarText(calendar, {80, false, false});
   EXPECT_THAT(text, Not(HasSubstr("October")));
   EXPECT_THAT(text, Not(HasSubstr("schedules,")));
@@ -94,7 +87,7 @@ TEST_F(CalendarTextTest, WithoutALegendOnlyTheDaysAndWhatIsSpecialAreWritten) {
 }
 
 TEST_F(CalendarTextTest, AnEmptyCalendarIsAMonthOfDays) {
-  qx::CalendarBuilder builder({2026, 2}, kTextNow, 1);
+  qx::CalendarBuilder builder({2026, 2}, kSampleNow, 1);
   EXPECT_EQ(qx::CalendarText(builder.Finish(), {28, false, false}),
             "Mon Tue Wed Thu Fri Sat Sun\n"
             "                         1\n\n"

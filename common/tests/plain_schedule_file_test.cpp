@@ -224,6 +224,12 @@ struct Change {
   const char* from;
   const char* to;
 };
+// Its first occurrence, which is there.
+std::string Changed(std::string text, const Change& change) {
+  const std::size_t at = text.find(change.from);
+  EXPECT_NE(at, std::string::npos) << change.from << text;
+  return at == std::string::npos ? text : text.replace(at, std::string_view(change.from).size(), change.to);
+}
 
 // Numbers in every notation that the form allows, put into a saved file.
 TEST_F(PlainScheduleFile, ReadsEachNumberAsTheBagDoes) {
@@ -242,10 +248,7 @@ TEST_F(PlainScheduleFile, ReadsEachNumberAsTheBagDoes) {
   };
   const std::string saved = Saved(Daily());
   for (const Change& c : changes) {
-    std::string bytes = saved;
-    const std::size_t at = bytes.find(c.from);
-    ASSERT_NE(at, std::string::npos) << c.from << bytes;
-    bytes.replace(at, std::string(c.from).size(), c.to);
+    const std::string bytes = Changed(saved, c);
     EXPECT_FALSE(FromTheBytes(bytes).empty()) << c.to;
     EXPECT_EQ(FromTheBytes(bytes), ThroughTheBag(bytes)) << c.to;
   }
@@ -279,10 +282,7 @@ TEST_F(PlainScheduleFile, LeavesEveryOtherFormAlone) {
   };
   const std::string saved = Saved(Daily());
   for (const Change& c : changes) {
-    std::string bytes = saved;
-    const std::size_t at = bytes.find(c.from);
-    ASSERT_NE(at, std::string::npos) << c.from << bytes;
-    bytes.replace(at, std::string(c.from).size(), c.to);
+    const std::string bytes = Changed(saved, c);
     EXPECT_EQ(FromTheBytes(bytes), "") << c.to;
   }
   for (std::size_t size = 0; size < saved.size(); ++size) EXPECT_EQ(FromTheBytes(saved.substr(0, size)), "") << size;

@@ -2,9 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cctype>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -13,12 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "foundation/include/zfcdbg.h"
-#include "foundation/tests/fixed_clock.h"
-#include "platform/clock.h"
-#include "platform/host.h"
-#include "platform/registry.h"
-#include "platform/text.h"
+#include "foundation/tests/trace_store.h"
 #include "tests/test_paths.h"
 
 namespace {
@@ -40,47 +32,15 @@ void ReplaceAll(std::string& text, const std::string& what, const std::string& b
   }
 }
 
-class TraceFiles : public testing::Test {
+class TraceFiles : public ZepFoundation::WithTraceStore {
  protected:
-  TraceFiles() {
-    char pattern[] = "/tmp/tracefilesXXXXXX";
-    m_root = mkdtemp(pattern);
-    fs::create_directory(m_root / "trace");
-    platform::PutEnvironment("TZ=UTC0");
-    platform::TzSet();
-    EXPECT_EQ(platform::OpenRegistryStore((m_root / "registry.db").string()), 0u);
-    platform::InstallClockSource(&m_clock);
-  }
-  ~TraceFiles() override {
-    ZepFoundation::ResetDebugTrace();
-    platform::InstallClockSource(nullptr);
-    platform::CloseRegistryStore();
-    fs::remove_all(m_root);
-  }
+  TraceFiles() { fs::create_directory(m_root / "trace"); }
 
   void Configure(std::uint32_t flags, std::uint32_t kibibytes) {
     ZepFoundation::ResetDebugTrace();
-    platform::RegistryKey key;
-    ASSERT_EQ(CreateKey(platform::Hive::kLocalMachine, u"Software\\brelmont\\debugstream\\debugstream",
-                        platform::KEY_ALL_ACCESS, key),
-              0u);
-    ASSERT_EQ(SetString(key, u"logFilePath", platform::WideFromUtf8(TraceFile().string())), 0u);
-    ASSERT_EQ(SetDword(key, u"logFileFilterFlag", flags), 0u);
-    ASSERT_EQ(SetDword(key, u"LogFileSize", kibibytes), 0u);
-    ASSERT_EQ(key.Close(), 0u);
-    ZepFoundation::ConfigureDebugTrace();
+    WithTraceStore::Configure(flags, kibibytes, TraceFile());
   }
   [[nodiscard]] fs::path TraceFile() const { return m_root / "trace" / "trace.log"; }
-  static std::string Process() {
-    std::u16string path;
-    EXPECT_EQ(platform::ProgramFilePath(path), 0u);
-    std::string name = fs::path(platform::Utf8FromWide(path)).filename().string();
-    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
-    return name;
-  }
-
-  fs::path m_root;
-  FixedClock m_clock;
 };
 
 TEST_F(TraceFiles, AreAsRecordedForEveryFilter) {

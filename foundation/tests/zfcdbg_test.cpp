@@ -1,25 +1,17 @@
-// foundation/tests/zfcdbg_test.cpp
 #include "foundation/include/zfcdbg.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "foundation/testing/captured_trace.h"
-#include "foundation/tests/fixed_clock.h"
-#include "platform/clock.h"
-#include "platform/host.h"
-#include "platform/registry.h"
+#include "foundation/tests/trace_store.h"
 #include "platform/testing/fault.h"
-#include "platform/text.h"
 
 namespace {
 
@@ -40,53 +32,13 @@ constexpr std::uint32_t kEverything = 0x1E;  // the four levels, full header
 constexpr std::uint32_t kShort = 0x1F;
 constexpr const char* kHeaderTime = FixedClock::kShown;
 
-class DebugStream : public testing::Test {
+class DebugStream : public ZepFoundation::WithTraceStore {
  protected:
-  DebugStream() {
-    char pattern[] = "/tmp/debugstreamXXXXXX";
-    m_root = mkdtemp(pattern);
-    platform::PutEnvironment("TZ=UTC0");
-    platform::TzSet();
-    EXPECT_EQ(platform::OpenRegistryStore((m_root / "registry.db").string()), 0u);
-    platform::InstallClockSource(&m_clock);
-    ZepFoundation::ResetDebugTrace();
-  }
-  ~DebugStream() override {
-    ZepFoundation::ResetDebugTrace();
-    platform::InstallClockSource(nullptr);
-    platform::CloseRegistryStore();
-    fs::remove_all(m_root);
-  }
-
   void Configure(std::uint32_t flags, std::uint32_t kibibytes = 1024, const char* name = "trace.log") {
-    platform::RegistryKey key;
-    ASSERT_EQ(CreateKey(platform::Hive::kLocalMachine, u"Software\\brelmont\\debugstream\\debugstream",
-                        platform::KEY_ALL_ACCESS, key), 0u);
-    if (*name != 0) {
-      ASSERT_EQ(SetString(key, u"logFilePath", platform::WideFromUtf8((m_root / name).string())), 0u);
-    }
-    ASSERT_EQ(SetDword(key, u"logFileFilterFlag", flags), 0u);
-    ASSERT_EQ(SetDword(key, u"LogFileSize", kibibytes), 0u);
-    ASSERT_EQ(key.Close(), 0u);
-    ZepFoundation::ConfigureDebugTrace();
+    WithTraceStore::Configure(flags, kibibytes, *name == 0 ? fs::path() : m_root / name);
   }
-  [[nodiscard]] std::string Contents(const char* name = "trace.log") const {
-    std::ifstream in(m_root / name, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
+  [[nodiscard]] std::string Contents(const char* name = "trace.log") const { return WithTraceStore::Contents(name); }
   [[nodiscard]] bool Exists(const char* name) const { return fs::exists(m_root / name); }
-  static std::string Process() {
-    std::u16string path;
-    EXPECT_EQ(platform::ProgramFilePath(path), 0u);
-    std::string name = fs::path(platform::Utf8FromWide(path)).filename().string();
-    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
-    return name;
-  }
-
-  fs::path m_root;
-  FixedClock m_clock;
 };
 
 TEST_F(DebugStream, WritesNothingWhereNothingIsConfigured) {

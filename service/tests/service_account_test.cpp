@@ -1,9 +1,8 @@
 #include "service/service_account.h"
 
-#include "platform/event_log.h"
 #include "platform/service_record.h"
 #include "service/service_registration.h"
-#include "service/tests/service_fixture.h"
+#include "service/tests/written_events.h"
 
 namespace qx {
 namespace {
@@ -17,16 +16,8 @@ const std::string kText =
     "is valid on all the nodes of the cluster. The user should have privileges to change the registry on the current "
     "node.";
 
-class ServiceAccount : public testing::ServiceFixture {
+class ServiceAccount : public testing::WrittenEvents {
  protected:
-  void SetUp() override {
-    ServiceFixture::SetUp();
-    platform::InstallEventSink([this](const platform::LoggedEvent& event) { m_written.push_back(event); });
-  }
-  void TearDown() override {
-    platform::InstallEventSink(nullptr);
-    ServiceFixture::TearDown();
-  }
   static void Install(std::u16string account) {
     (void)platform::DeleteServiceRecord(kServiceName);
     platform::ServiceRecord record;
@@ -48,7 +39,6 @@ class ServiceAccount : public testing::ServiceFixture {
     EXPECT_EQ(m_written[0].kind, platform::EventKind::kError);
     EXPECT_EQ(m_written[0].text, kText);
   }
-  std::vector<platform::LoggedEvent> m_written;
 };
 
 TEST_F(ServiceAccount, LocalSystemIsMeantInAnyCaseOfLetters) {

@@ -1,9 +1,8 @@
 #include "service/service_module.h"
 
-#include "platform/event_log.h"
 #include "platform/text.h"
 #include "service/service_registration.h"
-#include "service/tests/service_fixture.h"
+#include "service/tests/written_events.h"
 
 namespace qx {
 namespace {
@@ -11,16 +10,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class ServiceModule : public testing::ServiceFixture {
+class ServiceModule : public testing::WrittenEvents {
  protected:
-  void SetUp() override {
-    ServiceFixture::SetUp();
-    platform::InstallEventSink([this](const platform::LoggedEvent& event) { m_written.push_back(event); });
-  }
-  void TearDown() override {
-    platform::InstallEventSink(nullptr);
-    ServiceFixture::TearDown();
-  }
   std::uint32_t ProcessRef() {
     platform::RegistryKey key;
     std::uint32_t value = 0;
@@ -28,7 +19,6 @@ class ServiceModule : public testing::ServiceFixture {
     EXPECT_EQ(platform::ReadRegistryDword(key, u"ProcId", value), 0u);
     return value;
   }
-  std::vector<platform::LoggedEvent> m_written;
 };
 
 TEST_F(ServiceModule, OnlyTheStopControlDoesAnythingAndUnknownOnesAreWrittenAsEvents) {
