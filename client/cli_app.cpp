@@ -5,14 +5,17 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "client/cli_calendar.h"
 #include "client/cli_completion.h"
 #include "client/cli_config.h"
+#include "client/cli_history.h"
 #include "client/cli_nodes.h"
 #include "client/cli_record.h"
 #include "client/cli_reg.h"
 #include "client/cli_registry.h"
+#include "client/cli_usage.h"
 #include "client/time_text.h"
 #include "foundation/include/zfclog.h"
 #include "platform/clock.h"
@@ -31,8 +34,11 @@ bool ColourWanted(const std::ostream& stream, const std::ostream& standard, plat
 }
 
 void AddGlobalOptions(CLI::App& app, GlobalOptions& options) {
-  app.add_option("--root", options.root, "State directory of the service")->type_name("DIR");
-  app.add_option("--bus", options.bus, "Bus of the service: session, system or an address")->type_name("ADDRESS");
+  // The last one counts: an alias of the shell may give another beforehand.
+  app.add_option("--root", options.root, "State directory of the service")->type_name("DIR")->take_last();
+  app.add_option("--bus", options.bus, "Bus of the service: session, system or an address")
+      ->type_name("ADDRESS")
+      ->take_last();
   app.add_flag("--no-pager", options.noPager, "Write straight to the output, also on a terminal");
   app.add_flag("--no-legend", options.noLegend, "No headings and totals");
   app.add_flag("-q,--quiet", options.quiet, "Errors only");
@@ -68,7 +74,7 @@ std::string PagerCommand() {
 int RunChosen(CliContext& context, const CLI::App& app, const CommandChoice& choice) {
   if (choice.run) return choice.run();
   if (choice.byDefault) return choice.byDefault();
-  context.err << app.help();
+  context.err << HelpText(app);
   return kExitUsage;
 }
 
@@ -323,23 +329,29 @@ int RunQxsched(int argc, const char* const* argv, std::istream& in, std::ostream
     AddNodeCommands(app, context, choice, settings, spread);
     AddCalendarCommand(app, context, choice, settings);
     AddLogCommand(app, context, choice);
-    AddHistoryCommands(app, context, choice, settings);
+    AddRecordCommand(app, context, choice, settings);
+    AddHistoryCommand(app, context, choice);
     AddCompletionCommand(app, context, choice);
     if (argc > 1 && std::string_view(argv[1]) == kCompleteWord) {
       return RunComplete(context, app, settings, {argv + 2, argv + argc});
     }
+    UseHelpForm(app);
+    std::vector<const char*> words(argv, argv + argc);
+    if (argc > 1 && std::string_view(argv[1]) == "help") {  // "help COMMAND" for "COMMAND --help"
+      words.erase(words.begin() + 1);
+      words.push_back("--help");
+    }
     try {
-      app.parse(argc, argv);
+      app.parse(static_cast<int>(words.size()), words.data());
     } catch (const CLI::CallForHelp&) {
-      const auto chosen = app.get_subcommands();
-      out << (chosen.empty() ? app.help() : chosen.front()->help());
+      if (TellUnknownWord(context, app)) return kExitUsage;
+      out << HelpText(app);
       return kExitDone;
     } catch (const CLI::CallForVersion&) {
       out << app.version() << "\n";
       return kExitDone;
     } catch (const CLI::ParseError& error) {
-      PrintError(context, error.what());
-      PrintHint(context, "see qxsched --help");
+      TellMistake(context, app, error);
       return kExitUsage;
     }
     platform::SetStateDirectory(context.options.root.empty() ? platform::DefaultStateDirectory()

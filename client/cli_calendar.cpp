@@ -73,20 +73,8 @@ int AddFile(CliContext& context, const std::string& file, bool allowRelativePath
 int AddSchedules(CliContext& context, Session& session, const std::vector<std::string>& words, bool all,
                  CalendarBuilder& builder) {
   std::vector<Target> targets;
-  if (!all) {
-    if (const int exit = session.Find(words, targets); exit != kExitDone) return exit;
-  } else {
-    std::vector<ListRow> rows;
-    if (const int exit = session.AllRows(rows); exit != kExitDone) return exit;
-    for (const ListRow& row : rows) {
-      Target target;
-      if (row.nextWindow == kDamagedKey) {
-        PrintNote(context, platform::Utf8FromWide(row.id) + ": is damaged and left out");
-      } else if (ParseScheduleId(platform::Utf8FromWide(row.id), target.id)) {
-        targets.push_back(std::move(target));
-      }
-    }
-  }
+  const int found = all ? session.FindAll(targets) : session.Find(words, targets);
+  if (found != kExitDone) return found;
   for (const Target& target : targets) {
     SCHEDULE_OBJECT record;
     const std::string id = IdText(target.id);

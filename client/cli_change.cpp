@@ -19,6 +19,7 @@
 #include "platform/file.h"
 #include "platform/foreground.h"
 #include "platform/host.h"
+#include "platform/input_file.h"
 #include "platform/terminal.h"
 #include "platform/text.h"
 
@@ -402,21 +403,9 @@ int RunExport(CliContext& context, const OnlineSettings& settings, const ExportA
   Session session(context, settings);
   if (const int exit = session.Begin(); exit != kExitDone) return exit;
   std::vector<Target> targets;
-  if (!arguments.schedules.empty()) {
-    if (const int exit = session.Find(arguments.schedules, targets); exit != kExitDone) return exit;
-  } else {
-    std::vector<ListRow> rows;
-    if (const int exit = session.AllRows(rows); exit != kExitDone) return exit;
-    for (const ListRow& row : rows) {
-      Target target;
-      if (row.nextWindow == kDamagedKey) {
-        PrintError(context, Utf8FromWide(row.id) + ": is damaged and left out");
-      } else if (ParseScheduleId(Utf8FromWide(row.id), target.id)) {
-        target.name = Utf8FromWide(row.name);
-        targets.push_back(std::move(target));
-      }
-    }
-  }
+  const bool all = arguments.schedules.empty();
+  const int found = all ? session.FindAll(targets) : session.Find(arguments.schedules, targets);
+  if (found != kExitDone) return found;
   const bool toOutput = arguments.directory.empty();
   if (toOutput && !context.options.json && targets.size() != 1) {
     PrintError(context, "export: " + std::to_string(targets.size()) +
@@ -468,7 +457,7 @@ int RunRestore(CliContext& context, const OnlineSettings& settings, const Restor
   Session session(context, settings);
   if (const int exit = session.Begin(); exit != kExitDone) return exit;
   std::string text;
-  if (const ErrorCode code = platform::ReadWholeFile(arguments.file, text); code != platform::ERROR_SUCCESS) {
+  if (const ErrorCode code = platform::ReadInput(arguments.file, kScheduleFileLimit + 1, text); code != platform::ERROR_SUCCESS) {
     const int exit = FileFailure(context, arguments.file, code);
     return code == platform::ERROR_FILE_NOT_FOUND || code == platform::ERROR_PATH_NOT_FOUND ? kExitNotFound : exit;
   }

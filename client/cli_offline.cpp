@@ -14,12 +14,14 @@
 #include "client/rule_object.h"
 #include "client/schedule_file.h"
 #include "client/schedule_json.h"
+#include "client/schedule_weekdays.h"
 #include "client/status_text.h"
 #include "client/time_text.h"
 #include "common/schedule_adapter.h"
 #include "platform/clock.h"
 #include "platform/file.h"
 #include "platform/host.h"
+#include "platform/input_file.h"
 #include "platform/text.h"
 
 namespace qx {
@@ -55,21 +57,11 @@ int ReadText(CliContext& context, const std::string& file, std::string& text) {
     for (; at != end && text.size() <= kScheduleFileLimit; ++at) text += *at;
     return kExitDone;
   }
-  if (platform::DirectoryExists(file)) {
+  const platform::ErrorCode code = platform::ReadInput(file, kScheduleFileLimit + 1, text);
+  if (code == platform::ERROR_SUCCESS) return kExitDone;
+  if (code == platform::ERROR_DIRECTORY) {
     PrintError(context, file + ": is a directory");
     return kExitNotFound;
-  }
-  platform::File handle;
-  platform::ErrorCode code =
-      handle.Open(file, platform::File::Access::kRead, platform::File::Disposition::kOpenExisting);
-  if (code == platform::ERROR_SUCCESS) {
-    std::vector<char> buffer(kScheduleFileLimit + 1);
-    std::size_t count = 0;
-    code = handle.Read(buffer, count);
-    if (code == platform::ERROR_SUCCESS) {
-      text.assign(buffer.data(), count);
-      return kExitDone;
-    }
   }
   PrintError(context, file + ": " + platform::Utf8FromWide(platform::SystemErrorText(code)));
   switch (code) {
@@ -118,14 +110,34 @@ Status ValidateRecord(const SCHEDULE_OBJECT& record) {
   return static_cast<std::int32_t>(adapter.GetNextTimeWindow()) < 0 ? kStatusBackdated : kStatusOk;
 }
 
+Finding PlaceWarning(const ScheduleFile& file, const std::string& key, const std::string& text) {
+  const auto at = file.positions.find(key);
+  return {Severity::kWarning, at == file.positions.end() ? TextPosition{} : at->second, key, key + " " + text, ""};
+}
+
+// The program that a command line names by its path: its first word, or what stands in quotes. Empty for any other.
+std::u16string_view ProgramNamed(std::u16string_view commandLine) {
+  const bool quoted = commandLine.starts_with(u'"');
+  if (quoted) commandLine.remove_prefix(1);
+  if (!commandLine.starts_with(u'/')) return {};
+  return commandLine.substr(0, commandLine.find(quoted ? u'"' : u' '));
+}
+
+// A program may be on the service's host and not here.
+std::vector<Finding> CheckProgram(const ScheduleFile& file) {
+  const std::u16string wrapper = file.record.bstrWrapperBinaryName.value_or(u"");
+  const std::u16string_view program = ProgramNamed(wrapper);
+  if (program.empty() || FileNamed(program)) return {};
+  return {PlaceWarning(file, "job.wrapper",
+                       "names a program that doesn't exist on this machine: " + platform::Utf8FromWide(program))};
+}
+
 std::vector<Finding> CheckDirectories(const ScheduleFile& file) {
   const BSTR& xml = file.record.bstrXMLFilePathName;
   if (!xml || xml->find_first_of(u"/\\") == std::u16string::npos) return {};
   const std::string directory = platform::DirectoryOf(platform::NativePath(*xml));
   if (platform::DirectoryExists(directory)) return {};
-  const auto at = file.positions.find("job.xml");
-  return {{Severity::kWarning, at == file.positions.end() ? TextPosition{} : at->second, "job.xml",
-           "job.xml lies in a directory that doesn't exist on this machine: " + directory, ""}};
+  return {PlaceWarning(file, "job.xml", "lies in a directory that doesn't exist on this machine: " + directory)};
 }
 
 // --- windows ---------------------------------------------------------------------------------------------------------
@@ -187,23 +199,18 @@ std::vector<ShownWindow> ComputeWindows(const SCHEDULE_OBJECT& record, std::int6
 
 // The weeks of the month whose rule holds a day: "every tue", "second tue+last tue".
 std::string WeekdayRule(const SCHEDULE_RULE& rules, std::int64_t day) {
-  static constexpr const char* kDays[kDaysOfWeekCount] = {"sun", "mon", "tue", "wed", "thu", "fri", "sat"};
-  static constexpr const char* kWeeks[] = {"first", "second", "third", "fourth", "last"};
-  const std::array<std::uint32_t, kDaysOfWeekCount>* lists[] = {&rules.dwDaysOfWeek0, &rules.dwDaysOfWeek1,
-                                                                &rules.dwDaysOfWeek2, &rules.dwDaysOfWeek3,
-                                                                &rules.dwDaysOfWeek4};
   const auto weekday = static_cast<std::size_t>((day % 7 + 11) % 7);  // day 0 was a Thursday
-  const auto isSet = [&](std::size_t week) { return (*lists[week])[weekday] != 0; };
+  const auto isSet = [&](std::size_t week) { return (rules.*kWeekFields[week])[weekday] != 0; };
   bool all = true;
-  for (std::size_t week = 0; week < std::size(lists); ++week) all = all && isSet(week);
-  if (all) return std::string("every ") + kDays[weekday];
+  for (std::size_t week = 0; week < std::size(kWeekFields); ++week) all = all && isSet(week);
+  if (all) return std::string("every ") + kWeekdayNames[weekday];
   const platform::CivilDate date = platform::CivilFromDays(day);
   const auto week = static_cast<std::size_t>((date.day - 1) / 7);
   const bool isLast = platform::CivilFromDays(day + 7).month != date.month;
   std::string names;
-  if (week < 4 && isSet(week)) names = std::string(kWeeks[week]) + " " + kDays[weekday];
-  if (isLast && isSet(4)) names += (names.empty() ? "" : "+") + std::string("last ") + kDays[weekday];
-  return names.empty() ? std::string("weekday ") + kDays[weekday] : names;
+  if (week < 4 && isSet(week)) names = std::string(kWeekKeys[week]) + " " + kWeekdayNames[weekday];
+  if (isLast && isSet(4)) names += (names.empty() ? "" : "+") + std::string("last ") + kWeekdayNames[weekday];
+  return names.empty() ? std::string("weekday ") + kWeekdayNames[weekday] : names;
 }
 
 std::string MonthDayRule(const SCHEDULE_RULE& rules, std::int64_t day) {
@@ -350,6 +357,7 @@ CheckedFile CheckText(const std::string& text, bool allowRelativePaths) {
     ScheduleFile parsed =
         ParseScheduleFile(text, {platform::CurrentZone(), platform::NowSeconds(), allowRelativePaths, FileNamed});
     if (!HasErrors(parsed.findings)) {
+      checked.advice = CheckProgram(parsed);
       for (Finding& finding : CheckDirectories(parsed)) parsed.findings.push_back(std::move(finding));
       SortFindings(parsed.findings);
     }
@@ -437,6 +445,7 @@ int RunCheck(CliContext& context, const CheckArguments& arguments) {
       if (exit == kExitDone) exit = unread;
       continue;
     }
+    checked.findings.insert(checked.findings.begin(), checked.advice.begin(), checked.advice.end());
     const bool refused = HasErrors(checked.findings) || (arguments.strict && !checked.findings.empty());
     if (refused) exit = kExitRulesRefused;
     if (context.options.json) {

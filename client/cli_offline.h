@@ -69,6 +69,7 @@ struct CheckedFile {
   SCHEDULE_OBJECT record;
   std::vector<Finding> findings;  // of the text, in order of place; then of the rules
   Status status = kStatusOk;      // what the service would answer: kStatusNoRunDay, ..., kStatusBackdated
+  std::vector<Finding> advice;    // warnings for who looks for mistakes; other commands don't show them
 };
 
 // Checks the text of a schedule file: TOML, or the record as JSON when the text begins with "{".

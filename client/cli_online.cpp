@@ -339,7 +339,7 @@ int RunStatus(CliContext& context, const OnlineSettings& settings) {
     if (context.options.json) WriteJson(context.out, {{"reachable", false}});
     return exit;
   }
-  const ServiceFacts& facts = session.Facts();
+  const ServiceProperties& properties = session.Properties();
   const auto damaged =
       std::count_if(rows.begin(), rows.end(), [](const ListRow& r) { return r.nextWindow == kDamagedKey; });
   const auto due = std::count_if(rows.begin(), rows.end(), [](const ListRow& r) { return r.nextWindow >= 0; });
@@ -347,12 +347,12 @@ int RunStatus(CliContext& context, const OnlineSettings& settings) {
   if (context.options.json) {
     ordered_json out = ordered_json::object();
     out["reachable"] = true;
-    out["version"] = facts.version;
-    out["zone"] = facts.zone;
-    out["port"] = facts.port;
-    out["trace_level"] = facts.traceLevel;
-    out["next_wake_up"] = facts.nextWakeUp < 0 ? ordered_json(nullptr) : ordered_json(facts.nextWakeUp);
-    out["state_directory"] = facts.stateDirectory;
+    out["version"] = properties.version;
+    out["zone"] = properties.zone;
+    out["port"] = properties.port;
+    out["trace_level"] = properties.traceLevel;
+    out["next_wake_up"] = properties.nextWakeUp < 0 ? ordered_json(nullptr) : ordered_json(properties.nextWakeUp);
+    out["state_directory"] = properties.stateDirectory;
     out["schedules"] = rows.size();
     out["with_window"] = due;
     out["without_window"] = without;
@@ -360,14 +360,14 @@ int RunStatus(CliContext& context, const OnlineSettings& settings) {
     WriteJson(context.out, out);
     return kExitDone;
   }
-  const std::string wakeUp = facts.nextWakeUp < 0 ? "none" : FormatInstant(facts.nextWakeUp, platform::CurrentZone());
+  const std::string wakeUp = properties.nextWakeUp < 0 ? "none" : FormatInstant(properties.nextWakeUp, platform::CurrentZone());
   context.out << "Service:          " << Paint(context.colourOut, Colour::kGreen, "running") << ", version "
-              << Printable(facts.version) << "\n"
-              << "Zone:             " << Printable(facts.zone) << "\n"
-              << "Port:             " << (facts.port == 0 ? "none" : std::to_string(facts.port)) << "\n"
-              << "Log level:        " << facts.traceLevel << "\n"
+              << Printable(properties.version) << "\n"
+              << "Zone:             " << Printable(properties.zone) << "\n"
+              << "Port:             " << (properties.port == 0 ? "none" : std::to_string(properties.port)) << "\n"
+              << "Log level:        " << properties.traceLevel << "\n"
               << "Next wake-up:     " << wakeUp << "\n"
-              << "State directory:  " << Printable(facts.stateDirectory) << "\n"
+              << "State directory:  " << Printable(properties.stateDirectory) << "\n"
               << "Schedules:        " << rows.size() << " (" << due << " with a window to come, " << without
               << " without, " << damaged << " damaged)\n";
   return kExitDone;

@@ -1,5 +1,4 @@
-// client/cli_record.h: qxsched record, which keeps a history of the service's events, and qxsched history, which shows
-// it.
+// client/cli_record.h: qxsched record, which keeps a history of the service's events.
 //
 // The history is the file history.db in the state directory, or any other. It knows launches, not results.
 // Threads: a command runs on one thread.
@@ -28,16 +27,6 @@ struct RecordArguments {
 //   kExitPermission
 [[nodiscard]] int RunRecord(CliContext& context, const OnlineSettings& settings, const RecordArguments& arguments);
 
-struct HistoryArguments {
-  std::string file;  // as above; where it isn't, history.db in the directory qxsched-record beside the state directory
-  std::string schedule;  // ID, beginning of its digits, or name; empty: all
-  std::string since;     // an instant, or a length of time back from now; empty: all
-  bool missed = false;   // only missed windows, and those of which nobody knows
-};
-// Shows entries, oldest first. The service isn't asked: a schedule that is gone is found by what was recorded.
-//   returns  kExitDone; kExitUsage: no such time; kExitNotFound: no history, or no such schedule in it; kExitFailed
-[[nodiscard]] int RunHistory(CliContext& context, const HistoryArguments& arguments);
-
-void AddHistoryCommands(CLI::App& app, CliContext& context, CommandChoice& choice, const OnlineSettings& settings);
+void AddRecordCommand(CLI::App& app, CliContext& context, CommandChoice& choice, const OnlineSettings& settings);
 
 }  // namespace qx

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "client/schedule_keys.h"
+#include "client/schedule_word.h"
 #include "client/status_text.h"
 #include "client/time_text.h"
 #include "common/bus_records.h"
@@ -24,40 +25,26 @@ namespace {
 using nlohmann::ordered_json;
 using platform::Utf8FromWide;
 
-constexpr std::size_t kMostCandidatesShown = 10;
-
 bool IsGone(const platform::BusError& error) {
   static constexpr std::string_view kGone[] = {platform::kBusErrorServiceUnknown, platform::kBusErrorNameHasNoOwner,
                                                platform::kBusErrorNoReply, platform::kBusErrorDisconnected};
   return std::find(std::begin(kGone), std::end(kGone), error.name) != std::end(kGone);
 }
 
+// The command that starts the service which the options speak of.
+std::string StartCommand(const GlobalOptions& options, const platform::BusAddress& address) {
+  if (address.kind == platform::BusAddress::Kind::kSystem) return "systemctl start QxSchedService";
+  std::string command = "QxSchedService";
+  if (!options.root.empty()) command += " --root=" + options.root;
+  command += " --foreground";
+  if (!options.bus.empty()) command += " --bus=" + options.bus;
+  return command;
+}
+
 // --- identifiers ---
-
-bool IsHexDigit(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-}
-
-// The digits of an ID or of its beginning, in upper case; empty for any other text.
-std::string IdDigits(std::string_view text) {
-  std::string digits;
-  for (const char c : text) {
-    if (IsHexDigit(c)) {
-      digits += c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c;
-    } else if (c != '-' && c != '{' && c != '}') {
-      return "";
-    }
-  }
-  return digits;
-}
 
 bool ParseFullId(const std::string& text, ScheduleGuid& id) {
   return ParseScheduleId(text, id) || ParseScheduleId("{" + text + "}", id);
-}
-
-bool Answers(const ListRow& row, const std::string& schedule, const std::string& digits) {
-  if (row.nextWindow != kDamagedKey && Utf8FromWide(row.name) == schedule) return true;
-  return digits.size() >= kFewestIdDigits && IdDigits(Utf8FromWide(row.id)).starts_with(digits);
 }
 
 }  // namespace
@@ -111,12 +98,23 @@ Status Session::Wait(const std::string& doing, bool changes, const std::function
 
 int Session::Unreachable(const std::string& why) {
   PrintError(m_context, "the service can't be reached: " + why);
+  PrintHint(m_context, "start it with: " + StartCommand(m_context.options, Address()));
+  return kExitUnreachable;
+}
+
+int Session::BusUnreachable(const std::string& why) {
+  using Kind = platform::BusAddress::Kind;
   const platform::BusAddress address = Address();
-  PrintHint(m_context, address.kind == platform::BusAddress::Kind::kSystem
-                           ? "start it with: systemctl start QxSchedService"
-                       : address.kind == platform::BusAddress::Kind::kSession
-                           ? "start it with: QxSchedService --foreground"
-                           : "start it with: QxSchedService --foreground --bus=" + address.address);
+  if (address.kind == Kind::kExplicit) {
+    PrintError(m_context, "the service can't be reached: no message bus at " + address.address + ": " + why);
+    PrintHint(m_context, "--bus takes session, system or the address of a bus that runs");
+  } else if (address.kind == Kind::kSystem) {
+    PrintError(m_context, "the service can't be reached: no message bus of the system: " + why);
+    PrintHint(m_context, "start it with: systemctl start dbus; --bus names another bus");
+  } else {
+    PrintError(m_context, "the service can't be reached: no message bus of this session: " + why);
+    PrintHint(m_context, "dbus-run-session -- bash gives a shell with a bus of its own; --bus names another bus");
+  }
   return kExitUnreachable;
 }
 
@@ -142,17 +140,17 @@ int Session::Connect() {
   const platform::ErrorCode code = m_settings.connect(Address(), m_link);
   if (code != platform::ERROR_SUCCESS) {
     const std::string why = FormatStatus(0x80070000 | code);
-    if (code != platform::ERROR_ACCESS_DENIED) return Unreachable(why);
+    if (code != platform::ERROR_ACCESS_DENIED) return BusUnreachable(why);
     PrintError(m_context, "the bus may not be used: " + why);
     PrintHint(m_context, "root and the members of the group qxsched may use the service");
     return kExitPermission;
   }
-  const Status status = Wait("answer", false, [&] { return m_link->ReadFacts(m_facts); });
+  const Status status = Wait("answer", false, [&] { return m_link->ReadProperties(m_properties); });
   return status == kStatusOk ? static_cast<int>(kExitDone) : Fail(status, "");
 }
 
 int Session::UseServiceZone() {
-  const std::string& zone = m_facts.zone;
+  const std::string& zone = m_properties.zone;
   if (zone.empty() || zone == platform::CurrentZone().Name()) return kExitDone;
   const bool file = zone.front() == ':';
   if (file ? !platform::FileExists(zone.substr(1)) : !IsKnownZone(zone)) {
@@ -171,31 +169,21 @@ int Session::AllRows(std::vector<ListRow>& rows) {
 }
 
 int Session::FindInList(const std::string& word, const std::vector<ListRow>& rows, Target& target) {
-  const std::string digits = IdDigits(word);
-  std::vector<const ListRow*> found;
+  std::vector<NamedId> listed;
+  listed.reserve(rows.size());
   for (const ListRow& row : rows) {
-    if (Answers(row, word, digits)) found.push_back(&row);
+    listed.push_back({Utf8FromWide(row.id), row.nextWindow == kDamagedKey ? "" : Utf8FromWide(row.name)});
   }
-  if (found.size() == 1 && ParseScheduleId(Utf8FromWide(found[0]->id), target.id)) {
-    target.name = Utf8FromWide(found[0]->name);
-    target.listed = true;
-    return kExitDone;
+  std::size_t at = 0;
+  const int exit = FindByWord(m_context, word, listed, "no such schedule", "see qxsched list", at);
+  if (exit != kExitDone) return exit;
+  if (!ParseScheduleId(listed[at].id, target.id)) {
+    PrintError(m_context, word + ": the service lists it under an ID that is none: " + listed[at].id);
+    return kExitFailed;
   }
-  if (found.empty()) {
-    PrintError(m_context, word + ": no such schedule");
-    PrintHint(m_context, !digits.empty() && digits.size() < kFewestIdDigits
-                             ? "the beginning of an ID needs at least four digits"
-                             : "see qxsched list");
-    return kExitNotFound;
-  }
-  PrintError(m_context, word + ": is ambiguous, " + std::to_string(found.size()) + " schedules answer to it:");
-  for (std::size_t i = 0; i < found.size() && i < kMostCandidatesShown; ++i) {
-    m_context.err << "  " << Printable(Utf8FromWide(found[i]->id)) << "  " << Printable(Utf8FromWide(found[i]->name))
-                  << "\n";
-  }
-  if (found.size() > kMostCandidatesShown) m_context.err << "  ...\n";
-  PrintHint(m_context, "give more digits of the ID");
-  return kExitNotFound;
+  target.name = Utf8FromWide(rows[at].name);
+  target.listed = true;
+  return kExitDone;
 }
 
 int Session::Find(const std::vector<std::string>& words, std::vector<Target>& targets) {
@@ -211,6 +199,22 @@ int Session::Find(const std::vector<std::string>& words, std::vector<Target>& ta
     }
     const auto same = [&](const Target& other) { return other.id == target.id; };
     if (std::none_of(targets.begin(), targets.end(), same)) targets.push_back(std::move(target));
+  }
+  return kExitDone;
+}
+
+int Session::FindAll(std::vector<Target>& targets) {
+  std::vector<ListRow> rows;
+  if (const int exit = AllRows(rows); exit != kExitDone) return exit;
+  for (const ListRow& row : rows) {
+    Target target;
+    if (row.nextWindow == kDamagedKey) {
+      PrintError(m_context, Utf8FromWide(row.id) + ": is damaged and left out");
+    } else if (ParseScheduleId(Utf8FromWide(row.id), target.id)) {
+      target.name = Utf8FromWide(row.name);
+      target.listed = true;
+      targets.push_back(std::move(target));
+    }
   }
   return kExitDone;
 }

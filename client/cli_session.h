@@ -50,7 +50,7 @@ class Session {
   int Begin();
   // Both, then finds the one schedule that a word names.
   int BeginWith(const std::string& schedule, Target& target);
-  [[nodiscard]] const ServiceFacts& Facts() const { return m_facts; }
+  [[nodiscard]] const ServiceProperties& Properties() const { return m_properties; }
   ServiceLink& Link() { return *m_link; }
 
   // Carries out a call; tells after a while what is waited for. An interrupt ends the process with a word that a
@@ -66,6 +66,8 @@ class Session {
   int AllRows(std::vector<ListRow>& rows);
   // Finds the schedules that the words name, each once. Nothing is left out: the first word that names none ends it.
   int Find(const std::vector<std::string>& words, std::vector<Target>& targets);
+  // All schedules of the list; one that is damaged is told and left out.
+  int FindAll(std::vector<Target>& targets);
   int Fetch(const Target& target, SCHEDULE_OBJECT& record);
 
   // Modifies a schedule, reads it back and compares. The service answers 0 also to a modification that failed late and
@@ -78,12 +80,13 @@ class Session {
 
  private:
   int Unreachable(const std::string& why);
+  int BusUnreachable(const std::string& why);
   int FindInList(const std::string& word, const std::vector<ListRow>& rows, Target& target);
 
   CliContext& m_context;
   const OnlineSettings& m_settings;
   std::unique_ptr<ServiceLink> m_link;
-  ServiceFacts m_facts;
+  ServiceProperties m_properties;
 };
 
 }  // namespace qx

@@ -1,9 +1,38 @@
 #include "client/findings.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 
+#include "platform/text.h"
+
 namespace qx {
+namespace {
+
+// Bytes of the UTF-8 character at the beginning; 0 where none is.
+std::size_t CharacterSize(std::string_view text) {
+  const auto first = static_cast<unsigned char>(text[0]);
+  const std::size_t size = first < 0x80 ? 1 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+  return size <= text.size() && platform::IsValidUtf8(text.substr(0, size)) ? size : 0;
+}
+
+// Of one well-formed character.
+std::uint32_t CodePoint(std::string_view character) {
+  const auto first = static_cast<unsigned char>(character[0]);
+  if (character.size() == 1) return first;
+  std::uint32_t c = first & (0xFFu >> (character.size() + 1));
+  for (const char byte : character.substr(1)) c = c << 6 | (static_cast<unsigned char>(byte) & 0x3Fu);
+  return c;
+}
+
+// What a terminal obeys in place of showing it: control characters, the separators of lines and paragraphs, and the
+// characters that turn the direction of the text around them.
+constexpr bool IsControl(std::uint32_t c) {
+  return c < 0x20 || (c >= 0x7F && c < 0xA0) || c == 0x061C || c == 0x200E || c == 0x200F ||
+         (c >= 0x2028 && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
+}
+
+}  // namespace
 
 bool HasErrors(const std::vector<Finding>& findings) {
   return std::any_of(findings.begin(), findings.end(),
@@ -32,17 +61,17 @@ std::string Printable(std::string_view text) {
   if (plain) return std::string(text);
   std::string out;
   out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    // U+0080 to U+009F are control characters too: C2 80 to C2 9F.
-    const bool c1 = c == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0;
-    if (c >= 0x20 && c != 0x7F && !c1) {
-      out += text[i];
-      continue;
+  while (!text.empty()) {
+    const std::size_t size = CharacterSize(text);
+    const std::uint32_t c = size == 0 ? static_cast<unsigned char>(text[0]) : CodePoint(text.substr(0, size));
+    if (size != 0 && !IsControl(c)) {
+      out += text.substr(0, size);
+    } else {
+      char escaped[16];
+      std::snprintf(escaped, sizeof escaped, c > 0xFF ? "\\u%04X" : "\\x%02X", c);
+      out += escaped;
     }
-    char escaped[8];
-    std::snprintf(escaped, sizeof escaped, "\\x%02X", c1 ? static_cast<unsigned char>(text[++i]) : c);
-    out += escaped;
+    text.remove_prefix(std::max<std::size_t>(size, 1));
   }
   return out;
 }

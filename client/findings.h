@@ -38,8 +38,9 @@ void SortFindings(std::vector<Finding>& findings);
 // "FILE:LINE:COL: text (allowed: ...)", with "warning: " ahead of a warning's text; no line end.
 [[nodiscard]] std::string FormatFinding(std::string_view file, const Finding& finding);
 
-// Text for a terminal or a log line: control characters become "\xNN", so that text from outside can't write lines of
-// its own or move the cursor.
+// Text for a terminal or a log line, so that text from outside can't write lines of its own, move the cursor or turn
+// the direction of writing: control characters and bytes that are no UTF-8 become "\xNN", what else a terminal obeys
+// "\uNNNN".
 [[nodiscard]] std::string Printable(std::string_view text);
 
 }  // namespace qx

@@ -4,13 +4,13 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <limits>
 #include <optional>
 #include <set>
 #include <span>
 #include <utility>
 
+#include "client/schedule_weekdays.h"
 #include "client/time_text.h"
 #include "common/zepSchedIUnknown.h"
 #include "platform/text.h"
@@ -20,7 +20,6 @@ namespace {
 
 // Deeper keys than any schedule needs; the TOML library frees nested tables by recursion.
 constexpr std::size_t kDeepestKey = 32;
-constexpr const char* kWeekdayNames[kDaysOfWeekCount] = {"sun", "mon", "tue", "wed", "thu", "fri", "sat"};
 constexpr const char* kWeekdaysAllowed = "a list of \"sun\", \"mon\", \"tue\", \"wed\", \"thu\", \"fri\", \"sat\"";
 constexpr const char* kSpanAllowed = "1s to 24h";
 constexpr const char* kRepeatAllowed = "1 to 9999";
@@ -30,12 +29,6 @@ constexpr const char* kTimeAllowed = "\"HH:MM\" or \"HH:MM:SS\"";
 constexpr const char* kDroppedRestart = "the service would switch the restart off";
 constexpr const char* kDroppedDuration = "the service would not apply it";
 constexpr const char* kDroppedRepeat = "the service would repeat every 2 days";
-
-using WeekDays = std::array<std::uint32_t, kDaysOfWeekCount> SCHEDULE_RULE::*;
-constexpr WeekDays kWeekFields[] = {&SCHEDULE_RULE::dwDaysOfWeek0, &SCHEDULE_RULE::dwDaysOfWeek1,
-                                    &SCHEDULE_RULE::dwDaysOfWeek2, &SCHEDULE_RULE::dwDaysOfWeek3,
-                                    &SCHEDULE_RULE::dwDaysOfWeek4};
-constexpr const char* kWeekKeys[] = {"first", "second", "third", "fourth", "last"};
 
 // --- places and small checks -----------------------------------------------------------------------------------------
 
@@ -548,114 +541,6 @@ std::span<const Reader::Row> Reader::Rows() {
   return kRows;
 }
 
-// --- writing ---------------------------------------------------------------------------------------------------------
-
-// A basic string of TOML.
-std::string Quoted(std::u16string_view text) {
-  std::string out = "\"";
-  for (const char c : platform::Utf8FromWide(text)) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (byte < 0x20 || byte == 0x7F) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\u%04X", byte);
-      out += escaped;
-    } else {
-      out += c;
-    }
-  }
-  return out + "\"";
-}
-
-void Line(std::string& out, const char* key, const std::string& value) {
-  out += key;
-  out += " = " + value + "\n";
-}
-
-void TextLine(std::string& out, const char* key, const BSTR& value) {
-  if (value) Line(out, key, Quoted(*value));
-}
-
-void ListLine(std::string& out, const char* key, const std::vector<std::string>& items) {
-  if (items.empty()) return;
-  std::string list;
-  for (const std::string& item : items) list += (list.empty() ? "[" : ", ") + item;
-  Line(out, key, list + "]");
-}
-
-std::string DateOf(std::int32_t seconds, const platform::Zone& zone) {
-  return FormatDate(LocalDay(seconds, zone));
-}
-
-void WriteWindow(std::string& out, const SCHEDULE_RULE& rules, const platform::Zone& zone) {
-  constexpr std::uint32_t kWholeDayMs = 86399059;  // the rule object's own window, 00:00:00.000 to 23:59:59.059
-  const std::int32_t start = rules.lStartTime == 0 ? 0 : LocalTimeOfDay(rules.lStartTime, zone);
-  std::string body;
-  if (rules.dwTimeDuration == kWholeDayMs && start == 0) {
-    body += "# the whole day\n";
-  } else {
-    if (rules.lStartTime != 0) Line(body, "start", "\"" + FormatTimeOfDay(start) + "\"");
-    const std::int32_t end = rules.lEndTime == 0 ? -1 : LocalTimeOfDay(rules.lEndTime, zone);
-    const std::uint64_t length = end < 0 ? 0 : static_cast<std::uint64_t>((end - start + 86400) % 86400) * 1000;
-    if (rules.dwTimeDuration != 0 && rules.dwTimeDuration != length) {
-      Line(body, "duration", "\"" + FormatDuration(rules.dwTimeDuration) + "\"");
-    } else if (end >= 0) {
-      Line(body, "end", "\"" + FormatTimeOfDay(end) + "\"");
-    }
-  }
-  if ((rules.bRestartInterval & 0xFF) != 0) {
-    Line(body, "restart", "\"" + FormatDuration(rules.dwRestartInterval) + "\"");
-  }
-  if (!body.empty()) out += "\n[window]\n" + body;
-}
-
-std::vector<std::string> DatesOf(const std::array<std::int32_t, kSpecificDateCount>& dates,
-                                 const platform::Zone& zone) {
-  std::vector<std::string> items;
-  for (const std::int32_t date : dates) {
-    if (date == 0) break;
-    items.push_back(DateOf(date, zone));
-  }
-  return items;
-}
-
-void WriteDays(std::string& out, const SCHEDULE_RULE& rules, const platform::Zone& zone) {
-  std::string body;
-  if ((rules.bEffectiveDate & 0xFF) != 0) Line(body, "effective", DateOf(rules.lEffectiveDate, zone));
-  std::array<bool, kDaysOfWeekCount> everyWeek{};
-  std::vector<std::string> every;
-  for (std::size_t day = 0; day < kDaysOfWeekCount; ++day) {
-    everyWeek[day] = std::all_of(std::begin(kWeekFields), std::end(kWeekFields),
-                                 [&](WeekDays week) { return (rules.*week)[day] != 0; });
-    if (everyWeek[day]) every.push_back(std::string("\"") + kWeekdayNames[day] + "\"");
-  }
-  for (std::size_t week = 0; week < std::size(kWeekFields); ++week) {
-    std::vector<std::string> days;
-    for (std::size_t day = 0; day < kDaysOfWeekCount; ++day) {
-      if (!everyWeek[day] && (rules.*kWeekFields[week])[day] != 0) {
-        days.push_back(std::string("\"") + kWeekdayNames[day] + "\"");
-      }
-    }
-    ListLine(body, kWeekKeys[week], days);
-  }
-  ListLine(body, "every", every);
-  std::vector<std::string> ofMonth;
-  for (std::size_t i = 0; i < kDaysOfMonthCount; ++i) {
-    if (rules.adwDaysOfMonth[i] != 0) ofMonth.push_back(i + 1 < kDaysOfMonthCount ? std::to_string(i + 1) : "\"last\"");
-  }
-  ListLine(body, "of_month", ofMonth);
-  if ((rules.bRepeatInterval & 0xFF) != 0) {
-    std::string repeat = "{ every = " + std::to_string(rules.dwRepeatInterval);
-    if (rules.lAnchorDate != 0) repeat += ", anchor = " + DateOf(rules.lAnchorDate, zone);
-    Line(body, "repeat", repeat + " }");
-  }
-  ListLine(body, "include", DatesOf(rules.alIncludeDates, zone));
-  ListLine(body, "exclude", DatesOf(rules.alExcludeDates, zone));
-  if (!body.empty()) out += "\n[days]\n" + body;
-}
-
 }  // namespace
 
 ScheduleFile ParseScheduleFile(std::string_view text, const ScheduleFileOptions& options) {
@@ -675,26 +560,6 @@ ScheduleFile ParseScheduleFile(std::string_view text, const ScheduleFileOptions&
     out.findings.push_back({Severity::kError, PositionOf(error.source()), "", std::string(error.description()), ""});
   }
   SortFindings(out.findings);
-  return out;
-}
-
-std::string WriteScheduleFile(const SCHEDULE_OBJECT& record, const platform::Zone& zone) {
-  std::string out;
-  TextLine(out, "name", record.bstrName);
-  TextLine(out, "description", record.bstrDescription);
-  TextLine(out, "application", record.bstrApplication);
-  TextLine(out, "object_id", record.bstrObjectID);
-  Line(out, "task_code", std::to_string(record.dwTaskOpCode));
-  out += "\n[job]\n";
-  TextLine(out, "wrapper", record.bstrWrapperBinaryName);
-  TextLine(out, "xml", record.bstrXMLFilePathName);
-  TextLine(out, "parameters", record.bstrParameters);
-  TextLine(out, "pre_script", record.bstrPreScript);
-  TextLine(out, "post_script", record.bstrPostScript);
-  Line(out, "pass_id", record.bUseGUID != 0 ? "true" : "false");
-  Line(out, "run_now", record.bRunNow != 0 ? "true" : "false");
-  WriteWindow(out, record.stScheduleRules, zone);
-  WriteDays(out, record.stScheduleRules, zone);
   return out;
 }
 

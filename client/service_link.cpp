@@ -3,8 +3,6 @@
 #include <iterator>
 #include <utility>
 
-#include "client/scheduler_client.h"
-
 namespace qx {
 namespace {
 
@@ -22,14 +20,7 @@ class BusLink : public ServiceLink {
     return m_client.ListInfo(afterId, limit, rows);
   }
   Status ListAll(std::vector<ListRow>& rows) override { return m_client.ListAll(rows); }
-  Status ReadFacts(ServiceFacts& facts) override {
-    ServiceProperties read;
-    const Status status = m_client.Properties(read);
-    if (status != kStatusOk) return status;
-    facts = {std::move(read.version), std::move(read.zone), read.port,
-             read.traceLevel,         read.nextWakeUp,      std::move(read.stateDirectory)};
-    return kStatusOk;
-  }
+  Status ReadProperties(ServiceProperties& properties) override { return m_client.Properties(properties); }
   Status Listen(ISchedulerServiceEvents& sink) override {
     std::uint32_t cookie = 0;
     // Borrowed: nobody counts references of the sink.

@@ -9,21 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "client/scheduler_client.h"
 #include "common/bus_records.h"
 #include "interface/ISchedulerService.h"
 #include "platform/bus.h"
 
 namespace qx {
-
-// What a service says about itself.
-struct ServiceFacts {
-  std::string version;
-  std::string zone;  // a TZ text
-  std::uint32_t port = 0;
-  std::uint32_t traceLevel = 0;
-  std::int64_t nextWakeUp = -1;  // seconds, the head of the job list; negative: nothing is due
-  std::string stateDirectory;
-};
 
 // A link to a service. Each call waits for its answer without a limit. A call that the service didn't answer returns a
 // status of the form 0x8007xxxx, and LastError() says why.
@@ -38,7 +29,7 @@ class ServiceLink {
   virtual Status ListInfo(const std::u16string& afterId, std::uint32_t limit, std::vector<ListRow>& rows) = 0;
   // The whole list, in order of IDs; untouched on failure.
   virtual Status ListAll(std::vector<ListRow>& rows);
-  virtual Status ReadFacts(ServiceFacts& facts) = 0;
+  virtual Status ReadProperties(ServiceProperties& properties) = 0;
   // From now on `sink`, which outlives the link, hears of the service's events, within WaitForEvents().
   virtual Status Listen(ISchedulerServiceEvents& sink) = 0;
   // Gives out the events that came, waiting at most `limitMs` milliseconds for one; false when the link is lost.

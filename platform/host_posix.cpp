@@ -63,6 +63,11 @@ constexpr ErrorText kErrorTexts[] = {
     {ERROR_KEY_HAS_CHILDREN, u"Cannot create a symbolic link in a registry key that already has subkeys or values."},
     {ERROR_NO_UNICODE_TRANSLATION, u"No mapping for the Unicode character exists in the target multi-byte code page."},
     {ERROR_IO_DEVICE, u"The request could not be performed because of an I/O device error."},
+    {ERROR_CONNECTION_REFUSED, u"The remote computer refused the network connection."},
+    {ERROR_CONNECTION_ABORTED, u"The network connection was aborted by the local system."},
+    {ERROR_TIMEOUT, u"This operation returned because the timeout period expired."},
+    {ERROR_NOT_CONNECTED, u"This network connection does not exist."},
+    {ERROR_REQUEST_REFUSED, u"The operator or administrator has refused the request."},
 };
 
 // Where the lookup of the account needs a buffer and the host names no size.

@@ -176,7 +176,8 @@ int CServiceModule::Start() {
   const std::string directory = platform::StateDirectory();
   const auto unregistered = [&](ErrorCode code) {
     ComplainUtf8("This server isn't registered in " + directory + " (error " + std::to_string(code) +
-                 "). Register it once with: QxSchedService -RegServer");
+                 "). Register it once with: QxSchedService " +
+                 (m_options.root.empty() ? "" : "--root=" + m_options.root + " ") + "-RegServer");
     return static_cast<int>(code);
   };
   // Looked for first: opening would make it.

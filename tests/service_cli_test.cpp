@@ -311,7 +311,8 @@ TEST_F(QxschedProgram, TellsApartWhatGoesWrong) {
   ASSERT_EQ(m_service.Stop(), 0);
   const Result stopped = Ask({"list"});
   EXPECT_EQ(stopped.exit, 6);
-  EXPECT_THAT(stopped.out, HasSubstr("hint: start it with: QxSchedService --foreground --bus="));
+  EXPECT_THAT(stopped.out,
+              HasSubstr("hint: start it with: QxSchedService --root=" + m_service.Root() + " --foreground --bus="));
   m_service.Bus().Kill();
   EXPECT_EQ(Ask({"list"}).exit, 6);
 }

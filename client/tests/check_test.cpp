@@ -6,6 +6,7 @@
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 
 class Check : public CliTest {};
 
@@ -102,6 +103,43 @@ TEST_F(Check, WarnsOfAnXmlPathInAMissingDirectory) {
                             Path("no/such") + "\n");
   Write("a.toml", kGood + "job.xml = \"" + Path("a.xml") + "\"\n");
   EXPECT_EQ(Run({"check", file}).err, "");
+}
+
+TEST_F(Check, WarnsOfAProgramThatIsNotThere) {
+  const std::string there = Write("prog", "#!/bin/sh\n"), gone = Path("gone");
+  struct Case {
+    int line;
+    std::string wrapper;  // as a literal of TOML
+    std::string missing;
+  };
+  const Case cases[] = {
+      {__LINE__, "'" + there + "'", ""},
+      {__LINE__, "'" + there + " -v'", ""},
+      {__LINE__, "'\"" + there + "\" -v'", ""},
+      {__LINE__, "'logger -t x'", ""},  // looked for on the service's PATH
+      {__LINE__, "'" + gone + "'", gone},
+      {__LINE__, "'" + gone + " -v'", gone},
+      {__LINE__, "'\"" + gone + "\" -v'", gone},
+  };
+  for (const Case& c : cases) {
+    const std::string file = Write("a.toml", "job.wrapper = " + c.wrapper + "\ndays.every = [\"mon\"]\n");
+    const Result result = Run({"check", file});
+    EXPECT_EQ(result.exit, 0) << "line " << c.line;
+    const std::string warning = ":1:5: warning: job.wrapper names a program that doesn't exist on this machine: ";
+    const auto about = HasSubstr(warning + (c.missing.empty() ? "" : c.missing + "\n"));
+    if (c.missing.empty()) {
+      EXPECT_THAT(result.err, Not(about)) << "line " << c.line;
+    } else {
+      EXPECT_THAT(result.err, about) << "line " << c.line;
+    }
+  }
+}
+
+TEST_F(Check, ReadsWhatIsNoPlainFile) {
+  const Result result = Run({"check", "/dev/null"});
+  EXPECT_EQ(result.exit, 5);
+  EXPECT_EQ(result.err, "qxsched: /dev/null:1:1: job.wrapper is missing: there is no program to start\n");
+  EXPECT_EQ(Run({"check", m_directory}).err, "qxsched: " + m_directory + ": is a directory\n");
 }
 
 TEST_F(Check, QuotesAWrapperOfAnExistingFile) {

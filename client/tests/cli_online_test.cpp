@@ -101,12 +101,12 @@ TEST_F(CliOnline, CutsWhatATerminalHasNoRoomFor) {
 
 TEST_F(CliOnline, ShowsTimesInTheZoneOfTheService) {
   Have(Id(0xAAAA1111), u"one", kTonight);
-  service.facts.zone = "ZZZ+5";
+  service.properties.zone = "ZZZ+5";
   EXPECT_THAT(Ask({"list"}).out, AllOf(HasSubstr("2026-11-30 16:00:00 -0500"), HasSubstr("zone ZZZ+5.")));
 }
 
 TEST_F(CliOnline, RefusesAZoneThatIsUnknownHere) {
-  service.facts.zone = "Nowhere/Atall";
+  service.properties.zone = "Nowhere/Atall";
   const Result result = Ask({"list"});
   EXPECT_EQ(result.exit, 1);
   EXPECT_THAT(result.err, HasSubstr("the zone of the service is unknown here: \"Nowhere/Atall\""));
@@ -199,7 +199,7 @@ TEST_F(CliOnline, SaysThatNoWindowComes) {
 
 TEST_F(CliOnline, ComputesTheWindowsOfAScheduleOfTheService) {
   Have(Id(0xAAAA1111), u"first", kTonight);
-  service.facts.zone = "ZZZ+5";
+  service.properties.zone = "ZZZ+5";
   const Result result = Ask({"next", "first", "-n", "1", "--no-legend", "--from", "2026-12-01 00:00"});
   EXPECT_EQ(result.exit, 0);
   EXPECT_EQ(result.out, "2026-12-01 16:00:00 -0500  Tue  2026-12-01 18:00:00 -0500\n");
@@ -228,7 +228,7 @@ TEST_F(CliOnline, ShowsWhatTheServiceSaysAboutItself) {
             "{\"reachable\":true,\"version\":\"1.2.3\",\"zone\":\"CET-1CEST,M3.5.0,M10.5.0/3\",\"port\":19810,"
             "\"trace_level\":3,\"next_wake_up\":1796043600,\"state_directory\":\"/var/lib/qxsvc\",\"schedules\":3,"
             "\"with_window\":1,\"without_window\":1,\"damaged\":1}\n");
-  service.facts.nextWakeUp = -1;
+  service.properties.nextWakeUp = -1;
   EXPECT_THAT(Ask({"status", "--json"}).out, HasSubstr("\"next_wake_up\":null"));
   EXPECT_THAT(Ask({"status"}).out, HasSubstr("Next wake-up:     none\n"));
 }
@@ -267,7 +267,7 @@ TEST_F(CliOnline, AddsAScheduleFromAFile) {
 }
 
 TEST_F(CliOnline, ReadsTimesOfAFileInTheZoneOfTheService) {
-  service.facts.zone = "ZZZ+5";
+  service.properties.zone = "ZZZ+5";
   ASSERT_EQ(Ask({"add", Write("a.toml", kDaily)}).exit, 0);
   EXPECT_EQ(service.schedules.begin()->second.stScheduleRules.lStartTime % 86400, 3 * 3600);
 }
@@ -349,13 +349,13 @@ TEST_F(CliOnline, EndsWith6WhenNobodyIsThere) {
       {}, {"list"}, {"show", "x"}, {"status"}, {"add", file}, {"rm", "x"}, {"monitor"}, {"refresh"}, {"next", "x"}};
   for (const bool onTheBus : {false, true}) {
     connectCode = onTheBus ? platform::ERROR_SUCCESS : platform::ERROR_FILE_NOT_FOUND;
-    if (onTheBus) service.factsError = {std::string(platform::kBusErrorServiceUnknown), "no such name"};
+    if (onTheBus) service.propertiesError = {std::string(platform::kBusErrorServiceUnknown), "no such name"};
     for (const auto& words : commands) {
       const Result result = Ask(words);
       EXPECT_EQ(result.exit, 6);
       EXPECT_EQ(result.out, "");
       EXPECT_THAT(result.err, AllOf(HasSubstr("qxsched: the service can't be reached: "), HasSubstr("0x8007"),
-                                    HasSubstr("hint: start it with: ")));
+                                    HasSubstr(onTheBus ? "hint: start it with: " : "no message bus of ")));
     }
   }
 }
@@ -364,7 +364,7 @@ TEST_F(CliOnline, EndsWith4WhenTheBusIsNotForThisUser) {
   connectCode = platform::ERROR_ACCESS_DENIED;
   EXPECT_EQ(Ask({"list"}).exit, 4);
   connectCode = platform::ERROR_SUCCESS;
-  service.factsError = {std::string(platform::kBusErrorAccessDenied), "policy"};
+  service.propertiesError = {std::string(platform::kBusErrorAccessDenied), "policy"};
   const Result result = Ask({"list"});
   EXPECT_EQ(result.exit, 4);
   EXPECT_THAT(result.err, HasSubstr("group qxsched"));
@@ -377,9 +377,30 @@ TEST_F(CliOnline, AsksOnTheBusThatItIsTold) {
   (void)Ask({"list"});
   EXPECT_EQ(address.kind,
             platform::IsRootUser() ? platform::BusAddress::Kind::kSystem : platform::BusAddress::Kind::kSession);
-  service.factsError = {std::string(platform::kBusErrorServiceUnknown), "gone"};
+  service.propertiesError = {std::string(platform::kBusErrorServiceUnknown), "gone"};
   EXPECT_THAT(Ask({"--bus", "unix:path=/tmp/x", "list"}).err,
-              HasSubstr("start it with: QxSchedService --foreground --bus=unix:path=/tmp/x\n"));
+              HasSubstr(" --foreground --bus=unix:path=/tmp/x\n"));
+}
+
+TEST_F(CliOnline, SaysHowTheServiceThatWasAskedIsStarted) {
+  struct Case {
+    std::vector<std::string> words;
+    const char* hint;
+  };
+  const Case nobody[] = {
+      {{"--bus", "system", "list"}, "start it with: systemctl start QxSchedService\n"},
+      {{"--root", "/tmp/s", "--bus", "session", "list"},
+       "start it with: QxSchedService --root=/tmp/s --foreground --bus=session\n"},
+  };
+  service.propertiesError = {std::string(platform::kBusErrorServiceUnknown), "gone"};
+  for (const Case& c : nobody) EXPECT_THAT(Ask(c.words).err, HasSubstr(c.hint));
+  const Case noBus[] = {
+      {{"--bus", "system", "list"}, "hint: start it with: systemctl start dbus; "},
+      {{"--bus", "session", "list"}, "hint: dbus-run-session -- bash gives a shell with a bus of its own; "},
+      {{"--bus", "unix:path=/tmp/x", "list"}, "no message bus at unix:path=/tmp/x: 0x80070002 "},
+  };
+  connectCode = platform::ERROR_FILE_NOT_FOUND;
+  for (const Case& c : noBus) EXPECT_THAT(Ask(c.words).err, HasSubstr(c.hint));
 }
 
 // --- rm ---

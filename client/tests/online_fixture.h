@@ -105,7 +105,7 @@ class FakeService : public ISchedulerService {
   Status refusal = kStatusOk;
   platform::BusError lossOnChange;
   platform::BusError error;         // what the last call met
-  platform::BusError factsError;    // what asking for the facts meets
+  platform::BusError propertiesError;  // what asking for the properties meets
   std::function<void()> during;     // runs within CreateSchedule
   std::function<void()> beforeModify;
   std::function<void()> beforeGet;
@@ -113,7 +113,7 @@ class FakeService : public ISchedulerService {
   bool takesBack = false;                       // a modification fails late and is rolled back
   int launched = 0;
   std::function<bool()> whenQuiet;  // runs when no event is left: whether the bus is still there
-  qx::ServiceFacts facts{"1.2.3", "CET-1CEST,M3.5.0,M10.5.0/3", 19810, 3, 1796043600, "/var/lib/qxsvc"};
+  qx::ServiceProperties properties{"1.2.3", "CET-1CEST,M3.5.0,M10.5.0/3", 19810, 3, 1796043600, "/var/lib/qxsvc"};
   std::size_t pageRows = 2;
   int refreshed = 0;
   std::uint32_t process = 4711;         // 0: not on the bus
@@ -155,10 +155,10 @@ class FakeLink : public qx::ServiceLink {
     for (auto at = all.upper_bound(afterId); at != all.end() && rows.size() < most; ++at) rows.push_back(at->second);
     return kStatusOk;
   }
-  Status ReadFacts(qx::ServiceFacts& facts) override {
-    m_service.error = m_service.factsError;
+  Status ReadProperties(qx::ServiceProperties& properties) override {
+    m_service.error = m_service.propertiesError;
     if (m_service.error.IsSet()) return 0x80070000 | platform::ERROR_REQUEST_REFUSED;
-    facts = m_service.facts;
+    properties = m_service.properties;
     return kStatusOk;
   }
   Status Listen(ISchedulerServiceEvents& sink) override {
