@@ -61,7 +61,23 @@ class EventSet {
 
  private:
   struct State;
-  std::unique_ptr<State> m_state;
+  std::shared_ptr<State> m_state;
+};
+
+// Puts off the waking by what this thread sets: for whoever looks an event is set at once, but whoever waits is woken
+// only when the last such object of the thread ends. So that a caller has its answer before another thread goes to work
+// on what the call has changed. Only for a short while: what waits may be urgent.
+// Threads: made and ended on one thread, whose settings alone it puts off.
+class WakesPutOff {
+ public:
+  WakesPutOff();
+  WakesPutOff(const WakesPutOff&) = delete;
+  WakesPutOff& operator=(const WakesPutOff&) = delete;
+  ~WakesPutOff() { End(); }
+  void End();  // again: nothing
+
+ private:
+  bool m_holds = true;
 };
 
 }  // namespace platform

@@ -2,6 +2,8 @@
 
 #include <bit>
 #include <chrono>
+#include <utility>
+#include <vector>
 
 #include "platform/clock.h"
 #include "platform/fault_point.h"
@@ -23,6 +25,14 @@ struct EventSet::State {
   }
 };
 
+namespace {
+
+thread_local unsigned t_putOff = 0;  // objects that put wakes off
+// What they put off, each owning the set that it belongs to.
+thread_local std::vector<std::shared_ptr<Condition>> t_toWake;
+
+}  // namespace
+
 EventSet::EventSet() = default;
 EventSet::EventSet(EventSet&&) noexcept = default;
 EventSet& EventSet::operator=(EventSet&&) noexcept = default;
@@ -33,7 +43,7 @@ ErrorCode EventSet::Create(std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
     if (const ErrorCode rc = FaultAt(Operation::kCreateEvent); rc != ERROR_SUCCESS) return rc;
   }
-  auto state = std::make_unique<State>();
+  auto state = std::make_shared<State>();
   state->count = count;
   m_state = std::move(state);
   return ERROR_SUCCESS;
@@ -46,6 +56,10 @@ void EventSet::Set(std::size_t index) {
     const MutexLock lock(state.mutex);
     if (index >= state.count) return;
     state.set |= std::uint64_t{1} << index;
+  }
+  if (t_putOff != 0) {
+    t_toWake.emplace_back(m_state, &state.changed);
+    return;
   }
   // One waiter is enough: it takes one event, and further set events stay set for whoever looks next. Several waiters
   // with several settings each get their own call.
@@ -78,6 +92,13 @@ ErrorCode EventSet::Wait(std::uint32_t limitMs, WaitResult& result, std::int64_t
   bool inTime = true;
   while (!state.TakeLowest(result) && inTime) inTime = state.changed.WaitUntil(lock, deadline);
   return ERROR_SUCCESS;
+}
+
+WakesPutOff::WakesPutOff() { ++t_putOff; }
+
+void WakesPutOff::End() {
+  if (!std::exchange(m_holds, false) || --t_putOff != 0) return;
+  for (const auto& changed : std::exchange(t_toWake, {})) changed->NotifyOne();
 }
 
 std::size_t EventSet::Count() const { return m_state ? m_state->count : 0; }

@@ -214,17 +214,31 @@ BusMethod CServiceBus::Method(std::string name, std::vector<BusArgument> in, std
                               platform::BusMethodHandler handler) {
   return {std::move(name), std::move(in), std::move(out),
           [this, handler = std::move(handler)](MessageReader& call, MessageWriter& reply) {
+            if (const auto wakes = m_wakes.lock()) wakes->End();  // of a change just ahead: this call may take long
             NoteClient(call.Sender());
             BusError error = handler(call, reply);
             return error.IsSet() ? error : CheckReplySize(reply, m_replyLimit);
           }};
 }
 
+BusMethod CServiceBus::ChangeMethod(std::string name, std::vector<BusArgument> in, std::vector<BusArgument> out,
+                                    platform::BusMethodHandler handler) {
+  return Method(std::move(name), std::move(in), std::move(out),
+                [this, handler = std::move(handler)](MessageReader& call, MessageWriter& reply) {
+                  auto wakes = std::make_shared<platform::WakesPutOff>();
+                  m_wakes = wakes;
+                  BusError error = handler(call, reply);
+                  // The task has the last hold on them, and comes behind the reply.
+                  (void)m_apartment.Post([wakes = std::move(wakes)] {});
+                  return error;
+                });
+}
+
 BusInterface CServiceBus::ServiceInterface() {
   BusInterface served;
   served.name = kBusServiceInterface;
   std::vector<BusMethod>& methods = served.methods;
-  methods.push_back(Method("CreateSchedule", {kSchedule}, {kStatus, kId}, [this](auto& call, auto& reply) {
+  methods.push_back(ChangeMethod("CreateSchedule", {kSchedule}, {kStatus, kId}, [this](auto& call, auto& reply) {
     SCHEDULE_OBJECT schedule;
     CallArguments arguments(call);
     if (arguments.Schedule(schedule).Error().IsSet()) return arguments.Error();
@@ -233,13 +247,13 @@ BusInterface CServiceBus::ServiceInterface() {
     if (!error.IsSet()) AppendScheduleId(reply, id);
     return error;
   }));
-  methods.push_back(Method("DeleteSchedule", {kId}, {kStatus}, [this](auto& call, auto& reply) {
+  methods.push_back(ChangeMethod("DeleteSchedule", {kId}, {kStatus}, [this](auto& call, auto& reply) {
     ScheduleGuid id;
     CallArguments arguments(call);
     if (arguments.Id(id).Error().IsSet()) return arguments.Error();
     return AppendStatus(reply, m_service.DeleteSchedule(id));
   }));
-  methods.push_back(Method("ModifySchedule", {kId, kSchedule}, {kStatus}, [this](auto& call, auto& reply) {
+  methods.push_back(ChangeMethod("ModifySchedule", {kId, kSchedule}, {kStatus}, [this](auto& call, auto& reply) {
     ScheduleGuid id;
     SCHEDULE_OBJECT schedule;
     CallArguments arguments(call);

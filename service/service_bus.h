@@ -19,6 +19,7 @@
 #include "interface/ISchedulerService.h"
 #include "platform/apartment.h"
 #include "platform/bus_presence.h"
+#include "platform/event.h"
 #include "service/event_sinks.h"
 #include "service/list_info.h"
 
@@ -60,6 +61,9 @@ class CServiceBus {
   platform::BusInterface ManagerInterface();
   platform::BusMethod Method(std::string name, std::vector<platform::BusArgument> in,
                              std::vector<platform::BusArgument> out, platform::BusMethodHandler handler);
+  // The same for a change of the caller's own, behind which the scheduler thread is woken when the reply is sent.
+  platform::BusMethod ChangeMethod(std::string name, std::vector<platform::BusArgument> in,
+                                   std::vector<platform::BusArgument> out, platform::BusMethodHandler handler);
   platform::BusError ListPage(platform::MessageReader& call, platform::MessageWriter& reply);
   platform::ErrorCode SetUp(platform::BusConnection& connection);
   void NoteClient(std::string_view name);
@@ -75,6 +79,7 @@ class CServiceBus {
   CListInfo m_list;
   std::set<std::string, std::less<>> m_clients;
   std::uint32_t m_cookie = 0;
+  std::weak_ptr<platform::WakesPutOff> m_wakes;  // of the last change, until its reply is sent
 };
 
 }  // namespace qx

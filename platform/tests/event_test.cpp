@@ -142,6 +142,46 @@ TEST(EventSet, GivesEachSettingToOneOfSeveralWaiters) {
   EXPECT_EQ(WaitFor(events, 0).kind, Kind::kTimeout);
 }
 
+TEST(WakesPutOff, LeavesAnEventSetForWhoeverLooks) {
+  EventSet events = SetOf(2);
+  WakesPutOff wakes;
+  events.Set(1);
+  EXPECT_EQ(WaitFor(events, 0), (WaitResult{Kind::kEvent, 1}));
+  EXPECT_EQ(WaitFor(events, 0), (WaitResult{Kind::kTimeout, 0}));
+}
+
+TEST(WakesPutOff, WakesWhoeverWaitsAtItsEnd) {
+  for (int i = 0; i < 200; ++i) {
+    EventSet events = SetOf(1);
+    std::thread waiter([&] { EXPECT_EQ(WaitFor(events, kWaitForever), (WaitResult{Kind::kEvent, 0})); });
+    {
+      const WakesPutOff outer;
+      WakesPutOff inner;
+      events.Set(0);
+      inner.End();
+      inner.End();  // counts once
+    }
+    waiter.join();
+  }
+}
+
+TEST(WakesPutOff, LetsOtherThreadsWake) {
+  EventSet events = SetOf(1);
+  const WakesPutOff wakes;
+  std::thread waiter([&] { EXPECT_EQ(WaitFor(events, kWaitForever), (WaitResult{Kind::kEvent, 0})); });
+  std::thread([&] { events.Set(0); }).join();
+  waiter.join();
+}
+
+TEST(WakesPutOff, WakesInASetThatWasGivenUpMeanwhile) {
+  EventSet events = SetOf(1);
+  WakesPutOff wakes;
+  events.Set(0);
+  events = SetOf(1);
+  wakes.End();
+  EXPECT_EQ(WaitFor(events, 0), (WaitResult{Kind::kTimeout, 0}));
+}
+
 TEST(EventSet, ConsumesVirtualTimeInTheWaitingThread) {
   CountingClock clock(true);
   EventSet events = SetOf(1);

@@ -5,9 +5,11 @@
 
 #include <optional>
 #include <stdexcept>
+#include <thread>
 
 #include "common/bus_records.h"
 #include "foundation/testing/captured_log.h"
+#include "platform/event.h"
 #include "platform/text.h"
 #include "service/scheduler_service.h"
 
@@ -27,6 +29,7 @@ class FakeService : public ISchedulerService {
  public:
   Status CreateSchedule(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id) override {
     id = CLSID_SchedulerService;
+    if (duringCreation) duringCreation();
     return Note("CreateSchedule " + Text(schedule.bstrName));
   }
   Status DeleteSchedule(const ScheduleGuid& id) override { return Note("DeleteSchedule " + Text(id)); }
@@ -56,7 +59,10 @@ class FakeService : public ISchedulerService {
                                const NodeNames& names, NodeResults& results) override {
     return NoteNodes("ModifyScheduleOnNodes " + Text(id) + " " + Text(schedule.bstrName), count, names, results);
   }
-  Status Refresh() override { return Note("Refresh"); }
+  Status Refresh() override {
+    if (duringRefresh) duringRefresh();
+    return Note("Refresh");
+  }
   Status Notify_NextTimeWindow_Modify(const ScheduleGuid& id, std::int32_t window) override {
     return Note("Notify_NextTimeWindow_Modify " + Text(id) + " " + std::to_string(window));
   }
@@ -74,6 +80,8 @@ class FakeService : public ISchedulerService {
   }
 
   std::vector<std::string> calls;
+  std::function<void()> duringCreation;
+  std::function<void()> duringRefresh;
   Status answer = kStatusOk;
   bool throws = false;
   std::vector<SCHEDULE_OBJECT_EX> listed;
@@ -205,6 +213,33 @@ std::vector<MethodCase> MethodCases() {
        "PerformOperationOnNodes d 2 a b 7 8",
        {results}},
   };
+}
+
+// Whoever waits for a change is woken behind its reply, or ahead of the next call.
+TEST_F(ServiceBus, WakesWhoeverWaitsForAChangeWhenItsReplyIsSent) {
+  platform::EventSet events;
+  ASSERT_EQ(events.Create(1), ERROR_SUCCESS);
+  std::thread waiter([&] {
+    platform::WaitResult result;
+    EXPECT_EQ(events.Wait(platform::kWaitForever, result), ERROR_SUCCESS);
+  });
+  m_service.duringCreation = [&] { events.Set(0); };
+  EXPECT_FALSE(Call("CreateSchedule", {BusValue::Dict({})}).IsSet());
+  (void)m_apartment.Step(0);
+  waiter.join();
+}
+
+TEST_F(ServiceBus, WakesWhoeverWaitsForAChangeAheadOfALongCall) {
+  platform::EventSet events;
+  ASSERT_EQ(events.Create(1), ERROR_SUCCESS);
+  std::thread waiter([&] {
+    platform::WaitResult result;
+    EXPECT_EQ(events.Wait(platform::kWaitForever, result), ERROR_SUCCESS);
+  });
+  m_service.duringCreation = [&] { events.Set(0); };
+  m_service.duringRefresh = [&] { waiter.join(); };  // a call that takes until then
+  EXPECT_FALSE(Call("CreateSchedule", {BusValue::Dict({})}).IsSet());
+  EXPECT_FALSE(Call("Refresh", {}).IsSet());
 }
 
 TEST_F(ServiceBus, EachMethodHandsItsArgumentsOnAndAnswersStatusAndOutputs) {
