@@ -20,6 +20,10 @@
 
 namespace platform::registry {
 
+// Bytes of the write-ahead log: a longer one is cut to them when it begins anew. It does so when it holds 1000 pages of
+// 4096 bytes, each with a header of 24, unless one batch is longer.
+inline constexpr std::int64_t kLogRoom = 4194304;
+
 // The statements that stay prepared.
 enum Sql : std::size_t {
   kBegin,
@@ -85,6 +89,7 @@ class Store {
   [[nodiscard]] ErrorCode Commit();
   void Lose(ErrorCode code);
   [[nodiscard]] ErrorCode LimitGrowth(std::uint32_t morePages);
+  [[nodiscard]] ErrorCode MakeLogRoom();
 
  private:
   [[nodiscard]] ErrorCode Begin();

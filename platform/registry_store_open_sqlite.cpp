@@ -93,9 +93,11 @@ ErrorCode Store::Open(const std::string& path, std::string& why) {
     why = path + ": the file system keeps no write-ahead log";
     return ERROR_REGISTRY_IO_FAILED;
   }
-  const int rc = Execute(m_db.get(),
-                         "PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON; PRAGMA journal_size_limit=4194304;"
-                         "PRAGMA trusted_schema=OFF;");
+  const std::string settings =
+      "PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON; PRAGMA trusted_schema=OFF;"
+      "PRAGMA journal_size_limit=" +
+      std::to_string(kLogRoom) + ";";
+  const int rc = Execute(m_db.get(), settings.c_str());
   if (rc != SQLITE_OK) return fail(CodeFromSqlite(rc));
   if (isNew) {
     if (const ErrorCode code = MakeSchema(m_db.get()); code != ERROR_SUCCESS) return fail(code);

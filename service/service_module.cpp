@@ -14,6 +14,7 @@
 #include "platform/memory.h"
 #include "platform/process.h"
 #include "platform/registry.h"
+#include "platform/registry_log_room.h"
 #include "platform/terminal.h"
 #include "platform/text.h"
 #include "platform/thread.h"
@@ -225,6 +226,7 @@ bool CServiceModule::OpenStore() {
   }
   std::string why;
   if (platform::OpenRegistryStore(file, &why) == ERROR_SUCCESS) {
+    (void)platform::MakeRegistryLogRoom();  // without it the first changes take a little longer
     ZepFoundation::ConfigureDebugTrace();
     return true;
   }
