@@ -16,6 +16,10 @@ struct Row {
   const char* hint;
 };
 
+// Of an operation on nodes.
+constexpr Status kStatusNoNodes = 0x80040211;
+constexpr Status kStatusNoLocalhost = 0x80040212;
+
 constexpr Row kRows[] = {
     {kStatusOk, "Done.", ""},
     {kStatusFailure, "The operation failed.",
@@ -39,6 +43,8 @@ constexpr Row kRows[] = {
     {kStatusNoDirectory, "The directory of the XML path doesn't exist.",
      "create the directory, or leave xml out for the default directory"},
     {kStatusBackdated, "The rules lie wholly in the past.", "give a rule with a date to come"},
+    {kStatusNoNodes, "No nodes were given.", "name at least one node, localhost among them"},
+    {kStatusNoLocalhost, "The names of the nodes lack \"localhost\".", "name localhost too, in small letters"},
     {kStatusNotFoundForDelete, "The schedule can't be found or read for deleting.",
      "check the ID against the list of schedules"},
 };

@@ -29,6 +29,8 @@ TEST(StatusText, HasASentenceForEveryCode) {
       {0x8004020D, "0x8004020D The schedule has no registry key.", 3},
       {0x8004020F, "0x8004020F The directory of the XML path doesn't exist.", 1},
       {0x80040210, "0x80040210 The rules lie wholly in the past.", 5},
+      {0x80040211, "0x80040211 No nodes were given.", 1},
+      {0x80040212, "0x80040212 The names of the nodes lack \"localhost\".", 1},
       {0x80040214, "0x80040214 The schedule can't be found or read for deleting.", 3},
       {0x80040299, "0x80040299 Unknown status.", 1},
   };
