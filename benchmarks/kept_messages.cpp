@@ -19,37 +19,46 @@ constexpr char kPath[] = "/kept";
 constexpr int kAttempts = 10000;
 constexpr std::uint64_t kPatienceMicroseconds = 10'000'000;
 
-struct Kept {
-  std::string receiver;
-  std::vector<sd_bus_message*> messages;
-};
+// Ahead of the numbers that the library gives to calls by itself.
+constexpr std::uint64_t kFirstCookie = std::uint64_t{1} << 20;
 
-// Receive() names the receiver. Keep(...) makes a signal of the contents, to that one alone; Give(u) sends the one of
-// that number as it stands: it was marshalled once, so that sending it moves bytes and does nothing else.
-int Answer(sd_bus_message* call, void* userdata, sd_bus_error* /*error*/) {
-  Kept& kept = *static_cast<Kept*>(userdata);
-  sd_bus* const bus = sd_bus_message_get_bus(call);
-  int result = 0;
-  if (sd_bus_message_is_method_call(call, kName, "Receive") > 0) {
-    kept.receiver = sd_bus_message_get_sender(call);
-    return sd_bus_reply_method_return(call, nullptr);
+struct Kept {
+  sd_bus_message* contents;         // the call that brought them
+  sd_bus_message* reply = nullptr;  // as it goes out, once it was made
+};
+using AllKept = std::vector<Kept>;
+
+// Makes the answer to a call out of what is kept.
+int MakeReply(sd_bus_message* call, Kept& kept) {
+  sd_bus_message* reply = nullptr;
+  int result = sd_bus_message_new_method_return(call, &reply);
+  if (result >= 0) result = sd_bus_message_copy(reply, kept.contents, 1);
+  if (result < 0) {
+    sd_bus_message_unref(reply);
+    return result;
   }
+  kept.reply = reply;
+  return 0;
+}
+
+// Keep(...) keeps the contents of the call. Give(u) answers with those of that number; as the client numbers its calls
+// alike each time, the answer is made for the first one and sent as it stands from then on: that moves bytes and does
+// nothing else.
+int Answer(sd_bus_message* call, void* userdata, sd_bus_error* /*error*/) {
+  AllKept& all = *static_cast<AllKept*>(userdata);
+  sd_bus* const bus = sd_bus_message_get_bus(call);
+  if (sd_bus_message_is_method_call(call, kName, "Ready") > 0) return sd_bus_reply_method_return(call, nullptr);
   if (sd_bus_message_is_method_call(call, kName, "Keep") > 0) {
-    sd_bus_message* signal = nullptr;
-    if ((result = sd_bus_message_new_signal(bus, &signal, kPath, kName, "Kept")) < 0 ||
-        (result = sd_bus_message_set_destination(signal, kept.receiver.c_str())) < 0 ||
-        (result = sd_bus_message_copy(signal, call, 1)) < 0) {
-      sd_bus_message_unref(signal);
-      return result;
-    }
-    kept.messages.push_back(signal);
+    all.push_back({sd_bus_message_ref(call)});
     return sd_bus_reply_method_return(call, nullptr);
   }
   if (sd_bus_message_is_method_call(call, kName, "Give") <= 0) return 0;
   std::uint32_t number = 0;
-  result = sd_bus_message_read(call, "u", &number);
-  if (result < 0 || number >= kept.messages.size()) return -EINVAL;
-  result = sd_bus_send(bus, kept.messages[number], nullptr);
+  int result = sd_bus_message_read(call, "u", &number);
+  if (result < 0 || number >= all.size()) return -EINVAL;
+  Kept& kept = all[number];
+  if (kept.reply == nullptr && (result = MakeReply(call, kept)) < 0) return result;
+  result = sd_bus_send(bus, kept.reply, nullptr);
   return result < 0 ? result : 1;
 }
 
@@ -65,8 +74,8 @@ sd_bus* Connect(const std::string& address) {
 
 [[noreturn]] void Serve(const std::string& address) {
   sd_bus* const bus = Connect(address);
-  Kept kept;
-  if (bus == nullptr || sd_bus_add_object(bus, nullptr, kPath, Answer, &kept) < 0 ||
+  AllKept all;
+  if (bus == nullptr || sd_bus_add_object(bus, nullptr, kPath, Answer, &all) < 0 ||
       sd_bus_request_name(bus, kName, 0) < 0) {
     _exit(1);
   }
@@ -87,7 +96,7 @@ KeptMessages::KeptMessages(const std::string& address) {
     throw std::runtime_error("no bus");
   const timespec pause{0, 1'000'000};
   for (int i = 0; i < kAttempts; ++i) {
-    if (sd_bus_call_method(m_client, kName, kPath, kName, "Receive", nullptr, nullptr, nullptr) >= 0) return;
+    if (sd_bus_call_method(m_client, kName, kPath, kName, "Ready", nullptr, nullptr, nullptr) >= 0) return;
     nanosleep(&pause, nullptr);
   }
   throw std::runtime_error("no server for messages to keep");
@@ -106,24 +115,19 @@ std::uint32_t KeptMessages::Keep(const std::function<void(platform::MessageWrite
   if (m_writer.NewCall(kName, kPath, kName, "Keep", call) != 0) throw std::runtime_error("no call");
   write(call);
   if (m_writer.Call(std::move(call), reply, error) != 0) throw std::runtime_error("not kept: " + error.text);
+  Move(m_count);  // makes the answer
   return m_count++;
 }
 
 void KeptMessages::Move(std::uint32_t number) {
   sd_bus_message* call = nullptr;
+  sd_bus_message* reply = nullptr;
   int result = sd_bus_message_new_method_call(m_client, &call, kName, kPath, kName, "Give");
-  if (result >= 0) result = sd_bus_message_set_expect_reply(call, 0);
   if (result >= 0) result = sd_bus_message_append(call, "u", number);
-  if (result >= 0) result = sd_bus_send(m_client, call, nullptr);
+  if (result >= 0) result = sd_bus_message_seal(call, kFirstCookie + number, kPatienceMicroseconds);
+  if (result >= 0) result = sd_bus_call(m_client, call, kPatienceMicroseconds, nullptr, &reply);
   sd_bus_message_unref(call);
-  bool came = false;
-  while (result >= 0 && !came) {
-    sd_bus_message* message = nullptr;
-    result = sd_bus_process(m_client, &message);
-    came = message != nullptr && sd_bus_message_is_signal(message, kName, "Kept") > 0;
-    sd_bus_message_unref(message);
-    if (result == 0) result = sd_bus_wait(m_client, kPatienceMicroseconds) > 0 ? 0 : -ETIMEDOUT;
-  }
+  sd_bus_message_unref(reply);
   if (result < 0) throw std::runtime_error("not given: error " + std::to_string(-result));
 }
 

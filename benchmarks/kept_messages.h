@@ -1,6 +1,7 @@
-// benchmarks/kept_messages.h: a bare server that sends messages which it has kept, byte by byte.
+// benchmarks/kept_messages.h: a bare server that answers calls with messages which it has kept, byte by byte.
 //
-// It is the yardstick of what travels over the bus: the same bytes, marshalled once beforehand and read by nobody.
+// It is the yardstick of what travels over the bus: a call and, as its answer, the same bytes, marshalled once
+// beforehand and read by nobody.
 #pragma once
 
 #include <sys/types.h>
@@ -25,7 +26,7 @@ class KeptMessages {
 
   // Lets the server keep what `write` appends; returns its number.
   std::uint32_t Keep(const std::function<void(platform::MessageWriter&)>& write);
-  // One call, and the kept contents as its answer. They are received, not read.
+  // One call, and the kept contents as its reply. They are received, not read.
   void Move(std::uint32_t number);
 
  private:
