@@ -180,8 +180,8 @@ class Pages {
   // Milliseconds for the whole list.
   double Ours() {
     const double begin = SteadyNanoseconds();
-    std::vector<ListRow> rows;
-    Demand(m_service.Client().ListAll(rows) == kStatusOk && rows.size() == kManySchedules, "no list");
+    SentListRows list;
+    Demand(m_service.Client().ListAll(list) == kStatusOk && list.rows.size() == kManySchedules, "no list");
     return (SteadyNanoseconds() - begin) / 1e6;
   }
   double Reference() {

@@ -11,6 +11,7 @@
 #include "client/cli_completion.h"
 #include "client/cli_config.h"
 #include "client/cli_history.h"
+#include "client/cli_list.h"
 #include "client/cli_nodes.h"
 #include "client/cli_record.h"
 #include "client/cli_reg.h"

@@ -183,6 +183,7 @@ class SpreadLink final : public ServiceLink {
     return m_inner->ListInfo(afterId, limit, rows);
   }
   Status ListAll(std::vector<ListRow>& rows) override { return m_inner->ListAll(rows); }
+  Status ListRows(SentListRows& list) override { return m_inner->ListRows(list); }
   Status ReadProperties(ServiceProperties& properties) override { return m_inner->ReadProperties(properties); }
   Status Listen(ISchedulerServiceEvents& sink) override { return m_inner->Listen(sink); }
   bool WaitForEvents(std::uint32_t limitMs) override { return m_inner->WaitForEvents(limitMs); }

@@ -38,152 +38,6 @@ ordered_json WindowJson(std::int32_t window) {
   return window;
 }
 
-std::string WindowText(std::int32_t window) {
-  if (window == kDamagedKey) return "damaged";
-  return window < 0 ? "-" : FormatInstant(window, platform::CurrentZone());
-}
-
-// --- list ---
-
-struct Line {
-  std::string next;
-  std::string name;
-  std::string id;
-  std::string command;
-};
-
-using Rows = std::vector<const ListRow*>;
-
-// Those with a window by time, then those without one, then what can't be read; equals by name, then by ID.
-//   rows  in order of their IDs
-Rows InOrder(const std::vector<ListRow>& rows) {
-  Rows order;
-  order.reserve(rows.size());
-  for (const ListRow& row : rows) order.push_back(&row);
-  const auto rank = [](const ListRow& row) { return row.nextWindow >= 0 ? 0 : row.nextWindow == kDamagedKey ? 2 : 1; };
-  std::stable_sort(order.begin(), order.end(), [&](const ListRow* a, const ListRow* b) {
-    if (a->nextWindow != b->nextWindow) return std::pair(rank(*a), a->nextWindow) < std::pair(rank(*b), b->nextWindow);
-    return a->name < b->name;
-  });
-  return order;
-}
-
-std::size_t Width(std::string_view text) {
-  return static_cast<std::size_t>(
-      std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
-}
-
-// Appends the text in exactly (pad) or at most `width` characters.
-void AppendFit(std::string& out, std::string_view text, std::size_t width, bool pad) {
-  const std::size_t has = Width(text);
-  if (has > width) {
-    std::size_t at = 0;
-    for (std::size_t kept = 0; at < text.size(); ++at) {
-      if ((static_cast<unsigned char>(text[at]) & 0xC0) != 0x80 && kept++ == width - 1) break;
-    }
-    out.append(text.substr(0, at)).append("…");
-    return;
-  }
-  out.append(text);
-  if (pad) out.append(width - has, ' ');
-}
-
-struct Widths {
-  std::size_t next = 4, name = 4, id = 2, command = 7;
-};
-
-// Where the line is too short, first the ID gives way down to eight digits, which still name a schedule, then the
-// command, then the name.
-Widths WidthsFor(const std::vector<Line>& lines, std::size_t columns) {
-  constexpr std::size_t kGaps = 6, kLeastId = 10, kLeastText = 12;
-  Widths widths;
-  for (const Line& line : lines) {
-    widths.next = std::max(widths.next, Width(line.next));
-    widths.name = std::max(widths.name, Width(line.name));
-    widths.id = std::max(widths.id, Width(line.id));
-    widths.command = std::max(widths.command, Width(line.command));
-  }
-  if (columns == 0) return widths;
-  const auto total = [&] { return widths.next + widths.name + widths.id + widths.command + kGaps; };
-  const auto shrink = [&](std::size_t& width, std::size_t least) {
-    if (total() > columns && width > least) width -= std::min(width - least, total() - columns);
-  };
-  // A long text doesn't cost the ID its digits.
-  shrink(widths.command, 2 * kLeastText);
-  shrink(widths.name, 2 * kLeastText);
-  shrink(widths.id, kLeastId);
-  shrink(widths.command, kLeastText);
-  shrink(widths.name, kLeastText);
-  shrink(widths.command, kLeastText / 2);
-  shrink(widths.name, kLeastText / 2);
-  return widths;
-}
-
-void AppendLine(std::string& out, const Line& line, const Widths& widths) {
-  AppendFit(out, line.next, widths.next, true);
-  AppendFit(out.append("  "), line.name, widths.name, true);
-  AppendFit(out.append("  "), line.id, widths.id, true);
-  AppendFit(out.append("  "), line.command, widths.command, false);
-  out.erase(out.find_last_not_of(' ') + 1);
-}
-
-void PrintListTable(CliContext& context, const Rows& rows, std::size_t columns) {
-  constexpr std::size_t kBlock = 65536;  // bytes of one write
-  std::vector<Line> lines;
-  lines.reserve(rows.size());
-  std::size_t without = 0, damaged = 0;
-  for (const ListRow* row : rows) {
-    damaged += row->nextWindow == kDamagedKey;
-    without += row->nextWindow < 0 && row->nextWindow != kDamagedKey;
-    std::string command = Utf8FromWide(row->wrapper);
-    if (!row->parameters.empty()) command += " " + Utf8FromWide(row->parameters);
-    lines.push_back({WindowText(row->nextWindow), Printable(Utf8FromWide(row->name)), Printable(Utf8FromWide(row->id)),
-                     Printable(command)});
-  }
-  const Widths widths = WidthsFor(lines, columns);
-  if (!context.options.noLegend) {
-    std::string legend;
-    AppendLine(legend, {"NEXT", "NAME", "ID", "COMMAND"}, widths);
-    context.out << Paint(context.colourOut, Colour::kBold, legend) << "\n";
-  }
-  std::string block;
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    if (context.colourOut && rows[i]->nextWindow == kDamagedKey) {
-      std::string line;
-      AppendLine(line, lines[i], widths);
-      block += Paint(true, Colour::kRed, line);
-    } else {
-      AppendLine(block, lines[i], widths);
-    }
-    block += '\n';
-    if (block.size() >= kBlock) context.out << std::exchange(block, {});
-  }
-  context.out << block;
-  if (context.options.noLegend) return;
-  context.out << "\n" << rows.size() << (rows.size() == 1 ? " schedule" : " schedules");
-  if (without > 0) context.out << ", " << without << " without a window to come";
-  if (damaged > 0) context.out << ", " << damaged << " damaged";
-  context.out << ", zone " << Printable(ZoneText()) << ".\n";
-}
-
-ordered_json RowJson(const ListRow& row) {
-  ordered_json out = ordered_json::object();
-  out["id"] = Utf8FromWide(row.id);
-  out["name"] = Utf8FromWide(row.name);
-  out["application"] = Utf8FromWide(row.application);
-  out["object_id"] = Utf8FromWide(row.objectId);
-  out["task_code"] = row.taskCode;
-  out["wrapper"] = Utf8FromWide(row.wrapper);
-  out["xml"] = Utf8FromWide(row.xml);
-  out["parameters"] = Utf8FromWide(row.parameters);
-  out["pre_script"] = Utf8FromWide(row.preScript);
-  out["post_script"] = Utf8FromWide(row.postScript);
-  out["pass_id"] = row.passId != 0;
-  out["next_window"] = WindowJson(row.nextWindow);
-  if (row.nextWindow == kDamagedKey) out["damaged"] = true;
-  return out;
-}
-
 // --- rm ---
 
 struct Removal {
@@ -264,8 +118,8 @@ class EventPrinter : public ISchedulerServiceEvents {
     return window < 0 ? "no window to come" : "next " + FormatInstant(window, platform::CurrentZone());
   }
   [[nodiscard]] std::string Head(const std::string& event) const {
-    std::string padded;
-    AppendFit(padded, event, kEventWidth, true);
+    std::string padded = event;
+    padded.resize(std::max(padded.size(), kEventWidth), ' ');
     return FormatInstant(platform::NowSeconds(), platform::CurrentZone()) + "  " +
            Paint(m_context.colourOut, Colour::kBold, padded) + "  ";
   }
@@ -286,23 +140,6 @@ class EventPrinter : public ISchedulerServiceEvents {
 };
 
 }  // namespace
-
-int RunList(CliContext& context, const OnlineSettings& settings) {
-  Session session(context, settings);
-  if (const int exit = session.Begin(); exit != kExitDone) return exit;
-  std::vector<ListRow> rows;
-  if (const int exit = session.AllRows(rows); exit != kExitDone) return exit;
-  const Rows order = InOrder(rows);
-  if (context.options.json) {
-    ordered_json out = ordered_json::array();
-    for (const ListRow* row : order) out.push_back(RowJson(*row));
-    WriteJson(context.out, out);
-    return kExitDone;
-  }
-  BeginPaged(context);
-  PrintListTable(context, order, settings.columns.value_or(context.columns));
-  return kExitDone;
-}
 
 int RunShow(CliContext& context, const OnlineSettings& settings, const std::string& schedule) {
   Session session(context, settings);
@@ -332,17 +169,18 @@ int RunShow(CliContext& context, const OnlineSettings& settings, const std::stri
 
 int RunStatus(CliContext& context, const OnlineSettings& settings) {
   Session session(context, settings);
-  std::vector<ListRow> rows;
+  SentListRows list;
   int exit = session.Begin();
-  if (exit == kExitDone) exit = session.AllRows(rows);
+  if (exit == kExitDone) exit = session.AllRows(list);
   if (exit != kExitDone) {
     if (context.options.json) WriteJson(context.out, {{"reachable", false}});
     return exit;
   }
+  const std::vector<SentListRow>& rows = list.rows;
   const ServiceProperties& properties = session.Properties();
   const auto damaged =
-      std::count_if(rows.begin(), rows.end(), [](const ListRow& r) { return r.nextWindow == kDamagedKey; });
-  const auto due = std::count_if(rows.begin(), rows.end(), [](const ListRow& r) { return r.nextWindow >= 0; });
+      std::count_if(rows.begin(), rows.end(), [](const SentListRow& r) { return r.nextWindow == kDamagedKey; });
+  const auto due = std::count_if(rows.begin(), rows.end(), [](const SentListRow& r) { return r.nextWindow >= 0; });
   const auto without = static_cast<std::ptrdiff_t>(rows.size()) - due - damaged;
   if (context.options.json) {
     ordered_json out = ordered_json::object();

@@ -1,4 +1,4 @@
-// client/cli_online.h: the commands that ask a running service: list, show, status, add, rm, monitor, refresh.
+// client/cli_online.h: the commands that ask a running service: show, status, add, rm, monitor, refresh.
 //
 // A SCHEDULE argument is a full ID (with or without braces), the beginning of its digits, at least four, or an exact
 // name. What several schedules answer to is ambiguous. Times are read and shown in the zone of the service, which
@@ -27,9 +27,6 @@ struct OnlineSettings {
   std::optional<bool> confirm;         // whether to ask before a deletion; nothing: on a terminal
   std::optional<std::size_t> columns;  // width of the output, 0 for no limit; nothing: that of the terminal
 };
-
-// All schedules by next window.
-[[nodiscard]] int RunList(CliContext& context, const OnlineSettings& settings);
 
 // One record with its next windows.
 [[nodiscard]] int RunShow(CliContext& context, const OnlineSettings& settings, const std::string& schedule);

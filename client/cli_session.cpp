@@ -18,6 +18,7 @@
 #include "platform/interrupt.h"
 #include "platform/terminal.h"
 #include "platform/text.h"
+#include "platform/thread.h"
 
 namespace qx {
 namespace {
@@ -168,6 +169,11 @@ int Session::AllRows(std::vector<ListRow>& rows) {
   return status == kStatusOk ? static_cast<int>(kExitDone) : Fail(status, "");
 }
 
+int Session::AllRows(SentListRows& list) {
+  const Status status = Wait("list the schedules", false, [&] { return m_link->ListRows(list); });
+  return status == kStatusOk ? static_cast<int>(kExitDone) : Fail(status, "");
+}
+
 int Session::FindInList(const std::string& word, const std::vector<ListRow>& rows, Target& target) {
   std::vector<NamedId> listed;
   listed.reserve(rows.size());
@@ -233,7 +239,11 @@ int Session::Fetch(const Target& target, SCHEDULE_OBJECT& record) {
 }
 
 int Session::Begin() {
+  // Making the zone's table takes as long as the service needs for its first answer.
+  platform::Thread zone;
+  (void)platform::Thread::Start("qxsched-zone", [] { (void)platform::CurrentZone(); }, zone);  // else it is made later
   const int exit = Connect();
+  zone.Join();
   return exit == kExitDone ? UseServiceZone() : exit;
 }
 

@@ -64,6 +64,7 @@ class Session {
   [[nodiscard]] bool IsLost() const;
 
   int AllRows(std::vector<ListRow>& rows);
+  int AllRows(SentListRows& list);
   // Finds the schedules that the words name, each once. Nothing is left out: the first word that names none ends it.
   int Find(const std::vector<std::string>& words, std::vector<Target>& targets);
   // All schedules of the list; one that is damaged is told and left out.

@@ -56,9 +56,12 @@ std::string FormatFinding(std::string_view file, const Finding& finding) {
   return line;
 }
 
+bool IsPlainAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
+}
+
 std::string Printable(std::string_view text) {
-  const bool plain = std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
-  if (plain) return std::string(text);
+  if (IsPlainAscii(text)) return std::string(text);
   std::string out;
   out.reserve(text.size());
   while (!text.empty()) {

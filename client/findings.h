@@ -42,5 +42,7 @@ void SortFindings(std::vector<Finding>& findings);
 // the direction of writing: control characters and bytes that are no UTF-8 become "\xNN", what else a terminal obeys
 // "\uNNNN".
 [[nodiscard]] std::string Printable(std::string_view text);
+// Whether it is ASCII without control characters, which Printable() leaves as it is.
+[[nodiscard]] bool IsPlainAscii(std::string_view text);
 
 }  // namespace qx

@@ -6,6 +6,7 @@
 #include <memory>
 #include <utility>
 
+#include "client/list_walk.h"
 #include "common/bus_records.h"
 #include "platform/bus.h"
 #include "platform/clock.h"
@@ -101,9 +102,7 @@ struct [[gnu::visibility("hidden")]] SchedulerClient::Impl {
   Status SubscribeToOwner();
   void OnOwner(MessageReader& signal);
   Status AskBus(std::string_view member, MessageReader& reply);
-  struct Part;
-  Status AskForPage(const std::shared_ptr<Part>& part);
-  Status TakePage(Part& part);
+  Status BeginPage(std::string_view after, std::uint32_t limit, MessageWriter& call);
   void OnSignal(MessageReader& signal);
   void Hear(bool ofOwner, MessageReader& signal);
   void Deliver(const std::function<void(ISchedulerServiceEvents&)>& event);
@@ -119,17 +118,6 @@ struct [[gnu::visibility("hidden")]] SchedulerClient::Impl {
   // Signals that came while something else was waited for, each with whether it is about the service's name.
   bool keepsSignals = false;
   std::vector<std::pair<bool, MessageReader>> keptSignals;
-};
-
-// Asks for the pages of a part of the list, one after the other.
-struct [[gnu::visibility("hidden")]] SchedulerClient::Impl::Part {
-  std::u16string after;
-  std::u16string upTo;  // the last ID that may belong to it; empty: no bound
-  std::vector<ListRow> rows;
-  bool isAsked = false;  // an answer is to come
-  bool isOver = false;
-  MessageReader reply;
-  BusError error;
 };
 
 SchedulerClient::SchedulerClient() : m_impl(std::make_unique<Impl>()) {}
@@ -499,113 +487,40 @@ Status SchedulerClient::ListInfo(std::u16string_view afterId, std::uint32_t limi
       [&](MessageReader& reply) { return ReadListRows(reply, rows); });
 }
 
-// --- the whole list ---
-
-namespace {
-
-// IDs are spread evenly, so that this one has about half of them in front of it.
-constexpr std::u16string_view kMiddleId = u"{7FFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF}";
-// A list that isn't longer than this is read from front to end.
-constexpr std::size_t kWorthHalves = 500;
-
-// IDs of a list come in upper case or lower; their order knows no case.
-bool IsBehind(const ListRow& row, std::u16string_view id) {
-  return std::lexicographical_compare(id.begin(), id.end(), row.id.begin(), row.id.end(), [](char16_t a, char16_t b) {
-    const auto upper = [](char16_t c) { return c >= u'a' && c <= u'z' ? static_cast<char16_t>(c - u'a' + u'A') : c; };
-    return upper(a) < upper(b);
-  });
-}
-
-}  // namespace
-
-Status SchedulerClient::Impl::AskForPage(const std::shared_ptr<Part>& part) {
-  MessageWriter call;
-  if (const ErrorCode rc = connection.NewCall(kBusName, kBusPath, kBusManagerInterface, "ListInfo", call);
-      rc != ERROR_SUCCESS) {
+Status SchedulerClient::Impl::BeginPage(std::string_view after, std::uint32_t limit, MessageWriter& call) {
+  const ErrorCode rc = connection.NewCall(kBusName, kBusPath, kBusManagerInterface, "ListInfo", call);
+  if (rc != ERROR_SUCCESS) {
     return Fail(rc, {std::string(platform::kBusErrorDisconnected), "not connected to the message bus"});
   }
-  AppendText(call, part->after);
-  call.AppendUint32(0);
-  const auto answered = [part](MessageReader& reply, const BusError& error) {
-    part->reply = std::move(reply);
-    part->error = error;
-    part->isAsked = false;
-  };
-  part->isAsked = true;
-  const ErrorCode rc = connection.CallAsync(std::move(call), answered, platform::kNoCallLimit);
-  return rc == ERROR_SUCCESS ? kStatusOk : Fail(rc, BusError::Failed("the call could not be sent"));
-}
-
-// Takes the page that came over into the rows.
-Status SchedulerClient::Impl::TakePage(Part& part) {
-  if (part.error.IsSet()) {
-    const bool lost = part.error.name == platform::kBusErrorDisconnected;
-    return Fail(lost ? platform::ERROR_NOT_CONNECTED : platform::ERROR_REQUEST_REFUSED, std::move(part.error));
-  }
-  std::int32_t status = 0;
-  if (part.reply.ReadInt32(status) != ERROR_SUCCESS) return Fail(platform::ERROR_INVALID_DATA, BadReply("status"));
-  if (status != 0) return static_cast<Status>(status);
-  const std::size_t before = part.rows.size();
-  if (BusError error = ReadListRows(part.reply, part.rows); error.IsSet()) {
-    return Fail(platform::ERROR_INVALID_DATA, std::move(error));
-  }
-  part.reply = {};
-  // A page that begins again would never end.
-  part.isOver = part.rows.size() == before || part.rows.back().id == part.after;
-  while (!part.upTo.empty() && part.rows.size() > before && IsBehind(part.rows.back(), part.upTo)) {
-    part.rows.pop_back();
-    part.isOver = true;
-  }
-  if (!part.isOver) part.after = part.rows.back().id;
+  call.AppendString(after);
+  call.AppendUint32(limit);
   return kStatusOk;
 }
 
-// Both halves at once: the service makes a page of the one while a page of the other is read here.
-Status SchedulerClient::ListAll(std::vector<ListRow>& rows) {
+// --- the whole list ---
+
+Status SchedulerClient::ListAll(SentListRows& list) {
   Impl& impl = *m_impl;
-  const auto first = std::make_shared<Impl::Part>();
-  if (const Status status = ListInfo({}, 0, first->rows); status != kStatusOk || first->rows.empty()) return status;
-  first->after = first->rows.back().id;
-  std::vector<std::shared_ptr<Impl::Part>> parts = {first};
+  impl.lastError = {};
   // From within an event the connection answers nothing but a single call.
-  const bool canAsk = !impl.waitsForEvents;
-  if (canAsk && first->rows.size() >= kWorthHalves && !IsBehind(first->rows.back(), kMiddleId)) {
-    first->upTo = kMiddleId;
-    parts.push_back(std::make_shared<Impl::Part>());
-    parts.back()->after = kMiddleId;
-  }
-  Status status = kStatusOk;
-  if (!canAsk) {
-    for (std::size_t had = 0; status == kStatusOk && had != first->rows.size();) {
-      had = first->rows.size();
-      status = ListInfo(std::u16string(first->rows.back().id), 0, first->rows);
-    }
-  } else {
-    const bool kept = std::exchange(impl.keepsSignals, true);
-    for (const auto& part : parts) {
-      if (status == kStatusOk) status = impl.AskForPage(part);
-    }
-    for (std::size_t turn = 0; status == kStatusOk; ++turn) {
-      const auto isOver = [](const auto& part) { return part->isOver; };
-      if (std::all_of(parts.begin(), parts.end(), isOver)) break;
-      const std::shared_ptr<Impl::Part>& part = parts[turn % parts.size()];
-      if (part->isOver) continue;
-      while (part->isAsked) {
-        const bool more = impl.connection.Process();
-        if (!more && part->isAsked) (void)impl.connection.WaitForWork(platform::Apartment::kForever);
-      }
-      status = impl.TakePage(*part);
-      if (status == kStatusOk && !part->isOver) status = impl.AskForPage(part);
-    }
-    impl.keepsSignals = kept;
-  }
-  if (status != kStatusOk) return status;
-  if (rows.empty()) rows.swap(first->rows);
-  std::size_t count = rows.size();
-  for (const auto& part : parts) count += part->rows.size();
-  rows.reserve(count);
-  for (const auto& part : parts) std::move(part->rows.begin(), part->rows.end(), std::back_inserter(rows));
-  return kStatusOk;
+  ListWalk walk({impl.connection,
+                 [&](std::string_view after, std::uint32_t limit, MessageWriter& call) {
+                   return impl.BeginPage(after, limit, call);
+                 },
+                 !impl.waitsForEvents,
+                 [&](ErrorCode code, BusError error) { return impl.Fail(code, std::move(error)); }});
+  const bool kept = std::exchange(impl.keepsSignals, true);
+  const Status status = walk.Run(list);
+  impl.keepsSignals = kept;
+  return status;
+}
+
+Status SchedulerClient::ListAll(std::vector<ListRow>& rows) {
+  SentListRows list;
+  const Status status = ListAll(list);
+  rows.reserve(rows.size() + list.rows.size());
+  std::transform(list.rows.begin(), list.rows.end(), std::back_inserter(rows), WideListRow);
+  return status;
 }
 
 Status SchedulerClient::Properties(ServiceProperties& properties) {

@@ -109,9 +109,11 @@ class SchedulerClient : public ISchedulerService {  // a connection to the servi
   //   limit    0: as many as the service likes
   //   rows     appended to
   Status ListInfo(std::u16string_view afterId, std::uint32_t limit, std::vector<ListRow>& rows);
-  // All pages, in order of IDs. Two of them are on the way at a time.
+  // All pages, in order of IDs. A long list comes in several parts at a time.
   //   rows     appended to; untouched on failure
   Status ListAll(std::vector<ListRow>& rows);
+  // The same without a copy of any text; let go of on this client's thread.
+  Status ListAll(SentListRows& list);
   // What the service says about itself.
   Status Properties(ServiceProperties& properties);
 

@@ -1,6 +1,8 @@
 #include "client/service_link.h"
 
+#include <deque>
 #include <iterator>
+#include <string_view>
 #include <utility>
 
 namespace qx {
@@ -20,6 +22,7 @@ class BusLink : public ServiceLink {
     return m_client.ListInfo(afterId, limit, rows);
   }
   Status ListAll(std::vector<ListRow>& rows) override { return m_client.ListAll(rows); }
+  Status ListRows(SentListRows& list) override { return m_client.ListAll(list); }
   Status ReadProperties(ServiceProperties& properties) override { return m_client.Properties(properties); }
   Status Listen(ISchedulerServiceEvents& sink) override {
     std::uint32_t cookie = 0;
@@ -53,6 +56,23 @@ Status ServiceLink::ListAll(std::vector<ListRow>& rows) {
     std::move(page.begin(), page.end(), std::back_inserter(all));
   }
   rows = std::move(all);
+  return kStatusOk;
+}
+
+Status ServiceLink::ListRows(SentListRows& list) {
+  std::vector<ListRow> rows;
+  if (const Status status = ListAll(rows); status != kStatusOk) return status;
+  const auto texts = std::make_shared<std::deque<std::string>>();
+  const auto sent = [&](const std::u16string& text) -> std::string_view {
+    AppendSentText(texts->emplace_back(), text);
+    return texts->back();
+  };
+  for (const ListRow& row : rows) {
+    list.rows.push_back({sent(row.id), sent(row.name), sent(row.application), sent(row.objectId), row.taskCode,
+                         sent(row.wrapper), sent(row.xml), sent(row.parameters), sent(row.preScript),
+                         sent(row.postScript), row.passId, row.nextWindow});
+  }
+  list.texts.push_back(texts);
   return kStatusOk;
 }
 

@@ -29,6 +29,8 @@ class ServiceLink {
   virtual Status ListInfo(const std::u16string& afterId, std::uint32_t limit, std::vector<ListRow>& rows) = 0;
   // The whole list, in order of IDs; untouched on failure.
   virtual Status ListAll(std::vector<ListRow>& rows);
+  // The same with borrowed texts; let go of ahead of the link.
+  virtual Status ListRows(SentListRows& list);
   virtual Status ReadProperties(ServiceProperties& properties) = 0;
   // From now on `sink`, which outlives the link, hears of the service's events, within WaitForEvents().
   virtual Status Listen(ISchedulerServiceEvents& sink) = 0;

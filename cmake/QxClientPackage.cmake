@@ -6,7 +6,7 @@ include(GNUInstallDirs)
 
 set(export_list ${CMAKE_CURRENT_LIST_DIR}/QxClient.map)
 add_library(qx_schedclient SHARED
-  "$<FILTER:$<TARGET_OBJECTS:qx_client>,INCLUDE,/(scheduler_client|status_text)\\.cpp\\.o$>"
+  "$<FILTER:$<TARGET_OBJECTS:qx_client>,INCLUDE,/(list_walk|scheduler_client|status_text)\\.cpp\\.o$>"
   "$<FILTER:$<TARGET_OBJECTS:qx_common>,INCLUDE,/bus_records\\.cpp\\.o$>"
   "$<FILTER:$<TARGET_OBJECTS:qx_platform>,INCLUDE,/text_case\\.cpp\\.o$>")
 set_target_properties(qx_schedclient PROPERTIES OUTPUT_NAME qxschedclient LINKER_LANGUAGE CXX EXPORT_NAME Client

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <type_traits>
 #include <utility>
 #include <variant>
@@ -19,6 +20,7 @@ using platform::MessageReader;
 using platform::MessageWriter;
 
 constexpr std::string_view kRulesKey = "stScheduleRules";
+constexpr std::string_view kRulesPrefix = "stScheduleRules.";
 
 // One key of a record: where its value stands. The member's type says how it travels.
 template <class Record>
@@ -95,6 +97,18 @@ std::u16string Sendable(std::u16string_view text) {
   return sent;
 }
 
+// Most texts are plain ASCII.
+void Widen(std::string_view text, std::u16string& out) {
+  unsigned char all = 0;
+  for (const char c : text) all |= static_cast<unsigned char>(c);
+  if (all >= 0x80) {
+    out = platform::WideFromUtf8(text);
+    return;
+  }
+  out.resize(text.size());
+  std::copy(text.begin(), text.end(), out.begin());
+}
+
 // --- scalars by type ---
 
 constexpr std::string_view TypeOf(const BSTR*) {
@@ -142,6 +156,13 @@ platform::ErrorCode Read(MessageReader& reader, std::int16_t& value) {
   return reader.ReadInt16(value);
 }
 
+// A key as refusals call it; its text is made for one only.
+struct KeyName {
+  std::string_view prefix;
+  std::string_view name;
+  [[nodiscard]] std::string Text() const { return std::string(prefix).append(name); }
+};
+
 std::string Quoted(std::string_view key) {
   return "'" + std::string(key) + "'";
 }
@@ -155,13 +176,27 @@ BusError Malformed(std::string_view key) {
   return BusError::InvalidArgs("key " + Quoted(key) + " can't be read");
 }
 
-BusError CheckText(Reading reading, std::string_view key, std::string_view text) {
+BusError CheckText(Reading reading, const KeyName& key, std::string_view text) {
   constexpr std::string_view kForbidden("\r\n\0", 3);
   if (reading == Reading::kReply || text.find_first_of(kForbidden) == std::string_view::npos) return {};
-  return BusError::InvalidArgs("a line end in key " + Quoted(key));
+  return BusError::InvalidArgs("a line end in key " + Quoted(key.Text()));
+}
+
+BusError Malformed(const KeyName& key) {
+  return Malformed(key.Text());
 }
 
 // --- writing ---
+
+// How many elements an array has without its trailing zeros. Most have none at all.
+template <class Element, std::size_t N>
+std::size_t UsedCount(const std::array<Element, N>& array) {
+  Element all = 0;
+  for (const Element element : array) all |= element;
+  std::size_t count = all == 0 ? 0 : N;
+  while (count > 0 && array[count - 1] == 0) --count;
+  return count;
+}
 
 template <class Record, std::size_t N>
 void AppendRecord(MessageWriter& writer, const Record& record, const Field<Record> (&fields)[N]);
@@ -175,9 +210,8 @@ void AppendValue(MessageWriter& writer, const Value& value) {
   } else if constexpr (std::is_integral_v<Value>) {
     Append(writer, value);
   } else {
-    const auto last = std::find_if(value.rbegin(), value.rend(), [](auto element) { return element != 0; });
     writer.OpenArray(TypeOf(value.data()));
-    std::for_each(value.begin(), last.base(), [&](auto element) { Append(writer, element); });
+    for (std::size_t i = 0, used = UsedCount(value); i < used; ++i) Append(writer, value[i]);
     writer.Close();
   }
 }
@@ -207,11 +241,11 @@ void AppendRecord(MessageWriter& writer, const Record& record, const Field<Recor
 // --- reading ---
 
 template <class Record, std::size_t N>
-BusError ReadRecord(MessageReader& reader, Reading reading, const std::string& prefix, Record& record,
+BusError ReadRecord(MessageReader& reader, Reading reading, std::string_view prefix, Record& record,
                     const Field<Record> (&fields)[N]);
 
 template <class Element, std::size_t N>
-BusError ReadArray(MessageReader& reader, const std::string& key, std::array<Element, N>& array) {
+BusError ReadArray(MessageReader& reader, const KeyName& key, std::array<Element, N>& array) {
   if (reader.EnterArray(TypeOf(array.data())) != ERROR_SUCCESS) return Malformed(key);
   std::size_t count = 0;
   Element element{};
@@ -219,7 +253,7 @@ BusError ReadArray(MessageReader& reader, const std::string& key, std::array<Ele
   std::array<Element, N> read{};
   for (; (rc = Read(reader, element)) == ERROR_SUCCESS; ++count) {
     if (count == N) {
-      return BusError::InvalidArgs("too many elements in key " + Quoted(key) + ": at most " + std::to_string(N));
+      return BusError::InvalidArgs("too many elements in key " + Quoted(key.Text()) + ": at most " + std::to_string(N));
     }
     read[count] = element;
   }
@@ -230,15 +264,15 @@ BusError ReadArray(MessageReader& reader, const std::string& key, std::array<Ele
 
 // The value inside the variant, of the type that was looked at.
 template <class Value>
-BusError ReadValue(MessageReader& reader, Reading reading, const std::string& key, Value& value) {
+BusError ReadValue(MessageReader& reader, Reading reading, const KeyName& key, Value& value) {
   if constexpr (std::is_same_v<Value, BSTR>) {
     std::string_view text;
     if (reader.ReadString(text) != ERROR_SUCCESS) return Malformed(key);
     if (BusError error = CheckText(reading, key, text); error.IsSet()) return error;
-    value = platform::WideFromUtf8(text);
+    Widen(text, value.emplace());
     return {};
   } else if constexpr (std::is_same_v<Value, SCHEDULE_RULE>) {
-    return ReadRecord(reader, reading, key + ".", value, kRuleFields);
+    return ReadRecord(reader, reading, kRulesPrefix, value, kRuleFields);
   } else if constexpr (std::is_integral_v<Value>) {
     return Read(reader, value) == ERROR_SUCCESS ? BusError() : Malformed(key);
   } else {
@@ -252,14 +286,13 @@ bool IsFlag(std::string_view key) {
 }
 
 template <class Value>
-BusError ReadVariant(MessageReader& reader, Reading reading, std::string_view name, const std::string& key,
-                     Value& value) {
+BusError ReadVariant(MessageReader& reader, Reading reading, const KeyName& key, Value& value) {
   const std::string_view expected = TypeOf(&value);
   // Nearly always the expected type stands there: a look ahead would cost as much as the reading.
   if (reader.EnterVariant(expected) != ERROR_SUCCESS) {
     const std::string given(reader.PeekType().contents);
     if constexpr (std::is_same_v<Value, std::uint32_t>) {
-      if (IsFlag(name) && given == "b") {
+      if (IsFlag(key.name) && given == "b") {
         bool flag = false;
         if (reader.EnterVariant("b") != ERROR_SUCCESS || reader.ReadBool(flag) != ERROR_SUCCESS) return Malformed(key);
         value = flag ? 1 : 0;
@@ -267,7 +300,7 @@ BusError ReadVariant(MessageReader& reader, Reading reading, std::string_view na
       }
     }
     if (given == expected) return Malformed(key);
-    BusError error = WrongType(key, expected);
+    BusError error = WrongType(key.Text(), expected);
     error.text += ", got '" + given + "'";
     return error;
   }
@@ -276,41 +309,35 @@ BusError ReadVariant(MessageReader& reader, Reading reading, std::string_view na
 }
 
 template <class Record, std::size_t N>
-BusError ReadRecord(MessageReader& reader, Reading reading, const std::string& prefix, Record& record,
+BusError ReadRecord(MessageReader& reader, Reading reading, std::string_view prefix, Record& record,
                     const Field<Record> (&fields)[N]) {
   if (reader.EnterArray("{sv}") != ERROR_SUCCESS) return WrongType("schedule", kScheduleType);
   Record read;
   bool seen[N] = {};
+  const Field<Record>* field = std::begin(fields);
   platform::ErrorCode rc = ERROR_SUCCESS;
   while ((rc = reader.EnterDictEntry("sv")) == ERROR_SUCCESS) {
     std::string_view name;
     if (reader.ReadString(name) != ERROR_SUCCESS) return Malformed(prefix);
-    const std::string key = prefix + std::string(name);
-    const auto field = std::find_if(std::begin(fields), std::end(fields), [&](const auto& f) { return f.key == name; });
-    if (field == std::end(fields)) return BusError::InvalidArgs("unknown key " + Quoted(key));
+    const KeyName key = {prefix, name};
+    const auto isNamed = [&](const Field<Record>& candidate) { return candidate.key == name; };
+    // Nearly always they come in declared order.
+    field = field != std::end(fields) && isNamed(*field)
+                ? field
+                : std::find_if(std::begin(fields), std::end(fields), isNamed);
+    if (field == std::end(fields)) return BusError::InvalidArgs("unknown key " + Quoted(key.Text()));
     if (std::exchange(seen[field - std::begin(fields)], true)) {
-      return BusError::InvalidArgs("key " + Quoted(key) + " is given twice");
+      return BusError::InvalidArgs("key " + Quoted(key.Text()) + " is given twice");
     }
-    BusError error = std::visit(
-        [&](auto member) { return ReadVariant(reader, reading, field->key, key, read.*member); }, field->member);
+    BusError error =
+        std::visit([&](auto member) { return ReadVariant(reader, reading, key, read.*member); }, field->member);
     if (error.IsSet()) return error;
     if (reader.Exit() != ERROR_SUCCESS) return Malformed(key);
+    ++field;
   }
   if (rc != platform::ERROR_NO_MORE_ITEMS || reader.Exit() != ERROR_SUCCESS) return Malformed(prefix);
   record = std::move(read);
   return {};
-}
-
-// Most texts are plain ASCII.
-void Widen(std::string_view text, std::u16string& out) {
-  unsigned char all = 0;
-  for (const char c : text) all |= static_cast<unsigned char>(c);
-  if (all >= 0x80) {
-    out = platform::WideFromUtf8(text);
-    return;
-  }
-  out.resize(text.size());
-  std::copy(text.begin(), text.end(), out.begin());
 }
 
 // A struct's fields one after the other: the first failure is named and ends the reading.
@@ -319,9 +346,10 @@ class StructReader {
   explicit StructReader(MessageReader& reader) : m_reader(reader) {}
   void Number(std::string_view name, std::uint32_t& value) { Note(name, "u", m_reader.ReadUint32(value)); }
   void Number(std::string_view name, std::int32_t& value) { Note(name, "i", m_reader.ReadInt32(value)); }
+  void Text(std::string_view name, std::string_view& value) { Note(name, "s", m_reader.ReadString(value)); }
   void Text(std::string_view name, std::u16string& value) {
     std::string_view text;
-    Note(name, "s", m_reader.ReadString(text));
+    Text(name, text);
     Widen(text, value);
   }
   void Text(std::string_view name, BSTR& value) { Text(name, value.emplace()); }
@@ -336,7 +364,7 @@ class StructReader {
 };
 
 // The fields of a row whose struct was entered, and out of it.
-BusError ReadRowInside(MessageReader& reader, ListRow& row) {
+BusError ReadRowInside(MessageReader& reader, SentListRow& row) {
   StructReader fields(reader);
   fields.Text("id", row.id);
   fields.Text("name", row.name);
@@ -439,13 +467,20 @@ void AppendListRow(MessageWriter& writer, const SentListRow& row) {
 
 BusError ReadListRow(MessageReader& reader, ListRow& row) {
   if (reader.EnterStruct(kListRowContents) != ERROR_SUCCESS) return WrongType("rows", kListRowsType);
-  ListRow read;
+  SentListRow read;
   BusError error = ReadRowInside(reader, read);
-  if (!error.IsSet()) row = std::move(read);
+  if (!error.IsSet()) row = WideListRow(read);
   return error;
 }
 
 BusError ReadListRows(MessageReader& reader, std::vector<ListRow>& rows) {
+  std::vector<SentListRow> read;
+  BusError error = ReadListRows(reader, read);
+  std::transform(read.begin(), read.end(), std::back_inserter(rows), WideListRow);
+  return error;
+}
+
+BusError ReadListRows(MessageReader& reader, std::vector<SentListRow>& rows) {
   if (reader.EnterArray("(" + std::string(kListRowContents) + ")") != ERROR_SUCCESS) {
     return WrongType("rows", kListRowsType);
   }
@@ -457,6 +492,23 @@ BusError ReadListRows(MessageReader& reader, std::vector<ListRow>& rows) {
     }
   }
   return rc == platform::ERROR_NO_MORE_ITEMS && reader.Exit() == ERROR_SUCCESS ? BusError() : Malformed("rows");
+}
+
+ListRow WideListRow(const SentListRow& row) {
+  ListRow wide;
+  Widen(row.id, wide.id);
+  Widen(row.name, wide.name);
+  Widen(row.application, wide.application);
+  Widen(row.objectId, wide.objectId);
+  wide.taskCode = row.taskCode;
+  Widen(row.wrapper, wide.wrapper);
+  Widen(row.xml, wide.xml);
+  Widen(row.parameters, wide.parameters);
+  Widen(row.preScript, wide.preScript);
+  Widen(row.postScript, wide.postScript);
+  wide.passId = row.passId;
+  wide.nextWindow = row.nextWindow;
+  return wide;
 }
 
 void AppendScheduleId(MessageWriter& writer, const ScheduleGuid& id) {
@@ -511,7 +563,7 @@ void AppendText(MessageWriter& writer, std::u16string_view text) {
 BusError ReadText(MessageReader& reader, Reading reading, std::string_view name, std::u16string& text) {
   std::string_view read;
   if (reader.ReadString(read) != ERROR_SUCCESS) return WrongType(name, "s");
-  if (BusError error = CheckText(reading, name, read); error.IsSet()) return error;
+  if (BusError error = CheckText(reading, {{}, name}, read); error.IsSet()) return error;
   text = platform::WideFromUtf8(read);
   return {};
 }

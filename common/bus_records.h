@@ -67,18 +67,12 @@ void AppendScheduleEx(platform::MessageWriter& writer, const SCHEDULE_OBJECT_EX&
 // One line of the paged list.
 void AppendListRow(platform::MessageWriter& writer, const ListRow& row);
 [[nodiscard]] platform::BusError ReadListRow(platform::MessageReader& reader, ListRow& row);
-// The same with its texts as the bus carries them (SentText), each with a NUL right behind it. Borrowed.
-struct SentListRow {
-  std::string_view id, name, application, objectId;
-  std::uint32_t taskCode = 0;
-  std::string_view wrapper, xml, parameters, preScript, postScript;
-  std::uint32_t passId = 0;
-  std::int32_t nextWindow = kNoWindow;
-};
 void AppendListRow(platform::MessageWriter& writer, const SentListRow& row);
-// All lines of an array.
+// All lines of an array. The texts of the second stand in the reader's message and live as long.
 //   rows  appended to; after a failure those before it are there
 [[nodiscard]] platform::BusError ReadListRows(platform::MessageReader& reader, std::vector<ListRow>& rows);
+[[nodiscard]] platform::BusError ReadListRows(platform::MessageReader& reader, std::vector<SentListRow>& rows);
+[[nodiscard]] ListRow WideListRow(const SentListRow& row);
 
 // Braced text, written in upper case, read in either case.
 //   name  what a refusal calls it

@@ -4,7 +4,10 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace qx {
 
@@ -25,5 +28,21 @@ struct ListRow {                 // one schedule of a page
 };
 inline constexpr std::int32_t kNoWindow = -1;    // the schedule has no further window
 inline constexpr std::int32_t kDamagedKey = -2;  // the schedule's key can't be read: only the id stands
+
+
+// The same as it travels: UTF-8 texts that stand elsewhere, each with a NUL right behind it.
+struct SentListRow {
+  std::string_view id, name, application, objectId;
+  std::uint32_t taskCode = 0;
+  std::string_view wrapper, xml, parameters, preScript, postScript;
+  std::uint32_t passId = 0;
+  std::int32_t nextWindow = kNoWindow;
+};
+
+// Rows with what holds their texts; copies share it. Belongs to the thread of those who made it.
+struct SentListRows {
+  std::vector<SentListRow> rows;
+  std::vector<std::shared_ptr<const void>> texts;
+};
 
 }  // namespace qx
