@@ -99,7 +99,7 @@ class MessageWriter {
   void AppendUint64(std::uint64_t value);
   // UTF-8 without NUL; anything else fails with ERROR_NO_UNICODE_TRANSLATION (1113).
   void AppendString(std::string_view value);
-  // The same for a text with a NUL right behind it, which saves a copy.
+  // The same for a text with a NUL right behind it and, as the caller knows, none inside: saves a copy and a look.
   void AppendTerminated(std::string_view value);
   void AppendValue(const BusValue& value);
 

@@ -83,16 +83,17 @@ void MessageWriter::AppendInt64(std::int64_t value) { AppendNumber(SD_BUS_TYPE_I
 void MessageWriter::AppendUint64(std::uint64_t value) { AppendNumber(SD_BUS_TYPE_UINT64, value); }
 
 void MessageWriter::AppendText(char type, std::string_view value) {
+  if (!Begin()) return;
+  if (value.find('\0') != std::string_view::npos) {
+    m_result = ERROR_NO_UNICODE_TRANSLATION;
+    return;
+  }
   m_scratch.assign(value);
   AppendTerminated(type, m_scratch);
 }
 
 void MessageWriter::AppendTerminated(char type, std::string_view value) {
   if (!Begin()) return;
-  if (value.find('\0') != std::string_view::npos) {
-    m_result = ERROR_NO_UNICODE_TRANSLATION;
-    return;
-  }
   const int result = sd_bus_message_append_basic(Message(m_message), type, value.data());
   // The only thing a fresh string can be refused for is its text.
   if (result == -EINVAL) {

@@ -4,9 +4,10 @@
 // and has no size above which it can't be answered.
 // What the keys hold is kept from page to page and from list to list until the store changes; names and windows are
 // looked up each time.
-// Threads: the apartment's thread; takes g_JobListLock for one row at a time, with no registry handle open.
+// Threads: the apartment's thread; takes g_JobListLock for a few rows at a time, with no registry handle open.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -69,15 +70,25 @@ class CListInfo {
   void Keep(const platform::SubKeyValues& key, Stretch& stretch);
   [[nodiscard]] platform::ErrorCode Prepare(const std::u16string& afterId, std::uint32_t limit, Stretch*& stretch,
                                             std::size_t& first);
-  [[nodiscard]] SentListRow Row(const Stretch& stretch, const KeptRow& kept);
-  void AddNodeOrFile(const ScheduleGuid& id, SentListRow& row);
+  // What the job list has of a row.
+  struct Listed {
+    bool hasNode = false;
+    std::int32_t nextWindow = kNoWindow;
+    std::size_t name = 0;  // where it begins in m_names
+  };
+  static constexpr std::size_t kRowsAtOnce = 32;
+  void LookUp(const Stretch& stretch, std::size_t begin, std::size_t end);
+  [[nodiscard]] SentListRow Row(const Stretch& stretch, const KeptRow& kept, const Listed& listed);
 
   // All stretches are good as long as the store bears this stamp, so nothing of them is ever shown after a change,
   // whoever made it. Readers at different places of the list have one each.
   platform::RegistryStamp m_stamp;
   bool m_isDoubtful = false;  // some value couldn't be read, though it may be good: to be tried again
   std::list<Stretch> m_stretches;  // the one that was used last comes first
-  std::string m_name;              // of the row that is being given
+  // Of the rows that are being given.
+  std::array<Listed, kRowsAtOnce> m_listed;
+  std::string m_names;
+  std::string m_nameFromFile;
 };
 
 }  // namespace qx
