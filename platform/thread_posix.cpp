@@ -1,6 +1,7 @@
 #include "platform/thread.h"
 
 #include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <string>
@@ -14,10 +15,30 @@ namespace {
 
 constexpr std::size_t kThreadNameBytes = 15;  // the kernel's limit, without the NUL
 
+// A thread begins with the signals blocked that end a program: they are for the thread that waits for them, which may come
+// to it later than this one begins, and would else end the program here and now.
+class EndingSignalsBlocked {
+ public:
+  EndingSignalsBlocked() {
+    sigset_t ending;
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGTERM);
+    sigaddset(&ending, SIGINT);
+    (void)pthread_sigmask(SIG_BLOCK, &ending, &m_earlier);
+  }
+  ~EndingSignalsBlocked() { (void)pthread_sigmask(SIG_SETMASK, &m_earlier, nullptr); }
+  EndingSignalsBlocked(const EndingSignalsBlocked&) = delete;
+  EndingSignalsBlocked& operator=(const EndingSignalsBlocked&) = delete;
+
+ private:
+  sigset_t m_earlier = {};
+};
+
 ErrorCode Launch(std::string_view name, std::function<void()> function, std::thread& out) {
   if (const ErrorCode fault = FaultAt(Operation::kCreateThread, name); fault != ERROR_SUCCESS) return fault;
   try {
     std::string shown(name.substr(0, kThreadNameBytes));
+    const EndingSignalsBlocked blocked;
     std::thread started([shown = std::move(shown), body = std::move(function)]() noexcept {
       (void)pthread_setname_np(pthread_self(), shown.c_str());
       body();

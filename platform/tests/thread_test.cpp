@@ -1,6 +1,7 @@
 #include "platform/thread.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -48,6 +49,29 @@ TEST(Thread, AFailedStartRunsNothing) {
   EXPECT_FALSE(thread.joinable());
   EXPECT_EQ(StartThread("loop", [&] { ran = true; }), ERROR_NO_PROC_SLOTS);
   EXPECT_FALSE(ran);
+}
+
+// Else a stop that comes before the handler of controls is there would end the program in the midst of its start.
+TEST(Thread, TakesNoSignalThatEndsAProgram) {
+  const auto blocked = [](int signal) {
+    sigset_t mask;
+    EXPECT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &mask), 0);
+    return sigismember(&mask, signal) == 1;
+  };
+  std::atomic<bool> term{false};
+  std::atomic<bool> interrupt{false};
+  std::atomic<bool> segv{true};
+  {
+    Thread thread;
+    ASSERT_EQ(Thread::Start(
+                  "signals", [&] { term = blocked(SIGTERM), interrupt = blocked(SIGINT), segv = blocked(SIGSEGV); }, thread),
+              ERROR_SUCCESS);
+  }
+  EXPECT_TRUE(term);
+  EXPECT_TRUE(interrupt);
+  EXPECT_FALSE(segv);
+  EXPECT_FALSE(blocked(SIGTERM));  // whoever starts one keeps its own
+  EXPECT_FALSE(blocked(SIGINT));
 }
 
 TEST(Thread, TellsTheProcess) {
