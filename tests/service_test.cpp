@@ -68,7 +68,7 @@ std::int64_t OnThisDay(std::int64_t seconds) {
 TEST_F(Service, AnUnregisteredStartEndsWithCode2AndSaysHowToRegister) {
   EXPECT_EQ(service.Run({"--foreground"}), 2);
   EXPECT_THAT(service.Output(), HasSubstr("Korvane Scheduler Service: "));
-  EXPECT_THAT(service.Output(), HasSubstr("QxSchedService -RegServer"));
+  EXPECT_THAT(service.Output(), HasSubstr("QxSchedService --root=" + service.Root() + " -RegServer"));
   EXPECT_FALSE(std::filesystem::exists(service.Root()));
 }
 
@@ -87,7 +87,7 @@ TEST_F(Service, AnUnregisteredApplicationKeyEndsAStartWithCode2) {
   ASSERT_NO_FATAL_FAILURE(service.Register());
   ASSERT_EQ(service.Run({"-UnregServer"}), 0) << service.Output();
   EXPECT_EQ(service.Run({"--foreground"}), 2);
-  EXPECT_THAT(service.Output(), HasSubstr("QxSchedService -RegServer"));
+  EXPECT_THAT(service.Output(), HasSubstr("QxSchedService --root=" + service.Root() + " -RegServer"));
 }
 
 TEST_F(Service, TheStopControlEndsItAndResetsTheProcessReference) {
