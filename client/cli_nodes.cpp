@@ -9,6 +9,7 @@
 
 #include "client/cli_app.h"
 #include "client/cli_session.h"
+#include "client/output_lock.h"
 #include "client/status_text.h"
 #include "platform/file.h"
 #include "platform/interrupt.h"
@@ -91,6 +92,7 @@ bool ShowResults(CliContext& context, const NodeNames& names, const NodeResults&
     }
   }
   if (context.options.json) {
+    const platform::MutexLock hold(OutputLock());
     context.out << ordered_json{{"nodes", list}}.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << "\n";
   }
   return all;

@@ -2,6 +2,7 @@
 
 #include <ostream>
 
+#include "client/output_lock.h"
 #include "platform/error_codes.h"
 
 namespace qx {
@@ -23,7 +24,17 @@ const char* ColourSequence(Colour colour) {
   return "";
 }
 
+void WriteLine(CliContext& context, const std::string& line) {
+  const platform::MutexLock hold(OutputLock());
+  context.err << line << "\n" << std::flush;
+}
+
 }  // namespace
+
+platform::Mutex& OutputLock() {
+  static auto* const lock = new platform::Mutex;  // an interrupt may end the process while a thread writes
+  return *lock;
+}
 
 void BeginPaged(CliContext& context) {
   if (context.startPager && !context.options.noPager && !context.options.json) context.startPager();
@@ -35,11 +46,11 @@ std::string Paint(bool on, Colour colour, std::string_view text) {
 }
 
 void PrintError(CliContext& context, std::string_view text) {
-  context.err << Paint(context.colourErr, Colour::kRed, "qxsched:") << " " << Printable(text) << "\n";
+  WriteLine(context, Paint(context.colourErr, Colour::kRed, "qxsched:") + " " + Printable(text));
 }
 
 void PrintNote(CliContext& context, std::string_view text) {
-  if (!context.options.quiet) context.err << "qxsched: " << Printable(text) << "\n";
+  if (!context.options.quiet) WriteLine(context, "qxsched: " + Printable(text));
 }
 
 void PrintHint(CliContext& context, std::string_view text) {
@@ -47,13 +58,10 @@ void PrintHint(CliContext& context, std::string_view text) {
 }
 
 void PrintFinding(CliContext& context, std::string_view file, const Finding& finding) {
-  if (finding.severity == Severity::kWarning) {
-    if (context.options.quiet) return;
-    context.err << Paint(context.colourErr, Colour::kYellow, "qxsched:");
-  } else {
-    context.err << Paint(context.colourErr, Colour::kRed, "qxsched:");
-  }
-  context.err << " " << FormatFinding(file, finding) << "\n";
+  const bool warns = finding.severity == Severity::kWarning;
+  if (warns && context.options.quiet) return;
+  WriteLine(context, Paint(context.colourErr, warns ? Colour::kYellow : Colour::kRed, "qxsched:") + " " +
+                         FormatFinding(file, finding));
 }
 
 int ExitCodeOf(Status status) {

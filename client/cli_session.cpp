@@ -86,11 +86,9 @@ Status Session::Wait(const std::string& doing, bool changes, const std::function
   const auto late = [&] {
     PrintNote(context, "waiting for the service to " + doing +
                            (changes ? " (Ctrl-C leaves; the operation goes on)" : " (Ctrl-C leaves)"));
-    context.err.flush();
   };
   const auto interrupted = [&] {
     if (changes) PrintError(context, "left; the service goes on to " + doing);
-    context.err.flush();
     platform::EndByInterrupt();
   };
   const platform::InterruptWatch watch(m_settings.noticeAfterMs, late, interrupted);
