@@ -187,6 +187,7 @@ bool WindowSearch::IsDayUsedUp(Moment ref, DayNumber day) const {
   if (IsBehindLimit(day)) return true;
   if (day != DateOf(ref) || (day == m_openDay && ref.wallMs == m_openRefMs)) return false;
   const Moment start = AtStart(day);
+  // Deliberate: by the wall clock; a start that it has shown in the first of two equal hours isn't offered in the second.
   if (Less(ref, start)) return false;
   if (!RestartInUse()) return true;
   const Moment end = Plus(start, m_rules.durationMs);

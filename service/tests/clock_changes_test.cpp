@@ -1,4 +1,5 @@
 #include <random>
+#include <set>
 
 #include "service/tests/simulated_machine.h"
 
@@ -247,6 +248,35 @@ TEST_P(ChangeDay, LaunchesEveryTimeOfDayOnceADay) {
     EXPECT_GE(Launches() - before, number * (standardMoves ? 1u : 3u));
   }
   EXPECT_GT(changes, 0);
+}
+// What the clock has shown already in the first of two equal hours is past when the windows are computed anew there; what
+// a gap moved isn't, as long as the clock doesn't show where to.
+TEST_P(ChangeDay, GoesOnWhenTheClockIsSetToTheMiddleOfAChange) {
+  const platform::Zone& zone = platform::CurrentZone();
+  const std::int64_t begin = DaysFromCivil(GetParam().year, 1, 1) * kSecondsOfDay;
+  const std::int64_t end = DaysFromCivil(GetParam().year + 1, 1, 2) * kSecondsOfDay;
+  std::vector<std::int64_t> middles;
+  std::set<std::int64_t> timesOfDay;
+  for (const platform::Zone::Change& change : zone.Changes()) {
+    if (change.at < begin || change.at >= end || change.offsetBefore == change.offsetAfter) continue;
+    const std::int64_t moved = change.offsetAfter - change.offsetBefore;
+    middles.push_back(change.at + moved / 2);
+    const std::int64_t far = std::min<std::int64_t>(std::abs(moved), 2 * kHour);
+    for (std::int64_t distance = -far; distance <= far; distance += 10 * kMinute) {
+      timesOfDay.insert(qx::testing::DayRule::Wrapped(zone.ToWall(middles.back()) + distance));
+    }
+  }
+  ASSERT_FALSE(middles.empty());
+  Begin(begin - 20 * kSecondsOfDay);
+  for (const std::int64_t timeOfDay : timesOfDay) KeepEveryDay(timeOfDay);
+  m_sink->heard.clear();
+  std::int64_t from = platform::NowSeconds();
+  for (const std::int64_t middle : middles) {
+    ThenStepClock(kMillisecondsOfDay, middle - from - kSecondsOfDay);
+    from = middle;
+  }
+  Run(3 * kMillisecondsOfDay);
+  EXPECT_GE(Launches(), timesOfDay.size());
 }
 INSTANTIATE_TEST_SUITE_P(Zones, ChangeDay, testing::ValuesIn(kChangeDays),
                          [](const auto& which) { return which.param.name; });

@@ -81,7 +81,7 @@ struct DayRule {
   std::function<bool(std::int64_t day)> runsOn;
   std::int64_t kept = 0;
   std::int64_t instant = 0;
-  bool listed = true;
+  std::int64_t next = -1;  // the window that the service waits for; -1 while it isn't listed
 
   void Read(std::int64_t now) { Keep(Wrapped(platform::CurrentZone().ToWall(instant)), now); }
   void Keep(std::int64_t shown, std::int64_t now) {
@@ -114,29 +114,29 @@ inline std::int64_t DayOf(std::int64_t wall) {
   return (wall >= 0 ? wall : wall - kSecondsOfDay + 1) / kSecondsOfDay;
 }
 
-// The first window of a rule that is asked for at `now`, -1 for none within twenty years.
+// The first window of a rule that is asked for at `now`, -1 for none within twenty years. It is one that the clock, as it
+// goes now, shows later: a time of day that has come in the first of two equal hours is past, although a start that was
+// asked for earlier is in the second one.
 inline std::int64_t WindowAfter(const DayRule& rule, std::int64_t now) {
   const platform::Zone& zone = platform::CurrentZone();
   std::int64_t timeOfDay = rule.kept - zone.StandardBias(now);
   if (timeOfDay < 0) timeOfDay += kSecondsOfDay;
   if (timeOfDay >= kSecondsOfDay) return -1;
-  const std::int64_t today = DayOf(zone.ToWall(now));
+  const std::int64_t shown = zone.ToWall(now);
+  const std::int64_t today = DayOf(shown);
   for (std::int64_t day = today; day < today + 20 * 366; ++day) {
     if (!rule.runsOn(day)) continue;
     const std::int64_t window = InstantOf(zone, day * kSecondsOfDay + timeOfDay);
-    if (window > now) return window;
+    if (zone.ToWall(window) > shown) return window;
   }
   return -1;
 }
 
-// The windows of a rule behind `from`, up to `to`, each asked for when the one before it was launched. A rule that
-// comes to its end leaves the list.
-inline std::vector<std::int64_t> TakeWindows(DayRule& rule, std::int64_t from, std::int64_t to) {
+// The windows of a rule up to `to`, each asked for when the one before it was launched. A rule that comes to its end
+// leaves the list.
+inline std::vector<std::int64_t> TakeWindows(DayRule& rule, std::int64_t to) {
   std::vector<std::int64_t> windows;
-  if (!rule.listed) return windows;
-  std::int64_t at = WindowAfter(rule, from);
-  for (; at != -1 && at <= to; at = WindowAfter(rule, at)) windows.push_back(at);
-  rule.listed = at != -1;
+  for (; rule.next != -1 && rule.next <= to; rule.next = WindowAfter(rule, rule.next)) windows.push_back(rule.next);
   return windows;
 }
 
@@ -266,6 +266,7 @@ class SimulatedMachine : public ServiceFixture {
     const std::int64_t today = DayOf(zone.ToWall(platform::NowSeconds()));
     rule.instant = InstantOf(zone, today * kSecondsOfDay + rule.timeOfDay);
     rule.Keep(rule.timeOfDay, platform::NowSeconds());
+    rule.next = WindowAfter(rule, platform::NowSeconds());
     m_rules[id] = std::move(rule);
   }
 
@@ -301,15 +302,14 @@ class SimulatedMachine : public ServiceFixture {
     }
     if (m_expectTimeChange) {
       for (auto& [id, rule] : m_rules) {
-        const bool wasListed = rule.listed;
-        if (!rule.listed) rule.Read(m_from);
-        const std::int64_t window = WindowAfter(rule, m_from);
-        rule.listed = window != -1;
-        if (wasListed || rule.listed) expectedChange[id] = window;
+        const bool wasListed = rule.next != -1;
+        if (!wasListed) rule.Read(m_from);
+        rule.next = WindowAfter(rule, m_from);
+        if (wasListed || rule.next != -1) expectedChange[id] = rule.next;
       }
     }
     for (auto& [id, rule] : m_rules) {
-      const std::vector<std::int64_t> expected = TakeWindows(rule, m_from, to);
+      const std::vector<std::int64_t> expected = TakeWindows(rule, to);
       EXPECT_EQ(m_runs[id], expected) << id << stretch;
       std::vector<std::string> expectedTold;
       for (const std::int64_t window : expected) expectedTold.push_back(std::to_string(WindowAfter(rule, window)));
