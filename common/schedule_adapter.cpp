@@ -399,32 +399,7 @@ Status CZEPScheduleObj::Validate_ScheduleRules(const SCHEDULE_OBJECT* schedule) 
   return LoadAndValidate(*m_pSchedule, *schedule);
 }
 
-Status CZEPScheduleObj::SaveScheduleToFile() {
-  const LogScope scope(u"SaveScheduleToFile");
-  const BagHolder bag(m_IniFilePath);
-  if (bag.Get() == nullptr) return static_cast<Status>(ZEP_E_OUTOFMEMORY);
-  const PersistHolder persist(*m_pSchedule);
-  if (ZepFailed(persist.Result())) {
-    ServiceLog(kLogFailure, u"SaveScheduleToFile:Unable to get query  IID_zepIPersistPropertyBag interface, error : %x",
-               persist.Result());
-    return static_cast<Status>(persist.Result());
-  }
-  zepByte dirty = 0;
-  (void)m_pSchedule->get_Dirty(&dirty);
-  platform::ProfileBatch batch(m_IniFilePath.view(), platform::ProfileBatch::kSave);
-  auto status = static_cast<Status>(persist->Save(bag.Get(), 1));
-  if (status == kStatusOk && !m_IniFilePath.empty()) {
-    platform::ErrorCode rc = WriteDateSections(*m_pSchedule, m_IniFilePath.view());
-    if (rc == platform::ERROR_SUCCESS) rc = batch.Commit();
-    status = platform::StatusFromErrorCode(rc);
-  }
-  if (status != kStatusOk) {
-    // What the file doesn't hold is still to be saved.
-    (void)m_pSchedule->put_Dirty(dirty);
-    ServiceLog(kLogFailure, u"Failed to save propBag into ini file, error : %x", status);
-  }
-  return status;
-}
+Status CZEPScheduleObj::SaveScheduleToFile() { return CScheduleFileSave(*this).Finish(); }
 
 Status CZEPScheduleObj::LoadScheduleFromFile() {
   const LogScope scope(u"LoadScheduleFromFile");
@@ -511,4 +486,76 @@ std::uint32_t CZEPScheduleObj::GetNextTimeWindow() {
   (void)m_pSchedule->GetNextTimeWindow(0, 0, now, &start, &end, &last);
   ServiceLog(kLogValues, u"reference time: %ld and NextTimeWindow: %ld", now, start);
   return static_cast<std::uint32_t>(start);
+}
+
+// --- saves -------------------------------------------------------------------------------------------------------------
+
+struct CScheduleFileSave::State {
+  explicit State(CZEPScheduleObj& object) : schedule(object) {}
+
+  // Takes the rules from the schedule object into the batch.
+  void Gather() {
+    isGathered = true;
+    const BagHolder bag(schedule.m_IniFilePath);
+    if (bag.Get() == nullptr) {
+      status = static_cast<Status>(ZEP_E_OUTOFMEMORY);
+      return;
+    }
+    const PersistHolder persist(*schedule.m_pSchedule);
+    if (ZepFailed(persist.Result())) {
+      status = static_cast<Status>(persist.Result());
+      hasNoPersist = true;
+      return;
+    }
+    (void)schedule.m_pSchedule->get_Dirty(&dirty);
+    batch.emplace(schedule.m_IniFilePath.view(), platform::ProfileBatch::kSave);
+    status = static_cast<Status>(persist->Save(bag.Get(), 1));
+    if (status == kStatusOk && !schedule.m_IniFilePath.empty()) {
+      status = platform::StatusFromErrorCode(WriteDateSections(*schedule.m_pSchedule, schedule.m_IniFilePath.view()));
+    }
+  }
+
+  // What the file doesn't hold is still to be saved.
+  void StayDirty() {
+    if (batch) (void)schedule.m_pSchedule->put_Dirty(dirty);
+  }
+
+  CZEPScheduleObj& schedule;
+  bool isGathered = false;
+  bool hasNoPersist = false;
+  bool isFinished = false;
+  zepByte dirty = 0;
+  std::optional<platform::ProfileBatch> batch;
+  Status status = kStatusOk;
+};
+
+CScheduleFileSave::CScheduleFileSave(CZEPScheduleObj& schedule) : m_state(std::make_unique<State>(schedule)) {}
+
+CScheduleFileSave::~CScheduleFileSave() {
+  if (!m_state->isFinished) m_state->StayDirty();
+}
+
+void CScheduleFileSave::Prepare() {
+  m_state->Gather();
+  if (m_state->status == kStatusOk && !m_state->schedule.m_IniFilePath.empty()) m_state->batch->Prepare();
+}
+
+Status CScheduleFileSave::Finish() {
+  const LogScope scope(u"SaveScheduleToFile");
+  State& state = *m_state;
+  if (!state.isGathered) state.Gather();
+  state.isFinished = true;
+  if (state.hasNoPersist) {
+    ServiceLog(kLogFailure, u"SaveScheduleToFile:Unable to get query  IID_zepIPersistPropertyBag interface, error : %x",
+               state.status);
+  }
+  if (!state.batch) return state.status;
+  if (state.status == kStatusOk && !state.schedule.m_IniFilePath.empty()) {
+    state.status = platform::StatusFromErrorCode(state.batch->Commit());
+  }
+  if (state.status != kStatusOk) {
+    state.StayDirty();
+    ServiceLog(kLogFailure, u"Failed to save propBag into ini file, error : %x", state.status);
+  }
+  return state.status;
 }

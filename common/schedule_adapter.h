@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "common/zepSchedIUnknown.h"
 #include "foundation/include/zfcstring.h"
@@ -42,4 +43,26 @@ class CZEPScheduleObj {
 
   // The next window's start after the present time, its low 32 bits: 0xFFFFFFFF when there is none.
   std::uint32_t GetNextTimeWindow();
+};
+
+// SaveScheduleToFile() in two steps, for whoever has other work for the disk in between. What isn't finished leaves
+// file and schedule object as they were.
+// Threads: bound to its thread, on which no other save of the file runs meanwhile.
+class CScheduleFileSave {
+ public:
+  //   schedule  borrowed for this object's life
+  explicit CScheduleFileSave(CZEPScheduleObj& schedule);
+  CScheduleFileSave(const CScheduleFileSave&) = delete;
+  CScheduleFileSave& operator=(const CScheduleFileSave&) = delete;
+  ~CScheduleFileSave();
+
+  // Writes the new file beside the old one and has the disk begin with it. A failure is kept for Finish().
+  void Prepare();
+  // Puts the new file in place, synced; without a Prepare() does all of it.
+  //   returns  as SaveScheduleToFile
+  Status Finish();
+
+ private:
+  struct State;
+  std::unique_ptr<State> m_state;
 };

@@ -82,6 +82,36 @@ enum class Durable { kNo, kYes };
 //            ERROR_ACCESS_DENIED (5) also for a file without write permission
 [[nodiscard]] ErrorCode ReplaceWholeFile(const std::string& name, std::string_view contents, Durable durable);
 
+// ReplaceWholeFile() in two steps, for whoever has other work for the disk in between. Owns the new file until it is in
+// place; what isn't finished goes again.
+// Threads: one at a time.
+class FileReplacement {
+ public:
+  FileReplacement() = default;
+  FileReplacement(const FileReplacement&) = delete;
+  FileReplacement& operator=(const FileReplacement&) = delete;
+  ~FileReplacement() { Discard(); }
+
+  // Writes the new file beside the old one, which stays as it is.
+  //   returns  as ReplaceWholeFile
+  [[nodiscard]] ErrorCode Begin(const std::string& name, std::string_view contents, Durable durable);
+  // Has the disk begin with the contents of a durable file, without waiting for it: a hint, which a host may not know.
+  void HaveDiskBegin() const;
+  // False when nothing was begun, or another writer of the name took the new file's name meanwhile.
+  [[nodiscard]] bool IsBegun() const;
+  // Puts the new file in place.
+  //   returns  as ReplaceWholeFile
+  [[nodiscard]] ErrorCode Finish();
+  // Takes the new file away; again, or behind Finish(): nothing.
+  void Discard();
+
+ private:
+  std::string m_target;  // behind all links
+  std::string m_fresh;
+  int m_descriptor = -1;  // of the new file
+  Durable m_durable = Durable::kNo;
+};
+
 // --- open files ----------------------------------------------------------------------------------------------------
 
 // An open file, closed at the end of its life. Other openers may read, write, rename and delete it meanwhile.

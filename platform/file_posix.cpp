@@ -147,7 +147,8 @@ class Descriptor {
   int m_value;
 };
 
-ErrorCode WriteNewFile(const std::string& name, std::string_view contents, const Predecessor& old, Durable durable) {
+//   descriptor  of the new file, not synced; -1 on failure
+ErrorCode WriteNewFile(const std::string& name, std::string_view contents, const Predecessor& old, int& descriptor) {
   if (const ErrorCode rc = FaultAt(Operation::kCreateFile, name); rc != ERROR_SUCCESS) return rc;
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
   int opened = Retry([&] { return ::open(name.c_str(), kFlags, kNewFileMode); });
@@ -155,14 +156,16 @@ ErrorCode WriteNewFile(const std::string& name, std::string_view contents, const
     opened = Retry([&] { return ::open(name.c_str(), kFlags, kNewFileMode); });
   }
   if (opened < 0) return errno == ENOENT ? ERROR_PATH_NOT_FOUND : CodeForName(errno, name);
-  const Descriptor file(opened);
-  ErrorCode rc = InheritFrom(old, file.get());
+  ErrorCode rc = InheritFrom(old, opened);
   if (rc == ERROR_SUCCESS) rc = FaultAt(Operation::kWriteFile, name);
-  if (rc == ERROR_SUCCESS) rc = WriteBytes(file.get(), contents);
-  if (rc != ERROR_SUCCESS || durable == Durable::kNo) return rc;
-  rc = FaultAt(Operation::kSyncFile, name);
-  if (rc != ERROR_SUCCESS) return rc;
-  return Retry([&] { return ::fdatasync(file.get()); }) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+  if (rc == ERROR_SUCCESS) rc = WriteBytes(opened, contents);
+  if (rc == ERROR_SUCCESS) {
+    descriptor = opened;
+  } else {
+    ::close(opened);
+    ::unlink(name.c_str());
+  }
+  return rc;
 }
 
 // `flags` 0 or RENAME_NOREPLACE. A file system that doesn't know the flag is asked before.
@@ -370,20 +373,59 @@ ErrorCode ReadWholeFile(const std::string& name, std::string& contents) {
 }
 
 ErrorCode ReplaceWholeFile(const std::string& name, std::string_view contents, Durable durable) {
-  std::string target = name;
-  if (const ErrorCode rc = FollowLinks(target); rc != ERROR_SUCCESS) return rc;
+  FileReplacement replacement;
+  const ErrorCode rc = replacement.Begin(name, contents, durable);
+  return rc == ERROR_SUCCESS ? replacement.Finish() : rc;
+}
+
+// --- replacements --------------------------------------------------------------------------------------------------------
+
+ErrorCode FileReplacement::Begin(const std::string& name, std::string_view contents, Durable durable) {
+  Discard();
+  m_target = name;
+  m_durable = durable;
+  if (const ErrorCode rc = FollowLinks(m_target); rc != ERROR_SUCCESS) return rc;
   Predecessor old;
-  if (const ErrorCode rc = LookAtPredecessor(target, old); rc != ERROR_SUCCESS) return rc;
-  const std::size_t slash = target.rfind('/');
+  if (const ErrorCode rc = LookAtPredecessor(m_target, old); rc != ERROR_SUCCESS) return rc;
+  const std::size_t slash = m_target.rfind('/');
   const std::size_t last = slash == std::string::npos ? 0 : slash + 1;
-  const std::string fresh = target.substr(0, last) + "." + target.substr(last) + ".new";
-  ErrorCode rc = WriteNewFile(fresh, contents, old, durable);
-  if (rc == ERROR_SUCCESS) rc = RenameFile(fresh, target);
+  m_fresh = m_target.substr(0, last) + "." + m_target.substr(last) + ".new";
+  return WriteNewFile(m_fresh, contents, old, m_descriptor);
+}
+
+void FileReplacement::HaveDiskBegin() const {
+#ifdef SYNC_FILE_RANGE_WRITE
+  if (m_descriptor < 0 || m_durable == Durable::kNo) return;
+  [[maybe_unused]] const int ignored = ::sync_file_range(m_descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
+#endif
+}
+
+bool FileReplacement::IsBegun() const {
+  struct stat own {}, named {};
+  return m_descriptor >= 0 && ::fstat(m_descriptor, &own) == 0 && ::lstat(m_fresh.c_str(), &named) == 0 &&
+         own.st_dev == named.st_dev && own.st_ino == named.st_ino;
+}
+
+ErrorCode FileReplacement::Finish() {
+  if (m_descriptor < 0) return ERROR_INVALID_HANDLE;
+  ErrorCode rc = ERROR_SUCCESS;
+  if (m_durable == Durable::kYes) {
+    rc = FaultAt(Operation::kSyncFile, m_fresh);
+    if (rc == ERROR_SUCCESS && Retry([&] { return ::fdatasync(m_descriptor); }) != 0) rc = ErrorCodeFromErrno(errno);
+  }
+  if (rc == ERROR_SUCCESS) rc = RenameFile(m_fresh, m_target);
   if (rc != ERROR_SUCCESS) {
-    ::unlink(fresh.c_str());
+    Discard();
     return rc;
   }
-  return durable == Durable::kYes ? SyncDirectory(DirectoryOf(target)) : ERROR_SUCCESS;
+  ::close(std::exchange(m_descriptor, -1));
+  return m_durable == Durable::kYes ? SyncDirectory(DirectoryOf(m_target)) : ERROR_SUCCESS;
+}
+
+void FileReplacement::Discard() {
+  if (m_descriptor < 0) return;
+  if (IsBegun()) ::unlink(m_fresh.c_str());
+  ::close(std::exchange(m_descriptor, -1));
 }
 
 // --- open files ----------------------------------------------------------------------------------------------------

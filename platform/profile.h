@@ -103,6 +103,10 @@ class ProfileBatch {
   // Readers get their default from a failed call: this tells that it wasn't the file's.
   [[nodiscard]] ErrorCode FirstFailure() const;
 
+  // Writes the new file that Commit() will put in place and has the disk begin with it, for whoever has other work for
+  // the disk before. A failure is kept for Commit(). A call for more writes takes the file away again.
+  void Prepare();
+
   // Puts all writes so far into the file at once: one new file, synced, renamed, its directory synced. When the file
   // changed since the batch read it, the writes are made again on its present text. The bytes are those that the
   // single calls would have left. Without writes that change something the file is left alone.

@@ -73,6 +73,10 @@ struct detail::ProfileBatchState {
   ProfileText text;
   std::vector<Edit> edits;
   bool changed = false;
+  bool isPrepared = false;
+  std::string preparedBytes;
+  ErrorCode preparedResult = ERROR_SUCCESS;
+  FileReplacement prepared;
   ErrorCode firstFailure = ERROR_SUCCESS;      // of the writes
   ErrorCode firstReadFailure = ERROR_SUCCESS;  // of the reads
 
@@ -91,7 +95,31 @@ struct detail::ProfileBatchState {
     if (const ErrorCode rc = Read(); rc != ERROR_SUCCESS && rc != ERROR_FILE_NOT_FOUND) return rc;
     changed = text.Apply(edit) || changed || !original.exists;
     edits.push_back(std::move(edit));
+    DropPrepared();
     return ERROR_SUCCESS;
+  }
+
+  void DropPrepared() {
+    isPrepared = false;
+    prepared.Discard();
+  }
+
+  void Prepare() {
+    if (purpose == ProfileBatch::kLoad || firstFailure != ERROR_SUCCESS || !changed || isPrepared) return;
+    const MutexLock lock(g_writers);
+    isPrepared = true;
+    preparedBytes = text.Serialize();
+    preparedResult = prepared.Begin(name, preparedBytes, Durable::kYes);
+    prepared.HaveDiskBegin();
+  }
+
+  // Puts the text in place, from the prepared file where that is still the one.
+  ErrorCode Replace(const std::string& bytes) {
+    const bool isSame = isPrepared && bytes == preparedBytes;
+    if (isSame && preparedResult != ERROR_SUCCESS) return preparedResult;
+    if (isSame && prepared.IsBegun()) return prepared.Finish();
+    prepared.Discard();
+    return ReplaceWholeFile(name, bytes, Durable::kYes);
   }
 
   // When the file isn't the one that was read, the writes are made on what it is now.
@@ -100,6 +128,7 @@ struct detail::ProfileBatchState {
     const ErrorCode rc = ReadFileText(name, present);
     if (rc != ERROR_SUCCESS && rc != ERROR_FILE_NOT_FOUND) return rc;
     if (present.exists == original.exists && present.bytes == original.bytes) return ERROR_SUCCESS;
+    DropPrepared();
     ProfileText replayed(present.bytes);
     changed = !present.exists && !edits.empty();
     for (const Edit& edit : edits) changed = replayed.Apply(edit) || changed;
@@ -116,7 +145,9 @@ struct detail::ProfileBatchState {
     if (const ErrorCode rc = CatchUp(); rc != ERROR_SUCCESS) return rc;
     if (changed) {
       std::string bytes = text.Serialize();
-      if (const ErrorCode rc = ReplaceWholeFile(name, bytes, Durable::kYes); rc != ERROR_SUCCESS) return rc;
+      const ErrorCode rc = Replace(bytes);
+      DropPrepared();
+      if (rc != ERROR_SUCCESS) return rc;
       original = {std::move(bytes), true};
       text = ProfileText(original.bytes);
       readResult = ERROR_SUCCESS;
@@ -399,6 +430,8 @@ ErrorCode ProfileBatch::Read() {
 ErrorCode ProfileBatch::FirstFailure() const {
   return m_state->firstFailure != ERROR_SUCCESS ? m_state->firstFailure : m_state->firstReadFailure;
 }
+
+void ProfileBatch::Prepare() { m_state->Prepare(); }
 
 ErrorCode ProfileBatch::Commit() {
   if (const ErrorCode rc = FaultAt(Operation::kCommitProfiles, m_state->name); rc != ERROR_SUCCESS) return rc;

@@ -1,11 +1,15 @@
 #include "service/modify_schedule.h"
 
+#include <algorithm>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "common/ini_recovery.h"
 #include "foundation/include/zfclog.h"
 #include "platform/file.h"
 #include "platform/registry.h"
+#include "service/after_answer.h"
 #include "service/ini_path.h"
 #include "service/job_list.h"
 #include "service/node_setup.h"
@@ -61,7 +65,8 @@ class Modification {
   Status RebuildOldJob();
   void PutOldFileAside();
   bool KeepCopyBesideNewFile();
-  void RemoveCopies();
+  [[nodiscard]] std::vector<std::u16string> Copies() const;
+  void LeaveCopiesToBeRemoved() const;
   void RunNow();
   void ListNewJob();
   void ListOldJob();
@@ -214,14 +219,20 @@ Status Modification::RebuildOldJob() {
 Status Modification::Commit(bool& modified) {
   PutOldFileAside();
   const bool canSave = KeepCopyBesideNewFile();
+  // The disk works at the new file while the key is written.
+  std::optional<CScheduleFileSave> save;
+  if (canSave) save.emplace(m_new.ScheduleObj).Prepare();
   // Where the new file can't be written the key stays untouched, unless it will refuse the change by itself.
   if (canSave || !SameIdentity(m_schedule, m_oldRecord)) {
     if (const Status status = ModifyRegistry(m_new.ScheduleID, m_schedule); status != kStatusOk) {
+      save.reset();
       return RollBackRegistry(status);
     }
   }
-  if (!canSave || m_new.ScheduleObj.SaveScheduleToFile() != kStatusOk) return RollBackFile();
-  RemoveCopies();
+  const bool isSaved = save && save->Finish() == kStatusOk;
+  save.reset();
+  if (!isSaved) return RollBackFile();
+  LeaveCopiesToBeRemoved();
   RunNow();
   ListNewJob();
   modified = true;
@@ -253,9 +264,15 @@ bool Modification::KeepCopyBesideNewFile() {
   return false;
 }
 
-void Modification::RemoveCopies() {
-  RemoveCopy(m_oldPath + std::u16string(kOldIniSuffix));
-  if (m_otherDirectory) RemoveCopy(m_newPath + std::u16string(kOldIniSuffix));
+std::vector<std::u16string> Modification::Copies() const {
+  std::vector<std::u16string> copies = {m_oldPath + std::u16string(kOldIniSuffix)};
+  if (m_otherDirectory) copies.push_back(m_newPath + std::u16string(kOldIniSuffix));
+  return copies;
+}
+
+// Beside the new file they say nothing, so the caller's answer needn't wait until the disk has given them up.
+void Modification::LeaveCopiesToBeRemoved() const {
+  AfterAnswer::Leave([copies = Copies()] { std::ranges::for_each(copies, RemoveCopy); });
 }
 
 void Modification::RunNow() {
@@ -330,7 +347,7 @@ Status Modification::RestoreOldFile() {
       ServiceLog(1, u"ModifySchedule: Failed to move %s back, error = %d", ForLog(aside), code);
     }
   }
-  if (platform::FileExists(file)) RemoveCopies();
+  if (platform::FileExists(file)) std::ranges::for_each(Copies(), RemoveCopy);
   return status;
 }
 
@@ -344,6 +361,7 @@ void Modification::ListOldJob() {
 }  // namespace
 
 Status ModifyStores(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule, bool& modified) {
+  AfterAnswer::DoNow();  // the copies of a change just ahead must not be taken for this one's
   Modification modification(id, schedule);
   if (const Status status = modification.CheckNew(); status != kStatusOk) return status;
   if (const Status status = modification.CaptureOld(); status != kStatusOk) return status;

@@ -6,8 +6,10 @@
 #include "common/bus_records.h"
 #include "foundation/include/zfclog.h"
 #include "platform/clock.h"
+#include "platform/event.h"
 #include "platform/file.h"
 #include "platform/text.h"
+#include "service/after_answer.h"
 #include "service/job_list.h"
 #include "service/scheduler_service.h"
 
@@ -101,6 +103,16 @@ std::int64_t NextWakeUp() {
 }
 
 }  // namespace
+
+// What a change leaves for the moment when its reply is sent.
+struct CServiceBus::LeftBehindReply {
+  void End() {
+    wakes.End();
+    work.End();
+  }
+  AfterAnswer work;
+  platform::WakesPutOff wakes;
+};
 
 // The bus as one of those who hear of the service's events.
 class CServiceBus::SignalSink : public ISchedulerServiceEvents {
@@ -214,7 +226,7 @@ BusMethod CServiceBus::Method(std::string name, std::vector<BusArgument> in, std
                               platform::BusMethodHandler handler) {
   return {std::move(name), std::move(in), std::move(out),
           [this, handler = std::move(handler)](MessageReader& call, MessageWriter& reply) {
-            if (const auto wakes = m_wakes.lock()) wakes->End();  // of a change just ahead: this call may take long
+            if (const auto left = m_left.lock()) left->End();  // of a change just ahead: this call may take long
             NoteClient(call.Sender());
             BusError error = handler(call, reply);
             return error.IsSet() ? error : CheckReplySize(reply, m_replyLimit);
@@ -225,11 +237,11 @@ BusMethod CServiceBus::ChangeMethod(std::string name, std::vector<BusArgument> i
                                     platform::BusMethodHandler handler) {
   return Method(std::move(name), std::move(in), std::move(out),
                 [this, handler = std::move(handler)](MessageReader& call, MessageWriter& reply) {
-                  auto wakes = std::make_shared<platform::WakesPutOff>();
-                  m_wakes = wakes;
+                  auto left = std::make_shared<LeftBehindReply>();
+                  m_left = left;
                   BusError error = handler(call, reply);
-                  // The task has the last hold on them, and comes behind the reply.
-                  (void)m_apartment.Post([wakes = std::move(wakes)] {});
+                  // The task has the last hold on it, and comes behind the reply.
+                  (void)m_apartment.Post([left = std::move(left)] {});
                   return error;
                 });
 }

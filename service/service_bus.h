@@ -19,7 +19,6 @@
 #include "interface/ISchedulerService.h"
 #include "platform/apartment.h"
 #include "platform/bus_presence.h"
-#include "platform/event.h"
 #include "service/event_sinks.h"
 #include "service/list_info.h"
 
@@ -55,13 +54,15 @@ class CServiceBus {
 
  private:
   class SignalSink;
+  struct LeftBehindReply;
 
   platform::BusInterface ServiceInterface();
   platform::BusInterface EventsInterface();
   platform::BusInterface ManagerInterface();
   platform::BusMethod Method(std::string name, std::vector<platform::BusArgument> in,
                              std::vector<platform::BusArgument> out, platform::BusMethodHandler handler);
-  // The same for a change of the caller's own, behind which the scheduler thread is woken when the reply is sent.
+  // The same for a change of the caller's own: when the reply is sent, the scheduler thread is woken and what the change
+  // left for then is done.
   platform::BusMethod ChangeMethod(std::string name, std::vector<platform::BusArgument> in,
                                    std::vector<platform::BusArgument> out, platform::BusMethodHandler handler);
   platform::BusError ListPage(platform::MessageReader& call, platform::MessageWriter& reply);
@@ -79,7 +80,7 @@ class CServiceBus {
   CListInfo m_list;
   std::set<std::string, std::less<>> m_clients;
   std::uint32_t m_cookie = 0;
-  std::weak_ptr<platform::WakesPutOff> m_wakes;  // of the last change, until its reply is sent
+  std::weak_ptr<LeftBehindReply> m_left;  // of the last change, until its reply is sent
 };
 
 }  // namespace qx

@@ -344,6 +344,40 @@ TEST_F(Files, DoNotWriteThroughALinkThatWasLeftInPlaceOfTheNewFile) {
   EXPECT_EQ(Get(m_name), "one");
 }
 
+TEST_F(Files, AreReplacedInTwoSteps) {
+  Put(m_name, "old");
+  FileReplacement replacement;
+  EXPECT_FALSE(replacement.IsBegun());
+  replacement.HaveDiskBegin();
+  EXPECT_EQ(replacement.Finish(), ERROR_INVALID_HANDLE);
+  for (const Durable durable : {Durable::kYes, Durable::kNo}) {
+    ASSERT_EQ(replacement.Begin(m_name, "lost", durable), ERROR_SUCCESS);
+    replacement.Discard();
+    replacement.Discard();
+    EXPECT_FALSE(replacement.IsBegun());
+    EXPECT_FALSE(FileExists(m_directory + "/.a.new"));
+    ASSERT_EQ(replacement.Begin(m_name, "first", durable), ERROR_SUCCESS);
+    ASSERT_EQ(replacement.Begin(m_name, "new", durable), ERROR_SUCCESS);
+    replacement.HaveDiskBegin();
+    EXPECT_TRUE(replacement.IsBegun());
+    EXPECT_EQ(Get(m_name), "old");
+    EXPECT_EQ(replacement.Finish(), ERROR_SUCCESS);
+    EXPECT_EQ(Get(m_name), "new");
+    EXPECT_FALSE(replacement.IsBegun());
+    Put(m_name, "old");
+  }
+  { EXPECT_EQ(FileReplacement().Begin(m_directory + "/none/a", "x", Durable::kYes), ERROR_PATH_NOT_FOUND); }
+  {
+    FileReplacement dropped;
+    ASSERT_EQ(dropped.Begin(m_name, "lost", Durable::kYes), ERROR_SUCCESS);
+    Put(m_directory + "/other", "another's");
+    ASSERT_EQ(RenameFile(m_directory + "/other", m_directory + "/.a.new"), ERROR_SUCCESS);
+    EXPECT_FALSE(dropped.IsBegun());
+  }
+  EXPECT_EQ(Get(m_directory + "/.a.new"), "another's");
+  EXPECT_EQ(Get(m_name), "old");
+}
+
 TEST_F(Files, AskTheFaultSeamForEveryCall) {
   Put(m_name, "x");
   File file;

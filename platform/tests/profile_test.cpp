@@ -22,6 +22,7 @@ namespace {
 using testing::AnyOf;
 using testing::ElementsAre;
 using testing::Eq;
+using testing::UnorderedElementsAre;
 
 class ProfileFile : public testing::Test {
  protected:
@@ -395,6 +396,100 @@ TEST_F(ProfileFile, KeepsTheWritesOfABatchWhoseCommitFailed) {
   EXPECT_EQ(Get(), kOldText);
   EXPECT_EQ(batch.Commit(), ERROR_SUCCESS);
   EXPECT_EQ(Get(), "[S]\r\na=9\r\nb=2\r\n");
+}
+
+// --- a new file that is written ahead of the commit ---
+
+constexpr char kAheadText[] = "[S]\r\na=9\r\nb=2\r\n";
+
+TEST_F(ProfileFile, StaysAsItWasWhileTheNewFileLiesBesideIt) {
+  Put(kOldText);
+  ProfileBatch batch(m_path, ProfileBatch::kSave);
+  EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
+  batch.Prepare();
+  EXPECT_EQ(Get(), kOldText);
+  EXPECT_THAT(Names(), UnorderedElementsAre("rules.ini", ".rules.ini.new"));
+  {
+    const FaultPlan plan = FaultPlan::FailCall(Operation::kWriteFile, 1, ERROR_DISK_FULL);  // nothing more is written
+    EXPECT_EQ(batch.Commit(), ERROR_SUCCESS);
+  }
+  EXPECT_EQ(Get(), kAheadText);
+  EXPECT_THAT(Names(), ElementsAre("rules.ini"));
+  EXPECT_EQ(Write(u"S", u"a", u"10"), ERROR_SUCCESS);
+  EXPECT_EQ(batch.Commit(), ERROR_SUCCESS);
+  EXPECT_EQ(Get(), "[S]\r\na=10\r\nb=2\r\n");
+}
+
+TEST_F(ProfileFile, LosesTheNewFileBesideItWithTheBatch) {
+  Put(kOldText);
+  {
+    ProfileBatch batch(m_path, ProfileBatch::kSave);
+    EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
+    batch.Prepare();
+  }
+  EXPECT_EQ(Get(), kOldText);
+  EXPECT_THAT(Names(), ElementsAre("rules.ini"));
+}
+
+TEST_F(ProfileFile, GetsWhatCameBehindTheNewFileToo) {
+  struct Case {
+    int line;
+    std::function<void()> meanwhile;
+    const char* after;
+  };
+  const Case cases[] = {
+      {__LINE__, [&] { EXPECT_EQ(Write(u"S", u"c", u"3"), ERROR_SUCCESS); }, "[S]\r\na=9\r\nb=2\r\nc=3\r\n"},
+      // Another writer, whose own new file bears the same name, and one who is no writer of this process.
+      {__LINE__, [&] { std::thread([&] { EXPECT_EQ(Write(u"S", u"b", u"7"), ERROR_SUCCESS); }).join(); },
+       "[S]\r\na=9\r\nb=7\r\n"},
+      {__LINE__, [&] { std::filesystem::remove(m_file); }, "[S]\r\na=9\r\n"},
+      {__LINE__, [&] { std::filesystem::remove(m_directory + "/.rules.ini.new"); }, kAheadText},
+      {__LINE__,
+       [&] {
+         std::filesystem::remove(m_directory + "/.rules.ini.new");
+         std::ofstream(m_directory + "/.rules.ini.new") << "another's";
+       },
+       kAheadText},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE("line " + std::to_string(c.line));
+    Put(kOldText);
+    ProfileBatch batch(m_path, ProfileBatch::kSave);
+    EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
+    batch.Prepare();
+    c.meanwhile();
+    EXPECT_EQ(batch.Commit(), ERROR_SUCCESS);
+    EXPECT_EQ(Get(), c.after);
+    EXPECT_THAT(Names(), ElementsAre("rules.ini"));
+  }
+}
+
+TEST_F(ProfileFile, TellsAtTheCommitThatTheNewFileCouldNotBeWritten) {
+  for (const Operation operation : {Operation::kCreateFile, Operation::kWriteFile}) {
+    Put(kOldText);
+    ProfileBatch batch(m_path, ProfileBatch::kSave);
+    EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
+    {
+      const FaultPlan plan = FaultPlan::FailCall(operation, 1, ERROR_DISK_FULL);
+      batch.Prepare();
+    }
+    EXPECT_EQ(batch.Commit(), ERROR_DISK_FULL);
+    EXPECT_EQ(Get(), kOldText);
+    EXPECT_THAT(Names(), ElementsAre("rules.ini"));
+    EXPECT_EQ(batch.Commit(), ERROR_SUCCESS);
+    EXPECT_EQ(Get(), kAheadText);
+  }
+}
+
+TEST_F(ProfileFile, GetsNoNewFileBesideItWhereNothingIsToBeWritten) {
+  Put(kOldText);
+  ProfileBatch batch(m_path, ProfileBatch::kSave);
+  batch.Prepare();
+  EXPECT_EQ(Write(u"S", u"a", u"1"), ERROR_SUCCESS);
+  batch.Prepare();
+  ProfileBatch loading(m_path, ProfileBatch::kLoad);
+  loading.Prepare();
+  EXPECT_THAT(Names(), ElementsAre("rules.ini"));
 }
 
 TEST_F(ProfileFile, IsNotWrittenByABatchThatMissesAWrite) {

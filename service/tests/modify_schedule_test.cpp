@@ -1,5 +1,6 @@
 #include "service/modify_schedule.h"
 
+#include "service/after_answer.h"
 #include "service/tests/modify_fixture.h"
 
 namespace {
@@ -14,6 +15,7 @@ using qx::testing::Narrow;
 using qx::testing::Wide;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::IsEmpty;
 
 class ModifySchedule : public qx::testing::ModifyFixture {
@@ -38,6 +40,41 @@ TEST_F(ModifySchedule, ChangesFileKeyAndNodeThenTellsEverybody) {
   EXPECT_EQ(LastOperation(id), 2u);
   EXPECT_THAT(FileNames(), ElementsAre(Ini(id)));
   EXPECT_THAT(ErrorLines(), IsEmpty());
+}
+
+TEST_F(ModifySchedule, RemovesTheOldFileBehindTheAnswer) {
+  const ScheduleGuid id = CreateQuietly(Before());
+  for (const char* directory : {"a", "b", "b"}) {
+    qx::AfterAnswer left;
+    EXPECT_EQ(m_service.ModifySchedule(id, After(directory)), kStatusOk);
+    EXPECT_THAT(FileNames(), Contains(EndsWith(Text(id) + ".ini.old")));
+    EXPECT_EQ(Stored(id), ReadsAs(After(directory), 0));
+    left.End();
+    EXPECT_THAT(FileNames(), ElementsAre(Ini(id, directory)));
+  }
+}
+
+TEST_F(ModifySchedule, TakesNoCopyOfTheChangeAheadForItsOwn) {
+  const ScheduleGuid id = CreateQuietly(Before());
+  const qx::AfterAnswer left;
+  EXPECT_EQ(m_service.ModifySchedule(id, After()), kStatusOk);
+  EXPECT_EQ(m_service.ModifySchedule(id, Before()), kStatusOk);
+  // One that can't be put into the registry, nor back: the copy it keeps for the next load stays.
+  FaultPlan plan = FaultPlan::FailCall(Operation::kRegSetValue, 1, 5, platform::kFromThenOn);
+  EXPECT_NE(m_service.ModifySchedule(id, After()), kStatusOk);
+  plan.Remove();
+  qx::AfterAnswer::DoNow();
+  EXPECT_THAT(FileNames(), ElementsAre(Ini(id) + ".old"));
+}
+
+TEST_F(ModifySchedule, LeavesNoNewFileBesideTheOldOneWhenTheKeyRefuses) {
+  const ScheduleGuid id = CreateQuietly(Before());
+  const Kept before = Keep(id);
+  SCHEDULE_OBJECT after = After();
+  after.bstrApplication = u"another";
+  EXPECT_EQ(m_service.ModifySchedule(id, after), kStatusOk);
+  EXPECT_THAT(FileNames(), ElementsAre(Ini(id)));
+  EXPECT_EQ(Files(), before.files);
 }
 
 TEST_F(ModifySchedule, MovesTheFileWithTheXmlPath) {
