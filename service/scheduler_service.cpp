@@ -8,6 +8,7 @@
 #include "platform/guid.h"
 #include "platform/memory.h"
 #include "platform/registry.h"
+#include "service/after_answer.h"
 #include "service/ini_path.h"
 #include "service/job_list.h"
 #include "service/modify_schedule.h"
@@ -153,16 +154,24 @@ bool FindIniPath(const ScheduleGuid& id, std::u16string& iniPath) {
   return false;
 }
 
+// That a schedule is deleted rests on its key alone: a power cut ahead of the directory's sync brings back at worst a file
+// that nothing reads. So the sync comes behind the answer.
 void DeleteIniFile(const std::u16string& iniPath) {
   (void)qx::RestoreOldIniFile(iniPath);
-  const std::string file = platform::NativePath(iniPath);
-  const ErrorCode code = platform::DeleteFile(file, platform::Durable::kYes);
-  if (code != ERROR_SUCCESS) {
+  const auto log = [iniPath](ErrorCode code) {
     ServiceLog(1, u"DeleteSchedule:Failed to delete the ini file: %s, error = %d", ForLog(iniPath), code);
-  }
+  };
+  const std::string file = platform::NativePath(iniPath);
+  const ErrorCode code = platform::DeleteFile(file);
+  if (code != ERROR_SUCCESS) log(code);
   // A copy that a modification cut short left behind goes with it.
   const std::string old = platform::NativePath(iniPath + std::u16string(qx::kOldIniSuffix));
-  if (platform::FileExists(old)) (void)platform::DeleteFile(old, platform::Durable::kYes);
+  const bool hasOld = platform::FileExists(old) && platform::DeleteFile(old) == ERROR_SUCCESS;
+  if (code != ERROR_SUCCESS && !hasOld) return;
+  qx::AfterAnswer::Leave([log, directory = platform::DirectoryOf(file)] {
+    const ErrorCode synced = platform::SyncDirectory(directory);
+    if (synced != ERROR_SUCCESS) log(synced);
+  });
 }
 
 void EraseListedJob(const ScheduleGuid& id) {
