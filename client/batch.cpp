@@ -1,6 +1,5 @@
 #include "client/batch.h"
 
-#include <cstdio>
 #include <exception>
 #include <istream>
 #include <limits>
@@ -37,12 +36,6 @@ struct Query {
   std::int64_t count = 1;
   std::optional<std::int64_t> at;
 };
-
-std::string Hex(std::uint32_t code) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", code);
-  return text;
-}
 
 // Brackets open at once, strings left out; what is deeper would exhaust the stack where the answer is written.
 bool NestsTooDeeply(std::string_view line) {
@@ -124,7 +117,7 @@ ordered_json Windows(zepISchedule2& schedule, const Query& query) {
     const ZRESULT result =
         schedule.GetNextTimeWindowEx(query.anchor, query.effective, ref, &start, &end, &last, &match);
     ordered_json window = ordered_json::object();
-    window["hr"] = Hex(static_cast<std::uint32_t>(result));
+    window["hr"] = HexStatus(static_cast<std::uint32_t>(result));
     window["start"] = TimeOrNull(start);
     window["end"] = TimeOrNull(end);
     window["last"] = static_cast<int>(last);
@@ -143,9 +136,9 @@ ordered_json Answer(const Query& query) {
   if (query.record) {
     CZEPScheduleObj adapter;
     adapter.m_pSchedule = schedule.get();
-    answer["validate"] = Hex(adapter.Validate_ScheduleRules(&*query.record));
+    answer["validate"] = HexStatus(adapter.Validate_ScheduleRules(&*query.record));
   } else {
-    answer["validate"] = Hex(static_cast<std::uint32_t>(schedule->Validate()));
+    answer["validate"] = HexStatus(static_cast<std::uint32_t>(schedule->Validate()));
   }
   answer["windows"] = Windows(*schedule, query);
   if (query.at) answer["in_window"] = static_cast<int>(schedule->IsScheduleInTimeWindow(*query.at));

@@ -12,15 +12,10 @@
 namespace qx {
 namespace {
 
-constexpr std::int64_t kDaySeconds = 86400;
 constexpr std::int64_t kHourSeconds = 3600;
 constexpr std::int64_t kHours = 24;
 // A run of restarts shorter than this is asked for one by one.
 constexpr std::int64_t kShortestRun = 3;
-
-std::int64_t FloorDiv(std::int64_t a, std::int64_t b) {
-  return a / b - (a % b < 0);
-}
 
 bool AllDigits(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
@@ -320,6 +315,10 @@ const char* MonthName(int month) {
   static constexpr const char* kNames[] = {"January", "February", "March",     "April",   "May",      "June",
                                            "July",    "August",   "September", "October", "November", "December"};
   return kNames[month - 1];
+}
+
+std::size_t WeekColumn(std::int64_t day) {
+  return static_cast<std::size_t>(((day + 3) % 7 + 7) % 7);
 }
 
 std::string SpanTitle(const CalendarSpan& span) {

@@ -131,6 +131,9 @@ inline constexpr int kMostDensity = 4;
 // "clock goes forward 1h at 02:00", "clock changes" where the date only touches a change; empty for other days.
 [[nodiscard]] std::string ChangeText(const CalendarDay& day);
 
+// The column of a day since 1970-01-01 in a week that begins on Monday: 0 to 6.
+[[nodiscard]] std::size_t WeekColumn(std::int64_t day);
+
 // "November 2026", "2026".
 [[nodiscard]] std::string SpanTitle(const CalendarSpan& span);
 [[nodiscard]] const char* MonthName(int month);  // 1 to 12, in English

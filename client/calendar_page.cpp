@@ -13,9 +13,8 @@ namespace {
 
 constexpr std::size_t kChips = 3;          // windows shown in the cell of a month's day
 constexpr std::size_t kScheduleRows = 12;  // in the summary
-constexpr std::size_t kDaysOfWeek = 7;
-constexpr std::array<const char*, kDaysOfWeek> kWeekdays = {"Monday", "Tuesday",  "Wednesday", "Thursday",
-                                                            "Friday", "Saturday", "Sunday"};
+constexpr std::array<const char*, kDaysOfWeekCount> kLongWeekdays = {"Monday", "Tuesday",  "Wednesday", "Thursday",
+                                                                     "Friday", "Saturday", "Sunday"};
 
 constexpr const char* kStyle = R"css(
 :root{color-scheme:light dark;--page:#f6f7f9;--card:#fff;--ink:#1a2230;--soft:#5b6678;--line:#dfe3ea;--accent:#1f5fbf;
@@ -113,11 +112,6 @@ border-radius:14px;padding:16px;box-shadow:var(--shadow);font-size:13px;font-wei
 @media print{body{background:#fff;padding:0}.tip,.hint{display:none!important}main{display:block}.day{break-inside:avoid}}
 )css";
 
-// Monday 0 to Sunday 6.
-std::size_t Column(std::int64_t day) {
-  return static_cast<std::size_t>(((day + 3) % 7 + 7) % 7);
-}
-
 std::string Grouped(std::uint64_t number) {
   std::string text = std::to_string(number);
   for (std::size_t at = text.size(); at > 3; at -= 3) text.insert(at - 3, ",");
@@ -134,8 +128,8 @@ std::string Clock(std::int64_t seconds) {
 
 std::string LongDate(std::int64_t day) {
   const platform::CivilDate date = platform::CivilFromDays(day);
-  return std::string(kWeekdays[Column(day)]) + ", " + std::to_string(date.day) + " " + MonthName(date.month) + " " +
-         std::to_string(date.year);
+  return std::string(kLongWeekdays[WeekColumn(day)]) + ", " + std::to_string(date.day) + " " + MonthName(date.month) +
+         " " + std::to_string(date.year);
 }
 
 class PageWriter {
@@ -255,8 +249,8 @@ class PageWriter {
     m_out += "<div class=\"" + classes + "\" tabindex=\"0\" role=\"group\" aria-label=\"" + LongDate(day.day) + ": " +
              Counted(day.windows, "window") + "\">";
     if (large) {
-      m_out += "<div class=\"top\"><span class=\"n\" data-wd=\"" + std::string(kWeekdays[Column(day.day)]) + "\">" +
-               number + "</span>";
+      m_out += "<div class=\"top\"><span class=\"n\" data-wd=\"" + std::string(kLongWeekdays[WeekColumn(day.day)]) +
+               "\">" + number + "</span>";
       if (day.windows > 0) {
         m_out += "<span class=\"count d" + std::to_string(density) + "\">" + Grouped(day.windows) + "</span>";
       }
@@ -282,10 +276,10 @@ class PageWriter {
 
   void Grid(CalendarSpan span, bool large) {
     m_out += "<div class=\"grid\">";
-    for (const char* weekday : kWeekdays) {
+    for (const char* weekday : kLongWeekdays) {
       m_out += "<div class=\"wd\">" + std::string(weekday, large ? 3 : 2) + "</div>";
     }
-    for (std::size_t i = Column(span.FirstDay()); i > 0; --i) m_out += "<div class=\"blank\"></div>";
+    for (std::size_t i = WeekColumn(span.FirstDay()); i > 0; --i) m_out += "<div class=\"blank\"></div>";
     m_out += "\n";
     const std::int64_t first = m_calendar.days.front().day;
     for (std::int64_t day = span.FirstDay(); day <= span.LastDay(); ++day) {

@@ -15,25 +15,16 @@ constexpr std::size_t kFewestColumns = 30;
 constexpr std::size_t kWidestCell = 18;
 constexpr std::size_t kNarrowCell = 9;  // below it there is no room for a time and a sign
 constexpr std::size_t kMostNotes = 40;
-constexpr std::size_t kLongestName = 60;  // in a note
-constexpr std::size_t kDaysOfWeek = 7;
+constexpr std::size_t kLongestNoted = 60;  // in a note
 constexpr std::size_t kMiniCell = 3;
-constexpr std::size_t kMiniWidth = kDaysOfWeek * kMiniCell;
+constexpr std::size_t kMiniWidth = kDaysOfWeekCount * kMiniCell;
 constexpr std::size_t kMostAbreast = 4;
 // What stands behind a day of a small month, by density.
 constexpr std::string_view kSigns = " .:+#";
-constexpr std::array<const char*, kDaysOfWeek> kWeekdays = {"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
-
-bool IsContinuation(char c) {
-  return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
-}
-
-std::size_t Width(std::string_view text) {
-  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) { return !IsContinuation(c); }));
-}
+constexpr std::array<const char*, kDaysOfWeekCount> kShortWeekdays = {"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
 
 std::string Cut(std::string text, std::size_t width) {
-  if (Width(text) <= width) return text;
+  if (TextWidth(text) <= width) return text;
   std::size_t at = 0;
   for (std::size_t kept = 0; at < text.size(); ++at) {
     if (!IsContinuation(text[at]) && kept++ == width - 1) break;
@@ -42,14 +33,9 @@ std::string Cut(std::string text, std::size_t width) {
 }
 
 std::string Pad(std::string text, std::size_t width) {
-  const std::size_t has = Width(text);
+  const std::size_t has = TextWidth(text);
   if (has < width) text.append(width - has, ' ');
   return text;
-}
-
-// Monday 0 to Sunday 6.
-std::size_t Column(std::int64_t day) {
-  return static_cast<std::size_t>(((day + 3) % 7 + 7) % 7);
 }
 
 // "950", "12k", "3M".
@@ -59,7 +45,7 @@ std::string Short(std::uint64_t count) {
   return std::to_string(count / 1000000) + "M";
 }
 
-std::string Counted(std::uint64_t count, const char* thing) {
+std::string Plural(std::uint64_t count, const char* thing) {
   return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
 }
 
@@ -76,7 +62,7 @@ struct Piece {
   Colour colour = Colour::kPlain;
 };
 
-std::string Line(const std::vector<Piece>& pieces, bool colour) {
+std::string Coloured(const std::vector<Piece>& pieces, bool colour) {
   // Blanks at the end of the line are left out, also where a piece without a text pads it.
   std::size_t last = pieces.size();
   while (last > 0 && pieces[last - 1].text.find_first_not_of(' ') == std::string::npos) --last;
@@ -134,22 +120,22 @@ std::vector<Piece> CellLines(const CalendarDay& day, const Calendar& calendar, s
 }
 
 std::string MonthGrid(const Calendar& calendar, const CalendarTextOptions& options) {
-  const std::size_t cell = std::min(options.columns / kDaysOfWeek, kWidestCell);
+  const std::size_t cell = std::min(options.columns / kDaysOfWeekCount, kWidestCell);
   const std::size_t width = cell - 1;  // a blank between two cells
   std::string text;
   std::vector<Piece> head;
-  for (const char* weekday : kWeekdays) head.push_back({Pad(weekday, cell), Colour::kBold});
-  text += Line(head, options.colour);
+  for (const char* weekday : kShortWeekdays) head.push_back({Pad(weekday, cell), Colour::kBold});
+  text += Coloured(head, options.colour);
   const auto& days = calendar.days;
   for (std::size_t at = 0; at < days.size();) {
-    const std::size_t begin = Column(days[at].day);
-    const std::size_t count = std::min(kDaysOfWeek - begin, days.size() - at);
+    const std::size_t begin = WeekColumn(days[at].day);
+    const std::size_t count = std::min(kDaysOfWeekCount - begin, days.size() - at);
     std::uint64_t most = 0;
     for (std::size_t i = 0; i < count; ++i) most = std::max(most, days[at + i].allEntries);
     const std::size_t room = cell - 1 < kNarrowCell ? 1 : 4;
     const std::size_t height =
         1 + static_cast<std::size_t>(std::min<std::uint64_t>(std::max<std::uint64_t>(most, 1), room));
-    std::array<std::vector<Piece>, kDaysOfWeek> cells;
+    std::array<std::vector<Piece>, kDaysOfWeekCount> cells;
     for (std::size_t i = 0; i < count; ++i) cells[begin + i] = CellLines(days[at + i], calendar, width, height);
     for (std::size_t line = 0; line < height; ++line) {
       std::vector<Piece> pieces;
@@ -158,7 +144,7 @@ std::string MonthGrid(const Calendar& calendar, const CalendarTextOptions& optio
         piece.text = Pad(piece.text, cell);
         pieces.push_back(std::move(piece));
       }
-      text += Line(pieces, options.colour);
+      text += Coloured(pieces, options.colour);
     }
     at += count;
   }
@@ -175,10 +161,10 @@ Mini MiniMonth(const Calendar& calendar, int month) {
   Mini mini;
   mini.lines.push_back({{Pad(MonthName(month), kMiniWidth), Colour::kBold}});
   std::string head;
-  for (const char* weekday : kWeekdays) head += std::string(weekday, 2) + " ";
+  for (const char* weekday : kShortWeekdays) head += std::string(weekday, 2) + " ";
   mini.lines.push_back({{head, Colour::kPlain}});
   const CalendarSpan span{calendar.span.year, month};
-  std::vector<Piece> line(Column(span.FirstDay()), Piece{std::string(kMiniCell, ' '), Colour::kPlain});
+  std::vector<Piece> line(WeekColumn(span.FirstDay()), Piece{std::string(kMiniCell, ' '), Colour::kPlain});
   for (std::int64_t at = span.FirstDay(); at <= span.LastDay(); ++at) {
     const CalendarDay& day = calendar.days[static_cast<std::size_t>(at - calendar.days.front().day)];
     std::string text = std::to_string(at - span.FirstDay() + 1);
@@ -186,8 +172,8 @@ Mini MiniMonth(const Calendar& calendar, int month) {
     const int density = DensityOf(day, calendar);
     text += day.change ? '~' : density == 0 && day.excluded > 0 ? 'x' : kSigns[static_cast<std::size_t>(density)];
     line.push_back({text, DayColour(day, calendar)});
-    if (line.size() == kDaysOfWeek || at == span.LastDay()) {
-      line.resize(kDaysOfWeek, {std::string(kMiniCell, ' '), Colour::kPlain});
+    if (line.size() == kDaysOfWeekCount || at == span.LastDay()) {
+      line.resize(kDaysOfWeekCount, {std::string(kMiniCell, ' '), Colour::kPlain});
       mini.lines.push_back(std::move(line));
       line.clear();
     }
@@ -215,7 +201,7 @@ std::string YearGrid(const Calendar& calendar, const CalendarTextOptions& option
         }
         pieces.push_back({"  ", Colour::kPlain});
       }
-      text += Line(pieces, options.colour);
+      text += Coloured(pieces, options.colour);
     }
     if (first + abreast <= 12) text += "\n";
   }
@@ -228,7 +214,7 @@ std::string YearGrid(const Calendar& calendar, const CalendarTextOptions& option
 std::vector<std::string> Notes(const Calendar& calendar) {
   std::vector<std::string> notes;
   const auto name = [&](std::uint32_t schedule) {
-    return Cut(Printable(calendar.schedules[schedule].name), kLongestName);
+    return Cut(Printable(calendar.schedules[schedule].name), kLongestNoted);
   };
   for (const CalendarDay& day : calendar.days) {
     const std::string date = FormatDate(day.day) + " " + WeekdayOf(day.day) + "  ";
@@ -252,8 +238,8 @@ std::vector<std::string> Notes(const Calendar& calendar) {
 }
 
 std::string Totals(const Calendar& calendar) {
-  std::string text = Counted(calendar.schedules.size(), "schedule") + ", " + Counted(calendar.windows, "window");
-  if (calendar.restarts > 0) text += ", " + Counted(calendar.restarts, "restart");
+  std::string text = Plural(calendar.schedules.size(), "schedule") + ", " + Plural(calendar.windows, "window");
+  if (calendar.restarts > 0) text += ", " + Plural(calendar.restarts, "restart");
   if (calendar.excluded > 0) text += ", " + std::to_string(calendar.excluded) + " excluded";
   return text;
 }
@@ -264,7 +250,7 @@ std::string Wrap(const std::string& text, std::size_t columns) {
   for (std::size_t at = 0; at < text.size();) {
     const std::size_t end = std::min(text.find(' ', at), text.size());
     const std::string word = Cut(text.substr(at, end - at), columns);
-    if (!line.empty() && Width(line) + 1 + Width(word) > columns) {
+    if (!line.empty() && TextWidth(line) + 1 + TextWidth(word) > columns) {
       out += line + "\n";
       line.clear();
     }
@@ -282,7 +268,7 @@ std::string CalendarText(const Calendar& calendar, const CalendarTextOptions& gi
   const bool year = calendar.span.month == 0;
   std::string text;
   if (options.legend) {
-    text += Line({{SpanTitle(calendar.span), Colour::kBold}}, options.colour);
+    text += Coloured({{SpanTitle(calendar.span), Colour::kBold}}, options.colour);
     text += "\n";
   }
   text += year ? YearGrid(calendar, options) : MonthGrid(calendar, options);

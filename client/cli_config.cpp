@@ -103,12 +103,12 @@ int Show(CliContext& context) {
   }
   const std::string path = platform::Utf8FromWide(stored.path);
   if (context.options.json) {
-    nlohmann::ordered_json json;
-    json["path"] = path;
-    json["filter"] = words;
-    json["flags"] = stored.flags;
-    json["size_kib"] = stored.kibibytes;
-    context.out << json.dump() << "\n";
+    nlohmann::ordered_json shown;
+    shown["path"] = path;
+    shown["filter"] = words;
+    shown["flags"] = stored.flags;
+    shown["size_kib"] = stored.kibibytes;
+    context.out << shown.dump() << "\n";
     return kExitDone;
   }
   std::string filter;
@@ -243,12 +243,13 @@ ErrorCode ReadSetting(const SettingRow& row, std::string& value) {
 }
 
 bool IsAccountName(const std::string& name) {
-  constexpr std::size_t kLongestName = 255;
+  constexpr std::size_t kLongestAccount = 255;
   const auto plain = [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-' ||
            c == '.' || c == '@' || c == '$';
   };
-  return !name.empty() && name.size() <= kLongestName && name[0] != '-' && std::all_of(name.begin(), name.end(), plain);
+  return !name.empty() && name.size() <= kLongestAccount && name[0] != '-' &&
+         std::all_of(name.begin(), name.end(), plain);
 }
 
 bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
@@ -304,7 +305,7 @@ int RunConfigGet(CliContext& context, const std::string& name) {
   const SettingRow* one = nullptr;
   if (!name.empty() && (one = FindSetting(context, name)) == nullptr) return kExitUsage;
   return WithKeyStore(context, false, [&] {
-    nlohmann::ordered_json json = nlohmann::ordered_json::object();
+    nlohmann::ordered_json listing = nlohmann::ordered_json::object();
     constexpr std::size_t kWidth = 19;
     for (const SettingRow& row : kSettings) {
       if (one != nullptr && one != &row) continue;
@@ -314,9 +315,9 @@ int RunConfigGet(CliContext& context, const std::string& name) {
         const nlohmann::ordered_json shown =
             row.number ? nlohmann::ordered_json(std::stoul(value)) : nlohmann::ordered_json(value);
         if (one != nullptr) {
-          json = shown;
+          listing = shown;
         } else {
-          json[std::string(row.name)] = shown;
+          listing[std::string(row.name)] = shown;
         }
       } else if (one != nullptr) {
         context.out << Printable(value) << "\n";
@@ -327,7 +328,7 @@ int RunConfigGet(CliContext& context, const std::string& name) {
       }
     }
     if (context.options.json) {
-      context.out << json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
+      context.out << listing.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
     }
     return static_cast<int>(kExitDone);
   });

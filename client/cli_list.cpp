@@ -40,18 +40,13 @@ std::vector<Entry> InOrder(const std::vector<SentListRow>& rows) {
   return order;
 }
 
-std::size_t Width(std::string_view text) {
-  return static_cast<std::size_t>(
-      std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
-}
-
 // Appends the text in exactly (pad) or at most `width` characters.
 void AppendFit(std::string& out, std::string_view text, std::size_t width, bool pad) {
-  const std::size_t has = Width(text);
+  const std::size_t has = TextWidth(text);
   if (has > width) {
     std::size_t at = 0;
     for (std::size_t kept = 0; at < text.size(); ++at) {
-      if ((static_cast<unsigned char>(text[at]) & 0xC0) != 0x80 && kept++ == width - 1) break;
+      if (!IsContinuation(text[at]) && kept++ == width - 1) break;
     }
     out.append(text.substr(0, at)).append("…");
     return;
@@ -111,10 +106,10 @@ class Lines {
   [[nodiscard]] Widths Needed() const {
     Widths widths;
     for (const Line& line : m_lines) {
-      widths.next = std::max(widths.next, Width(line.next));
-      widths.name = std::max(widths.name, Width(line.name));
-      widths.id = std::max(widths.id, Width(line.id));
-      widths.command = std::max(widths.command, Width(line.command));
+      widths.next = std::max(widths.next, TextWidth(line.next));
+      widths.name = std::max(widths.name, TextWidth(line.name));
+      widths.id = std::max(widths.id, TextWidth(line.id));
+      widths.command = std::max(widths.command, TextWidth(line.command));
     }
     return widths;
   }

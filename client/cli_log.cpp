@@ -22,13 +22,13 @@ namespace {
 using nlohmann::ordered_json;
 using platform::ErrorCode;
 
-constexpr std::size_t kFiles = 3;
+constexpr std::size_t kLogFiles = 3;
 constexpr std::uint32_t kFollowTurnMs = 200;
 constexpr std::uint32_t kFollowedLines = 10;
 constexpr std::size_t kDateLength = 24;  // "Mon Nov 30 13:00:00 2026"
 
 // The head of a line, or nothing for a line that goes on or is damaged.
-struct Head {
+struct LineHead {
   std::int64_t when = 0;  // wall clock as seconds, to compare only
   std::string time;       // "2026-11-30 13:00:00"
   std::int64_t pid = 0;
@@ -50,14 +50,14 @@ bool ReadWord(std::string_view line, std::size_t& at, std::string_view word) {
   return true;
 }
 
-std::optional<Head> ReadHead(std::string_view line) {
+std::optional<LineHead> ReadLineHead(std::string_view line) {
   static constexpr std::string_view kMonths = "JanFebMarAprMayJunJulAugSepOctNovDec";
   if (line.size() < kDateLength) return std::nullopt;
   const std::size_t month = kMonths.find(line.substr(4, 3));
   if (month == std::string_view::npos || month % 3 != 0) return std::nullopt;
   std::size_t at = 7;
   std::int64_t day = 0, hour = 0, minute = 0, second = 0, year = 0;
-  Head head;
+  LineHead head;
   const bool whole = ReadNumber(line, at, day) && ReadWord(line, at, " ") && ReadNumber(line, at, hour) &&
                      ReadWord(line, at, ":") && ReadNumber(line, at, minute) && ReadWord(line, at, ":") &&
                      ReadNumber(line, at, second) && ReadWord(line, at, " ") && ReadNumber(line, at, year) &&
@@ -93,7 +93,7 @@ std::string LogFile(std::size_t index) {
 }
 
 void PrintLine(CliContext& context, const std::string& line) {
-  const auto head = ReadHead(line);
+  const auto head = ReadLineHead(line);
   if (context.options.json) {
     ordered_json out = ordered_json::object();
     out["time"] = head ? ordered_json(head->time) : ordered_json(nullptr);
@@ -109,11 +109,11 @@ void PrintLine(CliContext& context, const std::string& line) {
 }
 
 // What was read of each file so far.
-class Reader {
+class LogReader {
  public:
   // Reads what is new in each file. A file that has become shorter was begun again.
-  ErrorCode Read(std::array<std::string, kFiles>& fresh) {
-    for (std::size_t i = 0; i < kFiles; ++i) {
+  ErrorCode Read(std::array<std::string, kLogFiles>& fresh) {
+    for (std::size_t i = 0; i < kLogFiles; ++i) {
       platform::File file;
       std::uint64_t size = 0;
       ErrorCode code = file.Open(LogFile(i), platform::File::Access::kRead, platform::File::Disposition::kOpenExisting);
@@ -142,8 +142,8 @@ class Reader {
   bool found = false;
 
  private:
-  std::array<std::uint64_t, kFiles> m_read{};
-  std::array<std::string, kFiles> m_rest;
+  std::array<std::uint64_t, kLogFiles> m_read{};
+  std::array<std::string, kLogFiles> m_rest;
 };
 
 }  // namespace
@@ -161,7 +161,7 @@ std::vector<std::string> MergeLogFiles(const std::vector<std::string>& files) {
     queue.lines = TakeLines(text);
     std::int64_t latest = 0;
     for (const std::string& line : queue.lines) {
-      if (const auto head = ReadHead(line)) latest = std::max(latest, head->when);
+      if (const auto head = ReadLineHead(line)) latest = std::max(latest, head->when);
       queue.keys.push_back(latest);
     }
     queues.push_back(std::move(queue));
@@ -182,8 +182,8 @@ std::vector<std::string> MergeLogFiles(const std::vector<std::string>& files) {
 }
 
 int RunLog(CliContext& context, const LogArguments& arguments) {
-  Reader reader;
-  std::array<std::string, kFiles> fresh;
+  LogReader reader;
+  std::array<std::string, kLogFiles> fresh;
   const auto fail = [&](ErrorCode code) {
     PrintError(context, platform::StateDirectory() + "/logs: " + FormatStatus(0x80070000 | code));
     if (code != platform::ERROR_ACCESS_DENIED) return static_cast<int>(kExitFailed);

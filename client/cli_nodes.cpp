@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <utility>
@@ -10,6 +9,7 @@
 #include "client/cli_app.h"
 #include "client/cli_session.h"
 #include "client/output_lock.h"
+#include "client/schedule_json.h"
 #include "client/status_text.h"
 #include "platform/file.h"
 #include "platform/interrupt.h"
@@ -57,12 +57,6 @@ void WarnOfRecord(CliContext& context, const SCHEDULE_OBJECT& schedule) {
   }
 }
 
-std::string Hex(Status status) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", status);
-  return text;
-}
-
 // The result of one node for people.
 std::string ResultText(std::int32_t result, bool local) {
   if (result == 0) return "done";
@@ -84,7 +78,7 @@ bool ShowResults(CliContext& context, const NodeNames& names, const NodeResults&
     const std::string text = ResultText(results[i], local);
     all = all && results[i] == 0;
     if (context.options.json) {
-      list.push_back({{"node", name}, {"status", Hex(static_cast<Status>(results[i]))}, {"text", text}});
+      list.push_back({{"node", name}, {"status", HexStatus(static_cast<Status>(results[i]))}, {"text", text}});
     } else if (results[i] != 0) {
       PrintError(context, name + ": " + text);
     } else {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <istream>
 #include <iterator>
 #include <nlohmann/json.hpp>
@@ -305,12 +304,6 @@ void PrintWindowJson(CliContext& context, const std::vector<ShownWindow>& window
 
 // --- check -----------------------------------------------------------------------------------------------------------
 
-std::string Hex(Status status) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", status);
-  return text;
-}
-
 ordered_json FindingJson(const Finding& finding) {
   ordered_json out = ordered_json::object();
   out["severity"] = finding.severity == Severity::kError ? "error" : "warning";
@@ -452,7 +445,7 @@ int RunCheck(CliContext& context, const CheckArguments& arguments) {
       ordered_json item = ordered_json::object();
       item["file"] = file;
       item["ok"] = !refused;
-      item["status"] = Hex(checked.status);
+      item["status"] = HexStatus(checked.status);
       item["findings"] = ordered_json::array();
       for (const Finding& finding : checked.findings) item["findings"].push_back(FindingJson(finding));
       report.push_back(std::move(item));

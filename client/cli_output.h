@@ -3,6 +3,7 @@
 // Data goes to `out`, messages to `err`. Threads: a command runs on one thread.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <iosfwd>
@@ -66,5 +67,15 @@ void PrintFinding(CliContext& context, std::string_view file, const Finding& fin
 // The exit code that tells a status best: 0 done, 4 for access denied, 3 for an unknown ID, 5 for refused rules,
 // else 1.
 [[nodiscard]] int ExitCodeOf(Status status);
+
+// A byte of UTF-8 that goes on with the character before it.
+[[nodiscard]] inline bool IsContinuation(char c) {
+  return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
+}
+
+// Characters of a text in UTF-8.
+[[nodiscard]] inline std::size_t TextWidth(std::string_view text) {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) { return !IsContinuation(c); }));
+}
 
 }  // namespace qx

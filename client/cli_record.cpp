@@ -39,7 +39,7 @@ constexpr std::uint32_t kTurnMs = 500;
 constexpr std::uint32_t kReconnectMs = 1000;
 constexpr std::uint32_t kTrimMs = 60000;
 constexpr std::uint32_t kMetricsMs = 15000;
-constexpr std::uint32_t kPageRows = 1000;
+constexpr std::uint32_t kRecordPageRows = 1000;
 constexpr const char* kAliveFact = "recorded_until";
 std::string Sentence(ErrorCode code) {
   return FormatStatus(0x80070000 | code);
@@ -172,7 +172,7 @@ class Recording {
     m_recorder->BeginList();
     for (std::u16string after;;) {
       std::vector<ListRow> page;
-      if (m_link->ListInfo(after, kPageRows, page) != kStatusOk) {
+      if (m_link->ListInfo(after, kRecordPageRows, page) != kStatusOk) {
         m_recorder->ListFailed();
         return;
       }

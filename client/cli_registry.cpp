@@ -104,7 +104,7 @@ bool FromUtf8(std::string_view text, std::u16string& out) {
   return true;
 }
 
-std::string Hex(std::span<const std::byte> data) {
+std::string HexBytes(std::span<const std::byte> data) {
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string out;
   out.reserve(data.size() * 2);
@@ -136,7 +136,7 @@ std::string OneLine(std::string_view text) {
       default:
         if (byte < 0x20 || byte == 0x7F) {
           const std::array<std::byte, 1> one{std::byte{byte}};
-          out += "\\x" + Hex(one);
+          out += "\\x" + HexBytes(one);
         } else {
           out += c;
         }
@@ -309,10 +309,10 @@ nlohmann::ordered_json ShowValue(std::u16string_view name, std::uint32_t type, c
     std::memcpy(&number, bytes.data(), sizeof(number));
     out["data"] = number;
   } else {
-    out["data"] = Hex(bytes);
+    out["data"] = HexBytes(bytes);
     isWhole = type != platform::REG_DWORD;
   }
-  if (!isWhole) out["raw"] = Hex(bytes);
+  if (!isWhole) out["raw"] = HexBytes(bytes);
   return out;
 }
 

@@ -1,7 +1,6 @@
 #include "client/cli_session.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -9,6 +8,7 @@
 #include <utility>
 
 #include "client/schedule_keys.h"
+#include "client/schedule_json.h"
 #include "client/schedule_word.h"
 #include "client/status_text.h"
 #include "client/time_text.h"
@@ -52,12 +52,6 @@ bool ParseFullId(const std::string& text, ScheduleGuid& id) {
 
 void WriteJson(std::ostream& out, const ordered_json& json) {
   out << json.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << "\n";
-}
-
-std::string HexStatus(Status status) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", status);
-  return text;
 }
 
 std::string IdText(const ScheduleGuid& id) {

@@ -21,8 +21,6 @@ namespace qx {
 // --- how things are written ---
 
 void WriteJson(std::ostream& out, const nlohmann::ordered_json& json);
-// "0x8004020C"
-[[nodiscard]] std::string HexStatus(Status status);
 // With braces.
 [[nodiscard]] std::string IdText(const ScheduleGuid& id);
 // Name of the zone in force.

@@ -152,9 +152,9 @@ std::optional<TextPosition> DeepKey(std::string_view text) {
 
 // --- reading ---------------------------------------------------------------------------------------------------------
 
-class Reader {
+class TableReader {
  public:
-  Reader(const ScheduleFileOptions& options, ScheduleFile& out) : m_options(options), m_out(out) {}
+  TableReader(const ScheduleFileOptions& options, ScheduleFile& out) : m_options(options), m_out(out) {}
 
   void Read(const toml::table& root) {
     Walk(root, "");
@@ -165,7 +165,7 @@ class Reader {
   struct Row {
     const char* table;
     const char* key;
-    void (Reader::*read)(const std::string& name, const toml::node& node);
+    void (TableReader::*read)(const std::string& name, const toml::node& node);
   };
   // Every key of the file, the tables among them.
   static std::span<const Row> Rows();
@@ -503,40 +503,40 @@ class Reader {
   ScheduleFile& m_out;
 };
 
-std::span<const Reader::Row> Reader::Rows() {
+std::span<const TableReader::Row> TableReader::Rows() {
   static constexpr Row kRows[] = {
-      {"", "name", &Reader::ReadIniText<&SCHEDULE_OBJECT::bstrName>},
-      {"", "description", &Reader::ReadIniText<&SCHEDULE_OBJECT::bstrDescription>},
-      {"", "application", &Reader::ReadText<&SCHEDULE_OBJECT::bstrApplication>},
-      {"", "object_id", &Reader::ReadText<&SCHEDULE_OBJECT::bstrObjectID>},
-      {"", "task_code", &Reader::ReadTaskCode},
-      {"", "job", &Reader::ReadTable},
-      {"", "window", &Reader::ReadTable},
-      {"", "days", &Reader::ReadTable},
-      {"job", "wrapper", &Reader::ReadWrapper},
-      {"job", "xml", &Reader::ReadPath<&SCHEDULE_OBJECT::bstrXMLFilePathName>},
-      {"job", "parameters", &Reader::ReadText<&SCHEDULE_OBJECT::bstrParameters>},
-      {"job", "pre_script", &Reader::ReadPath<&SCHEDULE_OBJECT::bstrPreScript>},
-      {"job", "post_script", &Reader::ReadPath<&SCHEDULE_OBJECT::bstrPostScript>},
-      {"job", "pass_id", &Reader::ReadFlag<&SCHEDULE_OBJECT::bUseGUID>},
-      {"job", "run_now", &Reader::ReadFlag<&SCHEDULE_OBJECT::bRunNow>},
-      {"window", "start", &Reader::ReadTime<&SCHEDULE_RULE::lStartTime>},
-      {"window", "end", &Reader::ReadTime<&SCHEDULE_RULE::lEndTime>},
-      {"window", "duration", &Reader::ReadDuration},
-      {"window", "restart", &Reader::ReadRestart},
-      {"days", "effective", &Reader::ReadEffective},
-      {"days", "first", &Reader::ReadWeek<0>},
-      {"days", "second", &Reader::ReadWeek<1>},
-      {"days", "third", &Reader::ReadWeek<2>},
-      {"days", "fourth", &Reader::ReadWeek<3>},
-      {"days", "last", &Reader::ReadWeek<4>},
-      {"days", "every", &Reader::ReadEveryWeek},
-      {"days", "of_month", &Reader::ReadDaysOfMonth},
-      {"days", "repeat", &Reader::ReadRepeat},
-      {"days", "include", &Reader::ReadInclude},
-      {"days", "exclude", &Reader::ReadExclude},
-      {"days.repeat", "every", &Reader::ReadEvery},
-      {"days.repeat", "anchor", &Reader::ReadAnchor},
+      {"", "name", &TableReader::ReadIniText<&SCHEDULE_OBJECT::bstrName>},
+      {"", "description", &TableReader::ReadIniText<&SCHEDULE_OBJECT::bstrDescription>},
+      {"", "application", &TableReader::ReadText<&SCHEDULE_OBJECT::bstrApplication>},
+      {"", "object_id", &TableReader::ReadText<&SCHEDULE_OBJECT::bstrObjectID>},
+      {"", "task_code", &TableReader::ReadTaskCode},
+      {"", "job", &TableReader::ReadTable},
+      {"", "window", &TableReader::ReadTable},
+      {"", "days", &TableReader::ReadTable},
+      {"job", "wrapper", &TableReader::ReadWrapper},
+      {"job", "xml", &TableReader::ReadPath<&SCHEDULE_OBJECT::bstrXMLFilePathName>},
+      {"job", "parameters", &TableReader::ReadText<&SCHEDULE_OBJECT::bstrParameters>},
+      {"job", "pre_script", &TableReader::ReadPath<&SCHEDULE_OBJECT::bstrPreScript>},
+      {"job", "post_script", &TableReader::ReadPath<&SCHEDULE_OBJECT::bstrPostScript>},
+      {"job", "pass_id", &TableReader::ReadFlag<&SCHEDULE_OBJECT::bUseGUID>},
+      {"job", "run_now", &TableReader::ReadFlag<&SCHEDULE_OBJECT::bRunNow>},
+      {"window", "start", &TableReader::ReadTime<&SCHEDULE_RULE::lStartTime>},
+      {"window", "end", &TableReader::ReadTime<&SCHEDULE_RULE::lEndTime>},
+      {"window", "duration", &TableReader::ReadDuration},
+      {"window", "restart", &TableReader::ReadRestart},
+      {"days", "effective", &TableReader::ReadEffective},
+      {"days", "first", &TableReader::ReadWeek<0>},
+      {"days", "second", &TableReader::ReadWeek<1>},
+      {"days", "third", &TableReader::ReadWeek<2>},
+      {"days", "fourth", &TableReader::ReadWeek<3>},
+      {"days", "last", &TableReader::ReadWeek<4>},
+      {"days", "every", &TableReader::ReadEveryWeek},
+      {"days", "of_month", &TableReader::ReadDaysOfMonth},
+      {"days", "repeat", &TableReader::ReadRepeat},
+      {"days", "include", &TableReader::ReadInclude},
+      {"days", "exclude", &TableReader::ReadExclude},
+      {"days.repeat", "every", &TableReader::ReadEvery},
+      {"days.repeat", "anchor", &TableReader::ReadAnchor},
   };
   return kRows;
 }
@@ -555,7 +555,7 @@ ScheduleFile ParseScheduleFile(std::string_view text, const ScheduleFileOptions&
   }
   try {
     const toml::table root = toml::parse(text);
-    Reader(options, out).Read(root);
+    TableReader(options, out).Read(root);
   } catch (const toml::parse_error& error) {
     out.findings.push_back({Severity::kError, PositionOf(error.source()), "", std::string(error.description()), ""});
   }

@@ -33,20 +33,20 @@ std::string Quoted(std::u16string_view text) {
   return out + "\"";
 }
 
-void Line(std::string& out, const char* key, const std::string& value) {
+void KeyLine(std::string& out, const char* key, const std::string& value) {
   out += key;
   out += " = " + value + "\n";
 }
 
 void TextLine(std::string& out, const char* key, const BSTR& value) {
-  if (value) Line(out, key, Quoted(*value));
+  if (value) KeyLine(out, key, Quoted(*value));
 }
 
 void ListLine(std::string& out, const char* key, const std::vector<std::string>& items) {
   if (items.empty()) return;
   std::string list;
   for (const std::string& item : items) list += (list.empty() ? "[" : ", ") + item;
-  Line(out, key, list + "]");
+  KeyLine(out, key, list + "]");
 }
 
 std::string DateOf(std::int32_t seconds, const platform::Zone& zone) {
@@ -60,17 +60,17 @@ void WriteWindow(std::string& out, const SCHEDULE_RULE& rules, const platform::Z
   if (rules.dwTimeDuration == kWholeDayMs && start == 0) {
     body += "# the whole day\n";
   } else {
-    if (rules.lStartTime != 0) Line(body, "start", "\"" + FormatTimeOfDay(start) + "\"");
+    if (rules.lStartTime != 0) KeyLine(body, "start", "\"" + FormatTimeOfDay(start) + "\"");
     const std::int32_t end = rules.lEndTime == 0 ? -1 : LocalTimeOfDay(rules.lEndTime, zone);
     const std::uint64_t length = end < 0 ? 0 : static_cast<std::uint64_t>((end - start + 86400) % 86400) * 1000;
     if (rules.dwTimeDuration != 0 && rules.dwTimeDuration != length) {
-      Line(body, "duration", "\"" + FormatDuration(rules.dwTimeDuration) + "\"");
+      KeyLine(body, "duration", "\"" + FormatDuration(rules.dwTimeDuration) + "\"");
     } else if (end >= 0) {
-      Line(body, "end", "\"" + FormatTimeOfDay(end) + "\"");
+      KeyLine(body, "end", "\"" + FormatTimeOfDay(end) + "\"");
     }
   }
   if ((rules.bRestartInterval & 0xFF) != 0) {
-    Line(body, "restart", "\"" + FormatDuration(rules.dwRestartInterval) + "\"");
+    KeyLine(body, "restart", "\"" + FormatDuration(rules.dwRestartInterval) + "\"");
   }
   if (!body.empty()) out += "\n[window]\n" + body;
 }
@@ -87,7 +87,7 @@ std::vector<std::string> DatesOf(const std::array<std::int32_t, kSpecificDateCou
 
 void WriteDays(std::string& out, const SCHEDULE_RULE& rules, const platform::Zone& zone) {
   std::string body;
-  if ((rules.bEffectiveDate & 0xFF) != 0) Line(body, "effective", DateOf(rules.lEffectiveDate, zone));
+  if ((rules.bEffectiveDate & 0xFF) != 0) KeyLine(body, "effective", DateOf(rules.lEffectiveDate, zone));
   std::array<bool, kDaysOfWeekCount> everyWeek{};
   std::vector<std::string> every;
   for (std::size_t day = 0; day < kDaysOfWeekCount; ++day) {
@@ -113,7 +113,7 @@ void WriteDays(std::string& out, const SCHEDULE_RULE& rules, const platform::Zon
   if ((rules.bRepeatInterval & 0xFF) != 0) {
     std::string repeat = "{ every = " + std::to_string(rules.dwRepeatInterval);
     if (rules.lAnchorDate != 0) repeat += ", anchor = " + DateOf(rules.lAnchorDate, zone);
-    Line(body, "repeat", repeat + " }");
+    KeyLine(body, "repeat", repeat + " }");
   }
   ListLine(body, "include", DatesOf(rules.alIncludeDates, zone));
   ListLine(body, "exclude", DatesOf(rules.alExcludeDates, zone));
@@ -128,15 +128,15 @@ std::string WriteScheduleFile(const SCHEDULE_OBJECT& record, const platform::Zon
   TextLine(out, "description", record.bstrDescription);
   TextLine(out, "application", record.bstrApplication);
   TextLine(out, "object_id", record.bstrObjectID);
-  Line(out, "task_code", std::to_string(record.dwTaskOpCode));
+  KeyLine(out, "task_code", std::to_string(record.dwTaskOpCode));
   out += "\n[job]\n";
   TextLine(out, "wrapper", record.bstrWrapperBinaryName);
   TextLine(out, "xml", record.bstrXMLFilePathName);
   TextLine(out, "parameters", record.bstrParameters);
   TextLine(out, "pre_script", record.bstrPreScript);
   TextLine(out, "post_script", record.bstrPostScript);
-  Line(out, "pass_id", record.bUseGUID != 0 ? "true" : "false");
-  Line(out, "run_now", record.bRunNow != 0 ? "true" : "false");
+  KeyLine(out, "pass_id", record.bUseGUID != 0 ? "true" : "false");
+  KeyLine(out, "run_now", record.bRunNow != 0 ? "true" : "false");
   WriteWindow(out, record.stScheduleRules, zone);
   WriteDays(out, record.stScheduleRules, zone);
   return out;

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <string_view>
@@ -200,6 +201,12 @@ ordered_json RecordToJson(const SCHEDULE_OBJECT& record) {
   ordered_json out = ordered_json::object();
   VisitRecord(record, [&](const char* name, const auto& field) { out[name] = ToJson(field); });
   return out;
+}
+
+std::string HexStatus(Status status) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", status);
+  return text;
 }
 
 }  // namespace qx

@@ -1,5 +1,5 @@
 // client/schedule_json.h: a record as JSON, with the field names of SCHEDULE_OBJECT and the rules under
-// "stScheduleRules".
+// "stScheduleRules"; and a status as JSON bears it.
 //
 // Strings are strings or null, numbers whole numbers within the field's range; the b... fields also take true and
 // false. An absent field is a null string or 0; a list may be shorter than declared and is filled with 0. Threads:
@@ -22,5 +22,8 @@ namespace qx {
 
 // Writes a record, every field in declared order; lists without their trailing zeros.
 [[nodiscard]] nlohmann::ordered_json RecordToJson(const SCHEDULE_OBJECT& record);
+
+// "0x8004020C"
+[[nodiscard]] std::string HexStatus(Status status);
 
 }  // namespace qx

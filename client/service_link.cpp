@@ -8,7 +8,7 @@
 namespace qx {
 namespace {
 
-constexpr std::uint32_t kPageRows = 1000;
+constexpr std::uint32_t kLinkPageRows = 1000;
 
 class BusLink : public ServiceLink {
  public:
@@ -49,7 +49,7 @@ Status ServiceLink::ListAll(std::vector<ListRow>& rows) {
   std::vector<ListRow> all;
   for (std::u16string after;;) {
     std::vector<ListRow> page;
-    if (const Status status = ListInfo(after, kPageRows, page); status != kStatusOk) return status;
+    if (const Status status = ListInfo(after, kLinkPageRows, page); status != kStatusOk) return status;
     // A page that begins again would never end.
     if (page.empty() || page.back().id == after) break;
     after = page.back().id;

@@ -10,7 +10,6 @@
 namespace qx {
 namespace {
 
-constexpr std::int64_t kDaySeconds = 86400;
 // No zone changes its offset so often that a quiet date is further away.
 constexpr int kCarrierSearchDays = 400;
 
@@ -46,10 +45,6 @@ bool TakeChar(std::string_view& text, char c) {
 void PutTwo(char* at, int number) {
   at[0] = static_cast<char>('0' + number / 10);
   at[1] = static_cast<char>('0' + number % 10);
-}
-
-std::int64_t FloorDiv(std::int64_t a, std::int64_t b) {
-  return a / b - ((a % b != 0) && ((a < 0) != (b < 0)));
 }
 
 // Takes "HH:MM[:SS[.F...]]" from the front.

@@ -14,6 +14,12 @@
 namespace qx {
 
 inline constexpr std::uint64_t kMillisecondsPerSecond = 1000;
+inline constexpr std::int64_t kDaySeconds = 86400;
+
+// a / b, rounded down; b above 0.
+[[nodiscard]] constexpr std::int64_t FloorDiv(std::int64_t a, std::int64_t b) {
+  return a / b - (a % b < 0);
+}
 
 struct TimeOfDay {
   std::int32_t seconds = 0;  // since midnight, 0 to 86399
