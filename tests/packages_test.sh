@@ -50,22 +50,13 @@ cp examples/*.toml "$root/source/examples"
 cat >"$root/inside.sh" <<INSIDE
 state=$state
 account_dropin=$account_dropin
+$(inside_words)
 INSIDE
 cat >>"$root/inside.sh" <<'INSIDE'
 set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 PATH=/usr/sbin:/usr/bin:/sbin:/bin
 
 fail() { echo "packages_test: $*" >&2; exit 1; }
-step() { printf '== %s\n' "$*"; }
-quietly() { "$@" >/log 2>&1 || { cat /log >&2; fail "failed: $*"; }; }
-within() {  # tries a command every tenth of a second until it succeeds, for so many seconds
-  local turns=$(($1 * 10))
-  shift
-  until "$@" >/dev/null 2>&1; do
-    ((turns-- > 0)) || return 1
-    sleep 0.1
-  done
-}
 gone() { ! pgrep -x QxSchedService; }
 names() { find / -xdev \( -path /debs -o -path /source -o -path /proc -o -path /var/cache/apt -o -path /tmp \) -prune -o \
   -iname '*qx*' -print | sort; }

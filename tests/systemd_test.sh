@@ -54,7 +54,8 @@ ln -sf /lib/systemd/system/multi-user.target "$root/etc/systemd/system/default.t
 
 # --- what is done inside ----------------------------------------------------------------------------------------------
 
-cat >"$root/inside.sh" <<'INSIDE'
+inside_words >"$root/inside.sh"
+cat >>"$root/inside.sh" <<'INSIDE'
 set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 PATH=/usr/sbin:/usr/bin:/sbin:/bin TZ=UTC0
 : >/inside.began
@@ -66,16 +67,6 @@ fail() {
   systemctl status --no-pager --full "$unit" qxsched-record.service 2>&1 | tail -n 40 || true
   journalctl --no-pager -n 60 2>/dev/null || true
   exit 1
-}
-step() { printf '== %s\n' "$*"; }
-quietly() { "$@" >/log 2>&1 || { cat /log; fail "failed: $*"; }; }
-within() {  # tries a command every tenth of a second until it succeeds, for so many seconds
-  local turns=$(($1 * 10))
-  shift
-  until "$@" >/dev/null 2>&1; do
-    ((turns-- > 0)) || return 1
-    sleep 0.1
-  done
 }
 property() { systemctl show --value -p "$1" "${2:-$unit}"; }
 is() { [ "$(property "$1" "${3:-$unit}")" = "$2" ]; }  # PROPERTY VALUE [UNIT]
