@@ -139,8 +139,19 @@ class ServiceBus : public ::testing::Test {
     return answer.value_or(BusError::Failed("the connection was lost"));
   }
 
+  // Somebody who waits until a creation tells of its change.
+  std::thread WaitForCreation() {
+    EXPECT_EQ(m_created.Create(1), ERROR_SUCCESS);
+    m_service.duringCreation = [this] { m_created.Set(0); };
+    return std::thread([this] {
+      platform::WaitResult result;
+      EXPECT_EQ(m_created.Wait(platform::kWaitForever, result), ERROR_SUCCESS);
+    });
+  }
+
   ZepFoundation::CapturedServiceLog m_log;
   platform::Apartment m_apartment;
+  platform::EventSet m_created;
   FakeService m_service;
   CProxyISchedulerServiceEvents m_events;
   CServiceBus m_bus{m_apartment, m_service, m_events};
@@ -217,26 +228,14 @@ std::vector<MethodCase> MethodCases() {
 
 // Whoever waits for a change is woken behind its reply, or ahead of the next call.
 TEST_F(ServiceBus, WakesWhoeverWaitsForAChangeWhenItsReplyIsSent) {
-  platform::EventSet events;
-  ASSERT_EQ(events.Create(1), ERROR_SUCCESS);
-  std::thread waiter([&] {
-    platform::WaitResult result;
-    EXPECT_EQ(events.Wait(platform::kWaitForever, result), ERROR_SUCCESS);
-  });
-  m_service.duringCreation = [&] { events.Set(0); };
+  std::thread waiter = WaitForCreation();
   EXPECT_FALSE(Call("CreateSchedule", {BusValue::Dict({})}).IsSet());
   (void)m_apartment.Step(0);
   waiter.join();
 }
 
 TEST_F(ServiceBus, WakesWhoeverWaitsForAChangeAheadOfALongCall) {
-  platform::EventSet events;
-  ASSERT_EQ(events.Create(1), ERROR_SUCCESS);
-  std::thread waiter([&] {
-    platform::WaitResult result;
-    EXPECT_EQ(events.Wait(platform::kWaitForever, result), ERROR_SUCCESS);
-  });
-  m_service.duringCreation = [&] { events.Set(0); };
+  std::thread waiter = WaitForCreation();
   m_service.duringRefresh = [&] { waiter.join(); };  // a call that takes until then
   EXPECT_FALSE(Call("CreateSchedule", {BusValue::Dict({})}).IsSet());
   EXPECT_FALSE(Call("Refresh", {}).IsSet());
