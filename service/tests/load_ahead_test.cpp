@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "platform/guid.h"
+#include "platform/testing/judges_memory.h"
 #include "platform/thread.h"
 #include "service/service_module.h"
 #include "service/tests/service_fixture.h"
@@ -335,7 +336,16 @@ class LoadAheadSweep : public LoadAheadTest {
   }
 };
 
-TEST_F(LoadAheadSweep, EndsAsWithoutThreadsWhicheverCallFails) {
+// How many of the calls fail in turn: under a sanitizer, where a start of so many schedules takes half a second, some.
+constexpr std::size_t kStep = platform::kJudgesMemory ? 1 : 5;
+
+class LoadAheadCallSweep : public LoadAheadSweep, public ::testing::WithParamInterface<bool> {};
+
+INSTANTIATE_TEST_SUITE_P(Fails, LoadAheadCallSweep, ::testing::Bool(),
+                         [](const auto& tested) { return tested.param ? "Once" : "FromThenOn"; });
+
+TEST_P(LoadAheadCallSweep, EndsAsWithoutThreadsWhicheverCallFails) {
+  const bool once = GetParam();
   std::vector<Call> calls;
   const Start whole = PopulateWithFault(static_cast<std::size_t>(-1), true, true, &calls);
   EXPECT_EQ(whole.list.size(), kMany);
@@ -348,15 +358,15 @@ TEST_F(LoadAheadSweep, EndsAsWithoutThreadsWhicheverCallFails) {
   }
   ASSERT_GT(chosen.size(), 60u);
   ASSERT_LT(chosen.size(), 400u);
-  std::cout << calls.size() << " calls, " << chosen.size() << " of them fail\n";
-  for (const bool once : {true, false}) {
-    for (const std::size_t call : chosen) {
-      const Start expected = PopulateWithFault(call, once, false);
-      const Start seen = PopulateWithFault(call, once, true);
-      ASSERT_EQ(seen, expected) << "call " << call << ", " << OperationName(calls[call].operation) << "("
-                                << calls[call].detail << ") fails " << (once ? "once" : "from then on");
-    }
+  std::size_t failed = 0;
+  for (std::size_t i = once ? 0 : kStep / 2; i < chosen.size(); i += kStep, ++failed) {
+    const std::size_t call = chosen[i];
+    const Start expected = PopulateWithFault(call, once, false);
+    const Start seen = PopulateWithFault(call, once, true);
+    ASSERT_EQ(seen, expected) << "call " << call << ", " << OperationName(calls[call].operation) << "("
+                              << calls[call].detail << ") fails";
   }
+  std::cout << calls.size() << " calls, " << failed << " of them fail\n";
 }
 
 TEST_F(LoadAheadSweep, ListsAllWhicheverCallOfItsThreadsFails) {
