@@ -53,28 +53,49 @@ function(qx_batches TARGET)
   endif()
 endfunction()
 
-# qx_test(NAME LABEL unit|service|slow [TIMEOUT seconds] SOURCES... LINK targets...): one test program; each of its tests
-# has five minutes unless told otherwise.
+# What scripts/test.sh builds where the slow set isn't run: programs of the labels unit and service, and what they start.
+add_custom_target(quick_tests)
+
+# qx_test(NAME LABEL unit|service|slow [TIMEOUT seconds] [DRIVER] SOURCES... LINK targets...): one test program; each of
+# its tests has five minutes unless told otherwise. DRIVER: what is tested runs in processes that the program starts; its
+# own file is compiled without the checks of undefined behaviour, which double the time that takes.
 function(qx_test NAME)
   if(NOT QX_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(A "" "LABEL;TIMEOUT" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(A "DRIVER" "LABEL;TIMEOUT" "SOURCES;LINK" ${ARGN})
   if(NOT A_TIMEOUT)
     set(A_TIMEOUT 300)
   endif()
   add_executable(${NAME} ${A_SOURCES})
   target_link_libraries(${NAME} PRIVATE ${A_LINK} qx::test_paths GTest::gmock GTest::gtest_main qx::build_flags)
   target_compile_options(${NAME} PRIVATE ${QX_TEST_FLAGS})
+  if(A_DRIVER AND QX_SANITIZE MATCHES undefined)
+    target_compile_options(${NAME} PRIVATE -fno-sanitize=undefined)
+  endif()
   qx_batches(${NAME})
   if(QX_SANITIZE MATCHES address)
-    # Each test is a process, and what the sanitizers keep of every check is relocated at each start of one.
+    # What the sanitizers keep of every check is relocated at each start of a program.
     target_link_options(${NAME} PRIVATE -no-pie)
   endif()
   set(cost 0)
   if(A_LABEL STREQUAL service)
     set(cost 10)  # they wait for the clock: started first, while the others use the processors
   endif()
-  gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS ${A_LABEL} TIMEOUT ${A_TIMEOUT} COST ${cost})
+  if(NOT A_LABEL STREQUAL slow)
+    add_dependencies(quick_tests ${NAME})
+  endif()
+  if(QX_TESTS_TOGETHER AND NOT A_LABEL STREQUAL slow)
+    # The start of a process under a sanitizer costs more than most tests; and what one test leaves behind, the next one
+    # meets. Each of these counts as one test to ctest; its output names what is in it.
+    math(EXPR last "${QX_TESTS_TOGETHER} - 1")
+    foreach(part RANGE ${last})
+      add_test(NAME ${NAME}.${part} COMMAND ${NAME})
+      set_tests_properties(${NAME}.${part} PROPERTIES LABELS ${A_LABEL} TIMEOUT 900 COST ${cost}
+        ENVIRONMENT "GTEST_TOTAL_SHARDS=${QX_TESTS_TOGETHER};GTEST_SHARD_INDEX=${part}")
+    endforeach()
+  else()
+    gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST
+      PROPERTIES LABELS ${A_LABEL} TIMEOUT ${A_TIMEOUT} COST ${cost})
+  endif()
 endfunction()

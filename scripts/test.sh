@@ -30,12 +30,34 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
 labels=(-L 'unit|service')
 [ "$all" = yes ] && labels=()
 
+# The counts of a preset's last run, test by test, and the names of the tests that were skipped or failed, or in which a
+# program ended: under the sanitizers one process runs many tests, and ctest counts processes.
+tell() {
+  awk -v preset="$1" '
+    function name(how, test) { sub(/,$/, "", test); count[how]++; names = names "\n  " how " " test }
+    /^\[ RUN      \] / { running = $4 }
+    /^\[       OK \] / || / ms\)$/ { running = "" }
+    /^\[  PASSED  \] [0-9]+ test/ { passed += $4 }
+    /^\[  (SKIPPED |FAILED  )\] [0-9]+ test/ { next }
+    /^\[  (SKIPPED |FAILED  )\] / && !/ ms\)$/ { name(tolower($2), $4) }
+    /^Test Failed\.$/ && running != "" { name("ended", running); running = "" }
+    END { printf "== %s: %d tests passed, %d failed, %d skipped%s\n", preset, passed, count["failed"] + count["ended"],
+          count["skipped"], names }
+  ' "build/$1/Testing/Temporary/LastTest.log"
+}
+tested=()
+trap 'for preset in "${tested[@]}"; do tell "$preset"; done' EXIT
+
 for preset in "${presets[@]}"; do
   echo "== $preset: configure and build" >&2
   cmake --preset "$preset" >"/tmp/qx-configure-$preset.$$" 2>&1 || { cat "/tmp/qx-configure-$preset.$$" >&2; exit 1; }
   rm -f "/tmp/qx-configure-$preset.$$"
-  cmake --build --preset "$preset"
+  # The slow set's programs are built once, so that they stay whole, and once more only to be run.
+  target=(--target quick_tests)
+  [ "$preset" = dev ] || [ "$all" = yes ] && target=()
+  cmake --build --preset "$preset" "${target[@]}"
   [ "$preset" = dev ] && cmake --build --preset dev --target all_verify_interface_header_sets
   echo "== $preset: test" >&2
+  tested+=("$preset")
   ctest --preset "$preset" "${labels[@]}" --output-on-failure
 done
