@@ -11,6 +11,7 @@ constexpr std::int64_t kFirstTickMs = -platform::kEpochDistanceSeconds * 1000;
 constexpr std::int64_t kFarApartMs = 3 * kMillisecondsPerDay;
 // No zone shows the limit of all searches on this date or before it.
 constexpr DayNumber kNearLimitDay = ZEP_MAX_TIME / kSecondsPerDay + kEpochDay - 3;
+constexpr DayNumber kFirstDayOfYear100 = 36159;  // 1 January
 // In the place of a candidate: the calendar classes hold no date that early.
 constexpr DayNumber kNoDay = INT64_MIN;
 // Beyond any value that 64-bit milliseconds and the searches can meet, far from overflow.
@@ -79,11 +80,48 @@ std::uint32_t MonthDaysOf(std::uint32_t daysOfMonth, const Month& month) {
   return days;
 }
 
+// One day after the other through the month of `date`, from its day on.
+//   out      the day found; else `date` as SetDate() takes its fields
+//   returns  false when the month's rest holds none
+bool WalkMonth(const std::array<std::uint32_t, 5>& words, const ZepFoundation::CDate& date, ZepFoundation::CDate& out) {
+  out.SetDate(date.GetYear(), date.GetMonth(), date.GetDay());
+  const int length = date.GetDaysInMonth();
+  const int firstWeekday = date.GetMonthStartDay();
+  int weekday = date.GetDayOfWeek();
+  int week = (date.GetDay() - 1) / 7;
+  for (int day = date.GetDay(); day <= length; ++day) {
+    const bool isLast = day >= length - 6 && (words[4] >> weekday & 1u) != 0;
+    const bool isOfWeek = week >= 0 && week < 5 && (words[static_cast<std::size_t>(week)] >> weekday & 1u) != 0;
+    if (isLast || isOfWeek) {
+      out.SetDay(day);
+      return true;
+    }
+    weekday = (weekday + 1) % 7;
+    if (weekday == firstWeekday) ++week;
+  }
+  return false;
+}
+
+// Deliberate: the fields of a date in the first century, as the invalid date has them too, make one in the twentieth, so
+// that the answer isn't the next such day.
+DayNumber NextWeekdayDateByWalk(const std::array<std::uint32_t, 5>& words, DayNumber day) {
+  const ZepFoundation::CDate date = DateFromDay(day);
+  ZepFoundation::CDate out(ZepFoundation::QTM_FIXED);
+  if (!WalkMonth(words, date, out)) {
+    ZepFoundation::CDate next = date;
+    next.IncrementMonth(1);
+    next.SetDay(1);
+    (void)WalkMonth(words, next, out);
+  }
+  return DayFromDate(out);
+}
+
 }  // namespace
 
 DayNumber NextWeekdayDate(const std::array<std::uint32_t, 5>& words, DayNumber day) {
+  if (day < kFirstDayOfYear100) return NextWeekdayDateByWalk(words, day);
   const std::uint32_t everyWeek = words[0] & words[1] & words[2] & words[3] & words[4] & 0x7F;
-  if (day >= 0 && everyWeek != 0 && everyWeek == ((words[0] | words[1] | words[2] | words[3] | words[4]) & 0x7F)) {
+  if (everyWeek != 0 && everyWeek == ((words[0] | words[1] | words[2] | words[3] | words[4]) & 0x7F)) {
     // Weekdays of all weeks: the month doesn't matter.
     const auto weekday = static_cast<int>((day + 1) % 7);  // day 0 was a Monday
     return day + std::countr_zero((everyWeek | everyWeek << 7) >> weekday);
@@ -248,7 +286,7 @@ DayNumber WindowSearch::WeekdayCandidate(Moment ref, DayNumber candidate) const 
     // Deliberate: the day behind an excluded last match stays the candidate when the limit ends the search there.
     day = ++candidate;
   }
-  return candidate;
+  return candidate == -1 ? kNoDay : candidate;  // the invalid date is none
 }
 
 std::optional<DayNumber> WindowSearch::NextRunDay(Moment ref, bool& more, std::uint32_t& rule) const {

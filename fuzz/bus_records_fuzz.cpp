@@ -38,7 +38,7 @@ class Wire {
             "a signal is subscribed to");
   }
 
-  // False where no message can hold what `write` appends.
+  // False where no message can hold what `write` appends, or the receiver drops one whose signature it doesn't take.
   bool Send(const std::function<void(MessageWriter&)>& write, std::function<void(MessageReader&)> read) {
     MessageWriter signal;
     Require(m_sender.NewSignal(kPath, kInterface, "Value", signal) == platform::ERROR_SUCCESS, "a signal is begun");
@@ -47,7 +47,9 @@ class Wire {
     m_arrived = false;
     m_read = std::move(read);
     if (m_sender.Send(std::move(signal)) != platform::ERROR_SUCCESS) return false;
-    while (!m_arrived) {
+    constexpr int kRounds = 100000;  // far more than the pieces of any message
+    for (int round = 0; !m_arrived; ++round) {
+      if (round == kRounds) return false;
       Require(m_sender.IsOpen() && m_receiver.IsOpen(), "the connection stands");
       (void)m_sender.Process();
       (void)m_receiver.Process();

@@ -37,7 +37,7 @@ void SetStateDirectory(std::string directory);
 
 // Puts the process's current directory in front of a kernel name that is not absolute, and takes separators off its end.
 //   name     unchanged on failure
-//   returns  0; ERROR_PATH_NOT_FOUND (3) for an empty name; the host's code when there is no current directory
+//   returns  0; ERROR_PATH_NOT_FOUND (3) for an empty name; the host's code without a current directory (kDirectoryExists)
 [[nodiscard]] ErrorCode AbsoluteName(std::string& name);
 
 // The part of a kernel name in front of its last "/": "." for a name without one, "/" for names in the root.

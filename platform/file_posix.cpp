@@ -269,6 +269,7 @@ ErrorCode AbsoluteName(std::string& name) {
   if (name.empty()) return ERROR_PATH_NOT_FOUND;
   std::string absolute = name;
   if (absolute.front() != '/') {
+    if (const ErrorCode rc = FaultAt(Operation::kDirectoryExists, "."); rc != ERROR_SUCCESS) return rc;
     const std::unique_ptr<char, decltype(&std::free)> here(getcwd(nullptr, 0), &std::free);
     if (!here) return ErrorCodeFromErrno(errno);
     absolute = std::string(here.get()) + "/" + absolute;

@@ -36,7 +36,7 @@ enum class ServiceState : std::uint32_t { kStopped = 1, kStartPending = 2, kStop
 //   returns  as ReportServiceState()
 [[nodiscard]] ErrorCode ReportServiceStatus(std::string_view statusText);
 
-// Sends the stop control to a running service and doesn't wait for the effect.
+// Sends the stop control to a running service and doesn't wait for the effect. Asks Operation::kOpenService.
 //   returns  0; ERROR_INVALID_PARAMETER (87) for number 0; ERROR_ACCESS_DENIED (5) and other codes of the host
 [[nodiscard]] ErrorCode SendStopControl(std::uint32_t processId);
 

@@ -64,6 +64,7 @@ ErrorCode ReportServiceStatus(std::string_view statusText) { return Notify("", s
 ErrorCode SendStopControl(std::uint32_t processId) {
   const auto process = static_cast<pid_t>(processId);
   if (process <= 0) return ERROR_INVALID_PARAMETER;  // 0 and below would be groups of processes
+  if (const ErrorCode rc = FaultAt(Operation::kOpenService, "stop"); rc != ERROR_SUCCESS) return rc;
   return kill(process, SIGTERM) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
 }
 

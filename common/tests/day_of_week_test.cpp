@@ -76,7 +76,7 @@ TEST(DayOfWeek, ReadsOutOfRangeTextsAsFirstSunday) {
 
 // The walk through a month as it is told, step by step: the plain reference for the search by masks.
 bool WalkMonth(const CDayOfWeek& rule, const CDate& date, CDate& out) {
-  const auto bit = [&rule](int week, int weekday) { return (rule.Words()[week] >> weekday & 1u) != 0; };
+  const auto bit = [&rule](int week, int weekday) { return week < 5 && (rule.Words()[week] >> weekday & 1u) != 0; };
   out.SetDate(date.GetYear(), date.GetMonth(), date.GetDay());
   int d = date.GetDay();
   const int n = date.GetDaysInMonth();
@@ -149,6 +149,21 @@ TEST(DayOfWeek, AgreesWithTheWalkForRandomWords) {
     char words[64];
     rule.PrintWords(words);
     ASSERT_EQ(NextOf(rule, from), WalkedNext(rule, from)) << words;
+  }
+}
+
+TEST(DayOfWeek, AgreesWithTheWalkFromTheInvalidDateAndTheFirstOnes) {
+  for (zepByte week = 0; week < 5; ++week) {
+    for (zepByte day = 0; day < 8; ++day) {
+      CDayOfWeek rule;
+      rule.SetDay(day, week);
+      CDate from(ZepFoundation::QTM_FIXED);
+      from.Invalidate();
+      EXPECT_EQ(NextOf(rule, from), WalkedNext(rule, from)) << "day " << int{day} << " week " << int{week};
+      for (from.IncrementDay(1); from.GetYear() < 102; from.IncrementDay(from.GetYear() < 98 ? 97 : 1)) {
+        EXPECT_EQ(NextOf(rule, from), WalkedNext(rule, from)) << "day " << int{day} << " week " << int{week};
+      }
+    }
   }
 }
 

@@ -479,5 +479,15 @@ TEST(AbsoluteName, PutsTheCurrentDirectoryInFrontAndTakesSeparatorsOffTheEnd) {
   EXPECT_EQ(AbsoluteName(empty), ERROR_PATH_NOT_FOUND);
 }
 
+TEST(AbsoluteName, StaysAsItIsWithoutACurrentDirectory) {
+  std::string relative = "a/b";
+  std::string absolute = "/a/b/";
+  const FaultPlan plan = FaultPlan::FailCall(Operation::kDirectoryExists, 1, ERROR_FILE_NOT_FOUND, kFromThenOn);
+  EXPECT_EQ(AbsoluteName(relative), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(relative, "a/b");
+  EXPECT_EQ(AbsoluteName(absolute), ERROR_SUCCESS);
+  EXPECT_EQ(absolute, "/a/b");
+}
+
 }  // namespace
 }  // namespace platform

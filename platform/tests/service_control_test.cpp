@@ -173,5 +173,10 @@ TEST(SendStopControl, RefusesWhatIsNoSingleProcess) {
   EXPECT_EQ(SendStopControl(0xFFFFFFFFu), ERROR_INVALID_PARAMETER);
 }
 
+TEST(SendStopControl, TellsThatTheProcessMayNotBeReached) {
+  const FaultPlan plan = FaultPlan::FailCall(Operation::kOpenService, 1, ERROR_ACCESS_DENIED);
+  EXPECT_EQ(SendStopControl(static_cast<std::uint32_t>(getpid())), ERROR_ACCESS_DENIED);  // else the process ends here
+}
+
 }  // namespace
 }  // namespace platform
