@@ -25,8 +25,6 @@ struct BusInternals {
     writer.m_message = message;
     return writer;
   }
-  // Whether something is still to come ahead of the sending.
-  static bool HasOpenArray(const MessageWriter& writer) { return writer.IsInArray(); }
   static sd_bus_message* Of(const MessageWriter& writer) { return static_cast<sd_bus_message*>(writer.m_message); }
 };
 

@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,10 +14,6 @@
 #include "platform/error_codes.h"
 
 namespace platform {
-
-namespace detail {
-class BusBlock;
-}
 
 // A message that came in: a call, a reply or a signal, with a cursor over its values. Move only; empty by default.
 //
@@ -87,11 +82,10 @@ class MessageReader {
 };
 
 // A message being built. Move only; empty by default, then every Append fails. The first failure sticks, later calls do
-// nothing, and the message can't be sent: look at Result() at the end. An array gets into the message when it is
-// closed.
+// nothing, and the message can't be sent: look at Result() at the end.
 class MessageWriter {
  public:
-  MessageWriter();
+  MessageWriter() = default;
   MessageWriter(MessageWriter&& other) noexcept;
   MessageWriter& operator=(MessageWriter&& other) noexcept;
   ~MessageWriter();
@@ -105,7 +99,7 @@ class MessageWriter {
   void AppendUint64(std::uint64_t value);
   // UTF-8 without NUL; anything else fails with ERROR_NO_UNICODE_TRANSLATION (1113).
   void AppendString(std::string_view value);
-  // The same for a text with a NUL right behind it and, as the caller knows, none inside: may save a copy and a look.
+  // The same for a text with a NUL right behind it and, as the caller knows, none inside: saves a copy and a look.
   void AppendTerminated(std::string_view value);
   void AppendValue(const BusValue& value);
 
@@ -128,8 +122,6 @@ class MessageWriter {
   bool Begin();
   void Note(int result);
   void Count(std::size_t align, std::size_t size);
-  [[nodiscard]] bool IsInArray() const;
-  void NoteBlock(bool done);
   template <typename T>
   void AppendNumber(char type, T value);
   template <typename Held>
@@ -142,7 +134,6 @@ class MessageWriter {
   ErrorCode m_result = ERROR_SUCCESS;
   std::size_t m_bytes = 0;
   std::string m_scratch;
-  std::unique_ptr<detail::BusBlock> m_block;  // the last array
 };
 
 }  // namespace platform

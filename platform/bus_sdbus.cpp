@@ -289,7 +289,6 @@ ErrorCode BusConnection::CheckSend(const MessageWriter& writer) const {
   if (const ErrorCode rc = FaultAt(Operation::kBusSend); rc != ERROR_SUCCESS) return rc;
   if (writer.Result() != ERROR_SUCCESS) return writer.Result();
   if (BusInternals::Of(writer) == nullptr) return ERROR_INVALID_HANDLE;
-  if (BusInternals::HasOpenArray(writer)) return ERROR_INVALID_DATA;
   return IsOpen() ? ERROR_SUCCESS : ERROR_NOT_CONNECTED;
 }
 

@@ -5,29 +5,44 @@
 #include <utility>
 #include <variant>
 
-#include "platform/bus_block.h"
 #include "platform/bus_inside.h"
 #include "platform/bus_message.h"
 
 namespace platform {
 namespace {
 
-using detail::AlignmentOf;
-using detail::BusBlock;
 using detail::BusCode;
 
 sd_bus_message* Message(void* message) { return static_cast<sd_bus_message*>(message); }
 
-}  // namespace
+// How a value of a type is aligned in a message.
+std::size_t AlignmentOf(char type) {
+  switch (type) {
+    case 'y':
+    case 'g':
+    case 'v':
+      return 1;
+    case 'n':
+    case 'q':
+      return 2;
+    case 'x':
+    case 't':
+    case 'd':
+    case '(':
+    case '{':
+      return 8;
+    default:
+      return 4;
+  }
+}
 
-MessageWriter::MessageWriter() = default;
+}  // namespace
 
 MessageWriter::MessageWriter(MessageWriter&& other) noexcept
     : m_message(std::exchange(other.m_message, nullptr)),
       m_result(other.m_result),
       m_bytes(other.m_bytes),
-      m_scratch(std::move(other.m_scratch)),
-      m_block(std::move(other.m_block)) {}
+      m_scratch(std::move(other.m_scratch)) {}
 
 MessageWriter& MessageWriter::operator=(MessageWriter&& other) noexcept {
   if (this == &other) return *this;
@@ -36,7 +51,6 @@ MessageWriter& MessageWriter::operator=(MessageWriter&& other) noexcept {
   m_result = other.m_result;
   m_bytes = other.m_bytes;
   m_scratch = std::move(other.m_scratch);
-  m_block = std::move(other.m_block);
   return *this;
 }
 
@@ -51,24 +65,12 @@ void MessageWriter::Note(int result) {
   if (result < 0 && m_result == ERROR_SUCCESS) m_result = BusCode(result);
 }
 
-void MessageWriter::Count(std::size_t align, std::size_t size) { m_bytes = detail::Aligned(m_bytes, align) + size; }
-
-bool MessageWriter::IsInArray() const {
-  return m_block && m_block->IsOpen();
-}
-
-void MessageWriter::NoteBlock(bool done) {
-  if (!done && m_result == ERROR_SUCCESS) m_result = ERROR_INVALID_DATA;
-}
+void MessageWriter::Count(std::size_t align, std::size_t size) { m_bytes = (m_bytes + align - 1) / align * align + size; }
 
 template <typename T>
 void MessageWriter::AppendNumber(char type, T value) {
   if (!Begin()) return;
-  if (IsInArray()) {
-    NoteBlock(m_block->AppendNumber(type, value));
-  } else {
-    Note(sd_bus_message_append_basic(Message(m_message), type, &value));
-  }
+  Note(sd_bus_message_append_basic(Message(m_message), type, &value));
   Count(sizeof value, sizeof value);
 }
 
@@ -86,22 +88,19 @@ void MessageWriter::AppendText(char type, std::string_view value) {
     m_result = ERROR_NO_UNICODE_TRANSLATION;
     return;
   }
-  if (IsInArray()) return AppendTerminated(type, value);
   m_scratch.assign(value);
   AppendTerminated(type, m_scratch);
 }
 
 void MessageWriter::AppendTerminated(char type, std::string_view value) {
   if (!Begin()) return;
-  const bool inArray = IsInArray();
-  const int result = inArray ? 0 : sd_bus_message_append_basic(Message(m_message), type, value.data());
+  const int result = sd_bus_message_append_basic(Message(m_message), type, value.data());
   // The only thing a fresh string can be refused for is its text.
-  if (result == -EINVAL || (inArray && !detail::IsBusText(type, value))) {
+  if (result == -EINVAL) {
     m_result = ERROR_NO_UNICODE_TRANSLATION;
     return;
   }
   Note(result);
-  if (inArray) NoteBlock(m_block->AppendText(type, value));
   if (type == SD_BUS_TYPE_SIGNATURE) {
     Count(1, 1 + value.size() + 1);
   } else {
@@ -114,16 +113,8 @@ void MessageWriter::AppendTerminated(std::string_view value) { AppendTerminated(
 
 void MessageWriter::Open(char type, std::string_view contents) {
   if (!Begin()) return;
-  if (type == SD_BUS_TYPE_ARRAY || IsInArray()) {
-    if (!m_block) m_block = std::make_unique<BusBlock>();
-    NoteBlock(type == SD_BUS_TYPE_ARRAY     ? m_block->OpenArray(contents)
-              : type == SD_BUS_TYPE_VARIANT ? m_block->OpenVariant(contents)
-              : type == SD_BUS_TYPE_STRUCT  ? m_block->OpenStruct(contents)
-                                            : m_block->OpenDictEntry(contents));
-  } else {
-    m_scratch.assign(contents);
-    Note(sd_bus_message_open_container(Message(m_message), type, m_scratch.c_str()));
-  }
+  m_scratch.assign(contents);
+  Note(sd_bus_message_open_container(Message(m_message), type, m_scratch.c_str()));
   switch (type) {
     case SD_BUS_TYPE_ARRAY:
       Count(4, 4);
@@ -143,10 +134,7 @@ void MessageWriter::OpenDictEntry(std::string_view contents) { Open(SD_BUS_TYPE_
 void MessageWriter::OpenVariant(std::string_view contents) { Open(SD_BUS_TYPE_VARIANT, contents); }
 
 void MessageWriter::Close() {
-  if (!Begin()) return;
-  if (!IsInArray()) return Note(sd_bus_message_close_container(Message(m_message)));
-  NoteBlock(m_block->Close());
-  if (!IsInArray()) Note(m_block->AppendTo(Message(m_message)));
+  if (Begin()) Note(sd_bus_message_close_container(Message(m_message)));
 }
 
 void MessageWriter::AppendValue(const BusValue& value) {
