@@ -2,6 +2,8 @@
 
 #include <bit>
 
+#include "foundation/include/zfcdate.h"
+
 namespace qx {
 namespace {
 
