@@ -83,7 +83,8 @@ bool MakeLibraryReady() {
 
 }  // namespace
 
-LoadAhead::LoadAhead(std::string storeFile) : m_fileChanges(platform::FileChanges()) {
+LoadAhead::LoadAhead(std::string storeFile, std::size_t worthwhile)
+    : m_worthwhile(worthwhile), m_fileChanges(platform::FileChanges()) {
   // Without the thread nothing is built.
   (void)platform::Thread::Start(
       "load-scan", [this, storeFile = std::move(storeFile)] { Scan(storeFile); }, m_scanner);
@@ -124,7 +125,7 @@ CJobNode LoadAhead::Take(std::size_t index) {
 void LoadAhead::Scan(const std::string& storeFile) {
   bool complete = false;
   try {
-    if (m_scan.Open(storeFile, platform::Hive::kLocalMachine, kSchedulesKey) && m_scan.Size() >= kWorthLoadingAhead &&
+    if (m_scan.Open(storeFile, platform::Hive::kLocalMachine, kSchedulesKey) && m_scan.Size() >= m_worthwhile &&
         MakeLibraryReady()) {
       m_entries.resize(m_scan.Size());
       for (std::size_t i = 0; i < kBuilders; ++i) {

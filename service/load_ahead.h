@@ -33,15 +33,16 @@ class LoadAhead {
   };
 
   // Begins.
-  //   storeFile  of the registry; needn't be open yet
-  explicit LoadAhead(std::string storeFile);
+  //   storeFile   of the registry; needn't be open yet
+  //   worthwhile  with fewer schedules nothing is built
+  explicit LoadAhead(std::string storeFile, std::size_t worthwhile = kWorthLoadingAhead);
   // Ends the threads, and releases the rule objects of nodes that weren't taken.
   ~LoadAhead();
   LoadAhead(const LoadAhead&) = delete;
   LoadAhead& operator=(const LoadAhead&) = delete;
 
   // Waits until all is built.
-  //   returns  false: nothing was, as with fewer schedules than kWorthLoadingAhead
+  //   returns  false: nothing was
   [[nodiscard]] bool Wait();
 
   // Behind Wait(). Schedules are numbered as their keys are enumerated.
@@ -71,6 +72,7 @@ class LoadAhead {
   void Build(const Batch& batch, std::size_t at, std::string& bytes);
   [[nodiscard]] bool Queue(Batch&& batch);
 
+  const std::size_t m_worthwhile;
   platform::RegistryScan m_scan;
   std::vector<Entry> m_entries;
   std::uint64_t m_fileChanges = 0;  // when the first file was read

@@ -263,9 +263,11 @@ Status PopulateJobList(std::unique_ptr<qx::LoadAhead> ahead) {
   ServiceLog(3, u"Number of Schedules in the registry = %d", info.subKeyCount);
   if (info.subKeyCount == 0) return kStatusOk;
   std::uint32_t done = 0;
-  if (info.subKeyCount >= qx::kWorthLoadingAhead && !qx::IsDetailWritten()) {
-    if (!ahead) ahead = std::make_unique<qx::LoadAhead>(platform::RegistryStoreFile());
-    done = qx::PopulateFromAhead(*ahead, schedules, info.subKeyCount);
+  if (!qx::IsDetailWritten()) {
+    if (!ahead && info.subKeyCount >= qx::kWorthLoadingAhead) {
+      ahead = std::make_unique<qx::LoadAhead>(platform::RegistryStoreFile());
+    }
+    if (ahead) done = qx::PopulateFromAhead(*ahead, schedules, info.subKeyCount);
   }
   ahead.reset();
   for (std::uint32_t i = done; i < info.subKeyCount; ++i) qx::PopulateAt(schedules, i);

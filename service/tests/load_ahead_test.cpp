@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "platform/guid.h"
-#include "platform/testing/judges_memory.h"
 #include "platform/thread.h"
 #include "service/service_module.h"
 #include "service/tests/service_fixture.h"
@@ -21,9 +20,12 @@ using platform::RegistryKey;
 
 constexpr std::uint32_t kMany = 300;
 static_assert(kMany >= kWorthLoadingAhead);
+// Where a start is made for each call that can fail: more than one batch of the threads.
+constexpr std::uint32_t kFew = 70;
 
 class LoadAheadTest : public ServiceFixture {
  protected:
+  explicit LoadAheadTest(std::uint32_t count = kMany) : m_count(count) {}
   void SetUp() override {
     ServiceFixture::SetUp();
     // Some windows are equal, some not, and none in the order of the IDs.
@@ -40,7 +42,7 @@ class LoadAheadTest : public ServiceFixture {
     RegistryKey schedules;
     ASSERT_EQ(platform::OpenKey(platform::Hive::kLocalMachine, kSchedulesKey, platform::KEY_ALL_ACCESS, schedules), 0u);
     std::vector<RegistryKey> open;  // one commit for all
-    for (std::uint32_t i = static_cast<std::uint32_t>(models.size()); i < kMany; ++i) {
+    for (std::uint32_t i = static_cast<std::uint32_t>(models.size()); i < m_count; ++i) {
       const ScheduleGuid& model = models[i % models.size()];
       Copy(schedules, model, Numbered(i), open.emplace_back());
     }
@@ -111,6 +113,8 @@ class LoadAheadTest : public ServiceFixture {
     EXPECT_TRUE(ahead->Wait());
     return ahead;
   }
+
+  const std::uint32_t m_count;  // schedules in the store
 };
 
 TEST_F(LoadAheadTest, BuildsEachScheduleThatIsAsItWasWritten) {
@@ -312,6 +316,8 @@ struct Call {
 
 class LoadAheadSweep : public LoadAheadTest {
  protected:
+  LoadAheadSweep() : LoadAheadTest(kFew) {}
+
   // Makes call number `failing` of this thread fail, once or with all behind it; without `threads` nothing is built
   // ahead.
   Start PopulateWithFault(std::size_t failing, bool once, bool threads, std::vector<Call>* calls = nullptr) {
@@ -327,7 +333,7 @@ class LoadAheadSweep : public LoadAheadTest {
       return call == failing || (!once && call > failing) ? ErrorCode{platform::ERROR_ACCESS_DENIED}
                                                           : ErrorCode{platform::ERROR_SUCCESS};
     });
-    EXPECT_EQ(PopulateJobList(), kStatusOk);
+    EXPECT_EQ(PopulateJobList(std::make_unique<LoadAhead>(Store(), kFew)), kStatusOk);
     plan.Remove();
     return Seen();
   }
@@ -335,9 +341,6 @@ class LoadAheadSweep : public LoadAheadTest {
     return number > failing ? ErrorCode{platform::ERROR_ACCESS_DENIED} : ErrorCode{platform::ERROR_SUCCESS};
   }
 };
-
-// How many of the calls fail in turn: under a sanitizer, where a start of so many schedules takes half a second, some.
-constexpr std::size_t kStep = platform::kJudgesMemory ? 1 : 5;
 
 class LoadAheadCallSweep : public LoadAheadSweep, public ::testing::WithParamInterface<bool> {};
 
@@ -348,28 +351,26 @@ TEST_P(LoadAheadCallSweep, EndsAsWithoutThreadsWhicheverCallFails) {
   const bool once = GetParam();
   std::vector<Call> calls;
   const Start whole = PopulateWithFault(static_cast<std::size_t>(-1), true, true, &calls);
-  EXPECT_EQ(whole.list.size(), kMany);
+  EXPECT_EQ(whole.list.size(), kFew);
   // The calls around all schedules and those of the first and the last one.
   std::vector<std::size_t> chosen;
   std::size_t schedule = 0;
   for (std::size_t i = 0; i < calls.size(); ++i) {
     if (calls[i].operation == Operation::kRegEnumKey) ++schedule;
-    if (schedule <= 1 || schedule == kMany) chosen.push_back(i);
+    if (schedule <= 1 || schedule == kFew) chosen.push_back(i);
   }
   ASSERT_GT(chosen.size(), 60u);
   ASSERT_LT(chosen.size(), 400u);
-  std::size_t failed = 0;
-  for (std::size_t i = once ? 0 : kStep / 2; i < chosen.size(); i += kStep, ++failed) {
-    const std::size_t call = chosen[i];
+  for (const std::size_t call : chosen) {
     const Start expected = PopulateWithFault(call, once, false);
     const Start seen = PopulateWithFault(call, once, true);
     ASSERT_EQ(seen, expected) << "call " << call << ", " << OperationName(calls[call].operation) << "("
                               << calls[call].detail << ") fails";
   }
-  std::cout << calls.size() << " calls, " << failed << " of them fail\n";
+  std::cout << calls.size() << " calls, " << chosen.size() << " of them fail\n";
 }
 
-TEST_F(LoadAheadSweep, ListsAllWhicheverCallOfItsThreadsFails) {
+TEST_F(LoadAheadTest, ListsAllWhicheverCallOfItsThreadsFails) {
   const Start expected = PopulateCallByCall();
   for (const Operation operation : {Operation::kReadFile, Operation::kRegOpenStore, Operation::kCreateThread,
                                     Operation::kAllocate, Operation::kCreateGuid}) {
