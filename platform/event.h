@@ -2,7 +2,8 @@
 //
 // An event is set or not set. A wait that finds one set takes it (resets it) and returns its index; among several set
 // events the lowest index wins and the others stay set. Setting a set event changes nothing, so a burst of settings
-// collapses to one wake-up. No setting is ever lost to a waiter, and one setting wakes one waiter.
+// collapses to one wake-up. No setting is ever lost to a waiter, and one setting wakes one waiter: behind the answer where
+// the thread that sets has one to give (after_answer.h); whoever looks finds it set at once.
 // Threads: Set() and Wait() from any thread; Create() before the set is shared.
 #pragma once
 
@@ -62,22 +63,6 @@ class EventSet {
  private:
   struct State;
   std::shared_ptr<State> m_state;
-};
-
-// Puts off the waking by what this thread sets: for whoever looks an event is set at once, but whoever waits is woken
-// only when the last such object of the thread ends. So that a caller has its answer before another thread goes to work
-// on what the call has changed. Only for a short while: what waits may be urgent.
-// Threads: made and ended on one thread, whose settings alone it puts off.
-class WakesPutOff {
- public:
-  WakesPutOff();
-  WakesPutOff(const WakesPutOff&) = delete;
-  WakesPutOff& operator=(const WakesPutOff&) = delete;
-  ~WakesPutOff() { End(); }
-  void End();  // again: nothing
-
- private:
-  bool m_holds = true;
 };
 
 }  // namespace platform

@@ -3,8 +3,8 @@
 #include <bit>
 #include <chrono>
 #include <utility>
-#include <vector>
 
+#include "platform/after_answer.h"
 #include "platform/clock.h"
 #include "platform/fault_point.h"
 #include "platform/mutex.h"
@@ -24,14 +24,6 @@ struct EventSet::State {
     return true;
   }
 };
-
-namespace {
-
-thread_local unsigned t_putOff = 0;  // objects that put wakes off
-// What they put off, each owning the set that it belongs to.
-thread_local std::vector<std::shared_ptr<Condition>> t_toWake;
-
-}  // namespace
 
 EventSet::EventSet() = default;
 EventSet::EventSet(EventSet&&) noexcept = default;
@@ -57,13 +49,9 @@ void EventSet::Set(std::size_t index) {
     if (index >= state.count) return;
     state.set |= std::uint64_t{1} << index;
   }
-  if (t_putOff != 0) {
-    t_toWake.emplace_back(m_state, &state.changed);
-    return;
-  }
   // One waiter is enough: it takes one event, and further set events stay set for whoever looks next. Several waiters
   // with several settings each get their own call.
-  state.changed.NotifyOne();
+  AfterAnswer::LeaveFirst([state = m_state] { state->changed.NotifyOne(); });
 }
 
 ErrorCode EventSet::Wait(std::uint32_t limitMs, WaitResult& result, std::int64_t fromSteadyNanoseconds) {
@@ -92,13 +80,6 @@ ErrorCode EventSet::Wait(std::uint32_t limitMs, WaitResult& result, std::int64_t
   bool inTime = true;
   while (!state.TakeLowest(result) && inTime) inTime = state.changed.WaitUntil(lock, deadline);
   return ERROR_SUCCESS;
-}
-
-WakesPutOff::WakesPutOff() { ++t_putOff; }
-
-void WakesPutOff::End() {
-  if (!std::exchange(m_holds, false) || --t_putOff != 0) return;
-  for (const auto& changed : std::exchange(t_toWake, {})) changed->NotifyOne();
 }
 
 std::size_t EventSet::Count() const { return m_state ? m_state->count : 0; }

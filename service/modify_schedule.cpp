@@ -7,9 +7,9 @@
 
 #include "common/ini_recovery.h"
 #include "foundation/include/zfclog.h"
+#include "platform/after_answer.h"
 #include "platform/file.h"
 #include "platform/registry.h"
-#include "service/after_answer.h"
 #include "service/ini_path.h"
 #include "service/job_list.h"
 #include "service/node_setup.h"
@@ -272,7 +272,7 @@ std::vector<std::u16string> Modification::Copies() const {
 
 // Beside the new file they say nothing, so the caller's answer needn't wait until the disk has given them up.
 void Modification::LeaveCopiesToBeRemoved() const {
-  AfterAnswer::Leave([copies = Copies()] { std::ranges::for_each(copies, RemoveCopy); });
+  platform::AfterAnswer::Leave([copies = Copies()] { std::ranges::for_each(copies, RemoveCopy); });
 }
 
 void Modification::RunNow() {
@@ -361,7 +361,7 @@ void Modification::ListOldJob() {
 }  // namespace
 
 Status ModifyStores(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule, bool& modified) {
-  AfterAnswer::DoNow();  // the copies of a change just ahead must not be taken for this one's
+  platform::AfterAnswer::DoNow();  // the copies of a change just ahead must not be taken for this one's
   Modification modification(id, schedule);
   if (const Status status = modification.CheckNew(); status != kStatusOk) return status;
   if (const Status status = modification.CaptureOld(); status != kStatusOk) return status;

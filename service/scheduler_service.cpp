@@ -4,11 +4,11 @@
 
 #include "common/ini_recovery.h"
 #include "foundation/include/zfclog.h"
+#include "platform/after_answer.h"
 #include "platform/file.h"
 #include "platform/guid.h"
 #include "platform/memory.h"
 #include "platform/registry.h"
-#include "service/after_answer.h"
 #include "service/ini_path.h"
 #include "service/job_list.h"
 #include "service/modify_schedule.h"
@@ -168,7 +168,7 @@ void DeleteIniFile(const std::u16string& iniPath) {
   const std::string old = platform::NativePath(iniPath + std::u16string(qx::kOldIniSuffix));
   const bool hasOld = platform::FileExists(old) && platform::DeleteFile(old) == ERROR_SUCCESS;
   if (code != ERROR_SUCCESS && !hasOld) return;
-  qx::AfterAnswer::Leave([log, directory = platform::DirectoryOf(file)] {
+  platform::AfterAnswer::Leave([log, directory = platform::DirectoryOf(file)] {
     const ErrorCode synced = platform::SyncDirectory(directory);
     if (synced != ERROR_SUCCESS) log(synced);
   });

@@ -6,10 +6,8 @@
 #include "common/bus_records.h"
 #include "foundation/include/zfclog.h"
 #include "platform/clock.h"
-#include "platform/event.h"
 #include "platform/file.h"
 #include "platform/text.h"
-#include "service/after_answer.h"
 #include "service/job_list.h"
 #include "service/scheduler_service.h"
 
@@ -103,16 +101,6 @@ std::int64_t NextWakeUp() {
 }
 
 }  // namespace
-
-// What a change leaves for the moment when its reply is sent.
-struct CServiceBus::LeftBehindReply {
-  void End() {
-    wakes.End();
-    work.End();
-  }
-  AfterAnswer work;
-  platform::WakesPutOff wakes;
-};
 
 // The bus as one of those who hear of the service's events.
 class CServiceBus::SignalSink : public ISchedulerServiceEvents {
@@ -237,7 +225,7 @@ BusMethod CServiceBus::ChangeMethod(std::string name, std::vector<BusArgument> i
                                     platform::BusMethodHandler handler) {
   return Method(std::move(name), std::move(in), std::move(out),
                 [this, handler = std::move(handler)](MessageReader& call, MessageWriter& reply) {
-                  auto left = std::make_shared<LeftBehindReply>();
+                  auto left = std::make_shared<platform::AfterAnswer>();
                   m_left = left;
                   BusError error = handler(call, reply);
                   // The task has the last hold on it, and comes behind the reply.

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "interface/ISchedulerService.h"
+#include "platform/after_answer.h"
 #include "platform/apartment.h"
 #include "platform/bus_presence.h"
 #include "service/event_sinks.h"
@@ -54,7 +55,6 @@ class CServiceBus {
 
  private:
   class SignalSink;
-  struct LeftBehindReply;
 
   platform::BusInterface ServiceInterface();
   platform::BusInterface EventsInterface();
@@ -80,7 +80,7 @@ class CServiceBus {
   CListInfo m_list;
   std::set<std::string, std::less<>> m_clients;
   std::uint32_t m_cookie = 0;
-  std::weak_ptr<LeftBehindReply> m_left;  // of the last change, until its reply is sent
+  std::weak_ptr<platform::AfterAnswer> m_left;  // of the last change, until its reply is sent
 };
 
 }  // namespace qx

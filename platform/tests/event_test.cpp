@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/after_answer.h"
 #include "platform/clock.h"
 #include "platform/testing/fault.h"
 
@@ -142,21 +143,21 @@ TEST(EventSet, GivesEachSettingToOneOfSeveralWaiters) {
   EXPECT_EQ(WaitFor(events, 0).kind, Kind::kTimeout);
 }
 
-TEST(WakesPutOff, LeavesAnEventSetForWhoeverLooks) {
+TEST(EventSet, IsSetAtOnceForWhoeverLooksAheadOfAnAnswer) {
   EventSet events = SetOf(2);
-  WakesPutOff wakes;
+  AfterAnswer left;
   events.Set(1);
   EXPECT_EQ(WaitFor(events, 0), (WaitResult{Kind::kEvent, 1}));
   EXPECT_EQ(WaitFor(events, 0), (WaitResult{Kind::kTimeout, 0}));
 }
 
-TEST(WakesPutOff, WakesWhoeverWaitsAtItsEnd) {
+TEST(EventSet, WakesWhoeverWaitsBehindTheAnswer) {
   for (int i = 0; i < 200; ++i) {
     EventSet events = SetOf(1);
     std::thread waiter([&] { EXPECT_EQ(WaitFor(events, kWaitForever), (WaitResult{Kind::kEvent, 0})); });
     {
-      const WakesPutOff outer;
-      WakesPutOff inner;
+      const AfterAnswer outer;
+      AfterAnswer inner;
       events.Set(0);
       inner.End();
       inner.End();  // counts once
@@ -165,20 +166,20 @@ TEST(WakesPutOff, WakesWhoeverWaitsAtItsEnd) {
   }
 }
 
-TEST(WakesPutOff, LetsOtherThreadsWake) {
+TEST(EventSet, LetsOtherThreadsWakeAheadOfTheAnswerOfOne) {
   EventSet events = SetOf(1);
-  const WakesPutOff wakes;
+  const AfterAnswer left;
   std::thread waiter([&] { EXPECT_EQ(WaitFor(events, kWaitForever), (WaitResult{Kind::kEvent, 0})); });
   std::thread([&] { events.Set(0); }).join();
   waiter.join();
 }
 
-TEST(WakesPutOff, WakesInASetThatWasGivenUpMeanwhile) {
+TEST(EventSet, WakesBehindTheAnswerInASetThatWasGivenUpMeanwhile) {
   EventSet events = SetOf(1);
-  WakesPutOff wakes;
+  AfterAnswer left;
   events.Set(0);
   events = SetOf(1);
-  wakes.End();
+  left.End();
   EXPECT_EQ(WaitFor(events, 0), (WaitResult{Kind::kTimeout, 0}));
 }
 

@@ -1,6 +1,6 @@
 #include "service/modify_schedule.h"
 
-#include "service/after_answer.h"
+#include "platform/after_answer.h"
 #include "service/tests/modify_fixture.h"
 
 namespace {
@@ -45,7 +45,7 @@ TEST_F(ModifySchedule, ChangesFileKeyAndNodeThenTellsEverybody) {
 TEST_F(ModifySchedule, RemovesTheOldFileBehindTheAnswer) {
   const ScheduleGuid id = CreateQuietly(Before());
   for (const char* directory : {"a", "b", "b"}) {
-    qx::AfterAnswer left;
+    platform::AfterAnswer left;
     EXPECT_EQ(m_service.ModifySchedule(id, After(directory)), kStatusOk);
     EXPECT_THAT(FileNames(), Contains(EndsWith(Text(id) + ".ini.old")));
     EXPECT_EQ(Stored(id), ReadsAs(After(directory), 0));
@@ -56,14 +56,14 @@ TEST_F(ModifySchedule, RemovesTheOldFileBehindTheAnswer) {
 
 TEST_F(ModifySchedule, TakesNoCopyOfTheChangeAheadForItsOwn) {
   const ScheduleGuid id = CreateQuietly(Before());
-  const qx::AfterAnswer left;
+  const platform::AfterAnswer left;
   EXPECT_EQ(m_service.ModifySchedule(id, After()), kStatusOk);
   EXPECT_EQ(m_service.ModifySchedule(id, Before()), kStatusOk);
   // One that can't be put into the registry, nor back: the copy it keeps for the next load stays.
   FaultPlan plan = FaultPlan::FailCall(Operation::kRegSetValue, 1, 5, platform::kFromThenOn);
   EXPECT_NE(m_service.ModifySchedule(id, After()), kStatusOk);
   plan.Remove();
-  qx::AfterAnswer::DoNow();
+  platform::AfterAnswer::DoNow();
   EXPECT_THAT(FileNames(), ElementsAre(Ini(id) + ".old"));
 }
 

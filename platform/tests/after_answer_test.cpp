@@ -1,4 +1,4 @@
-#include "service/after_answer.h"
+#include "platform/after_answer.h"
 
 #include <gmock/gmock.h>
 
@@ -7,7 +7,7 @@
 
 namespace {
 
-using qx::AfterAnswer;
+using platform::AfterAnswer;
 
 TEST(AfterAnswer, WorkIsDoneAtOnceWhereNobodyWaitsForAnAnswer) {
   bool done = false;
@@ -28,6 +28,18 @@ TEST(AfterAnswer, WorkIsDoneInOrderWhenTheLastOneEnds) {
   EXPECT_EQ(done, "ab");
   outer.End();
   EXPECT_EQ(done, "ab");
+}
+
+TEST(AfterAnswer, WorkThatIsToBeFirstIsDoneAheadOfAllOther) {
+  std::string done;
+  AfterAnswer::LeaveFirst([&] { done += "at once "; });
+  {
+    const AfterAnswer left;
+    AfterAnswer::Leave([&] { done += "c"; });
+    AfterAnswer::LeaveFirst([&] { done += "a"; });
+    AfterAnswer::LeaveFirst([&] { done += "b"; });
+  }
+  EXPECT_EQ(done, "at once abc");
 }
 
 TEST(AfterAnswer, WorkCanBeDoneAheadOfTheEnd) {
