@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 
+#include "platform/after_answer.h"
 #include "platform/testing/crash_disk.h"
 #include "service/tests/service_fixture.h"
 #include "service/tests/stored_state.h"
@@ -19,7 +20,7 @@ constexpr std::uint32_t kChances = 6;  // images by chance at each moment
 
 struct Image {
   std::string moment;  // where the power went, for messages
-  bool acknowledged;   // behind the change's end
+  bool acknowledged;   // its caller has the answer
 };
 
 class PowerCut : public ServiceFixture {
@@ -49,12 +50,16 @@ class PowerCut : public ServiceFixture {
     return schedule;
   }
 
-  // Makes the change and an image of the disk at each of its moments; equal images are kept once.
+  // Makes the change as for a caller that waits for its answer, and an image of the disk at each moment, also of what is
+  // left behind the answer; equal images are kept once. From the answer on the change may not be lost any more.
   void CutThrough(const std::function<Status()>& change) {
-    const auto cut = [&](const std::string& moment, bool acknowledged) {
+    bool acknowledged = false;
+    const auto cut = [&](const std::string& moment) {
       ++m_moments;
       const auto keep = [&](Survives survives, std::uint32_t seed) {
-        m_images.try_emplace(m_disk->AfterPowerCut(survives, seed), Image{moment, acknowledged});
+        const auto [image, isNew] =
+            m_images.try_emplace(m_disk->AfterPowerCut(survives, seed), Image{moment, acknowledged});
+        if (acknowledged && !image->second.acknowledged) image->second = {moment, true};
       };
       for (const Survives survives :
            {Survives::kSynced, Survives::kSyncedContents, Survives::kSyncedNames, Survives::kAll}) {
@@ -63,23 +68,23 @@ class PowerCut : public ServiceFixture {
       for (std::uint32_t i = 0; i < kChances; ++i)
         keep(Survives::kSome, static_cast<std::uint32_t>(m_moments) * kChances + i);
     };
-    m_disk->OnSync([&] { cut("before sync " + std::to_string(m_disk->Syncs()), false); });
+    m_disk->OnSync([&] { cut("before sync " + std::to_string(m_disk->Syncs())); });
     Status status = 0;
     {
       const platform::FaultPlan plan =
           platform::FaultPlan::Ask([&](int call, platform::Operation operation, std::string_view) {
-            cut("before call " + std::to_string(call) + " (" + std::string(OperationName(operation)) + ")", false);
+            cut("before call " + std::to_string(call) + " (" + std::string(OperationName(operation)) + ")");
             return platform::ErrorCode{platform::ERROR_SUCCESS};
           });
+      platform::AfterAnswer left;
       status = change();
+      acknowledged = true;
+      cut("at the answer");
+      left.End();
     }
     m_disk->OnSync({});
     ASSERT_EQ(status, kStatusOk);
-    // From here on the change may not be lost any more: an image that was possible before is judged anew.
-    std::map<CrashDisk::Image, Image> during;
-    during.swap(m_images);
-    cut("behind the end", true);
-    m_images.merge(during);
+    cut("behind the end");
     m_after = ReadStoredState(m_folder);
     ASSERT_EQ(m_after.failure, "");
     DoCleanUp();
