@@ -441,28 +441,27 @@ BusError ReadScheduleEx(MessageReader& reader, SCHEDULE_OBJECT_EX& schedule) {
   return {};
 }
 
-void AppendListRow(MessageWriter& writer, const ListRow& row) {
+namespace {
+
+template <typename Text, typename AppendOne>
+void AppendRow(MessageWriter& writer, const BasicListRow<Text>& row, const AppendOne& append) {
   writer.OpenStruct(kListRowContents);
-  for (const std::u16string* text : {&row.id, &row.name, &row.application, &row.objectId}) AppendText(writer, *text);
+  for (const Text* text : {&row.id, &row.name, &row.application, &row.objectId}) append(*text);
   writer.AppendUint32(row.taskCode);
-  for (const std::u16string* text : {&row.wrapper, &row.xml, &row.parameters, &row.preScript, &row.postScript}) {
-    AppendText(writer, *text);
-  }
+  for (const Text* text : {&row.wrapper, &row.xml, &row.parameters, &row.preScript, &row.postScript}) append(*text);
   writer.AppendUint32(row.passId);
   writer.AppendInt32(row.nextWindow);
   writer.Close();
 }
 
+}  // namespace
+
+void AppendListRow(MessageWriter& writer, const ListRow& row) {
+  AppendRow(writer, row, [&](const std::u16string& text) { AppendText(writer, text); });
+}
+
 void AppendListRow(MessageWriter& writer, const SentListRow& row) {
-  writer.OpenStruct(kListRowContents);
-  for (const std::string_view text : {row.id, row.name, row.application, row.objectId}) writer.AppendTerminated(text);
-  writer.AppendUint32(row.taskCode);
-  for (const std::string_view text : {row.wrapper, row.xml, row.parameters, row.preScript, row.postScript}) {
-    writer.AppendTerminated(text);
-  }
-  writer.AppendUint32(row.passId);
-  writer.AppendInt32(row.nextWindow);
-  writer.Close();
+  AppendRow(writer, row, [&](std::string_view text) { writer.AppendTerminated(text); });
 }
 
 BusError ReadListRow(MessageReader& reader, ListRow& row) {

@@ -11,39 +11,30 @@
 
 namespace qx {
 
-struct ListRow {                 // one schedule of a page
-  std::u16string id;             // in braces, upper case
-  std::u16string name;           // from the .ini file; empty where that can't be read
-  std::u16string application;    // bstrApplication of the record, and so on
-  std::u16string objectId;       // bstrObjectID
-  std::uint32_t taskCode = 0;    // dwTaskOpCode
-  std::u16string wrapper;        // bstrWrapperBinaryName
-  std::u16string xml;            // bstrXMLFilePathName
-  std::u16string parameters;     // bstrParameters
-  std::u16string preScript;      // bstrPreScript
-  std::u16string postScript;     // bstrPostScript
-  std::uint32_t passId = 0;      // bUseGUID
-  std::int32_t nextWindow = -1;  // kNoWindow, kDamagedKey, or seconds since 1970
-  friend bool operator==(const ListRow&, const ListRow&) = default;
-};
 inline constexpr std::int32_t kNoWindow = -1;    // the schedule has no further window
 inline constexpr std::int32_t kDamagedKey = -2;  // the schedule's key can't be read: only the id stands
 
-// The same as it travels: UTF-8 texts that stand elsewhere, each with a NUL right behind it.
-struct SentListRow {
-  std::string_view id;                  // as ListRow's, and so on
-  std::string_view name;                // from the .ini file
-  std::string_view application;         // bstrApplication
-  std::string_view objectId;            // bstrObjectID
+// One schedule of a page, whose texts a Text holds.
+template <typename Text>
+struct BasicListRow {
+  Text id;                              // in braces, upper case
+  Text name;                            // from the .ini file; empty where that can't be read
+  Text application;                     // bstrApplication of the record, and so on
+  Text objectId;                        // bstrObjectID
   std::uint32_t taskCode = 0;           // dwTaskOpCode
-  std::string_view wrapper;             // bstrWrapperBinaryName
-  std::string_view xml;                 // bstrXMLFilePathName
-  std::string_view parameters;          // bstrParameters
-  std::string_view preScript;           // bstrPreScript
-  std::string_view postScript;          // bstrPostScript
+  Text wrapper;                         // bstrWrapperBinaryName
+  Text xml;                             // bstrXMLFilePathName
+  Text parameters;                      // bstrParameters
+  Text preScript;                       // bstrPreScript
+  Text postScript;                      // bstrPostScript
   std::uint32_t passId = 0;             // bUseGUID
   std::int32_t nextWindow = kNoWindow;  // kNoWindow, kDamagedKey, or seconds since 1970
+  friend bool operator==(const BasicListRow&, const BasicListRow&) = default;
 };
+
+using ListRow = BasicListRow<std::u16string>;
+// A row as it travels: UTF-8 texts that stand elsewhere, each with a NUL right behind it.
+using SentListRow = BasicListRow<std::string_view>;
 
 // Rows with what holds their texts; copies share it. Belongs to the thread of those who made it.
 struct SentListRows {

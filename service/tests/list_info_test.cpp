@@ -1,5 +1,6 @@
 #include "service/list_info.h"
 
+#include "common/bus_records.h"
 #include "service/tests/service_fixture.h"
 
 namespace qx {
@@ -10,26 +11,10 @@ using ::testing::IsEmpty;
 
 class ListInfo : public testing::ServiceFixture {
  protected:
-  static ListRow Wide(const SentListRow& row) {
-    ListRow wide;
-    wide.id = testing::Wide(std::string(row.id));
-    wide.name = testing::Wide(std::string(row.name));
-    wide.application = testing::Wide(std::string(row.application));
-    wide.objectId = testing::Wide(std::string(row.objectId));
-    wide.taskCode = row.taskCode;
-    wide.wrapper = testing::Wide(std::string(row.wrapper));
-    wide.xml = testing::Wide(std::string(row.xml));
-    wide.parameters = testing::Wide(std::string(row.parameters));
-    wide.preScript = testing::Wide(std::string(row.preScript));
-    wide.postScript = testing::Wide(std::string(row.postScript));
-    wide.passId = row.passId;
-    wide.nextWindow = row.nextWindow;
-    return wide;
-  }
   std::vector<ListRow> Page(const std::u16string& after = {}, std::uint32_t limit = 0) {
     std::vector<ListRow> rows;
     const auto add = [&](const SentListRow& row) {
-      rows.push_back(Wide(row));
+      rows.push_back(WideListRow(row));
       return true;
     };
     EXPECT_EQ(m_list.Page(after, limit, add), kStatusOk);
