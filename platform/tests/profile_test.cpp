@@ -24,6 +24,9 @@ using testing::ElementsAre;
 using testing::Eq;
 using testing::UnorderedElementsAre;
 
+const char kOldText[] = "[S]\r\na=1\r\nb=2\r\n";
+const char kNewText[] = "[S]\r\na=9\r\nc=3\r\n[T]\r\nd=4\r\n";
+
 class ProfileFile : public testing::Test {
  protected:
   void SetUp() override {
@@ -33,7 +36,10 @@ class ProfileFile : public testing::Test {
     m_file = m_directory + "/rules.ini";
     m_path = WideFromUtf8(m_file);
   }
-  void TearDown() override { std::filesystem::remove_all(m_directory); }
+  void TearDown() override {
+    m_batch.reset();
+    std::filesystem::remove_all(m_directory);
+  }
 
   void Put(const std::string& bytes) const { std::ofstream(m_file, std::ios::binary | std::ios::trunc) << bytes; }
   [[nodiscard]] std::optional<std::string> Get() const {
@@ -58,13 +64,20 @@ class ProfileFile : public testing::Test {
     return buffer.substr(0, length);
   }
 
+  // The file as it was, and a batch of this thread with one change to it.
+  [[nodiscard]] ProfileBatch& BeginChange() {
+    m_batch.reset();
+    Put(kOldText);
+    m_batch.emplace(m_path, ProfileBatch::kSave);
+    EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
+    return *m_batch;
+  }
+
   std::string m_directory;
   std::string m_file;
   std::u16string m_path;
+  std::optional<ProfileBatch> m_batch;
 };
-
-const char kOldText[] = "[S]\r\na=1\r\nb=2\r\n";
-const char kNewText[] = "[S]\r\na=9\r\nc=3\r\n[T]\r\nd=4\r\n";
 
 ErrorCode SaveNewText(std::u16string_view path) {
   ProfileBatch batch(path, ProfileBatch::kSave);
@@ -334,9 +347,7 @@ TEST_F(ProfileFile, KeepsAWideFileWide) {
 // --- batches -----------------------------------------------------------------------------------------------------------
 
 TEST_F(ProfileFile, StaysAsItWasUntilTheBatchIsCommitted) {
-  Put(kOldText);
-  ProfileBatch batch(m_path, ProfileBatch::kSave);
-  EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
+  ProfileBatch& batch = BeginChange();
   EXPECT_EQ(Get(), kOldText);
   EXPECT_EQ(Read(u"S", u"a"), u"9") << "the batch's own thread sees its writes";
   std::u16string seenByOthers;
@@ -347,19 +358,14 @@ TEST_F(ProfileFile, StaysAsItWasUntilTheBatchIsCommitted) {
 }
 
 TEST_F(ProfileFile, IsNotWrittenByABatchThatIsDropped) {
-  Put(kOldText);
-  {
-    ProfileBatch batch(m_path, ProfileBatch::kSave);
-    EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
-  }
+  (void)BeginChange();
+  m_batch.reset();
   EXPECT_EQ(Get(), kOldText);
   EXPECT_EQ(Read(u"S", u"a"), u"1");
 }
 
 TEST_F(ProfileFile, GetsTheWritesOfABatchOnTopOfWhatOthersWroteMeanwhile) {
-  Put(kOldText);
-  ProfileBatch batch(m_path, ProfileBatch::kSave);
-  EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
+  ProfileBatch& batch = BeginChange();
   EXPECT_EQ(Write(u"S", u"b", nullptr), ERROR_SUCCESS);
   std::thread([&] { EXPECT_EQ(Write(u"T", u"other", u"5"), ERROR_SUCCESS); }).join();
   EXPECT_EQ(batch.Commit(), ERROR_SUCCESS);
@@ -386,9 +392,7 @@ TEST_F(ProfileFile, TakesSeveralCommitsOfOneBatch) {
 }
 
 TEST_F(ProfileFile, KeepsTheWritesOfABatchWhoseCommitFailed) {
-  Put(kOldText);
-  ProfileBatch batch(m_path, ProfileBatch::kSave);
-  EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
+  ProfileBatch& batch = BeginChange();
   {
     const FaultPlan plan = FaultPlan::FailCall(Operation::kCommitProfiles, 1, ERROR_DISK_FULL);
     EXPECT_EQ(batch.Commit(), ERROR_DISK_FULL);
@@ -403,9 +407,7 @@ TEST_F(ProfileFile, KeepsTheWritesOfABatchWhoseCommitFailed) {
 constexpr char kAheadText[] = "[S]\r\na=9\r\nb=2\r\n";
 
 TEST_F(ProfileFile, StaysAsItWasWhileTheNewFileLiesBesideIt) {
-  Put(kOldText);
-  ProfileBatch batch(m_path, ProfileBatch::kSave);
-  EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
+  ProfileBatch& batch = BeginChange();
   batch.Prepare();
   EXPECT_EQ(Get(), kOldText);
   EXPECT_THAT(Names(), UnorderedElementsAre("rules.ini", ".rules.ini.new"));
@@ -421,12 +423,8 @@ TEST_F(ProfileFile, StaysAsItWasWhileTheNewFileLiesBesideIt) {
 }
 
 TEST_F(ProfileFile, LosesTheNewFileBesideItWithTheBatch) {
-  Put(kOldText);
-  {
-    ProfileBatch batch(m_path, ProfileBatch::kSave);
-    EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
-    batch.Prepare();
-  }
+  BeginChange().Prepare();
+  m_batch.reset();
   EXPECT_EQ(Get(), kOldText);
   EXPECT_THAT(Names(), ElementsAre("rules.ini"));
 }
@@ -453,9 +451,7 @@ TEST_F(ProfileFile, GetsWhatCameBehindTheNewFileToo) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE("line " + std::to_string(c.line));
-    Put(kOldText);
-    ProfileBatch batch(m_path, ProfileBatch::kSave);
-    EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
+    ProfileBatch& batch = BeginChange();
     batch.Prepare();
     c.meanwhile();
     EXPECT_EQ(batch.Commit(), ERROR_SUCCESS);
@@ -466,9 +462,7 @@ TEST_F(ProfileFile, GetsWhatCameBehindTheNewFileToo) {
 
 TEST_F(ProfileFile, TellsAtTheCommitThatTheNewFileCouldNotBeWritten) {
   for (const Operation operation : {Operation::kCreateFile, Operation::kWriteFile}) {
-    Put(kOldText);
-    ProfileBatch batch(m_path, ProfileBatch::kSave);
-    EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
+    ProfileBatch& batch = BeginChange();
     {
       const FaultPlan plan = FaultPlan::FailCall(operation, 1, ERROR_DISK_FULL);
       batch.Prepare();
@@ -493,9 +487,7 @@ TEST_F(ProfileFile, GetsNoNewFileBesideItWhereNothingIsToBeWritten) {
 }
 
 TEST_F(ProfileFile, IsNotWrittenByABatchThatMissesAWrite) {
-  Put(kOldText);
-  ProfileBatch batch(m_path, ProfileBatch::kSave);
-  EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_SUCCESS);
+  ProfileBatch& batch = BeginChange();
   {
     const FaultPlan plan = FaultPlan::FailCall(Operation::kWriteProfileString, 1, ERROR_IO_DEVICE);
     EXPECT_EQ(Write(u"S", u"b", u"9"), ERROR_IO_DEVICE);
