@@ -36,31 +36,40 @@ class Wire {
     };
     Require(m_receiver.Subscribe("", kPath, kInterface, "Value", received) == platform::ERROR_SUCCESS,
             "a signal is subscribed to");
+    Require(m_receiver.Subscribe("", kPath, kInterface, "Behind", [this](MessageReader&) { m_isBehind = true; }) ==
+                platform::ERROR_SUCCESS,
+            "the signal behind it is subscribed to");
   }
 
-  // False where no message can hold what `write` appends, or the receiver drops one whose signature it doesn't take.
+  // False where no message can hold what `write` appends, or the receiver drops one whose signature it doesn't take: the
+  // signal behind it comes without it.
   bool Send(const std::function<void(MessageWriter&)>& write, std::function<void(MessageReader&)> read) {
-    MessageWriter signal;
-    Require(m_sender.NewSignal(kPath, kInterface, "Value", signal) == platform::ERROR_SUCCESS, "a signal is begun");
+    MessageWriter signal = Begin("Value");
     write(signal);
     if (signal.Result() != platform::ERROR_SUCCESS) return false;
-    m_arrived = false;
+    m_arrived = m_isBehind = false;
     m_read = std::move(read);
     if (m_sender.Send(std::move(signal)) != platform::ERROR_SUCCESS) return false;
-    constexpr int kRounds = 100000;  // far more than the pieces of any message
-    for (int round = 0; !m_arrived; ++round) {
-      if (round == kRounds) return false;
+    Require(m_sender.Send(Begin("Behind")) == platform::ERROR_SUCCESS, "the signal behind it is sent");
+    while (!m_isBehind) {
       Require(m_sender.IsOpen() && m_receiver.IsOpen(), "the connection stands");
       (void)m_sender.Process();
       (void)m_receiver.Process();
     }
-    return true;
+    return m_arrived;
   }
 
  private:
+  MessageWriter Begin(std::string_view name) {
+    MessageWriter signal;
+    Require(m_sender.NewSignal(kPath, kInterface, name, signal) == platform::ERROR_SUCCESS, "a signal is begun");
+    return signal;
+  }
+
   BusConnection m_sender;
   BusConnection m_receiver;
   bool m_arrived = false;
+  bool m_isBehind = false;
   std::function<void(MessageReader&)> m_read;
 };
 

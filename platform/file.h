@@ -99,8 +99,8 @@ class FileReplacement {
   void HaveDiskBegin() const;
   // False when nothing was begun, or another writer of the name took the new file's name meanwhile.
   [[nodiscard]] bool IsBegun() const;
-  // Puts the new file in place.
-  //   returns  as ReplaceWholeFile
+  // Puts the new file in place. On failure it goes, as with Discard().
+  //   returns  as ReplaceWholeFile; ERROR_INVALID_HANDLE (6) when nothing was begun
   [[nodiscard]] ErrorCode Finish();
   // Takes the new file away; again, or behind Finish(): nothing.
   void Discard();

@@ -249,6 +249,7 @@ TEST_P(ChangeDay, LaunchesEveryTimeOfDayOnceADay) {
   }
   EXPECT_GT(changes, 0);
 }
+
 // What the clock has shown already in the first of two equal hours is past when the windows are computed anew there; what
 // a gap moved isn't, as long as the clock doesn't show where to.
 TEST_P(ChangeDay, GoesOnWhenTheClockIsSetToTheMiddleOfAChange) {
