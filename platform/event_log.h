@@ -48,4 +48,14 @@ void ReportEvent(std::u16string_view source, EventKind kind, std::uint32_t numbe
 // Takes all events from now on in place of the journal, null for the journal again. Only tests call this.
 void InstallEventSink(std::function<void(const LoggedEvent&)> sink);
 
+// The names of the sockets that take the events: the journal's (systemd-journald.service(8)) and a syslog daemon's
+// (syslog(3)).
+struct EventLogSockets {
+  std::string journal = "/run/systemd/journal/socket";
+  std::string syslog = "/dev/log";
+};
+
+// Installs others for the whole process; returns those before. Only tests call this.
+EventLogSockets InstallEventLogSockets(EventLogSockets sockets);
+
 }  // namespace platform

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
 #include "platform/mutex.h"
 #include "platform/text.h"
@@ -14,15 +15,15 @@
 namespace platform {
 namespace {
 
-// Where the journal listens (systemd-journald.service(8)), and a syslog daemon (syslog(3)). Their libraries would wait
-// for one that doesn't read.
-constexpr std::string_view kJournalSocket = "/run/systemd/journal/socket";
-constexpr std::string_view kSyslogSocket = "/dev/log";
-
+// What stands here outlives every thread that may report.
 Mutex g_sinkMutex;
 std::function<void(const LoggedEvent&)>& Sink() QX_REQUIRES(g_sinkMutex) {
-  static auto* const sink = new std::function<void(const LoggedEvent&)>;  // outlives every thread that may report
+  static auto* const sink = new std::function<void(const LoggedEvent&)>;
   return *sink;
+}
+EventLogSockets& Sockets() QX_REQUIRES(g_sinkMutex) {
+  static auto* const sockets = new EventLogSockets;
+  return *sockets;
 }
 
 std::string Narrow(std::u16string_view text) { return Utf8FromWide(text.substr(0, text.find(u'\0'))); }
@@ -39,7 +40,8 @@ int PriorityOf(EventKind kind) {
   return LOG_INFO;
 }
 
-// One datagram, without waiting for a reader whose queue is full: false only when nobody listens there.
+// One datagram, without waiting for a reader whose queue is full, as the libraries of journal and syslog would: false only
+// when nobody listens there.
 bool SendTo(std::string_view socketName, const std::string& datagram) {
   const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (sender < 0) return true;
@@ -68,19 +70,19 @@ void AppendField(std::string& datagram, std::string_view name, const std::string
   datagram += value + '\n';
 }
 
-bool WriteToJournal(const LoggedEvent& event) {
+bool WriteToJournal(const std::string& socketName, const LoggedEvent& event) {
   std::string datagram;
   AppendField(datagram, "MESSAGE", EventLine(event));
   AppendField(datagram, "PRIORITY", std::to_string(PriorityOf(event.kind)));
   AppendField(datagram, "EVENT_ID", std::to_string(event.number));
   AppendField(datagram, "SYSLOG_IDENTIFIER", event.source);
-  return SendTo(kJournalSocket, datagram);
+  return SendTo(socketName, datagram);
 }
 
 // Without a time: the daemon takes that of the arrival.
-void WriteToSyslog(const LoggedEvent& event) {
-  (void)SendTo(kSyslogSocket, "<" + std::to_string(LOG_DAEMON | PriorityOf(event.kind)) + ">" + event.source + ": " +
-                                  EventLine(event));
+void WriteToSyslog(const std::string& socketName, const LoggedEvent& event) {
+  (void)SendTo(socketName, "<" + std::to_string(LOG_DAEMON | PriorityOf(event.kind)) + ">" + event.source + ": " +
+                               EventLine(event));
 }
 
 }  // namespace
@@ -94,16 +96,23 @@ std::string EventLine(const LoggedEvent& event) {
 
 void ReportEvent(std::u16string_view source, EventKind kind, std::uint32_t number, std::u16string_view text) {
   const LoggedEvent event = {Narrow(source), kind, number, Narrow(text)};
+  EventLogSockets sockets;
   {
     const MutexLock lock(g_sinkMutex);
     if (Sink()) return Sink()(event);
+    sockets = Sockets();
   }
-  if (!WriteToJournal(event)) WriteToSyslog(event);
+  if (!WriteToJournal(sockets.journal, event)) WriteToSyslog(sockets.syslog, event);
 }
 
 void InstallEventSink(std::function<void(const LoggedEvent&)> sink) {
   const MutexLock lock(g_sinkMutex);
   Sink() = std::move(sink);
+}
+
+EventLogSockets InstallEventLogSockets(EventLogSockets sockets) {
+  const MutexLock lock(g_sinkMutex);
+  return std::exchange(Sockets(), std::move(sockets));
 }
 
 }  // namespace platform

@@ -2,15 +2,14 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <stdlib.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <filesystem>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -42,82 +41,116 @@ TEST(EventLog, ReadsTheKindFromTheTopBits) {
   EXPECT_EQ(EventKindOf(0xE8110003), EventKind::kError);
 }
 
-// What comes to a socket of the system's when `act` has run, in a process whose /run/systemd and /dev are its own: the
-// real ones can't be put elsewhere. "skip" where nobody may have such a process.
-std::string HeardAt(const char* folder, const char* below, const char* socketName, void (*act)()) {
-  int result[2];
-  if (pipe(result) != 0) return "skip";
-  const pid_t process = fork();
-  if (process == 0) {
-    const auto finish = [&](const char* text, std::size_t size) {
-      (void)!write(result[1], text, size);
-      _exit(0);
-    };
-    const int spaces = geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER;
-    if (unshare(spaces) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("none", folder, "tmpfs", 0, nullptr) != 0) {
-      finish("skip", 4);
-    }
-    if (*below != '\0') (void)mkdir(below, 0755);
-    const int heard = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+// Events of a process whose journal and syslog daemon are sockets of the test's, each there from its Listen() on.
+class EventLogSocket : public ::testing::Test {
+ protected:
+  EventLogSocket() {
+    std::string pattern = ::testing::TempDir() + "qx-event-log-XXXXXX";
+    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
+    m_folder = pattern;
+    m_before = InstallEventLogSockets({m_folder + "/journal", m_folder + "/syslog"});
+  }
+  ~EventLogSocket() override {
+    (void)InstallEventLogSockets(m_before);
+    Close(m_journal);
+    Close(m_syslog);
+    std::filesystem::remove_all(m_folder);
+  }
+
+  void ListenAsJournal() { Listen("/journal", m_journal); }
+  void ListenAsSyslog() { Listen("/syslog", m_syslog); }
+  // The next datagram that has come, empty when none has.
+  static std::string Heard(int listening) {
+    std::string text(4096, '\0');
+    const ssize_t size = recv(listening, text.data(), text.size(), MSG_DONTWAIT);
+    text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+    return text;
+  }
+  static void Close(int& listening) {
+    if (listening >= 0) close(listening);
+    listening = -1;
+  }
+  static void ReportOne() {
+    ReportEvent(u"Korvane Scheduler Service", EventKindOf(0xE8110003), 0xE8110003, u"why");
+  }
+
+  std::string m_folder;
+  EventLogSockets m_before;
+  int m_journal = -1;
+  int m_syslog = -1;
+
+ private:
+  void Listen(const std::string& name, int& out) {
+    out = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    std::string(socketName).copy(address.sun_path, sizeof address.sun_path - 1);
-    if (bind(heard, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) finish("no socket", 9);
-    (void)alarm(60);  // an event that waits for its reader would wait for ever
-    act();
-    char text[4096];
-    const ssize_t size = recv(heard, text, sizeof text, MSG_DONTWAIT);
-    finish(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+    ASSERT_LT(m_folder.size() + name.size(), sizeof address.sun_path);
+    (m_folder + name).copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(out, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0) << m_folder << name;
   }
-  close(result[1]);
-  std::string text(4096, '\0');
-  const ssize_t size = read(result[0], text.data(), text.size());
-  text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
-  close(result[0]);
-  (void)waitpid(process, nullptr, 0);
-  return text;
+};
+
+TEST_F(EventLogSocket, IsTheSystemsOwnUnlessATestHasInstalledOthers) {
+  EXPECT_EQ(m_before.journal, "/run/systemd/journal/socket");
+  EXPECT_EQ(m_before.syslog, "/dev/log");
 }
 
-void ReportOne() { ReportEvent(u"Korvane Scheduler Service", EventKindOf(0xE8110003), 0xE8110003, u"why"); }
-
-TEST(EventLog, GoesToTheJournalWithItsNumber) {
-  if (access("/run/systemd", F_OK) != 0) GTEST_SKIP() << "no /run/systemd: JOURNAL NOT CHECKED";
-  const std::string heard =
-      HeardAt("/run/systemd", "/run/systemd/journal", "/run/systemd/journal/socket", &ReportOne);
-  if (heard == "skip") GTEST_SKIP() << "no namespace of its own: JOURNAL NOT CHECKED";
+TEST_F(EventLogSocket, OfTheJournalTakesAnEventWithItsNumber) {
+  ListenAsJournal();
+  ListenAsSyslog();
+  ReportOne();
+  const std::string heard = Heard(m_journal);
   for (const char* field : {"MESSAGE=event 0xE8110003: why\n", "PRIORITY=3\n", "EVENT_ID=3893428227\n",
                             "SYSLOG_IDENTIFIER=Korvane Scheduler Service\n"}) {
     EXPECT_THAT(heard, HasSubstr(field));
   }
+  EXPECT_EQ(Heard(m_journal), "");
+  EXPECT_EQ(Heard(m_syslog), "");
 }
 
-TEST(EventLog, OfSeveralLinesGoesToTheJournalWithItsSize) {
-  if (access("/run/systemd", F_OK) != 0) GTEST_SKIP() << "no /run/systemd: JOURNAL NOT CHECKED";
-  const std::string heard =
-      HeardAt("/run/systemd", "/run/systemd/journal", "/run/systemd/journal/socket",
-              [] { ReportEvent(u"s", EventKind::kError, 0, u"one\nPRIORITY=0"); });
-  if (heard == "skip") GTEST_SKIP() << "no namespace of its own: JOURNAL NOT CHECKED";
+TEST_F(EventLogSocket, OfTheJournalTakesSeveralLinesWithTheirSize) {
+  ListenAsJournal();
+  ReportEvent(u"s", EventKind::kError, 0, u"one\nPRIORITY=0");
   const std::string size("\x0e\0\0\0\0\0\0\0", 8);
-  EXPECT_THAT(heard, testing::StartsWith("MESSAGE\n" + size + "one\nPRIORITY=0\nPRIORITY=3\n"));
+  EXPECT_THAT(Heard(m_journal), testing::StartsWith("MESSAGE\n" + size + "one\nPRIORITY=0\nPRIORITY=3\n"));
 }
 
-TEST(EventLog, GoesToSyslogWhereNoJournalIs) {
-  if (access("/run/systemd/journal/socket", F_OK) == 0) GTEST_SKIP() << "a journal is here: SYSLOG NOT CHECKED";
-  const std::string heard = HeardAt("/dev", "", "/dev/log", &ReportOne);
-  if (heard == "skip") GTEST_SKIP() << "no namespace of its own: SYSLOG NOT CHECKED";
-  EXPECT_THAT(heard, testing::StartsWith("<27>"));  // daemon, error
-  EXPECT_THAT(heard, HasSubstr("Korvane Scheduler Service: event 0xE8110003: why"));
+TEST_F(EventLogSocket, OfSyslogTakesAnEventWhereNoJournalIs) {
+  ListenAsSyslog();
+  const auto expectOne = [&] {
+    const std::string heard = Heard(m_syslog);
+    EXPECT_THAT(heard, testing::StartsWith("<27>"));  // daemon, error
+    EXPECT_THAT(heard, HasSubstr("Korvane Scheduler Service: event 0xE8110003: why"));
+  };
+  ReportOne();  // no such file
+  expectOne();
+  ListenAsJournal();
+  Close(m_journal);
+  ReportOne();  // a file that nobody listens at any more
+  expectOne();
+  ASSERT_EQ(InstallEventLogSockets({m_folder + "/journal/socket", m_folder + "/syslog"}).journal,
+            m_folder + "/journal");
+  ReportOne();  // a file where a folder should be
+  expectOne();
 }
 
-TEST(EventLog, DoesNotWaitForAJournalThatReadsNothing) {
-  if (access("/run/systemd", F_OK) != 0) GTEST_SKIP() << "no /run/systemd: JOURNAL NOT CHECKED";
-  const std::string heard =
-      HeardAt("/run/systemd", "/run/systemd/journal", "/run/systemd/journal/socket", [] {
-        for (int i = 0; i < 5000; ++i) ReportOne();
-      });
-  if (heard == "skip") GTEST_SKIP() << "no namespace of its own: JOURNAL NOT CHECKED";
-  EXPECT_THAT(heard, HasSubstr("EVENT_ID=3893428227\n"));
+TEST_F(EventLogSocket, ThatReadsNothingIsNotWaitedFor) {
+  constexpr int kEvents = 5000;
+  ListenAsJournal();
+  ListenAsSyslog();
+  std::future<void> reported = std::async(std::launch::async, [] {
+    for (int i = 0; i < kEvents; ++i) ReportOne();
+  });
+  const bool waits = reported.wait_for(std::chrono::minutes(1)) != std::future_status::ready;
+  EXPECT_FALSE(waits);
+  if (waits) return Close(m_journal);  // which ends the wait
+  int heard = 0;
+  for (std::string text; !(text = Heard(m_journal)).empty(); ++heard) {
+    EXPECT_THAT(text, HasSubstr("EVENT_ID=3893428227\n"));
+  }
+  EXPECT_GT(heard, 0);
+  EXPECT_LT(heard, kEvents) << "its queue was never full";
+  EXPECT_EQ(Heard(m_syslog), "") << "what a full queue misses isn't told elsewhere";
 }
 
 }  // namespace
