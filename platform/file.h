@@ -152,7 +152,7 @@ class File {
   // Contents and size are on disk afterwards.
   [[nodiscard]] ErrorCode Sync();
   // Waits for the exclusive lock on the byte at `offset`. Locks belong to this opening of the file: a second File on
-  // the same name waits, in this process as in another.
+  // the same name waits, in this process as in another. Asks Operation::kLockFile again, on "wait", when it has to wait.
   [[nodiscard]] ErrorCode LockByte(std::uint64_t offset);
   // The same without waiting: ERROR_LOCK_VIOLATION (33) when somebody else holds it.
   [[nodiscard]] ErrorCode TryLockByte(std::uint64_t offset);

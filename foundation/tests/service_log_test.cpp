@@ -3,16 +3,18 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <set>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -107,21 +109,6 @@ class ServiceLogTest : public testing::Test {
     EXPECT_EQ(other.Open(LogFile(index).string(), platform::File::Access::kReadWrite,
                          platform::File::Disposition::kOpenExisting), 0u);
     return other.TryLockByte(0) == platform::ERROR_LOCK_VIOLATION;
-  }
-
-  // Waits until the kernel lists a waiter for a lock of the file; false when none comes.
-  [[nodiscard]] bool SomebodyWaitsForTheByte(int index) const {
-    struct stat file {};
-    EXPECT_EQ(::stat(LogFile(index).c_str(), &file), 0);
-    const std::string inode = ":" + std::to_string(file.st_ino) + " ";
-    for (int round = 0; round < 3000; ++round) {
-      std::ifstream locks("/proc/locks");
-      for (std::string line; std::getline(locks, line);) {
-        if (line.find("-> ") != line.npos && line.find(inode) != line.npos) return true;
-      }
-      ::usleep(10000);
-    }
-    return false;
   }
 
   // Each file's filler ends in the middle of a line; what follows is whole lines of WriteFromEightThreads(), none of them
@@ -359,8 +346,14 @@ TEST_F(ServiceLogTest, WritesTheHeaderAloneAndHoldsTheByteAfterALongSecondExpans
   EXPECT_EQ(Contents(0), Header());
   EXPECT_TRUE(ByteLockIsHeld(0));
   ServiceLog(4, u"filtered before the lock");
+  std::promise<void> waits;
+  FaultPlan plan = FaultPlan::Ask([&](int, Operation operation, std::string_view detail) -> platform::ErrorCode {
+    if (operation == Operation::kLockFile && detail == "wait") waits.set_value();
+    return platform::ERROR_SUCCESS;
+  });
   std::thread later([] { ServiceLog(1, u"waits"); });
-  EXPECT_TRUE(SomebodyWaitsForTheByte(0));
+  EXPECT_EQ(waits.get_future().wait_for(std::chrono::minutes(1)), std::future_status::ready);
+  plan.Remove();
   EXPECT_EQ(Contents(0), Header());
   ZepFoundation::ResetServiceLog();  // gives the byte up
   later.join();

@@ -5,11 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
 #include <sstream>
+#include <string_view>
 
 #include "platform/testing/fault.h"
 
@@ -255,15 +257,34 @@ TEST_F(Files, WaitForALockUntilItsHolderCloses) {
   File holder;
   ASSERT_EQ(holder.Open(m_name, Access::kWrite, Disposition::kOpenAlways), ERROR_SUCCESS);
   ASSERT_EQ(holder.LockByte(0), ERROR_SUCCESS);
+  std::promise<void> waits;
+  const FaultPlan plan = FaultPlan::Ask([&](int, Operation operation, std::string_view detail) -> ErrorCode {
+    if (operation == Operation::kLockFile && detail == "wait") waits.set_value();
+    return ERROR_SUCCESS;
+  });
   auto waiter = std::async(std::launch::async, [&] {
     File file;
     EXPECT_EQ(file.Open(m_name, Access::kWrite, Disposition::kOpenAlways), ERROR_SUCCESS);
     EXPECT_EQ(file.LockByte(0), ERROR_SUCCESS);
     return Get(m_name);
   });
+  EXPECT_EQ(waits.get_future().wait_for(std::chrono::minutes(1)), std::future_status::ready);
   EXPECT_EQ(holder.WriteAll("done"), ERROR_SUCCESS);
   holder.Close();
   EXPECT_EQ(waiter.get(), "done");
+}
+
+TEST_F(Files, TellOfAWaitForALockThatFails) {
+  File holder;
+  File other;
+  ASSERT_EQ(holder.Open(m_name, Access::kWrite, Disposition::kOpenAlways), ERROR_SUCCESS);
+  ASSERT_EQ(other.Open(m_name, Access::kWrite, Disposition::kOpenAlways), ERROR_SUCCESS);
+  const FaultPlan plan = FaultPlan::FailCall(Operation::kLockFile, 1, ERROR_IO_DEVICE, kOnce, "wait");
+  ASSERT_EQ(holder.LockByte(0), ERROR_SUCCESS) << "nobody is waited for";
+  EXPECT_EQ(other.LockByte(0), ERROR_IO_DEVICE);
+  holder.Close();
+  EXPECT_EQ(other.LockByte(0), ERROR_SUCCESS);
+  EXPECT_EQ(plan.calls(), 1);
 }
 
 TEST_F(Files, AreDeletedAndRenamed) {
