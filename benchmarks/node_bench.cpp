@@ -2,6 +2,7 @@
 #include <stdlib.h>
 
 #include <array>
+#include <chrono>
 #include <ctime>
 #include <filesystem>
 #include <memory>
@@ -76,14 +77,14 @@ class Node : public ISchedulerService {
     platform::ErrorCode code = 0;
     Demand(platform::LoadSecurityPackage(code) == platform::SecurityLoad::kLoaded, "no security package");
     Demand(platform::Thread::Start("SocketThread", [this] { (void)m_listener.SocketThread(0); }, m_thread) == 0, "no thread");
-    while (m_listener.Port() == 0) std::this_thread::yield();
+    Demand(m_listener.WaitForPort(std::chrono::minutes(1)), "nobody listens");
     m_operations.SetPort(m_listener.Port());
     Create();  // the pairs are made
   }
   ~Node() override {
     m_listener.Close();
     m_thread.Join();
-    while (m_listener.ChildCount() != 0) std::this_thread::yield();
+    (void)m_listener.WaitForChildCount(0, std::chrono::minutes(1));
     platform::FreeSecurityPackage();
     (void)platform::CloseRegistryStore();
     platform::SetStateDirectory({});

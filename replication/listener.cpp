@@ -56,8 +56,55 @@ bool CListener::SetUp(std::uint16_t port) {
   if (const SocketError error = m_socket.Listen(kListenBacklog); error != 0) return SetUpFailed(u"listen", error);
   ServiceLog(3, u"Listening on port %d", port == 0 ? m_socket.Port() : port);
   if (const SocketError error = m_socket.SetNonBlocking(); error != 0) return SetUpFailed(u"ioctlsocket", error);
-  m_listening.store(true);
+  SetListening(true);
   return true;
+}
+
+void CListener::SetListening(bool listening) {
+  const platform::MutexLock lock(m_lock);
+  m_listening = listening;
+  m_changed.NotifyAll();
+}
+
+bool CListener::CountChild() {
+  const platform::MutexLock lock(m_lock);
+  if (m_children == kMaxChildren) return false;
+  ++m_children;
+  m_changed.NotifyAll();
+  return true;
+}
+
+// The last that a child does: the listener may be gone as soon as the lock is let go.
+void CListener::ChildHasEnded() {
+  const platform::MutexLock lock(m_lock);
+  --m_children;
+  m_changed.NotifyAll();
+}
+
+std::int32_t CListener::ChildCount() const {
+  const platform::MutexLock lock(m_lock);
+  return m_children;
+}
+
+std::uint16_t CListener::Port() const {
+  const platform::MutexLock lock(m_lock);
+  return m_listening ? m_socket.Port() : 0;
+}
+
+bool CListener::WaitForChildCount(std::int32_t count, std::chrono::milliseconds limit) const {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  platform::MutexLock lock(m_lock);
+  bool inTime = true;
+  while (m_children != count && inTime) inTime = m_changed.WaitUntil(lock, end);
+  return m_children == count;
+}
+
+bool CListener::WaitForPort(std::chrono::milliseconds limit) const {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  platform::MutexLock lock(m_lock);
+  bool inTime = true;
+  while (!m_listening && inTime) inTime = m_changed.WaitUntil(lock, end);
+  return m_listening;
 }
 
 // The caller sees its connection closed.
@@ -75,17 +122,16 @@ bool CListener::TakeConnection() {
     ServiceLog(0, u"SocketThread: Accept failed with error: %d\n", error);
     return false;
   }
-  if (m_children.load() == kMaxChildren) {
+  // Counted before it starts, so that a child that ends at once finds itself counted.
+  if (!CountChild()) {
     ServiceLog(1, u"SocketThread: Crossed maximum limit of child threads");
     Refuse(cell);
     return true;
   }
-  // Counted before it starts, so that a child that ends at once finds itself counted.
-  m_children.fetch_add(1);
   Socket* const socket = cell.release();
   if (platform::StartThread("ChildSocketThread", [this, socket] { (void)ChildSocketThread(SocketCell(socket)); }) !=
       platform::ERROR_SUCCESS) {
-    m_children.fetch_sub(1);
+    ChildHasEnded();
     cell.reset(socket);
     ServiceLog(1, u"SocketThread: createThread failed");
     Refuse(cell);
@@ -110,12 +156,12 @@ int CListener::SocketThread(std::uint16_t port) {
       break;
     }
     if (!TakeConnection()) {
-      m_listening.store(false);
+      SetListening(false);
       return -1;
     }
   }
   // Deliberate: the listening socket isn't closed here, and nothing restarts the thread.
-  m_listening.store(false);
+  SetListening(false);
   ServiceLog(3, u"Return from SocketThread");
   return 0;
 }
@@ -133,7 +179,7 @@ int CListener::ChildSocketThread(SocketCell cell) {
     ServiceLog(0, u"ChildSocketThread: an exception was caught: %s", ForLog(platform::WideFromUtf8(error.what())));
   }
   session.Close();
-  m_children.fetch_sub(1);
+  ChildHasEnded();
   return -1;
 }
 

@@ -3,14 +3,15 @@
 // A remote operation touches this node's registry store alone, or runs a command: no job list, no .ini file, no event.
 // Every failure ends its connection and is told to nobody but the log; only an operation that failed, or a body that
 // can't be parsed, is acknowledged with a result other than 0.
-// Threads: SocketThread() on a thread of its own; Close() and ChildCount() from any. Children run on threads that nobody
+// Threads: SocketThread() on a thread of its own; Close() and what tells or waits from any. Children run on threads that nobody
 // joins: the listener outlives them.
 #pragma once
 
-#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
+#include "platform/mutex.h"
 #include "platform/socket.h"
 #include "replication/key_manager.h"
 
@@ -38,19 +39,28 @@ class CListener {
 
   // Closes the listening socket for good; also before SocketThread(), which then returns at once.
   void Close() { m_socket.Close(); }
-  [[nodiscard]] std::int32_t ChildCount() const { return m_children.load(); }
+  [[nodiscard]] std::int32_t ChildCount() const;
   // The port that is listened on, 0 before and after.
-  [[nodiscard]] std::uint16_t Port() const { return m_listening.load() ? m_socket.Port() : 0; }
+  [[nodiscard]] std::uint16_t Port() const;
+  // Wait until it is so, at most `limit` of the real clock; false when it isn't by then.
+  [[nodiscard]] bool WaitForChildCount(std::int32_t count, std::chrono::milliseconds limit) const;
+  [[nodiscard]] bool WaitForPort(std::chrono::milliseconds limit) const;
 
  private:
   [[nodiscard]] bool SetUp(std::uint16_t port);
   [[nodiscard]] bool TakeConnection();
   void Refuse(SocketCell& cell);
+  void SetListening(bool listening);
+  // One more; false, and nothing is counted, where there are as many as may be.
+  [[nodiscard]] bool CountChild();
+  void ChildHasEnded();
 
   CKeyManager& m_keys;
   platform::ListeningSocket m_socket;
-  std::atomic<bool> m_listening{false};
-  std::atomic<std::int32_t> m_children{0};
+  mutable platform::Mutex m_lock;
+  mutable platform::Condition m_changed;  // what the lock guards
+  bool m_listening QX_GUARDED_BY(m_lock) = false;
+  std::int32_t m_children QX_GUARDED_BY(m_lock) = 0;
 };
 
 }  // namespace qx

@@ -3,6 +3,7 @@
 // Installed for its lifetime; captures of inner scopes take over and give back. Threads: lines of any thread are taken.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <ostream>
 #include <string>
@@ -48,9 +49,15 @@ class CapturedServiceLog final : public ServiceLogWriter {
   [[nodiscard]] bool Has(std::uint32_t level, std::string_view text) const { return Count(level, text) != 0; }
   [[nodiscard]] int Count(std::uint32_t level, std::string_view text) const {
     const platform::MutexLock hold(m_lock);
-    int count = 0;
-    for (const CapturedLogLine& line : m_lines) count += line.level == level && line.text == text;
-    return count;
+    return CountHeld(level, text);
+  }
+  // Waits until a line was given so often; false after a minute of the real clock.
+  [[nodiscard]] bool WaitFor(std::uint32_t level, std::string_view text, int times = 1) const {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    platform::MutexLock hold(m_lock);
+    bool inTime = true;
+    while (CountHeld(level, text) < times && inTime) inTime = m_given.WaitUntil(hold, end);
+    return CountHeld(level, text) >= times;
   }
   void Clear() {
     const platform::MutexLock hold(m_lock);
@@ -60,10 +67,18 @@ class CapturedServiceLog final : public ServiceLogWriter {
   void Write(std::uint32_t level, std::string_view text) override {
     const platform::MutexLock hold(m_lock);
     m_lines.push_back({level, std::string(text)});
+    m_given.NotifyAll();
   }
 
  private:
+  [[nodiscard]] int CountHeld(std::uint32_t level, std::string_view text) const QX_REQUIRES(m_lock) {
+    int count = 0;
+    for (const CapturedLogLine& line : m_lines) count += line.level == level && line.text == text;
+    return count;
+  }
+
   mutable platform::Mutex m_lock;
+  mutable platform::Condition m_given;
   std::vector<CapturedLogLine> m_lines QX_GUARDED_BY(m_lock);
   ServiceLogWriter* m_before;
 };

@@ -13,7 +13,6 @@ using ::testing::Not;
 using platform::FaultPlan;
 using platform::Operation;
 using testing::Bytes;
-using testing::WaitUntil;
 using testing::BytesOf;
 
 // What a child does on this node, without a wire.
@@ -319,7 +318,7 @@ TEST_F(ChildSession, EndsAConnectionThatBreaksOff) {
       Call(caller, NewId());
       c.act(caller);
     }
-    EXPECT_TRUE(WaitUntil([&] { return m_log.Has(6, "ChildSocketThread: closing the socket"); }));
+    EXPECT_TRUE(m_log.WaitFor(6, "ChildSocketThread: closing the socket"));
     WaitForChildren();
     EXPECT_THAT(m_log.texts(), Contains(c.text));
     EXPECT_EQ(m_log.Count(6, "ChildSocketThread: closing the socket"), 1) << c.text;
@@ -332,18 +331,14 @@ TEST_F(ChildSession, APeerThatFallsSilentInAMessageIsGivenUpAfterSixtySeconds) {
   caller.Authenticate();
   caller.SendBytes(BytesOf("half a header"));
   // The wait for the rest runs out at once; the seconds are the text's.
-  ASSERT_TRUE(WaitUntil([&] { return m_listener.ChildCount() == 1; }));
+  ASSERT_TRUE(m_listener.WaitForChildCount(1, testing::kLongestWait));
   m_log.Clear();
   Caller silent;
-  {
-    const FaultPlan plan =
-        FaultPlan::FailCall(Operation::kSocketSelect, 1, platform::ERROR_TIMEOUT, platform::kOnce, "one");
-    Call(silent, NewId());
-    ASSERT_TRUE(WaitUntil([&] { return plan.hits() == 1; }));
-  }
-  EXPECT_TRUE(WaitUntil([&] {
-    return m_log.Has(1, "Receive: Did not receive any message for 60 secs, connection timed out.");
-  }));
+  const FaultPlan plan =
+      FaultPlan::FailCall(Operation::kSocketSelect, 1, platform::ERROR_TIMEOUT, platform::kOnce, "one");
+  Call(silent, NewId());
+  EXPECT_TRUE(m_log.WaitFor(1, "Receive: Did not receive any message for 60 secs, connection timed out."));
+  EXPECT_EQ(plan.hits(), 1);
 }
 
 TEST_F(ChildSession, AKeyOfLengthZeroIsPassedOverAndTheOperationIsDoneWithoutAnAnswer) {

@@ -12,7 +12,6 @@ using ::testing::HasSubstr;
 using platform::FaultPlan;
 using platform::Operation;
 using testing::Bytes;
-using testing::WaitUntil;
 
 class Listener : public testing::ReplicationFixture {};
 
@@ -112,14 +111,14 @@ TEST_F(Listener, The33rdConnectionIsClosedAtOnceWithoutAMessage) {
   Listen();
   std::vector<platform::Socket> sockets(kMaxChildren);
   for (platform::Socket& socket : sockets) Connect(m_listener.Port(), socket);
-  ASSERT_TRUE(WaitUntil([&] { return m_listener.ChildCount() == kMaxChildren; }));
+  ASSERT_TRUE(m_listener.WaitForChildCount(kMaxChildren, testing::kLongestWait));
   platform::Socket extra;
   Connect(m_listener.Port(), extra);
   std::uint8_t byte = 0;
   EXPECT_EQ(Receive(extra, &byte, 1), 0);
   EXPECT_EQ(m_listener.ChildCount(), kMaxChildren);
   EXPECT_EQ(m_log.Count(1, "SocketThread: Crossed maximum limit of child threads"), 1);
-  EXPECT_TRUE(WaitUntil([&] { return m_log.Count(6, "SocketThread: Closing the socket") == 1; }));
+  EXPECT_TRUE(m_log.WaitFor(6, "SocketThread: Closing the socket"));
   sockets.clear();
   WaitForChildren();
   EXPECT_TRUE(Perform(MSG_PERFORM, {}, PerformBody("/bin/true")));  // there is room again
@@ -161,15 +160,20 @@ TEST_F(Listener, HundredsOfConnectionsLeaveNothingBehind) {
   };
   ASSERT_TRUE(Perform(MSG_PERFORM, {}, PerformBody("/bin/true")));
   const auto before = descriptors();
-  for (int round = 0; round < 8; ++round) {
-    std::vector<platform::Socket> sockets(25);  // fewer than wait to be taken
+  m_log.Clear();
+  constexpr int kRounds = 8, kRoundSize = 25;  // fewer at once than wait to be taken, and than are held
+  for (int round = 0; round < kRounds; ++round) {
+    std::vector<platform::Socket> sockets(kRoundSize);
     for (platform::Socket& socket : sockets) {
       Connect(m_listener.Port(), socket);
       (void)Send(socket, Bytes(static_cast<std::size_t>(round * 13 + 1), 0x5A));
     }
+    sockets.clear();
+    ASSERT_TRUE(m_log.WaitFor(6, "ChildSocketThread: closing the socket", kRoundSize * (round + 1))) << round;
   }
-  ASSERT_TRUE(WaitUntil([&] { return m_listener.ChildCount() == 0; }));
-  EXPECT_TRUE(WaitUntil([&] { return Perform(MSG_PERFORM, {}, PerformBody("/bin/true")).has_value(); }));
+  WaitForChildren();
+  EXPECT_EQ(m_log.Count(6, "ChildSocketThread: closing the socket"), kRoundSize * kRounds);
+  EXPECT_TRUE(Perform(MSG_PERFORM, {}, PerformBody("/bin/true")));
   EXPECT_EQ(descriptors(), before);
 }
 
@@ -177,7 +181,7 @@ TEST_F(Listener, OthersAreServedWhileOneIsSilent) {
   Listen();
   platform::Socket silent;
   Connect(m_listener.Port(), silent);
-  ASSERT_TRUE(WaitUntil([&] { return m_listener.ChildCount() == 1; }));
+  ASSERT_TRUE(m_listener.WaitForChildCount(1, testing::kLongestWait));
   Caller caller;
   const ScheduleGuid id = NewId();
   Call(caller, id);

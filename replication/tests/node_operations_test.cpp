@@ -451,11 +451,11 @@ TEST_F(NodeOperations, APeerStartedAnewIsReachedByTheNextCall) {
   ASSERT_EQ(platform::Thread::Start(
                 "SocketThread", [&] { (void)second.SocketThread(0); }, thread),
             0u);
-  ASSERT_TRUE(testing::WaitUntil([&] { return second.Port() != 0; }));
+  ASSERT_TRUE(second.WaitForPort(testing::kLongestWait));
   m_operations.SetPort(second.Port());
   EXPECT_EQ(Run(Which::kDelete, {u"127.0.0.2", u"localhost"}), 0u);
   EXPECT_TRUE(m_log.Has(3, "ImportKey::Deleting older key to import new Key for node : 127.0.0.2\n"));
-  ASSERT_TRUE(testing::WaitUntil([&] { return second.ChildCount() == 0; }));
+  ASSERT_TRUE(second.WaitForChildCount(0, testing::kLongestWait));
   second.Close();
 }
 

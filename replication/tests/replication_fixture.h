@@ -6,9 +6,10 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <functional>
+#include <chrono>
+#include <optional>
 #include <string>
-#include <thread>
+#include <string_view>
 #include <vector>
 
 #include "platform/security.h"
@@ -34,14 +35,8 @@ inline CKeyManager& OwnKeys() {
   return *keys;
 }
 
-// Waits until something is so that other threads are bound to bring about; false after a minute.
-inline bool WaitUntil(const std::function<bool()>& isSo) {
-  for (int i = 0; i < 60000; ++i) {
-    if (isSo()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
-}
+// How long a test waits for what other threads are bound to bring about.
+inline constexpr std::chrono::minutes kLongestWait{1};
 
 class ReplicationFixture : public ServiceFixture {
  protected:
@@ -58,7 +53,7 @@ class ReplicationFixture : public ServiceFixture {
   void TearDown() override {
     m_listener.Close();
     m_thread.Join();
-    EXPECT_TRUE(WaitUntil([&] { return m_listener.ChildCount() == 0; })) << "a child is left";
+    EXPECT_TRUE(m_listener.WaitForChildCount(0, kLongestWait)) << "a child is left";
     platform::FreeSecurityPackage();
     for (const char* name : {"NTLM_USER_FILE", "KRB5_CONFIG", "KRB5CCNAME"}) unsetenv(name);
     ServiceFixture::TearDown();
@@ -70,10 +65,10 @@ class ReplicationFixture : public ServiceFixture {
     ASSERT_EQ(OwnKeys().ExportPublicKey(blob), 1);
     m_log.Clear();  // the first test of a process makes the pairs
     ASSERT_EQ(platform::Thread::Start("SocketThread", [this] { m_ended = m_listener.SocketThread(0); }, m_thread), 0u);
-    ASSERT_TRUE(WaitUntil([&] { return m_listener.Port() != 0; })) << "nobody listens";
+    ASSERT_TRUE(m_listener.WaitForPort(kLongestWait)) << "nobody listens";
   }
   // Waits until the children have ended, so that all their lines are in the log.
-  void WaitForChildren() { ASSERT_TRUE(WaitUntil([&] { return m_listener.ChildCount() == 0; })); }
+  void WaitForChildren() { ASSERT_TRUE(m_listener.WaitForChildCount(0, kLongestWait)); }
 
   static void Connect(std::uint16_t port, platform::Socket& socket) {
     std::vector<platform::SocketAddress> addresses;
