@@ -48,6 +48,14 @@ void AppendUtf8(std::string& out, char32_t c) {
 
 std::string Utf8(std::u16string_view text) {
   std::string out;
+  // A name is translated at each call on it, and nearly all of them are ASCII.
+  char16_t units = 0;
+  for (const char16_t unit : text) units |= unit;
+  if (units < 0x80) {
+    out.resize(text.size());
+    std::transform(text.begin(), text.end(), out.begin(), [](char16_t unit) { return static_cast<char>(unit); });
+    return out;
+  }
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
     char32_t c = text[i];
@@ -253,8 +261,8 @@ std::string StateDirectory() {
 }
 
 std::string NativePath(std::u16string_view clientPath) {
-  if (clientPath.find(u'\0') != std::u16string_view::npos) return {};
   std::string path = Utf8(clientPath);
+  if (path.find('\0') != std::string::npos) return {};
   std::replace(path.begin(), path.end(), '\\', '/');
   if (path.starts_with(kOwnDirectory)) return StateDirectory() + path;
   const char letter = path.empty() ? '\0' : static_cast<char>(path.front() | 0x20);
