@@ -30,6 +30,7 @@
 #include "platform/clock.h"
 #include "platform/testing/private_bus.h"
 #include "platform/text.h"
+#include "tests/program_words.h"
 #include "tests/test_paths.h"
 
 namespace qx::testing {
@@ -45,21 +46,13 @@ class Child {
  public:
   Child(const std::string& program, const std::vector<std::string>& arguments, const std::string& outputFile,
         const std::vector<std::string>& environment) {
-    std::vector<std::string> words = {program};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    std::vector<std::string> variables = environment;
-    std::vector<char*> envp;
-    for (std::string& variable : variables) envp.push_back(variable.data());
-    envp.push_back(nullptr);
+    const ProgramWords words(program, arguments, environment);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&actions, 1, outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    EXPECT_EQ(posix_spawn(&m_process, program.c_str(), &actions, nullptr, argv.data(), envp.data()), 0) << program;
+    EXPECT_EQ(posix_spawn(&m_process, program.c_str(), &actions, nullptr, words.Argv(), words.Envp()), 0) << program;
     posix_spawn_file_actions_destroy(&actions);
     m_descriptor = static_cast<int>(syscall(SYS_pidfd_open, m_process, 0));
   }

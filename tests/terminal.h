@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/program_words.h"
 #include "tests/running_service.h"
 
 namespace qx::testing {
@@ -25,21 +26,13 @@ class Terminal {
 
   Terminal(const std::string& program, const std::vector<std::string>& arguments,
            const std::vector<std::string>& environment, unsigned short columns = 80) {
-    std::vector<std::string> words = {program};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    std::vector<std::string> variables = environment;
-    std::vector<char*> envp;
-    for (std::string& variable : variables) envp.push_back(variable.data());
-    envp.push_back(nullptr);
+    const ProgramWords words(program, arguments, environment);
     winsize size = {};
     size.ws_row = 24;
     size.ws_col = columns;
     m_process = forkpty(&m_terminal, nullptr, nullptr, &size);
     if (m_process == 0) {
-      execve(argv[0], argv.data(), envp.data());
+      execve(program.c_str(), words.Argv(), words.Envp());
       _exit(127);
     }
     EXPECT_GT(m_process, 0);

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "common/tests/schedule_fixture.h"
+#include "common/tests/told_loops.h"
 #include "foundation/testing/captured_trace.h"
 
 namespace qx::testing {
@@ -74,47 +75,12 @@ TEST(DayOfWeek, ReadsOutOfRangeTextsAsFirstSunday) {
   }
 }
 
-// The walk through a month as it is told, step by step: the plain reference for the search by masks.
-bool WalkMonth(const CDayOfWeek& rule, const CDate& date, CDate& out) {
-  const auto bit = [&rule](int week, int weekday) { return week < 5 && (rule.Words()[week] >> weekday & 1u) != 0; };
-  out.SetDate(date.GetYear(), date.GetMonth(), date.GetDay());
-  int d = date.GetDay();
-  const int n = date.GetDaysInMonth();
-  int w = date.GetDayOfWeek();
-  const int f = date.GetMonthStartDay();
-  int k = (d - 1) / 7;
-  const auto goOn = [&] {
-    w = w == 6 ? 0 : w + 1;
-    if (w == f) ++k;
-    ++d;
-  };
-  while (d < n - 6) {
-    if (bit(k, w)) {
-      out.SetDay(d);
-      return true;
-    }
-    goOn();
-  }
-  while (d <= n) {
-    if (bit(k, w) || bit(4, w)) {
-      out.SetDay(d);
-      return true;
-    }
-    goOn();
-  }
-  return false;
-}
-
+// The plain reference for the search by masks: a walk day by day.
 std::string WalkedNext(const CDayOfWeek& rule, const CDate& from) {
-  CDate out(ZepFoundation::QTM_FIXED);
-  if (!WalkMonth(rule, from, out)) {
-    CDate next = from;
-    next.IncrementMonth(1);
-    next.SetDay(1);
-    (void)WalkMonth(rule, next, out);
-  }
+  ToldLoops walk;
+  walk.m_DayOfWeekList = rule.Words();
   char text[40];
-  out.Print(text);
+  walk.GetNextDate(from).Print(text);
   return text;
 }
 

@@ -304,13 +304,15 @@ bool ToldLoops::FindInMonth(const CDate& date, CDate& out) const {
     if (w == f) ++k;
     ++d;
   };
+  // From a date that isn't one the walk may pass the fifth week.
+  const auto named = [&](int week) { return week < 5 && Bit(m_DayOfWeekList[static_cast<std::size_t>(week)], w); };
   bool found = false;
   while (!found && d < n - 6) {
-    found = Bit(m_DayOfWeekList[k], w);
+    found = named(k);
     if (!found) goOn();
   }
   while (!found && d <= n) {
-    found = Bit(m_DayOfWeekList[k], w) || Bit(m_DayOfWeekList[4], w);
+    found = named(k) || named(4);
     if (!found) goOn();
   }
   if (found) out.SetDay(d);

@@ -16,11 +16,11 @@ namespace {
 struct InstalledPlan {
   bool anyOperation = false;
   Operation operation = Operation::kCount;
-  std::string detail;
+  std::string detail{};
   int n = 0;  // 0 fails nothing
   ErrorCode code = ERROR_SUCCESS;
   FaultMode mode = kOnce;
-  FaultPlan::Answer answer;
+  FaultPlan::Answer answer{};
   int calls = 0;
   int hits = 0;
 };
@@ -60,39 +60,21 @@ ErrorCode detail::AskFaultPlan(Operation operation, std::string_view detailText)
   return g_plan.code;
 }
 
+FaultPlan::FaultPlan() : m_installed(true) {}
+
 FaultPlan FaultPlan::FailCall(Operation operation, int n, ErrorCode code, FaultMode mode, std::string_view detailText) {
-  InstalledPlan installed;
-  installed.operation = operation;
-  installed.detail = detailText;
-  installed.n = n;
-  installed.code = code;
-  installed.mode = mode;
-  Install(std::move(installed));
-  FaultPlan plan;
-  plan.m_installed = true;
-  return plan;
+  Install({.operation = operation, .detail = std::string(detailText), .n = n, .code = code, .mode = mode});
+  return {};
 }
 
 FaultPlan FaultPlan::FailAnyCall(int n, ErrorCode code, FaultMode mode) {
-  InstalledPlan installed;
-  installed.anyOperation = true;
-  installed.n = n;
-  installed.code = code;
-  installed.mode = mode;
-  Install(std::move(installed));
-  FaultPlan plan;
-  plan.m_installed = true;
-  return plan;
+  Install({.anyOperation = true, .n = n, .code = code, .mode = mode});
+  return {};
 }
 
 FaultPlan FaultPlan::Ask(Answer answer) {
-  InstalledPlan installed;
-  installed.anyOperation = true;
-  installed.answer = std::move(answer);
-  Install(std::move(installed));
-  FaultPlan plan;
-  plan.m_installed = true;
-  return plan;
+  Install({.anyOperation = true, .answer = std::move(answer)});
+  return {};
 }
 
 FaultPlan FaultPlan::CountOnly() { return FailAnyCall(0, ERROR_SUCCESS); }

@@ -45,8 +45,8 @@ class FaultPlan {
   [[nodiscard]] int calls() const;
 
  private:
-  FaultPlan() = default;
-  bool m_installed = false;
+  FaultPlan();
+  bool m_installed;
   int m_hits = 0;
   int m_calls = 0;
 };
