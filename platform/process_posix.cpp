@@ -1,6 +1,7 @@
 #include "platform/process.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -151,6 +152,7 @@ class Reaper {
   }
 
   void Body() {
+    (void)pthread_setname_np(pthread_self(), "reaper");  // in place of its starter's, which ends before it
     MutexLock lock(m_mutex);
     while (true) {
       while (m_living.empty()) m_changed.Wait(lock);

@@ -26,6 +26,7 @@
 namespace platform {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -260,6 +261,17 @@ TEST_F(ProcessTest, NeverHandsAFileWithoutAMarkToAShellThatItFindsOnThePath) {
   const ScopedVariable path("PATH", m_directory + ":" + std::getenv("PATH"));
   EXPECT_EQ(Start("qx-unmarked"), ERROR_BAD_EXE_FORMAT);
   EXPECT_FALSE(std::filesystem::exists(Path("out")));
+}
+
+TEST_F(ProcessTest, IsReapedByAThreadOfANameOfItsOwn) {
+  std::thread([] { Run("true"); }).join();
+  std::vector<std::string> names;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string name;
+    std::ifstream file(task.path() / "comm");
+    if (std::getline(file, name)) names.push_back(name);
+  }
+  EXPECT_THAT(names, Contains("reaper"));
 }
 
 TEST_F(ProcessTest, LeavesNoZombieAndNoDescriptorAfterManyLaunches) {
