@@ -3,7 +3,9 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
+#include <string>
 #include <thread>
 
 #include "platform/testing/judges_memory.h"
@@ -28,11 +30,20 @@ std::ptrdiff_t Threads() {
   return EntriesOf("/proc/self/task");
 }
 
-// Waits until only so many threads are left, a minute at most. A poll: no call tells that the kernel has taken the last
-// of a thread that nobody joins.
-bool WaitForThreads(std::ptrdiff_t count) {
-  for (int i = 0; i < 60000 && Threads() != count; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  return Threads() == count;
+// The children's among them, by the first 15 bytes of their name.
+std::ptrdiff_t ChildThreads() {
+  std::ptrdiff_t count = 0;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string name;
+    if (std::ifstream file(task.path() / "comm"); std::getline(file, name)) count += name == "ChildSocketThre";
+  }
+  return count;
+}
+// Waits until no child's is left, a minute at most. A poll: no call tells that the kernel has taken the last of a thread
+// that nobody joins.
+bool WaitForChildThreads() {
+  for (int i = 0; i < 60000 && ChildThreads() != 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return ChildThreads() == 0;
 }
 
 class HostileClients : public testing::ReplicationFixture {
@@ -41,6 +52,7 @@ class HostileClients : public testing::ReplicationFixture {
     ReplicationFixture::SetUp();
     Listen();
     ASSERT_TRUE(Perform(MSG_PERFORM, {}, PerformBody("/bin/true")));  // the reaper and the libraries are there
+    ASSERT_TRUE(WaitForChildThreads());
   }
 };
 
@@ -56,6 +68,7 @@ TEST_F(HostileClients, ThirtyTwoOfThousandsAreHeldAndNothingIsLeftOfTheOthers) {
       ASSERT_TRUE(crowd.WaitForClosed(kCrowd - kMaxChildren));
       EXPECT_EQ(m_listener.ChildCount(), kMaxChildren);
       EXPECT_GE(m_log.Count(1, "SocketThread: Crossed maximum limit of child threads"), kCrowd - kMaxChildren);
+      EXPECT_EQ(ChildThreads(), kMaxChildren);
       EXPECT_EQ(Threads(), threads + kMaxChildren);
       // Nobody else is served meanwhile, and every caller hears so at once.
       platform::Socket another;
@@ -65,7 +78,8 @@ TEST_F(HostileClients, ThirtyTwoOfThousandsAreHeldAndNothingIsLeftOfTheOthers) {
     }
     WaitForChildren();
     EXPECT_TRUE(Perform(MSG_PERFORM, {}, PerformBody("/bin/true"))) << wave;
-    EXPECT_TRUE(WaitForThreads(threads)) << Threads() << " threads, before " << threads;
+    EXPECT_TRUE(WaitForChildThreads());
+    EXPECT_EQ(Threads(), threads);
     EXPECT_EQ(Descriptors(), descriptors);
     m_log.Clear();
     const std::size_t now = mallinfo2().uordblks;
