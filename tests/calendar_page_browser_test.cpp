@@ -11,6 +11,7 @@
 
 #include "client/calendar_page.h"
 #include "client/tests/calendar_samples.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/testing/virtual_clock.h"
 #include "tests/headless_browser.h"
 
@@ -152,14 +153,10 @@ class PageInABrowser : public testing::Test {
       GTEST_SKIP() << HeadlessBrowser::kProgram
                    << " isn't there (Debian package chromium): NOBODY HAS LOOKED AT THE CALENDAR'S PAGE";
     }
-    std::string pattern = (std::filesystem::temp_directory_path() / "qx-page-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
     m_browser.emplace();
   }
   void TearDown() override {
     m_browser.reset();
-    if (!m_directory.empty()) std::filesystem::remove_all(m_directory);
   }
 
   void LoadText(const std::string& text) {
@@ -170,7 +167,8 @@ class PageInABrowser : public testing::Test {
   }
   json Ask(const std::string& expression) { return m_browser->Evaluate("qx." + expression); }
 
-  std::string m_directory;
+  const platform::TemporaryFolder m_temporary{"qx-page"};
+  const std::string m_directory = m_temporary.Path();
   std::optional<HeadlessBrowser> m_browser;
 };
 

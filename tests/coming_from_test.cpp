@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "platform/clock.h"
+#include "platform/testing/temporary_folder.h"
 #include "tests/document.h"
 #include "tests/fake_time.h"
 #include "tests/running_service.h"
@@ -92,12 +93,6 @@ bool NamesDay(const CronLine& line, std::int64_t day) {
 
 class ComingFrom : public ::testing::Test {
  protected:
-  ComingFrom() {
-    std::string pattern = (fs::temp_directory_path() / "qx-coming-XXXXXX").string();
-    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
-  }
-  ~ComingFrom() override { fs::remove_all(m_directory); }
 
   std::string Output(const std::string& program, const std::vector<std::string>& words, int expected = 0) {
     const std::string file = m_directory + "/output";
@@ -189,7 +184,8 @@ class ComingFrom : public ::testing::Test {
     return pairs;
   }
 
-  std::string m_directory;
+  const platform::TemporaryFolder m_temporary{"qx-coming"};
+  const std::string m_directory = m_temporary.Path();
 };
 
 TEST_F(ComingFrom, CronsLinesComeAtTheSameTimes) {

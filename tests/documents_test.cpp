@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <set>
 
+#include "platform/testing/temporary_folder.h"
 #include "tests/document.h"
 #include "tests/fake_time.h"
 #include "tests/running_service.h"
@@ -52,17 +53,10 @@ struct Ran {
 class Shell {
  public:
   Shell() {
-    std::string pattern = (fs::temp_directory_path() / "qx-document-XXXXXX").string();
-    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
     fs::create_directory(m_directory + "/work");
   }
   Shell(const Shell&) = delete;
   Shell& operator=(const Shell&) = delete;
-  ~Shell() {
-    std::error_code ignored;
-    fs::remove_all(m_directory, ignored);
-  }
 
   // Commands in their order; the results follow Run(). Each sees the exit code of the one before.
   void Add(const std::string& commands) { Put("(exit \"${last:-0}\")\n", commands); }
@@ -138,7 +132,8 @@ class Shell {
     return Replaced(Replaced(text, m_directory + "/work/state", "/var/lib/qxsvc"), m_directory + "/work", kHome);
   }
 
-  std::string m_directory;
+  const platform::TemporaryFolder m_temporary{"qx-document"};
+  const std::string m_directory = m_temporary.Path();
   std::string m_script;
   std::size_t m_count = 0;
   bool m_journal = false;

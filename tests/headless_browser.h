@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace qx::testing {
 
@@ -38,9 +39,6 @@ class HeadlessBrowser {
   [[nodiscard]] static bool IsInstalled() { return access(kProgram, X_OK) == 0; }
 
   HeadlessBrowser() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qx-browser-XXXXXX").string();
-    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
     (void)signal(SIGPIPE, SIG_IGN);  // a browser that died is told by its missing answer
     Start();
     const json target = Call("Target.createTarget", {{"url", "about:blank"}});
@@ -61,8 +59,6 @@ class HeadlessBrowser {
     if (poll(&ended, 1, 20000) != 1) (void)syscall(SYS_pidfd_send_signal, m_descriptor, SIGKILL, nullptr, 0);
     (void)waitpid(m_process, nullptr, 0);
     close(m_descriptor);
-    std::error_code ignored;
-    std::filesystem::remove_all(m_directory, ignored);
   }
 
   // Calls a method of the protocol; its result, an empty object after a failure, which fails the test.
@@ -269,7 +265,8 @@ class HeadlessBrowser {
     return bytes;
   }
 
-  std::string m_directory;
+  const platform::TemporaryFolder m_temporary{"qx-browser"};
+  const std::string m_directory = m_temporary.Path();
   pid_t m_process = -1;
   int m_descriptor = -1;
   int m_to = -1;

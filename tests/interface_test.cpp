@@ -11,6 +11,7 @@
 #include "foundation/include/zfclog.h"
 #include "platform/file.h"
 #include "platform/registry.h"
+#include "platform/testing/temporary_folder.h"
 #include "service/job_list.h"
 #include "service/populate.h"
 #include "service/schedule_store.h"
@@ -47,9 +48,6 @@ class Host {
 class InProcess : public Host {
  public:
   InProcess() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qx-interface-XXXXXX").string();
-    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-    m_folder = pattern;
     platform::SetStateDirectory(m_folder);
     EXPECT_EQ(platform::OpenRegistryStore(m_folder + "/registry.db"), 0u);
     for (const auto path : {qx::kVolumeManagerKey, qx::kProviderKey, qx::kSchedulesKey}) {
@@ -64,7 +62,6 @@ class InProcess : public Host {
     g_SchedulerEvents = {};
     (void)platform::CloseRegistryStore();
     platform::SetStateDirectory({});
-    std::filesystem::remove_all(m_folder);
     ZepFoundation::SetServiceLogWriter(m_writerBefore);
   }
   ISchedulerService& Service() override { return m_service; }
@@ -74,7 +71,8 @@ class InProcess : public Host {
   [[nodiscard]] std::string Jobs() const override { return m_folder; }
 
  private:
-  std::string m_folder;
+  const platform::TemporaryFolder m_temporary{"qx-interface"};
+  const std::string m_folder = m_temporary.Path();
   ZepFoundation::ServiceLogWriter* m_writerBefore =
       ZepFoundation::SetServiceLogWriter(ZepFoundation::NullServiceLogWriter());
   CSchedulerService m_service;

@@ -29,6 +29,7 @@
 #include "platform/bus.h"
 #include "platform/clock.h"
 #include "platform/testing/private_bus.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 #include "tests/program_words.h"
 #include "tests/test_paths.h"
@@ -117,18 +118,12 @@ class RunningService {
  public:
   //   busConfiguration  a file of the bus daemon's; empty: that of a session bus
   explicit RunningService(const std::string& busConfiguration = {}) : m_bus(busConfiguration) {
-    const char* const temporary = std::getenv("TMPDIR");
-    std::string pattern = std::string(temporary != nullptr ? temporary : "/tmp") + "/qx-service-XXXXXX";
-    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
     std::filesystem::create_directory(Jobs());
   }
   RunningService(const RunningService&) = delete;
   RunningService& operator=(const RunningService&) = delete;
   ~RunningService() {
     m_service.reset();
-    std::error_code ignored;
-    std::filesystem::remove_all(m_directory, ignored);
   }
 
   // The directory of all that follows; the state directory, and one for the files of jobs.
@@ -286,7 +281,8 @@ class RunningService {
     return arguments;
   }
 
-  std::string m_directory;
+  const platform::TemporaryFolder m_temporary{"qx-service"};
+  const std::string m_directory = m_temporary.Path();
   std::string m_programs;
   std::vector<std::string> m_variables;
   std::vector<std::string> m_launcher;

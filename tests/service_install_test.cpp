@@ -10,6 +10,7 @@
 #include "common/service_install.h"
 #include "platform/file.h"
 #include "platform/registry.h"
+#include "platform/testing/temporary_folder.h"
 #include "tests/running_service.h"
 
 namespace qx::testing {
@@ -255,10 +256,10 @@ TEST_F(VerifiedUnit, IsTakenWithTheStrictProfileToo) {
 // --- the start on demand, by a bus daemon that reads the installed file ---
 
 TEST(BusActivation, TheFirstCallStartsTheServiceAndItEndsWithItsLastClient) {
-  std::string pattern = ::testing::TempDir() + "qx-activation-XXXXXX";
-  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-  const std::string host = pattern + "/host";
-  std::ofstream(pattern + "/bus.conf")
+  const platform::TemporaryFolder temporary("qx-activation");
+  const std::string& folder = temporary.Path();
+  const std::string host = folder + "/host";
+  std::ofstream(folder + "/bus.conf")
       << "<busconfig>\n  <type>session</type>\n  <listen>unix:tmpdir=/tmp</listen>\n  <servicedir>" << host
       << "/usr/share/dbus-1/system-services</servicedir>\n  <policy context=\"default\">\n"
          "    <allow send_destination=\"*\"/>\n    <allow receive_sender=\"*\"/>\n    <allow own=\"*\"/>\n"
@@ -266,7 +267,7 @@ TEST(BusActivation, TheFirstCallStartsTheServiceAndItEndsWithItsLastClient) {
   // Registered first: the daemon looks for the files when it starts.
   fs::create_directories(host + "/usr/share/dbus-1/system-services");
   {
-    RunningService service(pattern + "/bus.conf");
+    RunningService service(folder + "/bus.conf");
     ASSERT_FALSE(service.Bus().Address().empty());
     ASSERT_EQ(service.Run({"-RegServer", "--destdir", host}), 0) << service.Output();
     // The installed file names the system bus: here that is this one.
@@ -324,7 +325,6 @@ TEST(BusActivation, TheFirstCallStartsTheServiceAndItEndsWithItsLastClient) {
     EXPECT_EQ(poll(&over, 1, static_cast<int>(kPatience)), 1);
     close(second);
   }
-  fs::remove_all(pattern);
 }
 
 // --- the policy, on a bus daemon that allows nothing else ---
@@ -383,17 +383,17 @@ TEST(BusPolicy, LetsRootAndTheGroupCallAndNobodyElse) {
   ASSERT_NE(members, nullptr);
   const uid_t user = nobody->pw_uid;
   const gid_t own = nobody->pw_gid;
-  std::string pattern = ::testing::TempDir() + "qx-policy-XXXXXX";
-  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-  fs::permissions(pattern, fs::perms(0755));
+  const platform::TemporaryFolder temporary("qx-policy");
+  const std::string& folder = temporary.Path();
+  fs::permissions(folder, fs::perms(0755));
   platform::ServerInstallation installation = qx::Installation("/", "/usr/bin/QxSchedService", "/var/lib/qxsvc", true);
   installation.group = "daemon";
   for (const platform::InstalledFile& file : platform::FilesOf(installation)) {
-    if (file.name.find("/system.d/") != std::string::npos) std::ofstream(pattern + "/policy.conf") << file.contents;
+    if (file.name.find("/system.d/") != std::string::npos) std::ofstream(folder + "/policy.conf") << file.contents;
   }
-  std::ofstream(pattern + "/bus.conf") << kBusHead << "  <include>" << pattern << "/policy.conf</include>\n</busconfig>\n";
+  std::ofstream(folder + "/bus.conf") << kBusHead << "  <include>" << folder << "/policy.conf</include>\n</busconfig>\n";
   {
-    RunningService service(pattern + "/bus.conf");
+    RunningService service(folder + "/bus.conf");
     ASSERT_FALSE(service.Bus().Address().empty());
     const std::string socket = service.Bus().Address().substr(std::string("unix:path=").size());
     fs::permissions(fs::path(socket).parent_path(), fs::perms(0755));
@@ -413,7 +413,6 @@ TEST(BusPolicy, LetsRootAndTheGroupCallAndNobodyElse) {
     call.AppendString(std::string(std::size_t{60} << 20, 'x'));
     EXPECT_EQ(connection.Call(std::move(call), reply, error), ERROR_SUCCESS) << error.text;
   }
-  fs::remove_all(pattern);
 }
 
 }  // namespace

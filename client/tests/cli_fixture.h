@@ -14,6 +14,7 @@
 #include "client/cli_app.h"
 #include "foundation/include/zfclog.h"
 #include "platform/file.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/testing/virtual_clock.h"
 
 class CliTest : public testing::Test {
@@ -24,12 +25,7 @@ class CliTest : public testing::Test {
     std::string err;
   };
 
-  CliTest() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qxsched-XXXXXX").string();
-    m_directory = ::mkdtemp(pattern.data());
-  }
   ~CliTest() override {
-    std::filesystem::remove_all(m_directory);
     ZepFoundation::SetServiceLogWriter(m_writerBefore);
     platform::SetStateDirectory(m_stateBefore);
   }
@@ -53,7 +49,8 @@ class CliTest : public testing::Test {
 
   platform::ScopedZone m_zone{"CET-1CEST,M3.5.0,M10.5.0/3"};
   platform::VirtualClock m_clock{1796040000};  // Monday 2026-11-30 13:00:00 +0100
-  std::string m_directory;
+  const platform::TemporaryFolder m_temporary{"qxsched"};
+  const std::string m_directory = m_temporary.Path();
 
  private:
   std::string m_stateBefore = platform::StateDirectory();

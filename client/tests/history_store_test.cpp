@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace {
 
@@ -21,11 +22,8 @@ constexpr const char* kId = "{AB120000-0000-4001-8000-000000000000}";
 class History : public testing::Test {
  protected:
   History() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qx-history-XXXXXX").string();
-    m_directory = ::mkdtemp(pattern.data());
     m_name = m_directory + "/history.db";
   }
-  ~History() override { std::filesystem::remove_all(m_directory); }
 
   static HistoryEntry Launch(std::int64_t at, const std::string& id = kId) {
     return {at, HistoryKind::kLaunch, id, "daily", at, at + 86400, ""};
@@ -39,7 +37,8 @@ class History : public testing::Test {
     return entries;
   }
 
-  std::string m_directory;
+  const platform::TemporaryFolder m_temporary{"qx-history"};
+  const std::string m_directory = m_temporary.Path();
   std::string m_name;
   std::string m_aside;
 };

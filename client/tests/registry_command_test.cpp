@@ -13,6 +13,7 @@
 
 #include "platform/registry.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace client {
 namespace {
@@ -25,14 +26,10 @@ using ::testing::StartsWith;
 class RegCommand : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string name = (std::filesystem::temp_directory_path() / "qxcmdXXXXXX").string();
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    m_folder = name;
     ASSERT_EQ(platform::OpenRegistryStore(m_folder / "registry.db"), 0u);
   }
   void TearDown() override {
     EXPECT_EQ(platform::CloseRegistryStore(), 0u);
-    std::filesystem::remove_all(m_folder);
   }
 
   int List(std::string_view key, bool asJson = true) {
@@ -65,7 +62,8 @@ class RegCommand : public ::testing::Test {
     ASSERT_EQ(key.Close(), 0u);
   }
 
-  std::filesystem::path m_folder;
+  const platform::TemporaryFolder m_temporary{"qxcmd"};
+  const std::filesystem::path m_folder = m_temporary.Path();
   std::ostringstream m_out;
   std::ostringstream m_err;
 };

@@ -18,6 +18,7 @@
 #include "foundation/testing/captured_log.h"
 #include "platform/profile.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 #include "tests/test_paths.h"
 
@@ -68,9 +69,6 @@ class FailingSchedule final : public CSchedule {
 class Adapter : public testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = testing::TempDir() + "adapter_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
     m_file = m_directory + "/{1}.ini";
     m_adapter.m_IniFilePath = ZepFoundation::wcstring(platform::WideFromUtf8(m_file));
     zepISchedule2* schedule = nullptr;
@@ -79,7 +77,6 @@ class Adapter : public testing::Test {
   }
   void TearDown() override {
     m_adapter.m_pSchedule->Release();
-    std::filesystem::remove_all(m_directory);
   }
 
   zepISchedule& Schedule() { return *m_adapter.m_pSchedule; }
@@ -132,7 +129,8 @@ class Adapter : public testing::Test {
   platform::VirtualClock m_clock{1718449200};  // Saturday, 15 June 2024, 11:00
   platform::ScopedZone m_zone{"UTC0"};
   ZepFoundation::CapturedServiceLog m_log;
-  std::string m_directory;
+  const platform::TemporaryFolder m_temporary{"adapter"};
+  const std::string m_directory = m_temporary.Path();
   std::string m_file;
   CZEPScheduleObj m_adapter;
 };

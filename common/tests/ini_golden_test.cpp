@@ -8,6 +8,7 @@
 
 #include "common/ini_property_bag.h"
 #include "platform/profile.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 #include "tests/test_paths.h"
 
@@ -67,13 +68,8 @@ void SaveAll(const std::u16string& path) {
 
 class golden_ini : public testing::TestWithParam<bool> {
  protected:
-  void SetUp() override {
-    std::string pattern = testing::TempDir() + "ini_golden_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(m_directory); }
-  std::string m_directory;
+  const platform::TemporaryFolder m_temporary{"ini_golden"};
+  const std::string m_directory = m_temporary.Path();
 };
 
 TEST_P(golden_ini, IsWrittenByteByByteAsTheFormatSays) {

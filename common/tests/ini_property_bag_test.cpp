@@ -13,6 +13,7 @@
 
 #include "platform/profile.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 
 namespace {
@@ -26,16 +27,12 @@ const char16_t kList[] = u"m_DayOfWeekList";
 class IniFileBag : public testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = testing::TempDir() + "ini_bag_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
     m_file = m_directory + "/{1}.ini";
     m_path = platform::WideFromUtf8(m_file);
     m_bag.SetFileName(m_path.c_str());
   }
   void TearDown() override {
     EXPECT_EQ(platform::SetSystemCodePage(platform::kCodePageUtf8), platform::ERROR_SUCCESS);
-    std::filesystem::remove_all(m_directory);
   }
 
   void Put(const std::string& bytes) const { std::ofstream(m_file, std::ios::binary | std::ios::trunc) << bytes; }
@@ -97,7 +94,8 @@ class IniFileBag : public testing::Test {
     return {elements.begin(), elements.end()};
   }
 
-  std::string m_directory;
+  const platform::TemporaryFolder m_temporary{"ini_bag"};
+  const std::string m_directory = m_temporary.Path();
   std::string m_file;
   std::u16string m_path;
   CIniFilePropertyBag m_bag;

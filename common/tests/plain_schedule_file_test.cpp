@@ -15,6 +15,7 @@
 #include "common/schedule_adapter.h"
 #include "common/zep_factory.h"
 #include "foundation/testing/captured_log.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/testing/virtual_clock.h"
 #include "platform/text.h"
 
@@ -84,12 +85,8 @@ std::string Contents(zepISchedule& schedule) {
 class PlainScheduleFile : public testing::Test {
  protected:
   void SetUp() override {
-    std::string name = testing::TempDir() + "plain_XXXXXX";
-    ASSERT_NE(mkdtemp(name.data()), nullptr);
-    m_folder = name;
     m_file = m_folder + "/s.ini";
   }
-  void TearDown() override { std::filesystem::remove_all(m_folder); }
 
   CZEPScheduleObj NewAdapter() const {
     zepISchedule2* schedule = nullptr;
@@ -144,7 +141,8 @@ class PlainScheduleFile : public testing::Test {
   ZepFoundation::CapturedServiceLog m_log;
   platform::VirtualClock m_clock{kNow};
   platform::ScopedZone m_zone{"EST5EDT,M3.2.0,M11.1.0"};
-  std::string m_folder;
+  const platform::TemporaryFolder m_temporary{"plain"};
+  const std::string m_folder = m_temporary.Path();
   std::string m_file;
 };
 

@@ -11,6 +11,7 @@
 #include "common/schedule_adapter.h"
 #include "common/zep_factory.h"
 #include "foundation/include/zfclog.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/testing/virtual_clock.h"
 #include "platform/text.h"
 
@@ -105,8 +106,8 @@ class Holder {
 
 TEST(Reload, ChangesNoWindowOfAnySchedule) {
   ZepFoundation::ServiceLogWriter* const before = ZepFoundation::SetServiceLogWriter(ZepFoundation::NullServiceLogWriter());
-  std::string directory = testing::TempDir() + "reload_XXXXXX";
-  ASSERT_NE(mkdtemp(directory.data()), nullptr);
+  const platform::TemporaryFolder folder("reload");
+  const std::string& directory = folder.Path();
   const std::u16string path = platform::WideFromUtf8(directory + "/r.ini");
   EXPECT_TRUE(rc::check("the next windows and the record are the same before a save and after a load", [&] {
     const platform::ScopedZone zone(kZones[*rc::gen::inRange<std::size_t>(0, std::size(kZones))]);
@@ -124,7 +125,6 @@ TEST(Reload, ChangesNoWindowOfAnySchedule) {
     RC_ASSERT(loaded->LoadScheduleFromFile() == 0u);
     RC_ASSERT(Look(*loaded, reference) == expected);
   }));
-  std::filesystem::remove_all(directory);
   ZepFoundation::SetServiceLogWriter(before);
 }
 

@@ -11,6 +11,7 @@
 #include "foundation/include/zfctext.h"
 #include "foundation/testing/captured_trace.h"
 #include "platform/registry.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 
 namespace qx::testing {
@@ -674,8 +675,8 @@ TEST_F(ScheduleObject, PreparesItsEnvironment) {
 
 // Each line of a trace file names the operation's own place, not that of the helper that refuses.
 TEST_F(ScheduleObject, TracesARefusalWithTheLineOfTheOperation) {
-  std::string directory = ::testing::TempDir() + "refusals_XXXXXX";
-  ASSERT_NE(mkdtemp(directory.data()), nullptr);
+  const platform::TemporaryFolder folder("refusals");
+  const std::string& directory = folder.Path();
   ASSERT_EQ(platform::OpenRegistryStore(directory + "/registry.db"), 0u);
   platform::RegistryKey key;
   ASSERT_EQ(CreateKey(platform::Hive::kLocalMachine, u"Software\\brelmont\\debugstream\\debugstream",
@@ -703,7 +704,6 @@ TEST_F(ScheduleObject, TracesARefusalWithTheLineOfTheOperation) {
   }
   ASSERT_EQ(places.size(), 4u);
   EXPECT_EQ(std::set<std::string>(places.begin(), places.end()).size(), 4u);
-  std::filesystem::remove_all(directory);
 }
 
 TEST_F(ScheduleObject, TracesADateThatIsCleared) {

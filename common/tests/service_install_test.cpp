@@ -12,6 +12,7 @@
 #include "platform/service_record.h"
 #include "platform/terminal.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace qx {
 namespace {
@@ -45,16 +46,12 @@ TEST(ServiceInstall, WithoutADestinationItIsTheCallersOwn) {
 class ServiceAccountConfiguration : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = ::testing::TempDir() + "qx-account-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    m_folder = pattern;
     platform::SetStateDirectory(m_folder);
     ASSERT_EQ(platform::OpenRegistryStore(m_folder + "/registry.db"), ERROR_SUCCESS);
   }
   void TearDown() override {
     (void)platform::CloseRegistryStore();
     platform::SetStateDirectory({});
-    fs::remove_all(m_folder);
   }
   static std::u16string Account() {
     std::u16string account;
@@ -68,7 +65,8 @@ class ServiceAccountConfiguration : public ::testing::Test {
   platform::ErrorCode Configure(std::string_view account) {
     return ConfigureServiceAccount(account, m_folder + "/host", m_problem);
   }
-  std::string m_folder;
+  const platform::TemporaryFolder m_temporary{"qx-account"};
+  const std::string m_folder = m_temporary.Path();
   std::string m_problem;
 };
 

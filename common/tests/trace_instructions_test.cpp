@@ -10,6 +10,7 @@
 #include <map>
 #include <string>
 
+#include "platform/testing/temporary_folder.h"
 #include "tests/test_paths.h"
 
 namespace {
@@ -30,9 +31,8 @@ struct Counted {
 const Counted& TheRun() {
   static const Counted counted = [] {
     Counted result;
-    std::string pattern = (fs::temp_directory_path() / "qxtraceXXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) return result;
-    const fs::path folder = pattern;
+    const platform::TemporaryFolder temporary("qxtrace");
+    const fs::path folder = temporary.Path();
     std::string command = std::string(QX_VALGRIND) + " --tool=callgrind";
     for (const std::string stretch : kStretches) command += " --zero-before=" + stretch + " --dump-after=" + stretch;
     command += " --callgrind-out-file=" + (folder / "counts").string() + " " + test_paths::Programs() +
@@ -50,7 +50,6 @@ const Counted& TheRun() {
         if (line.starts_with("summary: ") && !stretch.empty()) result.instructions[stretch] = std::stoll(line.substr(9));
       }
     }
-    fs::remove_all(folder);
     return result;
   }();
   return counted;

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "platform/registry.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 
 namespace ZepFoundation {
@@ -17,13 +18,10 @@ namespace ZepFoundation {
 class WithRegistryStore : public testing::Test {
  protected:
   WithRegistryStore() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qxfoundXXXXXX").string();
-    m_root = mkdtemp(pattern.data());
     EXPECT_EQ(platform::OpenRegistryStore((m_root / "registry.db").string()), 0u);
   }
   ~WithRegistryStore() override {
     if (platform::IsRegistryStoreOpen()) platform::CloseRegistryStore();
-    std::filesystem::remove_all(m_root);
   }
   void Reopen() {
     ASSERT_EQ(platform::CloseRegistryStore(), 0u);
@@ -39,7 +37,8 @@ class WithRegistryStore : public testing::Test {
     return text.str();
   }
 
-  std::filesystem::path m_root;
+  const platform::TemporaryFolder m_temporary{"qxfound"};
+  const std::filesystem::path m_root = m_temporary.Path();
 };
 
 }  // namespace ZepFoundation

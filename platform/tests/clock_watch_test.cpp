@@ -13,6 +13,7 @@
 
 #include "platform/clock.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace platform {
 namespace {
@@ -20,15 +21,11 @@ namespace {
 class ClockWatchTest : public testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = testing::TempDir() + "qx-watch-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    directory = pattern;
     std::filesystem::create_directory(directory + "/zones");
     Write("zones/first", "1");
     Write("zones/second", "2");
     std::filesystem::create_symlink("zones/first", Link());
   }
-  void TearDown() override { std::filesystem::remove_all(directory); }
 
   std::string Link() const { return directory + "/localtime"; }
   void Write(const std::string& name, const std::string& text) const {
@@ -47,7 +44,8 @@ class ClockWatchTest : public testing::Test {
     EXPECT_EQ(Next(watch).message, ClockNotice::kGuard);
   }
 
-  std::string directory;
+  const TemporaryFolder m_temporary{"qx-watch"};
+  const std::string directory = m_temporary.Path();
 };
 
 TEST_F(ClockWatchTest, HandsNoticesToTheRegisteredProcedure) {

@@ -14,6 +14,7 @@
 #include "platform/file.h"
 #include "platform/profile.h"
 #include "platform/registry.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 
 namespace platform {
@@ -27,12 +28,6 @@ using Survives = CrashDisk::Survives;
 
 class CrashDiskTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qxdisk_XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    m_folder = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(m_folder); }
 
   std::string Name(const char* file) const { return m_folder + "/" + file; }
   void Write(const char* file, const std::string& text) const { std::ofstream(Name(file), std::ios::binary) << text; }
@@ -43,7 +38,8 @@ class CrashDiskTest : public ::testing::Test {
   }
   void SyncFolder() const { EXPECT_EQ(SyncDirectory(m_folder), ERROR_SUCCESS); }
 
-  std::string m_folder;
+  const TemporaryFolder m_temporary{"qxdisk"};
+  const std::string m_folder = m_temporary.Path();
 };
 
 TEST_F(CrashDiskTest, WhatWasThereAtTheBeginningIsSafe) {

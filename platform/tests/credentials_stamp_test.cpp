@@ -11,6 +11,7 @@
 #include <string>
 
 #include "platform/clock.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/testing/virtual_clock.h"
 
 namespace platform {
@@ -22,9 +23,6 @@ class CredentialsStampTest : public ::testing::Test {
   static constexpr const char* kVariables[] = {"NTLM_USER_FILE", "KRB5_CONFIG", "KRB5_KTNAME", "KRB5_CLIENT_KTNAME",
                                                "KRB5CCNAME"};
   void SetUp() override {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qxstamp_XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    m_folder = pattern;
     for (const char* variable : kVariables) {
       std::ofstream(File(variable)) << "first";
       setenv(variable, File(variable).c_str(), 1);
@@ -32,7 +30,6 @@ class CredentialsStampTest : public ::testing::Test {
   }
   void TearDown() override {
     for (const char* variable : kVariables) unsetenv(variable);
-    std::filesystem::remove_all(m_folder);
   }
   [[nodiscard]] std::string File(const std::string& variable) const { return m_folder + "/" + variable; }
   // Of a file's last change, in 100 ns since 1970.
@@ -41,7 +38,8 @@ class CredentialsStampTest : public ::testing::Test {
     EXPECT_EQ(stat(file.c_str(), &info), 0);
     return info.st_ctim.tv_sec * kTicksPerSecond + info.st_ctim.tv_nsec / 100;
   }
-  std::string m_folder;
+  const TemporaryFolder m_temporary{"qxstamp"};
+  const std::string m_folder = m_temporary.Path();
 };
 
 TEST_F(CredentialsStampTest, OfUnchangedFilesIsTheSame) {

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace {
 
@@ -21,13 +22,11 @@ using enum Database::Access;
 class DatabaseFile : public testing::Test {
  protected:
   DatabaseFile() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qx-database-XXXXXX").string();
-    m_directory = ::mkdtemp(pattern.data());
     m_name = m_directory + "/file";
   }
-  ~DatabaseFile() override { std::filesystem::remove_all(m_directory); }
 
-  std::string m_directory;
+  const platform::TemporaryFolder m_temporary{"qx-database"};
+  const std::string m_directory = m_temporary.Path();
   std::string m_name;
 };
 

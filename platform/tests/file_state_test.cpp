@@ -8,6 +8,7 @@
 
 #include "platform/file.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace platform {
 namespace {
@@ -15,16 +16,13 @@ namespace {
 class FileStateTest : public testing::Test {
  protected:
   void SetUp() override {
-    std::string name = (std::filesystem::temp_directory_path() / "qxstateXXXXXX").string();
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    m_folder = name;
     m_file = m_folder + "/a";
     Write("first");
   }
-  void TearDown() override { std::filesystem::remove_all(m_folder); }
   void Write(const std::string& text) const { std::ofstream(m_file, std::ios::binary) << text; }
 
-  std::string m_folder;
+  const TemporaryFolder m_temporary{"qxstate"};
+  const std::string m_folder = m_temporary.Path();
   std::string m_file;
 };
 

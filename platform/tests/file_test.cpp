@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace platform {
 namespace {
@@ -24,15 +25,11 @@ using Disposition = File::Disposition;
 class Files : public testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = testing::TempDir() + "file_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
     m_name = m_directory + "/a";
     SetStateDirectory(m_directory + "/state");
   }
   void TearDown() override {
     SetStateDirectory({});
-    std::filesystem::remove_all(m_directory);
   }
   static void Put(const std::string& name, const std::string& bytes) {
     std::ofstream(name, std::ios::binary | std::ios::trunc) << bytes;
@@ -49,7 +46,8 @@ class Files : public testing::Test {
     return info.st_mode & 07777;
   }
 
-  std::string m_directory;
+  const TemporaryFolder m_temporary{"file"};
+  const std::string m_directory = m_temporary.Path();
   std::string m_name;
 };
 

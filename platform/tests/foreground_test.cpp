@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace {
 
@@ -18,11 +19,6 @@ using platform::RunInForeground;
 
 class Foreground : public testing::Test {
  protected:
-  Foreground() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qx-foreground-XXXXXX").string();
-    m_directory = ::mkdtemp(pattern.data());
-  }
-  ~Foreground() override { std::filesystem::remove_all(m_directory); }
   [[nodiscard]] std::string Path(const std::string& name) const { return m_directory + "/" + name; }
   [[nodiscard]] std::string Read(const std::string& name) const {
     std::ifstream in(Path(name));
@@ -30,7 +26,8 @@ class Foreground : public testing::Test {
     text << in.rdbuf();
     return text.str();
   }
-  std::string m_directory;
+  const platform::TemporaryFolder m_temporary{"qx-foreground"};
+  const std::string m_directory = m_temporary.Path();
 };
 
 TEST_F(Foreground, GivesTheExitCodeOfTheProgram) {

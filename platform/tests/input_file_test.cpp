@@ -10,21 +10,17 @@
 #include <thread>
 
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace platform {
 namespace {
 
 class InputFile : public ::testing::Test {
  protected:
-  InputFile() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qx-input-XXXXXX").string();
-    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-    m_folder = pattern;
-  }
-  ~InputFile() override { std::filesystem::remove_all(m_folder); }
   std::string Named(const char* name) const { return m_folder + "/" + name; }
 
-  std::string m_folder;
+  const TemporaryFolder m_temporary{"qx-input"};
+  const std::string m_folder = m_temporary.Path();
   std::string m_contents = "before";
 };
 

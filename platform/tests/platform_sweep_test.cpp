@@ -22,6 +22,7 @@
 #include "platform/security.h"
 #include "platform/service_files.h"
 #include "platform/testing/fault_sweep.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 #include "platform/xml.h"
 
@@ -35,12 +36,6 @@ using Files = std::map<std::string, std::string>;  // contents by name
 
 class PlatformSweep : public ::testing::Test {
  protected:
-  PlatformSweep() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qxplatform-XXXXXX").string();
-    m_folder = ::mkdtemp(pattern.data());
-  }
-  ~PlatformSweep() override { std::filesystem::remove_all(m_folder); }
-
   [[nodiscard]] std::string Path(const std::string& name) const { return m_folder + "/" + name; }
   void Clear() {
     for (const auto& entry : std::filesystem::directory_iterator(m_folder)) std::filesystem::remove_all(entry);
@@ -68,7 +63,8 @@ class PlatformSweep : public ::testing::Test {
     EXPECT_THAT(rc, AnyOf(Eq(ErrorCode{ERROR_SUCCESS}), Eq(fault == nullptr ? ErrorCode{ERROR_SUCCESS} : fault->code)));
   }
 
-  std::string m_folder;
+  const TemporaryFolder m_temporary{"qxplatform"};
+  const std::string m_folder = m_temporary.Path();
 };
 
 TEST_F(PlatformSweep, AReplacedFileIsTheOldOneOrTheNewOne) {

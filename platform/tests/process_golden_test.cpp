@@ -11,6 +11,7 @@
 
 #include "platform/file.h"
 #include "platform/process.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 #include "tests/golden.h"
 
@@ -28,9 +29,6 @@ class golden_process : public testing::Test {
     m_file = LoadGolden("process.json");
     ASSERT_FALSE(m_file.empty());
 
-    std::string pattern = testing::TempDir() + "qx golden-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
     for (const char* name : {"wrapper.exe", "wrapper", "no ext"}) {
       Program(name, "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" + m_directory + "/words'\nexit 42\n");
     }
@@ -50,7 +48,6 @@ class golden_process : public testing::Test {
     std::filesystem::current_path(m_before);
     setenv("PATH", m_path.c_str(), 1);
     SetStateDirectory("");
-    std::filesystem::remove_all(m_directory);
   }
 
   void Program(const std::string& name, const std::string& text) const {
@@ -90,7 +87,8 @@ class golden_process : public testing::Test {
   }
 
   Json m_file;
-  std::string m_directory;
+  const TemporaryFolder m_temporary{"qx golden"};
+  const std::string m_directory = m_temporary.Path();
   std::string m_path;
   std::filesystem::path m_before;
 };

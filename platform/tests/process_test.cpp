@@ -21,6 +21,7 @@
 #include "platform/file.h"
 #include "platform/testing/counting_launcher.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 
 namespace platform {
@@ -60,14 +61,8 @@ class ScopedVariable {
 
 class ProcessTest : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = testing::TempDir() + "qx-process-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
-  }
   void TearDown() override {
     EXPECT_TRUE(WaitForAllChildren(kPatience));
-    std::filesystem::remove_all(m_directory);
   }
 
   std::string Path(const std::string& name) const { return m_directory + "/" + name; }
@@ -96,7 +91,8 @@ class ProcessTest : public testing::Test {
     EXPECT_TRUE(WaitForAllChildren(kPatience));
   }
 
-  std::string m_directory;
+  const TemporaryFolder m_temporary{"qx-process"};
+  const std::string m_directory = m_temporary.Path();
 };
 
 std::vector<std::string> OpenDescriptors() {

@@ -11,6 +11,7 @@
 
 #include "platform/file.h"
 #include "platform/profile.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 #include "tests/golden.h"
 
@@ -54,15 +55,11 @@ class golden_profile : public testing::Test {
     m_golden = LoadGolden("profile.json");
     ASSERT_FALSE(m_golden.empty());
     ASSERT_EQ(SetSystemCodePage(kCodePageWestern), ERROR_SUCCESS);
-    std::string pattern = testing::TempDir() + "profile_golden_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
     m_file = m_directory + "/t.ini";
     m_path = WideFromUtf8(m_file);
   }
   void TearDown() override {
     EXPECT_EQ(SetSystemCodePage(kCodePageUtf8), ERROR_SUCCESS);
-    std::filesystem::remove_all(m_directory);
   }
 
   const json& Rows(const char* table, std::size_t count) {
@@ -87,7 +84,8 @@ class golden_profile : public testing::Test {
   }
 
   json m_golden;
-  std::string m_directory;
+  const TemporaryFolder m_temporary{"profile_golden"};
+  const std::string m_directory = m_temporary.Path();
   std::string m_file;
   std::u16string m_path;
 };

@@ -14,6 +14,7 @@
 
 #include "platform/file.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 
 namespace platform {
@@ -30,15 +31,11 @@ const char kNewText[] = "[S]\r\na=9\r\nc=3\r\n[T]\r\nd=4\r\n";
 class ProfileFile : public testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = testing::TempDir() + "profile_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
     m_file = m_directory + "/rules.ini";
     m_path = WideFromUtf8(m_file);
   }
   void TearDown() override {
     m_batch.reset();
-    std::filesystem::remove_all(m_directory);
   }
 
   void Put(const std::string& bytes) const { std::ofstream(m_file, std::ios::binary | std::ios::trunc) << bytes; }
@@ -73,7 +70,8 @@ class ProfileFile : public testing::Test {
     return *m_batch;
   }
 
-  std::string m_directory;
+  const TemporaryFolder m_temporary{"profile"};
+  const std::string m_directory = m_temporary.Path();
   std::string m_file;
   std::u16string m_path;
   std::optional<ProfileBatch> m_batch;

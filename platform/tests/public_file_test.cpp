@@ -8,12 +8,13 @@
 #include <filesystem>
 
 #include "platform/file.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace {
 
 TEST(PublicFile, CanBeReadByEverybodyUntilSomebodySaysOtherwise) {
-  std::string directory = (std::filesystem::temp_directory_path() / "qx-public-XXXXXX").string();
-  ASSERT_NE(::mkdtemp(directory.data()), nullptr);
+  const platform::TemporaryFolder folder("qx-public");
+  const std::string& directory = folder.Path();
   const std::string name = directory + "/file";
   const auto mode = [&] {
     struct stat status {};
@@ -29,7 +30,6 @@ TEST(PublicFile, CanBeReadByEverybodyUntilSomebodySaysOtherwise) {
   EXPECT_EQ(platform::ReadWholeFile(name, contents), 0u);
   EXPECT_EQ(contents, "two");
   EXPECT_EQ(platform::ReplacePublicFile(directory + "/none/file", "x"), platform::ERROR_PATH_NOT_FOUND);
-  std::filesystem::remove_all(directory);
 }
 
 }  // namespace

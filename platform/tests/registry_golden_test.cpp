@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/registry.h"
+#include "platform/testing/temporary_folder.h"
 #include "tests/golden.h"
 
 namespace {
@@ -34,9 +35,6 @@ std::string Hex(const unsigned char* data, std::size_t size) {
 class golden_registry : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string name = (std::filesystem::temp_directory_path() / "qxregXXXXXX").string();
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    m_folder = name;
     ASSERT_EQ(OpenRegistryStore(m_folder / "registry.db"), 0u);
     ASSERT_EQ(CreateKey(Hive::kCurrentUser, u"Software\\GoldenReg", KEY_ALL_ACCESS, m_base), 0u);
     m_golden = LoadGolden("registry.json");
@@ -46,7 +44,6 @@ class golden_registry : public ::testing::Test {
       EXPECT_EQ(m_base.Close(), 0u);
     }
     EXPECT_EQ(CloseRegistryStore(), 0u);
-    std::filesystem::remove_all(m_folder);
   }
 
   // Runs `run` for each row of a table that isn't in `leftOut`; every row has to be known to one of them.
@@ -61,7 +58,8 @@ class golden_registry : public ::testing::Test {
     }
   }
 
-  std::filesystem::path m_folder;
+  const TemporaryFolder m_temporary{"qxreg"};
+  const std::filesystem::path m_folder = m_temporary.Path();
   RegistryKey m_base;
   json m_golden;
 };

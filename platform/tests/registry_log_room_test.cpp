@@ -12,6 +12,7 @@
 
 #include "platform/registry.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace platform {
 namespace {
@@ -23,15 +24,11 @@ constexpr std::uintmax_t kRoom = 4194304;
 class RegistryLogRoom : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string name = (fs::temp_directory_path() / "qxroomXXXXXX").string();
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    m_folder = name;
     m_store = m_folder / "registry.db";
     ASSERT_EQ(OpenRegistryStore(m_store.string()), 0u);
   }
   void TearDown() override {
     (void)CloseRegistryStore();
-    fs::remove_all(m_folder);
   }
   [[nodiscard]] fs::path Log() const { return m_store.string() + "-wal"; }
   static std::string BytesOf(const fs::path& file) {
@@ -61,7 +58,8 @@ class RegistryLogRoom : public ::testing::Test {
     ASSERT_EQ(OpenRegistryStore(m_store.string()), 0u);
   }
 
-  fs::path m_folder;
+  const TemporaryFolder m_temporary{"qxroom"};
+  const fs::path m_folder = m_temporary.Path();
   fs::path m_store;
 };
 

@@ -10,6 +10,7 @@
 
 #include "platform/file.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace platform {
 namespace {
@@ -19,9 +20,6 @@ using nlohmann::json;
 class RegistrySave : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string name = (std::filesystem::temp_directory_path() / "qxsaveXXXXXX").string();
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    m_folder = name;
     m_file = m_folder / "saved.json";
     ASSERT_EQ(OpenRegistryStore((m_folder / "registry.db").string()), 0u);
     ASSERT_EQ(CreateKey(Hive::kCurrentUser, u"A", KEY_ALL_ACCESS, m_key), 0u);
@@ -29,7 +27,6 @@ class RegistrySave : public ::testing::Test {
   void TearDown() override {
     m_key = RegistryKey();
     (void)CloseRegistryStore();
-    std::filesystem::remove_all(m_folder);
   }
   void SetRaw(std::u16string_view name, std::uint32_t type, std::string_view bytes) {
     ASSERT_EQ(SetRawValue(m_key, name, type, std::as_bytes(std::span(bytes))), 0u);
@@ -42,7 +39,8 @@ class RegistrySave : public ::testing::Test {
     return text;
   }
 
-  std::filesystem::path m_folder;
+  const TemporaryFolder m_temporary{"qxsave"};
+  const std::filesystem::path m_folder = m_temporary.Path();
   std::string m_file;
   RegistryKey m_key;
 };

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace platform {
 namespace {
@@ -33,9 +34,6 @@ std::u16string Digits(std::uint32_t i) {
 class RegistryScanTest : public testing::Test {
  protected:
   void SetUp() override {
-    std::string name = (std::filesystem::temp_directory_path() / "qxscanXXXXXX").string();
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    m_folder = name;
     m_path = m_folder + "/registry.db";
     ASSERT_EQ(OpenRegistryStore(m_path), 0u);
     ASSERT_EQ(CreateKey(Hive::kCurrentUser, kMany, KEY_ALL_ACCESS, m_many), 0u);
@@ -61,7 +59,6 @@ class RegistryScanTest : public testing::Test {
   void TearDown() override {
     m_many.Close();
     (void)CloseRegistryStore();
-    std::filesystem::remove_all(m_folder);
   }
 
   void RunSql(const char* sql) const {
@@ -72,7 +69,8 @@ class RegistryScanTest : public testing::Test {
   }
   [[nodiscard]] bool Open(RegistryScan& scan) const { return scan.Open(m_path, Hive::kCurrentUser, kMany); }
 
-  std::string m_folder;
+  const TemporaryFolder m_temporary{"qxscan"};
+  const std::string m_folder = m_temporary.Path();
   std::string m_path;
   RegistryKey m_many;
 };

@@ -16,6 +16,7 @@
 
 #include "platform/event.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace platform {
 namespace {
@@ -26,10 +27,6 @@ using testing::ElementsAre;
 class FakeManager {
  public:
   FakeManager() {
-    std::string pattern = testing::TempDir() + "qx-notify-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) return;
-    m_directory = pattern;
-    m_path = m_directory + "/s";
     m_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -40,8 +37,6 @@ class FakeManager {
   ~FakeManager() {
     unsetenv("NOTIFY_SOCKET");
     close(m_socket);
-    unlink(m_path.c_str());
-    rmdir(m_directory.c_str());
   }
   std::string Next() const {
     char buffer[512];
@@ -50,8 +45,8 @@ class FakeManager {
   }
 
  private:
-  std::string m_directory;
-  std::string m_path;
+  const TemporaryFolder m_temporary{"qx-notify"};
+  const std::string m_path = m_temporary.Path() + "/s";
   int m_socket = -1;
 };
 

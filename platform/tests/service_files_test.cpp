@@ -11,6 +11,7 @@
 
 #include "platform/file.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace platform {
 namespace {
@@ -24,9 +25,6 @@ using testing::Not;
 class ServiceFiles : public testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = testing::TempDir() + "qx-files-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    m_folder = pattern;
     m_installation.destination = m_folder;
     m_installation.service = "Sched";
     m_installation.description = "A scheduler";
@@ -35,7 +33,6 @@ class ServiceFiles : public testing::Test {
     m_installation.busName = "com.example.Sched1";
     m_installation.group = "schedulers";
   }
-  void TearDown() override { fs::remove_all(m_folder); }
 
   // All files below the folder, in order of names.
   std::vector<std::string> Names() const {
@@ -56,7 +53,8 @@ class ServiceFiles : public testing::Test {
     EXPECT_EQ(stat(name.c_str(), &info), 0) << name;
     return info.st_mode & 07777;
   }
-  std::string m_folder;
+  const TemporaryFolder m_temporary{"qx-files"};
+  const std::string m_folder = m_temporary.Path();
   ServerInstallation m_installation;
   std::string m_failed;
 };

@@ -8,28 +8,26 @@
 #include <string>
 
 #include "platform/registry.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace platform {
 
 class StoreFixture : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string name = (std::filesystem::temp_directory_path() / "qxregXXXXXX").string();
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    m_folder = name;
     m_path = m_folder / "registry.db";
     ASSERT_EQ(OpenRegistryStore(m_path), 0u);
   }
   void TearDown() override {
     if (IsRegistryStoreOpen()) (void)CloseRegistryStore();
-    std::filesystem::remove_all(m_folder);
   }
   void Reopen() {
     ASSERT_EQ(CloseRegistryStore(), 0u);
     ASSERT_EQ(OpenRegistryStore(m_path), 0u);
   }
 
-  std::filesystem::path m_folder;
+  const TemporaryFolder m_temporary{"qxreg"};
+  const std::filesystem::path m_folder = m_temporary.Path();
   std::string m_path;
 };
 

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/testing/temporary_folder.h"
+
 namespace qx::testing {
 
 // Thrown away at destruction. Threads: one object from one thread.
@@ -38,8 +40,6 @@ class ThrowawayRealm {
   }
 
   ThrowawayRealm(const Place& place, const Runner& run) {
-    m_folder = (std::filesystem::temp_directory_path() / "qxrealm_XXXXXX").string();
-    EXPECT_NE(mkdtemp(m_folder.data()), nullptr);
     std::ofstream(m_folder + "/make.sh") << kScript;
     const std::string log = m_folder + "/make.log";
     const int code = run({"/bin/sh", m_folder + "/make.sh", m_folder, place.address, std::to_string(place.port),
@@ -53,8 +53,6 @@ class ThrowawayRealm {
   ~ThrowawayRealm() {
     std::ifstream file(m_folder + "/kdc.pid");
     if (pid_t process = 0; file >> process && process > 1) (void)kill(process, SIGTERM);
-    std::error_code ignored;
-    std::filesystem::remove_all(m_folder, ignored);
   }
 
   // False when it couldn't be made; the test has failed then.
@@ -135,7 +133,8 @@ kadmin.local -q "ktadd -k $1/keytab qxsvc"
 $5 krb5kdc -P "$1/kdc.pid"
 )";
 
-  std::string m_folder;
+  const platform::TemporaryFolder m_temporary{"qxrealm"};
+  const std::string m_folder = m_temporary.Path();
   bool m_made = false;
 };
 

@@ -11,6 +11,7 @@
 #include "foundation/testing/captured_log.h"
 #include "platform/process.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 
 namespace {
@@ -23,14 +24,8 @@ using Line = ZepFoundation::CapturedLogLine;
 
 class RunCommand : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = testing::TempDir() + "qx-command-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    m_folder = pattern;
-  }
   void TearDown() override {
     EXPECT_TRUE(platform::WaitForAllChildren(60000));
-    std::filesystem::remove_all(m_folder);
   }
   // A script of one line; its path.
   std::string Script(const std::string& name, const std::string& body) const {
@@ -44,7 +39,8 @@ class RunCommand : public testing::Test {
   }
 
   ZepFoundation::CapturedServiceLog m_log;
-  std::string m_folder;
+  const platform::TemporaryFolder m_temporary{"qx-command"};
+  const std::string m_folder = m_temporary.Path();
 };
 
 struct ExitCase {

@@ -19,6 +19,7 @@
 #include "platform/process.h"
 #include "platform/registry.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/testing/virtual_clock.h"
 #include "platform/text.h"
 #include "service/ini_path.h"
@@ -66,9 +67,6 @@ class ServiceFixture : public ::testing::Test {
       : m_zone(zone), m_clock(present) {}
 
   void SetUp() override {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qxservice_XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    m_folder = pattern;
     platform::SetStateDirectory(m_folder);
     ASSERT_EQ(platform::OpenRegistryStore(m_folder + "/registry.db"), 0u);
     MakeKey(kVolumeManagerKey);
@@ -83,7 +81,6 @@ class ServiceFixture : public ::testing::Test {
     g_SchedulerEvents = {};
     (void)platform::CloseRegistryStore();
     platform::SetStateDirectory({});
-    std::filesystem::remove_all(m_folder);
   }
 
   static void MakeKey(std::u16string_view path) {
@@ -188,7 +185,8 @@ class ServiceFixture : public ::testing::Test {
   platform::ScopedZone m_zone;
   platform::VirtualClock m_clock;
   ZepFoundation::CapturedServiceLog m_log;
-  std::string m_folder;
+  const platform::TemporaryFolder m_temporary{"qxservice"};
+  const std::string m_folder = m_temporary.Path();
   platform::Apartment m_apartment;
   CSchedulerService m_service;
   std::shared_ptr<RecordingSink> m_sink = std::make_shared<RecordingSink>();

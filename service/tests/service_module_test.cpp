@@ -1,5 +1,6 @@
 #include "service/service_module.h"
 
+#include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 #include "service/service_registration.h"
 #include "service/tests/written_events.h"
@@ -101,16 +102,12 @@ TEST_F(ServiceModule, ARefusedBufferLeavesTheProcessReference) {
 class ServiceStart : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = ::testing::TempDir() + "qx-start-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    m_folder = pattern;
     platform::InstallEventSink([this](const platform::LoggedEvent& event) { m_written.push_back(event.number); });
   }
   void TearDown() override {
     platform::InstallEventSink(nullptr);
     (void)platform::CloseRegistryStore();
     platform::SetStateDirectory({});
-    std::filesystem::remove_all(m_folder);
   }
   ServiceOptions Options(std::string words = {}) const {
     ServiceOptions options;
@@ -120,7 +117,8 @@ class ServiceStart : public ::testing::Test {
     return options;
   }
   ZepFoundation::CapturedServiceLog m_log;
-  std::string m_folder;
+  const platform::TemporaryFolder m_temporary{"qx-start"};
+  const std::string m_folder = m_temporary.Path();
   std::vector<std::uint32_t> m_written;
 };
 
