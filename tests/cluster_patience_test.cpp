@@ -3,6 +3,7 @@
 
 #include <thread>
 
+#include "tests/file_watch.h"
 #include "tests/node_cluster.h"
 
 namespace {
@@ -25,7 +26,7 @@ TEST_P(ClusterTest, ANodeThatIsCutOffInTheMiddleKeepsItsEntryAndRaisesNoFailure)
   ASSERT_NO_FATAL_FAILURE(StartAll());
   const std::string mark = Node(1).Jobs() + "/runs";
   std::thread cutter([&] {
-    for (int i = 0; i < 60000 && !std::filesystem::exists(mark); ++i) usleep(1000);
+    EXPECT_TRUE(qx::testing::FileWatch(Node(1).Jobs()).Until([&] { return std::filesystem::exists(mark); }));
     m_cluster->SetLink(1, false);
   });
   EXPECT_EQ(Perform({u"localhost", platform::WideFromUtf8(qx::testing::NodeCluster::Address(1))},

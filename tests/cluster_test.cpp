@@ -7,6 +7,7 @@
 #include "platform/testing/judges_memory.h"
 #include "replication/tests/connection_crowd.h"
 #include "replication/tests/wire_tap.h"
+#include "tests/file_watch.h"
 #include "tests/node_cluster.h"
 
 namespace {
@@ -139,8 +140,7 @@ TEST_P(ClusterTest, TheFirstOperationOnNodesMakesTheKeyPairAndNoLaunchOrLocalCal
   schedule.bRunNow = true;
   ScheduleGuid id;
   ASSERT_EQ(m_client.CreateSchedule(schedule, id), 0u);
-  for (int i = 0; i < 60000 && !std::filesystem::exists(mark); ++i) usleep(1000);
-  EXPECT_TRUE(std::filesystem::exists(mark));
+  EXPECT_TRUE(qx::testing::FileWatch(Node(0).Jobs()).Until([&] { return std::filesystem::exists(mark); }));
   schedule.bstrParameters = u"other";
   EXPECT_EQ(m_client.ModifySchedule(id, schedule), 0u);
   std::uint32_t count = 0;
@@ -218,6 +218,7 @@ TEST_P(ClusterTest, ThousandsOfConnectionsTakeThirtyTwoThreadsAndLeaveNothing) {
   ScheduleGuid id;
   ASSERT_EQ(Create(names, id), 0u);  // the peer has its keys by now
   ASSERT_EQ(Delete(names, id), 0u);
+  // A poll: nothing tells another process that a thread of the service has ended.
   const auto settled = [&](std::ptrdiff_t threads) {
     for (int i = 0; i < 60000 && Holdings(Node(1).Process().Id()).threads != threads; ++i) usleep(1000);
     return Holdings(Node(1).Process().Id());

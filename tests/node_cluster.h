@@ -19,6 +19,7 @@
 #include "platform/registry.h"
 #include "platform/security.h"
 #include "replication/tests/throwaway_realm.h"
+#include "tests/file_watch.h"
 #include "tests/running_service.h"
 
 namespace qx::testing {
@@ -156,8 +157,8 @@ class NodeCluster {
     // The log goes on from an earlier start.
     const std::size_t before = Listenings(service);
     ASSERT_NO_FATAL_FAILURE(service.Start());
-    for (int i = 0; i < 60000 && Listenings(service) == before; ++i) usleep(1000);
-    ASSERT_GT(Listenings(service), before) << service.Log();
+    ASSERT_TRUE(FileWatch(service.Root() + "/logs").Until([&] { return Listenings(service) > before; }))
+        << service.Log();
   }
   // Has everything logged.
   void SetTraceLevel(int node) {
