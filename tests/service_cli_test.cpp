@@ -1,6 +1,8 @@
 // The real program qxsched against the real service.
 #include <gmock/gmock.h>
 
+#include <cerrno>
+#include <ctime>
 #include <map>
 #include <set>
 
@@ -112,6 +114,13 @@ TEST_F(QxschedProgram, AConfiguredTraceIsWrittenFromTheNextStartOn) {
   EXPECT_THAT(RunningService::ReadFile(trace), HasSubstr("Save(PropertyBag) Item number="));
 }
 
+// Waits until the machine's clock shows a time, in seconds since 1970.
+void WaitForTime(std::int64_t time) {
+  const timespec moment = {time, 0};
+  while (clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &moment, nullptr) == EINTR) {
+  }
+}
+
 // The due times are real: each is waited for by what the service or the clock tells.
 TEST_F(QxschedProgram, RecordsALaunchAndTheWindowThatPassedWhileTheServiceWasKilled) {
   qx::SchedulerClient client;
@@ -135,7 +144,7 @@ TEST_F(QxschedProgram, RecordsALaunchAndTheWindowThatPassedWhileTheServiceWasKil
   (void)m_service.Process().Wait();
   ASSERT_LT(platform::NowSeconds(), due) << "too slow a machine: the window was there before the kill";
   ASSERT_NE(lines.WaitFor("\"service-down\""), "");
-  while (platform::NowSeconds() <= due) usleep(100'000);
+  WaitForTime(due + 1);
   m_service.Start();
   const json missed = json::parse(lines.WaitFor("\"missed\""), nullptr, false);
   EXPECT_EQ(missed.value("window", 0), due) << missed;
