@@ -5,6 +5,7 @@
 
 #include "client/cli_record.h"
 #include "client/history_store.h"
+#include "client/tests/node_service.h"
 #include "client/tests/online_fixture.h"
 #include "platform/testing/fault_sweep.h"
 
@@ -82,6 +83,12 @@ const Command kCommands[] = {
 bool HasSentence(Operation operation) {
   return operation != Operation::kFileExists && operation != Operation::kDirectoryExists &&
          operation != Operation::kAllocate && operation != Operation::kRegOpenStore;
+}
+
+// The arrays are those of the service, which is another process.
+bool IsOfTheCommand(Operation operation) {
+  return operation != Operation::kArrayCreate && operation != Operation::kArrayAccessData &&
+         operation != Operation::kArrayUnaccessData && operation != Operation::kArrayDestroy;
 }
 
 class CliFaultSweep : public CliOnline, public ::testing::WithParamInterface<Command> {
@@ -253,12 +260,7 @@ TEST_P(CliFaultSweep, NothingIsHalfDoneAndTheCauseIsTold) {
             isPlain = isPlain && HasSentence(operation);
             return operation == Operation::kConvertText ? std::vector<platform::ErrorCode>() : std::vector{kCode};
           },
-      // The arrays are those of the service, which is another process.
-      .isOwn =
-          [](Operation operation) {
-            return operation != Operation::kArrayCreate && operation != Operation::kArrayAccessData &&
-                   operation != Operation::kArrayUnaccessData && operation != Operation::kArrayDestroy;
-          },
+      .isOwn = IsOfTheCommand,
       .callsNothing = GetParam().name == "next_batch" || GetParam().name == "completion",
       .explain = [&] { return "exit " + std::to_string(result.exit) + "\nout: " + result.out + "\nerr: " + result.err; },
   });
@@ -332,11 +334,98 @@ TEST_F(RecordSweep, AnEntryIsKeptWholeOrTheFailureIsTold) {
             EXPECT_EQ(entries(found = {}), platform::ERROR_SUCCESS);
             EXPECT_GE(found.size(), 2u);
           },
-      .isOwn =
-          [](Operation operation) {
-            return operation != Operation::kArrayCreate && operation != Operation::kArrayAccessData &&
-                   operation != Operation::kArrayUnaccessData && operation != Operation::kArrayDestroy;
+      .isOwn = IsOfTheCommand,
+      .explain = [&] { return "exit " + std::to_string(result.exit) + "\nout: " + result.out + "\nerr: " + result.err; },
+  });
+}
+
+class MonitorSweep : public CliOnline {};
+
+TEST_F(MonitorSweep, EveryEventIsShownOrTheFailureIsTold) {
+  const ScheduleGuid id = Id(0xAAAA1111);
+  Result clean, result;
+  platform::RunSweep({
+      .name = "qxsched monitor",
+      .prepare =
+          [&] {
+            service.events.clear();
+            service.Tell([id](ISchedulerServiceEvents& sink) { sink.Schedule_Add(id); });
+            service.Tell([id](ISchedulerServiceEvents& sink) { sink.NextTimeWindow_Modify(id, kTonight); });
+            service.Tell([id](ISchedulerServiceEvents& sink) {
+              sink.SystemTime_Change(1, {platform::GuidText(id)}, {kTonight});
+            });
           },
+      .operation =
+          [&] {
+            std::istringstream in;
+            std::ostringstream out, err;
+            // Whoever reads the events goes away behind the last one.
+            service.whenQuiet = [&out] {
+              out.setstate(std::ios::badbit);
+              return true;
+            };
+            const int exit = RunWith({"monitor"}, in, out, err);
+            result = {exit, out.str(), err.str()};
+          },
+      .judge =
+          [&](const platform::SweptFault* fault) {
+            if (fault == nullptr) {
+              ASSERT_THAT(result.err, testing::HasSubstr("the output can't be written"));
+              ASSERT_THAT(result.out, testing::AllOf(testing::HasSubstr("Schedule_Add"),
+                                                     testing::HasSubstr("NextTimeWindow_Modify"),
+                                                     testing::HasSubstr("SystemTime_Change")));
+              clean = result;
+            } else if (result.out != "") {
+              EXPECT_EQ(result.out, clean.out);
+              EXPECT_EQ(result.err, clean.err);
+            } else {
+              EXPECT_NE(result.exit, 0);
+              EXPECT_NE(result.err, "");
+            }
+          },
+      .isOwn = IsOfTheCommand,
+      .explain = [&] { return "exit " + std::to_string(result.exit) + "\nout: " + result.out + "\nerr: " + result.err; },
+  });
+}
+
+class NodesExecSweep : public CliOnline {
+ protected:
+  NodesExecSweep() {
+    settings.connect = [this](const platform::BusAddress&, std::unique_ptr<qx::ServiceLink>& link) {
+      link = std::make_unique<FakeLink>(m_nodes);
+      return platform::ErrorCode{platform::ERROR_SUCCESS};
+    };
+  }
+  NodeService m_nodes;
+};
+
+TEST_F(NodesExecSweep, TheCommandIsCarriedOnceAndEachNodeIsTold) {
+  Result clean, result;
+  platform::RunSweep({
+      .name = "qxsched nodes exec",
+      .prepare =
+          [&] {
+            m_nodes.carried.clear();
+            m_nodes.answers[u"c"] = 5;
+          },
+      .operation = [&] { result = Ask({"nodes", "exec", "--nodes", "b,c", "/bin/true"}); },
+      .judge =
+          [&](const platform::SweptFault* fault) {
+            if (fault == nullptr) {
+              clean = result;
+              ASSERT_THAT(result.err, testing::AllOf(testing::HasSubstr("b: done"), testing::HasSubstr("c: ")));
+            }
+            EXPECT_NE(result.exit, 0);  // the one node has refused
+            if (!m_nodes.carried.empty()) {
+              EXPECT_THAT(m_nodes.carried, testing::ElementsAre("perform localhost,b,c"));
+              EXPECT_EQ(m_nodes.command, "/bin/true");
+              EXPECT_EQ(result.err, clean.err);
+              EXPECT_EQ(result.exit, clean.exit);
+            } else {
+              EXPECT_NE(result.err, "");
+            }
+          },
+      .isOwn = IsOfTheCommand,
       .explain = [&] { return "exit " + std::to_string(result.exit) + "\nout: " + result.out + "\nerr: " + result.err; },
   });
 }
