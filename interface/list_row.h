@@ -32,6 +32,7 @@ struct BasicListRow {
   friend bool operator==(const BasicListRow&, const BasicListRow&) = default;
 };
 
+// A row as a program reads it.
 using ListRow = BasicListRow<std::u16string>;
 // A row as it travels: UTF-8 texts that stand elsewhere, each with a NUL right behind it.
 using SentListRow = BasicListRow<std::string_view>;
