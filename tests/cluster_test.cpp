@@ -255,11 +255,10 @@ TEST_P(ClusterTest, ThousandsOfConnectionsTakeThirtyTwoThreadsAndLeaveNothing) {
     EXPECT_EQ(Delete(names, id), 0u);
     if (wave == 0) {
       before = settled(threads);  // the first wave has made what threads leave for the next ones
-    } else if (platform::kJudgesMemory) {
+    } else if (platform::kJudgesMemory) {  // HostileClients judges what a sanitizer's program holds
       EXPECT_LT(Holdings(Node(1).Process().Id()).memory - before.memory, 2048) << wave;
     }
   }
-  if (!platform::kJudgesMemory) GTEST_SKIP() << platform::kAllButMemory;
 }
 
 QX_BY_EACH_MECHANISM(ClusterTest);

@@ -46,6 +46,7 @@ class Flatness {
     m_longest = std::max(m_longest, life);
     const std::string over = " in the last third of " + std::to_string(static_cast<int>(life)) + " s, ";
     m_worstGrowthKb = std::max(m_worstGrowthKb, behind.residentKb - before.residentKb);
+    // A sanitizer's process keeps freed memory, and nobody else can ask it what it holds.
     if (platform::kJudgesMemory && behind.residentKb > before.residentKb + before.residentKb / 20 + 512) {
       return std::to_string(behind.residentKb) + " KB resident" + over + std::to_string(before.residentKb) + " before";
     }
