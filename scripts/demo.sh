@@ -26,6 +26,9 @@ fi
 
 # --- helpers ----------------------------------------------------------------------------------------------------------
 
+# shellcheck source=scripts/within.sh
+. scripts/within.sh
+
 export TZ=UTC0  # the demo's own zone: no change of the clocks can fall into it
 unset NOTIFY_SOCKET QXSVC_ROOT
 work=$(mktemp -d "${TMPDIR:-/tmp}/qx-demo-XXXXXX")
@@ -58,15 +61,6 @@ fail() {
   exit 1
 }
 step() { printf '\n== %s\n' "$*"; }
-# Tries a command every tenth of a second until it succeeds, for so many seconds.
-within() {
-  local turns=$(($1 * 10))
-  shift
-  until "$@" >/dev/null 2>&1; do
-    ((turns-- > 0)) || return 1
-    sleep 0.1
-  done
-}
 qxsched() { "$client" --root "$state" --bus "$address" "$@"; }
 run() {  # shows a command and runs it
   printf '$ qxsched %s\n' "$*"

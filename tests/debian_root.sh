@@ -28,14 +28,8 @@ within_root() {  # ROOT COMMAND...
 
 # For the scripts that run inside a root, beside `step` and a `fail` of their own; made part of them by inside_words.
 quietly() { "$@" >/log 2>&1 || { cat /log >&2; fail "failed: $*"; }; }
-within() {  # tries a command every tenth of a second until it succeeds, for so many seconds
-  local turns=$(($1 * 10))
-  shift
-  until "$@" >/dev/null 2>&1; do
-    ((turns-- > 0)) || return 1
-    sleep 0.1
-  done
-}
+# shellcheck source=scripts/within.sh
+. scripts/within.sh
 inside_words() { declare -f step quietly within; }
 
 # A root of the release with nothing but what every system has; kept as an archive for the next time.

@@ -43,7 +43,7 @@ root=$work/root
 make_bare_root "$root"
 cp -r "$work/debs" "$root/debs"
 mkdir -p "$root/source/scripts" "$root/source/examples"
-cp scripts/demo.sh "$root/source/scripts"
+cp scripts/demo.sh scripts/within.sh "$root/source/scripts"
 cp examples/*.toml "$root/source/examples"
 
 # The rest runs inside, in namespaces that take every process along when they end.
