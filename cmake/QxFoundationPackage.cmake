@@ -21,7 +21,8 @@ if(QX_FAULT_SEAM)
   list(APPEND platform_parts fault kill_switch)  # of platform/testing
 endif()
 list(JOIN platform_parts "|" platform_pattern)
-set(platform_objects "$<FILTER:$<TARGET_OBJECTS:qx_platform>,INCLUDE,/(${platform_pattern})\\.cpp\\.o$>")
+set(platform_objects
+  "$<FILTER:$<TARGET_OBJECTS:qx_platform>,INCLUDE,/((${platform_pattern})\\.cpp|unity_foundation_[a-z]+_cxx\\.cxx)\\.o$>")
 
 # Platform headers that the public ones include, and those by which a program opens the store, names its state directory
 # and watches the debugger output.

@@ -113,8 +113,8 @@ class ToldLoop : public qx::testing::SimulatedMachine, public testing::WithParam
     m_plain.Remove(qx::testing::Narrow(node.IdText()));
   }
   void StepClock() {
-    static constexpr std::int64_t kSteps[] = {100, 3600, kSecondsOfDay, 20 * kSecondsOfDay};
-    const std::int64_t size = kSteps[Below(4)] + Below(100);
+    static constexpr std::int64_t kSizes[] = {100, 3600, kSecondsOfDay, 20 * kSecondsOfDay};
+    const std::int64_t size = kSizes[Below(4)] + Below(100);
     const std::int64_t step = m_away > 0 ? -size : size;
     m_away += step;
     m_clock.SetWall(platform::NowSeconds() + step, 500);
