@@ -15,8 +15,8 @@ namespace qx {
 // qxsched/backups in the user's own state. Empty for a user without a home.
 [[nodiscard]] std::string BackupDirectory(const CliContext& context);
 
-// Writes a schedule into a new file "ID-YYYYMMDD-HHMMSS.toml" (UTC) of the directory, which is made when missing; synced.
-// Its first line is "# {ID}, REASON". An existing file is never written over.
+// Writes a schedule into a new file "ID-YYYYMMDD-HHMMSS.toml" (UTC) of the directory, which is made when missing;
+// synced. Its first line is "# {ID}, REASON". An existing file is never written over.
 //   file     the file's name, on success
 //   returns  0; ERROR_PATH_NOT_FOUND (3) for no directory; the code of the file: nothing is left behind
 [[nodiscard]] platform::ErrorCode WriteBackup(const std::string& directory, const ScheduleGuid& id,

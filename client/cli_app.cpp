@@ -243,7 +243,8 @@ void AddConfigCommands(CLI::App& app, CliContext& context, CommandChoice& choice
   CLI::App* set = config->add_subcommand("set", "Change a setting; the service takes it at its next start");
   set->add_option("SETTING", named->name, "Its name: " + SettingNames())->required();
   set->add_option("VALUE", named->value, "Its value")->required();
-  set->add_option("--destdir", named->destination, "Below it the unit's drop-in is written (the root)")->type_name("DIR");
+  set->add_option("--destdir", named->destination, "Below it the unit's drop-in is written (the root)")
+      ->type_name("DIR");
   set->callback([&context, &choice, named] {
     choice.run = [&context, named] { return RunConfigSet(context, *named); };
   });

@@ -33,9 +33,9 @@ void AddChangeCommands(CLI::App& app, CliContext& context, CommandChoice& choice
     return added;
   };
 
-  CLI::App* edit = command("edit", "Change a schedule in $VISUAL or $EDITOR, with a backup", [&context, &settings, state] {
-    return RunEdit(context, settings, state->schedule, state->allowRelativePaths);
-  });
+  CLI::App* edit = command(
+      "edit", "Change a schedule in $VISUAL or $EDITOR, with a backup",
+      [&context, &settings, state] { return RunEdit(context, settings, state->schedule, state->allowRelativePaths); });
   edit->add_option("SCHEDULE", state->schedule, kScheduleHelp)->required();
   edit->add_flag("--allow-relative-paths", state->allowRelativePaths, kRelativeHelp);
 

@@ -49,7 +49,9 @@ int FilesOf(CliContext& context, const std::string& path, std::vector<std::strin
     return code == platform::ERROR_ACCESS_DENIED ? kExitPermission : kExitFailed;
   }
   for (const std::string& name : names) {
-    if (name.ends_with(".toml") && !name.starts_with('.')) files.push_back(path + (path.ends_with('/') ? "" : "/") + name);
+    if (name.ends_with(".toml") && !name.starts_with('.')) {
+      files.push_back(path + (path.ends_with('/') ? "" : "/") + name);
+    }
   }
   if (!files.empty()) return kExitDone;
   PrintError(context, path + ": the directory has no file *.toml");

@@ -46,7 +46,8 @@ void PrintFixed(CliContext& context, const std::string& about, const std::string
 void PrintChanges(CliContext& context, const std::vector<KeyDifference>& differences) {
   for (const KeyDifference& difference : differences) {
     if (difference.before) {
-      context.out << Paint(context.colourOut, Colour::kRed, Printable("- " + difference.key + " = " + *difference.before))
+      context.out << Paint(context.colourOut, Colour::kRed,
+                           Printable("- " + difference.key + " = " + *difference.before))
                   << "\n";
     }
     if (difference.after) {
@@ -113,7 +114,8 @@ class WorkingFile {
     const std::string id = IdText(m_target.id);
     platform::File file;
     for (int i = 0; code == platform::ERROR_SUCCESS && m_name.empty(); ++i) {
-      const std::string name = directory + "/edit-" + id.substr(1, 8) + (i == 0 ? "" : "-" + std::to_string(i)) + ".toml";
+      const std::string name =
+          directory + "/edit-" + id.substr(1, 8) + (i == 0 ? "" : "-" + std::to_string(i)) + ".toml";
       code = file.Open(name, platform::File::Access::kWrite, platform::File::Disposition::kCreateNew);
       if (code == platform::ERROR_SUCCESS) m_name = name;
       if (code == platform::ERROR_FILE_EXISTS && i < kMostNames) code = platform::ERROR_SUCCESS;
@@ -457,7 +459,8 @@ int RunRestore(CliContext& context, const OnlineSettings& settings, const Restor
   Session session(context, settings);
   if (const int exit = session.Begin(); exit != kExitDone) return exit;
   std::string text;
-  if (const ErrorCode code = platform::ReadInput(arguments.file, kScheduleFileLimit + 1, text); code != platform::ERROR_SUCCESS) {
+  if (const ErrorCode code = platform::ReadInput(arguments.file, kScheduleFileLimit + 1, text);
+      code != platform::ERROR_SUCCESS) {
     const int exit = FileFailure(context, arguments.file, code);
     return code == platform::ERROR_FILE_NOT_FOUND || code == platform::ERROR_PATH_NOT_FOUND ? kExitNotFound : exit;
   }

@@ -117,8 +117,8 @@ int Show(CliContext& context) {
   return kExitDone;
 }
 
-// The values of a key as they were. All writes of a handle are committed together, so that what is put back ahead of the
-// close was never changed.
+// The values of a key as they were. All writes of a handle are committed together, so that what is put back ahead of
+// the close was never changed.
 class FormerValues {
  public:
   [[nodiscard]] ErrorCode Read(const platform::RegistryKey& key) {
@@ -238,7 +238,8 @@ ErrorCode ReadSetting(const SettingRow& row, std::string& value) {
     // Deliberate: the service uses the low 16 bits of a port.
     if (code == ERROR_SUCCESS) value = std::to_string(row.name == "port" ? number & 0xFFFF : number);
   }
-  const bool isUnset = code == ERROR_FILE_NOT_FOUND || code == platform::ERROR_INVALID_DATA || code == platform::ERROR_MORE_DATA;
+  const bool isUnset =
+      code == ERROR_FILE_NOT_FOUND || code == platform::ERROR_INVALID_DATA || code == platform::ERROR_MORE_DATA;
   return isUnset ? ErrorCode{ERROR_SUCCESS} : code;
 }
 

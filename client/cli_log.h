@@ -25,7 +25,8 @@ struct LogArguments {
   bool follow = false;                 // goes on with new lines until an interrupt
   std::function<bool()> stop;          // tests: asked in each turn of following
 };
-// Shows the log. With --json a line is {"time":"2026-11-30 13:00:00","pid":n,"tid":n,"text":"..."}, each on its own line.
+// Shows the log. With --json a line is {"time":"2026-11-30 13:00:00","pid":n,"tid":n,"text":"..."}, each on its own
+// line.
 //   returns  kExitDone, also after an interrupt; kExitNotFound: no log; kExitPermission; kExitFailed
 [[nodiscard]] int RunLog(CliContext& context, const LogArguments& arguments);
 

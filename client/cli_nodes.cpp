@@ -52,8 +52,9 @@ void WarnOfRecord(CliContext& context, const SCHEDULE_OBJECT& schedule) {
   for (const auto field : kTravelling) {
     const std::u16string text = (schedule.*field).value_or(u"");
     if (text.find_first_of(u"<&") == std::u16string::npos) continue;
-    PrintNote(context, "warning: \"" + Utf8FromWide(text) +
-                           "\" has a \"<\" or \"&\", which can't be carried: the other nodes will refuse the operation");
+    PrintNote(context,
+              "warning: \"" + Utf8FromWide(text) +
+                  "\" has a \"<\" or \"&\", which can't be carried: the other nodes will refuse the operation");
   }
 }
 
@@ -235,7 +236,9 @@ bool ParseNodeList(const std::string& text, NodeNames& names, std::string& error
     if (name.size() == rest.size()) break;
     rest.remove_prefix(name.size() + 1);
   }
-  if (std::find(names.begin(), names.end(), kLocalhost) == names.end()) names.insert(names.begin(), std::u16string(kLocalhost));
+  if (std::find(names.begin(), names.end(), kLocalhost) == names.end()) {
+    names.insert(names.begin(), std::u16string(kLocalhost));
+  }
   return true;
 }
 
@@ -288,7 +291,8 @@ int RunNodesKeyfile(CliContext& context, const KeyfileArguments& arguments) {
   const std::string user = cut == std::string::npos ? "" : arguments.account.substr(cut + 1);
   const auto isWord = [](const std::string& word) {
     return !word.empty() && word.size() <= 100 && std::all_of(word.begin(), word.end(), [](unsigned char c) {
-      return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '.' || c == '-' || c == '_';
+      return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '.' || c == '-' ||
+             c == '_';
     });
   };
   if (!isWord(domain) || !isWord(user)) {
@@ -321,11 +325,13 @@ void AddNodeCommands(CLI::App& app, CliContext& context, CommandChoice& choice, 
     KeyfileArguments keyfile;
   };
   const auto state = std::make_shared<State>();
-  constexpr const char* kNodesHelp = "Names or addresses with commas between them; this node is added where it is missing";
+  constexpr const char* kNodesHelp =
+      "Names or addresses with commas between them; this node is added where it is missing";
 
   CLI::App* nodes = app.add_subcommand("nodes", "Other nodes of the cluster");
   nodes->require_subcommand(1);
-  CLI::App* exec = nodes->add_subcommand("exec", "Run a command on other nodes, under the account of the service there");
+  CLI::App* exec =
+      nodes->add_subcommand("exec", "Run a command on other nodes, under the account of the service there");
   exec->add_option("--nodes", state->nodes, kNodesHelp)->required()->type_name("LIST");
   exec->add_option("COMMAND", state->words, "The command line, or its words behind --")->required();
   exec->callback([&context, &choice, &settings, state] {
@@ -339,7 +345,8 @@ void AddNodeCommands(CLI::App& app, CliContext& context, CommandChoice& choice, 
   });
   CLI::App* keyfile = nodes->add_subcommand("keyfile", "Make the file of the nodes' common secret");
   keyfile->add_option("FILE", state->keyfile.file, "The file (nodes.key in the state directory)");
-  keyfile->add_option("--account", state->keyfile.account, "The common account (CLUSTER\\qxsvc)")->type_name("DOMAIN\\USER");
+  keyfile->add_option("--account", state->keyfile.account, "The common account (CLUSTER\\qxsvc)")
+      ->type_name("DOMAIN\\USER");
   keyfile->callback([&context, &choice, state] {
     choice.run = [&context, state] { return RunNodesKeyfile(context, state->keyfile); };
   });

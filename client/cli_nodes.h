@@ -1,4 +1,5 @@
-// client/cli_nodes.h: changes carried to several nodes: `--nodes` on the changing commands, `nodes exec`, `nodes keyfile`.
+// client/cli_nodes.h: changes carried to several nodes: `--nodes` on the changing commands, `nodes exec`, `nodes
+// keyfile`.
 //
 // With --nodes every creation, modification and deletion of a command goes to the named nodes too, after this one. Each
 // node gets a result line; a command that was done here and not on every other node ends with kExitSomeNodesFailed.

@@ -251,7 +251,9 @@ void PrintWindowTable(CliContext& context, const std::vector<ShownWindow>& windo
   for (const ShownWindow& window : windows) {
     std::string text;
     if (why != nullptr) {
-      for (const std::string& rule : RuleNames(window.match, LocalDay(window.start, zone), *why)) text += (text.empty() ? "" : ", ") + rule;
+      for (const std::string& rule : RuleNames(window.match, LocalDay(window.start, zone), *why)) {
+        text += (text.empty() ? "" : ", ") + rule;
+      }
     }
     width = std::max({width, text.size(), std::size_t{4}});
     rules.push_back(std::move(text));

@@ -198,7 +198,8 @@ int RunStatus(CliContext& context, const OnlineSettings& settings) {
     WriteJson(context.out, out);
     return kExitDone;
   }
-  const std::string wakeUp = properties.nextWakeUp < 0 ? "none" : FormatInstant(properties.nextWakeUp, platform::CurrentZone());
+  const std::string wakeUp =
+      properties.nextWakeUp < 0 ? "none" : FormatInstant(properties.nextWakeUp, platform::CurrentZone());
   context.out << "Service:          " << Paint(context.colourOut, Colour::kGreen, "running") << ", version "
               << Printable(properties.version) << "\n"
               << "Zone:             " << Printable(properties.zone) << "\n"

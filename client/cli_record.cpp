@@ -52,7 +52,9 @@ class Recording {
 
   int Run() {
     if (const int exit = Open(); exit != kExitDone) return exit;
-    if (const ErrorCode code = m_interrupt.Create(1); code != ERROR_SUCCESS) return FailHistory(m_context, m_file, code);
+    if (const ErrorCode code = m_interrupt.Create(1); code != ERROR_SUCCESS) {
+      return FailHistory(m_context, m_file, code);
+    }
     const platform::InterruptWatch watch(platform::InterruptWatch::kNever, {}, [this] {
       m_stopped = true;
       m_interrupt.Set(0);
@@ -288,7 +290,8 @@ int RunRecord(CliContext& context, const OnlineSettings& settings, const RecordA
 void AddRecordCommand(CLI::App& app, CliContext& context, CommandChoice& choice, const OnlineSettings& settings) {
   const auto record = std::make_shared<RecordArguments>();
   CLI::App* recordCommand = app.add_subcommand("record", "Keep a history of launches, changes and missed windows");
-  recordCommand->add_option("--file", record->file, "History file (history.db in the state directory)")->type_name("FILE");
+  recordCommand->add_option("--file", record->file, "History file (history.db in the state directory)")
+      ->type_name("FILE");
   recordCommand->add_option("--metrics", record->metrics, "Counts for node exporters, replaced as a whole (FILE.prom)")
       ->type_name("FILE");
   recordCommand->add_option("--max-size", record->sizeMib, "Most MiB of the history; the oldest entries go (64)")

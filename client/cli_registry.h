@@ -29,8 +29,8 @@ int RegList(std::string_view keyText, bool json, std::ostream& out, std::ostream
 // Shows one value.
 //   name  empty for the default value
 //   json  the value's object as RegList() has it, on one line; otherwise its data alone: a text as it is, the texts of
-//         a REG_MULTI_SZ a line each, a number in decimal, other bytes in lower-case hexadecimal. A damaged text is shown
-//         as far as it can be read, and said to be damaged on `err`.
+//         a REG_MULTI_SZ a line each, a number in decimal, other bytes in lower-case hexadecimal. A damaged text is
+//         shown as far as it can be read, and said to be damaged on `err`.
 int RegGet(std::string_view keyText, std::string_view name, bool json, std::ostream& out, std::ostream& err);
 
 // Sets a value; makes the key, and those above it, when absent. Bad arguments change nothing.

@@ -136,7 +136,8 @@ SCHEDULE_OBJECT AsServiceKeeps(const SCHEDULE_OBJECT& record) {
   CZEPScheduleObj adapter;
   adapter.m_pSchedule = schedule.get();
   // Refused rules are loaded all the same. A record that is read in part would be taken for one that was changed.
-  if (adapter.Validate_ScheduleRules(&record) == kStatusFailure || adapter.LoadScheduleFromPropBag(&kept) != kStatusOk) {
+  if (adapter.Validate_ScheduleRules(&record) == kStatusFailure ||
+      adapter.LoadScheduleFromPropBag(&kept) != kStatusOk) {
     throw std::runtime_error("the schedule's rules can't be read: " + FormatStatus(kStatusFailure));
   }
   return kept;

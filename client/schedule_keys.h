@@ -1,7 +1,7 @@
 // client/schedule_keys.h: a record as the keys of a schedule file, to compare and to change them one by one.
 //
-// A key is named as in the file, "window.start"; its value is the TOML text behind "=". job.run_now is no key here: it is
-// never stored. Empty texts count as not given.
+// A key is named as in the file, "window.start"; its value is the TOML text behind "=". job.run_now is no key here: it
+// is never stored. Empty texts count as not given.
 // Threads: every function may be called from any thread.
 #pragma once
 
@@ -49,8 +49,8 @@ struct KeyDifference {
 // The keys that AssignKey() knows, in the order of the file.
 [[nodiscard]] std::vector<std::string> SettableKeys();
 
-// Carries out KEY=VALUE, or for a list KEY+=VALUE and KEY-=VALUE. Texts are taken as they stand; a list is TOML or words
-// with commas between; an empty value takes the key away. An end takes a duration away, and the other way round.
+// Carries out KEY=VALUE, or for a list KEY+=VALUE and KEY-=VALUE. Texts are taken as they stand; a list is TOML or
+// words with commas between; an empty value takes the key away. An end takes a duration away, and the other way round.
 //   key      the key that was named
 //   returns  an error sentence, empty for success; the value itself isn't checked
 [[nodiscard]] std::string AssignKey(std::vector<ScheduleKey>& keys, const std::string& assignment, std::string& key);

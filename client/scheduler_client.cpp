@@ -135,8 +135,8 @@ Status SchedulerClient::Connect(const platform::BusAddress& address) {
   if (const ErrorCode rc = m_impl->connection.Open(address); rc != ERROR_SUCCESS) {
     return m_impl->Fail(rc, BusError::Failed("no connection to the message bus"));
   }
-  const bool anySink =
-      std::any_of(m_impl->slots.begin(), m_impl->slots.end(), [](const Impl::Slot& slot) { return slot.sink != nullptr; });
+  const bool anySink = std::any_of(m_impl->slots.begin(), m_impl->slots.end(),
+                                   [](const Impl::Slot& slot) { return slot.sink != nullptr; });
   if (m_impl->presence) {
     if (const Status status = m_impl->SubscribeToOwner(); status != kStatusOk) return status;
   }

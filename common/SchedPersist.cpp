@@ -115,11 +115,14 @@ constexpr TagRow kTags[] = {
 
 const TagRow& TagOf(ZepTag tag) {
   static constexpr TagRow kUnknown{0, "", "", 0};
-  const auto* const row = std::find_if(std::begin(kTags), std::end(kTags), [&](const TagRow& t) { return t.tag == tag; });
+  const auto* const row =
+      std::find_if(std::begin(kTags), std::end(kTags), [&](const TagRow& t) { return t.tag == tag; });
   return row != std::end(kTags) ? *row : kUnknown;
 }
 
-bool IsWalked(const PersistRow& row) { return row.name != nullptr && !std::holds_alternative<std::monostate>(row.field); }
+bool IsWalked(const PersistRow& row) {
+  return row.name != nullptr && !std::holds_alternative<std::monostate>(row.field);
+}
 
 std::string Narrow(std::u16string_view text) { return platform::Utf8FromWide(text); }
 
@@ -172,7 +175,9 @@ void WriteField(bostream& out, T value) {
 }
 void WriteField(bostream& out, const DateSet& dates) {
   out << static_cast<std::uint32_t>(dates.Size());
-  for (const std::int32_t day : dates.Days()) out << day;  // the binary form of a date; one that has none comes back too
+  for (const std::int32_t day : dates.Days()) {
+    out << day;  // the binary form of a date; one that has none comes back too
+  }
 }
 void WriteField(bostream& out, const std::vector<std::int16_t>& values) {
   out << static_cast<std::uint32_t>(values.size());
@@ -428,11 +433,13 @@ void GuardArray(const char* array, Load&& load) {
   try {
     load();
   } catch (const std::exception& error) {
-    QX_TRACE(kTraceError, "CSchedule::Load(LPZEPPROPERTYBAG pPropBag) - Error: A C++ exception was caught while loading "
-                              << array << ", attempting to continue.  The error message text is:" << error.what());
+    QX_TRACE(kTraceError,
+             "CSchedule::Load(LPZEPPROPERTYBAG pPropBag) - Error: A C++ exception was caught while loading "
+                 << array << ", attempting to continue.  The error message text is:" << error.what());
   } catch (...) {
-    QX_TRACE(kTraceError, "CSchedule::Load(LPZEPPROPERTYBAG pPropBag) - Error: A generic exception was caught while loading "
-                              << array << ", attempting to continue.");
+    QX_TRACE(kTraceError,
+             "CSchedule::Load(LPZEPPROPERTYBAG pPropBag) - Error: A generic exception was caught while loading "
+                 << array << ", attempting to continue.");
   }
 }
 
@@ -687,8 +694,9 @@ ZRESULT SchedulePersistence::Load(zepIPropertyBag* bag) const {
   } catch (const std::exception& error) {
     TraceFailedLoad("CSchedule::Load(LPZEPPROPERTYBAG pPropBag)", error.what());
   } catch (...) {
-    QX_TRACE(kTraceError, "CSchedule::Load(LPZEPPROPERTYBAG pPropBag) - Error: A generic exception was caught during the "
-                          "load process, loading aborted.");
+    QX_TRACE(kTraceError,
+             "CSchedule::Load(LPZEPPROPERTYBAG pPropBag) - Error: A generic exception was caught during the "
+             "load process, loading aborted.");
   }
   return result;
 }

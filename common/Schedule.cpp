@@ -196,7 +196,9 @@ ZRESULT CSchedule::put_EndTime(ZepTime time) {
   return ZEP_S_OK;
 }
 
-ZRESULT CSchedule::get_TimeDuration(std::uint32_t* milliseconds) { return Give(milliseconds, m_TimeDuration.GetMagnitude()); }
+ZRESULT CSchedule::get_TimeDuration(std::uint32_t* milliseconds) {
+  return Give(milliseconds, m_TimeDuration.GetMagnitude());
+}
 
 ZRESULT CSchedule::put_TimeDuration(std::uint32_t milliseconds) {
   if (milliseconds < kMinSpanMs || milliseconds > kMaxSpanMs) return RefuseArgument();

@@ -76,7 +76,8 @@ constexpr Field<S> kScheduleFields[] = {
 
 // --- text ---
 
-// The noncharacters of Unicode, which the bus library takes for ill-formed: U+FDD0 to U+FDEF and the last two of a plane.
+// The noncharacters of Unicode, which the bus library takes for ill-formed: U+FDD0 to U+FDEF and the last two of a
+// plane.
 constexpr bool IsNoncharacter(std::uint32_t c) { return (c >= 0xFDD0 && c <= 0xFDEF) || (c & 0xFFFE) == 0xFFFE; }
 
 // The text with U+FFFD for each character that no string of the bus holds. A lone surrogate is left to the conversion.

@@ -144,7 +144,8 @@ constexpr TagRow kTagRows[] = {
 };
 
 const TagRow* RowOf(ZepTag tag) {
-  const auto* found = std::find_if(std::begin(kTagRows), std::end(kTagRows), [&](const TagRow& r) { return r.tag == tag; });
+  const auto* found =
+      std::find_if(std::begin(kTagRows), std::end(kTagRows), [&](const TagRow& r) { return r.tag == tag; });
   return found == std::end(kTagRows) ? nullptr : found;
 }
 
@@ -335,13 +336,15 @@ std::int32_t CIniFilePropertyBag::WriteWide(const wcstring& section, const wcstr
   return WriteUnsigned(section, key, static_cast<std::uint32_t>(value));
 }
 
-std::uint32_t CIniFilePropertyBag::WriteDateArray(const wcstring& section, const wcstring&, const PropertyValue& value) {
+std::uint32_t CIniFilePropertyBag::WriteDateArray(const wcstring& section, const wcstring&,
+                                                  const PropertyValue& value) {
   const auto dates = value.Dates();
   for (std::size_t i = 0; i < dates.size(); ++i) WriteWide(section, ElementKey(i), static_cast<long>(dates[i]));
   return static_cast<std::uint32_t>(dates.size());
 }
 
-std::uint32_t CIniFilePropertyBag::WriteByteArray(const wcstring& section, const wcstring&, const PropertyValue& value) {
+std::uint32_t CIniFilePropertyBag::WriteByteArray(const wcstring& section, const wcstring&,
+                                                  const PropertyValue& value) {
   const auto bytes = value.Bytes();
   // Deliberate: an 8-bit counter numbers the bytes, so that those behind the 256th are never stored.
   const std::size_t stored = std::min(bytes.size(), kByteCounterEnd);
@@ -356,7 +359,8 @@ std::uint32_t CIniFilePropertyBag::WriteInt16Array(const wcstring& section, cons
   return static_cast<std::uint32_t>(numbers.size());
 }
 
-std::uint32_t CIniFilePropertyBag::WriteStringMap(const wcstring& section, const wcstring&, const PropertyValue& value) {
+std::uint32_t CIniFilePropertyBag::WriteStringMap(const wcstring& section, const wcstring&,
+                                                  const PropertyValue& value) {
   const std::vector<std::string> strings = value.Strings();
   const wcstring own = section;  // its narrow form is cached in the string, and the section names are shared
   for (std::size_t i = 0; i < strings.size(); i += 2) {

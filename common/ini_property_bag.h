@@ -1,8 +1,8 @@
 // common/ini_property_bag.h: the property bag over a schedule's .ini file.
 //
-// Which section a property lands in: the twelve general names in "General", a string map in "Custom Map Data", the bytes
-// of "m_DayOfWeekList" in "DayOfWeekArray", all else in "Run Day Rules". The bag holds nothing but the path: each call
-// goes to the file through the platform's profile calls (platform/profile.h), so that within a ProfileBatch of the
+// Which section a property lands in: the twelve general names in "General", a string map in "Custom Map Data", the
+// bytes of "m_DayOfWeekList" in "DayOfWeekArray", all else in "Run Day Rules". The bag holds nothing but the path: each
+// call goes to the file through the platform's profile calls (platform/profile.h), so that within a ProfileBatch of the
 // calling thread a whole save or load is one replacement or one read of the file.
 // Threads: one bag serves one thread at a time; the reference count is atomic.
 #pragma once
@@ -83,7 +83,8 @@ class CIniFilePropertyBag : public zepIPropertyBag {
   virtual std::int32_t WriteString(const ZepFoundation::wcstring& section, const ZepFoundation::wcstring& key,
                                    const char* text);
   // The low 32 bits, by WriteUnsigned: the first form for dates, the second for times.
-  virtual std::int32_t WriteWide(const ZepFoundation::wcstring& section, const ZepFoundation::wcstring& key, long value);
+  virtual std::int32_t WriteWide(const ZepFoundation::wcstring& section, const ZepFoundation::wcstring& key,
+                                 long value);
   // The keys are "Item01" to "Item09", "Item010", then "Item11" and on. Items of an older, longer array stay.
   virtual std::uint32_t WriteDateArray(const ZepFoundation::wcstring& section, const ZepFoundation::wcstring& key,
                                        const PropertyValue& value);

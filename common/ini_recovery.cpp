@@ -19,7 +19,8 @@ bool RestoreOldIniFile(std::u16string_view path) {
   if (rc == platform::ERROR_FILE_EXISTS) return false;  // the modification has put its new file there meanwhile
   // Only the directory's sync can have failed where the file is there.
   if (rc != platform::ERROR_SUCCESS && !platform::FileExists(file)) {
-    ServiceLog(1, u"The schedule file %s is missing and its .old copy can't be moved back, error : %d", ForLog(path), rc);
+    ServiceLog(1, u"The schedule file %s is missing and its .old copy can't be moved back, error : %d", ForLog(path),
+               rc);
     return false;
   }
   ServiceLog(1, u"The schedule file %s was missing and was restored from its .old copy", ForLog(path));

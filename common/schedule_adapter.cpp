@@ -282,7 +282,8 @@ std::optional<std::vector<ZepTime>> ReadDates(std::u16string_view path, const Da
     }
   }
   if (missing != 0) {
-    ServiceLog(kLogFailure, u"CZEPScheduleObj::LoadScheduleFromFile: the section %s of %s is damaged, %d dates of it are kept",
+    ServiceLog(kLogFailure,
+               u"CZEPScheduleObj::LoadScheduleFromFile: the section %s of %s is damaged, %d dates of it are kept",
                section.name, ForLog(path), dates.size());
   }
   return dates;
@@ -488,7 +489,7 @@ std::uint32_t CZEPScheduleObj::GetNextTimeWindow() {
   return static_cast<std::uint32_t>(start);
 }
 
-// --- saves -------------------------------------------------------------------------------------------------------------
+// --- saves -----------------------------------------------------------------------------------------------------------
 
 struct CScheduleFileSave::State {
   explicit State(CZEPScheduleObj& object) : schedule(object) {}

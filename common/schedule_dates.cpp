@@ -32,7 +32,8 @@ std::int32_t LocalDayOf(ZepTime seconds) {
   constexpr ZepTime kLast = 253402300800;                    // the end of year 9999
   if (seconds < kFirst || seconds > kLast) return -1;
   const std::int64_t wall = platform::CurrentZone().ToWall(seconds);
-  const platform::CivilDate civil = platform::CivilFromDays((wall >= 0 ? wall : wall - (kSecondsPerDay - 1)) / kSecondsPerDay);
+  const platform::CivilDate civil =
+      platform::CivilFromDays((wall >= 0 ? wall : wall - (kSecondsPerDay - 1)) / kSecondsPerDay);
   CDate date(ZepFoundation::QTM_FIXED);
   date.SetDate(static_cast<int>(civil.year), civil.month, civil.day);
   return static_cast<std::int32_t>(DayFromDate(date));

@@ -45,8 +45,9 @@ ErrorCode ConfigureServiceAccount(std::string_view account, const std::string& d
     return code;
   };
   if (const ErrorCode rc = platform::OpenService(kServiceName); rc != ERROR_SUCCESS) {
-    return failed(rc, rc == platform::ERROR_FILE_NOT_FOUND ? "no service is installed; install it with: QxSchedService -Service"
-                                                           : "the service's record can't be opened");
+    return failed(rc, rc == platform::ERROR_FILE_NOT_FOUND
+                          ? "no service is installed; install it with: QxSchedService -Service"
+                          : "the service's record can't be opened");
   }
   const std::u16string wide = platform::WideFromUtf8(account);
   const bool root = wide.empty() || platform::IsLocalSystemAccount(wide);

@@ -104,8 +104,8 @@ bool WalkMonth(const std::array<std::uint32_t, 5>& words, const ZepFoundation::C
   return false;
 }
 
-// Deliberate: the fields of a date in the first century, as the invalid date has them too, make one in the twentieth, so
-// that the answer isn't the next such day.
+// Deliberate: the fields of a date in the first century, as the invalid date has them too, make one in the twentieth,
+// so that the answer isn't the next such day.
 DayNumber NextWeekdayDateByWalk(const std::array<std::uint32_t, 5>& words, DayNumber day) {
   const ZepFoundation::CDate date = DateFromDay(day);
   ZepFoundation::CDate out(ZepFoundation::QTM_FIXED);
@@ -227,7 +227,8 @@ bool WindowSearch::IsDayUsedUp(Moment ref, DayNumber day) const {
   if (IsBehindLimit(day)) return true;
   if (day != DateOf(ref) || (day == m_openDay && ref.wallMs == m_openRefMs)) return false;
   const Moment start = AtStart(day);
-  // Deliberate: by the wall clock; a start that it has shown in the first of two equal hours isn't offered in the second.
+  // Deliberate: by the wall clock; a start that it has shown in the first of two equal hours isn't offered in the
+  // second.
   if (Less(ref, start)) return false;
   if (!RestartInUse()) return true;
   const Moment end = Plus(start, m_rules.durationMs);

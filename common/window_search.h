@@ -36,8 +36,8 @@ struct WindowRules {
 };
 
 // The next date on or after `day` that the weekday words name; where this month and the next hold none (only bit 7 is
-// set), the first of the next month. A negative `day` is the invalid date, which may come out, too, as -1. From a day in
-// front of the year 100 the answer is a date of 1901 to 1999.
+// set), the first of the next month. A negative `day` is the invalid date, which may come out, too, as -1. From a day
+// in front of the year 100 the answer is a date of 1901 to 1999.
 [[nodiscard]] DayNumber NextWeekdayDate(const std::array<std::uint32_t, 5>& words, DayNumber day);
 
 // The answer of a window query.

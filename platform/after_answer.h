@@ -6,9 +6,9 @@
 
 namespace platform {
 
-// While one of a thread lives, what the thread leaves is gathered; when the last one ends all of it is done. Waking whoever
-// waits for an event (event.h) is left too: it comes first, so that the caller has its answer before another thread goes
-// to work on what the call has changed, and no later than that.
+// While one of a thread lives, what the thread leaves is gathered; when the last one ends all of it is done. Waking
+// whoever waits for an event (event.h) is left too: it comes first, so that the caller has its answer before another
+// thread goes to work on what the call has changed, and no later than that.
 // Threads: made and ended on one thread, whose work alone it gathers.
 class AfterAnswer {
  public:

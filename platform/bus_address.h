@@ -24,7 +24,9 @@ struct BusError {
   std::string name;
   std::string text;
   [[nodiscard]] bool IsSet() const { return !name.empty(); }
-  [[nodiscard]] static BusError InvalidArgs(std::string text) { return {std::string(kBusErrorInvalidArgs), std::move(text)}; }
+  [[nodiscard]] static BusError InvalidArgs(std::string text) {
+    return {std::string(kBusErrorInvalidArgs), std::move(text)};
+  }
   [[nodiscard]] static BusError LimitsExceeded(std::string text) {
     return {std::string(kBusErrorLimitsExceeded), std::move(text)};
   }

@@ -18,8 +18,8 @@ namespace platform {
 // A message that came in: a call, a reply or a signal, with a cursor over its values. Move only; empty by default.
 //
 // Reading: each Read and Enter looks at the next value of the innermost entered container and moves behind it. One that
-// meets another type returns ERROR_INVALID_DATA (13), or ERROR_NO_MORE_ITEMS (259) at the end, and moves nothing, so the
-// caller can name what it was reading. On an empty reader everything is at its end.
+// meets another type returns ERROR_INVALID_DATA (13), or ERROR_NO_MORE_ITEMS (259) at the end, and moves nothing, so
+// the caller can name what it was reading. On an empty reader everything is at its end.
 //   for (rc = reader.EnterArray("{sv}"); rc == 0 && !reader.AtEnd();) { EnterDictEntry("sv") ... Exit(); }  Exit();
 class MessageReader {
  public:

@@ -74,7 +74,9 @@ BusError FromLibrary(const sd_bus_error* error) {
 // An error of this end, for a call that got no answer.
 BusError LocalError(ErrorCode code, std::string text) {
   const bool lost = code == ERROR_NOT_CONNECTED || code == ERROR_CONNECTION_ABORTED;
-  const std::string_view name = lost ? kBusErrorDisconnected : code == ERROR_TIMEOUT ? kBusErrorNoReply : kBusErrorFailed;
+  const std::string_view name = lost                    ? kBusErrorDisconnected
+                                : code == ERROR_TIMEOUT ? kBusErrorNoReply
+                                                        : kBusErrorFailed;
   return {std::string(name), std::move(text)};
 }
 
@@ -379,7 +381,8 @@ std::optional<std::uint32_t> BusConnection::PollLimit() const {
   if (!IsOpen() || sd_bus_get_timeout(m_state->bus, &due) < 0 || due == UINT64_MAX) return std::nullopt;
   // The library counts on CLOCK_MONOTONIC, which is what the steady clock reads.
   const auto sinceBoot = std::chrono::steady_clock::now().time_since_epoch();
-  const auto present = static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(sinceBoot).count());
+  const auto present =
+      static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(sinceBoot).count());
   if (due <= present) return 0;
   return static_cast<std::uint32_t>(std::min<std::uint64_t>((due - present + 999) / 1000, Apartment::kForever - 1));
 }
@@ -388,7 +391,8 @@ bool BusConnection::WaitForWork(std::uint32_t limitMs) {
   if (!IsOpen()) return false;
   if (const auto limit = PollLimit()) limitMs = std::min(limitMs, *limit);
   pollfd descriptor = {PollDescriptor(), PollEvents(), 0};
-  const int timeout = limitMs == Apartment::kForever ? -1 : static_cast<int>(std::min<std::uint32_t>(limitMs, INT32_MAX));
+  const int timeout =
+      limitMs == Apartment::kForever ? -1 : static_cast<int>(std::min<std::uint32_t>(limitMs, INT32_MAX));
   if (poll(&descriptor, 1, timeout) > 0) return true;
   const auto limit = PollLimit();
   return limit && *limit == 0;

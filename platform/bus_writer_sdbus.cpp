@@ -65,7 +65,9 @@ void MessageWriter::Note(int result) {
   if (result < 0 && m_result == ERROR_SUCCESS) m_result = BusCode(result);
 }
 
-void MessageWriter::Count(std::size_t align, std::size_t size) { m_bytes = (m_bytes + align - 1) / align * align + size; }
+void MessageWriter::Count(std::size_t align, std::size_t size) {
+  m_bytes = (m_bytes + align - 1) / align * align + size;
+}
 
 template <typename T>
 void MessageWriter::AppendNumber(char type, T value) {

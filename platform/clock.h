@@ -60,8 +60,8 @@ class Zone {
     std::int32_t offset;  // seconds to subtract
   };
 
-  // The zone that a TZ text names, read as the C library reads TZ; an unknown or empty text is UTC. Not for a running service:
-  // the process-wide zone of the C library is changed for the time of the call, under a lock of this file.
+  // The zone that a TZ text names, read as the C library reads TZ; an unknown or empty text is UTC. Not for a running
+  // service: the process-wide zone of the C library is changed for the time of the call, under a lock of this file.
   [[nodiscard]] static Zone FromTz(const std::string& tz);
 
   // Seconds east of UTC at an instant, and whether daylight saving is in force.

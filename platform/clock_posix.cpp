@@ -200,7 +200,9 @@ class ZoneLoader {
     Zone zone = Sample(!text ? std::string() : text->empty() ? "UTC" : *text);
     const Zone* before = g_currentZone.load(std::memory_order_relaxed);
     const bool changed = before == nullptr || !SameRules(*before, zone);
-    if (changed || before->m_name != zone.m_name) g_currentZone.store(&Keep(std::move(zone)), std::memory_order_release);
+    if (changed || before->m_name != zone.m_name) {
+      g_currentZone.store(&Keep(std::move(zone)), std::memory_order_release);
+    }
     return changed;
   }
 

@@ -87,7 +87,9 @@ struct CryptoKey::Key {
   KeyHandle handle;
   bool isPair = false;
   // Of a block.
-  [[nodiscard]] std::uint32_t Bytes() const { return (static_cast<std::uint32_t>(EVP_PKEY_get_bits(handle.get())) + 7) / 8; }
+  [[nodiscard]] std::uint32_t Bytes() const {
+    return (static_cast<std::uint32_t>(EVP_PKEY_get_bits(handle.get())) + 7) / 8;
+  }
 };
 
 ErrorCode CryptoProvider::AcquireContext(std::u16string_view provider, std::uint32_t type, std::uint32_t flags,
@@ -159,7 +161,8 @@ ErrorCode CryptoKey::Import(const CryptoProvider& provider, std::span<const std:
 }
 
 ErrorCode CryptoKey::ExportPublic(std::span<std::uint8_t> buffer, std::uint32_t& size) const {
-  if (const ErrorCode fault = FaultAt(Operation::kCryptExportKey, buffer.empty() ? "size" : "blob"); fault != ERROR_SUCCESS)
+  if (const ErrorCode fault = FaultAt(Operation::kCryptExportKey, buffer.empty() ? "size" : "blob");
+      fault != ERROR_SUCCESS)
     return fault;
   if (!m_key) return ERROR_INVALID_PARAMETER;
   const std::uint32_t bytes = m_key->Bytes();
@@ -217,7 +220,8 @@ ErrorCode CryptoKey::Decrypt(bool, std::span<std::uint8_t> buffer, std::uint32_t
   if (!m_key->isPair) return NTE_BAD_DATA;
   const KeyContext context(EVP_PKEY_CTX_new_from_pkey(nullptr, m_key->handle.get(), nullptr));
   if (!context || EVP_PKEY_decrypt_init(context.get()) != 1 ||
-      EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) != 1 || !WantErrorsForWrongPadding(context.get())) {
+      EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) != 1 ||
+      !WantErrorsForWrongPadding(context.get())) {
     return Failed(NTE_FAIL);
   }
   std::vector<std::uint8_t> block(bytes), plain(bytes);

@@ -2,8 +2,8 @@
 //
 // An event is set or not set. A wait that finds one set takes it (resets it) and returns its index; among several set
 // events the lowest index wins and the others stay set. Setting a set event changes nothing, so a burst of settings
-// collapses to one wake-up. No setting is ever lost to a waiter, and one setting wakes one waiter: behind the answer where
-// the thread that sets has one to give (after_answer.h); whoever looks finds it set at once.
+// collapses to one wake-up. No setting is ever lost to a waiter, and one setting wakes one waiter: behind the answer
+// where the thread that sets has one to give (after_answer.h); whoever looks finds it set at once.
 // Threads: Set() and Wait() from any thread; Create() before the set is shared.
 #pragma once
 

@@ -1,7 +1,7 @@
 // platform/event_log.h: the system's event log: numbered events under a source's name.
 //
-// An event goes to the journal with its number in the field EVENT_ID where a journal listens, else to syslog. Writing an
-// event never fails for its caller and never waits for a reader: one whose queue is full misses it.
+// An event goes to the journal with its number in the field EVENT_ID where a journal listens, else to syslog. Writing
+// an event never fails for its caller and never waits for a reader: one whose queue is full misses it.
 // Threads: any.
 #pragma once
 

@@ -40,8 +40,8 @@ int PriorityOf(EventKind kind) {
   return LOG_INFO;
 }
 
-// One datagram, without waiting for a reader whose queue is full, as the libraries of journal and syslog would: false only
-// when nobody listens there.
+// One datagram, without waiting for a reader whose queue is full, as the libraries of journal and syslog would: false
+// only when nobody listens there.
 bool SendTo(std::string_view socketName, const std::string& datagram) {
   const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (sender < 0) return true;

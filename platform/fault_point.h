@@ -27,7 +27,8 @@ namespace platform {
   X(ArrayCreate) X(ArrayAccessData) X(ArrayUnaccessData) X(ArrayDestroy) X(GetRecordInfo)                    \
   X(LoadLibrary) X(GetProcAddress)                                                                           \
   X(BusConnect) X(BusRequestName) X(BusCreateInstance) X(BusSend)                                            \
-  X(SocketStartup) X(OpenServiceManager) X(OpenService) X(QueryServiceConfig) X(ChangeServiceConfig) X(CreateService) X(DeleteService) \
+  X(SocketStartup) X(OpenServiceManager) X(OpenService) X(QueryServiceConfig) X(ChangeServiceConfig)         \
+  X(CreateService) X(DeleteService)                                                                          \
   X(RegisterServiceHandler) X(ConvertText)                                                                   \
   X(CryptAcquireContext) X(CryptGenKey) X(CryptExportKey) X(CryptImportKey) X(CryptEncrypt) X(CryptDecrypt)  \
   X(CryptDestroyKey)                                                                                         \
@@ -55,7 +56,8 @@ extern std::atomic<bool> g_faultSeamArmed;
 
 // What the call is to fail with, 0 for "go on".
 //   detail  what the call works on (an allocation's name, a value's name); only compared with a plan's own detail
-[[nodiscard]] inline ErrorCode FaultAt([[maybe_unused]] Operation operation, [[maybe_unused]] std::string_view detail = {}) {
+[[nodiscard]] inline ErrorCode FaultAt([[maybe_unused]] Operation operation,
+                                       [[maybe_unused]] std::string_view detail = {}) {
 #ifdef QX_FAULT_SEAM
   if (detail::g_faultSeamArmed.load(std::memory_order_relaxed)) return detail::AskFaultPlan(operation, detail);
 #endif

@@ -35,15 +35,17 @@ void SetStateDirectory(std::string directory);
 // Empty for an empty text and for one with a NUL, which can name no file.
 [[nodiscard]] std::string NativePath(std::u16string_view clientPath);
 
-// Puts the process's current directory in front of a kernel name that is not absolute, and takes separators off its end.
+// Puts the process's current directory in front of a kernel name that is not absolute, and takes separators off its
+// end.
 //   name     unchanged on failure
-//   returns  0; ERROR_PATH_NOT_FOUND (3) for an empty name; the host's code without a current directory (kDirectoryExists)
+//   returns  0; ERROR_PATH_NOT_FOUND (3) for an empty name; the host's code without a current directory
+//            (kDirectoryExists)
 [[nodiscard]] ErrorCode AbsoluteName(std::string& name);
 
 // The part of a kernel name in front of its last "/": "." for a name without one, "/" for names in the root.
 [[nodiscard]] std::string DirectoryOf(const std::string& name);
 
-// --- whole files and directories ---------------------------------------------------------------------------------------
+// --- whole files and directories -------------------------------------------------------------------------------------
 
 // Whether a file (anything but a directory) or a directory of that name exists; links are followed. What can't be
 // looked at doesn't exist.
@@ -152,7 +154,8 @@ class File {
   // Contents and size are on disk afterwards.
   [[nodiscard]] ErrorCode Sync();
   // Waits for the exclusive lock on the byte at `offset`. Locks belong to this opening of the file: a second File on
-  // the same name waits, in this process as in another. Asks Operation::kLockFile again, on "wait", when it has to wait.
+  // the same name waits, in this process as in another. Asks Operation::kLockFile again, on "wait", when it has to
+  // wait.
   [[nodiscard]] ErrorCode LockByte(std::uint64_t offset);
   // The same without waiting: ERROR_LOCK_VIOLATION (33) when somebody else holds it.
   [[nodiscard]] ErrorCode TryLockByte(std::uint64_t offset);

@@ -293,7 +293,7 @@ std::string DirectoryOf(const std::string& name) {
   return slash == 0 ? "/" : name.substr(0, slash);
 }
 
-// --- whole files and directories ---------------------------------------------------------------------------------------
+// --- whole files and directories -------------------------------------------------------------------------------------
 
 bool FileExists(const std::string& name) {
   if (FaultAt(Operation::kFileExists, name) != ERROR_SUCCESS) return false;
@@ -372,7 +372,8 @@ ErrorCode SyncDirectory(const std::string& name) {
 
 ErrorCode ReadWholeFile(const std::string& name, std::string& contents) {
   File file;
-  if (const ErrorCode rc = file.Open(name, File::Access::kRead, File::Disposition::kOpenExisting); rc != ERROR_SUCCESS) {
+  if (const ErrorCode rc = file.Open(name, File::Access::kRead, File::Disposition::kOpenExisting);
+      rc != ERROR_SUCCESS) {
     return rc;
   }
   std::string bytes;
@@ -387,7 +388,7 @@ ErrorCode ReplaceWholeFile(const std::string& name, std::string_view contents, D
   return rc == ERROR_SUCCESS ? replacement.Finish() : rc;
 }
 
-// --- replacements --------------------------------------------------------------------------------------------------------
+// --- replacements ----------------------------------------------------------------------------------------------------
 
 ErrorCode FileReplacement::Begin(const std::string& name, std::string_view contents, Durable durable) {
   Discard();

@@ -47,7 +47,9 @@ class KeyboardIgnored {
 
 //   input  the child's standard input; -1: this process's own
 ErrorCode Spawn(std::vector<std::string> words, char** environment, int input, sigset_t defaults, pid_t& process) {
-  if (const ErrorCode fault = FaultAt(Operation::kCreateProcess, words.empty() ? "" : words[0]); fault != 0) return fault;
+  if (const ErrorCode fault = FaultAt(Operation::kCreateProcess, words.empty() ? "" : words[0]); fault != 0) {
+    return fault;
+  }
   if (words.empty() || words[0].empty()) return ERROR_FILE_NOT_FOUND;
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());

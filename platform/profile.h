@@ -80,8 +80,8 @@ ErrorCode GetProfileSection(std::u16string_view path, std::u16string_view sectio
 
 // Gathers the profile calls that the making thread makes on one path, until the batch is destroyed. The file is read
 // and parsed once, by the first such call. Calls of other threads, and on other paths, don't see the batch.
-// Bound to its thread; batches of one thread end in the reverse order of their beginning. Of two batches on one path the
-// younger takes the calls.
+// Bound to its thread; batches of one thread end in the reverse order of their beginning. Of two batches on one path
+// the younger takes the calls.
 class ProfileBatch {
  public:
   enum Purpose {

@@ -2,8 +2,8 @@
 //
 // For somebody who takes in a hundred thousand sub keys at once, as the service does at its start: call by call most of
 // the time goes into finding each value by its name. The pass has a connection of its own, which only reads, and one
-// read transaction; it needs no open store. The values come in the order in which they lie in the file, not in that of the
-// names; each sub key says which index it has in an enumeration.
+// read transaction; it needs no open store. The values come in the order in which they lie in the file, not in that of
+// the names; each sub key says which index it has in an enumeration.
 // What was read may be used instead of calls for as long as Holds() says so.
 // Threads: one object serves one thread at a time; Folded() and Size() from any, behind Open().
 #pragma once

@@ -31,8 +31,8 @@
 #define QX_ADDRESS_SANITIZER 1
 #endif
 #ifdef QX_ADDRESS_SANITIZER
-// The NTLM module of the host's packages reads one byte behind a name of its own when it copies it, and forgets 32 bytes
-// at each acquisition of credentials; both are reported for whatever program loads it.
+// The NTLM module of the host's packages reads one byte behind a name of its own when it copies it, and forgets 32
+// bytes at each acquisition of credentials; both are reported for whatever program loads it.
 extern "C" const char* __asan_default_suppressions();
 extern "C" const char* __asan_default_suppressions() { return "interceptor_via_lib:gssntlmssp.so\n"; }
 extern "C" const char* __lsan_default_suppressions();
@@ -614,7 +614,9 @@ ErrorCode UseCredentialsFile(const std::string& standard, std::string& file, std
 ErrorCode MakeCredentialsFile(const std::string& file, std::string_view domain, std::string_view user) {
   if (const ErrorCode fault = FaultAt(Operation::kCreateFile, file); fault != ERROR_SUCCESS) return fault;
   std::array<std::uint8_t, kSecretBytes> secret{};
-  if (getrandom(secret.data(), secret.size(), 0) != static_cast<ssize_t>(secret.size())) return ErrorCodeFromErrno(errno);
+  if (getrandom(secret.data(), secret.size(), 0) != static_cast<ssize_t>(secret.size())) {
+    return ErrorCodeFromErrno(errno);
+  }
   std::string line = std::string(domain) + "\\" + std::string(user) + ":0:" + std::string(kNoLmHash) + ":";
   for (const std::uint8_t byte : secret) {
     constexpr char kDigits[] = "0123456789ABCDEF";

@@ -55,7 +55,8 @@ class ServiceControlHandler {
   // Blocks SIGTERM and SIGINT in the calling thread, and so in each thread that it starts later, and begins to
   // receive them. Call it on the main thread before any other thread starts: a thread with the signals unblocked would
   // take them away, and the process would end. Asks Operation::kRegisterServiceHandler.
-  //   returns  0; ERROR_BUSY (170) when started already; ERROR_INVALID_PARAMETER (87) without a handler; the host's code
+  //   returns  0; ERROR_BUSY (170) when started already; ERROR_INVALID_PARAMETER (87) without a handler; the host's
+  //            code
   [[nodiscard]] ErrorCode Start(Handler handler);
 
   // Hands a control to the handler as if the manager had sent it. Any thread, after Start().

@@ -61,7 +61,8 @@ std::string WantsName(const ServerInstallation& i) {
 }
 
 std::string ActivationName(const ServerInstallation& i) {
-  return (i.forUser ? UserPlace("XDG_DATA_HOME", "/.local/share", "/dbus-1/services/") : i.destination + kSystemServices) +
+  return (i.forUser ? UserPlace("XDG_DATA_HOME", "/.local/share", "/dbus-1/services/")
+                    : i.destination + kSystemServices) +
          i.busName + ".service";
 }
 
@@ -271,7 +272,8 @@ bool IsAccount(std::string_view account) {
   passwd entry = {};
   passwd* found = nullptr;
   std::vector<char> buffer(16384);
-  return getpwnam_r(std::string(account).c_str(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
+  return getpwnam_r(std::string(account).c_str(), &entry, buffer.data(), buffer.size(), &found) == 0 &&
+         found != nullptr;
 }
 
 ErrorCode InstallAccount(const ServerInstallation& i, std::string_view account, std::string& failed) {

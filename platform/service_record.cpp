@@ -90,7 +90,9 @@ ErrorCode QueryServiceAccount(std::u16string_view name, std::u16string& account)
 ErrorCode ChangeServiceAccount(std::u16string_view name, std::u16string_view account) {
   if (const ErrorCode rc = FaultAt(Operation::kChangeServiceConfig); rc != ERROR_SUCCESS) return rc;
   RegistryKey key;
-  if (const ErrorCode rc = OpenKey(Hive::kLocalMachine, KeyOf(name), KEY_ALL_ACCESS, key); rc != ERROR_SUCCESS) return rc;
+  if (const ErrorCode rc = OpenKey(Hive::kLocalMachine, KeyOf(name), KEY_ALL_ACCESS, key); rc != ERROR_SUCCESS) {
+    return rc;
+  }
   const ErrorCode set = SetString(key, u"ObjectName", account.empty() ? kLocalSystemAccount : account);
   const ErrorCode closed = key.Close();
   return set != ERROR_SUCCESS ? set : closed;

@@ -264,7 +264,8 @@ inline char* NarrowCharacter(const char16_t* text, std::size_t size, std::size_t
 }
 
 // Writes the bytes of text[at..end) and moves `at` behind what was taken, which is `end` or, where a pair stands across
-// it, one unit more. There is room for kMostBytesOfAUnit bytes a unit and one more. Returns behind the last one written.
+// it, one unit more. There is room for kMostBytesOfAUnit bytes a unit and one more. Returns behind the last one
+// written.
 char* NarrowToUtf8(const char16_t* text, std::size_t size, std::size_t& at, std::size_t end, char* out) {
   while (at < end) {
     for (std::size_t ascii = kBlock; ascii == kBlock && end - at >= kBlock;) {

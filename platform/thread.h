@@ -1,7 +1,7 @@
 // platform/thread.h: threads, and the numbers of this process and thread.
 //
-// A thread's function lets nothing escape: an exception that leaves it ends the process. A thread takes no stop control and
-// no interrupt (SIGTERM, SIGINT): these are left to the thread that the program started with.
+// A thread's function lets nothing escape: an exception that leaves it ends the process. A thread takes no stop control
+// and no interrupt (SIGTERM, SIGINT): these are left to the thread that the program started with.
 // Threads: every function may be called from any thread; one Thread object by one thread at a time.
 #pragma once
 

@@ -15,8 +15,8 @@ namespace {
 
 constexpr std::size_t kThreadNameBytes = 15;  // the kernel's limit, without the NUL
 
-// A thread begins with the signals blocked that end a program: they are for the thread that waits for them, which may come
-// to it later than this one begins, and would else end the program here and now.
+// A thread begins with the signals blocked that end a program: they are for the thread that waits for them, which may
+// come to it later than this one begins, and would else end the program here and now.
 class EndingSignalsBlocked {
  public:
   EndingSignalsBlocked() {

@@ -139,7 +139,8 @@ CChildSession::Step CChildSession::ExchangeKeys() {
   } else {
     std::vector<std::uint8_t> blob;
     // A failed allocation ends like a failed receive.
-    if (ReceivePayload(m_socket, m_header.msgLen, "ChildSocketThread key", kKeptBlobSize, blob) != PayloadResult::kDone) {
+    if (ReceivePayload(m_socket, m_header.msgLen, "ChildSocketThread key", kKeptBlobSize, blob) !=
+        PayloadResult::kDone) {
       return Step::kClose;
     }
     m_callerKey = m_keys.ImportKey(blob, u"");

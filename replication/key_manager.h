@@ -1,7 +1,7 @@
 // replication/key_manager.h: CKeyManager, the key pair of this service and the public keys of its peers.
 //
-// Messages are encrypted directly with RSA, block by block: 245 bytes of plain text give 256 of cipher text. The pair is
-// made at its first use and lives to the end of the process; nothing is kept in files. Each connection exchanges
+// Messages are encrypted directly with RSA, block by block: 245 bytes of plain text give 256 of cipher text. The pair
+// is made at its first use and lives to the end of the process; nothing is kept in files. Each connection exchanges
 // public keys anew. Functions that return an int give 1 for success and 0 for failure, which is logged.
 // Threads: any. A first use from several threads makes one pair, the others wait for it; it takes a few tenths of a
 // second, so no caller may hold g_JobListLock.

@@ -3,8 +3,8 @@
 // A remote operation touches this node's registry store alone, or runs a command: no job list, no .ini file, no event.
 // Every failure ends its connection and is told to nobody but the log; only an operation that failed, or a body that
 // can't be parsed, is acknowledged with a result other than 0.
-// Threads: SocketThread() on a thread of its own; Close() and what tells or waits from any. Children run on threads that nobody
-// joins: the listener outlives them.
+// Threads: SocketThread() on a thread of its own; Close() and what tells or waits from any. Children run on threads
+// that nobody joins: the listener outlives them.
 #pragma once
 
 #include <chrono>

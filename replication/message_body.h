@@ -1,8 +1,8 @@
 // replication/message_body.h: the bodies that carry an operation: building them and taking them apart.
 //
 // Form A (create, modify) holds the registry's part of a record, form B (delete) the identifier alone, form C (perform)
-// a command line. Values aren't escaped: a "<" or "&" makes the peer's parse of forms A and B fail. Form C isn't XML, as
-// its end mark is "/<OpData>"; no parser sees it.
+// a command line. Values aren't escaped: a "<" or "&" makes the peer's parse of forms A and B fail. Form C isn't XML,
+// as its end mark is "/<OpData>"; no parser sees it.
 // Threads: any.
 #pragma once
 

@@ -21,7 +21,8 @@ INodeChannel::Security CNodeChannel::LoadSecurityLibrary(platform::ErrorCode& co
       ServiceLog(0, u"LoadSecurityLibrary: the credentials file is not used: %s", ForLog(platform::WideFromUtf8(why)));
       break;
     default:
-      ServiceLog(3, u"LoadSecurityLibrary: there is no credentials file %s; other nodes are reached through a realm only",
+      ServiceLog(3,
+                 u"LoadSecurityLibrary: there is no credentials file %s; other nodes are reached through a realm only",
                  ForLog(platform::WideFromUtf8(file)));
   }
   switch (platform::LoadSecurityPackage(code)) {

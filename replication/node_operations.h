@@ -1,8 +1,8 @@
 // replication/node_operations.h: one change carried to every node: here first, then to the others one after the other.
 //
 // There is no transaction. When the local step fails no peer hears of the change; when it succeeds it stays, whatever
-// happens to the peers. All sends are done before the first answer is read. An entry of the results is 0 for a node that
-// did it, 1 for one that never answered, else the node's own result; the returned status is 1 when the local step,
+// happens to the peers. All sends are done before the first answer is read. An entry of the results is 0 for a node
+// that did it, 1 for one that never answered, else the node's own result; the returned status is 1 when the local step,
 // a sending or an answer failed, so that a caller looks at the entries: a node that stays silent raises no failure.
 // Threads: the apartment's thread, which a call blocks for its whole length.
 #pragma once

@@ -1,8 +1,8 @@
 // replication/secure_channel.h: two services prove their accounts to each other before an operation crosses.
 //
 // The security package (platform/security.h) gives opaque tokens, which travel as MSG_CONTEXT_REQUEST and
-// MSG_CONTEXT_REPLY. The result is used once, on the accepting side, to keep out anonymous callers; nothing is signed or
-// sealed with it. Functions that return an int give 0 for success and 1 for failure, which is logged.
+// MSG_CONTEXT_REPLY. The result is used once, on the accepting side, to keep out anonymous callers; nothing is signed
+// or sealed with it. Functions that return an int give 0 for success and 1 for failure, which is logged.
 // Threads: any; one object by one thread at a time.
 #pragma once
 

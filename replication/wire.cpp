@@ -48,9 +48,9 @@ int EncodeHeader(MessageHeader& header, WireHeader bytes) {
   WriteBig32(header.msgType, &bytes[4]);
   WriteBig32(header.reserved, &bytes[8]);
   platform::ErrorCode error = platform::ERROR_SUCCESS;
-  const int written =
-      platform::WideCharToMultiByte(platform::kCodePageUtf8, 0, id.c_str(), -1,
-                                    reinterpret_cast<char*>(&bytes[kWireGuidOffset]), kWireGuidSize, nullptr, nullptr, error);
+  const int written = platform::WideCharToMultiByte(platform::kCodePageUtf8, 0, id.c_str(), -1,
+                                                    reinterpret_cast<char*>(&bytes[kWireGuidOffset]), kWireGuidSize,
+                                                    nullptr, nullptr, error);
   if (written != 0) return 1;
   ServiceLog(1, u"WideCharToMultiByte(bstrScheduleID) failed with error %l", error);
   return 0;

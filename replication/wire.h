@@ -1,8 +1,8 @@
 // replication/wire.h: what crosses between two nodes: the fixed header of every message, and the transfer of bytes.
 //
 // One TCP connection carries one operation to one node. A message is a header of 51 bytes and a payload of the length
-// that the header states, each sent by itself; there is no other framing (docs/formats/wire.md). Integers are big-endian.
-// Functions that return an int give 1 for success and 0 for failure, which is logged where it is found.
+// that the header states, each sent by itself; there is no other framing (docs/formats/wire.md). Integers are
+// big-endian. Functions that return an int give 1 for success and 0 for failure, which is logged where it is found.
 // Threads: any; one connection by one thread at a time.
 #pragma once
 

@@ -19,7 +19,8 @@ inline constexpr std::u16string_view kDefaultIniDirectory =
     u"\\Documents and Settings\\All Users\\Application Data\\KORVANE\\QxSnapExchangeBackup\\";
 
 // The XML path up to and including its last separator; kDefaultIniDirectory when it has none.
-[[nodiscard]] std::u16string IniDirectory(std::u16string_view xmlPath, std::u16string_view separators = kHostSeparators);
+[[nodiscard]] std::u16string IniDirectory(std::u16string_view xmlPath,
+                                          std::u16string_view separators = kHostSeparators);
 
 // Directory, braced upper-case ID, ".ini".
 [[nodiscard]] std::u16string IniPath(const ScheduleGuid& id, std::u16string_view xmlPath,

@@ -1,8 +1,8 @@
 // service/job_node.h: one live schedule: what to start and when.
 //
 // A node is a value whose copies share one uncounted reference to the rule object: copying takes no count and the
-// destructor drops none; ReleaseScheduler() alone gives it up. So: build a local node, InitializeScheduler(), AddJob() a
-// copy; from then on the copy in the list owns the reference, and whoever erases it calls ReleaseScheduler() first.
+// destructor drops none; ReleaseScheduler() alone gives it up. So: build a local node, InitializeScheduler(), AddJob()
+// a copy; from then on the copy in the list owns the reference, and whoever erases it calls ReleaseScheduler() first.
 // Threads: a value; one thread at a time.
 #pragma once
 

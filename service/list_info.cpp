@@ -25,7 +25,8 @@ using platform::RegistryKey;
 
 constexpr std::size_t kNameUnits = 256;  // the longest name that a file keeps, with its terminator
 
-// How many readers at different places are served from what is kept; one client reads several parts of a list at a time.
+// How many readers at different places are served from what is kept; one client reads several parts of a list at a
+// time.
 constexpr std::size_t kMostStretches = 16;
 
 // How much of a rule object its name is in, and what the processor fetches of it at a time.
@@ -187,8 +188,8 @@ ErrorCode CListInfo::Prepare(const std::u16string& afterId, std::uint32_t limit,
 
 // --- rows ---
 
-// Looks up several rows at a time: with very many schedules each node and each rule object is fetched from memory, all of
-// them at once rather than one after the other.
+// Looks up several rows at a time: with very many schedules each node and each rule object is fetched from memory, all
+// of them at once rather than one after the other.
 void CListInfo::LookUp(const Stretch& stretch, std::size_t begin, std::size_t end) {
   std::array<CJobNode*, kRowsAtOnce> nodes{};
   m_names.clear();

@@ -17,8 +17,8 @@ namespace qx {
 //   modified  set to true when the new schedule is in place, else untouched. The caller tells the scheduler thread and
 //             the clients.
 //   returns   0 with `modified`; 0 without it when the last phase failed and the old schedule is back.
-//             Nothing changed: kStatusModify, kStatusNoSuchKey, 1, kStatusNoDirectory, a status of the rules' validation,
-//             kStatusBackdated, kStatusRegistryRead.
+//             Nothing changed: kStatusModify, kStatusNoSuchKey, 1, kStatusNoDirectory, a status of the rules'
+//             validation, kStatusBackdated, kStatusRegistryRead.
 //             The old schedule isn't wholly back (its key or its file could not be written, the job isn't listed): that
 //             failure's status. The next load, or Refresh, lists what the stores hold.
 [[nodiscard]] Status ModifyStores(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule, bool& modified);

@@ -28,7 +28,7 @@ enum class IniPlace { kFound, kNoMemory, kNoDirectory };
 // The .ini path of a record, whose directory must exist; the XML file itself need not. A null XML path has none.
 //   memoryName  as HasMemoryFor's
 //   path        set for kFound only
-[[nodiscard]] IniPlace FindIniPlace(const SCHEDULE_OBJECT& schedule, const ScheduleGuid& id, std::string_view memoryName,
-                                    std::u16string& path);
+[[nodiscard]] IniPlace FindIniPlace(const SCHEDULE_OBJECT& schedule, const ScheduleGuid& id,
+                                    std::string_view memoryName, std::u16string& path);
 
 }  // namespace qx

@@ -35,7 +35,9 @@ bool LoadSecurityLibrary(INodeChannel* nodes) {
 
 // A host's sockets need no start; only a channel may have something to do.
 ErrorCode StartSockets(INodeChannel* nodes) {
-  if (const ErrorCode fault = platform::FaultAt(platform::Operation::kSocketStartup); fault != ERROR_SUCCESS) return fault;
+  if (const ErrorCode fault = platform::FaultAt(platform::Operation::kSocketStartup); fault != ERROR_SUCCESS) {
+    return fault;
+  }
   return nodes != nullptr ? nodes->StartSockets() : ERROR_SUCCESS;
 }
 

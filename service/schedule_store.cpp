@@ -67,7 +67,8 @@ bool SetJobTexts(const RegistryKey& key, const SCHEDULE_OBJECT& schedule) {
 }
 
 bool SetOperation(const RegistryKey& key, std::uint32_t operation, std::int64_t time) {
-  return SetNumber(key, u"LastOperation", operation) && SetNumber(key, u"OperationTime", static_cast<std::uint32_t>(time));
+  return SetNumber(key, u"LastOperation", operation) &&
+         SetNumber(key, u"OperationTime", static_cast<std::uint32_t>(time));
 }
 
 bool SetAllValues(const RegistryKey& key, const SCHEDULE_OBJECT& schedule, std::int64_t time) {
@@ -183,7 +184,9 @@ Status ModifyKey(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule) {
   if (!Done(platform::OpenKey(Hive::kLocalMachine, qx::kSchedulesKey, platform::KEY_ALL_ACCESS, schedules))) {
     return kStatusModify;
   }
-  if (!Done(platform::OpenKey(schedules, platform::GuidText(id), platform::KEY_ALL_ACCESS, key))) return kStatusNoSuchKey;
+  if (!Done(platform::OpenKey(schedules, platform::GuidText(id), platform::KEY_ALL_ACCESS, key))) {
+    return kStatusNoSuchKey;
+  }
   if (!Done(platform::QueryInfoKey(key, info))) return kStatusModify;
   platform::NamedBuffer<char16_t> buffer = BufferFor(info, "ModifyRegistry");
   if (!buffer) {
@@ -325,12 +328,13 @@ int RegistryExists(const ScheduleGuid& id, int& failed) {
   bool found = false;
   while (seen < info.subKeyCount && !found) {
     const std::uint32_t before = seen;
-    const ErrorCode code = platform::ReadSubKeys(schedules, last, kNamesAtOnce, {}, [&](const platform::SubKeyValues& key) {
-      if (seen == info.subKeyCount) return;
-      ++seen;
-      last = key.Name();
-      found = found || last == wanted;
-    });
+    const ErrorCode code =
+        platform::ReadSubKeys(schedules, last, kNamesAtOnce, {}, [&](const platform::SubKeyValues& key) {
+          if (seen == info.subKeyCount) return;
+          ++seen;
+          last = key.Name();
+          found = found || last == wanted;
+        });
     if (!Done(code) || (seen == before && !Done(platform::ERROR_NO_MORE_ITEMS))) return 0;
   }
   failed = 0;

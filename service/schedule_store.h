@@ -33,7 +33,8 @@ struct StoredJob {
 };
 
 // Reads a text value into a buffer that was sized by the longest value of its key: a value that has grown since counts
-// as a failed read. The value must be a string, an expandable or a multi-string of whole characters with its terminator.
+// as a failed read. The value must be a string, an expandable or a multi-string of whole characters with its
+// terminator.
 //   returns  ERROR_INVALID_DATA (13) for any other value; else as platform::QueryValue()
 [[nodiscard]] platform::ErrorCode ReadTextValue(const platform::RegistryKey& key, std::u16string_view name,
                                                 std::span<char16_t> buffer, std::u16string& out);

@@ -175,7 +175,8 @@ bool CSchedulerLoop::Step() {
   if (m_sleepNotice) m_sleepNotice(m_wakeUp);
   WaitResult wait;
   if (sleep != 0) {
-    if (const platform::ErrorCode code = g_SchedulerEvents.Wait(sleep, wait, m_sleepFrom); code != platform::ERROR_SUCCESS) {
+    if (const platform::ErrorCode code = g_SchedulerEvents.Wait(sleep, wait, m_sleepFrom);
+        code != platform::ERROR_SUCCESS) {
       ServiceLog(0, u"Wait error: %d", code);
       return false;
     }

@@ -121,7 +121,8 @@ Outcome SetUpAndStore(const SCHEDULE_OBJECT& schedule, CJobNode& node) {
 bool FindIniPath(const ScheduleGuid& id, std::u16string& iniPath) {
   const std::u16string idText = platform::GuidText(id);
   RegistryKey schedules, key;
-  ErrorCode code = platform::OpenKey(platform::Hive::kLocalMachine, qx::kSchedulesKey, platform::KEY_ALL_ACCESS, schedules);
+  ErrorCode code =
+      platform::OpenKey(platform::Hive::kLocalMachine, qx::kSchedulesKey, platform::KEY_ALL_ACCESS, schedules);
   if (code != ERROR_SUCCESS) {
     ServiceLog(1, u"DeleteSchedule:Failed to open SCHEDULE registry key with error: %x", code);
     return false;
@@ -154,8 +155,8 @@ bool FindIniPath(const ScheduleGuid& id, std::u16string& iniPath) {
   return false;
 }
 
-// That a schedule is deleted rests on its key alone: a power cut ahead of the directory's sync brings back at worst a file
-// that nothing reads. So the sync comes behind the answer.
+// That a schedule is deleted rests on its key alone: a power cut ahead of the directory's sync brings back at worst a
+// file that nothing reads. So the sync comes behind the answer.
 void DeleteIniFile(const std::u16string& iniPath) {
   (void)qx::RestoreOldIniFile(iniPath);
   const auto log = [iniPath](ErrorCode code) {

@@ -2,7 +2,8 @@
 //
 // Each operation touches three stores that no transaction binds together: the .ini file, the registry key and the job
 // list. The order in which it does so, and undoes it, is what the source file tells.
-// Threads: called on the apartment's thread only, one call at a time; Notify_... reach it through the apartment's queue.
+// Threads: called on the apartment's thread only, one call at a time; Notify_... reach it through the apartment's
+// queue.
 #pragma once
 
 #include <cstdint>
@@ -22,8 +23,8 @@ class CSchedulerService : public ISchedulerService, public CProxyISchedulerServi
   // and a power cut. Deliberate: 0 also when the memory for its directory is refused, with nothing created.
   Status CreateSchedule(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id) override;
   Status DeleteSchedule(const ScheduleGuid& id) override;
-  // New job, new rules; application, object and task code must be the old ones. Status 0 with Schedule_Modify: the change
-  // survives a kill and a power cut.
+  // New job, new rules; application, object and task code must be the old ones. Status 0 with Schedule_Modify: the
+  // change survives a kill and a power cut.
   // Deliberate: 0 without the event: the change was refused or failed, and the old schedule is back.
   Status ModifySchedule(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule) override;
   Status ListSchedule(std::uint32_t& count, ScheduleList& schedules) override;

@@ -32,7 +32,8 @@ bool CheckIfRunningAsLocalSystem() {
       return false;
     }
     std::u16string account;
-    if (platform::QueryServiceAccount(kServiceName, account) == ERROR_SUCCESS && !platform::IsLocalSystemAccount(account)) {
+    if (platform::QueryServiceAccount(kServiceName, account) == ERROR_SUCCESS &&
+        !platform::IsLocalSystemAccount(account)) {
       return false;
     }
   }

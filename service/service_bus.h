@@ -61,8 +61,8 @@ class CServiceBus {
   platform::BusInterface ManagerInterface();
   platform::BusMethod Method(std::string name, std::vector<platform::BusArgument> in,
                              std::vector<platform::BusArgument> out, platform::BusMethodHandler handler);
-  // The same for a change of the caller's own: when the reply is sent, the scheduler thread is woken and what the change
-  // left for then is done.
+  // The same for a change of the caller's own: when the reply is sent, the scheduler thread is woken and what the
+  // change left for then is done.
   platform::BusMethod ChangeMethod(std::string name, std::vector<platform::BusArgument> in,
                                    std::vector<platform::BusArgument> out, platform::BusMethodHandler handler);
   platform::BusError ListPage(platform::MessageReader& call, platform::MessageWriter& reply);

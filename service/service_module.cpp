@@ -106,7 +106,9 @@ int CServiceModule::Main() {
 
 bool CServiceModule::FindStateDirectory() {
   std::string directory = m_options.root;
-  if (directory.empty()) directory = m_filesOnly ? std::string(platform::kSystemStateDirectory) : platform::DefaultStateDirectory();
+  if (directory.empty()) {
+    directory = m_filesOnly ? std::string(platform::kSystemStateDirectory) : platform::DefaultStateDirectory();
+  }
   if (directory.empty()) {
     Complain(u"There is no state directory: name one with --root");
     return false;
@@ -299,8 +301,8 @@ void CServiceModule::TellSleep(std::int64_t window) {
 }
 
 void CServiceModule::Run() {
-  // Whoever starts the service on a terminal sees what its jobs write; a job's input is empty there too, as a session of
-  // its own couldn't read that terminal.
+  // Whoever starts the service on a terminal sees what its jobs write; a job's input is empty there too, as a session
+  // of its own couldn't read that terminal.
   platform::SetJobOutputInherited(platform::IsTerminal(platform::StandardStream::kOutput) &&
                                   platform::IsTerminal(platform::StandardStream::kError));
   StartBus();

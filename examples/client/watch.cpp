@@ -51,7 +51,8 @@ SCHEDULE_OBJECT Nightly() {
 // Tells of a failed call; true for one that worked.
 bool Worked(const qx::SchedulerClient& client, const char* what, Status status) {
   if (status == kStatusOk) return true;
-  std::cerr << what << ": " << (client.LastError().IsSet() ? client.LastError().text : qx::FormatStatus(status)) << "\n";
+  std::cerr << what << ": " << (client.LastError().IsSet() ? client.LastError().text : qx::FormatStatus(status))
+            << "\n";
   return false;
 }
 

@@ -13,7 +13,8 @@ namespace ZepFoundation ZEP_FOUNDATION_API {
 using platform::FILETIME;
 using platform::SYSTEMTIME;
 
-// Conversions; false leaves `out` untouched. The two between local and UTC apply the offset in force now to any instant.
+// Conversions; false leaves `out` untouched. The two between local and UTC apply the offset in force now to any
+// instant.
 [[nodiscard]] bool Zep_SystemTimeToFileTime(const SYSTEMTIME& in, FILETIME& out);
 [[nodiscard]] bool Zep_LocalFileTimeToFileTime(FILETIME in, FILETIME& out);
 [[nodiscard]] bool Zep_FileTimeToLocalFileTime(FILETIME in, FILETIME& out);

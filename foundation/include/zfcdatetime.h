@@ -1,8 +1,8 @@
 // foundation/include/zfcdatetime.h: CDateTime, an instant held as a FILETIME.
 //
-// The value is always UTC and zero when invalid; the local flag says how fields are presented and accepted, by the offset
-// in force now whatever the instant. The day number and milliseconds of the two bases are not kept in step with it.
-// A set operation that fails returns false and makes the value invalid.
+// The value is always UTC and zero when invalid; the local flag says how fields are presented and accepted, by the
+// offset in force now whatever the instant. The day number and milliseconds of the two bases are not kept in step with
+// it. A set operation that fails returns false and makes the value invalid.
 // Threads: a value belongs to one thread at a time.
 #pragma once
 

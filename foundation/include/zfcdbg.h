@@ -44,8 +44,8 @@ void ConfigureDebugTrace();
 //   returns  the thread's stream, valid to the end of the thread
 std::ostream& DebugTrace(std::uint32_t area, std::uint16_t level, const char* file, std::uint32_t line);
 
-// The place of a statement, for a helper that traces in its caller's: as a default argument, Current() is where the call
-// stands.
+// The place of a statement, for a helper that traces in its caller's: as a default argument, Current() is where the
+// call stands.
 struct TracePlace {
   const char* file;
   std::uint32_t line;
@@ -69,7 +69,8 @@ void ResetDebugTrace();
 
 }  // namespace ZepFoundation
 
-// One trace statement. `expression` is the message's parts with << between them; evaluated only when `level` is enabled.
+// One trace statement. `expression` is the message's parts with << between them; evaluated only when `level` is
+// enabled.
 #define QX_TRACE(level, expression) QX_TRACE_AT(level, __FILE__, __LINE__, expression)
 
 // The same with the file and line of a TracePlace.

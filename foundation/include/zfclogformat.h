@@ -74,7 +74,8 @@ class LogArgument {
 
 // Expands `format` into `buffer`, as the bounded wide call of the system's runtime does.
 //   returns  the number of characters, when that is at most buffer.size(); a final NUL is written where there is room;
-//            -1 when the text is longer (the buffer holds its beginning, without a NUL) or a character can't be converted
+//            -1 when the text is longer (the buffer holds its beginning, without a NUL) or a character can't be
+//            converted
 //   overflow when given: true exactly when the text was too long
 // Narrow text in a wide format is taken byte by byte (byte n is character n), and wide text in a narrow format goes the
 // other way; a character above 255 can't be converted there.

@@ -92,8 +92,8 @@ class WTime {  // a time of day
   virtual void CarryHour(int days);
 
  public:
-  // The presented fields as one number of milliseconds: a day and more where GetTime() gives an hour of 24 or more; 0 for
-  // an invalid time.
+  // The presented fields as one number of milliseconds: a day and more where GetTime() gives an hour of 24 or more; 0
+  // for an invalid time.
   [[nodiscard]] std::int64_t PresentedMilliseconds() const;
   // The same by a bias that was asked for before: Zep_TimeZoneOffsetInSeconds().
   [[nodiscard]] std::int64_t PresentedMilliseconds(std::int32_t standardBias) const;

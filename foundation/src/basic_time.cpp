@@ -26,9 +26,9 @@ std::string TextOf(const std::tm& t) {
   static constexpr std::array<const char*, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   std::array<char, 96> text{};
-  const int length = std::snprintf(text.data(), text.size(), "%s %s%3d %.2d:%.2d:%.2d %lld\n", NameOf(kDays, t.tm_wday, 7),
-                                   NameOf(kMonths, t.tm_mon, 12), t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec,
-                                   1900LL + t.tm_year);
+  const int length =
+      std::snprintf(text.data(), text.size(), "%s %s%3d %.2d:%.2d:%.2d %lld\n", NameOf(kDays, t.tm_wday, 7),
+                    NameOf(kMonths, t.tm_mon, 12), t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, 1900LL + t.tm_year);
   return std::string(text.data(), static_cast<std::size_t>(length));
 }
 

@@ -83,7 +83,9 @@ std::optional<std::uint64_t> NumberOf(const LogArgument& argument) {
 
 std::optional<double> RealOf(const LogArgument& argument) {
   if (const double* const value = std::get_if<double>(&argument.value())) return *value;
-  if (const std::int64_t* const value = std::get_if<std::int64_t>(&argument.value())) return static_cast<double>(*value);
+  if (const std::int64_t* const value = std::get_if<std::int64_t>(&argument.value())) {
+    return static_cast<double>(*value);
+  }
   if (const std::optional<std::uint64_t> value = NumberOf(argument)) return static_cast<double>(*value);
   return std::nullopt;
 }
@@ -487,7 +489,8 @@ class Expansion {
 
   void PutNumber(const Conversion& c, std::string_view prefix, std::string_view digits, bool zeros) {
     const std::size_t length = prefix.size() + digits.size();
-    const std::size_t fill = static_cast<std::size_t>(c.width) > length ? static_cast<std::size_t>(c.width) - length : 0;
+    const std::size_t fill =
+        static_cast<std::size_t>(c.width) > length ? static_cast<std::size_t>(c.width) - length : 0;
     if (!c.left && !zeros) m_sink.Pad(C(' '), fill);
     for (const char ch : prefix) m_sink.Put(C(ch));
     if (!c.left && zeros) m_sink.Pad(C('0'), fill);

@@ -1,6 +1,7 @@
 // foundation/testing/captured_trace.h: for tests: collects what QX_TRACE statements write, of every level.
 //
-// Installed for its lifetime; captures of inner scopes take over and give back. Threads: records of any thread are taken.
+// Installed for its lifetime; captures of inner scopes take over and give back. Threads: records of any thread are
+// taken.
 #pragma once
 
 #include <cstdint>

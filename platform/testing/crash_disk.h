@@ -1,9 +1,10 @@
 // platform/testing/crash_disk.h: for tests: what a power cut leaves of a directory tree, as it forgets what was not
 // synced.
 //
-// The program that links this library gets fsync() and fdatasync() of its own, for all its code, SQLite's included; they
-// wait for no disk. Below one directory they note what is safe: of a file its contents at the moment of the sync, of a directory its
-// names. A cut makes an image of the tree from what is safe and, as the test wishes, from what came since.
+// The program that links this library gets fsync() and fdatasync() of its own, for all its code, SQLite's included;
+// they wait for no disk. Below one directory they note what is safe: of a file its contents at the moment of the sync,
+// of a directory its names. A cut makes an image of the tree from what is safe and, as the test wishes, from what came
+// since.
 //
 // Modelled: contents and names are lost independently of each other (a name may be there before its contents and
 // contents without their name); a file that was never synced may be empty behind its name; of contents since the last

@@ -72,7 +72,8 @@ class PrivateBus {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, output[1], 1);
     posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    std::string words[] = {"dbus-daemon", m_kind, "--nofork", "--nopidfile", "--print-address=1", "--address=" + listen};
+    std::string words[] = {"dbus-daemon", m_kind, "--nofork", "--nopidfile", "--print-address=1",
+                           "--address=" + listen};
     char* arguments[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data(),
                          words[4].data(), words[5].data(), nullptr};
     const int error = posix_spawnp(&m_number, "dbus-daemon", &actions, nullptr, arguments, environ);
