@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <thread>
 
 #include "platform/event_log.h"
@@ -21,13 +22,12 @@ using platform::Operation;
 class StopAtWork final : public ZepFoundation::ServiceLogWriter {
  public:
   void Write(std::uint32_t, std::string_view text) override {
-    if (m_asked || !text.starts_with("CServiceModule::SetProcessRef")) return;
-    m_asked = true;
+    if (!text.starts_with("CServiceModule::SetProcessRef") || m_asked.exchange(true)) return;
     (void)::kill(::getpid(), SIGTERM);
   }
 
  private:
-  bool m_asked = false;
+  std::atomic<bool> m_asked = false;  // every thread writes
 };
 
 class StartSweep : public ServiceSweep {
