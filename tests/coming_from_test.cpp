@@ -189,9 +189,7 @@ class ComingFrom : public ::testing::Test {
 };
 
 TEST_F(ComingFrom, CronsLinesComeAtTheSameTimes) {
-  if (FakeTimeLibrary(false).empty()) {
-    GTEST_SKIP() << "no clock for conditions (Debian package libfaketime): THE CRONTAB'S LINES ARE NOT COMPARED";
-  }
+  ASSERT_NE(FakeTimeLibrary(false), "") << "no clock for conditions (Debian package libfaketime)";
   for (const auto& [name, pair] : PairsOf("coming-from-cron.md", "cron")) {
     SCOPED_TRACE(name);
     const std::vector<std::string> ours = OfSchedule(pair.schedule);
@@ -210,10 +208,8 @@ TEST_F(ComingFrom, CronsLinesComeAtTheSameTimes) {
 }
 
 TEST_F(ComingFrom, TimersElapseAtTheSameTimes) {
-  if (!fs::exists("/usr/bin/systemd-analyze") || FakeTimeLibrary(false).empty()) {
-    GTEST_SKIP() << "no systemd-analyze or no clock for conditions (Debian packages systemd, libfaketime): THE TIMERS "
-                    "ARE NOT COMPARED";
-  }
+  ASSERT_TRUE(fs::exists("/usr/bin/systemd-analyze")) << "it isn't installed (Debian package systemd)";
+  ASSERT_NE(FakeTimeLibrary(false), "") << "no clock for conditions (Debian package libfaketime)";
   for (const auto& [name, pair] : PairsOf("coming-from-systemd-timers.md", "ini")) {
     SCOPED_TRACE(name);
     const std::vector<std::string> ours = OfSchedule(pair.schedule);

@@ -145,9 +145,7 @@ class RecordUnit : public ::testing::Test {
 
 TEST_F(RecordUnit, IsOneThatSystemdTakesWithoutAWord) {
   constexpr const char* kAnalyze = "/usr/bin/systemd-analyze";
-  if (access(kAnalyze, X_OK) != 0) {
-    GTEST_SKIP() << "systemd-analyze isn't installed (Debian package systemd): THE RECORDER'S UNIT NOT CHECKED";
-  }
+  ASSERT_EQ(access(kAnalyze, X_OK), 0) << "systemd-analyze isn't installed (Debian package systemd)";
   std::string pattern = ::testing::TempDir() + "qx-unit-XXXXXX";
   ASSERT_NE(mkdtemp(pattern.data()), nullptr);
   const std::string unit = pattern + "/qxsched-record.service";
