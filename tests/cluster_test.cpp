@@ -211,8 +211,9 @@ struct Holdings {
 };
 
 TEST_P(ClusterTest, ThousandsOfConnectionsTakeThirtyTwoThreadsAndLeaveNothing) {
-  constexpr int kCrowd = 2000, kHeld = 32;
-  if (!qx::testing::ConnectionCrowd::IsAllowed(kCrowd)) GTEST_SKIP() << "this host allows too few descriptors";
+  constexpr int kHeld = 32;
+  const int count = qx::testing::ConnectionCrowd::MostOf(2000);
+  ASSERT_GT(count, 4 * kHeld) << "this host allows too few descriptors";
   ASSERT_NO_FATAL_FAILURE(StartAll());
   const NodeNames names = Addresses(2);
   ScheduleGuid id;
@@ -231,18 +232,17 @@ TEST_P(ClusterTest, ThousandsOfConnectionsTakeThirtyTwoThreadsAndLeaveNothing) {
     std::unique_ptr<qx::testing::ConnectionCrowd> crowd;
     bool closed = false;
     NodeCluster::OnBridge([&] {
-      crowd =
-          std::make_unique<qx::testing::ConnectionCrowd>(kCrowd, NodeCluster::Address(1), qx::testing::kClusterPort);
-      closed = crowd->WaitForClosed(kCrowd - kHeld);
+      crowd = std::make_unique<qx::testing::ConnectionCrowd>(count, NodeCluster::Address(1), qx::testing::kClusterPort);
+      closed = crowd->WaitForClosed(static_cast<std::size_t>(count - kHeld));
     });
     ASSERT_TRUE(closed) << wave;
     EXPECT_EQ(Holdings(Node(1).Process().Id()).threads, threads + kHeld);
     // Its own clients are served all the while, the other node isn't.
     qx::SchedulerClient own;
     ASSERT_NO_FATAL_FAILURE(Node(1).Connect(own));
-    std::uint32_t count = 77;
+    std::uint32_t listed = 77;
     ScheduleList list;
-    EXPECT_EQ(own.ListSchedule(count, list), 0u);
+    EXPECT_EQ(own.ListSchedule(listed, list), 0u);
     EXPECT_EQ(Create(names, id), 1u);
     EXPECT_THAT(m_results, ElementsAre(0, 1));
     EXPECT_EQ(Delete({u"localhost"}, id), 0u);

@@ -25,14 +25,16 @@ namespace qx::testing {
 // Threads: one object from one thread.
 class ConnectionCrowd {
  public:
-  // Raises this process's limit of descriptors to the host's; whether that allows so many connections, both ends of
-  // which may lie in this process.
-  static bool IsAllowed(int count) {
+  // Raises this process's limit of descriptors to the host's; of so many connections as many as that allows, both ends
+  // of which may lie in this process.
+  static int MostOf(int count) {
+    constexpr rlim_t kOthers = 200;
     rlimit limit = {};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     limit.rlim_cur = limit.rlim_max;
-    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
-    return limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur > static_cast<rlim_t>(count) * 2 + 200;
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    if (limit.rlim_cur <= kOthers) return 0;
+    return static_cast<int>(std::min<rlim_t>(static_cast<rlim_t>(count), (limit.rlim_cur - kOthers) / 2));
   }
 
   // Begins them all before any is waited for.

@@ -71,14 +71,15 @@ TEST_F(Listener, WithIpv4AloneItListensThere) {
 }
 
 TEST_F(Listener, TakesBothFamiliesOnOneSocket) {
-  platform::Socket socket;
-  if (platform::Socket::Create(platform::AddressFamily::kIpv6, socket) != 0) GTEST_SKIP() << "no IPv6 on this host";
   Listen();
-  std::vector<platform::SocketAddress> addresses;
-  ASSERT_EQ(platform::ResolveAddress("::1", std::to_string(m_listener.Port()), platform::AddressFamily::kIpv6, true,
-                                     addresses),
-            0);
-  EXPECT_EQ(socket.Connect(addresses[0]), 0);
+  // On a host without IPv6 the one family is left.
+  if (platform::Socket socket; platform::Socket::Create(platform::AddressFamily::kIpv6, socket) == 0) {
+    std::vector<platform::SocketAddress> addresses;
+    ASSERT_EQ(platform::ResolveAddress("::1", std::to_string(m_listener.Port()), platform::AddressFamily::kIpv6, true,
+                                       addresses),
+              0);
+    EXPECT_EQ(socket.Connect(addresses[0]), 0);
+  }
   platform::Socket other;
   Connect(m_listener.Port(), other);
 }
