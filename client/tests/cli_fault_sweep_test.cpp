@@ -262,7 +262,7 @@ TEST_P(CliFaultSweep, NothingIsHalfDoneAndTheCauseIsTold) {
           },
       .isOwn = IsOfTheCommand,
       .callsNothing = GetParam().name == "next_batch" || GetParam().name == "completion",
-      .explain = [&] { return "exit " + std::to_string(result.exit) + "\nout: " + result.out + "\nerr: " + result.err; },
+      .explain = [&] { return result.Told(); },
   });
 }
 
@@ -335,7 +335,7 @@ TEST_F(RecordSweep, AnEntryIsKeptWholeOrTheFailureIsTold) {
             EXPECT_GE(found.size(), 2u);
           },
       .isOwn = IsOfTheCommand,
-      .explain = [&] { return "exit " + std::to_string(result.exit) + "\nout: " + result.out + "\nerr: " + result.err; },
+      .explain = [&] { return result.Told(); },
   });
 }
 
@@ -384,7 +384,7 @@ TEST_F(MonitorSweep, EveryEventIsShownOrTheFailureIsTold) {
             }
           },
       .isOwn = IsOfTheCommand,
-      .explain = [&] { return "exit " + std::to_string(result.exit) + "\nout: " + result.out + "\nerr: " + result.err; },
+      .explain = [&] { return result.Told(); },
   });
 }
 
@@ -426,7 +426,7 @@ TEST_F(NodesExecSweep, TheCommandIsCarriedOnceAndEachNodeIsTold) {
             }
           },
       .isOwn = IsOfTheCommand,
-      .explain = [&] { return "exit " + std::to_string(result.exit) + "\nout: " + result.out + "\nerr: " + result.err; },
+      .explain = [&] { return result.Told(); },
   });
 }
 

@@ -23,6 +23,11 @@ class CliTest : public testing::Test {
     int exit;
     std::string out;
     std::string err;
+
+    // For a message of a test.
+    [[nodiscard]] std::string Told() const {
+      return "exit " + std::to_string(exit) + "\nout: " + out + "\nerr: " + err;
+    }
   };
 
   ~CliTest() override {
