@@ -603,7 +603,15 @@ class ServiceSoak : public ::testing::Test {
 
   // Whether the peer took part; it has to when it's reachable.
   bool PeerDid(const std::string& what, std::int32_t result) {
-    if (result == 0) return true;
+    if (result == 0) {
+      // A process's first operation that reaches another node makes what all further ones use; it's flat before and
+      // behind that.
+      if (!std::exchange(m_hasReachedPeer, true)) {
+        JudgeFlatness();
+        m_flatness.Begin(m_service->Process().Id());
+      }
+      return true;
+    }
     if (PeerIsReachable()) Fault(what + ": the other node answered with " + std::to_string(result));
     if (!PeerIsReachable()) Count("calls for a node that isn't there");
     return false;
@@ -737,6 +745,7 @@ class ServiceSoak : public ::testing::Test {
     StartService();
     if (m_isOver) return;
     m_flatness.Begin(m_service->Process().Id());
+    m_hasReachedPeer = false;
     Reconcile(true);
     m_ledger.Disturb(downFrom, Now() + kMicrosOfSecond / 2);
     Note("started");
@@ -955,6 +964,7 @@ class ServiceSoak : public ::testing::Test {
   Micros m_blindFrom = 0;
   bool m_isPeerUp = false;
   bool m_isLinkUp = true;
+  bool m_hasReachedPeer = false;  // the process that runs now
   bool m_isDying = false;
   bool m_wasCut = false;  // a call by the kill
   bool m_isOver = false;
