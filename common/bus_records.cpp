@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <span>
 #include <type_traits>
 #include <utility>
 #include <variant>
@@ -121,9 +122,6 @@ constexpr std::string_view TypeOf(const std::uint32_t*) {
 constexpr std::string_view TypeOf(const std::int32_t*) {
   return "i";
 }
-constexpr std::string_view TypeOf(const std::int16_t*) {
-  return "n";
-}
 constexpr std::string_view TypeOf(const SCHEDULE_RULE*) {
   return "a{sv}";
 }
@@ -143,18 +141,12 @@ void Append(MessageWriter& writer, std::uint32_t value) {
 void Append(MessageWriter& writer, std::int32_t value) {
   writer.AppendInt32(value);
 }
-void Append(MessageWriter& writer, std::int16_t value) {
-  writer.AppendInt16(value);
-}
 
 platform::ErrorCode Read(MessageReader& reader, std::uint32_t& value) {
   return reader.ReadUint32(value);
 }
 platform::ErrorCode Read(MessageReader& reader, std::int32_t& value) {
   return reader.ReadInt32(value);
-}
-platform::ErrorCode Read(MessageReader& reader, std::int16_t& value) {
-  return reader.ReadInt16(value);
 }
 
 // A key as refusals call it; its text is made for one only.
@@ -211,9 +203,7 @@ void AppendValue(MessageWriter& writer, const Value& value) {
   } else if constexpr (std::is_integral_v<Value>) {
     Append(writer, value);
   } else {
-    writer.OpenArray(TypeOf(value.data()));
-    for (std::size_t i = 0, used = UsedCount(value); i < used; ++i) Append(writer, value[i]);
-    writer.Close();
+    writer.AppendArray(std::span(value).first(UsedCount(value)));
   }
 }
 
@@ -247,20 +237,14 @@ BusError ReadRecord(MessageReader& reader, Reading reading, std::string_view pre
 
 template <class Element, std::size_t N>
 BusError ReadArray(MessageReader& reader, const KeyName& key, std::array<Element, N>& array) {
-  if (reader.EnterArray(TypeOf(array.data())) != ERROR_SUCCESS) return Malformed(key);
-  std::size_t count = 0;
-  Element element{};
-  platform::ErrorCode rc = ERROR_SUCCESS;
   std::array<Element, N> read{};
-  for (; (rc = Read(reader, element)) == ERROR_SUCCESS; ++count) {
-    if (count == N) {
-      return BusError::InvalidArgs("too many elements in key " + Quoted(key.Text()) + ": at most " + std::to_string(N));
-    }
-    read[count] = element;
+  std::size_t count = 0;
+  if (reader.ReadArray(read, count) != ERROR_SUCCESS) return Malformed(key);
+  if (count > N) {
+    return BusError::InvalidArgs("too many elements in key " + Quoted(key.Text()) + ": at most " + std::to_string(N));
   }
-  if (rc != platform::ERROR_NO_MORE_ITEMS) return Malformed(key);
   array = read;
-  return reader.Exit() == ERROR_SUCCESS ? BusError() : Malformed(key);
+  return {};
 }
 
 // The value inside the variant, of the type that was looked at.

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -63,6 +64,12 @@ class MessageReader {
   [[nodiscard]] ErrorCode ReadUint64(std::uint64_t& value);
   // A string or an object path; the view lives as long as this message.
   [[nodiscard]] ErrorCode ReadString(std::string_view& value);
+  // A whole array of numbers at once.
+  //   values  its first elements, as many as fit; the rest of the span stays
+  //   count   set on success: the elements of the array, more than were taken where the span is shorter
+  [[nodiscard]] ErrorCode ReadArray(std::span<std::int16_t> values, std::size_t& count);
+  [[nodiscard]] ErrorCode ReadArray(std::span<std::int32_t> values, std::size_t& count);
+  [[nodiscard]] ErrorCode ReadArray(std::span<std::uint32_t> values, std::size_t& count);
   // Any one complete value.
   [[nodiscard]] ErrorCode ReadValue(BusValue& value);
   // Moves behind one complete value.
@@ -76,6 +83,8 @@ class MessageReader {
   [[nodiscard]] ErrorCode Enter(char type, std::string_view contents);
   template <typename T>
   [[nodiscard]] ErrorCode ReadNumber(char type, T& value);
+  template <typename T>
+  [[nodiscard]] ErrorCode ReadNumbers(char type, std::span<T> values, std::size_t& count);
   [[nodiscard]] ErrorCode ReadContainer(std::string type, Next next, BusValue& value);
   void* m_message = nullptr;  // one reference of the library's message
   int m_depth = 0;            // entered containers
@@ -101,6 +110,10 @@ class MessageWriter {
   void AppendString(std::string_view value);
   // The same for a text with a NUL right behind it and, as the caller knows, none inside: saves a copy and a look.
   void AppendTerminated(std::string_view value);
+  // A whole array of numbers at once.
+  void AppendArray(std::span<const std::int16_t> values);
+  void AppendArray(std::span<const std::int32_t> values);
+  void AppendArray(std::span<const std::uint32_t> values);
   void AppendValue(const BusValue& value);
 
   void OpenArray(std::string_view elementType);
@@ -124,6 +137,8 @@ class MessageWriter {
   void Count(std::size_t align, std::size_t size);
   template <typename T>
   void AppendNumber(char type, T value);
+  template <typename T>
+  void AppendNumbers(char type, std::span<const T> values);
   template <typename Held>
   bool AppendHeldNumber(char letter, Held held);
   void AppendText(char type, std::string_view value);

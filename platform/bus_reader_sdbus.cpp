@@ -1,6 +1,8 @@
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include "platform/bus_inside.h"
@@ -121,6 +123,42 @@ ErrorCode MessageReader::ReadInt32(std::int32_t& value) { return ReadNumber(SD_B
 ErrorCode MessageReader::ReadUint32(std::uint32_t& value) { return ReadNumber(SD_BUS_TYPE_UINT32, value); }
 ErrorCode MessageReader::ReadInt64(std::int64_t& value) { return ReadNumber(SD_BUS_TYPE_INT64, value); }
 ErrorCode MessageReader::ReadUint64(std::uint64_t& value) { return ReadNumber(SD_BUS_TYPE_UINT64, value); }
+
+template <typename T>
+ErrorCode MessageReader::ReadNumbers(char type, std::span<T> values, std::size_t& count) {
+  if (m_message == nullptr) return ERROR_NO_MORE_ITEMS;
+  const void* bytes = nullptr;
+  std::size_t size = 0;
+  if (const int result = sd_bus_message_read_array(Message(m_message), type, &bytes, &size); result != -EOPNOTSUPP) {
+    if (const ErrorCode rc = Outcome(result); rc != ERROR_SUCCESS) return rc;
+    if (size % sizeof(T) != 0) return ERROR_INVALID_DATA;
+    count = size / sizeof(T);
+    if (const std::size_t taken = std::min(count, values.size()); taken != 0) {
+      std::memcpy(values.data(), bytes, taken * sizeof(T));
+    }
+    return ERROR_SUCCESS;
+  }
+  // A sender of the other byte order: the library turns single numbers only.
+  ErrorCode rc = Enter(SD_BUS_TYPE_ARRAY, std::string_view(&type, 1));
+  if (rc != ERROR_SUCCESS) return rc;
+  std::size_t found = 0;
+  for (T element{}; (rc = ReadNumber(type, element)) == ERROR_SUCCESS; ++found) {
+    if (found < values.size()) values[found] = element;
+  }
+  if (rc != ERROR_NO_MORE_ITEMS) return rc;
+  count = found;
+  return Exit();
+}
+
+ErrorCode MessageReader::ReadArray(std::span<std::int16_t> values, std::size_t& count) {
+  return ReadNumbers(SD_BUS_TYPE_INT16, values, count);
+}
+ErrorCode MessageReader::ReadArray(std::span<std::int32_t> values, std::size_t& count) {
+  return ReadNumbers(SD_BUS_TYPE_INT32, values, count);
+}
+ErrorCode MessageReader::ReadArray(std::span<std::uint32_t> values, std::size_t& count) {
+  return ReadNumbers(SD_BUS_TYPE_UINT32, values, count);
+}
 
 ErrorCode MessageReader::ReadString(std::string_view& value) {
   const char* text = nullptr;

@@ -84,6 +84,18 @@ void MessageWriter::AppendUint32(std::uint32_t value) { AppendNumber(SD_BUS_TYPE
 void MessageWriter::AppendInt64(std::int64_t value) { AppendNumber(SD_BUS_TYPE_INT64, value); }
 void MessageWriter::AppendUint64(std::uint64_t value) { AppendNumber(SD_BUS_TYPE_UINT64, value); }
 
+template <typename T>
+void MessageWriter::AppendNumbers(char type, std::span<const T> values) {
+  if (!Begin()) return;
+  Note(sd_bus_message_append_array(Message(m_message), type, values.data(), values.size_bytes()));
+  Count(4, 4);
+  Count(sizeof(T), values.size_bytes());
+}
+
+void MessageWriter::AppendArray(std::span<const std::int16_t> values) { AppendNumbers(SD_BUS_TYPE_INT16, values); }
+void MessageWriter::AppendArray(std::span<const std::int32_t> values) { AppendNumbers(SD_BUS_TYPE_INT32, values); }
+void MessageWriter::AppendArray(std::span<const std::uint32_t> values) { AppendNumbers(SD_BUS_TYPE_UINT32, values); }
+
 void MessageWriter::AppendText(char type, std::string_view value) {
   if (!Begin()) return;
   if (value.find('\0') != std::string_view::npos) {

@@ -2,8 +2,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
+#include <bit>
 #include <functional>
 #include <future>
 #include <stdexcept>
@@ -183,6 +187,45 @@ TEST_F(BusPair, ReadsADictionaryKeyByKeyAndSeesAWrongTypeBeforeReadingIt) {
                                   {"adwDaysOfMonth", BusValue::Array("n", {BusValue::Int16(1)})},
                                   {"bstrObjectID", BusValue::String("o")}})});
   EXPECT_EQ(log, "bstrName:s n adwDaysOfMonth:an bstrObjectID:s o ");
+}
+
+TEST_F(BusPair, CarriesWholeArraysOfNumbersAsItCarriesTheirElements) {
+  const std::vector<BusValue> expected = {
+      BusValue::Array("n", {BusValue::Int16(1), BusValue::Int16(-32768), BusValue::Int16(3)}),
+      BusValue::Array("i", {}),
+      BusValue::Array("u", {BusValue::Uint32(4294967295u)}),
+  };
+  std::array<std::int16_t, 2> shorts = {7, 7};
+  std::array<std::int32_t, 2> longs = {7, 7};
+  std::array<std::uint32_t, 3> words = {7, 7, 7};
+  Serve({"Echo", {{"an", "n"}, {"ai", "i"}, {"au", "u"}}, {{"an", "n"}, {"ai", "i"}, {"au", "u"}},
+         [&](MessageReader& call, MessageWriter& reply) {
+           std::size_t count = 77;
+           EXPECT_EQ(call.ReadArray(longs, count), ERROR_INVALID_DATA);  // of another type: nothing moves
+           EXPECT_EQ(count, 77u);
+           EXPECT_EQ(call.ReadArray(shorts, count), ERROR_SUCCESS);
+           EXPECT_EQ(count, 3u);  // more than fit
+           EXPECT_EQ(call.ReadArray(longs, count), ERROR_SUCCESS);
+           EXPECT_EQ(count, 0u);
+           EXPECT_EQ(call.ReadArray(words, count), ERROR_SUCCESS);
+           EXPECT_EQ(count, 1u);
+           EXPECT_EQ(call.ReadArray(words, count), ERROR_NO_MORE_ITEMS);
+           const std::int16_t sent[] = {1, -32768, 3};
+           reply.AppendArray(sent);
+           reply.AppendArray(std::span<const std::int32_t>());
+           reply.AppendArray(std::span<const std::uint32_t>(words).first(1));
+           MessageWriter same;
+           EXPECT_EQ(server.NewSignal(kPath, kInterface, "S", same), ERROR_SUCCESS);
+           AppendAll(same, expected);
+           EXPECT_EQ(reply.BytesSoFar(), same.BytesSoFar());
+           return BusError{};
+         }});
+  const Answer answer = Call("Echo", expected);
+  EXPECT_FALSE(answer.error.IsSet()) << answer.error.text;
+  EXPECT_EQ(answer.values, expected);
+  EXPECT_THAT(shorts, ElementsAre(1, -32768));
+  EXPECT_THAT(longs, ElementsAre(7, 7));
+  EXPECT_THAT(words, ElementsAre(4294967295u, 7u, 7u));
 }
 
 TEST_F(BusPair, AnswersARefusalByItsNameAndText) {
@@ -553,6 +596,104 @@ TEST_F(DaemonTest, GivesANameToOneConnectionOnly) {
   EXPECT_EQ(second.RequestName(kName), ERROR_SUCCESS);
   const FaultPlan plan = FaultPlan::FailCall(Operation::kBusRequestName, 1, 5);
   EXPECT_EQ(second.RequestName(kName), 5u);
+}
+
+// A client of a bus that marshals by hand, in the byte order that this machine doesn't have.
+class OtherByteOrder {
+ public:
+  static constexpr bool kIsBig = std::endian::native == std::endian::little;
+
+  explicit OtherByteOrder(const std::string& address) {
+    sockaddr_un to = {};
+    to.sun_family = AF_UNIX;
+    const std::string path = address.substr(std::string("unix:path=").size());
+    path.substr(0, path.find(',')).copy(to.sun_path, sizeof to.sun_path - 1);
+    EXPECT_EQ(connect(m_socket, reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
+    std::string user;
+    for (const char digit : std::to_string(geteuid())) user += std::string("3") + digit;  // in hexadecimal
+    Say(std::string(1, '\0') + "AUTH EXTERNAL " + user + "\r\n");
+    char answer[256];
+    EXPECT_GT(recv(m_socket, answer, sizeof answer, 0), 2);
+    EXPECT_EQ(std::string(answer, 2), "OK");
+    Say("BEGIN\r\n");
+    Send(1, "/org/freedesktop/DBus", "org.freedesktop.DBus", "Hello", "org.freedesktop.DBus", "", "");
+  }
+  OtherByteOrder(const OtherByteOrder&) = delete;
+  OtherByteOrder& operator=(const OtherByteOrder&) = delete;
+  ~OtherByteOrder() { close(m_socket); }
+
+  static void Number(std::string& bytes, std::uint64_t value, std::size_t size) {
+    Pad(bytes, size);
+    for (std::size_t i = 0; i < size; ++i) {
+      bytes += static_cast<char>(value >> (8 * (kIsBig ? size - 1 - i : i)));
+    }
+  }
+  // A call (1) or a signal (4).
+  void Send(int type, const std::string& path, const std::string& interface, const std::string& member,
+            const std::string& destination, const std::string& signature, const std::string& body) {
+    std::string fields;
+    const auto field = [&](int code, char kind, const std::string& text) {
+      if (text.empty()) return;
+      Pad(fields, 8);
+      fields += std::string{static_cast<char>(code), 1, kind, 0};
+      if (kind == 'g') {
+        fields += static_cast<char>(text.size());
+      } else {
+        Number(fields, text.size(), 4);
+      }
+      fields += text + '\0';
+    };
+    field(1, 'o', path);
+    field(2, 's', interface);
+    field(3, 's', member);
+    field(6, 's', destination);
+    field(8, 'g', signature);
+    std::string message = {kIsBig ? 'B' : 'l', static_cast<char>(type), 0, 1};
+    Number(message, body.size(), 4);
+    Number(message, ++m_serial, 4);
+    Number(message, fields.size(), 4);
+    message += fields;
+    Pad(message, 8);
+    Say(message + body);
+  }
+
+ private:
+  static void Pad(std::string& bytes, std::size_t to) { bytes.resize((bytes.size() + to - 1) / to * to); }
+  void Say(const std::string& bytes) {
+    EXPECT_EQ(send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+  }
+
+  const int m_socket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  std::uint32_t m_serial = 0;
+};
+
+TEST_F(DaemonTest, ReadsArraysOfASenderOfTheOtherByteOrder) {
+  BusConnection receiver;
+  ASSERT_EQ(receiver.Open(bus.ForClients()), ERROR_SUCCESS);
+  bool came = false;
+  ASSERT_EQ(receiver.Subscribe("", kPath, kInterface, "Numbers",
+                               [&](MessageReader& signal) {
+                                 came = true;
+                                 std::array<std::int16_t, 2> shorts = {};
+                                 std::array<std::uint32_t, 1> words = {};
+                                 std::size_t count = 0;
+                                 EXPECT_EQ(signal.ReadArray(shorts, count), ERROR_SUCCESS);
+                                 EXPECT_EQ(count, 3u);  // more than fit
+                                 EXPECT_THAT(shorts, ElementsAre(1, -2));
+                                 EXPECT_EQ(signal.ReadArray(words, count), ERROR_SUCCESS);
+                                 EXPECT_EQ(count, 1u);
+                                 EXPECT_THAT(words, ElementsAre(0x01020304u));
+                                 EXPECT_EQ(signal.ReadArray(words, count), ERROR_NO_MORE_ITEMS);
+                               }),
+            ERROR_SUCCESS);
+  OtherByteOrder sender(bus.Address());
+  std::string body;
+  OtherByteOrder::Number(body, 6, 4);
+  for (const std::int16_t number : {1, -2, 3}) OtherByteOrder::Number(body, static_cast<std::uint16_t>(number), 2);
+  OtherByteOrder::Number(body, 4, 4);
+  OtherByteOrder::Number(body, 0x01020304, 4);
+  sender.Send(4, kPath, kInterface, "Numbers", "", "anau", body);
+  while (receiver.Process() || !came) ASSERT_TRUE(came || receiver.WaitForWork(60000));
 }
 
 TEST_F(DaemonTest, ServesCallsTellsSendersAndNoticesWhoLeaves) {
