@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "common/property_value.h"
+#include "foundation/include/zfcdbg.h"
+#include "foundation/include/zfclog.h"
 #include "platform/text.h"
 
 namespace qx {
@@ -260,6 +262,15 @@ class PlainBag final : public zepIPropertyBag {
 };
 
 }  // namespace
+
+bool IsLoadingTold() {
+  constexpr std::uint32_t kDetailLevel = 4;
+  if (ZepFoundation::ServiceLogLevel.load(std::memory_order_relaxed) >= kDetailLevel) return true;
+  for (std::uint16_t level = ZepFoundation::kTraceError; level <= ZepFoundation::kTraceDebug; ++level) {
+    if (ZepFoundation::DebugTraceEnabled(level)) return true;
+  }
+  return false;
+}
 
 bool LoadPlainSchedule(zepISchedule& schedule, std::string_view bytes) {
   PlainFile file;

@@ -12,6 +12,10 @@
 
 namespace qx {
 
+// Whether lines are written of a schedule that loads well: those of the service log's detail, or of the rules' trace.
+// The short way writes none of them, and isn't gone then.
+[[nodiscard]] bool IsLoadingTold();
+
 // Loads a schedule from the bytes of its file. Writes nothing to the service log.
 //   returns  false: the file isn't plain; the schedule may have changed and is to be loaded anew
 //   throws   std::bad_alloc

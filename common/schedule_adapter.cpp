@@ -12,6 +12,7 @@
 
 #include "common/ini_property_bag.h"
 #include "common/ini_recovery.h"
+#include "common/plain_schedule_file.h"
 #include "foundation/include/zfclog.h"
 #include "platform/clock.h"
 #include "platform/fault_point.h"
@@ -428,6 +429,7 @@ Status CZEPScheduleObj::LoadScheduleFromFile() {
   if (const platform::ErrorCode rc = batch.Read(); rc != platform::ERROR_SUCCESS) {
     return failed(platform::StatusFromErrorCode(rc));
   }
+  if (!qx::IsLoadingTold() && qx::LoadPlainSchedule(*m_pSchedule, batch.Bytes())) return kStatusOk;
   const ZRESULT result = persist->Load(bag.Get());
   if (ZepFailed(result)) return failed(static_cast<Status>(result));
   LoadDateSections(*m_pSchedule, m_IniFilePath.view());

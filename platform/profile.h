@@ -79,7 +79,7 @@ ErrorCode GetProfileSection(std::u16string_view path, std::u16string_view sectio
                                                  const char* value);
 
 // Gathers the profile calls that the making thread makes on one path, until the batch is destroyed. The file is read
-// and parsed once, by the first such call. Calls of other threads, and on other paths, don't see the batch.
+// and parsed once, at the latest by the first such call. Calls of other threads, and on other paths, don't see the batch.
 // Bound to its thread; batches of one thread end in the reverse order of their beginning. Of two batches on one path
 // the younger takes the calls.
 class ProfileBatch {
@@ -99,6 +99,8 @@ class ProfileBatch {
   // Reads the file now instead of at the first call.
   //   returns  ERROR_SUCCESS (0), also for a missing file, which is read as an empty one; codes of files
   [[nodiscard]] ErrorCode Read();
+  // The file's bytes as Read() found them; empty before that and for a missing file. Until the next Commit().
+  [[nodiscard]] std::string_view Bytes() const;
   // The code of the first call into this batch that failed for another reason than a missing file; 0 when none did.
   // Readers get their default from a failed call: this tells that it wasn't the file's.
   [[nodiscard]] ErrorCode FirstFailure() const;

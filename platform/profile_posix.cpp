@@ -22,6 +22,7 @@ using Line = detail::ProfileLine;
 using Section = detail::ProfileSection;
 using Edit = detail::ProfileEdit;
 
+constexpr std::size_t kUsualEdits = 64;         // of a batch: those of a schedule's save
 constexpr std::uint32_t kWholeSectionTail = 2;  // NULs behind the last line: its own and the end's
 
 std::string_view Trim(std::string_view text) { return detail::TrimProfile(text); }
@@ -69,7 +70,8 @@ struct detail::ProfileBatchState {
   ProfileBatchState* older = nullptr;
   bool isRead = false;
   ErrorCode readResult = ERROR_SUCCESS;  // of the one read: success, or how the file is missing
-  ReadText original;  // of a batch for saving
+  ReadText original;
+  bool isParsed = false;
   ProfileText text;
   std::vector<Edit> edits;
   bool changed = false;
@@ -80,20 +82,27 @@ struct detail::ProfileBatchState {
   ErrorCode firstFailure = ERROR_SUCCESS;      // of the writes
   ErrorCode firstReadFailure = ERROR_SUCCESS;  // of the reads
 
-  // Reads and parses the file, once it can be read.
+  // Reads the file, once it can be read.
   ErrorCode Read() {
     if (isRead) return readResult;
     const ErrorCode rc = ReadFileText(name, original);
     if (rc != ERROR_SUCCESS && !IsMissing(rc)) return rc;
-    text = purpose == ProfileBatch::kLoad ? ProfileText(std::move(original.bytes)) : ProfileText(original.bytes);
     isRead = true;
     return readResult = rc;
+  }
+
+  // The text of what was read.
+  ProfileText& Text() {
+    if (!isParsed) text = ProfileText(original.bytes);
+    isParsed = true;
+    return text;
   }
 
   ErrorCode Add(Edit edit) {
     if (purpose == ProfileBatch::kLoad) return ERROR_ACCESS_DENIED;
     if (const ErrorCode rc = Read(); rc != ERROR_SUCCESS && rc != ERROR_FILE_NOT_FOUND) return rc;
-    changed = text.Apply(edit) || changed || !original.exists;
+    changed = Text().Apply(edit) || changed || !original.exists;
+    if (edits.empty()) edits.reserve(kUsualEdits);
     edits.push_back(std::move(edit));
     DropPrepared();
     return ERROR_SUCCESS;
@@ -108,16 +117,15 @@ struct detail::ProfileBatchState {
     if (purpose == ProfileBatch::kLoad || firstFailure != ERROR_SUCCESS || !changed || isPrepared) return;
     const MutexLock lock(g_writers);
     isPrepared = true;
-    preparedBytes = text.Serialize();
+    preparedBytes = Text().Serialize();
     preparedResult = prepared.Begin(name, preparedBytes, Durable::kYes);
     prepared.HaveDiskBegin();
   }
 
-  // Puts the text in place, from the prepared file where that is still the one.
+  // Puts the text in place, from the prepared file where there is one.
   ErrorCode Replace(const std::string& bytes) {
-    const bool isSame = isPrepared && bytes == preparedBytes;
-    if (isSame && preparedResult != ERROR_SUCCESS) return preparedResult;
-    if (isSame && prepared.IsBegun()) return prepared.Finish();
+    if (isPrepared && preparedResult != ERROR_SUCCESS) return preparedResult;
+    if (isPrepared && prepared.IsBegun()) return prepared.Finish();
     prepared.Discard();
     return ReplaceWholeFile(name, bytes, Durable::kYes);
   }
@@ -133,6 +141,7 @@ struct detail::ProfileBatchState {
     changed = !present.exists && !edits.empty();
     for (const Edit& edit : edits) changed = replayed.Apply(edit) || changed;
     text = std::move(replayed);
+    isParsed = true;
     original = std::move(present);
     return ERROR_SUCCESS;
   }
@@ -144,12 +153,12 @@ struct detail::ProfileBatchState {
     const MutexLock lock(g_writers);
     if (const ErrorCode rc = CatchUp(); rc != ERROR_SUCCESS) return rc;
     if (changed) {
-      std::string bytes = text.Serialize();
+      std::string bytes = isPrepared ? std::move(preparedBytes) : Text().Serialize();
       const ErrorCode rc = Replace(bytes);
       DropPrepared();
       if (rc != ERROR_SUCCESS) return rc;
       original = {std::move(bytes), true};
-      text = ProfileText(original.bytes);
+      isParsed = false;
       readResult = ERROR_SUCCESS;
     }
     edits.clear();
@@ -184,7 +193,7 @@ ErrorCode WithText(std::u16string_view path, ErrorCode fault, Use use) {
   std::string name;
   if (detail::ProfileBatchState* batch = BatchOn(path, name)) {
     const ErrorCode rc = fault != ERROR_SUCCESS ? fault : batch->Read();
-    if (fault == ERROR_SUCCESS && (rc == ERROR_SUCCESS || batch->isRead)) use(batch->text);
+    if (fault == ERROR_SUCCESS && (rc == ERROR_SUCCESS || batch->isRead)) use(batch->Text());
     const bool isMissing = fault == ERROR_SUCCESS && IsMissing(rc);
     if (batch->firstReadFailure == ERROR_SUCCESS && !isMissing) batch->firstReadFailure = rc;
     return rc;
@@ -426,6 +435,8 @@ ErrorCode ProfileBatch::Read() {
   const ErrorCode rc = m_state->Read();
   return IsMissing(rc) ? ErrorCode{ERROR_SUCCESS} : rc;
 }
+
+std::string_view ProfileBatch::Bytes() const { return m_state->original.bytes; }
 
 ErrorCode ProfileBatch::FirstFailure() const {
   return m_state->firstFailure != ERROR_SUCCESS ? m_state->firstFailure : m_state->firstReadFailure;

@@ -11,6 +11,7 @@ namespace {
 constexpr std::string_view kWideMark = "\xFF\xFE";
 constexpr std::string_view kLineEnds = "\r\n";
 constexpr std::size_t kUsualSections = 8;
+constexpr std::size_t kBlock = 2048;  // bytes: what a schedule's save writes
 constexpr std::size_t kUsualLines = 16;  // of a section
 
 bool IsBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
@@ -73,6 +74,10 @@ std::u16string UnitsFromBytes(std::string_view bytes) {
 // What is the same byte in every encoding, and has no other case than the ASCII one.
 bool IsPlain(char32_t c) {
   return (c >= U'a' && c <= U'z') || (c >= U'A' && c <= U'Z') || (c >= U'0' && c <= U'9') || c == U'_' || c == U' ';
+}
+
+bool HasLineEnd(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n'; });
 }
 
 char UpperAscii(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
@@ -268,18 +273,29 @@ bool ProfileText::Apply(const ProfileEdit& edit) {
   WantedName key;
   Want(*edit.key, key);
   if (!edit.value) return at != kNone && RemoveLine(m_sections[at], LineAt(m_sections[at], key));
-  std::string value(TrimFront(Encode(*edit.value)));
+  std::string value = Encode(*edit.value);
+  value.erase(0, value.size() - TrimFront(value).size());
   // What the next reader of the file would understand in another way is understood so at once: the bytes of a batch are
   // those of single calls.
   const bool trailingBlank = Trim(value).size() != value.size();
-  const bool otherwise = trailingBlank || value.find_first_of(kLineEnds) != std::string::npos ||
-                         key.bytes.find_first_of("=\r\n") != std::string::npos || key.bytes.starts_with('[') ||
-                         name.bytes.find_first_of("]\r\n") != std::string::npos;
+  const bool otherwise = trailingBlank || HasLineEnd(value) || HasLineEnd(key.bytes) || HasLineEnd(name.bytes) ||
+                         key.bytes.find('=') != std::string_view::npos || key.bytes.starts_with('[') ||
+                         name.bytes.find(']') != std::string_view::npos;
   if (at == kNone) m_verbatim.clear();
   ProfileSection& section = at == kNone ? BeginSection(Keep(name.bytes), {}) : m_sections[at];
   const bool changed = SetValue(section, key, std::move(value)) || at == kNone;
   if (changed && otherwise) ReadAgain();
   return changed;
+}
+
+std::string_view ProfileText::Keep(std::string_view text) {
+  if (m_texts.empty() || m_texts.front().capacity() - m_texts.front().size() < text.size()) {
+    m_texts.emplace_front().reserve(std::max(text.size(), kBlock));
+  }
+  std::string& block = m_texts.front();
+  const std::size_t at = block.size();
+  block.append(text);
+  return std::string_view(block).substr(at);
 }
 
 void ProfileText::ReadAgain() {

@@ -84,11 +84,12 @@ class ProfileText {
   bool SetValue(ProfileSection& section, const WantedName& key, std::string value);
 
   // Keeps a text for the views of it.
-  std::string_view Keep(std::string_view text) { return m_texts.emplace_front(text); }
+  std::string_view Keep(std::string_view text);
   void ReadAgain();
 
   Encoding m_encoding = Encoding::kSystem;
-  std::forward_list<std::string> m_texts;  // the file, and what was written since: lines are views of it
+  std::forward_list<std::string> m_texts;  // the file, and what was written since, piece behind piece in blocks that
+                                           // never grow beyond their room: lines are views of it
   std::string m_verbatim;           // the text as written, where the lines as understood differ; until the next change
   std::vector<ProfileSection> m_sections;  // the first one holds the lines in front of any header
 };

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "common/ini_recovery.h"
-#include "foundation/include/zfcdbg.h"
+#include "common/plain_schedule_file.h"
 #include "foundation/include/zfclog.h"
 #include "platform/file.h"
 #include "platform/guid.h"
@@ -138,18 +138,6 @@ void PopulateOne(const RegistryKey& schedules, std::u16string_view keyName) {
   }
 }
 
-// The lines that are told of a schedule that loads well are of this level and above. While they are written, nothing is
-// loaded ahead: they stand in the order of the calls.
-constexpr std::uint32_t kDetailLevel = 4;
-
-bool IsDetailWritten() {
-  if (ZepFoundation::ServiceLogLevel.load(std::memory_order_relaxed) >= kDetailLevel) return true;
-  for (std::uint16_t level = ZepFoundation::kTraceError; level <= ZepFoundation::kTraceDebug; ++level) {
-    if (ZepFoundation::DebugTraceEnabled(level)) return true;
-  }
-  return false;
-}
-
 void PopulateAt(const RegistryKey& schedules, std::uint32_t index) {
   std::u16string name;
   if (platform::EnumKey(schedules, index, name) != ERROR_SUCCESS) {
@@ -195,7 +183,7 @@ bool ListAhead(LoadAhead& ahead, const RegistryKey& schedules, std::uint32_t fir
 // Fills the list from what was loaded ahead.
 //   returns  the number of keys that are done; the others are to be loaded call by call
 std::uint32_t PopulateFromAhead(LoadAhead& ahead, const RegistryKey& schedules, std::uint32_t count) {
-  if (!ahead.Wait() || ahead.Size() != count || IsDetailWritten()) return 0;
+  if (!ahead.Wait() || ahead.Size() != count || IsLoadingTold()) return 0;
   std::uint32_t listed = 0;  // all in front of it are done
   for (std::uint32_t i = 0; i < count; ++i) {
     const LoadAhead::Outcome outcome = ahead.At(i);
@@ -263,7 +251,7 @@ Status PopulateJobList(std::unique_ptr<qx::LoadAhead> ahead) {
   ServiceLog(3, u"Number of Schedules in the registry = %d", info.subKeyCount);
   if (info.subKeyCount == 0) return kStatusOk;
   std::uint32_t done = 0;
-  if (!qx::IsDetailWritten()) {
+  if (!qx::IsLoadingTold()) {
     if (!ahead && info.subKeyCount >= qx::kWorthLoadingAhead) {
       ahead = std::make_unique<qx::LoadAhead>(platform::RegistryStoreFile());
     }

@@ -15,6 +15,7 @@
 #include "common/schedule_adapter.h"
 #include "common/zep_factory.h"
 #include "foundation/testing/captured_log.h"
+#include "platform/testing/fault.h"
 #include "platform/testing/temporary_folder.h"
 #include "platform/testing/virtual_clock.h"
 #include "platform/text.h"
@@ -110,7 +111,11 @@ class PlainScheduleFile : public testing::Test {
     std::ofstream(m_file, std::ios::binary) << bytes;
     CZEPScheduleObj adapter = NewAdapter();
     m_log.Clear();
+    ZepFoundation::ServiceLogLevel = 4;  // whoever is to tell of a load goes through the bag
+    EXPECT_TRUE(qx::IsLoadingTold());
     const Status status = adapter.LoadScheduleFromFile();
+    ZepFoundation::ServiceLogLevel = 0;
+    EXPECT_FALSE(qx::IsLoadingTold());
     const std::string contents = status == 0 && m_log.texts(3).empty() ? Contents(*adapter.m_pSchedule) : "";
     adapter.m_pSchedule->Release();
     return contents;
@@ -145,6 +150,21 @@ class PlainScheduleFile : public testing::Test {
   const std::string m_folder = m_temporary.Path();
   std::string m_file;
 };
+
+TEST_F(PlainScheduleFile, IsTheWayOfALoadOfWhichNothingIsTold) {
+  const std::string bytes = Saved(Daily());
+  const platform::FaultPlan plan = platform::FaultPlan::FailCall(platform::Operation::kGetProfileInt, 1,
+                                                                 platform::ERROR_ACCESS_DENIED, platform::kFromThenOn);
+  CZEPScheduleObj adapter = NewAdapter();
+  EXPECT_EQ(adapter.LoadScheduleFromFile(), 0u);
+  EXPECT_EQ(Contents(*adapter.m_pSchedule), FromTheBytes(bytes));
+  ZepFoundation::ServiceLogLevel = 4;
+  EXPECT_EQ(adapter.LoadScheduleFromFile(), 0x80070005u);
+  ZepFoundation::ServiceLogLevel = 0;
+  EXPECT_TRUE(m_log.Has(
+      1, "CZEPScheduleObj::LoadScheduleFromFile:Failed to load the ini file into propBag, hr : 80070005"));
+  adapter.m_pSchedule->Release();
+}
 
 TEST_F(PlainScheduleFile, LoadsWhatASaveWrote) {
   std::size_t plain = 0;

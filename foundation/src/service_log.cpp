@@ -270,9 +270,19 @@ void ServiceLogArguments(std::uint32_t level, const char16_t* format, std::span<
 }
 
 std::u16string ForLog(std::u16string_view text) {
+  // One byte in every code page, and no character of a format.
+  const auto isPlain = [](char16_t unit) { return unit < 0x80 && unit != u'%'; };
   std::u16string out;
   std::size_t bytes = 0;
   for (std::size_t at = 0; at < text.size();) {
+    const std::u16string_view rest = text.substr(at, kForLogBytes - bytes);
+    const auto plain = std::find_if_not(rest.begin(), rest.end(), isPlain) - rest.begin();
+    if (plain != 0) {
+      out.append(rest.substr(0, static_cast<std::size_t>(plain)));
+      bytes += static_cast<std::size_t>(plain);
+      at += static_cast<std::size_t>(plain);
+      continue;
+    }
     const std::u16string_view character = text.substr(at, IsPair(text.substr(at)) ? 2 : 1);
     const bool percent = character == u"%";
     const std::size_t more = percent ? 2 * SystemBytes(character) : SystemBytes(character);

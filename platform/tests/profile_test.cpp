@@ -508,6 +508,17 @@ TEST_F(ProfileFile, IsReadOnceByABatchForLoading) {
   EXPECT_EQ(plan.calls(), 1);
 }
 
+TEST_F(ProfileFile, GivesTheBytesThatABatchHasRead) {
+  Put("[S]\na = 1 ; x\n");
+  ProfileBatch batch(m_path, ProfileBatch::kLoad);
+  EXPECT_EQ(batch.Bytes(), "");
+  ASSERT_EQ(batch.Read(), ERROR_SUCCESS);
+  Put(kOldText);
+  EXPECT_EQ(batch.Bytes(), "[S]\na = 1 ; x\n");
+  EXPECT_EQ(Read(u"S", u"a"), u"1 ; x");  // of the same bytes
+  EXPECT_EQ(batch.Bytes(), "[S]\na = 1 ; x\n");
+}
+
 TEST_F(ProfileFile, AnswersAsMissingToAWholeBatchForLoading) {
   ProfileBatch batch(m_path, ProfileBatch::kLoad);
   std::int32_t value = 0;

@@ -154,8 +154,22 @@ TEST_P(ServiceSweepOfAModification, MakesTheChangeOrPutsTheOldScheduleBack) {
 INSTANTIATE_TEST_SUITE_P(Directories, ServiceSweepOfAModification, ::testing::Values("", "/other"),
                          [](const auto& directory) { return directory.index == 0 ? "Same" : "Other"; });
 
-TEST_F(ServiceSweep, LoadTakesEachScheduleWholeOrSkipsItWithALine) {
-  Sweep("load of three schedules", [&] { EXPECT_EQ(PopulateJobList(), kStatusOk); },
+// A file in the form of a save is read by its bytes, or call by call where the log tells of each.
+class ServiceSweepOfALoad : public ServiceSweep, public ::testing::WithParamInterface<std::uint32_t> {
+ protected:
+  void SetUp() override {
+    ServiceSweep::SetUp();
+    ZepFoundation::ServiceLogLevel = GetParam();
+  }
+  void TearDown() override {
+    ZepFoundation::ServiceLogLevel = 0;
+    ServiceSweep::TearDown();
+  }
+};
+
+TEST_P(ServiceSweepOfALoad, TakesEachScheduleWholeOrSkipsItWithALine) {
+  Sweep(GetParam() == 0 ? "load of three schedules" : "load of three schedules, told",
+        [&] { EXPECT_EQ(PopulateJobList(), kStatusOk); },
         [&](const Fault* fault) {
           const StoredState now = ReadStoredState(m_folder);
           EXPECT_EQ(now.keys, m_before.keys);
@@ -190,6 +204,10 @@ TEST_F(ServiceSweep, LoadTakesEachScheduleWholeOrSkipsItWithALine) {
         },
         false);
 }
+
+INSTANTIATE_TEST_SUITE_P(Files, ServiceSweepOfALoad, ::testing::Values(0u, 4u), [](const auto& level) {
+  return level.param == 0 ? "ByTheirBytes" : "CallByCall";
+});
 
 TEST_F(ServiceSweep, ALaunchPassGoesOnWithTheListWhateverFails) {
   platform::ClockWatch watch;
