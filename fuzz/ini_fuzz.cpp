@@ -1,5 +1,7 @@
 // The .ini reader and writer over any file: what is written is read back, and a batch leaves the same bytes.
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <fstream>
 #include <iterator>
 
@@ -59,7 +61,10 @@ QX_FUZZ_TARGET(ini) {
   };
   write(path);
   Require(Value(path, u"x", u"k", 256) == u"night run", "what was written is read");
-  Require(Value(path, u"General", u"m_Name", 256) == u"none" || text.find("m_Name") != text.rfind("m_Name") ||
+  // Of a key that stands there twice, in whatever case, the second one counts from now on.
+  std::string lower(text);
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+  Require(Value(path, u"General", u"m_Name", 256) == u"none" || lower.find("m_name") != lower.rfind("m_name") ||
               text.starts_with("\xFF\xFE"),
           "what was removed is gone");
   {
