@@ -218,6 +218,12 @@ bool CServiceModule::OpenStore() {
   std::string where;
   if (const ErrorCode rc = platform::CheckRegistryStore(file, where); rc != ERROR_SUCCESS) {
     m_parts.ahead.reset();
+    if (rc != platform::ERROR_REGISTRY_CORRUPT) {
+      // One of a newer version, say: what it holds is good, and nobody is to be told to remove it.
+      ComplainUtf8("The registry " + file + " can't be opened, error " + std::to_string(rc) +
+                   (where.empty() ? "" : ": " + where));
+      return false;
+    }
     ComplainUtf8("The registry " + file + " is damaged: " + where);
     std::string copy;
     const ErrorCode kept = platform::KeepDamagedCopy(file, copy);

@@ -143,5 +143,33 @@ TEST_F(ServiceStart, AnApplicationKeyThatCanNotBeOpenedEndsItWithTheSystemsCode)
   EXPECT_THAT(m_written, IsEmpty());
 }
 
+struct RefusedStore {
+  std::uint32_t code;
+  bool isDamaged;
+};
+
+TEST_F(ServiceStart, AStoreThatOnlyCanNotBeOpenedIsNotCalledDamaged) {
+  ASSERT_EQ(CServiceModule(Options("-RegServer")).Main(), 0);
+  const std::string store = m_folder + "/state/registry.db";
+  const RefusedStore kCases[] = {{platform::ERROR_NOT_SUPPORTED, false},  // of a newer version
+                                 {platform::ERROR_BUSY, false},
+                                 {platform::ERROR_ACCESS_DENIED, false},
+                                 {platform::ERROR_NOT_ENOUGH_MEMORY, false},
+                                 {platform::ERROR_REGISTRY_IO_FAILED, false},
+                                 {platform::ERROR_REGISTRY_CORRUPT, true}};
+  for (const RefusedStore& c : kCases) {
+    const auto plan =
+        platform::FaultPlan::FailCall(platform::Operation::kRegOpenStore, 1, c.code, platform::kFromThenOn, store);
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(CServiceModule(Options()).Main(), 1);
+    const std::string told = ::testing::internal::GetCapturedStderr();
+    EXPECT_THAT(told, ::testing::HasSubstr(store + (c.isDamaged ? " is damaged" : " can't be opened, error " +
+                                                                                      std::to_string(c.code))));
+    EXPECT_EQ(told.find("remove it") != std::string::npos, c.isDamaged) << told;
+    EXPECT_EQ(platform::FileExists(store + ".damaged"), c.isDamaged) << c.code;
+  }
+  EXPECT_THAT(m_written, IsEmpty());
+}
+
 }  // namespace
 }  // namespace qx
