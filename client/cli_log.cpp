@@ -63,7 +63,9 @@ std::optional<LineHead> ReadLineHead(std::string_view line) {
                      ReadNumber(line, at, second) && ReadWord(line, at, " ") && ReadNumber(line, at, year) &&
                      ReadWord(line, at, " (PID:") && ReadNumber(line, at, head.pid) && ReadWord(line, at, ", TID:") &&
                      ReadNumber(line, at, head.tid) && ReadWord(line, at, "): ");
-  if (!whole || year < 1 || year > 9999 || day < 1 || day > 31) return std::nullopt;
+  const bool inRange = year >= 1 && year <= 9999 && day >= 1 && day <= 31 && hour >= 0 && hour <= 23 && minute >= 0 &&
+                       minute <= 59 && second >= 0 && second <= 60;
+  if (!whole || !inRange) return std::nullopt;
   head.text = at;
   head.when = platform::DaysFromCivil(static_cast<int>(year), static_cast<int>(month / 3 + 1), static_cast<int>(day)) *
                   86400 +

@@ -68,6 +68,20 @@ class LogCommand : public CliTest {
   }
 };
 
+// A peer's or a client's text may have put it there.
+TEST_F(LogCommand, TakesALineWithATimeThatIsNoneForOneWithoutAHead) {
+  const std::string foot = " 2026 (PID:1, TID:2): text";
+  const std::string lines[] = {"Mon Nov 30 99999999999999999:00:00" + foot, "Mon Nov 30 24:00:00" + foot,
+                               "Mon Nov 30 10:60:00" + foot, "Mon Nov 30 10:00:-5" + foot};
+  for (const std::string& line : lines) {
+    WriteLog(0, Line(1, 5, "a") + line + "\r\n" + Line(2, 0, "b"));
+    EXPECT_EQ(Log().out, "2026-11-30 01:00:05  a\n" + line + "\n2026-11-30 02:00:00  b\n");
+    const json shown = json::parse(Log({"--json", "-n", "2"}).out.substr(0, Log({"--json", "-n", "2"}).out.find('\n')));
+    EXPECT_TRUE(shown["time"].is_null());
+    EXPECT_EQ(shown["text"], line);
+  }
+}
+
 TEST_F(LogCommand, ShowsTheLinesWithTheirTimes) {
   WriteLog(0, Line(1, 5, "a"));
   WriteLog(1, Line(2, 0, "b"));
