@@ -1,6 +1,7 @@
 #include "client/cli_reg.h"
 
 #include <string>
+#include <vector>
 
 #include "client/cli_registry.h"
 #include "platform/file.h"
@@ -12,6 +13,11 @@ int WithKeyStore(CliContext& context, bool create, const std::function<int()>& c
   const std::string directory = platform::StateDirectory();
   const std::string file = directory + "/registry.db";
   if (directory.empty() || (!platform::FileExists(file) && (!create || !platform::DirectoryExists(directory)))) {
+    std::vector<std::string> names;
+    if (!directory.empty() && platform::ListDirectory(directory, names) == platform::ERROR_ACCESS_DENIED) {
+      PrintError(context, directory + ": can't be looked into by this account");
+      return kExitPermission;
+    }
     PrintError(context, "no key store: " + file);
     PrintHint(context, "name the state directory with --root, or register the service first");
     return kExitNotFound;

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "foundation/include/zfcdbg.h"
 #include "foundation/include/zfclog.h"
@@ -184,7 +185,14 @@ int CServiceModule::Start() {
     return static_cast<int>(code);
   };
   // Looked for first: opening would make it.
-  if (!platform::FileExists(RegistryFile(directory))) return unregistered(ERROR_FILE_NOT_FOUND);
+  if (!platform::FileExists(RegistryFile(directory))) {
+    std::vector<std::string> names;
+    if (platform::ListDirectory(directory, names) != platform::ERROR_ACCESS_DENIED) {
+      return unregistered(ERROR_FILE_NOT_FOUND);
+    }
+    ComplainUtf8("The state directory " + directory + " can't be looked into by this account");
+    return kExitFailed;
+  }
   ErrorCode rc = platform::LockStateDirectory(m_stateLock);
   if (rc == platform::ERROR_LOCK_VIOLATION && !m_options.foreground) rc = AwaitPredecessor(m_stateLock);
   if (rc != ERROR_SUCCESS) {

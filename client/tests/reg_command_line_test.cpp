@@ -2,6 +2,7 @@
 
 #include "client/tests/cli_fixture.h"
 #include "platform/registry.h"
+#include "platform/testing/fault.h"
 
 namespace {
 
@@ -38,6 +39,22 @@ TEST_F(RegCommandLine, MakesNoStoreForALook) {
   EXPECT_FALSE(std::filesystem::exists(Path("registry.db")));
   EXPECT_EQ(Run({"--root", Path("none"), "reg", "set", "HKLM\\A", "x", "y"}).exit, 3);
   EXPECT_FALSE(std::filesystem::exists(Path("none")));
+}
+
+TEST_F(RegCommandLine, TellsAStateDirectoryThatItMayNotLookInto) {
+  Write("registry.db", "of another account");
+  const auto plan = platform::FaultPlan::Ask([&](int, platform::Operation operation, std::string_view detail) {
+    const bool isThere = (operation == platform::Operation::kFileExists && detail == Path("registry.db")) ||
+                         (operation == platform::Operation::kDirectoryExists && detail == m_directory);
+    return isThere ? platform::ERROR_ACCESS_DENIED : platform::ERROR_SUCCESS;
+  });
+  for (const char* change : {"set", "list"}) {
+    std::vector<std::string> words = {change, "HKLM\\SOFTWARE"};
+    if (words.front() == "set") words.insert(words.end(), {"name", "data"});
+    const Result result = Reg(words);
+    EXPECT_EQ(result.exit, 4) << change;
+    EXPECT_THAT(result.err, HasSubstr(m_directory + ": can't be looked into"));
+  }
 }
 
 TEST_F(RegCommandLine, NamesAStoreThatIsNone) {

@@ -143,6 +143,20 @@ TEST_F(ServiceStart, AnApplicationKeyThatCanNotBeOpenedEndsItWithTheSystemsCode)
   EXPECT_THAT(m_written, IsEmpty());
 }
 
+TEST_F(ServiceStart, AStateDirectoryOfAnotherAccountIsToldAsSuch) {
+  ASSERT_EQ(CServiceModule(Options("-RegServer")).Main(), 0);
+  const std::string directory = m_folder + "/state";
+  const auto plan = platform::FaultPlan::Ask([&](int, platform::Operation operation, std::string_view detail) {
+    const bool isThere = (operation == platform::Operation::kFileExists && detail == directory + "/registry.db") ||
+                         (operation == platform::Operation::kDirectoryExists && detail == directory);
+    return isThere ? platform::ERROR_ACCESS_DENIED : platform::ERROR_SUCCESS;
+  });
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(CServiceModule(Options()).Main(), 1);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+            "Korvane Scheduler Service: The state directory " + directory + " can't be looked into by this account\n");
+}
+
 struct RefusedStore {
   std::uint32_t code;
   bool isDamaged;
