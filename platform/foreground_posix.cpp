@@ -9,6 +9,7 @@
 
 #include <algorithm>
 
+#include "platform/child_exits.h"
 #include "platform/fault_point.h"
 
 extern char** environ;
@@ -51,6 +52,7 @@ ErrorCode Spawn(std::vector<std::string> words, char** environment, int input, s
     return fault;
   }
   if (words.empty() || words[0].empty()) return ERROR_FILE_NOT_FOUND;
+  detail::KeepChildExits();
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);

@@ -16,6 +16,7 @@
 #include <thread>
 #include <utility>
 
+#include "platform/child_exits.h"
 #include "platform/fault_point.h"
 #include "platform/file.h"
 #include "platform/mutex.h"
@@ -90,6 +91,7 @@ class Reaper {
   // Returns that value; `ticket` is the child's number here.
   template <typename Spawn>
   int Start(bool waited, const Spawn& spawn, std::uint64_t& ticket) {
+    detail::KeepChildExits();
     MutexLock lock(m_mutex);
     if (!m_running) {
       // The reaper takes no part in signals: whoever blocks or catches them elsewhere isn't disturbed by it.
@@ -302,6 +304,14 @@ void CloseEnd(int& end) {
 }
 
 }  // namespace
+
+void detail::KeepChildExits() {
+  struct sigaction present = {};
+  if (sigaction(SIGCHLD, nullptr, &present) != 0 || present.sa_handler != SIG_IGN) return;
+  struct sigaction usual = {};
+  usual.sa_handler = SIG_DFL;
+  (void)sigaction(SIGCHLD, &usual, nullptr);
+}
 
 std::vector<std::u16string> SplitCommandLine(std::u16string_view line) {
   line = line.substr(0, line.find(u'\0'));

@@ -40,6 +40,15 @@ TEST_F(Foreground, GivesTheExitCodeOfTheProgram) {
   }
 }
 
+// As a program inherits it from one that cares for no child. An editor that was left by its code changes nothing.
+TEST_F(Foreground, GivesTheExitCodeWhereTheEndsOfChildrenWereIgnored) {
+  const auto before = ::signal(SIGCHLD, SIG_IGN);
+  std::uint32_t code = 99;
+  EXPECT_EQ(RunInForeground({"sh", "-c", "exit 7"}, code), 0u);
+  EXPECT_EQ(code, 7u);
+  ::signal(SIGCHLD, before);
+}
+
 TEST_F(Foreground, SaysThatThereIsNoSuchProgram) {
   std::uint32_t code = 99;
   EXPECT_EQ(RunInForeground({"/nonexistent/editor"}, code), platform::ERROR_FILE_NOT_FOUND);

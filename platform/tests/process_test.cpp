@@ -291,6 +291,15 @@ TEST_F(ProcessTest, GivesTheExitCodeOfACommand) {
   EXPECT_EQ(exitCode, 143u);
 }
 
+// As a program inherits it from one that cares for no child.
+TEST_F(ProcessTest, GivesTheExitCodeWhereTheEndsOfChildrenWereIgnored) {
+  const auto before = signal(SIGCHLD, SIG_IGN);
+  std::uint32_t exitCode = 99;
+  EXPECT_EQ(RunAndWait(Script("seven", "exit 7"), exitCode), ERROR_SUCCESS);
+  EXPECT_EQ(exitCode, 7u);
+  signal(SIGCHLD, before);
+}
+
 TEST_F(ProcessTest, GivesEachOfManyWaitersItsOwnExitCode) {
   std::vector<std::thread> waiters;
   std::vector<std::uint32_t> codes(8, 0);
