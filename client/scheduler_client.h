@@ -32,7 +32,7 @@ inline constexpr Status kStatusNoSink = 0x80040202;
 struct ServiceProperties {
   std::string version;           // of the program, as "0.1.0"
   std::string zone;              // a TZ text
-  std::uint16_t port = 0;        // where other nodes connect; 0: it isn't open
+  std::uint16_t port = 0;        // set for the node channel, open or not
   std::uint32_t traceLevel = 0;  // 0 to 6: the greatest level of the service log
   std::int64_t nextWakeUp = -1;  // seconds since 1970; -1: nothing to wait for
   std::string stateDirectory;    // on the service's host
