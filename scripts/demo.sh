@@ -10,6 +10,9 @@ cd "$(dirname "$0")/.."
 # --- the programs -----------------------------------------------------------------------------------------------------
 
 if [ "${1:-}" = --installed ]; then
+  for program in QxSchedService qxsched; do
+    command -v $program >/dev/null || { echo "demo: $program isn't on PATH" >&2; exit 1; }
+  done
   service=$(command -v QxSchedService) client=$(command -v qxsched)
 else
   preset=dev
