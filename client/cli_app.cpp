@@ -11,10 +11,10 @@
 #include "client/cli_completion.h"
 #include "client/cli_config.h"
 #include "client/cli_history.h"
+#include "client/cli_key_store.h"
 #include "client/cli_list.h"
 #include "client/cli_nodes.h"
 #include "client/cli_record.h"
-#include "client/cli_reg.h"
 #include "client/cli_registry.h"
 #include "client/cli_usage.h"
 #include "client/time_text.h"
@@ -164,7 +164,7 @@ void AddRegistryCommands(CLI::App& app, CliContext& context, CommandChoice& choi
   list->callback([&context, &choice, state] {
     choice.run = [&context, state] {
       return WithKeyStore(context, false,
-                          [&] { return client::RegList(state->key, context.options.json, context.out, context.err); });
+                          [&] { return RegList(state->key, context.options.json, context.out, context.err); });
     };
   });
 
@@ -174,7 +174,7 @@ void AddRegistryCommands(CLI::App& app, CliContext& context, CommandChoice& choi
   get->callback([&context, &choice, state] {
     choice.run = [&context, state] {
       return WithKeyStore(context, false, [&] {
-        return client::RegGet(state->key, state->name, context.options.json, context.out, context.err);
+        return RegGet(state->key, state->name, context.options.json, context.out, context.err);
       });
     };
   });
@@ -188,7 +188,7 @@ void AddRegistryCommands(CLI::App& app, CliContext& context, CommandChoice& choi
   set->callback([&context, &choice, state] {
     choice.run = [&context, state] {
       return WithKeyStore(context, true, [&] {
-        return client::RegSet(state->key, state->name, state->data, state->type, context.err);
+        return RegSet(state->key, state->name, state->data, state->type, context.err);
       });
     };
   });
@@ -199,7 +199,7 @@ void AddRegistryCommands(CLI::App& app, CliContext& context, CommandChoice& choi
   remove->callback([&context, &choice, state, name] {
     choice.run = [&context, state, named = name->count() > 0] {
       return WithKeyStore(context, false, [&] {
-        return client::RegDelete(state->key, named ? std::optional(state->name) : std::nullopt, context.err);
+        return RegDelete(state->key, named ? std::optional(state->name) : std::nullopt, context.err);
       });
     };
   });

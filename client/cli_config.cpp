@@ -7,8 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "client/cli_reg.h"
-#include "client/cli_registry.h"
+#include "client/cli_key_store.h"
 #include "client/status_text.h"
 #include "common/service_install.h"
 #include "platform/file.h"
@@ -72,7 +71,7 @@ bool PathIsUsable(CliContext& context, const std::string& path) {
 }
 
 int StoreFailure(CliContext& context, ErrorCode code) {
-  PrintError(context, "config: " + std::string(client::RegistryErrorSentence(code)) + " (error " +
+  PrintError(context, "config: " + std::string(RegistryErrorSentence(code)) + " (error " +
                           std::to_string(code) + ")");
   return code == platform::ERROR_ACCESS_DENIED ? kExitPermission : kExitFailed;
 }
@@ -253,11 +252,6 @@ bool IsAccountName(const std::string& name) {
          std::all_of(name.begin(), name.end(), plain);
 }
 
-bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
-  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
-}
-
 // The account in the record, and from there in the host's files; nothing of a name that is no account here.
 int SetAccount(CliContext& context, const std::string& destination, const std::string& account) {
   const bool root = account == kLocalSystem;
@@ -353,7 +347,7 @@ int RunConfigSet(CliContext& context, const ConfigArguments& arguments) {
                               std::to_string(row->least) + " to " + std::to_string(row->greatest) + ")");
       return kExitUsage;
     }
-  } else if (EqualsIgnoringCase(value, kLocalSystem)) {
+  } else if (platform::IsLocalSystemAccount(platform::WideFromUtf8(value))) {
     value = kLocalSystem;
   } else if (!IsAccountName(value)) {
     PrintError(context, "config: \"" + value + "\" is no account (allowed: a user's name, or LocalSystem for root)");

@@ -11,20 +11,16 @@
 #include <span>
 #include <vector>
 
+#include "client/cli_key_store.h"
 #include "platform/registry.h"
+#include "platform/text.h"
 
-namespace client {
+namespace qx {
 namespace {
 
 using platform::ErrorCode;
 using platform::Hive;
 using platform::RegistryKey;
-
-constexpr int kExitDone = 0;
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
-constexpr int kExitNotFound = 3;
-constexpr int kExitPermission = 4;
 
 struct TypeRow {
   std::uint32_t type;
@@ -46,61 +42,17 @@ constexpr bool IsText(std::uint32_t type) {
 
 // --- Text ---
 
-void AppendUtf8(std::uint32_t code, std::string& out) {
-  if (code < 0x80) {
-    out += static_cast<char>(code);
-    return;
-  }
-  const int more = code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
-  static constexpr std::uint32_t kLead[] = {0, 0xC0, 0xE0, 0xF0};
-  out += static_cast<char>(kLead[more] | (code >> (6 * more)));
-  for (int i = more - 1; i >= 0; --i) out += static_cast<char>(0x80 | ((code >> (6 * i)) & 0x3F));
-}
-
 // A lone surrogate becomes U+FFFD and clears `isWhole`.
 std::string ToUtf8(std::u16string_view text, bool& isWhole) {
-  std::string out;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    std::uint32_t code = text[i];
-    if (code >= 0xD800 && code < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000) {
-      code = 0x10000 + ((code - 0xD800) << 10) + (text[++i] - 0xDC00u);
-    } else if (code >= 0xD800 && code < 0xE000) {
-      code = 0xFFFD;
-      isWhole = false;
-    }
-    AppendUtf8(code, out);
-  }
+  std::string out = platform::Utf8FromWide(text);
+  isWhole = isWhole && platform::WideFromUtf8(out) == text;
   return out;
 }
 
-// False for text that isn't UTF-8: overlong forms, surrogates and values beyond U+10FFFF included.
+// False for text that isn't UTF-8.
 bool FromUtf8(std::string_view text, std::u16string& out) {
-  out.clear();
-  for (std::size_t i = 0; i < text.size();) {
-    const auto lead = static_cast<unsigned char>(text[i]);
-    const int more = lead < 0x80                   ? 0
-                     : lead >= 0xC2 && lead < 0xE0 ? 1
-                     : (lead & 0xF0) == 0xE0       ? 2
-                     : lead >= 0xF0 && lead < 0xF5 ? 3
-                                                   : -1;
-    if (more < 0 || i + static_cast<std::size_t>(more) >= text.size()) return false;
-    static constexpr std::uint32_t kMask[] = {0x7F, 0x1F, 0x0F, 0x07};
-    static constexpr std::uint32_t kLeast[] = {0, 0x80, 0x800, 0x10000};
-    std::uint32_t code = lead & kMask[more];
-    for (int k = 1; k <= more; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + static_cast<std::size_t>(k)]);
-      if ((next & 0xC0) != 0x80) return false;
-      code = (code << 6) | (next & 0x3F);
-    }
-    if (code < kLeast[more] || code > 0x10FFFF || (code >= 0xD800 && code < 0xE000)) return false;
-    if (code >= 0x10000) {
-      out += static_cast<char16_t>(0xD800 + ((code - 0x10000) >> 10));
-      out += static_cast<char16_t>(0xDC00 + ((code - 0x10000) & 0x3FF));
-    } else {
-      out += static_cast<char16_t>(code);
-    }
-    i += static_cast<std::size_t>(more) + 1;
-  }
+  if (!platform::IsValidUtf8(text)) return false;
+  out = platform::WideFromUtf8(text);
   return true;
 }
 
@@ -191,7 +143,7 @@ int ReadName(std::string_view text, std::ostream& err, std::u16string& out) {
   return FromUtf8(text, out) ? kExitDone : Complain(err, "the value's name is not UTF-8 text", kExitUsage);
 }
 
-std::string Quoted(std::string_view text) {
+std::string QuotedLine(std::string_view text) {
   return "\"" + OneLine(text) + "\"";
 }
 
@@ -320,7 +272,7 @@ std::string PlainData(const nlohmann::ordered_json& value) {
   const auto& data = value["data"];
   std::string out;
   if (data.is_array()) {
-    for (const auto& text : data) out += (out.empty() ? "" : " ") + Quoted(text.get<std::string>());
+    for (const auto& text : data) out += (out.empty() ? "" : " ") + QuotedLine(text.get<std::string>());
   } else {
     out = data.is_string() ? OneLine(data.get<std::string>()) : data.dump();
   }
@@ -358,33 +310,6 @@ ErrorCode Collect(const RegistryKey& key, nlohmann::ordered_json& listing) {
 
 }  // namespace
 
-std::string_view RegistryErrorSentence(ErrorCode code) {
-  struct Row {
-    ErrorCode code;
-    std::string_view sentence;
-  };
-  static constexpr Row kRows[] = {
-      {platform::ERROR_FILE_NOT_FOUND, "no such key or value"},
-      {platform::ERROR_PATH_NOT_FOUND, "no such directory"},
-      {platform::ERROR_ACCESS_DENIED, "not allowed"},
-      {platform::ERROR_INVALID_HANDLE, "this root is not there"},
-      {platform::ERROR_NOT_ENOUGH_MEMORY, "not enough memory"},
-      {platform::ERROR_NOT_SUPPORTED, "the key store was written by a newer version"},
-      {platform::ERROR_INVALID_PARAMETER,
-       "a key's name has 1 to 255 characters, a value's name at most 16383, keys nest 512 deep, and nothing is made "
-       "directly below HKLM and HKU"},
-      {platform::ERROR_DISK_FULL, "the disk is full"},
-      {platform::ERROR_BAD_PATHNAME, "a key's path has no backslash in front"},
-      {platform::ERROR_BUSY, "another program keeps the key store busy"},
-      {platform::ERROR_BADDB, "the key store is not open"},
-      {platform::ERROR_REGISTRY_CORRUPT, "the key store is damaged"},
-      {platform::ERROR_REGISTRY_IO_FAILED, "the key store could not be read or written"},
-      {platform::ERROR_KEY_DELETED, "the key was deleted meanwhile"},
-  };
-  const auto* row = std::find_if(std::begin(kRows), std::end(kRows), [&](const Row& r) { return r.code == code; });
-  return row == std::end(kRows) ? std::string_view("the key store failed") : row->sentence;
-}
-
 int RegList(std::string_view keyText, bool json, std::ostream& out, std::ostream& err) {
   KeyPath path;
   if (const int exitCode = ReadKeyText(keyText, err, path); exitCode != kExitDone) return exitCode;
@@ -392,7 +317,7 @@ int RegList(std::string_view keyText, bool json, std::ostream& out, std::ostream
   nlohmann::ordered_json listing;
   ErrorCode code = platform::OpenKey(path.hive, path.subKey, platform::KEY_READ, key);
   if (code == platform::ERROR_SUCCESS) code = Collect(key, listing);
-  if (code != platform::ERROR_SUCCESS) return ComplainOfCode(err, Quoted(keyText), code);
+  if (code != platform::ERROR_SUCCESS) return ComplainOfCode(err, QuotedLine(keyText), code);
   if (json) {
     out << listing.dump() << '\n';
   } else {
@@ -410,9 +335,9 @@ int RegGet(std::string_view keyText, std::string_view name, bool json, std::ostr
   std::uint32_t type = 0;
   Bytes bytes;
   ErrorCode code = platform::OpenKey(path.hive, path.subKey, platform::KEY_READ, key);
-  if (code != platform::ERROR_SUCCESS) return ComplainOfCode(err, Quoted(keyText), code);
+  if (code != platform::ERROR_SUCCESS) return ComplainOfCode(err, QuotedLine(keyText), code);
   code = platform::QueryValueBytes(key, wideName, type, bytes);
-  if (code != platform::ERROR_SUCCESS) return ComplainOfCode(err, Quoted(keyText) + " " + Quoted(name), code);
+  if (code != platform::ERROR_SUCCESS) return ComplainOfCode(err, QuotedLine(keyText) + " " + QuotedLine(name), code);
   const nlohmann::ordered_json value = ShowValue(wideName, type, bytes);
   if (json) {
     out << value.dump() << '\n';
@@ -425,7 +350,7 @@ int RegGet(std::string_view keyText, std::string_view name, bool json, std::ostr
     out << (data.is_string() ? data.get<std::string>() : data.dump()) << '\n';
   }
   if (value.contains("raw")) {
-    err << "qxsched: " << Quoted(name) << " is damaged: its bytes are " << value["raw"].get<std::string>() << '\n';
+    err << "qxsched: " << QuotedLine(name) << " is damaged: its bytes are " << value["raw"].get<std::string>() << '\n';
   }
   return kExitDone;
 }
@@ -442,18 +367,18 @@ int RegSet(std::string_view keyText, std::string_view name, std::string_view dat
   const auto* type = std::find_if(std::begin(kTypes), std::end(kTypes),
                                   [&](const TypeRow& row) { return EqualsIgnoringCase(row.name, typeText); });
   if (type == std::end(kTypes)) {
-    return Complain(err, Quoted(typeText) + " is no type: it is " + std::string(kTypeNames), kExitUsage);
+    return Complain(err, QuotedLine(typeText) + " is no type: it is " + std::string(kTypeNames), kExitUsage);
   }
   const auto* reader = std::find_if(std::begin(kReaders), std::end(kReaders),
                                     [&](const ReaderRow& row) { return row.type == type->type; });
   Bytes bytes;
   if (const char* allowed = reader->read(data, bytes); allowed != nullptr) {
-    return Complain(err, Quoted(data) + " can't be set: " + allowed, kExitUsage);
+    return Complain(err, QuotedLine(data) + " can't be set: " + allowed, kExitUsage);
   }
-  const std::string what = Quoted(keyText) + " " + Quoted(name);
+  const std::string what = QuotedLine(keyText) + " " + QuotedLine(name);
   RegistryKey key;
   ErrorCode code = platform::CreateKey(path.hive, path.subKey, platform::KEY_WRITE, key);
-  if (code != platform::ERROR_SUCCESS) return ComplainOfCode(err, Quoted(keyText), code);
+  if (code != platform::ERROR_SUCCESS) return ComplainOfCode(err, QuotedLine(keyText), code);
   code = platform::SetRawValue(key, wideName, type->type, bytes);
   const ErrorCode closing = key.Close();
   if (code == platform::ERROR_SUCCESS) code = closing;
@@ -465,17 +390,18 @@ int RegDelete(std::string_view keyText, const std::optional<std::string>& name, 
   if (const int exitCode = ReadKeyText(keyText, err, path); exitCode != kExitDone) return exitCode;
   if (!name) {
     const ErrorCode code = platform::DeleteTree(path.hive, path.subKey);
-    return code == platform::ERROR_SUCCESS ? kExitDone : ComplainOfCode(err, Quoted(keyText), code);
+    return code == platform::ERROR_SUCCESS ? kExitDone : ComplainOfCode(err, QuotedLine(keyText), code);
   }
   std::u16string wideName;
   if (const int exitCode = ReadName(*name, err, wideName); exitCode != kExitDone) return exitCode;
   RegistryKey key;
   ErrorCode code = platform::OpenKey(path.hive, path.subKey, platform::KEY_WRITE, key);
-  if (code != platform::ERROR_SUCCESS) return ComplainOfCode(err, Quoted(keyText), code);
+  if (code != platform::ERROR_SUCCESS) return ComplainOfCode(err, QuotedLine(keyText), code);
   code = platform::DeleteValue(key, wideName);
   const ErrorCode closing = key.Close();
   if (code == platform::ERROR_SUCCESS) code = closing;
-  return code == platform::ERROR_SUCCESS ? kExitDone : ComplainOfCode(err, Quoted(keyText) + " " + Quoted(*name), code);
+  return code == platform::ERROR_SUCCESS ? kExitDone
+                                         : ComplainOfCode(err, QuotedLine(keyText) + " " + QuotedLine(*name), code);
 }
 
-}  // namespace client
+}  // namespace qx

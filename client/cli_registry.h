@@ -1,9 +1,10 @@
 // client/cli_registry.h: what `qxsched reg` does, on the key store itself.
 //
 // A key is named "HKLM\SOFTWARE\...", by a root's long or short name in any case. The store must be open
-// (platform::OpenRegistryStore). Texts are UTF-8; data goes to `out`, messages to `err`, each a line "qxsched: ...".
-// Every function returns the program's exit code: 0 done, 1 the store failed (code and sentence in the message), 2 text
-// that can't be used (the message says what can), 3 no such key or value, 4 no permission.
+// (WithKeyStore). Texts are UTF-8; data goes to `out`, messages to `err`, each a line "qxsched: ...".
+// Every function returns the program's exit code: kExitDone; kExitFailed the store failed (code and sentence in the
+// message); kExitUsage text that can't be used (the message says what can); kExitNotFound no such key or value;
+// kExitPermission.
 // Threads: any.
 #pragma once
 
@@ -12,9 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/error_codes.h"
-
-namespace client {
+namespace qx {
 
 // Lists the sub keys and values of a key, in order of names.
 //   json  {"keys":[NAME...],"values":[{"name":NAME,"type":TYPE,"data":DATA}...]} on one line. TYPE is REG_SZ,
@@ -44,7 +43,4 @@ int RegSet(std::string_view keyText, std::string_view name, std::string_view dat
 // Deletes a value, or without a name the key with all below it.
 int RegDelete(std::string_view keyText, const std::optional<std::string>& name, std::ostream& err);
 
-// The sentence of a code that the store gives.
-[[nodiscard]] std::string_view RegistryErrorSentence(platform::ErrorCode code);
-
-}  // namespace client
+}  // namespace qx

@@ -15,7 +15,7 @@
 #include "platform/testing/fault.h"
 #include "platform/testing/temporary_folder.h"
 
-namespace client {
+namespace qx {
 namespace {
 
 using nlohmann::json;
@@ -282,4 +282,4 @@ TEST_F(RegCommand, ReportsAStoreThatFails) {
 }
 
 }  // namespace
-}  // namespace client
+}  // namespace qx
