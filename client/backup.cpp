@@ -6,7 +6,8 @@
 #include "common/bus_records.h"
 #include "platform/clock.h"
 #include "platform/file.h"
-#include "platform/terminal.h"
+#include "platform/host.h"
+#include "platform/state_home.h"
 #include "platform/text.h"
 
 namespace qx {
@@ -28,7 +29,7 @@ std::string StampOf(std::int64_t seconds) {
 }  // namespace
 
 std::string BackupDirectory(const CliContext& context) {
-  if (!context.options.root.empty() || platform::IsRootUser()) return platform::StateDirectory() + "/backups";
+  if (!context.options.root.empty() || platform::RunsAsRoot()) return platform::StateDirectory() + "/backups";
   const std::string home = platform::UserStateHome();
   return home.empty() ? "" : home + "/qxsched/backups";
 }

@@ -23,6 +23,7 @@
 #include "platform/file.h"
 #include "platform/foreground.h"
 #include "platform/host.h"
+#include "platform/state_home.h"
 #include "platform/terminal.h"
 #include "platform/text.h"
 

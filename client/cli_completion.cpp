@@ -12,7 +12,7 @@
 #include "client/cli_session.h"
 #include "client/schedule_keys.h"
 #include "platform/file.h"
-#include "platform/terminal.h"
+#include "platform/state_home.h"
 #include "platform/text.h"
 
 namespace qx {

@@ -15,8 +15,8 @@
 #include "common/bus_records.h"
 #include "platform/clock.h"
 #include "platform/file.h"
+#include "platform/host.h"
 #include "platform/interrupt.h"
-#include "platform/terminal.h"
 #include "platform/text.h"
 #include "platform/thread.h"
 
@@ -72,7 +72,7 @@ platform::BusAddress Session::Address() const {
   if (bus == "session") return platform::BusAddress::Session();
   if (bus == "system") return platform::BusAddress::System();
   if (!bus.empty()) return platform::BusAddress::Explicit(bus);
-  return platform::IsRootUser() ? platform::BusAddress::System() : platform::BusAddress::Session();
+  return platform::RunsAsRoot() ? platform::BusAddress::System() : platform::BusAddress::Session();
 }
 
 Status Session::Wait(const std::string& doing, bool changes, const std::function<Status()>& call) {

@@ -4,7 +4,7 @@
 #include "platform/file.h"
 #include "platform/host.h"
 #include "platform/service_record.h"
-#include "platform/terminal.h"
+#include "platform/state_home.h"
 #include "platform/text.h"
 
 namespace qx {

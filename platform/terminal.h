@@ -1,11 +1,9 @@
-// platform/terminal.h: whether somebody looks at what a program writes, and where a user's state lies.
+// platform/terminal.h: whether somebody looks at what a program writes.
 //
-// Threads: every function may be called from any thread, as long as nobody changes the environment meanwhile.
+// Threads: every function may be called from any thread.
 #pragma once
 
 #include <cstddef>
-#include <string>
-#include <string_view>
 
 namespace platform {
 
@@ -15,18 +13,5 @@ enum class StandardStream { kInput, kOutput, kError };
 [[nodiscard]] bool IsTerminal(StandardStream stream);
 // Characters in a line of the terminal that a standard stream is; 0 where it is none or doesn't say.
 [[nodiscard]] std::size_t TerminalColumns(StandardStream stream);
-
-// Whether the process acts for root.
-[[nodiscard]] bool IsRootUser();
-// Where a user's own programs keep their state: $XDG_STATE_HOME, else $HOME/.local/state; empty without a home.
-[[nodiscard]] std::string UserStateHome();
-
-// The state directory where none is named: $QXSVC_ROOT, else /var/lib/qxsvc for root and $XDG_STATE_HOME/qxsvc for
-// anybody else, $HOME/.local/state/qxsvc without that variable. Without a separator at its end; empty when a user has
-// no home.
-[[nodiscard]] std::string DefaultStateDirectory();
-// The same without QXSVC_ROOT: where the host's own service keeps its state.
-[[nodiscard]] std::string HostStateDirectory();
-inline constexpr std::string_view kSystemStateDirectory = "/var/lib/qxsvc";  // that of root
 
 }  // namespace platform

@@ -16,6 +16,7 @@
 #include "platform/process.h"
 #include "platform/registry.h"
 #include "platform/registry_log_room.h"
+#include "platform/state_home.h"
 #include "platform/terminal.h"
 #include "platform/text.h"
 #include "platform/thread.h"

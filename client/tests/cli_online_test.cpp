@@ -9,7 +9,7 @@
 
 #include "client/schedule_json.h"
 #include "client/tests/online_fixture.h"
-#include "platform/terminal.h"
+#include "platform/host.h"
 #include "platform/text.h"
 
 namespace {
@@ -376,7 +376,7 @@ TEST_F(CliOnline, AsksOnTheBusThatItIsTold) {
   EXPECT_EQ(address.address, "unix:path=/tmp/x");
   (void)Ask({"list"});
   EXPECT_EQ(address.kind,
-            platform::IsRootUser() ? platform::BusAddress::Kind::kSystem : platform::BusAddress::Kind::kSession);
+            platform::RunsAsRoot() ? platform::BusAddress::Kind::kSystem : platform::BusAddress::Kind::kSession);
   service.propertiesError = {std::string(platform::kBusErrorServiceUnknown), "gone"};
   EXPECT_THAT(Ask({"--bus", "unix:path=/tmp/x", "list"}).err,
               HasSubstr(" --foreground --bus=unix:path=/tmp/x\n"));

@@ -10,7 +10,7 @@
 #include "platform/host.h"
 #include "platform/registry.h"
 #include "platform/service_record.h"
-#include "platform/terminal.h"
+#include "platform/state_home.h"
 #include "platform/testing/fault.h"
 #include "platform/testing/temporary_folder.h"
 
