@@ -23,7 +23,7 @@ constexpr std::int64_t kFarStart = 1704906000;  // a time of day
 constexpr int kSamplesARound = 10;
 constexpr int kSamplesOfWorst = 200;
 constexpr int kManySchedules = 100000;
-constexpr std::size_t kLongParameters = 2000;  // characters; makes the service hold more than half a gigabyte
+constexpr std::size_t kLongParameters = 2200;  // characters; makes the service hold more than half a gigabyte
 constexpr long kLoadedResidentKb = 500 * 1024;
 constexpr int kLongestLeadSeconds = 120;
 
