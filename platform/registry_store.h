@@ -117,6 +117,14 @@ class Store {
     std::uint64_t changes = 0;
     std::int64_t dataVersion = 0;
   } m_followed;
+
+  // The last key that was asked about, unless its values were too many: a change of it asks twice.
+  struct Asked {
+    std::int64_t place = 0;
+    KeyInfo info;
+    ValueCopies copies;  // with the changes
+    std::int64_t dataVersion = 0;
+  } m_asked;
 };
 
 }  // namespace platform::registry

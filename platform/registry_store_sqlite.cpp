@@ -194,8 +194,18 @@ ErrorCode Store::Delete(Handle& parent, std::span<const std::u16string_view> ele
 ErrorCode Store::Info(Place place, KeyInfo& out, std::optional<ValueCopies>& copies) {
   KeyInfo info;
   ValueCopies read;
+  std::int64_t dataVersion = 0;
   {
-    Use keys(m_sql[kKeyStats]);  // not reset before the values are read: one transaction for both
+    Use version(m_sql[kDataVersion]);  // not reset before the values are read: one transaction for all
+    if (const int rc = version.Step(); rc != SQLITE_ROW) return CodeFromSqlite(rc);
+    dataVersion = version.Int(0);
+    if (m_asked.place == place.id && m_asked.copies.changes == m_changes && m_asked.dataVersion == dataVersion) {
+      m_asked.copies.made = std::chrono::steady_clock::now();
+      copies = m_asked.copies;
+      out = m_asked.info;
+      return ERROR_SUCCESS;
+    }
+    Use keys(m_sql[kKeyStats]);
     if (const int rc = keys.Arg(place.id).Step(); rc != SQLITE_ROW) return CodeFromSqlite(rc);
     info.subKeyCount = static_cast<std::uint32_t>(keys.Int(0));
     info.maxSubKeyLength = static_cast<std::uint32_t>(keys.Int(1) / 2);
@@ -221,6 +231,7 @@ ErrorCode Store::Info(Place place, KeyInfo& out, std::optional<ValueCopies>& cop
   if (read.bytes.size() <= kMostCopied) {
     read.made = std::chrono::steady_clock::now();
     read.changes = m_changes;
+    m_asked = {place.id, info, read, dataVersion};
     copies = std::move(read);
   }
   out = info;

@@ -267,6 +267,37 @@ TEST_F(Registry, ValuesReadBehindAQuestionAboutTheirKeyShowWhatWasWrittenMeanwhi
   EXPECT_EQ(value, 7u);
 }
 
+TEST_F(Registry, AQuestionAboutAKeyIsAnsweredAnewBehindAnyChange) {
+  RegistryKey key = Make(u"Asked\\Key");
+  ASSERT_EQ(SetDword(key, u"A", 1), 0u);
+  ASSERT_EQ(key.Close(), 0u);
+  ASSERT_EQ(Make(u"Asked\\Other").Close(), 0u);
+  const auto ask = [](const char16_t* path) {
+    RegistryKey asked;
+    KeyInfo info;
+    EXPECT_EQ(OpenKey(Hive::kCurrentUser, path, KEY_READ, asked), 0u);
+    EXPECT_EQ(QueryInfoKey(asked, info), 0u);
+    return std::pair(info.subKeyCount, info.valueCount);
+  };
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(ask(u"Asked\\Key"), std::pair(0u, 1u));
+  EXPECT_EQ(ask(u"Asked\\Other"), std::pair(0u, 0u));
+  EXPECT_EQ(ask(u"Asked\\Key"), std::pair(0u, 1u));
+  // Of another program, and of this one: written, not yet committed, and taken back.
+  RunSql("DELETE FROM vals WHERE fold=x'0041'");
+  EXPECT_EQ(ask(u"Asked\\Key"), std::pair(0u, 0u));
+  ASSERT_EQ(OpenKey(Hive::kCurrentUser, u"Asked\\Key", KEY_ALL_ACCESS, key), 0u);
+  ASSERT_EQ(SetDword(key, u"B", 1), 0u);
+  EXPECT_EQ(ask(u"Asked\\Key"), std::pair(0u, 1u));
+  ASSERT_EQ(DeleteValue(key, u"B"), 0u);
+  EXPECT_EQ(ask(u"Asked\\Key"), std::pair(0u, 0u));
+  ASSERT_EQ(key.Close(), 0u);
+  ASSERT_EQ(Make(u"Asked\\Key\\Below").Close(), 0u);
+  EXPECT_EQ(ask(u"Asked\\Key"), std::pair(1u, 0u));
+  ASSERT_EQ(DeleteTree(Hive::kCurrentUser, u"Asked\\Key"), 0u);
+  ASSERT_EQ(Make(u"Asked\\Key").Close(), 0u);
+  EXPECT_EQ(ask(u"Asked\\Key"), std::pair(0u, 0u));
+}
+
 TEST_F(Registry, APathThatWasFollowedIsFollowedAnewBehindAnyChange) {
   ASSERT_EQ(Make(u"Way\\To\\Key").Close(), 0u);
   EXPECT_EQ(Has(u"Way\\To\\Key"), 0u);
