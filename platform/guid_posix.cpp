@@ -119,23 +119,23 @@ std::uint32_t ClsidFromString(std::u16string_view text, GUID& out) {
 }
 
 std::u16string GuidText(const GUID& guid) {
-  std::u16string text;
-  text.reserve(kGuidTextLength);
-  const auto put = [&text](std::uint32_t value, int digits) {
-    for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4) text.push_back(kDigits[(value >> shift) & 0xF]);
+  std::u16string text(kGuidTextLength, u'-');
+  char16_t* at = text.data();
+  const auto put = [&at](std::uint32_t value, int digits) {
+    for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4) *at++ = kDigits[(value >> shift) & 0xF];
   };
-  text.push_back(u'{');
+  *at++ = u'{';
   put(guid.Data1, 8);
-  text.push_back(u'-');
+  ++at;
   put(guid.Data2, 4);
-  text.push_back(u'-');
+  ++at;
   put(guid.Data3, 4);
-  text.push_back(u'-');
+  ++at;
   for (int i = 0; i < 8; ++i) {
-    if (i == 2) text.push_back(u'-');
+    if (i == 2) ++at;
     put(guid.Data4[i], 2);
   }
-  text.push_back(u'}');
+  *at = u'}';
   return text;
 }
 

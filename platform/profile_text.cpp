@@ -1,6 +1,7 @@
 #include "platform/profile_text.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 #include "platform/text.h"
@@ -72,9 +73,14 @@ std::u16string UnitsFromBytes(std::string_view bytes) {
 }
 
 // What is the same byte in every encoding, and has no other case than the ASCII one.
-bool IsPlain(char32_t c) {
-  return (c >= U'a' && c <= U'z') || (c >= U'A' && c <= U'Z') || (c >= U'0' && c <= U'9') || c == U'_' || c == U' ';
-}
+constexpr auto kPlain = [] {
+  std::array<bool, 128> plain{};
+  for (const char c : std::string_view("_ 0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ")) {
+    plain[static_cast<std::size_t>(c)] = true;
+  }
+  return plain;
+}();
+bool IsPlain(char16_t c) { return c < kPlain.size() && kPlain[c]; }
 
 bool HasLineEnd(std::string_view text) {
   return std::any_of(text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n'; });
@@ -198,10 +204,7 @@ std::string ProfileText::Fold(std::string_view bytes) const {
 }
 
 void ProfileText::Want(std::u16string_view name, WantedName& out) const {
-  const auto isPlain = [](auto text) {
-    return std::all_of(text.begin(), text.end(), [](auto c) { return IsPlain(static_cast<char32_t>(c)); });
-  };
-  if (name.size() <= WantedName::kSmall && isPlain(name)) {
+  if (name.size() <= WantedName::kSmall && std::all_of(name.begin(), name.end(), IsPlain)) {
     std::transform(name.begin(), name.end(), out.small, [](char16_t c) { return static_cast<char>(c); });
     out.bytes = Trim({out.small, name.size()});
     out.isPlain = true;

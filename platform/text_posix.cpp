@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 #include <iterator>
+#include <type_traits>
 
 #include "platform/fault_point.h"
 
@@ -31,6 +32,15 @@ class Sink {
     } else {
       m_full = true;
     }
+    m_count += count;
+  }
+  // Characters that are one element here and there.
+  template <class From>
+  void PutEach(const From* text, std::size_t count) {
+    const std::size_t fitting = m_full ? 0 : std::min(count, m_room - m_stored);
+    std::copy_n(text, fitting, m_out + m_stored);
+    m_stored += fitting;
+    m_full = m_full || fitting < count;
     m_count += count;
   }
   [[nodiscard]] std::size_t count() const { return m_count; }
@@ -97,10 +107,22 @@ char32_t NextUtf8(const char* text, std::size_t size, std::size_t& at) {
   return value;
 }
 
-template <class SinkType>
-bool Utf8ToWide(const char* text, std::size_t size, SinkType& sink) {
+// How many ASCII characters stand in front.
+template <class Char>
+std::size_t AsciiRun(const Char* text, std::size_t size) {
+  using Unit = std::make_unsigned_t<Char>;
+  return static_cast<std::size_t>(
+      std::find_if(text, text + size, [](Char c) { return static_cast<Unit>(c) >= 0x80; }) - text);
+}
+
+bool Utf8ToWide(const char* text, std::size_t size, Sink<char16_t>& sink) {
   bool wellFormed = true;
   for (std::size_t at = 0; at < size;) {
+    if (const std::size_t run = AsciiRun(text + at, size - at); run != 0) {
+      sink.PutEach(text + at, run);
+      at += run;
+      continue;
+    }
     const char32_t c = NextUtf8(text, size, at);
     if (c == kIllFormed) {
       wellFormed = false;
@@ -150,10 +172,14 @@ char32_t NextWide(const char16_t* text, std::size_t size, std::size_t& at) {
   return IsLow(unit) ? kIllFormed : unit;
 }
 
-template <class SinkType>
-bool WideToUtf8(const char16_t* text, std::size_t size, SinkType& sink) {
+bool WideToUtf8(const char16_t* text, std::size_t size, Sink<char>& sink) {
   bool wellFormed = true;
   for (std::size_t at = 0; at < size;) {
+    if (const std::size_t run = AsciiRun(text + at, size - at); run != 0) {
+      sink.PutEach(text + at, run);
+      at += run;
+      continue;
+    }
     char32_t c = NextWide(text, size, at);
     if (c == kIllFormed) {
       wellFormed = false;
