@@ -19,7 +19,9 @@
 
 #include <limits.h>
 #include <time.h>
+#include <unistd.h>
 
+#include "platform/environment_copy.h"
 #include "platform/mutex.h"
 
 namespace platform {
@@ -392,6 +394,13 @@ int PutEnvironment(const char* text) {
 }
 
 void TzSet() { (void)ReloadZone(); }
+
+std::vector<std::string> CopyEnvironment() {
+  const MutexLock lock(g_zoneMutex);
+  std::vector<std::string> copy;
+  for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) copy.emplace_back(*variable);
+  return copy;
+}
 
 // --- now -------------------------------------------------------------------------------------------------------------
 

@@ -17,12 +17,11 @@
 #include <utility>
 
 #include "platform/child_exits.h"
+#include "platform/environment_copy.h"
 #include "platform/fault_point.h"
 #include "platform/file.h"
 #include "platform/mutex.h"
 #include "platform/text.h"
-
-extern char** environ;
 
 namespace platform {
 namespace {
@@ -260,20 +259,27 @@ std::map<std::string, std::string>& CoveredAssignments() {
   return *covered;
 }
 
-std::vector<char*> ChildEnvironment() {
-  std::map<std::string, std::string>& covered = CoveredAssignments();
-  std::vector<char*> variables;
-  for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
-    if (!IsForChildren(*variable)) continue;
-    const auto found = covered.find(*variable);
+std::vector<std::string> ChildEnvironment() {
+  const std::map<std::string, std::string>& covered = CoveredAssignments();
+  std::vector<std::string> variables;
+  for (std::string& variable : CopyEnvironment()) {
+    if (!IsForChildren(variable)) continue;
+    const auto found = covered.find(variable);
     if (found == covered.end()) {
-      variables.push_back(*variable);
+      variables.push_back(std::move(variable));
     } else if (!found->second.empty()) {
-      variables.push_back(found->second.data());
+      variables.push_back(found->second);
     }
   }
-  variables.push_back(nullptr);
   return variables;
+}
+
+// As a program gets them; good for as long as the texts are.
+std::vector<char*> PointersTo(std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  for (std::string& text : texts) pointers.push_back(text.data());
+  pointers.push_back(nullptr);
+  return pointers;
 }
 
 ErrorCode StartCommandLine(std::u16string_view commandLine, bool waited, std::uint64_t& ticket) {
@@ -285,10 +291,9 @@ ErrorCode StartCommandLine(std::u16string_view commandLine, bool waited, std::ui
   const bool isPath = program.find_first_of(u"/\\") != std::u16string::npos;
   const std::string file = isPath ? NativePath(program) : words.front();
 
-  std::vector<char*> arguments;
-  for (std::string& word : words) arguments.push_back(word.data());
-  arguments.push_back(nullptr);
-  std::vector<char*> variables = ChildEnvironment();
+  std::vector<std::string> environment = ChildEnvironment();
+  const std::vector<char*> arguments = PointersTo(words);
+  const std::vector<char*> variables = PointersTo(environment);
   const SpawnSettings settings(g_jobOutputInherited.load());
   if (settings.Error() != 0) return ErrorCodeFromErrno(settings.Error());
   const auto spawn = [&](pid_t* pid) {

@@ -1,5 +1,6 @@
 #include "platform/process.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -9,15 +10,18 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform/clock.h"
 #include "platform/file.h"
 #include "platform/testing/counting_launcher.h"
 #include "platform/testing/fault.h"
@@ -197,6 +201,23 @@ TEST_F(ProcessTest, HidesTheServiceManagersVariablesFromAJob) {
   EXPECT_THAT(Text("out"), Not(HasSubstr("NOTIFY_SOCKET")));
   EXPECT_THAT(Text("out"), Not(HasSubstr("WATCHDOG_")));
   EXPECT_EQ(Text("pwd"), std::filesystem::current_path().string() + "\n");
+}
+
+TEST_F(ProcessTest, GivesAJobTheZoneOfTheProcessAlsoWhileAnotherIsRead) {
+  const ScopedVariable zone("TZ", "Europe/Berlin");
+  const std::string pipe = Path("zone");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  std::thread reader([&] { (void)Zone::FromTz(":" + pipe); });
+  // Opens when the other end is open: the C library reads the zone that TZ names meanwhile.
+  const int feed = open(pipe.c_str(), O_WRONLY | O_CLOEXEC);
+  EXPECT_GE(feed, 0);
+  std::future<void> job = std::async(std::launch::async, [&] { Run(Script("env", "echo \"$TZ\" > " + Path("out"))); });
+  // It may wait for the reading's end, which is here.
+  (void)job.wait_for(std::chrono::milliseconds(100));
+  close(feed);
+  job.get();
+  reader.join();
+  EXPECT_EQ(Text("out"), "Europe/Berlin\n");
 }
 
 TEST_F(ProcessTest, KeepsAVariableOfThisProcessAloneFromAJob) {
