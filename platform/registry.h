@@ -4,10 +4,10 @@
 // between them, without one in front; doubled and trailing separators count for nothing. A name has 1 to 255
 // characters (a value's name 0 to 16383), none of them NUL; keys nest at most 512 deep.
 //
-// Writing: the first write, also the making of a key, begins a batch; later writes of any handle of the process join
-// it; the close of any handle that wrote commits all of it, and then it is safe from a kill and a power cut. Every
-// handle of the process sees what was set at once, other processes see it after the commit. While a batch is open other
-// processes wait with their writes: close a handle that wrote as soon as possible, take no lock while one is open.
+// Writing: a thread's first write, also the making of a key, begins a batch; its later writes by any handle join it;
+// the close of any handle that wrote commits all of it: then it is safe from a kill and a power cut. Every handle of
+// the process sees what was set at once, other processes see it after the commit. While a batch is open, other threads
+// and processes wait with their writes: close a handle that wrote as soon as possible, take no lock while one is open.
 // A batch that the disk refuses is lost as a whole; every handle that wrote into it then refuses further writes and
 // gives the code at its close. So look at the code of Close().
 //
@@ -18,11 +18,11 @@
 //   ERROR_INVALID_HANDLE (6)       no open key, or one of a store that was closed since; a root that isn't there
 //   ERROR_KEY_DELETED (1018)       the key was deleted since it was opened
 //   ERROR_BADDB (1009)             no store is open
-//   ERROR_DISK_FULL (112), ERROR_BUSY (170: another process kept the file for 5 seconds), ERROR_ACCESS_DENIED (5: the
-//   file is read-only), ERROR_REGISTRY_CORRUPT (1015), ERROR_REGISTRY_IO_FAILED (1016), ERROR_NOT_ENOUGH_MEMORY (8)
+//   ERROR_DISK_FULL (112), ERROR_BUSY (170: another process kept the file, or another thread one batch open, for 5
+//   seconds), ERROR_ACCESS_DENIED (5: the file is read-only), ERROR_REGISTRY_CORRUPT (1015),
+//   ERROR_REGISTRY_IO_FAILED (1016), ERROR_NOT_ENOUGH_MEMORY (8)
 // Outputs stay untouched on failure unless told otherwise.
-// Threads: every function may be called from any thread; one lock is held per call, never between calls. One
-// RegistryKey object belongs to one thread at a time.
+// Threads: any function on any; one lock is held per call, never between calls. A RegistryKey is one's at a time.
 //
 // Types, access rights and codes have the values of the published headers (winnt.h, winerror.h, winreg.h).
 #pragma once
@@ -83,8 +83,8 @@ enum class Hive : std::uint32_t {
 //               unchanged; ERROR_REGISTRY_CORRUPT (1015): damaged, or no store of ours
 [[nodiscard]] ErrorCode OpenRegistryStore(const std::string& nativePath, std::string* why = nullptr);
 
-// Commits what is still open and closes the store; keys that are still open become invalid. Returns the commit's code
-// (the store is closed all the same), ERROR_BADDB (1009) when no store is open.
+// Closes the store, whatever the code; keys that are still open become invalid. This thread's batch is committed, that
+// of another waited for, and lost when that takes too long: ERROR_BUSY (170). ERROR_BADDB (1009): no store is open.
 ErrorCode CloseRegistryStore();
 
 [[nodiscard]] bool IsRegistryStoreOpen();

@@ -1,9 +1,39 @@
 #include "platform/registry_call.h"
 
+#include <chrono>
+#include <thread>
+
+#include "platform/testing/registry_hook.h"
+
 namespace platform::registry {
 
 Mutex g_lock;
 std::unique_ptr<Store> g_store;
+
+namespace {
+
+std::chrono::milliseconds g_longestTurn QX_GUARDED_BY(g_lock){5000};
+
+Condition& BatchEnded() {
+  static Condition& ended = *new Condition;  // waited for by threads that outlive static destruction: never destroyed
+  return ended;
+}
+
+}  // namespace
+
+ErrorCode AwaitTurn(MutexLock& guard) {
+  while (g_store) {
+    const std::shared_ptr<Batch> batch = g_store->OpenBatch();
+    if (!batch || batch->thread == std::this_thread::get_id()) break;
+    const auto end = std::chrono::steady_clock::now() + g_longestTurn;
+    for (bool inTime = true; batch->isOpen; inTime = BatchEnded().WaitUntil(guard, end)) {
+      if (!inTime) return ERROR_BUSY;
+    }
+  }
+  return ERROR_SUCCESS;
+}
+
+void TellBatchEnded() { BatchEnded().NotifyAll(); }
 
 ErrorCode Enter(const RegistryKey& key, Handle*& out) {
   Handle* handle = Handle::Of(key);
@@ -38,3 +68,12 @@ ErrorCode EnterRoot(Hive hive, Handle& out) {
 }
 
 }  // namespace platform::registry
+
+namespace platform {
+
+void LimitRegistryTurn(std::chrono::milliseconds longest) {
+  const MutexLock guard(registry::g_lock);
+  registry::g_longestTurn = longest;
+}
+
+}  // namespace platform

@@ -12,6 +12,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -21,8 +22,9 @@
 namespace platform {
 namespace registry {
 
-// The writes between a BEGIN and its end.
+// The writes between a BEGIN and its end: those of one thread.
 struct Batch {
+  std::thread::id thread = std::this_thread::get_id();
   bool isLost = false;
   bool isOpen = true;
   ErrorCode code = ERROR_SUCCESS;  // why it was lost

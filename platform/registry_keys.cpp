@@ -14,6 +14,7 @@ namespace platform {
 namespace {
 
 using registry::AskFault;
+using registry::AwaitTurn;
 using registry::Batch;
 using registry::Enter;
 using registry::EnterRoot;
@@ -73,7 +74,8 @@ ErrorCode DeleteBelow(Handle& parent, std::u16string_view subKey, bool withChild
 ErrorCode DeleteFromRoot(Hive hive, std::u16string_view subKey, bool withChildren) {
   if (const ErrorCode code = AskFault(Operation::kRegDeleteKey, subKey); code != ERROR_SUCCESS) return code;
   if (subKey.data() == nullptr) return ERROR_INVALID_PARAMETER;
-  const MutexLock guard(g_lock);
+  MutexLock guard(g_lock);
+  if (const ErrorCode code = AwaitTurn(guard); code != ERROR_SUCCESS) return code;
   Handle root;
   if (const ErrorCode code = EnterRoot(hive, root); code != ERROR_SUCCESS) return code;
   if (const ErrorCode code = DeleteBelow(root, subKey, withChildren); code != ERROR_SUCCESS) return code;
@@ -82,7 +84,8 @@ ErrorCode DeleteFromRoot(Hive hive, std::u16string_view subKey, bool withChildre
 
 ErrorCode DeleteFromKey(const RegistryKey& parent, std::u16string_view subKey, bool withChildren) {
   if (const ErrorCode code = AskFault(Operation::kRegDeleteKey, subKey); code != ERROR_SUCCESS) return code;
-  const MutexLock guard(g_lock);
+  MutexLock guard(g_lock);
+  if (const ErrorCode code = AwaitTurn(guard); code != ERROR_SUCCESS) return code;
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToWrite(parent, 0, handle); code != ERROR_SUCCESS) return code;
   if (subKey.data() == nullptr) return ERROR_INVALID_PARAMETER;
@@ -154,9 +157,10 @@ ErrorCode CreateKey(Hive parent, std::u16string_view subKey, std::uint32_t acces
   bool isNew = false;
   ErrorCode code = AskFault(Operation::kRegCreateKey, subKey);
   if (code == ERROR_SUCCESS) {
-    const MutexLock guard(g_lock);
+    MutexLock guard(g_lock);
     Handle root;
-    code = EnterRoot(parent, root);
+    code = AwaitTurn(guard);
+    if (code == ERROR_SUCCESS) code = EnterRoot(parent, root);
     if (code == ERROR_SUCCESS) code = CreateBelow(root, subKey, access, opened, isNew);
   }
   Handle::Put(out, std::move(opened));
@@ -170,9 +174,10 @@ ErrorCode CreateKey(const RegistryKey& parent, std::u16string_view subKey, std::
   bool isNew = false;
   ErrorCode code = AskFault(Operation::kRegCreateKey, subKey);
   if (code == ERROR_SUCCESS) {
-    const MutexLock guard(g_lock);
+    MutexLock guard(g_lock);
     Handle* handle = nullptr;
-    code = EnterToWrite(parent, 0, handle);
+    code = AwaitTurn(guard);
+    if (code == ERROR_SUCCESS) code = EnterToWrite(parent, 0, handle);
     if (code == ERROR_SUCCESS) code = CreateBelow(*handle, subKey, access, opened, isNew);
   }
   Handle::Put(out, std::move(opened));

@@ -17,6 +17,7 @@
 namespace platform {
 namespace {
 
+using registry::AwaitTurn;
 using registry::CheckOrigin;
 using registry::CodeFromSqlite;
 using registry::Connect;
@@ -49,9 +50,14 @@ ErrorCode OpenRegistryStore(const std::string& nativePath, std::string* why) {
 }
 
 ErrorCode CloseRegistryStore() {
-  const MutexLock guard(g_lock);
+  MutexLock guard(g_lock);
+  ErrorCode code = AwaitTurn(guard);
   if (!g_store) return ERROR_BADDB;
-  const ErrorCode code = g_store->Shut();
+  if (code == ERROR_SUCCESS) {
+    code = g_store->Shut();
+  } else {
+    g_store->Lose(code);
+  }
   g_store.reset();
   return code;
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/registry_call.h"
 #include "platform/registry_names.h"
 
 namespace platform::registry {
@@ -52,6 +53,7 @@ void Store::Lose(ErrorCode code) {
   m_batch->code = code;
   m_batch.reset();
   ++m_changes;
+  TellBatchEnded();
 }
 
 ErrorCode Store::Commit() {
@@ -62,6 +64,7 @@ ErrorCode Store::Commit() {
   }
   m_batch->isOpen = false;
   m_batch.reset();
+  TellBatchEnded();
   return ERROR_SUCCESS;
 }
 

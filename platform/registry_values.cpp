@@ -18,6 +18,7 @@ namespace platform {
 namespace {
 
 using registry::AskFault;
+using registry::AwaitTurn;
 using registry::CheckValueName;
 using registry::EnterToRead;
 using registry::EnterToWrite;
@@ -61,7 +62,8 @@ ErrorCode StoreValue(const RegistryKey& key, std::u16string_view name, std::uint
   if (const ErrorCode code = AskFault(Operation::kRegSetValue, name); code != ERROR_SUCCESS) return code;
   if (const ErrorCode code = CheckValueName(name); code != ERROR_SUCCESS) return code;
   if (size > std::numeric_limits<std::uint32_t>::max()) return ERROR_INVALID_PARAMETER;
-  const MutexLock guard(g_lock);
+  MutexLock guard(g_lock);
+  if (const ErrorCode code = AwaitTurn(guard); code != ERROR_SUCCESS) return code;
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToWrite(key, KEY_SET_VALUE, handle); code != ERROR_SUCCESS) return code;
   if (data == nullptr && size != 0) return ERROR_NOACCESS;
@@ -155,7 +157,8 @@ ErrorCode SetDword(const RegistryKey& key, std::u16string_view name, std::uint32
 
 ErrorCode DeleteValue(const RegistryKey& key, std::u16string_view name) {
   if (const ErrorCode code = AskFault(Operation::kRegDeleteValue, name); code != ERROR_SUCCESS) return code;
-  const MutexLock guard(g_lock);
+  MutexLock guard(g_lock);
+  if (const ErrorCode code = AwaitTurn(guard); code != ERROR_SUCCESS) return code;
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToWrite(key, KEY_SET_VALUE, handle); code != ERROR_SUCCESS) return code;
   return g_store->Remove(*handle, name);

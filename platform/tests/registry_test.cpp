@@ -10,13 +10,16 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/clock.h"
@@ -61,6 +64,21 @@ class Registry : public StoreFixture {
     std::u16string name;
     for (std::uint32_t i = 0; EnumKey(key, i, name) == 0; ++i) names.push_back(name);
     return names;
+  }
+
+  // How many keys of that name another program sees, that is, a start after a kill of this one.
+  int CommittedKeys(std::u16string_view name) const {
+    int count = -1;
+    sqlite3* db = nullptr;
+    sqlite3_stmt* statement = nullptr;
+    EXPECT_EQ(sqlite3_open(m_path.c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_prepare_v2(db, "SELECT count(*) FROM keys WHERE name = ?", -1, &statement, nullptr), SQLITE_OK)
+        << sqlite3_errmsg(db);
+    sqlite3_bind_blob(statement, 1, name.data(), static_cast<int>(name.size() * sizeof(char16_t)), SQLITE_STATIC);
+    if (sqlite3_step(statement) == SQLITE_ROW) count = sqlite3_column_int(statement, 0);
+    sqlite3_finalize(statement);
+    sqlite3_close(db);
+    return count;
   }
 
   // Runs a statement on a connection of its own, as another program would.
@@ -810,6 +828,102 @@ TEST_F(Registry, LetsFourThreadsWriteAtOnce) {
   KeyInfo info;
   ASSERT_EQ(QueryInfoKey(key, info), 0u);
   EXPECT_EQ(info.subKeyCount, 200u);
+}
+
+TEST_F(Registry, CommitsNothingThatAnotherThreadHasHalfWritten) {
+  ASSERT_EQ(Make(u"Software\\There").Close(), 0u);
+  const std::pair<const char*, std::function<ErrorCode()>> writes[] = {
+      {"a new key", [] { return Make(u"Software\\New").Close(); }},
+      {"a value",
+       [] {
+         RegistryKey key = Make(u"Software\\There");
+         const ErrorCode set = SetDword(key, u"v", 1);
+         const ErrorCode closed = key.Close();
+         return set != ERROR_SUCCESS ? set : closed;
+       }},
+      {"a value's deletion",
+       [] {
+         RegistryKey key = Make(u"Software\\There");
+         const ErrorCode deleted = DeleteValue(key, u"v");
+         const ErrorCode closed = key.Close();
+         return deleted != ERROR_SUCCESS ? deleted : closed;
+       }},
+      {"a deletion below a key",
+       [] {
+         RegistryKey key = Make(u"Software");
+         const ErrorCode deleted = DeleteTree(key, u"New");
+         const ErrorCode closed = key.Close();
+         return deleted != ERROR_SUCCESS ? deleted : closed;
+       }},
+      {"a deletion below a root", [] { return DeleteTree(Hive::kCurrentUser, u"Software\\There"); }},
+  };
+  int number = 0;
+  for (const auto& [name, write] : writes) {
+    SCOPED_TRACE(name);
+    const std::u16string path = u"Software\\Half" + Number(number++);
+    RegistryKey half = Make(path);
+    ASSERT_EQ(SetDword(half, u"first", 1), 0u);
+    std::future<ErrorCode> other = std::async(std::launch::async, write);
+    EXPECT_EQ(other.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    EXPECT_EQ(CommittedKeys(path.substr(path.rfind(u'\\') + 1)), 0);
+    ASSERT_EQ(SetDword(half, u"second", 2), 0u);
+    EXPECT_EQ(half.Close(), 0u);
+    EXPECT_EQ(other.get(), 0u);
+    EXPECT_EQ(CommittedKeys(path.substr(path.rfind(u'\\') + 1)), 1);
+  }
+}
+
+TEST_F(Registry, LosesNothingOfAnotherThreadWithItsOwnBatch) {
+  RegistryKey lost = Make(u"Software\\Lost");
+  std::future<ErrorCode> other = std::async(std::launch::async, [] { return Make(u"Software\\Other").Close(); });
+  (void)other.wait_for(std::chrono::milliseconds(50));  // it may wait for this batch's end
+  {
+    const FaultPlan plan = FaultPlan::FailCall(Operation::kRegCloseKey, 1, ERROR_DISK_FULL, kOnce, "Lost");
+    EXPECT_EQ(lost.Close(), ERROR_DISK_FULL);
+  }
+  EXPECT_EQ(other.get(), 0u);
+  EXPECT_EQ(Has(u"Software\\Lost"), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(Has(u"Software\\Other"), 0u);
+}
+
+TEST_F(Registry, WaitsForAnotherThreadsBatchOnlySoLong) {
+  LimitRegistryTurn(std::chrono::milliseconds(1));
+  RegistryKey half = Make(u"Software\\Half");
+  RegistryKey there;
+  ASSERT_EQ(OpenKey(Hive::kCurrentUser, u"Software", KEY_ALL_ACCESS, there), 0u);
+  std::thread([&] {
+    RegistryKey out;
+    EXPECT_EQ(CreateKey(Hive::kCurrentUser, u"Software\\Other", KEY_ALL_ACCESS, out), ERROR_BUSY);
+    EXPECT_EQ(CreateKey(there, u"Other", KEY_ALL_ACCESS, out), ERROR_BUSY);
+    EXPECT_EQ(SetDword(there, u"v", 1), ERROR_BUSY);
+    EXPECT_EQ(DeleteValue(there, u"v"), ERROR_BUSY);
+    EXPECT_EQ(DeleteTree(there, u"Half"), ERROR_BUSY);
+    EXPECT_EQ(DeleteTree(Hive::kCurrentUser, u"Software\\Half"), ERROR_BUSY);
+    EXPECT_EQ(there.Close(), 0u);
+  }).join();
+  EXPECT_EQ(SetDword(half, u"v", 1), 0u) << "this thread's own goes on";
+  EXPECT_EQ(half.Close(), 0u);
+  EXPECT_EQ(HasValue(u"Software\\Half", u"v"), 0u);
+  std::thread([] { EXPECT_EQ(Make(u"Software\\Other").Close(), 0u); }).join();
+  LimitRegistryTurn(std::chrono::seconds(5));
+}
+
+TEST_F(Registry, ClosesWithoutWhatAnotherThreadHasHalfWritten) {
+  LimitRegistryTurn(std::chrono::milliseconds(1));
+  RegistryKey half = Make(u"Software\\Half");
+  std::thread([] { EXPECT_EQ(CloseRegistryStore(), ERROR_BUSY); }).join();
+  EXPECT_FALSE(IsRegistryStoreOpen());
+  EXPECT_EQ(half.Close(), ERROR_BUSY) << "its batch is lost";
+  ASSERT_EQ(OpenRegistryStore(m_path), 0u);
+  EXPECT_EQ(Has(u"Software\\Half"), ERROR_FILE_NOT_FOUND);
+  LimitRegistryTurn(std::chrono::seconds(5));
+}
+
+TEST_F(Registry, ReadsWhileAnotherThreadWrites) {
+  ASSERT_EQ(Make(u"Software\\There").Close(), 0u);
+  RegistryKey half = Make(u"Software\\Half");
+  EXPECT_EQ(std::async(std::launch::async, [] { return Has(u"Software\\There"); }).get(), 0u);
+  EXPECT_EQ(half.Close(), 0u);
 }
 
 // --- The fault seam ---
