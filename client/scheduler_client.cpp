@@ -112,6 +112,7 @@ struct [[gnu::visibility("hidden")]] SchedulerClient::Impl {
   std::vector<Slot> slots;
   std::uint32_t lastCookie = 0;
   bool subscribed = false;
+  bool watchesOwner = false;  // on this connection
   std::function<void(bool)> presence;
   std::size_t delivered = 0;
   bool waitsForEvents = false;
@@ -130,6 +131,7 @@ const BusError& SchedulerClient::LastError() const {
 Status SchedulerClient::Connect(const platform::BusAddress& address) {
   m_impl->lastError = {};
   m_impl->subscribed = false;
+  m_impl->watchesOwner = false;
   m_impl->keptSignals.clear();
   m_impl->connection.Close();
   if (const ErrorCode rc = m_impl->connection.Open(address); rc != ERROR_SUCCESS) {
@@ -145,6 +147,7 @@ Status SchedulerClient::Connect(const platform::BusAddress& address) {
 
 void SchedulerClient::Disconnect() {
   m_impl->subscribed = false;
+  m_impl->watchesOwner = false;
   m_impl->connection.Close();
 }
 
@@ -422,7 +425,9 @@ std::size_t SchedulerClient::WaitForEvents(std::uint32_t limitMs) {
 Status SchedulerClient::Impl::SubscribeToOwner() {
   const ErrorCode rc = connection.Subscribe(kBusDaemon, "", kBusDaemon, "NameOwnerChanged",
                                             [this](MessageReader& signal) { Hear(true, signal); });
-  return rc == ERROR_SUCCESS ? kStatusOk : Fail(rc, BusError::Failed("the service's presence can't be watched"));
+  if (rc != ERROR_SUCCESS) return Fail(rc, BusError::Failed("the service's presence can't be watched"));
+  watchesOwner = true;
+  return kStatusOk;
 }
 
 void SchedulerClient::Impl::OnOwner(MessageReader& signal) {
@@ -431,10 +436,11 @@ void SchedulerClient::Impl::OnOwner(MessageReader& signal) {
       signal.ReadString(after) != ERROR_SUCCESS || name != kBusName) {
     return;
   }
+  if (!presence) return;
   ++delivered;
   const auto tell = presence;  // it may be replaced from within
   const bool present = !after.empty();
-  if (tell) (void)platform::RunGuarded("presence", [&] { tell(present); });
+  (void)platform::RunGuarded("presence", [&] { tell(present); });
 }
 
 // A question to the bus itself about the service's name.
@@ -453,8 +459,7 @@ Status SchedulerClient::Impl::AskBus(std::string_view member, MessageReader& rep
 
 Status SchedulerClient::WatchService(std::function<void(bool present)> presence) {
   m_impl->lastError = {};
-  const bool first = !m_impl->presence;
-  if (first) {
+  if (presence && !m_impl->watchesOwner) {
     if (const Status status = m_impl->SubscribeToOwner(); status != kStatusOk) return status;
   }
   m_impl->presence = std::move(presence);

@@ -97,7 +97,7 @@ class SchedulerClient : public ISchedulerService {  // a connection to the servi
 
   // From now on, within WaitForEvents(), `presence` is told when the service takes its name on the bus (true) and when
   // it leaves (false), in order with the events; it counts there as an event. One at a time; it stays over Connect().
-  // Doesn't start the service.
+  // Doesn't start the service. An empty function ends it.
   //   returns  0; 0x8007xxxx: not subscribed
   Status WatchService(std::function<void(bool present)> presence);
   // The process that serves, 0 when there is none. Doesn't start it.

@@ -106,6 +106,23 @@ TEST_F(WatchService, AnotherWatcherTakesThePlaceOfTheFirst) {
   EXPECT_THAT(log->events, IsEmpty()) << "told once";
 }
 
+TEST_F(WatchService, NobodyInTheWatchersPlaceEndsItAndTheNextIsToldOnce) {
+  ASSERT_EQ(client.WatchService({}), kStatusOk);
+  ASSERT_EQ(client.WatchService(Keep()), kStatusOk);
+  ASSERT_EQ(client.WatchService({}), kStatusOk);
+  ASSERT_EQ(client.WatchService(Keep()), kStatusOk);
+  service.Start();
+  EXPECT_TRUE(Hear("came"));
+  EXPECT_THAT(log->events, IsEmpty()) << "told once";
+  ASSERT_EQ(client.WatchService({}), kStatusOk);
+  EXPECT_EQ(service.Stop(), 0);
+  std::uint32_t process = 7;
+  ASSERT_EQ(client.ServiceProcess(process), kStatusOk);
+  ASSERT_EQ(process, 0u) << "the bus has told that it left";
+  EXPECT_EQ(client.WaitForEvents(0), 0u);
+  EXPECT_THAT(log->events, IsEmpty());
+}
+
 TEST_F(WatchService, WithoutAConnectionIsRefused) {
   client.Disconnect();
   std::uint32_t process = 7;
