@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <limits>
 
-#include "platform/file.h"
+#include "platform/input_file.h"
 
 namespace qx {
 namespace {
@@ -259,7 +259,11 @@ bool IsKnownZone(const std::string& name) {
       name.find('\0') != std::string::npos) {
     return false;
   }
-  if (platform::FileExists("/usr/share/zoneinfo/" + name)) return true;
+  // Other files lie among the zones' own, which begin with this (RFC 8536, 3.1).
+  constexpr std::string_view kMagic = "TZif";
+  std::string begin;
+  const platform::ErrorCode read = platform::ReadInput("/usr/share/zoneinfo/" + name, kMagic.size(), begin);
+  if (read == platform::ERROR_SUCCESS) return begin == kMagic;
   // NAME OFFSET ..., the name at least three letters or anything in angle brackets.
   std::size_t at = 0;
   if (name[0] == '<') {

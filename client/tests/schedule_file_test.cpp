@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -448,6 +449,15 @@ TEST(TimeText, KnowsZonesByNameAndByRule) {
   }
   for (const char* zone : {"", "Nowhere/Atall", "/etc/localtime", "../localtime", "XX0", "<3", "ABC"}) {
     EXPECT_FALSE(qx::IsKnownZone(zone)) << zone;
+  }
+}
+
+TEST(TimeText, TakesNoOtherFileAmongTheZonesForOne) {
+  EXPECT_TRUE(qx::IsKnownZone("Europe/Berlin"));
+  // The last one also begins as a rule does.
+  for (const char* file : {"tzdata.zi", "zone.tab", "Europe", "iso3166.tab"}) {
+    ASSERT_TRUE(std::filesystem::exists(std::string("/usr/share/zoneinfo/") + file)) << file;
+    EXPECT_FALSE(qx::IsKnownZone(file)) << file;
   }
 }
 
