@@ -58,8 +58,8 @@ void ServiceLog(std::uint32_t level, const char16_t* format, const A&... args) {
   }
 }
 
-// Makes text from outside fit for an argument of ServiceLog(): each "%" doubled, the end cut so that the result takes
-// at most kForLogBytes in the system code page; neither a doubled "%" nor a surrogate pair is cut apart.
+// Makes text from outside fit for an argument of ServiceLog(): a control character becomes a blank, "%" is doubled, the
+// end cut to kForLogBytes in the system code page; neither a doubled "%" nor a surrogate pair is cut apart.
 [[nodiscard]] std::u16string ForLog(std::u16string_view text);
 
 // What takes the lines in place of the file while it is installed.

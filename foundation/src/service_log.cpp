@@ -182,6 +182,9 @@ void WriteToFile(const std::string& text, std::span<const LogArgument> arguments
 // How many bytes a character takes in the system code page.
 std::size_t SystemBytes(std::u16string_view character) { return platform::SystemFromWide(character).size(); }
 
+// What ends a line, moves the cursor or starts a terminal's sequence: C0, DEL and C1 of ISO 6429.
+bool IsControl(char16_t unit) { return unit < 0x20 || (unit >= 0x7F && unit < 0xA0); }
+
 bool IsPair(std::u16string_view text) {
   return text.size() >= 2 && (text[0] & 0xFC00) == 0xD800 && (text[1] & 0xFC00) == 0xDC00;
 }
@@ -271,7 +274,7 @@ void ServiceLogArguments(std::uint32_t level, const char16_t* format, std::span<
 
 std::u16string ForLog(std::u16string_view text) {
   // One byte in every code page, and no character of a format.
-  const auto isPlain = [](char16_t unit) { return unit < 0x80 && unit != u'%'; };
+  const auto isPlain = [](char16_t unit) { return unit >= 0x20 && unit < 0x7F && unit != u'%'; };
   std::u16string out;
   std::size_t bytes = 0;
   for (std::size_t at = 0; at < text.size();) {
@@ -283,7 +286,8 @@ std::u16string ForLog(std::u16string_view text) {
       at += static_cast<std::size_t>(plain);
       continue;
     }
-    const std::u16string_view character = text.substr(at, IsPair(text.substr(at)) ? 2 : 1);
+    std::u16string_view character = text.substr(at, IsPair(text.substr(at)) ? 2 : 1);
+    if (IsControl(character.front())) character = u" ";
     const bool percent = character == u"%";
     const std::size_t more = percent ? 2 * SystemBytes(character) : SystemBytes(character);
     if (bytes + more > kForLogBytes) break;

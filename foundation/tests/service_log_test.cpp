@@ -498,7 +498,7 @@ struct ForLogCase {
   std::u16string in;
   std::u16string out;
 };
-TEST_F(ForLogTest, DoublesPercentSignsAndCutsAtThreeHundredBytes) {
+TEST_F(ForLogTest, DoublesPercentSignsBlanksControlCharactersAndCutsAtThreeHundredBytes) {
   const auto n = [](std::size_t count, const std::u16string& text) {
     std::u16string out;
     for (std::size_t i = 0; i < count; ++i) out += text;
@@ -517,6 +517,10 @@ TEST_F(ForLogTest, DoublesPercentSignsAndCutsAtThreeHundredBytes) {
       {__LINE__, platform::kCodePageUtf8, n(76, u"\U0001F600"), n(75, u"\U0001F600")},
       {__LINE__, platform::kCodePageUtf8, u"ab" + n(75, u"\U0001F600"), u"ab" + n(74, u"\U0001F600")},
       {__LINE__, platform::kCodePageUtf8, n(101, std::u16string(1, char16_t(0xD800))), n(100, std::u16string(1, char16_t(0xD800)))},
+      {__LINE__, platform::kCodePageUtf8, u"\r\n\t\u001b[31m\u007f" + std::u16string(1, u'\0') + u"\u0085\u009f\u00a0",
+       u"    [31m    \u00a0"},
+      {__LINE__, platform::kCodePageUtf8, n(301, u"\n"), n(300, u" ")},
+      {__LINE__, platform::kCodePageUtf8, n(150, u"%") + u"\n", n(300, u"%")},
       {__LINE__, platform::kCodePageWestern, n(301, u"\u00e9"), n(300, u"\u00e9")},
       {__LINE__, platform::kCodePageWestern, n(301, u"\u4e2d"), n(300, u"\u4e2d")},
   };
@@ -531,6 +535,13 @@ TEST_F(ForLogTest, BringsTextFromOutsideThroughBothExpansionsUnchanged) {
   CapturedServiceLog log;
   ServiceLog(2, u"Successful Schedule Creation: %s", ForLog(u"%s 100% %1025d %%"));
   EXPECT_EQ(log.lines(), (std::vector<CapturedLogLine>{{2, "Successful Schedule Creation: %s 100% %1025d %%"}}));
+}
+
+TEST_F(ForLogTest, LetsNobodyOutsideBeginALineOfTheLog) {
+  CapturedServiceLog log;
+  ServiceLog(1, u"Did not find <OpData> in XML : %s", ForLog(u"<x/>\r\nSun Nov 22 (PID:    1, TID:    1): forged"));
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.lines()[0].text, "Did not find <OpData> in XML : <x/>  Sun Nov 22 (PID:    1, TID:    1): forged");
 }
 
 }  // namespace
