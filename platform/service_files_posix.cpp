@@ -75,13 +75,46 @@ std::string AccountPolicyName(const ServerInstallation& i) {
   return i.destination + kHostPolicies + i.busName + "-account.conf";
 }
 
+// A unit's line ends at either of them.
+bool EndsLine(char c) { return c == '\n' || c == '\r'; }
+
+std::string Escaped(char c) {
+  constexpr const char* kDigits = "0123456789abcdef";
+  const auto byte = static_cast<unsigned char>(c);
+  return std::string("\\x") + kDigits[byte >> 4] + kDigits[byte & 15];
+}
+
 // A word of a command line as a unit takes it: in quotation marks, nothing expanded.
 std::string UnitWord(std::string_view word) {
   std::string quoted = "\"";
   for (const char c : word) {
     if (c == '"' || c == '\\') quoted += '\\';
     if (c == '%' || c == '$') quoted += c;
-    quoted += c;
+    quoted += EndsLine(c) ? Escaped(c) : std::string(1, c);
+  }
+  return quoted + '"';
+}
+
+// A value that is taken to the line's end.
+std::string UnitText(std::string_view value) {
+  std::string text;
+  for (const char c : value) {
+    if (c == '%') text += c;
+    text += EndsLine(c) ? ' ' : c;
+  }
+  return text;
+}
+
+// A name of a list of directories. It is split twice, and only the second time takes escapes: a quotation mark is one,
+// and so is the colon, behind which a link's name would stand.
+std::string UnitDirectory(std::string_view name) {
+  constexpr std::string_view kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.@/-";
+  if (name.find_first_not_of(kPlain) == std::string_view::npos) return std::string(name);
+  std::string quoted = "\"";
+  for (const char c : name) {
+    if (c == '\\' || c == ':') quoted += '\\';
+    if (c == '%') quoted += c;
+    quoted += c == '"' || EndsLine(c) ? Escaped(c) : std::string(1, c);
   }
   return quoted + '"';
 }
@@ -105,12 +138,12 @@ std::string Joined(const std::vector<std::string>& words, std::string (*quote)(s
   return line;
 }
 
-std::string UnitText(const ServerInstallation& i) {
+std::string UnitFile(const ServerInstallation& i) {
   std::vector<std::string> command = i.command;
   command.insert(command.end(), i.serviceArguments.begin(), i.serviceArguments.end());
   std::string text =
       "[Unit]\n"
-      "Description=" + i.description + "\n"
+      "Description=" + UnitText(i.description) + "\n"
       "Documentation=man:" + i.service + "(8)\n";
   // A user's bus is there before his units; the system's unit has to say so.
   if (!i.forUser) text += "Wants=dbus.socket\nAfter=dbus.socket\n";
@@ -127,7 +160,8 @@ std::string UnitText(const ServerInstallation& i) {
       "Restart=on-failure\n";
   // Made over to the account that the unit runs under.
   if (!i.forUser && i.stateDirectory.starts_with(kSystemState)) {
-    text += "StateDirectory=" + i.stateDirectory.substr(kSystemState.size()) + "\nStateDirectoryMode=0700\n";
+    const std::string name = i.stateDirectory.substr(kSystemState.size());
+    text += "StateDirectory=" + UnitDirectory(name) + "\nStateDirectoryMode=0700\n";
   }
   text += std::string("\n[Install]\nWantedBy=") + (i.forUser ? "default.target" : "multi-user.target") + "\n";
   return text;
@@ -218,7 +252,7 @@ ErrorCode RemoveAll(const std::vector<std::string>& names, std::string& failed) 
 
 std::vector<InstalledFile> FilesOf(const ServerInstallation& i) {
   std::vector<InstalledFile> files;
-  if (i.asService) files.push_back({UnitName(i), UnitText(i), {}});
+  if (i.asService) files.push_back({UnitName(i), UnitFile(i), {}});
   if (i.asService && !i.forUser && i.fencedPort != 0) {
     // The port alone: jobs count as the unit's processes, and may do all else.
     files.push_back({FenceName(i), "[Service]\nSocketBindDeny=tcp:" + std::to_string(i.fencedPort) + "\n", {}});

@@ -160,6 +160,34 @@ TEST_F(ServiceFiles, TheUnitOwnsAStateDirectoryOnlyInItsPlace) {
   EXPECT_THAT(Text(kUnit), Not(HasSubstr("StateDirectory")));
 }
 
+TEST_F(ServiceFiles, TheUnitTakesAnyNameAsItStands) {
+  struct Case {
+    std::string directory;
+    std::string value;
+  };
+  const Case cases[] = {
+      {"qx/a-b_c.d@1", "qx/a-b_c.d@1"},
+      {"my state", "\"my state\""},
+      {"50%", "\"50%%\""},
+      {"a:b", "\"a\\:b\""},
+      {"a\"b", "\"a\\x22b\""},
+      {"it's", "\"it's\""},
+      {"a\\", "\"a\\\\\""},
+      {"$HOME", "\"$HOME\""},
+      {"a\n[Service]\r", "\"a\\x0a[Service]\\x0d\""},
+  };
+  for (const Case& c : cases) {
+    m_installation.stateDirectory = "/var/lib/" + c.directory;
+    ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
+    EXPECT_THAT(Text(kUnit), HasSubstr("\nStateDirectory=" + c.value + "\n")) << c.directory;
+  }
+  m_installation.description = "50% of \"it\" \\ $HOME";
+  m_installation.command = {"/opt/a\nUser=root"};
+  ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
+  EXPECT_THAT(Text(kUnit), HasSubstr("\nDescription=50%% of \"it\" \\ $HOME\n"));
+  EXPECT_THAT(Text(kUnit), HasSubstr("\nExecStart=\"/opt/a\\x0aUser=root\"\n"));
+}
+
 TEST_F(ServiceFiles, OnTheHostItselfAServiceStartsWithTheHost) {
   m_installation.destination.clear();
   const std::vector<InstalledFile> files = FilesOf(m_installation);
