@@ -89,9 +89,9 @@ ErrorCode CloseRegistryStore();
 
 [[nodiscard]] bool IsRegistryStoreOpen();
 
-// Reads the whole file and checks its structure. For a file that may also be open.
-//   where    gets the first things found wrong, one a line; empty on success
-//   returns  ERROR_FILE_NOT_FOUND (2); ERROR_REGISTRY_CORRUPT (1015): damaged or no store of ours
+// Reads the whole file, open or not, and checks its structure. `where` gets what was found first, one a line.
+//   returns  ERROR_FILE_NOT_FOUND (2), ERROR_PATH_NOT_FOUND (3) and other codes of files; ERROR_NOT_SUPPORTED (50):
+//            written by a newer version of this program; ERROR_REGISTRY_CORRUPT (1015): damaged, or no store of ours
 [[nodiscard]] ErrorCode CheckRegistryStore(const std::string& nativePath, std::string& where);
 
 // Copies a damaged store and its write-ahead log beside it ("registry.db.damaged", then "registry.db.damaged.2" and so

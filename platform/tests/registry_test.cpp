@@ -158,6 +158,9 @@ TEST_F(Registry, RefusesANewerSchemaAndLeavesItAsItIs) {
   std::string why;
   EXPECT_EQ(OpenRegistryStore(m_path, &why), ERROR_NOT_SUPPORTED);
   EXPECT_THAT(why, HasSubstr("newer version (schema 2, this program knows 1)"));
+  std::string where;
+  EXPECT_EQ(CheckRegistryStore(m_path, where), ERROR_NOT_SUPPORTED);
+  EXPECT_EQ(where, why);
   EXPECT_EQ(read(), before);
 }
 
@@ -177,6 +180,7 @@ TEST_F(Registry, FindsASoundStoreSound) {
   EXPECT_EQ(where, "");
   EXPECT_EQ(Has(u"Software\\A"), 0u) << "the check of an open store leaves it working";
   EXPECT_EQ(CheckRegistryStore(m_folder / "none.db", where), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(CheckRegistryStore(m_path + "/registry.db", where), ERROR_PATH_NOT_FOUND);
 }
 
 TEST_F(Registry, NamesThePlaceOfADamageAndKeepsACopy) {
