@@ -24,10 +24,6 @@
 
 namespace qx {
 
-// Results of subscriptions (CONNECT_E_NOCONNECTION and CONNECT_E_CANNOTCONNECT of olectl.h).
-inline constexpr Status kStatusNoSuchSubscription = 0x80040200;
-inline constexpr Status kStatusNoSink = 0x80040202;
-
 // What the service says about itself.
 struct ServiceProperties {
   std::string version;           // of the program, as "0.1.0"

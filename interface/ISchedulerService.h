@@ -18,6 +18,10 @@ using ScheduleInfo = platform::RecordArray<SCHEDULE_OBJECT>;
 using NodeNames = std::vector<std::u16string>;
 using NodeResults = std::vector<std::int32_t>;
 
+// Results of subscribing to the events (CONNECT_E_NOCONNECTION and CONNECT_E_CANNOTCONNECT of olectl.h).
+inline constexpr Status kStatusNoSuchSubscription = 0x80040200;  // a cookie that names nobody
+inline constexpr Status kStatusNoSink = 0x80040202;              // a null sink
+
 class ISchedulerService {  // operations on schedules
  public:
   virtual ~ISchedulerService() = default;

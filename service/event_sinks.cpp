@@ -10,7 +10,7 @@ using platform::CriticalSectionGuard;
 using ZepFoundation::ServiceLog;
 
 Status CProxyISchedulerServiceEvents::Advise(Sink sink, std::uint32_t& cookie) {
-  if (sink == nullptr) return kStatusCannotConnect;
+  if (sink == nullptr) return kStatusNoSink;
   const CriticalSectionGuard guard(m_lock);
   auto slot = std::find_if(m_slots.begin(), m_slots.end(), [](const Slot& s) { return s.sink == nullptr; });
   if (slot == m_slots.end()) {
@@ -28,7 +28,7 @@ Status CProxyISchedulerServiceEvents::Unadvise(std::uint32_t cookie) {
   const CriticalSectionGuard guard(m_lock);
   const auto slot = std::find_if(m_slots.begin(), m_slots.end(),
                                  [cookie](const Slot& s) { return s.sink != nullptr && s.cookie == cookie; });
-  if (slot == m_slots.end()) return kStatusNoConnection;
+  if (slot == m_slots.end()) return kStatusNoSuchSubscription;
   gone = std::move(slot->sink);
   *slot = {};
   return kStatusOk;

@@ -18,10 +18,6 @@
 #include "platform/critical_section.h"
 #include "platform/thread_annotations.h"
 
-// Results of the connection point (CONNECT_E_NOCONNECTION and CONNECT_E_CANNOTCONNECT of olectl.h).
-inline constexpr Status kStatusNoConnection = 0x80040200;
-inline constexpr Status kStatusCannotConnect = 0x80040202;
-
 class CProxyISchedulerServiceEvents {
  public:
   using Sink = std::shared_ptr<ISchedulerServiceEvents>;
@@ -33,10 +29,10 @@ class CProxyISchedulerServiceEvents {
   // Puts a sink into the first empty slot.
   //   sink     null stands for one without the events' interface
   //   cookie   names the sink in Unadvise(): never 0, never given twice; untouched on failure
-  //   returns  0; kStatusCannotConnect for a null sink
+  //   returns  0; kStatusNoSink for a null sink
   Status Advise(Sink sink, std::uint32_t& cookie);
   // Empties the slot. An event that is being fired may still reach the sink.
-  //   returns  0; kStatusNoConnection for a cookie that names nobody
+  //   returns  0; kStatusNoSuchSubscription for a cookie that names nobody
   Status Unadvise(std::uint32_t cookie);
 
   void Fire_Schedule_Add(const ScheduleGuid& id);

@@ -432,12 +432,12 @@ TEST_P(Interface, SinksHearInTheOrderOfTheirSlotsAndAnEmptySlotIsTakenAgain) {
 
 TEST_P(Interface, ACookieThatNamesNobodyAndANullSinkAreRefused) {
   std::uint32_t cookie = 77;
-  EXPECT_EQ(m_host->Advise(nullptr, cookie), qx::kStatusNoSink);
+  EXPECT_EQ(m_host->Advise(nullptr, cookie), kStatusNoSink);
   EXPECT_EQ(cookie, 77u);
-  EXPECT_EQ(m_host->Unadvise(cookie), qx::kStatusNoSuchSubscription);
+  EXPECT_EQ(m_host->Unadvise(cookie), kStatusNoSuchSubscription);
   ASSERT_EQ(m_host->Advise(std::make_shared<EventLog>(), cookie), kStatusOk);
   EXPECT_EQ(m_host->Unadvise(cookie), kStatusOk);
-  EXPECT_EQ(m_host->Unadvise(cookie), qx::kStatusNoSuchSubscription);
+  EXPECT_EQ(m_host->Unadvise(cookie), kStatusNoSuchSubscription);
 }
 
 TEST_P(Interface, ASinkThatThrowsStopsNobodyElse) {
