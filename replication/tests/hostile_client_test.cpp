@@ -1,10 +1,7 @@
 // Thousands of connections at once: 32 are held, the others are closed, and nothing is left of them.
-#include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <string>
-#include <thread>
 
 #include "platform/testing/judges_memory.h"
 #include "replication/tests/connection_crowd.h"
@@ -15,6 +12,7 @@ namespace {
 
 using testing::Bytes;
 using testing::ConnectionCrowd;
+using testing::WaitForChildThreads;
 
 constexpr int kCrowd = 4000;
 
@@ -26,22 +24,6 @@ std::ptrdiff_t Descriptors() {
 }
 std::ptrdiff_t Threads() {
   return EntriesOf("/proc/self/task");
-}
-
-// The children's among them, by the first 15 bytes of their name.
-std::ptrdiff_t ChildThreads() {
-  std::ptrdiff_t count = 0;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::string name;
-    if (std::ifstream file(task.path() / "comm"); std::getline(file, name)) count += name == "ChildSocketThre";
-  }
-  return count;
-}
-// Waits until no child's is left, a minute at most. A poll: no call tells that the kernel has taken the last of a thread
-// that nobody joins.
-bool WaitForChildThreads() {
-  for (int i = 0; i < 60000 && ChildThreads() != 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  return ChildThreads() == 0;
 }
 
 class HostileClients : public testing::ReplicationFixture {

@@ -19,6 +19,7 @@
 #include "replication/listener.h"
 #include "replication/message_body.h"
 #include "replication/secure_channel.h"
+#include "replication/tests/child_threads.h"
 #include "replication/tests/scripted_connection.h"
 #include "replication/wire.h"
 #include "service/tests/service_fixture.h"
@@ -54,6 +55,7 @@ class ReplicationFixture : public ServiceFixture {
     m_listener.Close();
     m_thread.Join();
     EXPECT_TRUE(m_listener.WaitForChildCount(0, kLongestWait)) << "a child is left";
+    EXPECT_TRUE(WaitForChildThreads());  // what their ends give up, a check at the process's end would take for a leak
     platform::FreeSecurityPackage();
     for (const char* name : {"NTLM_USER_FILE", "KRB5_CONFIG", "KRB5CCNAME"}) unsetenv(name);
     ServiceFixture::TearDown();
