@@ -1,7 +1,9 @@
 #include "platform/registry_call.h"
 
 #include <chrono>
+#include <functional>
 #include <thread>
+#include <utility>
 
 #include "platform/testing/registry_hook.h"
 
@@ -13,11 +15,7 @@ std::unique_ptr<Store> g_store;
 namespace {
 
 std::chrono::milliseconds g_longestTurn QX_GUARDED_BY(g_lock){5000};
-
-Condition& BatchEnded() {
-  static Condition& ended = *new Condition;  // waited for by threads that outlive static destruction: never destroyed
-  return ended;
-}
+std::function<void()> g_turnListener QX_GUARDED_BY(g_lock);
 
 }  // namespace
 
@@ -25,15 +23,14 @@ ErrorCode AwaitTurn(MutexLock& guard) {
   while (g_store) {
     const std::shared_ptr<Batch> batch = g_store->OpenBatch();
     if (!batch || batch->thread == std::this_thread::get_id()) break;
+    if (g_turnListener) g_turnListener();
     const auto end = std::chrono::steady_clock::now() + g_longestTurn;
-    for (bool inTime = true; batch->isOpen; inTime = BatchEnded().WaitUntil(guard, end)) {
+    for (bool inTime = true; batch->isOpen; inTime = batch->ended.WaitUntil(guard, end)) {
       if (!inTime) return ERROR_BUSY;
     }
   }
   return ERROR_SUCCESS;
 }
-
-void TellBatchEnded() { BatchEnded().NotifyAll(); }
 
 ErrorCode Enter(const RegistryKey& key, Handle*& out) {
   Handle* handle = Handle::Of(key);
@@ -74,6 +71,11 @@ namespace platform {
 void LimitRegistryTurn(std::chrono::milliseconds longest) {
   const MutexLock guard(registry::g_lock);
   registry::g_longestTurn = longest;
+}
+
+void ListenForRegistryTurns(std::function<void()> listener) {
+  const MutexLock guard(registry::g_lock);
+  registry::g_turnListener = std::move(listener);
 }
 
 }  // namespace platform

@@ -26,8 +26,6 @@ extern std::unique_ptr<Store> g_store QX_GUARDED_BY(g_lock);
 // written there. Lets go of the lock meanwhile: handles and the store itself are looked at behind it.
 //   returns  ERROR_BUSY (170): one batch stayed open for the longest turn (registry_hook.h)
 [[nodiscard]] ErrorCode AwaitTurn(MutexLock& guard) QX_REQUIRES(g_lock);
-// Whoever ends a batch tells those that wait for it, under the lock.
-void TellBatchEnded();
 // A handle whose batch was lost writes no more: what came after would stand without what came before.
 [[nodiscard]] ErrorCode EnterToWrite(const RegistryKey& key, std::uint32_t right, Handle*& out) QX_REQUIRES(g_lock);
 // A handle for one of the roots, for the time of a call.

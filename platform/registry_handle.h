@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/mutex.h"
 #include "platform/registry.h"
 #include "platform/registry_names.h"
 
@@ -30,6 +31,7 @@ struct Batch {
   ErrorCode code = ERROR_SUCCESS;  // why it was lost
   std::int64_t lastIdBefore = 0;   // ids above this one go with the batch when it is lost, and are given anew later
   std::uint32_t writers = 0;       // handles that wrote into it
+  Condition ended;                 // told with isOpen's end
 };
 
 // Where an enumeration stands.

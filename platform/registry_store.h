@@ -100,6 +100,7 @@ class Store {
   [[nodiscard]] ErrorCode LocateForDeletion(Place from, std::span<const std::u16string_view> elements,
                                             bool withChildren, Place& out);
   [[nodiscard]] ErrorCode FailedWrite(ErrorCode code);
+  void EndBatch();
   [[nodiscard]] int Run(Sql sql) { return Use(m_sql[sql]).Step(); }
 
   std::uint64_t m_number = 0;

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/registry_call.h"
 #include "platform/registry_names.h"
 
 namespace platform::registry {
@@ -49,11 +48,9 @@ ErrorCode Store::FailedWrite(ErrorCode code) {
 void Store::Lose(ErrorCode code) {
   if (sqlite3_get_autocommit(m_db.get()) == 0) (void)Run(kRollback);
   m_batch->isLost = true;
-  m_batch->isOpen = false;
   m_batch->code = code;
-  m_batch.reset();
   ++m_changes;
-  TellBatchEnded();
+  EndBatch();
 }
 
 ErrorCode Store::Commit() {
@@ -62,10 +59,14 @@ ErrorCode Store::Commit() {
     Lose(code);
     return code;
   }
-  m_batch->isOpen = false;
-  m_batch.reset();
-  TellBatchEnded();
+  EndBatch();
   return ERROR_SUCCESS;
+}
+
+void Store::EndBatch() {
+  m_batch->isOpen = false;
+  m_batch->ended.NotifyAll();
+  m_batch.reset();
 }
 
 // --- Keys ---

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 
 #include "platform/error_codes.h"
 
@@ -14,5 +15,9 @@ namespace platform {
 
 // How long a thread waits with a write for the end of another thread's batch: 5 seconds until set. Threads: any.
 void LimitRegistryTurn(std::chrono::milliseconds longest);
+
+// Called by each thread that is about to wait for the end of another thread's batch; empty for none. It holds the
+// store's lock: the listener calls nothing of the store. Threads: any.
+void ListenForRegistryTurns(std::function<void()> listener);
 
 }  // namespace platform

@@ -834,6 +834,28 @@ TEST_F(Registry, LetsFourThreadsWriteAtOnce) {
   EXPECT_EQ(info.subKeyCount, 200u);
 }
 
+// The next thread that is about to wait for another thread's batch.
+class NextWaiter {
+ public:
+  NextWaiter() {
+    ListenForRegistryTurns([this] {
+      if (!m_isHeard.exchange(true)) m_heard.set_value();
+    });
+  }
+  NextWaiter(const NextWaiter&) = delete;
+  NextWaiter& operator=(const NextWaiter&) = delete;
+  ~NextWaiter() { ListenForRegistryTurns({}); }
+
+  [[nodiscard]] bool HasCome() const {
+    return m_future.wait_for(std::chrono::minutes(1)) == std::future_status::ready;
+  }
+
+ private:
+  std::atomic<bool> m_isHeard{false};
+  std::promise<void> m_heard;
+  const std::future<void> m_future = m_heard.get_future();
+};
+
 TEST_F(Registry, CommitsNothingThatAnotherThreadHasHalfWritten) {
   ASSERT_EQ(Make(u"Software\\There").Close(), 0u);
   const std::pair<const char*, std::function<ErrorCode()>> writes[] = {
@@ -867,8 +889,9 @@ TEST_F(Registry, CommitsNothingThatAnotherThreadHasHalfWritten) {
     const std::u16string path = u"Software\\Half" + Number(number++);
     RegistryKey half = Make(path);
     ASSERT_EQ(SetDword(half, u"first", 1), 0u);
+    const NextWaiter waiter;
     std::future<ErrorCode> other = std::async(std::launch::async, write);
-    EXPECT_EQ(other.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    EXPECT_TRUE(waiter.HasCome());
     EXPECT_EQ(CommittedKeys(path.substr(path.rfind(u'\\') + 1)), 0);
     ASSERT_EQ(SetDword(half, u"second", 2), 0u);
     EXPECT_EQ(half.Close(), 0u);
@@ -879,8 +902,9 @@ TEST_F(Registry, CommitsNothingThatAnotherThreadHasHalfWritten) {
 
 TEST_F(Registry, LosesNothingOfAnotherThreadWithItsOwnBatch) {
   RegistryKey lost = Make(u"Software\\Lost");
+  const NextWaiter waiter;
   std::future<ErrorCode> other = std::async(std::launch::async, [] { return Make(u"Software\\Other").Close(); });
-  (void)other.wait_for(std::chrono::milliseconds(50));  // it may wait for this batch's end
+  EXPECT_TRUE(waiter.HasCome());
   {
     const FaultPlan plan = FaultPlan::FailCall(Operation::kRegCloseKey, 1, ERROR_DISK_FULL, kOnce, "Lost");
     EXPECT_EQ(lost.Close(), ERROR_DISK_FULL);
