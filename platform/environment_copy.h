@@ -12,4 +12,13 @@ namespace platform {
 // that takes.
 [[nodiscard]] std::vector<std::string> CopyEnvironment();
 
+// Words or variables as a program gets them, null at the end; good for as long as the texts are.
+[[nodiscard]] inline std::vector<char*> PointersTo(std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
+  for (std::string& text : texts) pointers.push_back(text.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
 }  // namespace platform

@@ -1,7 +1,7 @@
 // platform/foreground.h: programs that work for the user on the terminal while this one waits: an editor, a pager.
 //
 // For command-line programs, which take no child's exit elsewhere; a process that uses process.h may not use this.
-// Threads: one at a time, while no other thread changes the environment.
+// Threads: one at a time.
 #pragma once
 
 #include <cstdint>

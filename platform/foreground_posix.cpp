@@ -8,11 +8,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "platform/child_exits.h"
+#include "platform/environment_copy.h"
 #include "platform/fault_point.h"
-
-extern char** environ;
 
 namespace platform {
 namespace {
@@ -47,15 +47,15 @@ class KeyboardIgnored {
 };
 
 //   input  the child's standard input; -1: this process's own
-ErrorCode Spawn(std::vector<std::string> words, char** environment, int input, sigset_t defaults, pid_t& process) {
+ErrorCode Spawn(std::vector<std::string> words, std::vector<std::string> variables, int input, sigset_t defaults,
+                pid_t& process) {
   if (const ErrorCode fault = FaultAt(Operation::kCreateProcess, words.empty() ? "" : words[0]); fault != 0) {
     return fault;
   }
   if (words.empty() || words[0].empty()) return ERROR_FILE_NOT_FOUND;
   detail::KeepChildExits();
-  std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
+  const std::vector<char*> argv = PointersTo(words);
+  const std::vector<char*> environment = PointersTo(variables);
   posix_spawn_file_actions_t actions;
   posix_spawnattr_t attributes;
   posix_spawn_file_actions_init(&actions);
@@ -67,7 +67,7 @@ ErrorCode Spawn(std::vector<std::string> words, char** environment, int input, s
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
   int result = 0;
   if (input >= 0) result = posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-  if (result == 0) result = posix_spawnp(&process, argv[0], &actions, &attributes, argv.data(), environment);
+  if (result == 0) result = posix_spawnp(&process, argv[0], &actions, &attributes, argv.data(), environment.data());
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   return result == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(result);
@@ -85,7 +85,7 @@ int WaitFor(pid_t process) {
 ErrorCode RunInForeground(const std::vector<std::string>& words, std::uint32_t& exitCode) {
   const KeyboardIgnored ignored;
   pid_t process = 0;
-  if (const ErrorCode code = Spawn(words, environ, -1, ignored.ForChild(), process); code != ERROR_SUCCESS) return code;
+  if (const ErrorCode code = Spawn(words, CopyEnvironment(), -1, ignored.ForChild(), process); code != ERROR_SUCCESS) return code;
   const int status = WaitFor(process);
   exitCode = static_cast<std::uint32_t>(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status));
   return ERROR_SUCCESS;
@@ -94,16 +94,13 @@ ErrorCode RunInForeground(const std::vector<std::string>& words, std::uint32_t& 
 ErrorCode OutputPager::Start(const std::vector<std::string>& words, const std::vector<std::string>& environment) {
   if (IsRunning()) return ERROR_BUSY;
   if (const ErrorCode fault = FaultAt(Operation::kCreatePipe); fault != 0) return fault;
-  std::vector<char*> variables;
-  for (char** variable = environ; *variable != nullptr; ++variable) variables.push_back(*variable);
-  std::vector<std::string> added = environment;
-  for (std::string& assignment : added) {
+  std::vector<std::string> variables = CopyEnvironment();
+  for (const std::string& assignment : environment) {
     const std::string name = assignment.substr(0, assignment.find('=') + 1);
     const bool isSet = std::any_of(variables.begin(), variables.end(),
-                                   [&](const char* variable) { return std::string_view(variable).starts_with(name); });
-    if (!isSet) variables.push_back(assignment.data());
+                                   [&](const std::string& variable) { return variable.starts_with(name); });
+    if (!isSet) variables.push_back(assignment);
   }
-  variables.push_back(nullptr);
   int ends[2] = {-1, -1};
   if (::pipe2(ends, O_CLOEXEC) != 0) return ErrorCodeFromErrno(errno);
   // A write to a pager that has ended fails; it doesn't end this process.
@@ -114,7 +111,7 @@ ErrorCode OutputPager::Start(const std::vector<std::string>& words, const std::v
   sigemptyset(&defaults);
   sigaddset(&defaults, SIGPIPE);
   pid_t process = 0;
-  ErrorCode code = Spawn(words, variables.data(), ends[0], defaults, process);
+  ErrorCode code = Spawn(words, std::move(variables), ends[0], defaults, process);
   ::close(ends[0]);
   if (code == ERROR_SUCCESS) {
     m_process = process;

@@ -274,14 +274,6 @@ std::vector<std::string> ChildEnvironment() {
   return variables;
 }
 
-// As a program gets them; good for as long as the texts are.
-std::vector<char*> PointersTo(std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  for (std::string& text : texts) pointers.push_back(text.data());
-  pointers.push_back(nullptr);
-  return pointers;
-}
-
 ErrorCode StartCommandLine(std::u16string_view commandLine, bool waited, std::uint64_t& ticket) {
   const std::vector<std::u16string> wide = SplitCommandLine(commandLine);
   if (wide.empty() || wide.front().empty()) return ERROR_FILE_NOT_FOUND;
