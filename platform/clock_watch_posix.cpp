@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "platform/clock.h"
+#include "platform/descriptor.h"
 #include "platform/fault_point.h"
 
 namespace platform {
@@ -25,23 +26,6 @@ constexpr std::int64_t kNeverSeconds = 0x7fffffffffff;
 // How long a zone file must have been left alone before it is read: replacing one gives several changes.
 constexpr int kQuietMs = 100;
 constexpr std::uint32_t kZoneMask = IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_CLOSE_WRITE;
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd = -1) : m_fd(fd) {}
-  Descriptor(Descriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    std::swap(m_fd, other.m_fd);
-    return *this;
-  }
-  ~Descriptor() {
-    if (m_fd >= 0) close(m_fd);
-  }
-  int Get() const { return m_fd; }
-
- private:
-  int m_fd;
-};
 
 struct NamedFile {
   std::string directory;

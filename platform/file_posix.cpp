@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "platform/descriptor.h"
 #include "platform/fault_point.h"
 #include "platform/file_state.h"
 #include "platform/mutex.h"
@@ -139,21 +140,6 @@ ErrorCode WriteBytes(int descriptor, std::string_view bytes) {
   }
   return ERROR_SUCCESS;
 }
-
-// Owns a descriptor in the functions that need no File.
-class Descriptor {
- public:
-  explicit Descriptor(int value) : m_value(value) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (m_value >= 0) ::close(m_value);
-  }
-  [[nodiscard]] int get() const { return m_value; }
-
- private:
-  int m_value;
-};
 
 //   descriptor  of the new file, not synced; -1 on failure
 ErrorCode WriteNewFile(const std::string& name, std::string_view contents, const Predecessor& old, int& descriptor) {
@@ -364,8 +350,8 @@ ErrorCode ListDirectory(const std::string& name, std::vector<std::string>& names
 ErrorCode SyncDirectory(const std::string& name) {
   if (const ErrorCode rc = FaultAt(Operation::kSyncFile, name); rc != ERROR_SUCCESS) return rc;
   const Descriptor directory(Retry([&] { return ::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-  if (directory.get() < 0) return errno == ENOENT ? ERROR_PATH_NOT_FOUND : CodeForName(errno, name);
-  if (Retry([&] { return ::fsync(directory.get()); }) == 0) return ERROR_SUCCESS;
+  if (!directory.IsOpen()) return errno == ENOENT ? ERROR_PATH_NOT_FOUND : CodeForName(errno, name);
+  if (Retry([&] { return ::fsync(directory.Get()); }) == 0) return ERROR_SUCCESS;
   // Some file systems have nothing to sync in a directory and say so.
   return errno == EINVAL ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
 }

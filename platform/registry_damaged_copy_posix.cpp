@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/descriptor.h"
 #include "platform/fault_point.h"
 #include "platform/registry.h"
 #include "platform/registry_call.h"
@@ -23,22 +24,12 @@ using registry::g_store;
 constexpr std::uint32_t kMaxDamagedCopies = 1000;  // that may stand side by side
 constexpr std::size_t kCopyBufferSize = 65536;
 
-class Descriptor {
- public:
-  Descriptor(const std::string& path, int flags)
-      : m_fd(::open(path.c_str(), flags | O_CLOEXEC, 0600)), m_isMissing(m_fd < 0 && errno == ENOENT) {}
-  ~Descriptor() {
-    if (m_fd >= 0) ::close(m_fd);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  [[nodiscard]] int Get() const { return m_fd; }
-  [[nodiscard]] bool IsMissing() const { return m_isMissing; }
-
- private:
-  int m_fd;
-  bool m_isMissing;
-};
+//   error  why none is open, by errno; 0 otherwise
+Descriptor OpenOnce(const std::string& path, int flags, int& error) {
+  Descriptor file(::open(path.c_str(), flags | O_CLOEXEC, 0600));
+  error = file.IsOpen() ? 0 : errno;
+  return file;
+}
 
 // Up to `size` bytes, fewer only at the end of the file; -1 on failure.
 ssize_t ReadBlock(int fd, unsigned char* buffer, std::size_t size) {
@@ -55,9 +46,11 @@ ssize_t ReadBlock(int fd, unsigned char* buffer, std::size_t size) {
 
 // A file that isn't there equals one that isn't there.
 bool AreEqualFiles(const std::string& left, const std::string& right) {
-  const Descriptor a(left, O_RDONLY);
-  const Descriptor b(right, O_RDONLY);
-  if (a.Get() < 0 || b.Get() < 0) return a.IsMissing() && b.IsMissing();
+  int errorA = 0;
+  int errorB = 0;
+  const Descriptor a = OpenOnce(left, O_RDONLY, errorA);
+  const Descriptor b = OpenOnce(right, O_RDONLY, errorB);
+  if (!a.IsOpen() || !b.IsOpen()) return errorA == ENOENT && errorB == ENOENT;
   Bytes bytesA(kCopyBufferSize);
   Bytes bytesB(kCopyBufferSize);
   for (;;) {
@@ -71,10 +64,11 @@ bool AreEqualFiles(const std::string& left, const std::string& right) {
 
 ErrorCode CopyFileTo(const std::string& from, const std::string& to) {
   if (const ErrorCode code = FaultAt(Operation::kCreateFile, to); code != ERROR_SUCCESS) return code;
-  const Descriptor in(from, O_RDONLY);
-  if (in.Get() < 0) return ErrorCodeFromErrno(errno);
-  const Descriptor out(to, O_WRONLY | O_CREAT | O_EXCL);
-  if (out.Get() < 0) return ErrorCodeFromErrno(errno);
+  int error = 0;
+  const Descriptor in = OpenOnce(from, O_RDONLY, error);
+  if (!in.IsOpen()) return ErrorCodeFromErrno(error);
+  const Descriptor out = OpenOnce(to, O_WRONLY | O_CREAT | O_EXCL, error);
+  if (!out.IsOpen()) return ErrorCodeFromErrno(error);
   Bytes bytes(kCopyBufferSize);
   const auto drop = [&](ErrorCode code) {
     ::unlink(to.c_str());
