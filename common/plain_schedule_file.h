@@ -13,7 +13,7 @@
 namespace qx {
 
 // Whether lines are written of a schedule that loads well: those of the service log's detail, or of the rules' trace.
-// The short way writes none of them, and isn't gone then.
+// The short way writes none of them, and isn't taken then.
 [[nodiscard]] bool IsLoadingTold();
 
 // Loads a schedule from the bytes of its file. Writes nothing to the service log.
