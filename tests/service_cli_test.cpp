@@ -1,11 +1,14 @@
 // The real program qxsched against the real service.
 #include <gmock/gmock.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <ctime>
+#include <cstdint>
 #include <map>
 #include <set>
 
+#include "platform/descriptor.h"
 #include "tests/line_reader.h"
 #include "tests/qxsched_program.h"
 
@@ -114,11 +117,13 @@ TEST_F(QxschedProgram, AConfiguredTraceIsWrittenFromTheNextStartOn) {
   EXPECT_THAT(RunningService::ReadFile(trace), HasSubstr("Save(PropertyBag) Item number="));
 }
 
-// Waits until the machine's clock shows a time, in seconds since 1970.
+// Waits for the kernel's notice that the machine's clock shows a time, in seconds since 1970.
 void WaitForTime(std::int64_t time) {
-  const timespec moment = {time, 0};
-  while (clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &moment, nullptr) == EINTR) {
-  }
+  const platform::Descriptor timer(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC));
+  const itimerspec when = {{}, {time, 0}};
+  ASSERT_EQ(timerfd_settime(timer.Get(), TFD_TIMER_ABSTIME, &when, nullptr), 0);
+  std::uint64_t expirations = 0;
+  while (read(timer.Get(), &expirations, sizeof expirations) < 0) ASSERT_EQ(errno, EINTR);
 }
 
 // The due times are real: each is waited for by what the service or the clock tells.
