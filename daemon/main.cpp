@@ -4,12 +4,15 @@
 #include <span>
 #include <string>
 
+#include "platform/standard_streams.h"
 #include "platform/text.h"
 #include "replication/node_channel.h"
 #include "service/service_module.h"
 #include "service/service_registration.h"
 
 int main(int argc, char** argv) {
+  platform::FillStandardStreams();
+  platform::OutliveReaders();  // whoever reads what the service prints may end before it
   qx::ServiceOptions options;
   std::string error;
   if (!qx::ParseServiceArguments(std::span<const char* const>(argv + 1, argc > 0 ? argc - 1 : 0), options, error)) {

@@ -1,7 +1,9 @@
 // The whole service: the real program over a bus of its own, used through the client library.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 #include <algorithm>
@@ -64,6 +66,30 @@ std::int64_t OnThisDay(std::int64_t seconds) {
 }
 
 // --- start and end ---
+
+TEST_F(Service, AStartWithClosedStandardStreamsGivesTheirNumbersToNobodyElse) {
+  ASSERT_NO_FATAL_FAILURE(service.Register());
+  service.SetLauncher({"/bin/sh", "-c", "exec \"$@\" <&- >&- 2>&-", "sh"});
+  ASSERT_NO_FATAL_FAILURE(service.Start());
+  const std::string descriptors = "/proc/" + std::to_string(service.Process().Id()) + "/fd/";
+  for (const char* number : {"0", "1", "2"}) {
+    EXPECT_EQ(std::filesystem::read_symlink(descriptors + number).string(), "/dev/null") << number;
+  }
+}
+
+TEST_F(Service, AReaderOfItsOutputThatGoesDoesNotEndIt) {
+  ASSERT_NO_FATAL_FAILURE(service.Register());
+  const std::string pipe = service.Directory() + "/pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_GE(reader, 0);
+  service.SetLauncher({"/bin/sh", "-c", "exec \"$@\" >\"$0\"", pipe});
+  ASSERT_NO_FATAL_FAILURE(service.Start());
+  close(reader);
+  // Each line of the log that can't be written is told on the output.
+  std::filesystem::rename(service.Root() + "/logs", service.Root() + "/old-logs");
+  EXPECT_EQ(service.Stop(), 0);
+}
 
 TEST_F(Service, AnUnregisteredStartEndsWithCode2AndSaysHowToRegister) {
   EXPECT_EQ(service.Run({"--foreground"}), 2);
