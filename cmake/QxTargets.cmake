@@ -30,6 +30,10 @@ endif()
 if(QX_SANITIZE)
   add_compile_options(-fsanitize=${QX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${QX_SANITIZE})
+  if(QX_SANITIZE MATCHES address)
+    # What the sanitizers keep of every check isn't relocated at each start of a program.
+    string(APPEND CMAKE_EXE_LINKER_FLAGS " -no-pie")
+  endif()
   if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
     # What the sanitizers add makes g++ see uninitialised members in the standard library.
     target_compile_options(qx_build_flags INTERFACE -Wno-maybe-uninitialized)
@@ -94,14 +98,15 @@ endif()
 # What scripts/test.sh builds where the slow set isn't run: programs of the labels unit and service, and what they start.
 add_custom_target(quick_tests)
 
-# qx_test(NAME LABEL unit|service|slow [TIMEOUT seconds] [TOGETHER processes] SOURCES... LINK targets...): one test
-# program; each of its tests has five minutes unless told otherwise. TOGETHER: so many processes share its tests in every
-# preset, because what each process makes once takes longer than its tests.
+# qx_test(NAME [LONG] LABEL unit|service|slow [TIMEOUT seconds] [TOGETHER processes] SOURCES... LINK targets...): one test
+# program; each of its tests has five minutes unless told otherwise. LONG: its tests are started ahead of their label's
+# others, lest one of them runs alone at the end. TOGETHER: so many processes share its tests in every preset, because
+# what each process makes once takes longer than its tests.
 function(qx_test NAME)
   if(NOT QX_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(A "" "LABEL;TIMEOUT;TOGETHER" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(A "LONG" "LABEL;TIMEOUT;TOGETHER" "SOURCES;LINK" ${ARGN})
   if(NOT A_TIMEOUT)
     set(A_TIMEOUT 300)
   endif()
@@ -109,13 +114,12 @@ function(qx_test NAME)
   target_link_libraries(${NAME} PRIVATE ${A_LINK} qx::test_paths GTest::gmock GTest::gtest_main qx::build_flags)
   target_compile_options(${NAME} PRIVATE ${QX_TEST_FLAGS})
   qx_batches(${NAME})
-  if(QX_SANITIZE MATCHES address)
-    # What the sanitizers keep of every check is relocated at each start of a program.
-    target_link_options(${NAME} PRIVATE -no-pie)
-  endif()
   set(cost 0)
   if(A_LABEL STREQUAL service)
     set(cost 10)  # they wait for the clock: started first, while the others use the processors
+  endif()
+  if(A_LONG)
+    math(EXPR cost "${cost} + 5")
   endif()
   set(environment)
   if(NOT A_LABEL STREQUAL slow)

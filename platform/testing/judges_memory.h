@@ -24,11 +24,14 @@ namespace platform {
 #endif
 }
 
-// Whether the resident memory of a process tells of what it holds: a sanitizer keeps freed memory on purpose.
+// Whether a sanitizer hands memory out.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool kJudgesMemory = false;
+inline constexpr bool kHasSanitizedMemory = true;
 #else
-inline constexpr bool kJudgesMemory = true;
+inline constexpr bool kHasSanitizedMemory = false;
 #endif
+
+// Whether the resident memory of a process tells of what it holds: a sanitizer keeps freed memory on purpose.
+inline constexpr bool kJudgesMemory = !kHasSanitizedMemory;
 
 }  // namespace platform
