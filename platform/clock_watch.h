@@ -45,8 +45,8 @@ class ClockWatch {
   //   returns  0; the host's code, the watch is as before then. A missing directory of the zone file is no failure: its
   //            changes go unnoticed.
   [[nodiscard]] ErrorCode Create();
-  // Waits for the next notice. Bursts of changes of the zone file come as one, 100 ms after the last of them. Asks
-  // Operation::kReadClockWatch.
+  // Waits for the next notice. Bursts of changes of the zone file come as one, 100 ms after the last of them, but not
+  // later than a second behind the first. Asks Operation::kReadClockWatch.
   //   returns  0 with the notice; 0 with message 0 after Destroy(), at once; the host's code
   [[nodiscard]] ErrorCode Read(ClockNotice& notice);
   // Calls the registered procedure; nothing without one.

@@ -6,9 +6,11 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <string_view>
@@ -23,8 +25,10 @@ namespace {
 
 // Far ahead: the timer is there to be cancelled, not to run out.
 constexpr std::int64_t kNeverSeconds = 0x7fffffffffff;
-// How long a zone file must have been left alone before it is read: replacing one gives several changes.
-constexpr int kQuietMs = 100;
+// How long a zone file must have been left alone before it is read: replacing one gives several changes. One that is
+// changed on and on is read in between.
+constexpr std::chrono::milliseconds kQuiet{100};
+constexpr std::chrono::milliseconds kLongestWaitForQuiet{1000};
 constexpr std::uint32_t kZoneMask = IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_CLOSE_WRITE;
 
 struct NamedFile {
@@ -111,13 +115,18 @@ struct ClockWatch::State {
     }
   }
 
-  // Waits until the zone file has been left alone, or the watch ends.
+  // Waits until the zone file has been left alone, or for as long as that is given, or until the watch ends. Its
+  // neighbours may never rest.
   void WaitUntilQuiet() {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point longest = Clock::now() + kLongestWaitForQuiet;
+    Clock::time_point quiet = Clock::now() + kQuiet;
     while (!destroyed.load()) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(std::min(quiet, longest) - Clock::now());
+      if (left.count() <= 0) return;
       std::array<pollfd, 2> descriptors = {{{quit.Get(), POLLIN, 0}, {zone.Get(), POLLIN, 0}}};
-      const int ready = poll(descriptors.data(), descriptors.size(), kQuietMs);
-      if (ready == 0) return;
-      if (ready > 0 && descriptors[1].revents != 0) (void)TakeZoneEvents();
+      const int ready = poll(descriptors.data(), descriptors.size(), static_cast<int>(left.count()));
+      if (ready > 0 && descriptors[1].revents != 0 && TakeZoneEvents()) quiet = Clock::now() + kQuiet;
     }
   }
 };

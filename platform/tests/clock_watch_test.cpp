@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -102,6 +104,57 @@ TEST_F(ClockWatchTest, IgnoresOtherFilesBesideTheLink) {
   Write("zones/second", "x");
   std::filesystem::remove(directory + "/hostname");
   ExpectQuiet(watch);
+}
+
+// Writes a file again and again, until it is told to end or has done so for far longer than any wait for quiet.
+class RestlessWriter {
+ public:
+  explicit RestlessWriter(std::string file) : m_file(std::move(file)), m_thread([this] { Write(); }) {
+    while (!m_begun) std::this_thread::yield();
+  }
+  ~RestlessWriter() { m_thread.join(); }
+  RestlessWriter(const RestlessWriter&) = delete;
+  RestlessWriter& operator=(const RestlessWriter&) = delete;
+  // Whether it was still at it.
+  bool End() {
+    m_wanted = false;
+    return !m_gaveUp;
+  }
+
+ private:
+  void Write() {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (m_wanted && !m_gaveUp) {
+      std::ofstream(m_file) << "x";
+      m_begun = true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      m_gaveUp = std::chrono::steady_clock::now() > end;
+    }
+  }
+
+  const std::string m_file;
+  std::atomic<bool> m_wanted{true}, m_begun{false}, m_gaveUp{false};
+  std::thread m_thread;
+};
+
+TEST_F(ClockWatchTest, TellsAChangeOfTheZoneBesideAFileThatNeverRests) {
+  ClockWatch watch(Link());
+  ASSERT_EQ(watch.Create(), ERROR_SUCCESS);
+  RestlessWriter writer(directory + "/neighbour");
+  std::filesystem::create_symlink("zones/second", directory + "/fresh");
+  std::filesystem::rename(directory + "/fresh", Link());
+  EXPECT_EQ(Next(watch).message, ClockNotice::kTimeChange);
+  EXPECT_TRUE(writer.End()) << "the notice came only when all was quiet";
+}
+
+TEST_F(ClockWatchTest, TellsAChangeOfAZoneFileThatNeverRests) {
+  ClockWatch watch(Link());
+  ASSERT_EQ(watch.Create(), ERROR_SUCCESS);
+  RestlessWriter writer(directory + "/zones/first");
+  EXPECT_EQ(Next(watch).message, ClockNotice::kTimeChange);
+  watch.NotifyForTest();  // and other notices aren't held up by it
+  EXPECT_EQ(Next(watch).message, ClockNotice::kTimeChange);
+  EXPECT_TRUE(writer.End()) << "the notice came only when all was quiet";
 }
 
 TEST_F(ClockWatchTest, GivesTheGuardWhenItsMomentHasPassed) {
