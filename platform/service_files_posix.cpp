@@ -202,20 +202,32 @@ std::string AccountPolicyText(const ServerInstallation& i, std::string_view acco
          "\"/>\n  </policy>\n</busconfig>\n";
 }
 
-ErrorCode MakeDirectories(const std::string& name) {
+//   forOthers  the new ones can be read by everybody whatever the process's mask is: a bus daemon has an account of its own
+ErrorCode MakeDirectories(const std::string& name, bool forOthers) {
   if (const ErrorCode rc = FaultAt(Operation::kCreateDirectory); rc != ERROR_SUCCESS) return rc;
   for (std::size_t end = name.find('/', 1);; end = name.find('/', end + 1)) {
-    if (mkdir(name.substr(0, end).c_str(), kDirectoryMode) != 0 && errno != EEXIST && errno != EISDIR) {
+    const std::string part = name.substr(0, end);
+    if (mkdir(part.c_str(), kDirectoryMode) == 0) {
+      if (forOthers && chmod(part.c_str(), kDirectoryMode) != 0) return ErrorCodeFromErrno(errno);
+    } else if (errno != EEXIST && errno != EISDIR) {
       return ErrorCodeFromErrno(errno);
     }
     if (end == std::string::npos) return ERROR_SUCCESS;
   }
 }
 
+bool HasMode(const std::string& name, mode_t mode) {
+  struct stat info {};
+  return stat(name.c_str(), &info) == 0 && (info.st_mode & 07777) == mode;
+}
+
 ErrorCode WriteFile(const std::string& name, const std::string& contents) {
   std::string present;
-  if (ReadWholeFile(name, present) == ERROR_SUCCESS && present == contents) return ERROR_SUCCESS;
-  if (const ErrorCode rc = ReplaceWholeFile(name, contents, Durable::kNo); rc != ERROR_SUCCESS) return rc;
+  if (ReadWholeFile(name, present) != ERROR_SUCCESS || present != contents) {
+    if (const ErrorCode rc = ReplaceWholeFile(name, contents, Durable::kNo); rc != ERROR_SUCCESS) return rc;
+  } else if (HasMode(name, kFileMode)) {  // else an installation ended between text and mode
+    return ERROR_SUCCESS;
+  }
   if (const ErrorCode rc = FaultAt(Operation::kWriteFile, name); rc != ERROR_SUCCESS) return rc;
   return chmod(name.c_str(), kFileMode) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
 }
@@ -226,8 +238,8 @@ ErrorCode WriteLink(const std::string& name, const std::string& target) {
   return ErrorCodeFromErrno(errno);
 }
 
-ErrorCode Write(const InstalledFile& file) {
-  if (const ErrorCode rc = MakeDirectories(DirectoryOf(file.name)); rc != ERROR_SUCCESS) return rc;
+ErrorCode Write(const InstalledFile& file, bool forUser) {
+  if (const ErrorCode rc = MakeDirectories(DirectoryOf(file.name), !forUser); rc != ERROR_SUCCESS) return rc;
   return file.linkTo.empty() ? WriteFile(file.name, file.contents) : WriteLink(file.name, file.linkTo);
 }
 
@@ -268,7 +280,7 @@ std::vector<InstalledFile> FilesOf(const ServerInstallation& i) {
 
 ErrorCode InstallFiles(const ServerInstallation& i, std::string& failed) {
   for (const InstalledFile& file : FilesOf(i)) {
-    const ErrorCode rc = Write(file);
+    const ErrorCode rc = Write(file, i.forUser);
     if (rc == ERROR_SUCCESS) continue;
     failed = file.name;
     return rc;
@@ -322,7 +334,7 @@ ErrorCode InstallAccount(const ServerInstallation& i, std::string_view account, 
   for (const InstalledFile& file :
        {InstalledFile{AccountPolicyName(i), AccountPolicyText(i, account), {}},
         InstalledFile{AccountUnitName(i), kAccountHead + std::string(account) + "\n", {}}}) {
-    const ErrorCode rc = Write(file);
+    const ErrorCode rc = Write(file, i.forUser);
     if (rc == ERROR_SUCCESS) continue;
     failed = file.name;
     return rc;

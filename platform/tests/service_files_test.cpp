@@ -98,6 +98,26 @@ TEST_F(ServiceFiles, APlainServerHasNoUnitAndTakesAnEarlierOneAway) {
   EXPECT_THAT(Text(kActivation), Not(HasSubstr("SystemdService")));
 }
 
+TEST_F(ServiceFiles, OthersReadTheFilesWhateverTheMaskOfTheInstallerIs) {
+  const mode_t before = umask(077);
+  EXPECT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
+  EXPECT_EQ(InstallAccount(m_installation, "daemon", m_failed), ERROR_SUCCESS);
+  umask(before);
+  for (const auto& entry : fs::recursive_directory_iterator(m_folder)) {
+    EXPECT_EQ(Mode(entry.path().string()), entry.is_directory() ? 0755u : 0644u) << entry.path();
+  }
+}
+
+TEST_F(ServiceFiles, AnInstallationThatFailedBehindAFilesTextIsMadeWholeByTheNextOne) {
+  {
+    const auto plan = FaultPlan::FailCall(Operation::kWriteFile, 1, ERROR_IO_DEVICE, kFromThenOn, m_folder + kPolicy);
+    EXPECT_EQ(InstallFiles(m_installation, m_failed), ERROR_IO_DEVICE);
+    EXPECT_EQ(m_failed, m_folder + kPolicy);
+  }
+  ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
+  EXPECT_EQ(Mode(m_folder + kPolicy), 0644u);
+}
+
 TEST_F(ServiceFiles, InstallingTheSameAgainTouchesNothing) {
   ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
   const auto plan = FaultPlan::FailCall(Operation::kRenameFile, 1, ERROR_DISK_FULL, kFromThenOn);
