@@ -161,7 +161,9 @@ class AnonymousSid {
 
 // --- the credentials file ---
 
-// The file that NTLM takes its secrets from. The library reads it anew at each exchange and looks at no mode.
+// The file that NTLM takes its secrets from. The library reads it anew at each exchange and looks at no mode; so
+// SecurityCredentials::Acquire() looks too, at a file that is made or opened to others later: outbound it fails then,
+// inbound it gives what serves callers of a realm alone.
 // What stands in the environment (NTLM_USER_FILE) wins over `standard`; the name is put there, for this process and not
 // for its children. Called before threads.
 //   file     the file's name, also when there is none or it is refused

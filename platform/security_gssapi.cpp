@@ -264,6 +264,28 @@ bool FindTicket(const TablePointer& table, Ticket& ticket) {
   return true;
 }
 
+// --- the credentials file's mode and owner ---
+
+constexpr const char* kUserFileVariable = "NTLM_USER_FILE";
+constexpr const char* kNoFile = "/dev/null";
+
+std::string ReasonToRefuse(const struct stat& info) {
+  if (!S_ISREG(info.st_mode)) return "is not a regular file";
+  if (info.st_uid != geteuid()) return "belongs to another account (user " + std::to_string(info.st_uid) + ")";
+  if ((info.st_mode & 077) != 0) return "can be read or written by others (its mode must be 0600)";
+  return {};
+}
+
+// Why the file that the library would take its secrets from now isn't one of this account alone: a sentence. Empty where
+// it is, and where there is none.
+std::u16string WhySecretsAreRefused() {
+  const char* const file = std::getenv(kUserFileVariable);
+  struct stat info {};
+  if (file == nullptr || std::strcmp(file, kNoFile) == 0 || stat(file, &info) != 0) return {};
+  const std::string reason = ReasonToRefuse(info);
+  return reason.empty() ? std::u16string() : WideFromUtf8(std::string(file) + " " + reason);
+}
+
 }  // namespace
 
 SecurityLoad LoadSecurityPackage(ErrorCode& code) {
@@ -315,13 +337,14 @@ struct SecurityCredentials::State {
   CredentialsUse use = CredentialsUse::kInbound;
   bool usesRealm = false;
   std::u16string principal;
+  std::u16string refusal;       // why it takes no secrets from the credentials file; empty when it does
   CredentialsStamp stamp;       // of the moment ahead of the acquisition
   std::uint64_t keptUntil = 0;  // of the steady clock, in milliseconds
   bool spoiled = false;         // it failed to make a token: the next one is acquired anew
   // Whether this one, which was acquired, can stand for another that would be acquired now.
   [[nodiscard]] bool IsAsGoodAs(const State& wanted) const {
     return table == wanted.table && usesRealm == wanted.usesRealm && principal == wanted.principal &&
-           stamp == wanted.stamp && SteadyMilliseconds() < keptUntil;
+           refusal == wanted.refusal && stamp == wanted.stamp && SteadyMilliseconds() < keptUntil;
   }
   ~State() {
     OM_uint32 minor = 0;
@@ -404,6 +427,11 @@ SecurityStatus SecurityCredentials::Acquire(CredentialsUse use, std::uint64_t, S
     state->principal = ticket.principal;
     seconds = std::min<std::uint64_t>(seconds, ticket.seconds);
   }
+  state->refusal = WhySecretsAreRefused();
+  if (outbound && !state->usesRealm && !state->refusal.empty()) {
+    t_lastError = state->refusal;
+    return SEC_E_NO_CREDENTIALS;
+  }
   if (auto kept = IdlePool::Instance().Take(*state)) {
     out = {};
     out.m_state = std::move(kept);
@@ -413,8 +441,8 @@ SecurityStatus SecurityCredentials::Acquire(CredentialsUse use, std::uint64_t, S
   OwnedCredentials credentials(state->table);
   OM_uint32 minor = 0;
   OM_uint32 major = credentials.Acquire(g_spnego, outbound ? GSS_C_INITIATE : GSS_C_ACCEPT, minor);
-  if (major == GSS_S_COMPLETE && outbound) {
-    gss_OID_set_desc chosen = SetOf(state->usesRealm ? g_krb5 : g_ntlm);
+  if (major == GSS_S_COMPLETE && (outbound || !state->refusal.empty())) {
+    gss_OID_set_desc chosen = SetOf(state->usesRealm || !outbound ? g_krb5 : g_ntlm);
     major = table.gss_set_neg_mechs(&minor, credentials.get(), &chosen);
   }
   if (major != GSS_S_COMPLETE) return Refused(table, major, minor, outbound ? Side::kInitiator : Side::kAcceptor);
@@ -531,7 +559,11 @@ SecurityStatus SecurityContext::Accept(const SecurityCredentials& credentials, s
                                                         GSS_C_NO_CHANNEL_BINDINGS, name.Receive(), nullptr,
                                                         made.Receive(), &flags, nullptr, nullptr);
   // A token that comes with a refusal isn't sent.
-  if (GSS_ERROR(major)) return Refused(*table, major, minor, Side::kAcceptor);
+  if (GSS_ERROR(major)) {
+    const SecurityStatus refused = Refused(*table, major, minor, Side::kAcceptor);
+    if (const std::u16string& why = credentials.m_state->refusal; !why.empty()) t_lastError += u"; " + why;
+    return refused;
+  }
   if (made.size() > maxOutput) return SEC_E_BUFFER_TOO_SMALL;
   output = made.Bytes();
   attributes = flags;
@@ -577,18 +609,9 @@ ErrorCode AnonymousSid::IsMember(const SecurityContext& context, bool& member) c
 
 namespace {
 
-constexpr const char* kUserFileVariable = "NTLM_USER_FILE";
-constexpr const char* kNoFile = "/dev/null";
 constexpr std::size_t kSecretBytes = 16;  // an NT hash: no password exists that gives it
 // The form of a line that names hashes: user number 0, no LM hash, the NT hash, no flags.
 constexpr std::string_view kNoLmHash = "XXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXX";
-
-std::string ReasonToRefuse(const struct stat& info) {
-  if (!S_ISREG(info.st_mode)) return "is not a regular file";
-  if (info.st_uid != geteuid()) return "belongs to another account (user " + std::to_string(info.st_uid) + ")";
-  if ((info.st_mode & 077) != 0) return "can be read or written by others (its mode must be 0600)";
-  return {};
-}
 
 }  // namespace
 

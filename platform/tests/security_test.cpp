@@ -482,5 +482,27 @@ TEST_F(Security, ACredentialsFileThatOthersMayReadIsRefused) {
   EXPECT_EQ(why, m_file + " belongs to another account (user 65534)");
 }
 
+TEST_F(Security, ACredentialsFileThatIsOpenedToOthersLaterIsNotUsedEither) {
+  const std::u16string why = WideFromUtf8(m_file + " can be read or written by others (its mode must be 0600)");
+  Side initiator, acceptor, late;
+  Acquire(initiator, acceptor);
+  Side refused;
+  ASSERT_EQ(chmod(m_file.c_str(), 0640), 0);
+  EXPECT_EQ(SecurityCredentials::Acquire(CredentialsUse::kOutbound, 1, refused.credentials), SEC_E_NO_CREDENTIALS);
+  EXPECT_NE(LastSecurityErrorText().find(why), std::u16string::npos) << Utf8FromWide(LastSecurityErrorText());
+  // The accepting side still serves a realm's callers, where there is one.
+  ASSERT_EQ(SecurityCredentials::Acquire(CredentialsUse::kInbound, 1, late.credentials), SEC_E_OK);
+  Exchange(initiator, late);
+  EXPECT_TRUE(SecurityFailed(late.status)) << std::hex << late.status;
+  EXPECT_NE(LastSecurityErrorText().find(why), std::u16string::npos) << Utf8FromWide(LastSecurityErrorText());
+  EXPECT_EQ(late.context.Impersonate(), SEC_E_INVALID_HANDLE);
+  // Closed to others again it counts at once.
+  ASSERT_EQ(chmod(m_file.c_str(), 0600), 0);
+  Side first, second;
+  Acquire(first, second);
+  Exchange(first, second);
+  EXPECT_EQ(second.status, SEC_E_OK) << Utf8FromWide(LastSecurityErrorText());
+}
+
 }  // namespace
 }  // namespace platform

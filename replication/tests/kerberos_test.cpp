@@ -1,4 +1,6 @@
 // The channel in a realm: a KDC of the test's own on loopback, thrown away at the end.
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <memory>
 
@@ -82,6 +84,17 @@ TEST_F(Realm, AnOperationIsCarriedWithTheRealmsTickets) {
   EXPECT_EQ(messages[1].decoded.msgType, MSG_CONTEXT_REPLY);
   // The account has a full name here, and that is the target.
   EXPECT_FALSE(m_log.Has(1, "createContext: GetUserNameExW failed. Error 0x534."));
+}
+
+TEST_F(Realm, ACredentialsFileThatOthersMayReadKeepsNoCallerOfTheRealmOut) {
+  setenv("NTLM_USER_FILE", m_credentialsFile.c_str(), 1);
+  ASSERT_EQ(chmod(m_credentialsFile.c_str(), 0644), 0);
+  CNodeOperations operations(testing::OwnKeys());
+  operations.SetPort(m_listener.Port());
+  NodeResults results(2, 77);
+  ASSERT_EQ(operations.PerformOperationOnNodes(u"/bin/true", 2, {u"localhost", u"127.0.0.1"}, results), 0u)
+      << ::testing::PrintToString(m_log.texts(1));
+  EXPECT_THAT(results, ElementsAre(1, 0));
 }
 
 TEST_F(Realm, TheAccountIsThePrincipal) {
