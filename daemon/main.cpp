@@ -12,7 +12,7 @@
 
 int main(int argc, char** argv) {
   platform::FillStandardStreams();
-  platform::OutliveReaders();  // whoever reads what the service prints may end before it
+  platform::LetWritesFail();
   qx::ServiceOptions options;
   std::string error;
   if (!qx::ParseServiceArguments(std::span<const char* const>(argv + 1, argc > 0 ? argc - 1 : 0), options, error)) {

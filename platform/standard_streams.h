@@ -9,8 +9,9 @@ namespace platform {
 // closed. The next file or connection would else take its number, and get what is printed.
 void FillStandardStreams();
 
-// From now on a write to a pipe or socket whose reader has gone fails, instead of ending this process by SIGPIPE.
-// Children are started with the signal's usual effect (platform/process.h).
-void OutliveReaders();
+// From now on a write that the host answers by a signal fails by its code, instead of ending this process: one to a pipe
+// or socket whose reader has gone (SIGPIPE), one beyond the size that a file may have (SIGXFSZ, see RLIMIT_FSIZE).
+// Children are started with the signals' usual effects (platform/process.h).
+void LetWritesFail();
 
 }  // namespace platform

@@ -13,10 +13,10 @@ void FillStandardStreams() {
   if (opened > STDERR_FILENO) ::close(opened);
 }
 
-void OutliveReaders() {
+void LetWritesFail() {
   struct sigaction ignore = {};
   ignore.sa_handler = SIG_IGN;
-  (void)::sigaction(SIGPIPE, &ignore, nullptr);
+  for (const int number : {SIGPIPE, SIGXFSZ}) (void)::sigaction(number, &ignore, nullptr);
 }
 
 }  // namespace platform

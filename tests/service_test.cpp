@@ -77,6 +77,18 @@ TEST_F(Service, AStartWithClosedStandardStreamsGivesTheirNumbersToNobodyElse) {
   }
 }
 
+TEST_F(Service, ALimitOfTheSizeOfItsFilesDoesNotEndIt) {
+  ASSERT_NO_FATAL_FAILURE(service.Register());
+  // Less than the room that the key store's log is given at the start, in blocks of 512 bytes.
+  service.SetLauncher({"/bin/sh", "-c", "ulimit -f 2000; exec \"$@\"", "sh"});
+  ASSERT_NO_FATAL_FAILURE(service.Start());
+  ASSERT_NO_FATAL_FAILURE(service.Connect(client));
+  ScheduleGuid id;
+  ASSERT_EQ(client.CreateSchedule(service.Job("small", FarStart()), id), 0u) << client.LastError().text;
+  EXPECT_EQ(Count(), 1u);
+  EXPECT_EQ(service.Stop(), 0);
+}
+
 TEST_F(Service, AReaderOfItsOutputThatGoesDoesNotEndIt) {
   ASSERT_NO_FATAL_FAILURE(service.Register());
   const std::string pipe = service.Directory() + "/pipe";

@@ -3,11 +3,16 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <initializer_list>
+#include <string>
+
+#include "platform/file.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace platform {
 namespace {
@@ -45,9 +50,9 @@ TEST(StandardStreams, ClosedOnesAreTheNullDeviceAndOpenOnesStay) {
   }
 }
 
-[[noreturn]] void WriteToNobody(bool outlives) {
+[[noreturn]] void WriteToNobody(bool fails) {
   (void)::signal(SIGPIPE, SIG_DFL);
-  if (outlives) OutliveReaders();
+  if (fails) LetWritesFail();
   int ends[2];
   if (::pipe(ends) != 0) ::_exit(1);
   ::close(ends[0]);
@@ -57,6 +62,24 @@ TEST(StandardStreams, ClosedOnesAreTheNullDeviceAndOpenOnesStay) {
 TEST(StandardStreams, AReaderThatHasGoneEndsNoProcess) {
   EXPECT_EXIT(WriteToNobody(false), testing::KilledBySignal(SIGPIPE), "");
   EXPECT_EXIT(WriteToNobody(true), testing::ExitedWithCode(0), "");
+}
+
+[[noreturn]] void WriteTooMuch(const std::string& name, bool fails) {
+  (void)::signal(SIGXFSZ, SIG_DFL);
+  if (fails) LetWritesFail();
+  const rlimit limit = {10, 10};
+  File file;
+  if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) ::_exit(1);
+  if (file.Open(name, File::Access::kWrite, File::Disposition::kCreateAlways) != ERROR_SUCCESS) ::_exit(2);
+  if (file.WriteAll("0123456789") != ERROR_SUCCESS) ::_exit(3);
+  ::_exit(file.WriteAll("x") == ERROR_DISK_FULL ? 0 : 4);
+}
+
+TEST(StandardStreams, AFileThatMayNotGrowEndsNoProcess) {
+  const TemporaryFolder folder("qx-streams");
+  const std::string name = folder.Path() + "/file";
+  EXPECT_EXIT(WriteTooMuch(name, false), testing::KilledBySignal(SIGXFSZ), "");
+  EXPECT_EXIT(WriteTooMuch(name, true), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
