@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "common/bus_records.h"
 #include "platform/clock.h"
 #include "platform/guid.h"
 #include "platform/text.h"
@@ -14,6 +15,14 @@ constexpr std::uint32_t kListRest = 20;
 
 std::string TextOf(const ScheduleGuid& id) {
   return platform::Utf8FromWide(platform::GuidText(id));
+}
+
+// An ID that came as a text, as the other events write it; nothing for any other text. Every member of the group may
+// have the service tell of a change of its clock, in any words.
+std::optional<std::string> ReadId(std::u16string_view text) {
+  ScheduleGuid id{};
+  if (!ParseScheduleId(platform::Utf8FromWide(text), id)) return std::nullopt;
+  return TextOf(id);
 }
 
 }  // namespace
@@ -108,9 +117,12 @@ void HistoryRecorder::SystemTime_Change(std::int32_t, const std::vector<std::u16
   // A clock that was set back doesn't make what comes unheard.
   m_heardSince = std::min(m_heardSince, now);
   const std::size_t count = std::min(ids.size(), nextTimeWindows.size());
-  Make(HistoryKind::kClockChange, "", std::nullopt, std::nullopt, std::to_string(count) + " schedules have a window");
   std::map<std::string, std::int64_t> windows;
-  for (std::size_t i = 0; i < count; ++i) windows[platform::Utf8FromWide(ids[i])] = nextTimeWindows[i];
+  for (std::size_t i = 0; i < count; ++i) {
+    if (const auto schedule = ReadId(ids[i])) windows[*schedule] = nextTimeWindows[i];
+  }
+  Make(HistoryKind::kClockChange, "", std::nullopt, std::nullopt,
+       std::to_string(windows.size()) + " schedules have a window");
   std::vector<std::pair<std::string, std::int64_t>> passed;
   for (const auto& [window, schedule] : m_due) {
     const auto given = windows.find(schedule);
@@ -195,7 +207,9 @@ void HistoryRecorder::TakeList(const std::vector<ListRow>& rows) {
   m_stuck = false;
   std::set<std::string> listed;
   for (const ListRow& row : rows) {
-    const std::string schedule = platform::Utf8FromWide(row.id);
+    const auto id = ReadId(row.id);
+    if (!id) continue;  // a key that is no schedule's
+    const std::string& schedule = *id;
     listed.insert(schedule);
     if (row.nextWindow == kDamagedKey) continue;
     const auto at = m_known.find(schedule);

@@ -57,7 +57,7 @@ std::string HistoryLine(const CliContext& context, const HistoryEntry& entry, co
   const bool bad = entry.kind == HistoryKind::kMissed;
   std::string line =
       FormatInstant(entry.at, zone) + "  " + Paint(context.colourOut, bad ? Colour::kRed : Colour::kBold, kind);
-  if (!entry.schedule.empty()) line += "  " + entry.schedule;
+  if (!entry.schedule.empty()) line += "  " + Printable(entry.schedule);
   if (!entry.name.empty()) line += "  \"" + Printable(entry.name) + "\"";
   if (entry.window) line += "  window " + FormatInstant(*entry.window, zone);
   if (entry.next) line += "  next " + WindowText(*entry.next, zone);

@@ -250,6 +250,18 @@ TEST_F(HistoryCommand, ShowsEntriesInTheZoneOfTheService) {
                             "  next none to come  (the service was down)\n");
 }
 
+TEST_F(HistoryCommand, ShowsTheControlsOfATextAndSendsNone) {
+  qx::HistoryStore store;
+  std::string aside;
+  const std::string text = "\x1b[31m\n";
+  ASSERT_EQ(store.OpenForWriting(Path("texts.db"), {}, aside), 0u);
+  ASSERT_EQ(store.Append({{5, qx::HistoryKind::kMissed, text, text, 5, {}, text}}, {}), 0u);
+  const Result result = Ask({"history", "--no-legend", "--file", Path("texts.db")});
+  EXPECT_EQ(result.exit, 0);
+  EXPECT_THAT(result.out, HasSubstr(R"(missed        \x1B[31m\x0A  "\x1B[31m\x0A")"));
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 1);
+}
+
 TEST_F(HistoryCommand, FindsASchedule) {
   for (const std::string& word : {kFirst, std::string("ab12"), std::string("daily")}) {
     const Result result = Ask({"history", word, "--no-legend"});

@@ -218,6 +218,34 @@ TEST_F(Recorder, MissesTheWindowsThatTheClockJumpedOver) {
   EXPECT_EQ(recorder.NextWindow(), kRecorderNow + 9000);
 }
 
+// Whoever may use the service may have it tell of a change of its clock.
+TEST_F(Recorder, TakesNoTextForASchedule) {
+  Begin({Row(kRecorderNow + 1000)});
+  const auto now = static_cast<std::int32_t>(kRecorderNow);
+  const std::u16string id = platform::GuidText(Id());
+  recorder.SystemTime_Change(4, {u"\x1b[31mred", u"", u"{0}", id}, {now, now, now, now + 1000});
+  recorder.SystemTime_Change(1, {id}, {now + 1000});
+  EXPECT_THAT(Take(), ElementsAre("clock-change 1 schedules have a window", "clock-change 1 schedules have a window"));
+  EXPECT_EQ(recorder.ScheduleCount(), 1u);
+}
+
+TEST_F(Recorder, KnowsAScheduleByItsIdInEitherCase) {
+  const ScheduleGuid id = {0xABCDEF01, 0, 0x4001, {0x80}};
+  const auto row = [](std::int64_t next) {
+    ListRow lower = Row(next);
+    lower.id = u"{abcdef01-0000-4001-8000-000000000000}";
+    return lower;
+  };
+  Begin({row(kRecorderNow + 10)});
+  Wait(10);
+  recorder.NextTimeWindow_Modify(id, static_cast<std::int32_t>(kRecorderNow + 100));
+  List({row(kRecorderNow + 100)});
+  Wait(6);
+  List({row(kRecorderNow + 100)});
+  EXPECT_THAT(Take(), ElementsAre("launch 10 100"));
+  EXPECT_EQ(recorder.ScheduleCount(), 1u);
+}
+
 TEST_F(Recorder, HearsWhatComesAfterAClockThatWasSetBack) {
   Begin({Row(kRecorderNow + 1000)});
   clock.SetWall(kRecorderNow - 5000);
