@@ -142,6 +142,12 @@ class WorkingFile {
     return false;
   }
   void Keep() { m_keep = true; }
+  // Whether it may have more than the text that it was made with.
+  [[nodiscard]] bool HasMoreThan(const std::string& text) const {
+    std::string present;
+    const ErrorCode code = platform::ReadWholeFile(m_name, present);
+    return code == platform::ERROR_SUCCESS ? present != text : code != platform::ERROR_FILE_NOT_FOUND;
+  }
   [[nodiscard]] const std::string& Name() const { return m_name; }
 
  private:
@@ -302,9 +308,13 @@ int RunEdit(CliContext& context, const OnlineSettings& settings, const std::stri
   for (std::string edited;;) {
     const bool worked = file.Edit(edited);
     if (!worked || edited == text || edited.find_first_not_of(" \t\r\n") == std::string::npos) {
-      if (!worked) return kExitFailed;
-      PrintNote(context, "nothing to change: " + Naming(target));
-      return kExitDone;
+      if (worked) {
+        PrintNote(context, "nothing to change: " + Naming(target));
+        return kExitDone;
+      }
+      // What was written ahead of an editor's failure is somebody's work.
+      if (file.HasMoreThan(text)) file.Keep();
+      return kExitFailed;
     }
     const CheckedFile checked = CheckText(edited, allowRelativePaths);
     for (const Finding& finding : checked.findings) PrintFinding(context, file.Name(), finding);

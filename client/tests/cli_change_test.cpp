@@ -222,8 +222,17 @@ TEST_F(CliChange, ChangesNothingWhenTheEditorFails) {
   EXPECT_EQ(result.exit, 1);
   EXPECT_THAT(result.err, AllOf(HasSubstr("ended with 3; nothing is changed"), HasSubstr("hint: $VISUAL or $EDITOR")));
   EXPECT_EQ(Record().bstrParameters, u"-v one");
-  ::setenv("VISUAL", "/nonexistent/editor", 1);
-  EXPECT_EQ(Ask({"edit", "daily"}).exit, 1);
+  const std::string kept = Path("backups/edit-AAAA1111.toml");
+  EXPECT_THAT(result.err, HasSubstr("your text is kept: " + kept)) << "it may be an hour's work";
+  std::ostringstream text;
+  text << std::ifstream(kept).rdbuf();
+  EXPECT_THAT(text.str(), HasSubstr("-v two"));
+  ASSERT_TRUE(std::filesystem::remove(kept));
+  for (const std::string editor : {"/nonexistent/editor", "false", "rm"}) {
+    ::setenv("VISUAL", editor.c_str(), 1);
+    EXPECT_EQ(Ask({"edit", "daily"}).exit, 1) << editor;
+    EXPECT_FALSE(std::filesystem::exists(kept)) << "nothing was written: " << editor;
+  }
 }
 
 TEST_F(CliChange, NamesAFixedKeyThatWasEdited) {
