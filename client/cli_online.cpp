@@ -79,6 +79,24 @@ bool Confirmed(CliContext& context, const std::vector<Removal>& removals) {
   return answer == "y" || answer == "Y" || answer == "yes";
 }
 
+// Deletes one.
+//   exit      the exit code so far
+//   answered  cleared when no answer of the service came
+//   returns   the exit code with what it met
+int Delete(CliContext& context, Session& session, Removal& removal, int exit, bool& answered) {
+  removal.status = session.Wait("delete the schedule", true,
+                                [&] { return session.Link().Service().DeleteSchedule(removal.target.id); });
+  if (removal.status == kStatusOk) {
+    PrintNote(context, "deleted: " + Naming(removal.target));
+    return exit;
+  }
+  answered = !session.Link().LastError().IsSet();
+  const bool lost = session.IsLost();
+  const int failed = session.Fail(removal.status, Naming(removal.target));
+  if (lost) PrintHint(context, "whether it was deleted isn't known; see qxsched show " + IdText(removal.target.id));
+  return exit == kExitDone ? failed : exit;
+}
+
 // --- monitor ---
 
 // Writes each event as a line.
@@ -231,7 +249,12 @@ int RunAdd(CliContext& context, const OnlineSettings& settings, const std::strin
     const ordered_json idJson = status == kStatusOk ? ordered_json(IdText(id)) : ordered_json(nullptr);
     WriteJson(context.out, {{"status", HexStatus(status)}, {"id", idJson}});
   }
-  if (status != kStatusOk) return session.Fail(status, file);
+  if (status != kStatusOk) {
+    const bool lost = session.IsLost();
+    const int exit = session.Fail(status, file);
+    if (lost) PrintHint(context, "whether the schedule was created isn't known; see qxsched list");
+    return exit;
+  }
   if (!context.options.json) context.out << IdText(id) << "\n";
   return kExitDone;
 }
@@ -252,20 +275,18 @@ int RunRemove(CliContext& context, const OnlineSettings& settings, const RemoveA
     if (const int exit = WriteBackups(context, session, removals); exit != kExitDone) return exit;
   }
   int exit = kExitDone;
+  bool answered = true;  // else nobody is there for the others
   ordered_json report = ordered_json::array();
   for (Removal& removal : removals) {
-    removal.status = session.Wait("delete the schedule", true,
-                                  [&] { return session.Link().Service().DeleteSchedule(removal.target.id); });
-    const bool answered = !session.Link().LastError().IsSet();
-    if (removal.status != kStatusOk) {
-      const int failed = session.Fail(removal.status, Naming(removal.target));
-      if (exit == kExitDone) exit = failed;
-      if (!answered) break;  // nobody is there for the others
+    ordered_json status = nullptr;
+    if (answered) {
+      exit = Delete(context, session, removal, exit, answered);
+      status = HexStatus(removal.status);
     } else {
-      PrintNote(context, "deleted: " + Naming(removal.target));
+      PrintError(context, "not deleted: " + Naming(removal.target));
     }
     report.push_back({{"id", IdText(removal.target.id)},
-                      {"status", HexStatus(removal.status)},
+                      {"status", std::move(status)},
                       {"backup", removal.backup.empty() ? ordered_json(nullptr) : ordered_json(removal.backup)}});
   }
   if (context.options.json) WriteJson(context.out, report);

@@ -338,6 +338,8 @@ TEST_F(CliOnline, TellsACallThatTheServiceTurnsDownByItsName) {
     EXPECT_EQ(result.exit, c.exit) << c.name;
     EXPECT_EQ(result.out, "") << c.name;
     EXPECT_THAT(result.err, HasSubstr("the reason (0x800710E0, " + std::string(c.name) + ")"));
+    const bool mayBeDone = result.err.find("whether the schedule was created isn't known") != std::string::npos;
+    EXPECT_EQ(mayBeDone, c.exit == 6) << c.name;
   }
 }
 
@@ -495,8 +497,25 @@ TEST_F(CliOnline, TellsADeletionThatTheServiceRefuses) {
   EXPECT_EQ(result.exit, 1);
   EXPECT_THAT(result.err, HasSubstr("0x80040204 The \"Schedules\" key can't be opened for deleting."));
   EXPECT_EQ(json::parse(result.out)[0]["status"], "0x80040204");
+}
+
+TEST_F(CliOnline, SaysWhatBecameOfEachWhenTheServiceIsLost) {
+  Have(Id(0xAAAA1111), u"first", kTonight);
+  Have(Id(0xAAAA2222), u"second", kTonight);
+  const std::string first = kIdA;
+  const std::string second = kIdB;
   service.lossOnChange = {std::string(platform::kBusErrorNoReply), "gone"};
-  EXPECT_EQ(Ask({"rm", "first"}).exit, 6);
+  const Result result = Ask({"rm", "first", "second", "--no-backup", "--json"});
+  EXPECT_EQ(result.exit, 6);
+  EXPECT_THAT(result.err, AllOf(HasSubstr("whether it was deleted isn't known; see qxsched show " + first),
+                                HasSubstr("not deleted: " + second + " \"second\"\n")));
+  const auto report = json::parse(result.out);
+  ASSERT_EQ(report.size(), 2u);
+  EXPECT_EQ(report[0]["id"], first);
+  EXPECT_EQ(report[0]["status"], "0x800710E0");
+  EXPECT_EQ(report[1]["id"], second);
+  EXPECT_EQ(report[1]["status"], nullptr);
+  EXPECT_THAT(Ask({"add", Write("a.toml", kDaily)}).err, HasSubstr("whether the schedule was created isn't known"));
 }
 
 // --- monitor ---
