@@ -14,7 +14,6 @@
 #include "client/time_text.h"
 #include "common/bus_records.h"
 #include "platform/clock.h"
-#include "platform/file.h"
 #include "platform/host.h"
 #include "platform/interrupt.h"
 #include "platform/text.h"
@@ -145,8 +144,7 @@ int Session::Connect() {
 int Session::UseServiceZone() {
   const std::string& zone = m_properties.zone;
   if (zone.empty() || zone == platform::CurrentZone().Name()) return kExitDone;
-  const bool file = zone.front() == ':';
-  if (file ? !platform::FileExists(zone.substr(1)) : !IsKnownZone(zone)) {
+  if (!IsToldZone(zone)) {
     PrintError(m_context, "the zone of the service is unknown here: \"" + zone + "\"");
     PrintHint(m_context, "install the zone files (tzdata)");
     return kExitFailed;

@@ -24,9 +24,7 @@ std::string HistoryFileOf(const std::string& given) {
 }
 
 platform::Zone HistoryZoneOf(const std::string& zone) {
-  const bool file = !zone.empty() && zone.front() == ':';
-  const bool usable = file ? platform::FileExists(zone.substr(1)) : !zone.empty() && IsKnownZone(zone);
-  return usable ? platform::Zone::FromTz(zone) : platform::CurrentZone();
+  return IsToldZone(zone) ? platform::Zone::FromTz(zone) : platform::CurrentZone();
 }
 
 int FailHistory(CliContext& context, const std::string& file, platform::ErrorCode code) {

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <limits>
 
+#include "platform/file.h"
 #include "platform/input_file.h"
 
 namespace qx {
@@ -22,6 +23,9 @@ constexpr Unit kUnits[] = {{"d", 86400000}, {"h", 3600000}, {"m", 60000}, {"s", 
 bool IsDigit(char c) {
   return c >= '0' && c <= '9';
 }
+
+// What a zone's file begins with (RFC 8536, 3.1).
+constexpr std::string_view kZoneMagic = "TZif";
 
 // Takes exactly `count` digits from the front of the text.
 std::optional<int> TakeDigits(std::string_view& text, std::size_t count) {
@@ -259,11 +263,10 @@ bool IsKnownZone(const std::string& name) {
       name.find('\0') != std::string::npos) {
     return false;
   }
-  // Other files lie among the zones' own, which begin with this (RFC 8536, 3.1).
-  constexpr std::string_view kMagic = "TZif";
+  // Other files lie among the zones' own.
   std::string begin;
-  const platform::ErrorCode read = platform::ReadInput("/usr/share/zoneinfo/" + name, kMagic.size(), begin);
-  if (read == platform::ERROR_SUCCESS) return begin == kMagic;
+  const platform::ErrorCode read = platform::ReadInput("/usr/share/zoneinfo/" + name, kZoneMagic.size(), begin);
+  if (read == platform::ERROR_SUCCESS) return begin == kZoneMagic;
   // NAME OFFSET ..., the name at least three letters or anything in angle brackets.
   std::size_t at = 0;
   if (name[0] == '<') {
@@ -276,6 +279,17 @@ bool IsKnownZone(const std::string& name) {
   }
   if (at < name.size() && (name[at] == '+' || name[at] == '-')) ++at;
   return at < name.size() && IsDigit(name[at]);
+}
+
+bool IsToldZone(const std::string& zone) {
+  const std::string name = zone.substr(zone.starts_with(':') ? 1 : 0);
+  if (!name.starts_with('/')) return IsKnownZone(name);
+  platform::File file;
+  std::string begin(kZoneMagic.size(), '\0');
+  std::size_t count = 0;
+  return file.Open(name, platform::File::Access::kRead, platform::File::Disposition::kOpenExisting) ==
+             platform::ERROR_SUCCESS &&
+         file.Read(begin, count) == platform::ERROR_SUCCESS && begin == kZoneMagic;
 }
 
 }  // namespace qx

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -10,6 +11,7 @@
 
 #include "client/time_text.h"
 #include "common/zepSchedIUnknown.h"
+#include "platform/testing/temporary_folder.h"
 #include "platform/testing/virtual_clock.h"
 #include "platform/text.h"
 
@@ -459,6 +461,25 @@ TEST(TimeText, TakesNoOtherFileAmongTheZonesForOne) {
     ASSERT_TRUE(std::filesystem::exists(std::string("/usr/share/zoneinfo/") + file)) << file;
     EXPECT_FALSE(qx::IsKnownZone(file)) << file;
   }
+}
+
+TEST(TimeText, TakesAZoneFileOfAServiceByItsPathAndNothingElse) {
+  const platform::TemporaryFolder directory{"zone"};
+  const std::string pipe = directory.Path() + "/pipe";
+  const std::string text = directory.Path() + "/text";
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  std::ofstream(text) << "TZ is none";
+  for (const std::string zone : {"Europe/Berlin", "/usr/share/zoneinfo/Europe/Berlin", "CET-1CEST,M3.5.0,M10.5.0/3"}) {
+    EXPECT_TRUE(qx::IsToldZone(zone)) << zone;
+    EXPECT_TRUE(qx::IsToldZone(":" + zone)) << zone;
+  }
+  // Nobody writes to the pipe: it would be read for ever.
+  for (const std::string& zone : {pipe, text, directory.Path(), std::string("/dev/zero"), std::string("/none"),
+                                  std::string("Nowhere/Atall"), std::string("../localtime"), std::string()}) {
+    EXPECT_FALSE(qx::IsToldZone(zone)) << zone;
+    EXPECT_FALSE(qx::IsToldZone(":" + zone)) << zone;
+  }
+  EXPECT_FALSE(qx::IsToldZone("::UTC"));
 }
 
 // --- writing ---------------------------------------------------------------------------------------------------------
