@@ -70,6 +70,7 @@ class Modification {
   void RunNow();
   void ListNewJob();
   void ListOldJob();
+  static void TakePlace(CJobNode& node) QX_REQUIRES(g_JobListLock);
   Status RevertRegistry();
   Status RestoreOldFile();
   Status RollBackRegistry(Status cause);
@@ -284,11 +285,23 @@ void Modification::RunNow() {
 // Without a window the schedule stays on disk without a node.
 void Modification::ListNewJob() {
   if (m_new.NextTimeWindow <= 0) return;
+  const platform::CriticalSectionGuard guard(g_JobListLock);
   if (const Status status = g_JobList.AddJob(m_new); status != kStatusOk) {
     ServiceLog(1, u"ModifySchedule: Failed to add the job node to joblist with error: %x", status);
+    TakePlace(m_new);
     return;
   }
   m_new.ScheduleObj.m_pSchedule = nullptr;  // the list's now
+}
+
+// The scheduler thread has listed the schedule anew meanwhile, by what it found in the stores: what stands there now is
+// what is to run. The lock is held.
+void Modification::TakePlace(CJobNode& node) {
+  const CJobList::Position at = g_JobList.Find(node.ScheduleID);
+  if (at == g_JobList.End()) return;
+  at->ReleaseScheduler();
+  g_JobList.Erase(at);
+  if (g_JobList.AddJob(node) == kStatusOk) node.ScheduleObj.m_pSchedule = nullptr;  // the list's now
 }
 
 // --- the way back ---
@@ -354,8 +367,12 @@ Status Modification::RestoreOldFile() {
 // Sets no event: the scheduler's sleep still counts on the old window.
 void Modification::ListOldJob() {
   if (!m_wasListed || m_old.NextTimeWindow < 1) return;
-  // Refused only when the scheduler thread has listed the schedule anew meanwhile.
-  if (g_JobList.AddJob(m_old) == kStatusOk) m_old.ScheduleObj.m_pSchedule = nullptr;  // the list's now
+  const platform::CriticalSectionGuard guard(g_JobListLock);
+  if (g_JobList.AddJob(m_old) == kStatusOk) {
+    m_old.ScheduleObj.m_pSchedule = nullptr;  // the list's now
+  } else {
+    TakePlace(m_old);
+  }
 }
 
 }  // namespace

@@ -25,6 +25,19 @@ bool IsListed(std::u16string_view keyName) {
   return g_JobList.Find(id) != g_JobList.End() && platform::GuidText(id) == keyName;
 }
 
+bool HasKey(const RegistryKey& schedules, std::u16string_view keyName) {
+  RegistryKey key;
+  return platform::OpenKey(schedules, keyName, platform::KEY_READ, key) != platform::ERROR_FILE_NOT_FOUND;
+}
+
+void Forget(const ScheduleGuid& id) {
+  const CriticalSectionGuard guard(g_JobListLock);
+  const CJobList::Position at = g_JobList.Find(id);
+  if (at == g_JobList.End()) return;
+  at->ReleaseScheduler();
+  g_JobList.Erase(at);
+}
+
 void ReviveSchedule(const RegistryKey& schedules, std::u16string_view keyName) {
   CJobNode node;
   if (!BuildJobNode(schedules, keyName, kTimeChangeWords, node)) return;
@@ -36,7 +49,11 @@ void ReviveSchedule(const RegistryKey& schedules, std::u16string_view keyName) {
   if (const Status status = g_JobList.AddJob(node); status != kStatusOk) {
     ServiceLog(1, u"Failed to add the job to the job list, error = %x", status);
     node.ReleaseScheduler();
+    return;
   }
+  // A deletion meanwhile took the key first and looks for the node last: either it finds the node, or the key is gone
+  // here.
+  if (!HasKey(schedules, keyName)) Forget(node.ScheduleID);
 }
 
 // False when the pass is to end here.

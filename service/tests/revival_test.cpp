@@ -1,5 +1,7 @@
 // Schedules that have a key and no node, at a change of the clock.
 #include <filesystem>
+#include <functional>
+#include <utility>
 
 #include "common/zep_factory.h"
 #include "service/tests/missing_values.h"
@@ -53,6 +55,36 @@ TEST_F(Revival, TellsWhichValueIsMissingAndBringsTheOthersBack) {
     ASSERT_EQ(DeleteRegistry(bad), kStatusOk);
     Forget(good);
   }
+}
+
+// Does something at a line of the log: between two steps of the pass.
+class AtLine final : public ZepFoundation::ServiceLogWriter {
+ public:
+  AtLine(std::string end, std::function<void()> action)
+      : m_end(std::move(end)), m_action(std::move(action)), m_before(SetServiceLogWriter(this)) {}
+  ~AtLine() override { SetServiceLogWriter(m_before); }
+  AtLine(const AtLine&) = delete;
+  AtLine& operator=(const AtLine&) = delete;
+  void Write(std::uint32_t, std::string_view text) override {
+    if (text.ends_with(m_end)) std::exchange(m_action, [] {})();
+  }
+
+ private:
+  std::string m_end;
+  std::function<void()> m_action;
+  ZepFoundation::ServiceLogWriter* m_before;
+};
+
+TEST_F(Revival, BringsNoScheduleBackThatIsDeletedMeanwhile) {
+  const ScheduleGuid deleted = Lost();
+  Status status = kStatusFailure;
+  {
+    const AtLine line(Text(deleted) + " became valid because of system time change",
+                         [&] { status = m_service.DeleteSchedule(deleted); });
+    Pass();
+  }
+  EXPECT_EQ(status, kStatusOk);
+  EXPECT_THAT(ListedIds(), IsEmpty());
 }
 
 struct RevivalFailure {
