@@ -13,6 +13,7 @@
 
 #include "platform/descriptor.h"
 #include "platform/fault_point.h"
+#include "platform/state_lock.h"
 #include "platform/file_state.h"
 #include "platform/mutex.h"
 
@@ -542,10 +543,9 @@ ErrorCode File::UnlockByte(std::uint64_t offset) {
 }
 
 ErrorCode LockStateDirectory(File& lock) {
-  const std::string directory = StateDirectory();
-  if (const ErrorCode rc = CreateDirectories(directory); rc != ERROR_SUCCESS) return rc;
+  if (const ErrorCode rc = CreateDirectories(StateDirectory()); rc != ERROR_SUCCESS) return rc;
   File file;
-  if (const ErrorCode rc = file.Open(directory + "/lock", File::Access::kWrite, File::Disposition::kOpenAlways);
+  if (const ErrorCode rc = file.Open(StateLockFile(), File::Access::kWrite, File::Disposition::kOpenAlways);
       rc != ERROR_SUCCESS) {
     return rc;
   }

@@ -1,10 +1,14 @@
 #include "platform/service_control.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
@@ -12,6 +16,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -19,8 +24,10 @@
 #include <vector>
 
 #include "platform/apartment.h"
+#include "platform/descriptor.h"
 #include "platform/fault_point.h"
 #include "platform/mutex.h"
+#include "platform/state_lock.h"
 
 namespace platform {
 namespace {
@@ -48,6 +55,23 @@ ErrorCode Notify(std::string_view assignment, std::string_view statusText) {
   return result < 0 ? ErrorCodeFromErrno(-result) : ERROR_SUCCESS;
 }
 
+// Whether a process has a file open (proc(5)): 0; ERROR_FILE_NOT_FOUND (2); the code of what can't be looked at.
+ErrorCode HasOpen(pid_t process, const std::string& file) {
+  struct stat wanted {};
+  if (stat(file.c_str(), &wanted) != 0) return ErrorCodeFromErrno(errno);
+  const std::string name = "/proc/" + std::to_string(process) + "/fd";
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(name.c_str()), &closedir);
+  if (!directory) return ErrorCodeFromErrno(errno);
+  while (const dirent* const entry = readdir(directory.get())) {
+    struct stat present {};
+    if (fstatat(dirfd(directory.get()), entry->d_name, &present, 0) == 0 && present.st_dev == wanted.st_dev &&
+        present.st_ino == wanted.st_ino) {
+      return ERROR_SUCCESS;
+    }
+  }
+  return ERROR_FILE_NOT_FOUND;
+}
+
 }  // namespace
 
 bool HasServiceManager() {
@@ -65,7 +89,11 @@ ErrorCode SendStopControl(std::uint32_t processId) {
   const auto process = static_cast<pid_t>(processId);
   if (process <= 0) return ERROR_INVALID_PARAMETER;  // 0 and below would be groups of processes
   if (const ErrorCode rc = FaultAt(Operation::kOpenService, "stop"); rc != ERROR_SUCCESS) return rc;
-  return kill(process, SIGTERM) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+  // Whatever ends and begins from here on, the descriptor stands for one process.
+  const Descriptor held(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+  if (!held.IsOpen()) return errno == ESRCH ? ErrorCode{ERROR_INVALID_PARAMETER} : ErrorCodeFromErrno(errno);
+  if (const ErrorCode rc = HasOpen(process, StateLockFile()); rc != ERROR_SUCCESS) return rc;
+  return syscall(SYS_pidfd_send_signal, held.Get(), SIGTERM, nullptr, 0) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
 }
 
 struct ServiceControlHandler::State {

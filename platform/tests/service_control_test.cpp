@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/event.h"
+#include "platform/file.h"
 #include "platform/testing/fault.h"
 #include "platform/testing/temporary_folder.h"
 
@@ -157,14 +158,33 @@ TEST(SendStopControl, ReachesTheHandlerOfTheProcess) {
     if (control == kServiceControlStop) stopped.Set(0);
   }),
             ERROR_SUCCESS);
-  ASSERT_EQ(SendStopControl(static_cast<std::uint32_t>(getpid())), ERROR_SUCCESS);
+  const TemporaryFolder folder{"qx-stop"};
+  SetStateDirectory(folder.Path());
+  EXPECT_EQ(SendStopControl(static_cast<std::uint32_t>(getpid())), ERROR_FILE_NOT_FOUND) << "nobody ever worked on it";
+  File lock;
+  ASSERT_EQ(LockStateDirectory(lock), ERROR_SUCCESS);
+  EXPECT_EQ(SendStopControl(static_cast<std::uint32_t>(getpid())), ERROR_SUCCESS);
+  SetStateDirectory({});
   WaitResult result;
   ASSERT_EQ(stopped.Wait(60000, result), ERROR_SUCCESS);
   EXPECT_EQ(result.kind, WaitResult::Kind::kEvent);
 }
 
+TEST(SendStopControl, LeavesAProcessAloneThatDoesntWorkOnTheStateDirectory) {
+  const TemporaryFolder folder{"qx-stop"};
+  SetStateDirectory(folder.Path());
+  {
+    File lock;
+    ASSERT_EQ(LockStateDirectory(lock), ERROR_SUCCESS);
+  }
+  // Else the process ends here.
+  EXPECT_EQ(SendStopControl(static_cast<std::uint32_t>(getpid())), ERROR_FILE_NOT_FOUND);
+  SetStateDirectory({});
+}
+
 TEST(SendStopControl, RefusesWhatIsNoSingleProcess) {
   EXPECT_EQ(SendStopControl(0), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(SendStopControl(0x7FFFFFFF), ERROR_INVALID_PARAMETER) << "more than a host has";
   EXPECT_EQ(SendStopControl(0xFFFFFFFFu), ERROR_INVALID_PARAMETER);
 }
 

@@ -1,5 +1,11 @@
 #include "service/service_registration.h"
 
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+
 #include "platform/host.h"
 #include "platform/service_record.h"
 #include "service/tests/service_fixture.h"
@@ -138,6 +144,81 @@ TEST_F(Registration, UnregisteringRemovesTheEntriesAndKeepsTheSchedules) {
   EXPECT_FALSE(HasKey(Hive::kLocalMachine, kServiceKey));
   EXPECT_TRUE(ServiceFixture::HasKey(id));
   EXPECT_EQ(UnregisterServer(), ERROR_SUCCESS);  // a second time there is nothing to do
+}
+
+// --- the stop of an unregistration ---
+
+// Blocks the stop control, so that it can be seen to have come.
+class StopControlKept {
+ public:
+  StopControlKept() {
+    sigemptyset(&m_stop);
+    sigaddset(&m_stop, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &m_stop, &m_before);
+  }
+  ~StopControlKept() {
+    (void)HasCome();
+    pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+  }
+  StopControlKept(const StopControlKept&) = delete;
+  StopControlKept& operator=(const StopControlKept&) = delete;
+  // To this process, since the last call.
+  [[nodiscard]] bool HasCome() const {
+    const timespec none = {};
+    return sigtimedwait(&m_stop, nullptr, &none) == SIGTERM;
+  }
+  // To another process that was started meanwhile.
+  [[nodiscard]] static bool HasComeTo(pid_t process) {
+    std::ifstream status("/proc/" + std::to_string(process) + "/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("ShdPnd:")) return line.find_first_not_of("ShdPnd:\t 0") != std::string::npos;
+    }
+    ADD_FAILURE() << "no process " << process;
+    return false;
+  }
+
+ private:
+  sigset_t m_stop{};
+  sigset_t m_before{};
+};
+
+void StoreProcess(pid_t process) {
+  platform::RegistryKey key;
+  ASSERT_EQ(platform::CreateKey(Hive::kLocalMachine, kProviderKey, platform::KEY_ALL_ACCESS, key), ERROR_SUCCESS);
+  ASSERT_EQ(platform::SetDword(key, u"ProcId", static_cast<std::uint32_t>(process)), ERROR_SUCCESS);
+  ASSERT_EQ(key.Close(), ERROR_SUCCESS);
+}
+
+TEST_F(Registration, UnregisteringStopsTheServiceThatWorksOnTheStateDirectory) {
+  const StopControlKept stop;
+  ASSERT_EQ(RegisterServer(true), ERROR_SUCCESS);
+  ASSERT_NO_FATAL_FAILURE(StoreProcess(getpid()));
+  ASSERT_EQ(UnregisterServer(), ERROR_SUCCESS);
+  EXPECT_FALSE(stop.HasCome()) << "nobody works on it";
+  platform::File lock;
+  ASSERT_EQ(platform::LockStateDirectory(lock), ERROR_SUCCESS);
+  ASSERT_EQ(RegisterServer(true), ERROR_SUCCESS);
+  ASSERT_EQ(UnregisterServer(), ERROR_SUCCESS);
+  EXPECT_TRUE(stop.HasCome());
+}
+
+// A service that was killed leaves its number in the store, where it stands until the next one has loaded its schedules.
+TEST_F(Registration, UnregisteringStopsNoProcessThatGotAnEarlierServicesNumber) {
+  const StopControlKept stop;
+  ASSERT_EQ(RegisterServer(true), ERROR_SUCCESS);
+  const pid_t stranger = fork();
+  if (stranger == 0) {
+    for (;;) pause();
+  }
+  ASSERT_GT(stranger, 0);
+  platform::File lock;  // of a service that starts
+  ASSERT_EQ(platform::LockStateDirectory(lock), ERROR_SUCCESS);
+  ASSERT_NO_FATAL_FAILURE(StoreProcess(stranger));
+  EXPECT_EQ(UnregisterServer(), ERROR_SUCCESS);
+  EXPECT_FALSE(StopControlKept::HasComeTo(stranger));
+  EXPECT_FALSE(stop.HasCome());
+  ASSERT_EQ(kill(stranger, SIGKILL), 0);
+  EXPECT_EQ(waitpid(stranger, nullptr, 0), stranger);
 }
 
 struct MessageCase {
