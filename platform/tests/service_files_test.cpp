@@ -11,6 +11,7 @@
 
 #include "platform/file.h"
 #include "platform/testing/fault.h"
+#include "platform/testing/private_bus.h"
 #include "platform/testing/temporary_folder.h"
 
 namespace platform {
@@ -169,7 +170,38 @@ TEST_F(ServiceFiles, TheWordsOfTheCommandStandInQuotationMarks) {
   m_installation.command = {"/opt/my prog", "50%$\"\\", "it's"};
   ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
   EXPECT_THAT(Text(kUnit), HasSubstr("\nExecStart=\"/opt/my prog\" \"50%%$$\\\"\\\\\" \"it's\"\n"));
-  EXPECT_THAT(Text(kActivation), HasSubstr("\nExec='/opt/my prog' '50%$\"\\' 'it'\\''s'\n"));
+  EXPECT_THAT(Text(kActivation), HasSubstr("\nExec='/opt/my prog' '50%$\"\\\\' 'it'\\\\''s'\n"));
+}
+
+// The program fails, so that the daemon's refusal comes behind its end.
+TEST_F(ServiceFiles, TheBusStartsTheCommandAsItStands) {
+  const std::string written = m_folder + "/words";
+  const std::vector<std::string> words = {"it's", "a\\b", "c\\", "\\n", "50%$HOME", "two\nlines\r", " \t"};
+  m_installation.command = {"/bin/sh", "-c", "printf '[%s]' \"$@\" > '" + written + "'; exit 1", "sh"};
+  m_installation.command.insert(m_installation.command.end(), words.begin(), words.end());
+  ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
+  const std::string configuration = m_folder + "/bus.conf";
+  std::ofstream(configuration)
+      << "<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen><servicedir>" << m_folder
+      << "/usr/share/dbus-1/system-services</servicedir><policy context=\"default\"><allow send_destination=\"*\"/>"
+         "<allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>\n";
+  const PrivateBus bus(configuration);
+  BusConnection connection;
+  ASSERT_EQ(connection.Open(bus.ForClients()), ERROR_SUCCESS);
+  MessageWriter call;
+  ASSERT_EQ(connection.NewCall("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                               "StartServiceByName", call),
+            ERROR_SUCCESS);
+  call.AppendString(m_installation.busName);
+  call.AppendUint32(0);
+  MessageReader reply;
+  BusError error;
+  EXPECT_NE(connection.Call(std::move(call), reply, error), ERROR_SUCCESS);
+  std::string expected;
+  for (const std::string& word : words) expected += "[" + word + "]";
+  std::string text;
+  EXPECT_EQ(ReadWholeFile(written, text), ERROR_SUCCESS) << error.name << ": " << error.text;
+  EXPECT_EQ(text, expected);
 }
 
 TEST_F(ServiceFiles, TheUnitOwnsAStateDirectoryOnlyInItsPlace) {
