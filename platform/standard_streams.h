@@ -6,7 +6,8 @@
 namespace platform {
 
 // Puts the null device in the place of each standard stream (descriptors 0 to 2) that whoever started the program left
-// closed. The next file or connection would else take its number, and get what is printed.
+// closed. The next file or connection would else take its number, and get what is printed. Reading or writing there
+// fails, as it does where the stream is closed.
 void FillStandardStreams();
 
 // From now on a write that the host answers by a signal fails by its code, instead of ending this process: one to a pipe

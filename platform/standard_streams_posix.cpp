@@ -7,10 +7,11 @@
 namespace platform {
 
 void FillStandardStreams() {
-  // The lowest free number is given each time: one behind the three says that none of them is free.
-  int opened = 0;
-  while (opened >= 0 && opened <= STDERR_FILENO) opened = ::open("/dev/null", O_RDWR);
-  if (opened > STDERR_FILENO) ::close(opened);
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(descriptor, F_GETFD) >= 0) continue;
+    // Gets the lowest free number, which is this one.
+    (void)!::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
 }
 
 void LetWritesFail() {

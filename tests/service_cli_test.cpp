@@ -309,6 +309,15 @@ TEST_F(CutApply, ByTheBusTellsWhatIsDoneAndLeavesNothingHalfDone) {
   ExpectToldAndWhole(results);
 }
 
+TEST_F(QxschedProgram, TellsThatItsOutputIsClosed) {
+  std::vector<std::string> words = Words({"config", "get"});
+  words.insert(words.begin(), {"-c", "exec \"$0\" \"$@\" >&-", kProgram});
+  const std::string output = m_service.Jobs() + "/closed.out";
+  Child child("/bin/sh", words, output, Environment());
+  EXPECT_EQ(child.Wait(), 1);
+  EXPECT_EQ(RunningService::ReadFile(output), "qxsched: the output can't be written\n");
+}
+
 TEST_F(QxschedProgram, TellsApartWhatGoesWrong) {
   const Result refused = Ask({"add", Write("none.toml", "job.wrapper = \"/bin/true\"\n")});
   EXPECT_EQ(refused.exit, 5);

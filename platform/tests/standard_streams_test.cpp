@@ -23,8 +23,8 @@ bool IsNullDevice(int descriptor) {
          S_ISCHR(own.st_mode);
 }
 
-// Closes descriptors of this process, fills them in and ends: by 0 when exactly these are the null device, and the next
-// file doesn't take the number of a standard stream.
+// Closes descriptors of this process, fills them in and ends: by 0 when exactly these are the null device and fail as
+// before, and the next file doesn't take the number of a standard stream.
 [[noreturn]] void FillClosed(std::initializer_list<int> closed) {
   bool wanted[3] = {};
   for (int descriptor = 0; descriptor < 3; ++descriptor) wanted[descriptor] = IsNullDevice(descriptor);
@@ -36,6 +36,11 @@ bool IsNullDevice(int descriptor) {
   for (int descriptor = 0; descriptor < 3; ++descriptor) {
     if (::fcntl(descriptor, F_GETFD) != 0) ::_exit(10 + descriptor);  // open, and children get it
     if (IsNullDevice(descriptor) != wanted[descriptor]) ::_exit(20 + descriptor);
+  }
+  char byte = 0;
+  for (const int descriptor : closed) {
+    const ssize_t count = descriptor == 0 ? ::read(0, &byte, 1) : ::write(descriptor, &byte, 1);
+    if (count != -1 || errno != EBADF) ::_exit(40 + descriptor);
   }
   const int next = ::open("/", O_RDONLY);
   ::close(next);
