@@ -18,7 +18,7 @@ std::string DirectoryVariable(const char* name) {
 }  // namespace
 
 std::string UserStateHome() {
-  if (std::string state = DirectoryVariable("XDG_STATE_HOME"); !state.empty()) return state;
+  if (std::string state = DirectoryVariable("XDG_STATE_HOME"); state.starts_with('/')) return state;
   if (const std::string home = DirectoryVariable("HOME"); !home.empty()) return home + "/.local/state";
   return "";
 }

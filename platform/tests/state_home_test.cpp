@@ -47,4 +47,14 @@ TEST(DefaultStateDirectory, DependsOnTheAccountOtherwise) {
   EXPECT_EQ(platform::DefaultStateDirectory(), administrator ? "/var/lib/qxsvc" : "/home/somebody/.local/state/qxsvc");
 }
 
+TEST(UserStateHome, TakesNoRelativeNameWhichWouldDependOnTheDirectoryOfTheCaller) {
+  const ScopedVariable home("HOME", "/home/somebody");
+  for (const char* name : {"state", "./state", "../state", "~/state"}) {
+    const ScopedVariable state("XDG_STATE_HOME", name);
+    EXPECT_EQ(platform::UserStateHome(), "/home/somebody/.local/state") << name;
+  }
+  const ScopedVariable state("XDG_STATE_HOME", "/home/somebody/state");
+  EXPECT_EQ(platform::UserStateHome(), "/home/somebody/state");
+}
+
 }  // namespace
