@@ -14,8 +14,10 @@ namespace {
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
 constexpr std::int64_t kSettleNanoseconds = 50'000'000;  // the coarsest tick of file times is far shorter
 
+// Unsigned arithmetic: a file may bear a time behind the year 2262, where they wrap.
 std::int64_t NanosecondsOf(const timespec& time) {
-  return time.tv_sec * kNanoseconds + time.tv_nsec;
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(time.tv_sec) * std::uint64_t{kNanoseconds} +
+                                   static_cast<std::uint64_t>(time.tv_nsec));
 }
 
 std::int64_t Now() {
@@ -62,7 +64,8 @@ void CredentialsStamp::LookAt(const std::string& name) {
     place.modified = NanosecondsOf(info.st_mtim);
     place.changed = NanosecondsOf(info.st_ctim);
     // A change of a time to come differs by it from a later change as well.
-    const std::int64_t age = Now() - place.changed;
+    const auto age = static_cast<std::int64_t>(static_cast<std::uint64_t>(Now()) -
+                                               static_cast<std::uint64_t>(place.changed));
     if (S_ISREG(info.st_mode) && age > -kSettleNanoseconds && age < kSettleNanoseconds) m_settled = false;
   }
   m_places.push_back(std::move(place));

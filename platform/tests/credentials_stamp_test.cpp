@@ -46,6 +46,17 @@ TEST_F(CredentialsStampTest, OfUnchangedFilesIsTheSame) {
   EXPECT_EQ(CredentialsStamp::Take(), CredentialsStamp::Take());
 }
 
+TEST_F(CredentialsStampTest, TakesFilesOfAnyTime) {
+  CredentialsStamp before = CredentialsStamp::Take();
+  for (const time_t seconds : {time_t{-11644473600}, time_t{9223372037}, time_t{15032385535}}) {
+    const timespec times[] = {{seconds, 0}, {seconds, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, File("KRB5_CONFIG").c_str(), times, 0), 0) << seconds;
+    const CredentialsStamp now = CredentialsStamp::Take();
+    EXPECT_FALSE(now == before) << seconds;
+    before = now;
+  }
+}
+
 TEST_F(CredentialsStampTest, ShowsEachChangeOfEachFile) {
   for (const char* variable : kVariables) {
     const std::string file = File(variable);

@@ -1,5 +1,6 @@
 #include "platform/file_state.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -42,6 +43,18 @@ TEST_F(FileStateTest, KnowsAFileNoMoreThatWasReplacedByOneOfTheSameSize) {
   ASSERT_TRUE(ReadSmallFile(m_file, bytes, state));
   ASSERT_EQ(ReplaceWholeFile(m_file, "other", Durable::kNo), 0u);
   EXPECT_FALSE(IsFileInState(m_file, state));
+}
+
+TEST_F(FileStateTest, KnowsAFileOfAnyTime) {
+  for (const time_t seconds : {time_t{-11644473600}, time_t{-1}, time_t{9223372036}, time_t{9223372037},
+                               time_t{15032385535}, time_t{253402300799}}) {
+    const timespec times[] = {{seconds, 0}, {seconds, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, m_file.c_str(), times, 0), 0) << seconds;
+    std::string bytes;
+    FileState state;
+    ASSERT_TRUE(ReadSmallFile(m_file, bytes, state));
+    EXPECT_TRUE(IsFileInState(m_file, state)) << seconds;
+  }
 }
 
 TEST_F(FileStateTest, ReadsAnEmptyFileAndOneOfTheGreatestSize) {
