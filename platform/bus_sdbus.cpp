@@ -12,6 +12,7 @@
 #include <list>
 
 #include "platform/bus_export.h"
+#include "platform/bus_hello.h"
 #include "platform/bus_inside.h"
 #include "platform/fault_point.h"
 
@@ -86,6 +87,22 @@ std::uint64_t LimitInMicroseconds(std::uint64_t limitMs) {
 }
 
 const char* OrNull(const std::string& text) { return text.empty() ? nullptr : text.c_str(); }
+
+// Waits until the daemon has admitted the connection.
+ErrorCode WaitForHello(sd_bus* bus) {
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + std::chrono::milliseconds(detail::g_busHelloLimitMs.load());
+  while (sd_bus_is_ready(bus) == 0) {
+    int result = sd_bus_process(bus, nullptr);
+    if (result == 0) {
+      const auto left = std::chrono::ceil<std::chrono::microseconds>(end - Clock::now()).count();
+      if (left <= 0) return ERROR_TIMEOUT;
+      result = sd_bus_wait(bus, static_cast<std::uint64_t>(left));
+    }
+    if (result < 0 && result != -EINTR) return BusCode(result);
+  }
+  return ERROR_SUCCESS;
+}
 
 struct Subscription {
   BusConnection::SignalHandler handler;
@@ -180,7 +197,8 @@ ErrorCode BusConnection::Open(const BusAddress& address) {
     return BusCode(result);
   }
   auto state = std::make_unique<State>(bus);
-  // Starting succeeds before the daemon has answered; asking for the own name waits for its answer.
+  // Starting succeeds before the daemon has answered.
+  if (const ErrorCode rc = WaitForHello(bus); rc != ERROR_SUCCESS) return rc;
   const char* name = nullptr;
   if (result = sd_bus_get_unique_name(bus, &name); result < 0) return BusCode(result);
   m_state = std::move(state);

@@ -8,8 +8,8 @@
 
 namespace platform {
 
-// Where a user's own programs keep their state: $XDG_STATE_HOME, else $HOME/.local/state; empty without a home. As the XDG
-// base directory specification has it, a relative name in the variable counts as none.
+// Where a user's own programs keep their state: $XDG_STATE_HOME, else $HOME/.local/state; empty without a home. As the
+// XDG base directory specification has it, a relative name in the variable counts as none.
 [[nodiscard]] std::string UserStateHome();
 
 // The state directory where none is named: $QXSVC_ROOT, else /var/lib/qxsvc for root and $XDG_STATE_HOME/qxsvc for

@@ -15,9 +15,12 @@
 #include <thread>
 #include <vector>
 
+#include "platform/bus_hello.h"
 #include "platform/bus_presence.h"
+#include "platform/descriptor.h"
 #include "platform/testing/fault.h"
 #include "platform/testing/private_bus.h"
+#include "platform/testing/temporary_folder.h"
 
 namespace platform {
 namespace {
@@ -574,6 +577,24 @@ TEST(BusConnection, FailsToOpenWhereNobodyListens) {
   connection.Close();
   EXPECT_FALSE(connection.Process());
   EXPECT_EQ(connection.UniqueName(), "");
+}
+
+TEST(BusConnection, WaitsForASilentDaemonNoLongerThanForACall) {
+  EXPECT_EQ(detail::g_busHelloLimitMs.load(), 25000u);
+  const TemporaryFolder folder("qx-silent");
+  const std::string name = folder.Path() + "/bus";
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  ASSERT_LT(name.size(), sizeof address.sun_path);
+  name.copy(address.sun_path, name.size());
+  const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener.Get(), 4), 0);
+  detail::g_busHelloLimitMs = 20;
+  BusConnection connection;
+  EXPECT_EQ(connection.Open(BusAddress::Explicit("unix:path=" + name)), ERROR_TIMEOUT);
+  detail::g_busHelloLimitMs = 25000;
+  EXPECT_FALSE(connection.IsOpen());
 }
 
 // A service on an apartment of its own thread, behind a daemon.
