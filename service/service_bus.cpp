@@ -25,6 +25,9 @@ using platform::MessageReader;
 using platform::MessageWriter;
 using ZepFoundation::ServiceLog;
 
+// Taken at a stop: a client that goes on and on by the unique name must not hold it up.
+constexpr int kMostLastMessages = 1000;
+
 // Arguments that several methods share.
 const BusArgument kStatus = {"i", "status"};
 const BusArgument kId = {"s", "schedule_id"};
@@ -175,7 +178,13 @@ ErrorCode CServiceBus::Start(Options options) {
   return m_presence.Start(std::move(presence));
 }
 
+// Behind the release of the name the bus passes no call on any more; those that it had are still answered.
 void CServiceBus::Stop() {
+  if (BusConnection* const connection = m_presence.Connection()) connection->ReleaseName(kBusName);
+  for (int i = 0; i < kMostLastMessages; ++i) {
+    BusConnection* const connection = m_presence.Connection();
+    if (connection == nullptr || !connection->Process()) break;
+  }
   m_presence.Stop();
 }
 

@@ -45,6 +45,7 @@ class CServiceBus {
   // tells of a loss, one of the return.
   //   returns  the code of the first attempt
   platform::ErrorCode Start(Options options);
+  // Gives the name back, answers the calls that came before and disconnects.
   void Stop();
 
   // Serves the object on a connection.

@@ -10,6 +10,7 @@
 #include "common/bus_records.h"
 #include "foundation/testing/captured_log.h"
 #include "platform/event.h"
+#include "platform/testing/private_bus.h"
 #include "platform/text.h"
 #include "service/scheduler_service.h"
 
@@ -311,6 +312,35 @@ TEST_F(ServiceBus, WithoutAConnectionEventsAreDropped) {
   m_events.Fire_Schedule_Add(CLSID_SchedulerService);
   m_events.Fire_SystemTime_Change(1, {u"x"}, {1});
   EXPECT_TRUE(m_log.texts(1).empty());
+}
+
+// A server that its last client left meets the next one's call on its way.
+TEST_F(ServiceBus, AnswersTheCallsThatTheBusPassedOnAheadOfItsEnd) {
+  const platform::PrivateBus daemon;
+  CServiceBus::Options options;
+  options.address = daemon.ForClients();
+  ASSERT_EQ(m_bus.Start(std::move(options)), ERROR_SUCCESS);
+  BusConnection client;
+  ASSERT_EQ(client.Open(daemon.ForClients()), ERROR_SUCCESS);
+  MessageWriter call;
+  ASSERT_EQ(client.NewCall(kBusName, kBusPath, kBusServiceInterface, "Refresh", call), ERROR_SUCCESS);
+  std::optional<BusError> answer;
+  ASSERT_EQ(client.CallAsync(std::move(call), [&](MessageReader&, const BusError& error) { answer = error; }),
+            ERROR_SUCCESS);
+  // What the daemon answers here lies behind what it passed on.
+  MessageWriter question;
+  MessageReader reply;
+  BusError error;
+  ASSERT_EQ(client.NewCall("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId", question),
+            ERROR_SUCCESS);
+  ASSERT_EQ(client.Call(std::move(question), reply, error), ERROR_SUCCESS) << error.text;
+  m_bus.Stop();
+  while (!answer && client.IsOpen()) {
+    if (!client.Process()) (void)client.WaitForWork(platform::Apartment::kForever);
+  }
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->text, "");
+  EXPECT_THAT(m_service.calls, ElementsAre("Refresh"));
 }
 
 }  // namespace
