@@ -65,8 +65,8 @@ struct TimeOfDay {
 // M10.5.0/3"). The C library takes an unknown name for UTC without a word, so names are looked at before.
 [[nodiscard]] bool IsKnownZone(const std::string& name);
 
-// A zone as a service tells it (platform::CurrentZoneName()), or a history keeps it: what IsKnownZone() takes, or a zone
-// file by its full path; either with a colon in front. Nothing else is opened as a zone: no pipe, no device.
+// A zone as a service tells it (platform::CurrentZoneName()), or a history keeps it: what IsKnownZone() takes, or a
+// zone file by its full path; either with a colon in front. Nothing else is opened as a zone: no pipe, no device.
 [[nodiscard]] bool IsToldZone(const std::string& zone);
 
 }  // namespace qx

@@ -39,8 +39,8 @@ enum class ServiceState : std::uint32_t { kStopped = 1, kStartPending = 2, kStop
 // Sends the stop control to the service that works on this state directory and doesn't wait for the effect. Asks
 // Operation::kOpenService.
 //   processId  its number as it was noted; what bears the number now may be another process, and gets nothing
-//   returns    0; ERROR_INVALID_PARAMETER (87) for a number that no process has or 0; ERROR_FILE_NOT_FOUND (2) when that
-//              process hasn't the directory's lock open; ERROR_ACCESS_DENIED (5) and other codes of the host
+//   returns    0; ERROR_INVALID_PARAMETER (87) for a number that no process has or 0; ERROR_FILE_NOT_FOUND (2) when
+//              that process hasn't the directory's lock open; ERROR_ACCESS_DENIED (5) and other codes of the host
 [[nodiscard]] ErrorCode SendStopControl(std::uint32_t processId);
 
 // Receives the manager's controls, on a thread of its own, from Start() to destruction.

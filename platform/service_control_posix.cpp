@@ -93,7 +93,8 @@ ErrorCode SendStopControl(std::uint32_t processId) {
   const Descriptor held(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
   if (!held.IsOpen()) return errno == ESRCH ? ErrorCode{ERROR_INVALID_PARAMETER} : ErrorCodeFromErrno(errno);
   if (const ErrorCode rc = HasOpen(process, StateLockFile()); rc != ERROR_SUCCESS) return rc;
-  return syscall(SYS_pidfd_send_signal, held.Get(), SIGTERM, nullptr, 0) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+  const long sent = syscall(SYS_pidfd_send_signal, held.Get(), SIGTERM, nullptr, 0);
+  return sent == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
 }
 
 struct ServiceControlHandler::State {

@@ -1,4 +1,5 @@
-// platform/state_lock.h: the file that a service keeps locked while it works on its state directory (LockStateDirectory()).
+// platform/state_lock.h: the file that a service keeps locked while it works on its state directory
+// (LockStateDirectory()).
 #pragma once
 
 #include <string>

@@ -202,7 +202,8 @@ TEST_F(Registration, UnregisteringStopsTheServiceThatWorksOnTheStateDirectory) {
   EXPECT_TRUE(stop.HasCome());
 }
 
-// A service that was killed leaves its number in the store, where it stands until the next one has loaded its schedules.
+// A service that was killed leaves its number in the store, where it stands until the next one has loaded its
+// schedules.
 TEST_F(Registration, UnregisteringStopsNoProcessThatGotAnEarlierServicesNumber) {
   const StopControlKept stop;
   ASSERT_EQ(RegisterServer(true), ERROR_SUCCESS);
