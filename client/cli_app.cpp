@@ -344,8 +344,10 @@ int RunQxsched(int argc, const char* const* argv, std::istream& in, std::ostream
       words.erase(words.begin() + 1);
       words.push_back("--help");
     }
+    if (TellEmptyValue(context, app, words)) return kExitUsage;
     try {
       app.parse(static_cast<int>(words.size()), words.data());
+      if (TellEmptyValue(context, app, words)) return kExitUsage;
     } catch (const CLI::CallForHelp&) {
       if (TellUnknownWord(context, app)) return kExitUsage;
       out << HelpText(app);

@@ -193,18 +193,14 @@ void AddCalendarCommand(CLI::App& app, CliContext& context, CommandChoice& choic
                       "Schedules, or schedule files, - for the input (all schedules of the service)");
   CLI::Option* month =
       command->add_option("--month", state->arguments.month, "The month (the present one)")->type_name("YYYY-MM");
-  CLI::Option* year = command->add_option("--year", state->arguments.year, "The whole year")->type_name("YYYY");
-  year->excludes(month);
+  command->add_option("--year", state->arguments.year, "The whole year")->type_name("YYYY")->excludes(month);
   command->add_option("--html", state->arguments.html, "Write one HTML page, - for the output")->type_name("FILE");
   command->add_flag("--allow-relative-paths", state->arguments.allowRelativePaths, "Take relative paths in the files");
   command->add_option("--zone", state->zone, "Zone to compute in (that of the service, or the local one)")
       ->type_name("ZONE");
-  command->callback([&context, &choice, &settings, state, month, year] {
-    choice.run = [&context, &settings, state, monthGiven = month->count() > 0, yearGiven = year->count() > 0] {
+  command->callback([&context, &choice, &settings, state] {
+    choice.run = [&context, &settings, state] {
       if (!state->zone.empty() && !UseZone(context, state->zone)) return static_cast<int>(kExitUsage);
-      // An empty text is no month, and no reason to show another one.
-      if (monthGiven && state->arguments.month.empty()) return RefuseSpan(context, "--month", "", "YYYY-MM as 2026-12");
-      if (yearGiven && state->arguments.year.empty()) return RefuseSpan(context, "--year", "", "YYYY as 2026");
       return RunCalendar(context, settings, state->arguments);
     };
   });

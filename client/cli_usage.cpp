@@ -91,6 +91,30 @@ bool TellUnknownWord(CliContext& context, const CLI::App& app) {
   return true;
 }
 
+bool TellEmptyValue(CliContext& context, const CLI::App& app, const std::vector<const char*>& words) {
+  const auto refuse = [&](std::string_view option) {
+    std::string command;
+    (void)CommandRead(app, command);
+    PrintError(context, std::string(option) + ": the value is empty");
+    HintAt(context, "", command);
+    return true;
+  };
+  // The library takes the next word for the value of such a one.
+  for (const std::string_view word : words) {
+    if (word == "--") break;
+    if (word.size() > 3 && word.starts_with("--") && word.find('=') == word.size() - 1) return refuse(word);
+  }
+  for (const CLI::App* at = &app;; at = at->get_subcommands().front()) {
+    for (const CLI::Option* option : at->get_options()) {
+      if (option->get_positional() || option->get_name() == "--destdir") continue;
+      for (const std::string& value : option->results()) {
+        if (value.empty()) return refuse(option->get_name());
+      }
+    }
+    if (at->get_subcommands().empty()) return false;
+  }
+}
+
 void TellMistake(CliContext& context, const CLI::App& app, const CLI::ParseError& error) {
   const bool unknown = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr;
   std::string words;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "client/cli_output.h"
 
@@ -24,6 +25,10 @@ void UseHelpForm(CLI::App& app);
 // to read.
 //   error  why the reading ended
 void TellMistake(CliContext& context, const CLI::App& app, const CLI::ParseError& error);
+// The same for an option with an empty value, as a script's unset variable gives; false when there is none. An empty
+// --destdir is the root. Asked ahead of the reading, for "--option=", and behind it.
+//   words  the command line
+[[nodiscard]] bool TellEmptyValue(CliContext& context, const CLI::App& app, const std::vector<const char*>& words);
 // The same for a word that nobody took; false when every word was taken.
 [[nodiscard]] bool TellUnknownWord(CliContext& context, const CLI::App& app);
 

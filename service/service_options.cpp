@@ -59,17 +59,19 @@ bool ParseServiceArguments(std::span<const char* const> arguments, ServiceOption
     const auto own = std::find_if(std::begin(kOwnOptions), std::end(kOwnOptions), [&](const OwnOption& option) {
       return option.name == (option.value != nullptr ? word.substr(0, equals) : word);
     });
+    // An unset variable of a script must not become the default. For a packager "no directory" is the root.
+    const auto isEmpty = [&](std::string_view value) { return value.empty() && own->name != "--destdir"; };
     if (own == std::end(kOwnOptions)) {
       if (!options.words.empty()) options.words += ' ';
       options.words += word;
     } else if (own->flag != nullptr) {
       options.*own->flag = true;
-    } else if (equals != std::string_view::npos) {
+    } else if (equals != std::string_view::npos && !isEmpty(word.substr(equals + 1))) {
       options.*own->value = word.substr(equals + 1);
-    } else if (i + 1 < arguments.size()) {
+    } else if (equals == std::string_view::npos && i + 1 < arguments.size() && !isEmpty(arguments[i + 1])) {
       options.*own->value = arguments[++i];
     } else {
-      error = "option " + std::string(word) + " needs a value";
+      error = "option " + std::string(own->name) + " needs a value";
       return false;
     }
   }

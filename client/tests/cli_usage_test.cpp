@@ -62,6 +62,25 @@ TEST_F(CliUsage, AnUnknownWordIsNamedWithTheOneThatWasProbablyMeant) {
   }
 }
 
+// A script's unset variable must not become the default: this host alone, the default store.
+TEST_F(CliUsage, AnEmptyValueIsRefused) {
+  const std::string file = Write("a.toml", "[job]\nwrapper = \"/bin/true\"\n");
+  const std::vector<std::vector<std::string>> lines = {
+      {"list", "--bus", ""},          {"--root", "", "config", "get"},    {"--root=", "config", "get"},
+      {"add", file, "--nodes", ""},   {"add", file, "--nodes="},          {"calendar", file, "--month", ""},
+      {"next", file, "--zone", ""},   {"history", "--since", ""},         {"record", "--file", ""},
+      {"export", "--output", ""},     {"export", "-o", ""},               {"list", "--bus", "x", "--bus", ""},
+      {"nodes", "exec", "--nodes", "", "true"}};
+  for (const std::vector<std::string>& line : lines) {
+    const Result result = Run(line);
+    EXPECT_EQ(result.exit, 2) << line[0];
+    EXPECT_THAT(result.err, AllOf(HasSubstr(": the value is empty\n"), HasSubstr(" --help\n"))) << line[0];
+    EXPECT_EQ(result.out, "") << line[0];
+  }
+  EXPECT_THAT(Run({"export", "-o", ""}).err, HasSubstr("qxsched: --output: the value is empty"));
+  EXPECT_THAT(Run({"config", "set", "port", "x", "--destdir", ""}).err, HasSubstr("is no port"));
+}
+
 TEST_F(CliUsage, AMistakeOfAKnownCommandPointsToItsHelp) {
   const std::vector<std::vector<std::string>> cases = {
       {"reg"}, {"reg", "get", "HKLM\\a"}, {"next", "-n", "0", "x"}, {"next", "-n", "x"}, {"show"}};

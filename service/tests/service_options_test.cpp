@@ -62,6 +62,26 @@ TEST(CommandLine, APathWithAWordInItIsNoWord) {
   EXPECT_EQ(FindCommandWord(Parsed({"--root=/srv/service", "-RegServer"}).words), CommandWord::kRegServer);
 }
 
+// A script's unset variable must not become the default.
+TEST(CommandLine, AnEmptyValueIsRefused) {
+  struct Case {
+    std::vector<const char*> arguments;
+    const char* error;
+  };
+  const Case cases[] = {{{"--root", ""}, "option --root needs a value"},
+                        {{"--root="}, "option --root needs a value"},
+                        {{"-UnregServer", "--root=", "x"}, "option --root needs a value"},
+                        {{"--bus", "", "--foreground"}, "option --bus needs a value"}};
+  for (const Case& c : cases) {
+    ServiceOptions options;
+    std::string error;
+    EXPECT_FALSE(ParseServiceArguments(c.arguments, options, error)) << c.error;
+    EXPECT_EQ(error, c.error);
+  }
+  EXPECT_EQ(Parsed({"--destdir", "", "-Service"}).destdir, "") << "the root, as packagers have it";
+  EXPECT_EQ(Parsed({"--destdir=", "-Service"}).words, "-Service");
+}
+
 TEST(CommandLine, AnOptionWithoutItsValueIsRefused) {
   for (const char* option : {"--root", "--bus", "--destdir"}) {
     ServiceOptions options;
