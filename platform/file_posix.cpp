@@ -163,6 +163,14 @@ ErrorCode WriteNewFile(const std::string& name, std::string_view contents, const
   return rc;
 }
 
+// Syncs the names in a directory; the errno value of a failure, 0 else.
+int SyncOne(const std::string& directory) {
+  const Descriptor opened(Retry([&] { return ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (opened.IsOpen() && Retry([&] { return ::fsync(opened.Get()); }) == 0) return 0;
+  // Some file systems have nothing to sync in a directory and say so.
+  return opened.IsOpen() && errno == EINVAL ? 0 : errno;
+}
+
 // `flags` 0 or RENAME_NOREPLACE. A file system that doesn't know the flag is asked before.
 int RenameAtOnce(const std::string& from, const std::string& to, unsigned flags) {
   const int renamed = ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags);
@@ -320,7 +328,11 @@ ErrorCode CreateDirectories(const std::string& name) {
   if (name.empty()) return ERROR_PATH_NOT_FOUND;
   for (std::size_t end = name.find('/', 1);; end = name.find('/', end + 1)) {
     const std::string part = name.substr(0, end);
-    if (::mkdir(part.c_str(), kNewDirectoryMode) != 0 && !IsDirectory(part)) {
+    if (::mkdir(part.c_str(), kNewDirectoryMode) == 0) {
+      // What is written there durably must not be lost with the new name. Where the directory above may not be read,
+      // that is left to the host.
+      if (const int error = SyncOne(DirectoryOf(part)); error != 0 && error != EACCES) return ErrorCodeFromErrno(error);
+    } else if (!IsDirectory(part)) {
       const int error = errno == EISDIR ? EEXIST : errno;
       return error == ENOENT ? ERROR_PATH_NOT_FOUND : ErrorCodeFromErrno(error);
     }
@@ -350,11 +362,8 @@ ErrorCode ListDirectory(const std::string& name, std::vector<std::string>& names
 
 ErrorCode SyncDirectory(const std::string& name) {
   if (const ErrorCode rc = FaultAt(Operation::kSyncFile, name); rc != ERROR_SUCCESS) return rc;
-  const Descriptor directory(Retry([&] { return ::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-  if (!directory.IsOpen()) return errno == ENOENT ? ERROR_PATH_NOT_FOUND : CodeForName(errno, name);
-  if (Retry([&] { return ::fsync(directory.Get()); }) == 0) return ERROR_SUCCESS;
-  // Some file systems have nothing to sync in a directory and say so.
-  return errno == EINVAL ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+  const int error = SyncOne(name);
+  return error == ENOENT ? ERROR_PATH_NOT_FOUND : CodeForName(error, name);
 }
 
 ErrorCode ReadWholeFile(const std::string& name, std::string& contents) {

@@ -71,6 +71,17 @@ TEST_F(CrashDiskTest, ANameIsSafeWhenItsDirectoryWasSynced) {
   EXPECT_THAT(disk.AfterPowerCut(Survives::kSynced), UnorderedElementsAre(Pair("a", "text")));
 }
 
+TEST_F(CrashDiskTest, NewDirectoriesAreAsSafeAsTheFileThatIsWrittenThere) {
+  std::filesystem::create_directory(Name("there"));
+  CrashDisk disk(m_folder);
+  for (const char* directory : {"new", "there/a/b/c"}) {
+    ASSERT_EQ(CreateDirectories(Name(directory)), ERROR_SUCCESS);
+    const std::string file = std::string(directory) + "/f";
+    ASSERT_EQ(ReplaceWholeFile(Name(file.c_str()), "text", Durable::kYes), ERROR_SUCCESS);
+    EXPECT_THAT(disk.AfterPowerCut(Survives::kSynced), ::testing::Contains(Pair(file, "text")));
+  }
+}
+
 TEST_F(CrashDiskTest, ANameWithoutSyncedContentsIsAnEmptyFile) {
   CrashDisk disk(m_folder);
   Write("a", "text");
