@@ -411,7 +411,8 @@ BusInterface CServiceBus::ManagerInterface() {
       Method("Subscribe", {}, {kStatus}, [](auto&, auto& reply) { return AppendStatus(reply, kStatusOk); }));
   served.properties = {
       {"Version", "s", [this](MessageWriter& value) { value.AppendString(m_options.version); }},
-      {"Zone", "s", [](MessageWriter& value) { value.AppendString(platform::CurrentZoneName()); }},
+      {"Zone", "s",
+       [](MessageWriter& value) { AppendText(value, platform::WideFromUtf8(platform::CurrentZoneName())); }},
       {"Port", "q", [this](MessageWriter& value) { value.AppendUint16(m_options.port ? m_options.port() : 0); }},
       {"TraceLevel", "u", [](MessageWriter& value) { value.AppendUint32(ZepFoundation::ServiceLogLevel); }},
       {"NextWakeUp", "x", [](MessageWriter& value) { value.AppendInt64(NextWakeUp()); }},

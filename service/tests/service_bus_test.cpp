@@ -11,6 +11,7 @@
 #include "foundation/testing/captured_log.h"
 #include "platform/event.h"
 #include "platform/testing/private_bus.h"
+#include "platform/testing/virtual_clock.h"
 #include "platform/text.h"
 #include "service/scheduler_service.h"
 
@@ -120,9 +121,9 @@ class ServiceBus : public ::testing::Test {
   }
   // The reply's values, or the error.
   BusError Call(std::string_view member, const std::vector<BusValue>& arguments,
-                std::vector<BusValue>* values = nullptr) {
+                std::vector<BusValue>* values = nullptr, std::string_view interfaceName = kBusServiceInterface) {
     MessageWriter call;
-    EXPECT_EQ(m_client.NewCall("", kBusPath, kBusServiceInterface, member, call), ERROR_SUCCESS);
+    EXPECT_EQ(m_client.NewCall("", kBusPath, interfaceName, member, call), ERROR_SUCCESS);
     for (const BusValue& argument : arguments) call.AppendValue(argument);
     std::optional<BusError> answer;
     EXPECT_EQ(m_client.CallAsync(std::move(call),
@@ -306,6 +307,16 @@ TEST_F(ServiceBus, AnExceptionOfTheServiceAnswersTheCallerAndNoMore) {
   EXPECT_EQ(Call("ListSchedule", {}).name, platform::kBusErrorFailed);
   m_service.throws = false;
   EXPECT_EQ(Call("ListSchedule", {}).text, "");
+}
+
+TEST_F(ServiceBus, TellsAZoneThatIsNoTextOfTheBus) {
+  const platform::ScopedZone zone("Z\xFFZ");
+  std::vector<BusValue> values;
+  const BusError error = Call("Get", {BusValue::String(std::string(kBusManagerInterface)), BusValue::String("Zone")},
+                              &values, "org.freedesktop.DBus.Properties");
+  EXPECT_FALSE(error.IsSet()) << error.text;
+  ASSERT_EQ(values.size(), 1u);
+  EXPECT_EQ(std::get<std::vector<BusValue>>(values[0].data)[0], BusValue::String("Z\xEF\xBF\xBDZ"));
 }
 
 TEST_F(ServiceBus, WithoutAConnectionEventsAreDropped) {
