@@ -119,6 +119,11 @@ bool CServiceModule::FindStateDirectory() {
     ComplainUtf8("The state directory " + directory + " can't be found, error " + std::to_string(rc));
     return false;
   }
+  // The key store and the log know names as text: they would lie elsewhere, or nowhere.
+  if (!platform::IsValidUtf8(directory)) {
+    ComplainUtf8("The state directory " + directory + " can't be used: its name isn't valid UTF-8");
+    return false;
+  }
   platform::SetStateDirectory(directory);
   return true;
 }

@@ -1,5 +1,7 @@
 #include "service/service_module.h"
 
+#include <filesystem>
+
 #include "platform/testing/temporary_folder.h"
 #include "platform/text.h"
 #include "service/service_registration.h"
@@ -141,6 +143,19 @@ TEST_F(ServiceStart, AnApplicationKeyThatCanNotBeOpenedEndsItWithTheSystemsCode)
   EXPECT_EQ(CServiceModule(Options()).Main(), static_cast<int>(platform::ERROR_ACCESS_DENIED));
   EXPECT_THAT(::testing::internal::GetCapturedStderr(), ::testing::HasSubstr("(error 5)"));
   EXPECT_THAT(m_written, IsEmpty());
+}
+
+TEST_F(ServiceStart, AStateDirectoryWhoseNameIsNoTextIsRefused) {
+  for (const char* words : {"", "-RegServer"}) {
+    ServiceOptions options = Options(words);
+    options.root = m_folder + "/st\xE4te";
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(CServiceModule(std::move(options)).Main(), 1);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "Korvane Scheduler Service: The state directory " + m_folder +
+                  "/st\xEF\xBF\xBDte can't be used: its name isn't valid UTF-8\n");
+    EXPECT_TRUE(std::filesystem::is_empty(m_folder));
+  }
 }
 
 TEST_F(ServiceStart, AStateDirectoryOfAnotherAccountIsToldAsSuch) {
