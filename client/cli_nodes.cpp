@@ -279,7 +279,12 @@ int RunNodesExec(CliContext& context, const OnlineSettings& settings, const Node
                                                             results);
   });
   results.resize(names.size(), 1);
-  if (status != kStatusOk && status != kStatusFailure) return session.Fail(status, "");
+  if (status != kStatusOk && status != kStatusFailure) {
+    const bool lost = session.IsLost();
+    const int exit = session.Fail(status, "");
+    if (lost) PrintHint(context, "on which nodes the command ran isn't known");
+    return exit;
+  }
   return ShowResults(context, names, results, false) ? kExitDone : kExitSomeNodesFailed;
 }
 

@@ -128,6 +128,15 @@ TEST_F(CliNodes, ACommandRunsOnTheOthersAlone) {
   EXPECT_EQ(m_service.command, "echo  a \"b\"");  // one word is a whole command line
 }
 
+TEST_F(CliNodes, SaysThatItIsNotKnownWhereACommandRanWhenTheServiceIsLost) {
+  m_service.lossOnChange = {std::string(platform::kBusErrorNoReply), "gone"};
+  const Result result = Ask({"nodes", "exec", "--nodes", "b,c", "x"});
+  EXPECT_EQ(result.exit, 6);
+  EXPECT_THAT(result.err, HasSubstr("on which nodes the command ran isn't known"));
+  m_service.lossOnChange = {std::string(platform::kBusErrorAccessDenied), "not you"};
+  EXPECT_THAT(Ask({"nodes", "exec", "--nodes", "b,c", "x"}).err, Not(HasSubstr("isn't known")));
+}
+
 TEST_F(CliNodes, ACommandThatCannotBeCarriedIsRefused) {
   EXPECT_EQ(Ask({"nodes", "exec", "--nodes", "localhost", "x"}).exit, 2);
   EXPECT_EQ(Ask({"nodes", "exec", "--nodes", "b", "echo /<OpData>"}).exit, 2);

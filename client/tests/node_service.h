@@ -26,6 +26,7 @@ class NodeService : public FakeService {
   Status PerformOperationOnNodes(const BSTR& data, std::uint32_t count, const NodeNames& names,
                                  NodeResults& results) override {
     command = platform::Utf8FromWide(data.value_or(u""));
+    if (lossOnChange.IsSet()) return Refusal();
     return Carry("perform", count, names, results, nullptr);
   }
 
