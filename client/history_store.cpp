@@ -42,8 +42,16 @@ constexpr const char* kWriterSettings =
 
 constexpr const char* kColumns = "SELECT at, kind, schedule, name, window, next, reason FROM entries ";
 
+// Beyond it no clock of ours goes, and sums with a zone's offset would overflow.
+constexpr std::int64_t kFarthestTime = std::int64_t{1} << 40;
+
+bool IsTime(const Statement& row, int column) {
+  return row.IsNull(column) || (row.Int(column) <= kFarthestTime && row.Int(column) >= -kFarthestTime);
+}
+
 bool ReadEntry(const Statement& row, HistoryEntry& entry) {
   const std::string kind = row.Text(1);
+  if (!IsTime(row, 0) || !IsTime(row, 4) || !IsTime(row, 5)) return false;  // of somebody else
   const auto* const known = std::find(std::begin(kKindTexts), std::end(kKindTexts), kind);
   if (known == std::end(kKindTexts)) return false;  // of a later version
   entry.at = row.Int(0);

@@ -168,6 +168,28 @@ TEST_F(History, LeavesAFileOfSomebodyElseAsItIs) {
   EXPECT_EQ(other.Run("SELECT n FROM precious"), 0u);
 }
 
+TEST_F(History, LeavesEntriesOutWhoseTimesNoClockHas) {
+  {
+    HistoryStore store;
+    ASSERT_EQ(Open(store), 0u);
+    ASSERT_EQ(store.Append({Launch(kStoreNow)}, {}), 0u);
+  }
+  platform::Database other;
+  ASSERT_EQ(other.Open(m_name, platform::Database::Access::kReadWrite), 0u);
+  for (const char* times : {"9223372036854775807, 'missed', 's', '', 1, 1",
+                            "-9223372036854775808, 'missed', 's', '', 1, 1",
+                            "1, 'missed', 's', '', 9223372036854775807, 1", "1, 'missed', 's', '', 1, 1e18",
+                            "1, 'missed', 's', '', -9223372036854775808, 1"}) {
+    const std::string insert =
+        std::string("INSERT INTO entries(at, kind, schedule, name, window, next, reason) VALUES(") + times + ", '')";
+    ASSERT_EQ(other.Run(insert.c_str()), 0u) << times;
+  }
+  other.Close();
+  HistoryStore store;
+  ASSERT_EQ(store.OpenForReading(m_name), 0u);
+  EXPECT_THAT(All(store), ElementsAre(Launch(kStoreNow)));
+}
+
 TEST_F(History, HasOneWriter) {
   HistoryStore store;
   ASSERT_EQ(Open(store), 0u);
