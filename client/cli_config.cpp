@@ -9,6 +9,7 @@
 
 #include "client/cli_key_store.h"
 #include "client/status_text.h"
+#include "common/registry_keys.h"
 #include "common/service_install.h"
 #include "platform/file.h"
 #include "platform/registry.h"
@@ -188,15 +189,13 @@ int RunConfigTrace(CliContext& context, const TraceSettings& settings) {
 
 namespace {
 
-constexpr char16_t kSchedulesKey[] = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules";
-constexpr char16_t kVolumeManagerKey[] = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\VolumeManager";
 constexpr char16_t kRecordKey[] = u"SYSTEM\\CurrentControlSet\\Services\\QxSchedService";
 constexpr std::string_view kLocalSystem = "LocalSystem";
 constexpr const char* kDropIn = "/etc/systemd/system/QxSchedService.service.d/account.conf";
 
 struct SettingRow {
   std::string_view name;
-  const char16_t* key;
+  std::u16string_view key;
   const char16_t* value;
   bool number;
   const char* byDefault;

@@ -10,17 +10,12 @@
 #include <string>
 #include <string_view>
 
+#include "common/registry_keys.h"
 #include "interface/ISchedulerService.h"
 #include "interface/records.h"
 #include "platform/registry.h"
 
 namespace qx {
-
-inline constexpr std::u16string_view kCurrentVersionKey = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion";
-inline constexpr std::u16string_view kSchedulesKeyName = u"Schedules";
-inline constexpr std::u16string_view kSchedulesKey = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Schedules";
-inline constexpr std::u16string_view kVolumeManagerKey = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\VolumeManager";
-inline constexpr std::u16string_view kProviderKey = u"SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion\\Providers\\scheduler";
 
 // What building a job node needs of one schedule's key.
 struct StoredJob {
