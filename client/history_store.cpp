@@ -64,6 +64,20 @@ bool ReadEntry(const Statement& row, HistoryEntry& entry) {
   return true;
 }
 
+// Whether a file that can't be read as a database may be what is left of one: it begins as one does (SQLite's "Database
+// File Format", 1.3), or with what a power cut leaves of a page. Any other is somebody else's.
+bool MayBeDatabase(const std::string& name) {
+  constexpr std::string_view kMagic("SQLite format 3\0", 16);
+  platform::File file;
+  std::string begin(kMagic.size(), '\0');
+  std::size_t count = 0;
+  if (file.Open(name, platform::File::Access::kRead, platform::File::Disposition::kOpenExisting) != ERROR_SUCCESS ||
+      file.Read(begin, count) != ERROR_SUCCESS) {
+    return true;
+  }
+  return begin == kMagic || begin.find_first_not_of('\0') == std::string::npos;
+}
+
 // The name that the file has now. Its log goes with it: it may hold what the file lacks.
 ErrorCode SetAside(const std::string& name, std::string& aside) {
   for (int number = 1; number <= kMostSetAside; ++number) {
@@ -157,7 +171,7 @@ ErrorCode HistoryStore::OpenForWriting(const std::string& name, const HistoryBou
   ErrorCode code = OpenOnce(name);
   if (code == platform::ERROR_FILE_CORRUPT) {
     m_database.Close();
-    code = SetAside(name, setAside);
+    code = MayBeDatabase(name) ? SetAside(name, setAside) : ErrorCode{platform::ERROR_BADDB};
     if (code == ERROR_SUCCESS) code = OpenOnce(name);
   }
   if (code != ERROR_SUCCESS) m_database.Close();
@@ -172,6 +186,7 @@ ErrorCode HistoryStore::OpenForReading(const std::string& name) {
   if (code == ERROR_SUCCESS) code = ReadNumber("PRAGMA user_version", version);
   if (code == ERROR_SUCCESS && (application != kApplicationId || version != kSchemaVersion))
     code = platform::ERROR_BADDB;
+  if (code == platform::ERROR_FILE_CORRUPT && !MayBeDatabase(name)) code = platform::ERROR_BADDB;
   if (code != ERROR_SUCCESS) m_database.Close();
   return code;
 }

@@ -72,9 +72,8 @@ class HistoryStore {
   // Opens or makes the file for writing, as the only writer. A damaged file is set aside first, as NAME.damaged,
   // NAME.damaged.2 and so on.
   //   setAside  the name that a damaged file has now; empty: none was
-  //   returns   0; ERROR_LOCK_VIOLATION (33): another recorder writes; ERROR_BADDB (1009): a file of tables that isn't
-  //   a
-  //             history, left as it is; codes of Database and of RenameFile
+  //   returns   0; ERROR_LOCK_VIOLATION (33): another recorder writes; ERROR_BADDB (1009): a file that isn't a history,
+  //             left as it is; codes of Database and of RenameFile
   [[nodiscard]] platform::ErrorCode OpenForWriting(const std::string& name, const HistoryBounds& bounds,
                                                    std::string& setAside);
   //   returns   0; ERROR_FILE_NOT_FOUND (2); ERROR_BADDB (1009): not a history; ERROR_FILE_CORRUPT (1392)

@@ -166,7 +166,7 @@ TEST_F(RecordCommand, GoesOnWithoutMetricsThatCanNotBeWritten) {
 }
 
 TEST_F(RecordCommand, SetsADamagedHistoryAsideWithAWord) {
-  Write("history.db", std::string(9000, 'x'));
+  Write("history.db", std::string("SQLite format 3\0", 16) + std::string(8984, 'x'));
   const Result shown = Ask({"history"});
   EXPECT_EQ(shown.exit, 1);
   EXPECT_THAT(shown.err, AllOf(HasSubstr("the history is damaged"), HasSubstr("hint: qxsched record sets")));

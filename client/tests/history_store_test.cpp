@@ -137,7 +137,7 @@ TEST_F(History, DropsItsOldestEntriesAboveItsSize) {
 
 TEST_F(History, SetsADamagedFileAsideAndBeginsANewOne) {
   for (const char* expected : {".damaged", ".damaged.2"}) {
-    std::ofstream(m_name, std::ios::trunc) << std::string(9000, 'x');
+    std::ofstream(m_name, std::ios::trunc) << std::string("SQLite format 3\0", 16) << std::string(8984, 'x');
     HistoryStore reader;
     EXPECT_EQ(reader.OpenForReading(m_name), platform::ERROR_FILE_CORRUPT);
     EXPECT_TRUE(std::filesystem::exists(m_name)) << "a reader leaves it";
@@ -166,6 +166,27 @@ TEST_F(History, LeavesAFileOfSomebodyElseAsItIs) {
   platform::Database other;
   ASSERT_EQ(other.Open(m_name, platform::Database::Access::kRead), 0u);
   EXPECT_EQ(other.Run("SELECT n FROM precious"), 0u);
+}
+
+// A name that was mistyped: nobody would look for the file under another one.
+TEST_F(History, LeavesAFileAsItIsThatNeverWasADatabase) {
+  for (const std::string& text : {std::string("name = \"nightly\"\n"), std::string(9000, 'x')}) {
+    std::ofstream(m_name, std::ios::trunc) << text;
+    HistoryStore store;
+    EXPECT_EQ(Open(store), platform::ERROR_BADDB);
+    EXPECT_EQ(m_aside, "");
+    EXPECT_EQ(store.OpenForReading(m_name), platform::ERROR_BADDB);
+    std::string present;
+    ASSERT_EQ(platform::ReadWholeFile(m_name, present), 0u);
+    EXPECT_EQ(present, text);
+  }
+}
+
+TEST_F(History, SetsAFileAsideWhosePagesAPowerCutHasEmptied) {
+  std::ofstream(m_name, std::ios::trunc) << std::string(8192, '\0');
+  HistoryStore store;
+  ASSERT_EQ(Open(store), 0u);
+  EXPECT_EQ(m_aside, m_name + ".damaged");
 }
 
 TEST_F(History, LeavesEntriesOutWhoseTimesNoClockHas) {
