@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/fault_point.h"
+#include "platform/profile.h"
 #include "platform/text.h"
 
 namespace platform {
@@ -62,6 +63,7 @@ constexpr ErrorText kErrorTexts[] = {
     {ERROR_KEY_DELETED, u"Illegal operation attempted on a registry key that has been marked for deletion."},
     {ERROR_KEY_HAS_CHILDREN, u"Cannot create a symbolic link in a registry key that already has subkeys or values."},
     {ERROR_NO_UNICODE_TRANSLATION, u"No mapping for the Unicode character exists in the target multi-byte code page."},
+    {ERROR_FILE_TOO_LARGE, u"The file size exceeds the limit allowed and cannot be saved."},
     {ERROR_IO_DEVICE, u"The request could not be performed because of an I/O device error."},
     {ERROR_CONNECTION_REFUSED, u"The remote computer refused the network connection."},
     {ERROR_CONNECTION_ABORTED, u"The network connection was aborted by the local system."},

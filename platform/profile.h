@@ -23,6 +23,8 @@
 
 namespace platform {
 
+inline constexpr ErrorCode ERROR_FILE_TOO_LARGE = 223;  // of winerror.h
+
 namespace detail {
 struct ProfileBatchState;
 }
@@ -33,7 +35,8 @@ struct ProfileBatchState;
 //            call failed; 0 for a null section or key
 //   returns  ERROR_SUCCESS (0), also for a missing section or key;
 //            ERROR_FILE_NOT_FOUND (2) or ERROR_PATH_NOT_FOUND (3): no such file or directory;
-//            ERROR_ACCESS_DENIED (5): not readable, or no regular file
+//            ERROR_ACCESS_DENIED (5): not readable, or no regular file;
+//            ERROR_FILE_TOO_LARGE (223): above 256 MiB, more than any call writes
 ErrorCode GetProfileInt(std::u16string_view path, std::u16string_view section, std::u16string_view key,
                         std::int32_t defaultValue, std::int32_t& value);
 
