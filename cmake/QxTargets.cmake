@@ -98,6 +98,13 @@ endif()
 # What scripts/test.sh builds where the slow set isn't run: programs of the labels unit and service, and what they start.
 add_custom_target(quick_tests)
 
+# Behind qx::build_flags, whose -Wall would switch it on again.
+add_library(qx_test_flags INTERFACE)
+if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+  # Containers of dates, whose class has virtual functions and is deliberately without a virtual destructor.
+  target_compile_options(qx_test_flags INTERFACE -Wno-delete-non-abstract-non-virtual-dtor)
+endif()
+
 # qx_test(NAME [LONG] LABEL unit|service|slow [TIMEOUT seconds] [TOGETHER processes] SOURCES... LINK targets...): one test
 # program; each of its tests has five minutes unless told otherwise. LONG: its tests are started ahead of their label's
 # others, lest one of them runs alone at the end. TOGETHER: so many processes share its tests in every preset, because
@@ -111,12 +118,9 @@ function(qx_test NAME)
     set(A_TIMEOUT 300)
   endif()
   add_executable(${NAME} ${A_SOURCES})
-  target_link_libraries(${NAME} PRIVATE ${A_LINK} qx::test_paths GTest::gmock GTest::gtest_main qx::build_flags)
+  target_link_libraries(${NAME} PRIVATE ${A_LINK} qx::test_paths GTest::gmock GTest::gtest_main qx::build_flags
+                        qx_test_flags)
   target_compile_options(${NAME} PRIVATE ${QX_TEST_FLAGS})
-  if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
-    # Containers of dates, whose class has virtual functions and is deliberately without a virtual destructor.
-    target_compile_options(${NAME} PRIVATE -Wno-delete-non-abstract-non-virtual-dtor)
-  endif()
   qx_batches(${NAME})
   set(cost 0)
   if(A_LABEL STREQUAL service)
