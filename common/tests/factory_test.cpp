@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <new>
@@ -18,14 +19,35 @@
 
 namespace {
 
-// Blocks of the schedule object's size that are in use, by the operators below.
+// Blocks of the schedule object's size that are in use, by the operators below: their number, and where they are, as not
+// every compiler tells the size of what is freed. More than these aren't counted.
 std::atomic<int> g_liveSchedules{0};
+std::array<std::atomic<void*>, 16> g_scheduleBlocks{};
+
+void Count(void* memory) {
+  for (std::atomic<void*>& block : g_scheduleBlocks) {
+    void* none = nullptr;
+    if (!block.compare_exchange_strong(none, memory)) continue;
+    ++g_liveSchedules;
+    return;
+  }
+}
+
+void Uncount(void* memory) {
+  if (memory == nullptr || g_liveSchedules == 0) return;
+  for (std::atomic<void*>& block : g_scheduleBlocks) {
+    void* expected = memory;
+    if (!block.compare_exchange_strong(expected, nullptr)) continue;
+    --g_liveSchedules;
+    return;
+  }
+}
 
 }  // namespace
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   void* memory = std::malloc(size != 0 ? size : 1);
-  if (memory != nullptr && size == sizeof(CSchedule)) ++g_liveSchedules;
+  if (memory != nullptr && size == sizeof(CSchedule)) Count(memory);
   return memory;
 }
 void* operator new(std::size_t size) {
@@ -33,11 +55,11 @@ void* operator new(std::size_t size) {
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t size) noexcept {
-  if (memory != nullptr && size == sizeof(CSchedule)) --g_liveSchedules;
+void operator delete(void* memory) noexcept {
+  Uncount(memory);
   std::free(memory);
 }
+void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
 
 namespace {
 

@@ -46,7 +46,8 @@ TEST(CZepUTF8, ConvertsOtherCodePagesAndWideText) {
 
 TEST(CZepUTF8, ConvertsOut) {
   CZepUTF8 text(u"\u20ACa", 2);
-  EXPECT_EQ(std::u16string(text.Unicode().second, text.Unicode().first), u"\u20ACa");
+  const auto [count, wide] = text.Unicode();
+  EXPECT_EQ(std::u16string(wide, count), u"\u20ACa");
   EXPECT_EQ(Text(text.Utf7()), "+IKw-a");
   EXPECT_EQ(Text(text.Ansi()),
             "\xE2\x82\xAC"
