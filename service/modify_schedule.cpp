@@ -40,6 +40,9 @@ void RemoveCopy(const std::u16string& path) {
   ServiceLog(1, u"ModifySchedule: Failed to delete the copy %s, error = %d", ForLog(path), code);
 }
 
+// The schedule whose job a modification has taken out of the list.
+std::optional<ScheduleGuid> g_modified QX_GUARDED_BY(g_JobListLock);
+
 class Modification {
  public:
   Modification(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule) : m_schedule(schedule) {
@@ -52,6 +55,8 @@ class Modification {
   ~Modification() {
     m_new.ReleaseScheduler();
     m_old.ReleaseScheduler();
+    const platform::CriticalSectionGuard guard(g_JobListLock);
+    if (g_modified == m_new.ScheduleID) g_modified.reset();
   }
 
   Status CheckNew();
@@ -70,7 +75,6 @@ class Modification {
   void RunNow();
   void ListNewJob();
   void ListOldJob();
-  static void TakePlace(CJobNode& node) QX_REQUIRES(g_JobListLock);
   Status RevertRegistry();
   Status RestoreOldFile();
   Status RollBackRegistry(Status cause);
@@ -173,6 +177,7 @@ Status Modification::CaptureOld() {
 
 bool Modification::TakeListedJob() {
   const platform::CriticalSectionGuard guard(g_JobListLock);
+  g_modified = m_old.ScheduleID;
   const CJobList::Position at = g_JobList.Find(m_old.ScheduleID);
   if (at == g_JobList.End()) return false;
   m_old.ReleaseScheduler();
@@ -285,23 +290,11 @@ void Modification::RunNow() {
 // Without a window the schedule stays on disk without a node.
 void Modification::ListNewJob() {
   if (m_new.NextTimeWindow <= 0) return;
-  const platform::CriticalSectionGuard guard(g_JobListLock);
   if (const Status status = g_JobList.AddJob(m_new); status != kStatusOk) {
     ServiceLog(1, u"ModifySchedule: Failed to add the job node to joblist with error: %x", status);
-    TakePlace(m_new);
     return;
   }
   m_new.ScheduleObj.m_pSchedule = nullptr;  // the list's now
-}
-
-// The scheduler thread has listed the schedule anew meanwhile, by what it found in the stores: what stands there now is
-// what is to run. The lock is held.
-void Modification::TakePlace(CJobNode& node) {
-  const CJobList::Position at = g_JobList.Find(node.ScheduleID);
-  if (at == g_JobList.End()) return;
-  at->ReleaseScheduler();
-  g_JobList.Erase(at);
-  if (g_JobList.AddJob(node) == kStatusOk) node.ScheduleObj.m_pSchedule = nullptr;  // the list's now
 }
 
 // --- the way back ---
@@ -367,15 +360,13 @@ Status Modification::RestoreOldFile() {
 // Sets no event: the scheduler's sleep still counts on the old window.
 void Modification::ListOldJob() {
   if (!m_wasListed || m_old.NextTimeWindow < 1) return;
-  const platform::CriticalSectionGuard guard(g_JobListLock);
-  if (g_JobList.AddJob(m_old) == kStatusOk) {
-    m_old.ScheduleObj.m_pSchedule = nullptr;  // the list's now
-  } else {
-    TakePlace(m_old);
-  }
+  // Refused only when the scheduler thread has listed the schedule anew meanwhile.
+  if (g_JobList.AddJob(m_old) == kStatusOk) m_old.ScheduleObj.m_pSchedule = nullptr;  // the list's now
 }
 
 }  // namespace
+
+bool IsBeingModified(const ScheduleGuid& id) { return g_modified == id; }
 
 Status ModifyStores(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule, bool& modified) {
   platform::AfterAnswer::DoNow();  // the copies of a change just ahead must not be taken for this one's

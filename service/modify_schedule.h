@@ -11,6 +11,7 @@
 #pragma once
 
 #include "interface/records.h"
+#include "service/job_list.h"
 
 namespace qx {
 
@@ -22,5 +23,8 @@ namespace qx {
 //             The old schedule isn't wholly back (its key or its file could not be written, the job isn't listed): that
 //             failure's status. The next load, or Refresh, lists what the stores hold.
 [[nodiscard]] Status ModifyStores(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule, bool& modified);
+
+// Whether a modification is past its first phase with the schedule: that lists it again, nobody else. Threads: any.
+[[nodiscard]] bool IsBeingModified(const ScheduleGuid& id) QX_REQUIRES(g_JobListLock);
 
 }  // namespace qx

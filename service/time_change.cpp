@@ -7,6 +7,7 @@
 #include "platform/memory.h"
 #include "platform/registry.h"
 #include "service/job_list.h"
+#include "service/modify_schedule.h"
 #include "service/populate.h"
 #include "service/schedule_store.h"
 
@@ -30,14 +31,6 @@ bool HasKey(const RegistryKey& schedules, std::u16string_view keyName) {
   return platform::OpenKey(schedules, keyName, platform::KEY_READ, key) != platform::ERROR_FILE_NOT_FOUND;
 }
 
-void Forget(const ScheduleGuid& id) {
-  const CriticalSectionGuard guard(g_JobListLock);
-  const CJobList::Position at = g_JobList.Find(id);
-  if (at == g_JobList.End()) return;
-  at->ReleaseScheduler();
-  g_JobList.Erase(at);
-}
-
 void ReviveSchedule(const RegistryKey& schedules, std::u16string_view keyName) {
   CJobNode node;
   if (!BuildJobNode(schedules, keyName, kTimeChangeWords, node)) return;
@@ -46,14 +39,17 @@ void ReviveSchedule(const RegistryKey& schedules, std::u16string_view keyName) {
     return;
   }
   ServiceLog(2, u"%s became valid because of system time change", node.IdText());
-  if (const Status status = g_JobList.AddJob(node); status != kStatusOk) {
-    ServiceLog(1, u"Failed to add the job to the job list, error = %x", status);
+  const CriticalSectionGuard guard(g_JobListLock);
+  // What was read may be of yesterday. A deletion takes the key first and looks for the node last, so that it finds the
+  // node where the key is still there; a modification lists the schedule itself.
+  if (!HasKey(schedules, keyName) || IsBeingModified(node.ScheduleID)) {
     node.ReleaseScheduler();
     return;
   }
-  // A deletion meanwhile took the key first and looks for the node last: either it finds the node, or the key is gone
-  // here.
-  if (!HasKey(schedules, keyName)) Forget(node.ScheduleID);
+  if (const Status status = g_JobList.AddJob(node); status != kStatusOk) {
+    ServiceLog(1, u"Failed to add the job to the job list, error = %x", status);
+    node.ReleaseScheduler();
+  }
 }
 
 // False when the pass is to end here.

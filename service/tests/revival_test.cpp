@@ -14,6 +14,7 @@ using platform::FaultPlan;
 using platform::Operation;
 using qx::testing::kPresent;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 class Revival : public qx::testing::ServiceFixture {
@@ -85,6 +86,27 @@ TEST_F(Revival, BringsNoScheduleBackThatIsDeletedMeanwhile) {
   }
   EXPECT_EQ(status, kStatusOk);
   EXPECT_THAT(ListedIds(), IsEmpty());
+}
+
+TEST_F(Revival, LeavesAScheduleToTheModificationThatIsAtWorkOnIt) {
+  const ScheduleGuid id = Create(Daily());
+  SCHEDULE_OBJECT changed = Daily();
+  changed.bstrParameters = u"-of-the-new";
+  {
+    const AtLine line("Entered Modify Registry", [&] { Pass(); });
+    EXPECT_EQ(m_service.ModifySchedule(id, changed), kStatusOk);
+  }
+  const platform::CriticalSectionGuard guard(g_JobListLock);
+  ASSERT_EQ(g_JobList.Size(), 1u);
+  EXPECT_THAT(platform::Utf8FromWide(g_JobList.Find(id)->LaunchPath.view()), HasSubstr("-of-the-new"));
+}
+
+TEST_F(Revival, BringsAScheduleBackWhoseModificationHasEnded) {
+  const ScheduleGuid id = Create(Daily());
+  ASSERT_EQ(m_service.ModifySchedule(id, Daily()), kStatusOk);
+  Forget(id);
+  Pass();
+  EXPECT_THAT(ListedIds(), ElementsAre(Text(id)));
 }
 
 struct RevivalFailure {
