@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "platform/descriptor.h"
 #include "platform/testing/fault.h"
 #include "platform/testing/temporary_folder.h"
 
@@ -124,10 +126,14 @@ class RestlessWriter {
  private:
   void Write() {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const Descriptor pace(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
+    const itimerspec every = {{0, 5'000'000}, {0, 5'000'000}};
+    EXPECT_EQ(timerfd_settime(pace.Get(), 0, &every, nullptr), 0);
     while (m_wanted && !m_gaveUp) {
       std::ofstream(m_file) << "x";
       m_begun = true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      std::uint64_t ticks = 0;
+      EXPECT_EQ(read(pace.Get(), &ticks, sizeof ticks), static_cast<ssize_t>(sizeof ticks));
       m_gaveUp = std::chrono::steady_clock::now() > end;
     }
   }
