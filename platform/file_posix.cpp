@@ -13,9 +13,9 @@
 
 #include "platform/descriptor.h"
 #include "platform/fault_point.h"
-#include "platform/state_lock.h"
 #include "platform/file_state.h"
 #include "platform/mutex.h"
+#include "platform/state_lock.h"
 
 namespace platform {
 namespace {

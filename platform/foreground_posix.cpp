@@ -85,7 +85,9 @@ int WaitFor(pid_t process) {
 ErrorCode RunInForeground(const std::vector<std::string>& words, std::uint32_t& exitCode) {
   const KeyboardIgnored ignored;
   pid_t process = 0;
-  if (const ErrorCode code = Spawn(words, CopyEnvironment(), -1, ignored.ForChild(), process); code != ERROR_SUCCESS) return code;
+  if (const ErrorCode code = Spawn(words, CopyEnvironment(), -1, ignored.ForChild(), process); code != ERROR_SUCCESS) {
+    return code;
+  }
   const int status = WaitFor(process);
   exitCode = static_cast<std::uint32_t>(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status));
   return ERROR_SUCCESS;
