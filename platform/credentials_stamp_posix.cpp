@@ -7,18 +7,13 @@
 #include <string_view>
 
 #include "platform/clock.h"
+#include "platform/file_state.h"
 
 namespace platform {
 namespace {
 
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
 constexpr std::int64_t kSettleNanoseconds = 50'000'000;  // the coarsest tick of file times is far shorter
-
-// Unsigned arithmetic: a file may bear a time behind the year 2262, where they wrap.
-std::int64_t NanosecondsOf(const timespec& time) {
-  return static_cast<std::int64_t>(static_cast<std::uint64_t>(time.tv_sec) * std::uint64_t{kNanoseconds} +
-                                   static_cast<std::uint64_t>(time.tv_nsec));
-}
 
 std::int64_t Now() {
   const auto ticks = static_cast<std::int64_t>(TicksFromFileTime(SystemTimeAsFileTime()));
@@ -61,8 +56,8 @@ void CredentialsStamp::LookAt(const std::string& name) {
     place.device = info.st_dev;
     place.inode = info.st_ino;
     place.size = info.st_size;
-    place.modified = NanosecondsOf(info.st_mtim);
-    place.changed = NanosecondsOf(info.st_ctim);
+    place.modified = detail::NanosecondsOf(info.st_mtim);
+    place.changed = detail::NanosecondsOf(info.st_ctim);
     // A change of a time to come differs by it from a later change as well.
     const auto age = static_cast<std::int64_t>(static_cast<std::uint64_t>(Now()) -
                                                static_cast<std::uint64_t>(place.changed));

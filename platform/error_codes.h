@@ -39,6 +39,7 @@ inline constexpr ErrorCode ERROR_BUSY = 170;
 inline constexpr ErrorCode ERROR_ALREADY_EXISTS = 183;
 inline constexpr ErrorCode ERROR_BAD_EXE_FORMAT = 193;
 inline constexpr ErrorCode ERROR_FILENAME_EXCED_RANGE = 206;
+inline constexpr ErrorCode ERROR_FILE_TOO_LARGE = 223;
 inline constexpr ErrorCode ERROR_MORE_DATA = 234;
 inline constexpr ErrorCode ERROR_NO_MORE_ITEMS = 259;
 inline constexpr ErrorCode ERROR_DIRECTORY = 267;

@@ -3,6 +3,8 @@
 // For somebody who reads many files ahead of their use. Threads: any.
 #pragma once
 
+#include <time.h>
+
 #include <cstdint>
 #include <string>
 
@@ -36,6 +38,12 @@ inline constexpr std::int64_t kSmallFileBytes = 1 << 20;
 
 namespace detail {
 void CountFileChange();
+
+// A file's time in nanoseconds since 1970. One behind the year 2262 wraps.
+[[nodiscard]] inline std::int64_t NanosecondsOf(const timespec& time) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000u +
+                                   static_cast<std::uint64_t>(time.tv_nsec));
+}
 }  // namespace detail
 
 }  // namespace platform

@@ -13,15 +13,9 @@ namespace {
 
 std::atomic<std::uint64_t> g_changes{0};
 
-// Nanoseconds since 1970; unsigned arithmetic, as a file may bear a time behind the year 2262, where they wrap.
-std::int64_t NanosecondsOfTime(const timespec& time) {
-  constexpr std::uint64_t kNanoseconds = 1'000'000'000;
-  return static_cast<std::int64_t>(static_cast<std::uint64_t>(time.tv_sec) * kNanoseconds +
-                                   static_cast<std::uint64_t>(time.tv_nsec));
-}
-
 FileState StateOf(const struct stat& info) {
-  return {info.st_dev, info.st_ino, info.st_size, NanosecondsOfTime(info.st_mtim), NanosecondsOfTime(info.st_ctim)};
+  return {info.st_dev, info.st_ino, info.st_size, detail::NanosecondsOf(info.st_mtim),
+          detail::NanosecondsOf(info.st_ctim)};
 }
 
 }  // namespace

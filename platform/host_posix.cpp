@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "platform/fault_point.h"
-#include "platform/profile.h"
 #include "platform/text.h"
 
 namespace platform {

@@ -23,8 +23,6 @@
 
 namespace platform {
 
-inline constexpr ErrorCode ERROR_FILE_TOO_LARGE = 223;  // of winerror.h
-
 namespace detail {
 struct ProfileBatchState;
 }
