@@ -65,7 +65,8 @@ enum class Durable { kNo, kYes };
 // The same for a `to` that doesn't exist, also where another thread makes one meanwhile.
 //   returns  ERROR_FILE_EXISTS (80): nothing changed
 [[nodiscard]] ErrorCode RenameToNewFile(const std::string& from, const std::string& to, Durable durable = Durable::kNo);
-// Creates a directory and those above it that are missing; one that exists is no failure.
+// Creates a directory and those above it that are missing; one that exists is no failure. Each new name is synced,
+// unless the directory that holds it may not be read; a directory whose name couldn't be synced is removed again.
 [[nodiscard]] ErrorCode CreateDirectories(const std::string& name);
 [[nodiscard]] ErrorCode SyncDirectory(const std::string& name);
 // The names in a directory, without "." and "..", sorted by their bytes. Asks Operation::kDirectoryExists.

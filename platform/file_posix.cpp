@@ -163,14 +163,6 @@ ErrorCode WriteNewFile(const std::string& name, std::string_view contents, const
   return rc;
 }
 
-// Syncs the names in a directory; the errno value of a failure, 0 else.
-int SyncOne(const std::string& directory) {
-  const Descriptor opened(Retry([&] { return ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-  if (opened.IsOpen() && Retry([&] { return ::fsync(opened.Get()); }) == 0) return 0;
-  // Some file systems have nothing to sync in a directory and say so.
-  return opened.IsOpen() && errno == EINVAL ? 0 : errno;
-}
-
 // `flags` 0 or RENAME_NOREPLACE. A file system that doesn't know the flag is asked before.
 int RenameAtOnce(const std::string& from, const std::string& to, unsigned flags) {
   const int renamed = ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags);
@@ -331,7 +323,11 @@ ErrorCode CreateDirectories(const std::string& name) {
     if (::mkdir(part.c_str(), kNewDirectoryMode) == 0) {
       // What is written there durably must not be lost with the new name. Where the directory above may not be read,
       // that is left to the host.
-      if (const int error = SyncOne(DirectoryOf(part)); error != 0 && error != EACCES) return ErrorCodeFromErrno(error);
+      const ErrorCode rc = SyncDirectory(DirectoryOf(part));
+      if (rc != ERROR_SUCCESS && rc != ERROR_ACCESS_DENIED) {
+        (void)::rmdir(part.c_str());
+        return rc;
+      }
     } else if (!IsDirectory(part)) {
       const int error = errno == EISDIR ? EEXIST : errno;
       return error == ENOENT ? ERROR_PATH_NOT_FOUND : ErrorCodeFromErrno(error);
@@ -362,8 +358,11 @@ ErrorCode ListDirectory(const std::string& name, std::vector<std::string>& names
 
 ErrorCode SyncDirectory(const std::string& name) {
   if (const ErrorCode rc = FaultAt(Operation::kSyncFile, name); rc != ERROR_SUCCESS) return rc;
-  const int error = SyncOne(name);
-  return error == ENOENT ? ERROR_PATH_NOT_FOUND : CodeForName(error, name);
+  const Descriptor opened(Retry([&] { return ::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (opened.IsOpen() && Retry([&] { return ::fsync(opened.Get()); }) == 0) return ERROR_SUCCESS;
+  // Some file systems have nothing to sync in a directory and say so.
+  if (opened.IsOpen() && errno == EINVAL) return ERROR_SUCCESS;
+  return errno == ENOENT ? ERROR_PATH_NOT_FOUND : CodeForName(errno, name);
 }
 
 ErrorCode ReadWholeFile(const std::string& name, std::string& contents) {
