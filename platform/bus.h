@@ -39,11 +39,12 @@ struct BusSignal {
   std::string name;
   std::vector<BusArgument> arguments;
 };
-// A property that can be read only; the getter appends exactly one value of `type`.
+// A property that can be read only; the getter appends exactly one value of `type` for the unique name that reads it,
+// which is empty on a connection without a bus.
 struct BusProperty {
   std::string name;
   std::string type;
-  std::function<void(MessageWriter&)> get;
+  std::function<void(std::string_view reader, MessageWriter&)> get;
 };
 // An interface as it is served and told in introspection, in this order.
 struct BusInterface {

@@ -47,7 +47,8 @@ int OnProperty(sd_bus*, const char*, const char*, const char* name, sd_bus_messa
                sd_bus_error* error) noexcept {
   const auto& member = *static_cast<const ExportedMember*>(userData);
   MessageWriter writer = BusInternals::Writer(sd_bus_message_ref(reply));
-  const bool done = RunGuarded(name, [&] { member.property->get(writer); });
+  const bool done =
+      RunGuarded(name, [&] { member.property->get(OrEmpty(sd_bus_message_get_destination(reply)), writer); });
   if (done && writer.Result() == ERROR_SUCCESS) return 1;
   return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "the property could not be read");
 }

@@ -19,6 +19,7 @@ using platform::BusConnection;
 using platform::BusError;
 using platform::BusInterface;
 using platform::BusMethod;
+using platform::BusProperty;
 using platform::ERROR_SUCCESS;
 using platform::ErrorCode;
 using platform::MessageReader;
@@ -243,6 +244,15 @@ BusMethod CServiceBus::ChangeMethod(std::string name, std::vector<BusArgument> i
                 });
 }
 
+// Who reads a property is a client too: a server that the bus starts for it ends with him.
+BusProperty CServiceBus::Property(std::string name, std::string type, std::function<void(MessageWriter&)> get) {
+  return {std::move(name), std::move(type),
+          [this, get = std::move(get)](std::string_view reader, MessageWriter& value) {
+            NoteClient(reader);
+            get(value);
+          }};
+}
+
 BusInterface CServiceBus::ServiceInterface() {
   BusInterface served;
   served.name = kBusServiceInterface;
@@ -410,14 +420,15 @@ BusInterface CServiceBus::ManagerInterface() {
   served.methods.push_back(
       Method("Subscribe", {}, {kStatus}, [](auto&, auto& reply) { return AppendStatus(reply, kStatusOk); }));
   served.properties = {
-      {"Version", "s", [this](MessageWriter& value) { value.AppendString(m_options.version); }},
-      {"Zone", "s",
-       [](MessageWriter& value) { AppendText(value, platform::WideFromUtf8(platform::CurrentZoneName())); }},
-      {"Port", "q", [this](MessageWriter& value) { value.AppendUint16(m_options.port ? m_options.port() : 0); }},
-      {"TraceLevel", "u", [](MessageWriter& value) { value.AppendUint32(ZepFoundation::ServiceLogLevel); }},
-      {"NextWakeUp", "x", [](MessageWriter& value) { value.AppendInt64(NextWakeUp()); }},
-      {"StateDirectory", "s",
-       [](MessageWriter& value) { AppendText(value, platform::WideFromUtf8(platform::StateDirectory())); }},
+      Property("Version", "s", [this](MessageWriter& value) { value.AppendString(m_options.version); }),
+      Property("Zone", "s",
+               [](MessageWriter& value) { AppendText(value, platform::WideFromUtf8(platform::CurrentZoneName())); }),
+      Property("Port", "q",
+               [this](MessageWriter& value) { value.AppendUint16(m_options.port ? m_options.port() : 0); }),
+      Property("TraceLevel", "u", [](MessageWriter& value) { value.AppendUint32(ZepFoundation::ServiceLogLevel); }),
+      Property("NextWakeUp", "x", [](MessageWriter& value) { value.AppendInt64(NextWakeUp()); }),
+      Property("StateDirectory", "s",
+               [](MessageWriter& value) { AppendText(value, platform::WideFromUtf8(platform::StateDirectory())); }),
   };
   return served;
 }

@@ -66,6 +66,7 @@ class CServiceBus {
   // change left for then is done.
   platform::BusMethod ChangeMethod(std::string name, std::vector<platform::BusArgument> in,
                                    std::vector<platform::BusArgument> out, platform::BusMethodHandler handler);
+  platform::BusProperty Property(std::string name, std::string type, std::function<void(platform::MessageWriter&)> get);
   platform::BusError ListPage(platform::MessageReader& call, platform::MessageWriter& reply);
   platform::ErrorCode SetUp(platform::BusConnection& connection);
   void NoteClient(std::string_view name);

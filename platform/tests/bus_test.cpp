@@ -339,7 +339,7 @@ TEST_F(BusPair, TellsNamesOfAllArgumentsInIntrospection) {
   served.methods.push_back({"Create", {{"a{sv}", "schedule"}}, {{"i", "status"}, {"s", "schedule_id"}}, nothing});
   served.methods.push_back({"Refresh", {}, {{"i", "status"}}, nothing});
   served.signals.push_back({"Changed", {{"s", "schedule_id"}, {"i", "next"}}});
-  served.properties.push_back({"Port", "u", [](MessageWriter& writer) { writer.AppendUint32(4888); }});
+  served.properties.push_back({"Port", "u", [](auto, MessageWriter& writer) { writer.AppendUint32(4888); }});
   ASSERT_EQ(server.Export(kPath, std::move(served)), ERROR_SUCCESS);
   const Answer answer = CallMember("org.freedesktop.DBus.Introspectable", "Introspect", {});
   ASSERT_EQ(answer.values.size(), 1u);
@@ -354,9 +354,9 @@ TEST_F(BusPair, TellsNamesOfAllArgumentsInIntrospection) {
 TEST_F(BusPair, ReadsPropertiesAndCatchesAGetterThatThrows) {
   BusInterface served;
   served.name = kInterface;
-  served.properties.push_back({"Port", "u", [](MessageWriter& writer) { writer.AppendUint32(4888); }});
-  served.properties.push_back({"Bad", "u", [](MessageWriter&) { throw std::runtime_error("x"); }});
-  served.properties.push_back({"Wrong", "u", [](MessageWriter& writer) { writer.AppendString("x"); }});
+  served.properties.push_back({"Port", "u", [](auto, MessageWriter& writer) { writer.AppendUint32(4888); }});
+  served.properties.push_back({"Bad", "u", [](auto, MessageWriter&) { throw std::runtime_error("x"); }});
+  served.properties.push_back({"Wrong", "u", [](auto, MessageWriter& writer) { writer.AppendString("x"); }});
   ASSERT_EQ(server.Export(kPath, std::move(served)), ERROR_SUCCESS);
   const auto get = [&](const char* name) {
     return CallMember("org.freedesktop.DBus.Properties", "Get", {BusValue::String(kInterface), BusValue::String(name)});

@@ -325,6 +325,37 @@ TEST_F(ServiceBus, WithoutAConnectionEventsAreDropped) {
   EXPECT_TRUE(m_log.texts(1).empty());
 }
 
+TEST_F(ServiceBus, AReaderOfAPropertyIsAClientUntilItLeaves) {
+  const platform::PrivateBus daemon;
+  CServiceBus::Options options;
+  options.address = daemon.ForClients();
+  bool left = false;
+  options.lastClientLeft = [&] { left = true; };
+  ASSERT_EQ(m_bus.Start(std::move(options)), ERROR_SUCCESS);
+  BusConnection client;
+  ASSERT_EQ(client.Open(daemon.ForClients()), ERROR_SUCCESS);
+  MessageWriter call;
+  ASSERT_EQ(client.NewCall(kBusName, kBusPath, "org.freedesktop.DBus.Properties", "Get", call), ERROR_SUCCESS);
+  call.AppendString(kBusManagerInterface);
+  call.AppendString("TraceLevel");
+  bool answered = false;
+  ASSERT_EQ(client.CallAsync(std::move(call),
+                             [&](MessageReader&, const BusError& error) {
+                               answered = true;
+                               EXPECT_EQ(error.text, "");
+                             }),
+            ERROR_SUCCESS);
+  while (m_bus.ClientCount() == 0) ASSERT_TRUE(m_apartment.Step(platform::Apartment::kForever));
+  while (!answered && client.IsOpen()) {
+    if (!client.Process()) (void)client.WaitForWork(platform::Apartment::kForever);
+  }
+  EXPECT_TRUE(answered);
+  EXPECT_FALSE(left);
+  client.Close();
+  while (!left) ASSERT_TRUE(m_apartment.Step(platform::Apartment::kForever));
+  EXPECT_EQ(m_bus.ClientCount(), 0u);
+}
+
 // A server that its last client left meets the next one's call on its way.
 TEST_F(ServiceBus, AnswersTheCallsThatTheBusPassedOnAheadOfItsEnd) {
   const platform::PrivateBus daemon;
