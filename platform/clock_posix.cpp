@@ -44,6 +44,7 @@ constexpr std::int64_t kFarthest = 67'768'036'000'000'000;
 constexpr int kSlotShift = 20;
 
 constexpr std::int64_t FloorDiv(std::int64_t a, std::int64_t b) { return a / b - (a % b < 0); }
+constexpr std::int64_t FloorMod(std::int64_t a, std::int64_t b) { return a % b + (a % b < 0 ? b : 0); }
 
 // Guards TZ, the C library's zone and the list of tables.
 Mutex g_zoneMutex;
@@ -461,7 +462,7 @@ bool ShiftTicks(FILETIME in, std::int64_t seconds, FILETIME& out) {
 
 bool Breakdown(std::int64_t wall, std::int32_t offset, bool daylight, std::tm& out) {
   const std::int64_t days = FloorDiv(wall, kSecondsPerDay);
-  const auto ofDay = static_cast<int>(wall - days * kSecondsPerDay);
+  const auto ofDay = static_cast<int>(FloorMod(wall, kSecondsPerDay));
   const CivilDate date = CivilFromDays(days);
   const std::int64_t year = date.year - 1900;
   if (year < std::numeric_limits<int>::min() || year > std::numeric_limits<int>::max()) return false;
@@ -622,7 +623,7 @@ bool SystemTimeToVariantTime(const SYSTEMTIME& in, double& out) {
   const std::int64_t carried = FloorDiv(time, kSecondsPerDay);
   const std::int64_t day = DaysFromCivil(year, in.wMonth, 1) - kOleEpochDays + field(in.wDay) - 1 + carried;
   if (day < kOleFirstDay || day > kOleLastDay) return false;
-  const std::int64_t second = time - carried * kSecondsPerDay;
+  const std::int64_t second = FloorMod(time, kSecondsPerDay);
   const double sign = day < 0 ? -1.0 : 1.0;
   // Added part by part, largest first: the last bits of the recorded dates come from this order.
   double date = static_cast<double>(day);

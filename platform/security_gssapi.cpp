@@ -18,25 +18,21 @@
 #include "platform/clock.h"
 #include "platform/credentials_stamp.h"
 #include "platform/fault_point.h"
+#include "platform/file.h"
 #include "platform/library.h"
 #include "platform/mutex.h"
 #include "platform/process.h"
+#include "platform/sanitizer.h"
 #include "platform/text.h"
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define QX_ADDRESS_SANITIZER 1
-#endif
-#elif defined(__SANITIZE_ADDRESS__)
-#define QX_ADDRESS_SANITIZER 1
-#endif
-#ifdef QX_ADDRESS_SANITIZER
+#if QX_ADDRESS_SANITIZER
 // The NTLM module of the host's packages reads one byte behind a name of its own when it copies it, and forgets 32
-// bytes at each acquisition of credentials; both are reported for whatever program loads it.
+// bytes at each acquisition of credentials; both are reported for whatever program loads it. The host's GSSAPI library
+// forgets at the process's end what it kept of a loaded module, eight bytes.
 extern "C" const char* __asan_default_suppressions();
 extern "C" const char* __asan_default_suppressions() { return "interceptor_via_lib:gssntlmssp.so\n"; }
 extern "C" const char* __lsan_default_suppressions();
-extern "C" const char* __lsan_default_suppressions() { return "leak:gssntlmssp.so\n"; }
+extern "C" const char* __lsan_default_suppressions() { return "leak:gssntlmssp.so\nleak:krb5int_open_plugin\n"; }
 #endif
 
 namespace platform {
@@ -653,8 +649,10 @@ ErrorCode MakeCredentialsFile(const std::string& file, std::string_view domain, 
   if (error == 0 && write(descriptor, line.data(), line.size()) != static_cast<ssize_t>(line.size())) error = ENOSPC;
   if (error == 0 && fsync(descriptor) != 0) error = errno;
   if (close(descriptor) != 0 && error == 0) error = errno;
-  if (error != 0) (void)unlink(file.c_str());
-  return ErrorCodeFromErrno(error);
+  ErrorCode rc = ErrorCodeFromErrno(error);
+  if (rc == ERROR_SUCCESS) rc = SyncDirectory(DirectoryOf(file));
+  if (rc != ERROR_SUCCESS) (void)unlink(file.c_str());
+  return rc;
 }
 
 }  // namespace platform

@@ -4,10 +4,10 @@
 # usage: scripts/install-deps.sh [PACKAGE...]     further packages to install with the others
 set -euo pipefail
 
-build=(g++ cmake ninja-build pkg-config ccache libsystemd-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev
-       libtomlplusplus-dev libgtest-dev libgmock-dev librapidcheck-dev libbenchmark-dev libical-dev tzdata dbus dbus-daemon
-       libfaketime libssl-dev libxml2-dev libkrb5-dev gss-ntlmssp iproute2 krb5-kdc krb5-admin-server krb5-user krb5-pkinit
-       systemd mandoc zsh fish)
+build=(g++ clang-14 libclang-rt-14-dev lld-14 cmake ninja-build pkg-config ccache libsystemd-dev libsqlite3-dev
+       nlohmann-json3-dev libcli11-dev libtomlplusplus-dev libgtest-dev libgmock-dev librapidcheck-dev libbenchmark-dev
+       libical-dev tzdata dbus dbus-daemon libfaketime libssl-dev libxml2-dev libkrb5-dev gss-ntlmssp iproute2 krb5-kdc
+       krb5-admin-server krb5-user krb5-pkinit systemd mandoc zsh fish)
 
 missing=()
 for package in "${build[@]}" "$@"; do

@@ -20,7 +20,7 @@ done
 extra=()
 if [ "$all" = yes ]; then
   presets+=(tsan clang)
-  extra+=(clang-14 libclang-rt-14-dev valgrind chromium debootstrap lintian dpkg-dev fakeroot file doxygen)
+  extra+=(valgrind chromium debootstrap lintian dpkg-dev fakeroot file doxygen)
 fi
 scripts/install-deps.sh "${extra[@]}"
 

@@ -7,7 +7,9 @@
 
 #include <cstddef>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#include "platform/sanitizer.h"
+
+#if QX_ADDRESS_SANITIZER || QX_THREAD_SANITIZER
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();  // of a header that gcc's package lacks
 #endif
 
@@ -16,7 +18,7 @@ namespace platform {
 // The bytes that this program has allocated and not freed. A sanitizer has an allocator of its own, which the C library
 // knows nothing of; what that keeps of freed memory isn't counted.
 [[nodiscard]] inline std::size_t HeldBytes() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if QX_ADDRESS_SANITIZER || QX_THREAD_SANITIZER
   return __sanitizer_get_current_allocated_bytes();
 #else
   const struct mallinfo2 heap = mallinfo2();
@@ -25,7 +27,7 @@ namespace platform {
 }
 
 // Whether a sanitizer hands memory out.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if QX_ADDRESS_SANITIZER || QX_THREAD_SANITIZER
 inline constexpr bool kHasSanitizedMemory = true;
 #else
 inline constexpr bool kHasSanitizedMemory = false;
