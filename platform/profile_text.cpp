@@ -178,7 +178,11 @@ std::string ProfileText::Serialize() const {
       out.append(kLineEnds);
     }
   }
-  if (m_encoding == Encoding::kSystem) return out;
+  if (m_encoding == Encoding::kSystem) {
+    // Bytes that stood behind a blank or a line, at the beginning now, would make the next reader take all for UTF-16.
+    if (out.starts_with(kWideMark)) out.insert(out.begin(), ' ');
+    return out;
+  }
   std::string wide(kWideMark);
   for (const char16_t unit : UnitsFromBytes(out)) {
     wide += static_cast<char>(unit & 0xFF);

@@ -270,6 +270,13 @@ TEST_F(ProfileFile, KeepsBytesThatTheCodePageDoesNotKnow) {
   EXPECT_EQ(Get(), "[S]\r\na=\xE9\xFF\r\nb=\xC3\xA9\r\n");
 }
 
+TEST_F(ProfileFile, OfBytesStaysOneWhenTheMarkOfAWideFileComesToItsBeginning) {
+  Put(" \xFF\xFEtail\r\n[S]\r\na=1\r\n");
+  EXPECT_EQ(Write(u"S", u"b", u"2"), ERROR_SUCCESS);
+  EXPECT_EQ(Get(), " \xFF\xFEtail\r\n[S]\r\na=1\r\nb=2\r\n");
+  EXPECT_EQ(Read(u"S", u"a"), u"1");
+}
+
 TEST_F(ProfileFile, ComparesLettersBeyondAsciiWithoutRegardToCase) {
   Put("[S]\r\nStra\xC3\x9F" "e \xC3\x84=1\r\n\xC4\xB1=2\r\n");
   EXPECT_EQ(Read(u"S", u"STRA\u00DFE \u00E4"), u"1");
