@@ -191,6 +191,13 @@ class SpreadLink final : public ServiceLink {
   SpreadService m_service;
 };
 
+// A list as "a, b" would change this node and then find no " b".
+bool CanBeNodeName(std::string_view name) {
+  return platform::IsValidUtf8(name) && std::none_of(name.begin(), name.end(), [](char c) {
+           return static_cast<unsigned char>(c) <= 0x20 || c == 0x7F;
+         });
+}
+
 // A word so that the command line's rules give it back.
 std::string Quoted(const std::string& word, bool program) {
   if (!word.empty() && word.find_first_of(" \t\"") == std::string::npos) return word;
@@ -228,6 +235,11 @@ bool ParseNodeList(const std::string& text, NodeNames& names, std::string& error
       error = "--nodes: a name is empty (allowed: names or addresses with commas between them)";
       return false;
     }
+    if (!CanBeNodeName(name)) {
+      error = "--nodes: \"" + std::string(name) +
+              "\" is no node's name (allowed: names or addresses with commas between them, without blanks)";
+      return false;
+    }
     if (std::find(names.begin(), names.end(), wide) != names.end()) {
       error = "--nodes: \"" + std::string(name) + "\" stands twice";
       return false;
@@ -260,6 +272,10 @@ int RunNodesExec(CliContext& context, const OnlineSettings& settings, const Node
     line = words.front();
   } else {
     for (const std::string& word : words) line += (line.empty() ? "" : " ") + Quoted(word, line.empty());
+  }
+  if (!platform::IsValidUtf8(line)) {
+    PrintError(context, "the command \"" + line + "\" isn't UTF-8: another one would be carried in its place");
+    return kExitUsage;
   }
   const std::u16string command = platform::WideFromUtf8(line);
   if (names.size() < 2) {

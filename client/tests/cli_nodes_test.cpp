@@ -49,6 +49,18 @@ TEST_F(CliNodes, NamesAreReadWithThisNodeInFrontWhereItIsMissing) {
   EXPECT_EQ(error, "--nodes: \"a\" stands twice");
 }
 
+TEST_F(CliNodes, ANameThatNoNodeCanHaveIsRefusedBeforeAnythingIsChanged) {
+  m_service.schedules[Id(0xAB120001)].bstrName = u"nightly";
+  for (const char* list : {"b, c", " b", "b\tc", "b\n", "b,c\xE4"}) {
+    const Result result = Ask({"rm", "nightly", "-y", "--no-backup", "--nodes", list});
+    EXPECT_EQ(result.exit, 2) << list;
+    EXPECT_THAT(result.err, HasSubstr("is no node's name")) << list;
+  }
+  EXPECT_EQ(Ask({"nodes", "exec", "--nodes", "b, c", "x"}).exit, 2);
+  EXPECT_THAT(m_service.carried, IsEmpty());
+  EXPECT_EQ(m_service.schedules.size(), 1u);
+}
+
 TEST_F(CliNodes, ACreationGoesToTheNodes) {
   const std::string file =
       Write("job.toml", "name = \"daily\"\n[job]\nwrapper = \"/bin/true\"\n[window]\nstart = \"22:00\"\nend = \"23:00\"\n"
@@ -142,6 +154,13 @@ TEST_F(CliNodes, ACommandThatCannotBeCarriedIsRefused) {
   EXPECT_EQ(Ask({"nodes", "exec", "--nodes", "b", "echo /<OpData>"}).exit, 2);
   EXPECT_THAT(m_service.carried, IsEmpty());
   EXPECT_EQ(Ask({"nodes"}).exit, 2);
+}
+
+TEST_F(CliNodes, ACommandThatIsNoUtf8IsRefusedAsAnotherOneWouldBeRun) {
+  const Result result = Ask({"nodes", "exec", "--nodes", "b", "--", "/bin/rm", "/tmp/\xE4"});
+  EXPECT_EQ(result.exit, 2);
+  EXPECT_THAT(result.err, HasSubstr("isn't UTF-8"));
+  EXPECT_THAT(m_service.carried, IsEmpty());
 }
 
 TEST_F(CliNodes, ResultsAsJson) {
