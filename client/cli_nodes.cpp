@@ -46,15 +46,25 @@ void WarnOfLength(CliContext& context, std::size_t size) {
                          std::to_string(kLongestNodeBody) + ": they will refuse it");
 }
 
+// Of a value, which stands in the body as it is, what the other nodes' parser refuses; empty for nothing.
+std::string_view WhatCantBeCarried(std::u16string_view text) {
+  if (text.find_first_of(u"<&") != text.npos) return R"(a "<" or "&")";
+  if (text.find(u"]]>") != text.npos) return R"(a "]]>")";
+  const bool refused = std::any_of(text.begin(), text.end(), [](char16_t c) {
+    return (c < 0x20 && c != u'\t' && c != u'\n' && c != u'\r') || c >= 0xFFFE;
+  });
+  return refused ? "a control character" : "";
+}
+
 // What the other nodes won't take is told ahead; it is sent all the same.
 void WarnOfRecord(CliContext& context, const SCHEDULE_OBJECT& schedule) {
   WarnOfLength(context, NodeBodySize(schedule));
   for (const auto field : kTravelling) {
     const std::u16string text = (schedule.*field).value_or(u"");
-    if (text.find_first_of(u"<&") == std::u16string::npos) continue;
-    PrintNote(context,
-              "warning: \"" + Utf8FromWide(text) +
-                  "\" has a \"<\" or \"&\", which can't be carried: the other nodes will refuse the operation");
+    const std::string_view what = WhatCantBeCarried(text);
+    if (what.empty()) continue;
+    PrintNote(context, "warning: \"" + Utf8FromWide(text) + "\" has " + std::string(what) +
+                           ", which can't be carried: the other nodes will refuse the operation");
   }
 }
 
@@ -62,7 +72,8 @@ void WarnOfRecord(CliContext& context, const SCHEDULE_OBJECT& schedule) {
 std::string ResultText(std::int32_t result, bool local) {
   if (result == 0) return "done";
   if (result == 1) {
-    return local ? FormatStatus(1) : "no answer, or the operation failed there (the log of that node says why)";
+    return local ? FormatStatus(1)
+                 : "no answer, or the operation failed there (the log of this node or of that one says why)";
   }
   return FormatStatus(static_cast<Status>(result));
 }

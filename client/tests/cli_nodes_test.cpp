@@ -86,7 +86,8 @@ TEST_F(CliNodes, ANodeThatDidntDoItIsToldWithItsSentenceAndTheExitIsSeven) {
   m_service.answers = {{u"b", 1}, {u"c", static_cast<std::int32_t>(0x8004020D)}};
   const Result result = Ask({"rm", "nightly", "-y", "--no-backup", "-q", "--nodes", "b,c"});
   EXPECT_EQ(result.exit, 7);
-  EXPECT_THAT(result.err, AllOf(HasSubstr("qxsched: b: no answer, or the operation failed there"),
+  EXPECT_THAT(result.err, AllOf(HasSubstr("qxsched: b: no answer, or the operation failed there (the log of this node or "
+                                          "of that one says why)"),
                                 HasSubstr("qxsched: c: 0x8004020D ")));
   EXPECT_TRUE(m_service.schedules.empty());  // what was done here stays
 }
@@ -120,6 +121,28 @@ TEST_F(CliNodes, AModificationGoesToTheNodesAndWhatTheyWontTakeIsToldAhead) {
                                 HasSubstr("\"/tmp/a&b.xml\" has a \"<\" or \"&\"")))
       << result.exit;
   EXPECT_THAT(m_service.carried, ElementsAre("modify localhost,b"));
+}
+
+TEST_F(CliNodes, WhatTheOtherNodesParserRefusesIsToldAhead) {
+  struct Case {
+    const char* parameters;
+    const char* told;  // empty for nothing
+  };
+  const Case cases[] = {{"a<b", R"("a<b" has a "<" or "&", which can't be carried)"},
+                        {"x]]>y", R"("x]]>y" has a "]]>", which can't be carried: the other nodes will refuse)"},
+                        {R"(x\u0001)", "has a control character, which can't be carried"},
+                        {R"(x\uFFFE)", "has a control character, which can't be carried"},
+                        {R"(]] > \t\u00E4)", ""}};
+  for (const Case& c : cases) {
+    const std::string file = Write("job.toml", "name = \"daily\"\n[job]\nwrapper = \"/bin/true\"\nparameters = \"" +
+                                                   std::string(c.parameters) +
+                                                   "\"\n[window]\nstart = \"22:00\"\nend = \"23:00\"\n"
+                                                   "[days]\nevery = [\"sun\"]\n");
+    const Result result = Ask({"add", file, "--nodes", "b"});
+    EXPECT_EQ(result.exit, 0) << result.err;
+    EXPECT_THAT(result.err, HasSubstr(c.told));
+    EXPECT_EQ(result.err.find("can't be carried") == std::string::npos, *c.told == '\0') << result.err;
+  }
 }
 
 TEST_F(CliNodes, AWrongListIsAUsageError) {
