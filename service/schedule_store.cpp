@@ -322,20 +322,19 @@ int RegistryExists(const ScheduleGuid& id, int& failed) {
     ServiceLog(1, u"Memory is not allocated, registryExists");
     return 0;
   }
-  // The names come many at a look: a peer's change costs little beside a hundred thousand schedules.
+  // The names come many at a look: a peer's change costs little beside a hundred thousand schedules. They are read to
+  // their end, not to that count: others add and remove schedules meanwhile.
   std::u16string last;
-  std::uint32_t seen = 0;
   bool found = false;
-  while (seen < info.subKeyCount && !found) {
-    const std::uint32_t before = seen;
+  for (std::size_t seen = kNamesAtOnce; seen == kNamesAtOnce && !found;) {
+    seen = 0;
     const ErrorCode code =
         platform::ReadSubKeys(schedules, last, kNamesAtOnce, {}, [&](const platform::SubKeyValues& key) {
-          if (seen == info.subKeyCount) return;
           ++seen;
           last = key.Name();
           found = found || last == wanted;
         });
-    if (!Done(code) || (seen == before && !Done(platform::ERROR_NO_MORE_ITEMS))) return 0;
+    if (!Done(code)) return 0;
   }
   failed = 0;
   return found ? 1 : 0;

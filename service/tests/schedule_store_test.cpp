@@ -1,5 +1,7 @@
 #include "service/schedule_store.h"
 
+#include <sqlite3.h>
+
 #include "service/tests/service_fixture.h"
 
 namespace {
@@ -143,6 +145,42 @@ TEST_F(ScheduleStore, FindsAScheduleAmongMoreThanOneLookReads) {
   int failed = 9;
   EXPECT_EQ(RegistryExists(idOf(2 * kCount), failed), 0);
   EXPECT_EQ(failed, 1);
+}
+
+// A schedule in front of the others comes between the count of the keys and their reading, or goes, by another process.
+TEST_F(ScheduleStore, KnowsWhichSchedulesAreThereWhileOthersComeAndGo) {
+  ScheduleGuid other = kStored, missing = kStored;
+  other.Data1 = 0;
+  missing.Data1 = 1;
+  ASSERT_EQ(WriteRegistry(Record(), other), 0u);
+  ASSERT_EQ(WriteRegistry(Record(), kStored), 0u);
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((m_folder + "/registry.db").c_str(), &db), SQLITE_OK);
+  const auto run = [db](const std::string& sql) {
+    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+  };
+  const std::string stored = "(SELECT max(id) FROM keys)";
+  const std::string theOther = "(SELECT max(id) FROM keys WHERE parent=(SELECT parent FROM keys WHERE id=" + stored +
+                               ") AND id<" + stored + ")";
+  // Taken out of the list without losing its name, so that it can come back.
+  run("CREATE TEMP TABLE was AS SELECT id, parent FROM keys WHERE id=" + theOther);
+  const std::string away = "UPDATE keys SET parent=" + stored + " WHERE id=(SELECT id FROM was)";
+  const std::string back = "UPDATE keys SET parent=(SELECT parent FROM was) WHERE id=(SELECT id FROM was)";
+  for (const std::string& change : {away, back}) {
+    for (const ScheduleGuid& id : {kStored, missing}) {
+      run(change == away ? back : away);
+      int changes = 0;
+      const FaultPlan plan = FaultPlan::Ask([&](int, Operation operation, std::string_view) {
+        if (operation == Operation::kRegEnumKey && changes++ == 0) run(change);
+        return platform::ERROR_SUCCESS;
+      });
+      int failed = 9;
+      EXPECT_EQ(RegistryExists(id, failed), id == kStored ? 1 : 0) << change;
+      EXPECT_EQ(failed, 0) << change;
+      EXPECT_GE(changes, 1);
+    }
+  }
+  sqlite3_close(db);
 }
 
 TEST_F(ScheduleStore, KnowsWhichSchedulesAreThere) {
