@@ -38,6 +38,10 @@ namespace platform {
 // is first called: then to standard error as it is, without a line end of its own.
 void DebuggerOutput(std::u16string_view text);
 
+// Whether standard output takes some text now: not where a pipe's or socket's reader has left it full, so that a write
+// would wait for him.
+[[nodiscard]] bool StandardOutputTakesText();
+
 // The system's sentence for a code of error_codes.h, without a line end; empty for a code that it has no text for.
 [[nodiscard]] std::u16string SystemErrorText(ErrorCode code);
 

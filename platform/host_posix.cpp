@@ -1,6 +1,7 @@
 #include "platform/host.h"
 
 #include <limits.h>
+#include <poll.h>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -140,6 +141,11 @@ void DebuggerOutput([[maybe_unused]] std::u16string_view text) {
   const std::string narrow = Utf8FromWide(text);
   (void)std::fwrite(narrow.data(), 1, narrow.size(), stderr);
 #endif
+}
+
+bool StandardOutputTakesText() {
+  pollfd output = {STDOUT_FILENO, POLLOUT, 0};
+  return ::poll(&output, 1, 0) > 0;
 }
 
 std::u16string SystemErrorText(ErrorCode code) {

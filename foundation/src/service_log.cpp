@@ -13,6 +13,7 @@
 #include "platform/clock.h"
 #include "platform/error_codes.h"
 #include "platform/file.h"
+#include "platform/host.h"
 #include "platform/mutex.h"
 #include "platform/registry.h"
 #include "platform/text.h"
@@ -167,7 +168,8 @@ void WriteLine(File& file, const std::string& format, std::span<const LogArgumen
 void WriteToFile(const std::string& text, std::span<const LogArgument> arguments) {
   File file;
   if (OpenLog(file, ServiceLogPath(), File::Disposition::kOpenAlways) != ERROR_SUCCESS) {
-    std::fputs("Could not create the log file.\n", stdout);
+    // Nobody is held up by who doesn't read it.
+    if (platform::StandardOutputTakesText()) std::fputs("Could not create the log file.\n", stdout);
     return;
   }
   std::uint64_t size = 0;

@@ -1,12 +1,14 @@
 // foundation/tests/service_log_test.cpp
 #include "foundation/include/zfclog.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -370,6 +372,19 @@ TEST_F(ServiceLogTest, SaysOnStandardOutputThatTheFileCantBeCreated) {
   testing::internal::CaptureStdout();
   ServiceLog(1, u"no directory");
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "Could not create the log file.\n");
+}
+
+TEST_F(ServiceLogTest, HoldsNobodyUpWhereStandardOutputIsFullAndNobodyReadsIt) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  std::fflush(stdout);
+  const int output = dup(STDOUT_FILENO);
+  dup2(ends[1], STDOUT_FILENO);
+  const std::string room(static_cast<std::size_t>(fcntl(ends[1], F_GETPIPE_SZ)), ' ');
+  EXPECT_EQ(write(ends[1], room.data(), room.size()), static_cast<ssize_t>(room.size()));
+  for (int i = 0; i < 1000; ++i) ServiceLog(0, u"before the start");  // eight times what the C library holds back
+  dup2(output, STDOUT_FILENO);
+  for (const int descriptor : {output, ends[0], ends[1]}) close(descriptor);
 }
 
 struct FaultCase {
