@@ -65,6 +65,18 @@ std::string NextText(const SCHEDULE_OBJECT& record) {
   return windows.empty() ? "no window to come" : "next " + FormatInstant(windows[0].start, platform::CurrentZone());
 }
 
+// Whether a day that is left out and has passed would still have a restart to come: of a window over midnight.
+bool WouldStillRun(const SCHEDULE_OBJECT& record, std::int64_t day, std::int64_t now, const platform::Zone& zone) {
+  if (day != LocalDay(now, zone) - 1) return false;
+  SCHEDULE_OBJECT with = record;
+  auto& dates = with.stScheduleRules.alExcludeDates;
+  const auto end = std::find(dates.begin(), dates.end(), 0);
+  std::fill(std::remove_if(dates.begin(), end, [&](std::int32_t date) { return LocalDay(date, zone) == day; }), end, 0);
+  Status status = kStatusOk;
+  const auto windows = ComingWindows(with, now, 1, status);
+  return !windows.empty() && windows[0].day == day;
+}
+
 ordered_json ChangesJson(const Target& target, const std::vector<KeyDifference>& differences) {
   ordered_json out = ordered_json::object();
   out["id"] = IdText(target.id);
@@ -347,7 +359,8 @@ int RunSkip(CliContext& context, const OnlineSettings& settings, const std::stri
     for (const std::int32_t date : before.stScheduleRules.alExcludeDates) {
       if (date == 0) break;
       const std::int64_t excluded = LocalDay(date, zone);
-      if (excluded >= LocalDay(now, zone) && (!earliest || excluded < *earliest)) earliest = excluded;
+      const bool toCome = excluded >= LocalDay(now, zone) || WouldStillRun(before, excluded, now, zone);
+      if (toCome && (!earliest || excluded < *earliest)) earliest = excluded;
     }
     if (!earliest) {
       PrintError(context, Naming(target) + ": no day from today on is left out; nothing is changed");
@@ -362,7 +375,7 @@ int RunSkip(CliContext& context, const OnlineSettings& settings, const std::stri
       PrintError(context, Naming(target) + ": there is no window to come" + why + "; nothing is changed");
       return kExitFailed;
     }
-    day = LocalDay(windows[0].start, zone);
+    day = windows[0].day;
   }
   std::vector<ScheduleKey> keys = KeysOf(AsServiceKeeps(before), zone);
   std::string key;

@@ -34,6 +34,7 @@ constexpr std::size_t kMostExclusionsShown = 3;
 struct ShownWindow {
   ZepTime start = 0;
   ZepTime end = 0;
+  std::int64_t day = 0;  // on which the window opens: of a restart behind midnight the day before
   bool last = false;
   std::uint32_t match = 0;
   std::vector<std::int64_t> skipped;  // excluded dates that would have been run days ahead of it
@@ -182,12 +183,17 @@ std::vector<ShownWindow> ComputeWindows(const SCHEDULE_OBJECT& record, std::int6
     excluded.push_back(LocalDay(date, zone));
   }
   std::sort(excluded.begin(), excluded.end());
+  ZepTime startTime = 0;
+  (void)schedule->get_StartTime(&startTime);
+  const std::int32_t opensAt = LocalTimeOfDay(startTime, zone);
   ZepTime ref = from;
   for (std::int64_t i = 0; i < count; ++i) {
     ShownWindow window;
     zepByte last = 0;
     if (schedule->GetNextTimeWindowEx(0, 0, ref, &window.start, &window.end, &last, &window.match) != ZEP_S_OK) break;
     window.last = last != 0;
+    window.day = LocalDay(window.start, zone);
+    if (window.start < zone.ToSeconds(window.day * 86400 + opensAt)) --window.day;
     if (withSkipped) window.skipped = SkippedDates(*unexcluded, excluded, ref, window.start, zone);
     windows.push_back(window);
     // A window may end at its own start, but the next one never begins there.
@@ -251,7 +257,7 @@ void PrintWindowTable(CliContext& context, const std::vector<ShownWindow>& windo
   for (const ShownWindow& window : windows) {
     std::string text;
     if (why != nullptr) {
-      for (const std::string& rule : RuleNames(window.match, LocalDay(window.start, zone), *why)) {
+      for (const std::string& rule : RuleNames(window.match, window.day, *why)) {
         text += (text.empty() ? "" : ", ") + rule;
       }
     }
@@ -292,7 +298,7 @@ void PrintWindowJson(CliContext& context, const std::vector<ShownWindow>& window
     item["end"] = window.end;
     item["last"] = window.last;
     item["match"] = window.match;
-    item["rules"] = RuleNames(window.match, LocalDay(window.start, zone), rules);
+    item["rules"] = RuleNames(window.match, window.day, rules);
     item["zone_change"] = HasZoneChange(window, zone);
     item["skipped"] = ordered_json::array();
     for (const std::int64_t day : window.skipped) item["skipped"].push_back(FormatDate(day));
@@ -337,7 +343,7 @@ std::vector<ComingWindow> ComingWindows(const SCHEDULE_OBJECT& record, std::int6
                                         Status& status) {
   std::vector<ComingWindow> windows;
   for (const ShownWindow& window : ComputeWindows(record, from, count, false, status)) {
-    windows.push_back({window.start, window.end, window.last});
+    windows.push_back({window.start, window.end, window.day, window.last});
   }
   return windows;
 }

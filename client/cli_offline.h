@@ -52,14 +52,16 @@ struct CheckArguments {
 
 // Which rules give a run day, in the words of the schedule file: "every tue", "last day", "include", "every 14 days".
 //   match  ZEP_RULE_... of the window
+//   day    the window's; of a restart behind midnight the one on which its window opened
 [[nodiscard]] std::vector<std::string> RuleNames(std::uint32_t match, std::int64_t day, const SCHEDULE_RULE& rules);
 
 struct ComingWindow {
   std::int64_t start = 0;  // seconds
   std::int64_t end = 0;
-  bool last = false;  // no further one follows
+  std::int64_t day = 0;  // since 1970-01-01: the local day on which the window opens
+  bool last = false;     // no further one follows
 };
-// The windows of a record behind the instant `from`, at most `count`, in the zone of the process.
+// The windows of a record, and the restarts in them, behind the instant `from`, at most `count`, in the zone of the process.
 //   status  0, or the refusal of the record's rules, then without a window
 [[nodiscard]] std::vector<ComingWindow> ComingWindows(const SCHEDULE_OBJECT& record, std::int64_t from,
                                                       std::int64_t count, Status& status);

@@ -283,6 +283,21 @@ TEST_F(CliChange, SkipsTheDayOfTheNextWindowAndTakesItBack) {
   EXPECT_THAT(none.err, HasSubstr("no day from today on is left out"));
 }
 
+TEST_F(CliChange, SkipsTheDayOnWhichAWindowOverMidnightOpened) {
+  SCHEDULE_RULE& rules = Record().stScheduleRules;  // daily, 22:00 to 02:00, each hour
+  rules.dwTimeDuration = 14400000;
+  rules.bRestartInterval = 1;
+  rules.dwRestartInterval = 3600000;
+  m_clock.SetWall(1796076600);  // Monday 2026-11-30 23:10:00 +0100: the next start is Monday's at 00:00
+  EXPECT_THAT(Ask({"skip", "daily"}).err, HasSubstr("leaves out 2026-11-30 (Mon), next 2026-12-01 22:00:00 +0100"));
+  m_clock.SetWall(1796081400);  // Tuesday 00:30, with 01:00 and 02:00 to come again
+  EXPECT_THAT(Ask({"skip", "daily", "--undo"}).err,
+              HasSubstr("runs on 2026-11-30 (Mon) again, next 2026-12-01 01:00:00 +0100"));
+  EXPECT_THAT(Ask({"skip", "daily"}).err, HasSubstr("leaves out 2026-11-30 (Mon), next 2026-12-01 22:00:00 +0100"));
+  m_clock.SetWall(1796086800);  // Tuesday 02:00: Monday's window has nothing to come
+  EXPECT_THAT(Ask({"skip", "daily", "--undo"}).err, HasSubstr("no day from today on is left out"));
+}
+
 TEST_F(CliChange, DoesntSkipTheLastWindow) {
   SCHEDULE_RULE& rules = Record().stScheduleRules;
   for (auto* week : {&rules.dwDaysOfWeek0, &rules.dwDaysOfWeek1, &rules.dwDaysOfWeek2, &rules.dwDaysOfWeek3,

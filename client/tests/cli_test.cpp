@@ -105,6 +105,20 @@ TEST_F(Cli, NamesTheRuleThatGivesADay) {
   }
 }
 
+TEST_F(Cli, ARestartBehindMidnightHasTheRuleOfItsWindow) {
+  const std::string file = Write("a.toml",
+                                 "job.wrapper = \"/bin/true\"\n[window]\nstart = \"23:00\"\nend = \"01:00\"\n"
+                                 "restart = \"1h\"\n[days]\nlast = [\"fri\"]\nof_month = [5]\n");
+  const Result result = Run({"--no-legend", "next", "--why", "-n", "6", "--from", "2026-12-01", file});
+  EXPECT_EQ(result.out,
+            "2026-12-05 23:00:00 +0100  Sat  2026-12-06 01:00:00 +0100  day 5\n"
+            "2026-12-06 00:00:00 +0100  Sun  2026-12-06 01:00:00 +0100  day 5\n"
+            "2026-12-06 01:00:00 +0100  Sun  2026-12-06 01:00:00 +0100  day 5\n"
+            "2026-12-25 23:00:00 +0100  Fri  2026-12-26 01:00:00 +0100  last fri\n"
+            "2026-12-26 00:00:00 +0100  Sat  2026-12-26 01:00:00 +0100  last fri\n"
+            "2026-12-26 01:00:00 +0100  Sat  2026-12-26 01:00:00 +0100  last fri\n");
+}
+
 TEST_F(Cli, ShowsWindowsAsJson) {
   const std::string file = Write("a.toml", kFridayNight);
   const Result result = Run({"next", file, "-n", "1", "--json", "--from", "2026-01-01"});
