@@ -73,6 +73,16 @@ std::string PagerCommand() {
   return "";
 }
 
+// The first word that is neither an option of every command nor the value of one; the program's name isn't looked at.
+std::vector<const char*>::iterator FirstWord(const CLI::App& app, std::vector<const char*>& words) {
+  auto at = words.begin();
+  while (at != words.end() && ++at != words.end() && (*at)[0] == '-' && std::string_view(*at) != "--") {
+    const CLI::Option* option = app.get_option_no_throw(*at);
+    if (option != nullptr && option->get_items_expected_max() > 0) ++at;
+  }
+  return at;
+}
+
 int RunChosen(CliContext& context, const CLI::App& app, const CommandChoice& choice) {
   if (choice.run) return choice.run();
   if (choice.byDefault) return choice.byDefault();
@@ -340,8 +350,9 @@ int RunQxsched(int argc, const char* const* argv, std::istream& in, std::ostream
     }
     UseHelpForm(app);
     std::vector<const char*> words(argv, argv + argc);
-    if (argc > 1 && std::string_view(argv[1]) == "help") {  // "help COMMAND" for "COMMAND --help"
-      words.erase(words.begin() + 1);
+    const auto first = FirstWord(app, words);
+    if (first != words.end() && std::string_view(*first) == "help") {  // "help COMMAND" for "COMMAND --help"
+      words.erase(first);
       words.push_back("--help");
     }
     if (TellEmptyValue(context, app, words)) return kExitUsage;

@@ -23,6 +23,10 @@ TEST_F(CliUsage, TheHelpOfACommandNamesItsWholeLine) {
       {{"help"}, "\nUsage: qxsched [OPTIONS] [SUBCOMMAND]\n"},
       {{"show", "--help"}, "\nUsage: qxsched show [OPTIONS] SCHEDULE\n"},
       {{"help", "show"}, "\nUsage: qxsched show [OPTIONS] SCHEDULE\n"},
+      // An alias of the shell may have put options ahead of it.
+      {{"--json", "help", "show"}, "\nUsage: qxsched show [OPTIONS] SCHEDULE\n"},
+      {{"--root=/tmp", "--bus", "session", "help", "show"}, "\nUsage: qxsched show [OPTIONS] SCHEDULE\n"},
+      {{"--json", "-q", "help"}, "\nUsage: qxsched [OPTIONS] [SUBCOMMAND]\n"},
       {{"help", "reg", "set"}, "\nUsage: qxsched reg set [OPTIONS] KEY NAME DATA\n"},
       {{"reg", "set", "--help"}, "\nUsage: qxsched reg set [OPTIONS] KEY NAME DATA\n"},
   };
@@ -50,6 +54,8 @@ TEST_F(CliUsage, AnUnknownWordIsNamedWithTheOneThatWasProbablyMeant) {
       {{"list", "--jsn"}, "unknown option \"--jsn\"\nqxsched: hint: did you mean --json? see qxsched list --help\n"},
       {{"next", "--form=now", "x"},
        "unknown option \"--form=now\"\nqxsched: hint: did you mean --from? see qxsched next --help\n"},
+      {{"--bus", "help", "list", "extra"},
+       "unexpected argument \"extra\"\nqxsched: hint: see qxsched list --help\n"},
       {{"list", "extra"}, "unexpected argument \"extra\"\nqxsched: hint: see qxsched list --help\n"},
       {{"log", "--since", "1h"}, "unknown option \"--since\"\nqxsched: hint: see qxsched log --help\n"},
       {{"reg", "lst"}, "unknown command \"lst\"\nqxsched: hint: did you mean list? see qxsched reg --help\n"},
