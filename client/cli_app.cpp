@@ -356,29 +356,31 @@ int RunQxsched(int argc, const char* const* argv, std::istream& in, std::ostream
       words.push_back("--help");
     }
     if (TellEmptyValue(context, app, words)) return kExitUsage;
+    const auto written = [&](int exit) {
+      out.flush();
+      pager.Finish();
+      // Who leaves the pager has seen enough.
+      if (out || exit != kExitDone || paged) return exit;
+      PrintError(context, "the output can't be written");
+      return static_cast<int>(kExitFailed);
+    };
     try {
       app.parse(static_cast<int>(words.size()), words.data());
       if (TellEmptyValue(context, app, words)) return kExitUsage;
     } catch (const CLI::CallForHelp&) {
       if (TellUnknownWord(context, app)) return kExitUsage;
       out << HelpText(app);
-      return kExitDone;
+      return written(kExitDone);
     } catch (const CLI::CallForVersion&) {
       out << app.version() << "\n";
-      return kExitDone;
+      return written(kExitDone);
     } catch (const CLI::ParseError& error) {
       TellMistake(context, app, error);
       return kExitUsage;
     }
     platform::SetStateDirectory(context.options.root.empty() ? platform::DefaultStateDirectory()
                                                              : context.options.root);
-    const int exit = RunSpread(context, spread, [&] { return RunChosen(context, app, choice); });
-    out.flush();
-    pager.Finish();
-    // Who leaves the pager has seen enough.
-    if (out || exit != kExitDone || paged) return exit;
-    PrintError(context, "the output can't be written");
-    return kExitFailed;
+    return written(RunSpread(context, spread, [&] { return RunChosen(context, app, choice); }));
   } catch (const std::exception& error) {
     PrintError(context, error.what());
     return kExitFailed;

@@ -227,7 +227,8 @@ TEST_F(Cli, ColoursOnlyWhenToldTo) {
 TEST_F(Cli, EndsWith1WhenItsOutputIsClosed) {
   const std::string file = Write("a.toml", kFridayNight);
   for (const std::vector<const char*>& words :
-       {std::vector<const char*>{"qxsched", "next", file.c_str()}, {"qxsched", "next", "--batch"}}) {
+       {std::vector<const char*>{"qxsched", "next", file.c_str()}, {"qxsched", "next", "--batch"},
+        {"qxsched", "--help"}, {"qxsched", "help", "next"}, {"qxsched", "--version"}}) {
     std::istringstream in("{\"fresh\":true}\n");
     std::ostream closed(nullptr);
     std::ostringstream err;
