@@ -115,7 +115,10 @@ class WorkingFile {
     if (m_name.empty()) return;
     if (m_keep) {
       PrintNote(m_context, "your text is kept: " + m_name);
-    } else if (platform::DeleteFile(m_name) != platform::ERROR_SUCCESS) {
+      return;
+    }
+    const ErrorCode code = platform::DeleteFile(m_name);
+    if (code != platform::ERROR_SUCCESS && code != platform::ERROR_FILE_NOT_FOUND) {
       PrintNote(m_context, "the file of the editor is left behind: " + m_name);
     }
   }

@@ -256,6 +256,13 @@ TEST_F(CliChange, LosesNothingThatSomebodyElseChangedMeanwhile) {
   EXPECT_EQ(Record().bstrParameters, u"-v one");
 }
 
+TEST_F(CliChange, SaysNothingOfAFileThatTheEditorDeleted) {
+  ::setenv("VISUAL", "rm", 1);
+  const Result result = Ask({"edit", "daily"});
+  EXPECT_EQ(result.exit, 1);
+  EXPECT_THAT(result.err, AllOf(HasSubstr("0x80070002"), testing::Not(HasSubstr("left behind"))));
+}
+
 TEST_F(CliChange, ChangesNothingWithoutABackup) {
   Editor("sed -i 's/-v one/-v two/' \"$1\"");
   ASSERT_TRUE(std::filesystem::create_directory(Path("backups")));
