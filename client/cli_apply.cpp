@@ -35,6 +35,7 @@ struct Item {
   SCHEDULE_OBJECT before;  // of a change
   std::vector<KeyDifference> differences;
   std::optional<int> exit;  // once it was tried
+  bool sent = false;        // the change, to the service
   std::string backup;
 };
 
@@ -201,6 +202,7 @@ ordered_json ItemJson(const Item& item, const std::string& result) {
 int CarryOut(CliContext& context, Session& session, Item& item) {
   if (item.step == Step::kKeep) return kExitDone;
   if (item.step == Step::kCreate) {
+    item.sent = true;
     const Status status = session.Wait("create the schedule", true, [&] {
       return session.Link().Service().CreateSchedule(item.record, item.target.id);
     });
@@ -208,6 +210,8 @@ int CarryOut(CliContext& context, Session& session, Item& item) {
     item.target.id = {};
     return session.Fail(status, item.file);
   }
+  // The files ahead of this one may have taken a while.
+  if (const int exit = session.CheckUnchanged(item.target, item.before); exit != kExitDone) return exit;
   const std::string directory = BackupDirectory(context);
   if (const platform::ErrorCode code =
           WriteBackup(directory, item.target.id, item.before, "before an apply", item.backup);
@@ -217,6 +221,7 @@ int CarryOut(CliContext& context, Session& session, Item& item) {
                             FormatStatus(0x80070000 | code));
     return code == platform::ERROR_ACCESS_DENIED ? kExitPermission : kExitFailed;
   }
+  item.sent = true;
   const int exit = session.Modify(item.target, item.before, item.record);
   if (exit == kExitDone) PrintNote(context, "backup: " + item.backup);
   return exit;
@@ -226,7 +231,8 @@ int CarryOut(CliContext& context, Session& session, Item& item) {
 std::string ResultOf(const Item& item, bool lost) {
   if (!item.exit) return "not done";
   if (*item.exit == kExitDone) return StepWord(item.step, true);
-  return lost && *item.exit == kExitUnreachable ? "unknown" : "failed";
+  if (!lost || *item.exit != kExitUnreachable) return "failed";
+  return item.sent ? "unknown" : "not done";
 }
 
 }  // namespace

@@ -199,12 +199,9 @@ int SendEdited(CliContext& context, Session& session, const Target& target, cons
     again = true;
     return kExitRulesRefused;
   }
-  SCHEDULE_OBJECT present;
-  if (const int exit = session.Fetch(target, present); exit != kExitDone) return exit;
-  if (!CompareKeys(keysBefore, KeysOf(AsServiceKeeps(present), zone)).empty()) {
-    PrintError(context, Naming(target) + ": somebody else changed the schedule meanwhile; nothing is changed");
-    PrintHint(context, "begin again with qxsched edit " + IdText(target.id));
-    return kExitFailed;
+  if (const int exit = session.CheckUnchanged(target, before); exit != kExitDone) {
+    if (exit == kExitFailed) PrintHint(context, "begin again with qxsched edit " + IdText(target.id));
+    return exit;
   }
   std::string backup;
   if (const ErrorCode code = WriteBackup(BackupDirectory(context), target.id, before, "before an edit", backup);
@@ -293,6 +290,7 @@ int RunSet(CliContext& context, const OnlineSettings& settings, const SetArgumen
   }
   const auto differences = CompareKeys(keysBefore, KeysOf(AsServiceKeeps(checked.record), zone));
   if (!differences.empty() && !arguments.dryRun) {
+    if (const int exit = session.CheckUnchanged(target, before); exit != kExitDone) return exit;
     if (const int exit = session.Modify(target, before, checked.record); exit != kExitDone) return exit;
   }
   if (context.options.json) {
@@ -392,6 +390,7 @@ int RunSkip(CliContext& context, const OnlineSettings& settings, const std::stri
     if (checked.status == kStatusBackdated) PrintHint(context, "it was the last window; rm deletes the schedule");
     return kExitRulesRefused;
   }
+  if (const int exit = session.CheckUnchanged(target, before); exit != kExitDone) return exit;
   if (const int exit = session.Modify(target, before, checked.record); exit != kExitDone) return exit;
   const std::string date = FormatDate(day) + " (" + WeekdayOf(day) + ")";
   if (context.options.json) {
@@ -415,6 +414,7 @@ int RunLaunch(CliContext& context, const OnlineSettings& settings, const std::st
   if (const int exit = session.Fetch(target, before); exit != kExitDone) return exit;
   SCHEDULE_OBJECT after = before;
   after.bRunNow = 1;
+  if (const int exit = session.CheckUnchanged(target, before); exit != kExitDone) return exit;
   const int exit = session.Modify(target, before, after);
   if (exit == kExitRulesRefused) PrintHint(context, "a schedule that has run out can't be started this way");
   if (exit != kExitDone) return exit;

@@ -249,6 +249,17 @@ bool Session::IsLost() const {
   return IsGone(m_link->LastError());
 }
 
+int Session::CheckUnchanged(const Target& target, const SCHEDULE_OBJECT& before) {
+  SCHEDULE_OBJECT present;
+  if (const int exit = Fetch(target, present); exit != kExitDone) return exit;
+  const platform::Zone& zone = platform::CurrentZone();
+  if (CompareKeys(KeysOf(AsServiceKeeps(before), zone), KeysOf(AsServiceKeeps(present), zone)).empty()) {
+    return kExitDone;
+  }
+  PrintError(m_context, Naming(target) + ": somebody else changed the schedule meanwhile; it stays as it is now");
+  return kExitFailed;
+}
+
 int Session::Modify(const Target& target, const SCHEDULE_OBJECT& before, const SCHEDULE_OBJECT& after) {
   const Status status =
       Wait("modify the schedule", true, [&] { return m_link->Service().ModifySchedule(target.id, after); });

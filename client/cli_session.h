@@ -69,6 +69,10 @@ class Session {
   int FindAll(std::vector<Target>& targets);
   int Fetch(const Target& target, SCHEDULE_OBJECT& record);
 
+  // Reads a schedule again, ahead of a change of it: one that somebody else changed meanwhile is told and refused.
+  //   before  the record as it was fetched
+  int CheckUnchanged(const Target& target, const SCHEDULE_OBJECT& before);
+
   // Modifies a schedule, reads it back and compares. The service answers 0 also to a modification that failed late and
   // was taken back; here that is a failure, told as such.
   //   before  the record as it was fetched

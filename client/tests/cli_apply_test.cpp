@@ -107,6 +107,20 @@ TEST_F(CliApply, GoesOnBehindAFileThatTheServiceRefuses) {
   EXPECT_EQ(service.schedules.size(), 2u);
 }
 
+TEST_F(CliApply, LeavesAScheduleThatSomebodyElseChangedMeanwhile) {
+  File("a.toml", "first", "-v");
+  File("b.toml", "daily", "-v two");
+  SCHEDULE_OBJECT& record = service.schedules.at(Id(0xAAAA1111));
+  service.during = [&] { record.bstrDescription = u"of somebody else"; };
+  const Result result = Ask({"apply", Path("files")});
+  EXPECT_EQ(result.exit, 1);
+  EXPECT_THAT(result.err, AllOf(HasSubstr("somebody else changed the schedule meanwhile; it stays as it is now"),
+                                HasSubstr("of 2 files: 1 created, 1 failed")));
+  EXPECT_EQ(record.bstrDescription, u"of somebody else");
+  EXPECT_EQ(record.bstrParameters, u"-v one");
+  EXPECT_EQ(Backups().size(), 0u);
+}
+
 TEST_F(CliApply, SaysWhatIsDoneAndWhatIsNotWhenTheServiceIsLost) {
   const std::string a = File("a.toml", "first", "-v"), b = File("b.toml", "daily", "-v two"), c = File("c.toml", "last", "-v");
   service.beforeModify = [&] {

@@ -256,6 +256,25 @@ TEST_F(CliChange, LosesNothingThatSomebodyElseChangedMeanwhile) {
   EXPECT_EQ(Record().bstrParameters, u"-v one");
 }
 
+TEST_F(CliChange, OtherCommandsLeaveAScheduleThatSomebodyElseChangedMeanwhile) {
+  for (const std::vector<std::string>& words : {std::vector<std::string>{"set", "daily", "job.parameters=-v two"},
+                                                {"skip", "daily"}, {"run", "daily"}}) {
+    Record().bstrDescription = u"";
+    int fetched = 0;
+    service.beforeGet = [&] {
+      if (++fetched == 2) Record().bstrDescription = u"of somebody else";
+    };
+    const Result result = Ask(words);
+    service.beforeGet = {};
+    EXPECT_EQ(result.exit, 1) << words[0];
+    EXPECT_THAT(result.err, HasSubstr("somebody else changed the schedule meanwhile; it stays as it is now")) << words[0];
+    EXPECT_EQ(Record().bstrDescription, u"of somebody else") << words[0];
+    EXPECT_EQ(Record().bstrParameters, u"-v one");
+    EXPECT_EQ(Record().stScheduleRules.alExcludeDates[0], 0);
+    EXPECT_EQ(service.launched, 0);
+  }
+}
+
 TEST_F(CliChange, SaysNothingOfAFileThatTheEditorDeleted) {
   ::setenv("VISUAL", "rm", 1);
   const Result result = Ask({"edit", "daily"});
