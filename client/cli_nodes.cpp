@@ -288,6 +288,10 @@ int RunNodesExec(CliContext& context, const OnlineSettings& settings, const Node
     PrintError(context, "the command \"" + line + "\" isn't UTF-8: another one would be carried in its place");
     return kExitUsage;
   }
+  if (line.empty()) {
+    PrintError(context, "the command is empty");
+    return kExitUsage;
+  }
   const std::u16string command = platform::WideFromUtf8(line);
   if (names.size() < 2) {
     PrintError(context, "--nodes: a node other than this one is needed");
@@ -376,11 +380,17 @@ void AddNodeCommands(CLI::App& app, CliContext& context, CommandChoice& choice, 
     };
   });
   CLI::App* keyfile = nodes->add_subcommand("keyfile", "Make the file of the nodes' common secret");
-  keyfile->add_option("FILE", state->keyfile.file, "The file (nodes.key in the state directory)");
+  CLI::Option* const file =
+      keyfile->add_option("FILE", state->keyfile.file, "The file (nodes.key in the state directory)");
   keyfile->add_option("--account", state->keyfile.account, "The common account (CLUSTER\\qxsvc)")
       ->type_name("DOMAIN\\USER");
-  keyfile->callback([&context, &choice, state] {
-    choice.run = [&context, state] { return RunNodesKeyfile(context, state->keyfile); };
+  keyfile->callback([&context, &choice, state, file] {
+    choice.run = [&context, state, isGiven = file->count() > 0] {
+      if (!isGiven || !state->keyfile.file.empty()) return RunNodesKeyfile(context, state->keyfile);
+      // A script's unset variable must not give this node a secret.
+      PrintError(context, "FILE: the value is empty");
+      return static_cast<int>(kExitUsage);
+    };
   });
 
   for (const char* name : {"add", "rm", "apply", "edit", "set"}) {

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "client/tests/node_service.h"
@@ -184,6 +185,17 @@ TEST_F(CliNodes, ACommandThatIsNoUtf8IsRefusedAsAnotherOneWouldBeRun) {
   EXPECT_EQ(result.exit, 2);
   EXPECT_THAT(result.err, HasSubstr("isn't UTF-8"));
   EXPECT_THAT(m_service.carried, IsEmpty());
+}
+
+TEST_F(CliNodes, AnEmptyCommandOrKeyfileAsOfAnUnsetVariableIsRefused) {
+  const Result command = Ask({"nodes", "exec", "--nodes", "b", ""});
+  EXPECT_EQ(command.exit, 2);
+  EXPECT_THAT(command.err, HasSubstr("the command is empty"));
+  EXPECT_THAT(m_service.carried, IsEmpty());
+  const Result keyfile = Ask({"--root", Path(""), "nodes", "keyfile", ""});
+  EXPECT_EQ(keyfile.exit, 2);
+  EXPECT_THAT(keyfile.err, HasSubstr("FILE: the value is empty"));
+  EXPECT_FALSE(std::filesystem::exists(Path("nodes.key")));
 }
 
 TEST_F(CliNodes, ResultsAsJson) {
