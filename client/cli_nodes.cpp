@@ -13,6 +13,7 @@
 #include "client/status_text.h"
 #include "platform/file.h"
 #include "platform/interrupt.h"
+#include "platform/process.h"
 #include "platform/security.h"
 #include "platform/text.h"
 
@@ -209,10 +210,12 @@ bool CanBeNodeName(std::string_view name) {
          });
 }
 
-// A word so that the command line's rules give it back.
+// A word so that the command line's rules give it back; a program's name with quotation marks may have no such form.
 std::string Quoted(const std::string& word, bool program) {
-  if (!word.empty() && word.find_first_of(" \t\"") == std::string::npos) return word;
-  if (program) return "\"" + word + "\"";  // knows no backslash rule
+  // A program's name knows no backslash rule, and no marks but one in front and the next one.
+  const bool isPlain = word.find_first_of(program ? " \t" : " \t\"") == std::string::npos && !word.starts_with('"');
+  if (!word.empty() && isPlain) return word;
+  if (program) return "\"" + word + "\"";
   std::string quoted = "\"";
   std::size_t backslashes = 0;
   for (const char c : word) {
@@ -288,11 +291,15 @@ int RunNodesExec(CliContext& context, const OnlineSettings& settings, const Node
     PrintError(context, "the command \"" + line + "\" isn't UTF-8: another one would be carried in its place");
     return kExitUsage;
   }
-  if (line.empty()) {
+  if (words.front().empty()) {
     PrintError(context, "the command is empty");
     return kExitUsage;
   }
   const std::u16string command = platform::WideFromUtf8(line);
+  if (words.size() > 1 && Utf8FromWide(platform::SplitCommandLine(command).front()) != words.front()) {
+    PrintError(context, "a program with a '\"' in front, or beside blanks, can't be carried: " + words.front());
+    return kExitUsage;
+  }
   if (names.size() < 2) {
     PrintError(context, "--nodes: a node other than this one is needed");
     return kExitUsage;

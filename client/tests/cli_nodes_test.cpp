@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "client/tests/node_service.h"
+#include "platform/process.h"
 
 namespace {
 
@@ -180,6 +181,20 @@ TEST_F(CliNodes, ACommandThatCannotBeCarriedIsRefused) {
   EXPECT_EQ(Ask({"nodes"}).exit, 2);
 }
 
+TEST_F(CliNodes, AProgramWithAQuotationMarkIsCarriedAsItIsOrRefused) {
+  EXPECT_EQ(Ask({"nodes", "exec", "--nodes", "b", "--", "/tmp/a\"b", "x"}).exit, 0);
+  EXPECT_EQ(m_service.command, "/tmp/a\"b x");
+  EXPECT_EQ(platform::SplitCommandLine(platform::WideFromUtf8(m_service.command)),
+            (std::vector<std::u16string>{u"/tmp/a\"b", u"x"}));
+  m_service.carried.clear();
+  for (const char* program : {"/tmp/a \"b", "\"/tmp/a", "\"/tmp/a b\""}) {
+    const Result result = Ask({"nodes", "exec", "--nodes", "b", "--", program, "x"});
+    EXPECT_EQ(result.exit, 2) << program;
+    EXPECT_THAT(result.err, HasSubstr("can't be carried")) << program;
+  }
+  EXPECT_THAT(m_service.carried, IsEmpty());
+}
+
 TEST_F(CliNodes, ACommandThatIsNoUtf8IsRefusedAsAnotherOneWouldBeRun) {
   const Result result = Ask({"nodes", "exec", "--nodes", "b", "--", "/bin/rm", "/tmp/\xE4"});
   EXPECT_EQ(result.exit, 2);
@@ -191,6 +206,7 @@ TEST_F(CliNodes, AnEmptyCommandOrKeyfileAsOfAnUnsetVariableIsRefused) {
   const Result command = Ask({"nodes", "exec", "--nodes", "b", ""});
   EXPECT_EQ(command.exit, 2);
   EXPECT_THAT(command.err, HasSubstr("the command is empty"));
+  EXPECT_EQ(Ask({"nodes", "exec", "--nodes", "b", "--", "", "x"}).exit, 2);
   EXPECT_THAT(m_service.carried, IsEmpty());
   const Result keyfile = Ask({"--root", Path(""), "nodes", "keyfile", ""});
   EXPECT_EQ(keyfile.exit, 2);
