@@ -88,8 +88,8 @@ TEST_F(CliNodes, ANodeThatDidntDoItIsToldWithItsSentenceAndTheExitIsSeven) {
   m_service.answers = {{u"b", 1}, {u"c", static_cast<std::int32_t>(0x8004020D)}};
   const Result result = Ask({"rm", "nightly", "-y", "--no-backup", "-q", "--nodes", "b,c"});
   EXPECT_EQ(result.exit, 7);
-  EXPECT_THAT(result.err, AllOf(HasSubstr("qxsched: b: no answer, or the operation failed there (the log of this node or "
-                                          "of that one says why)"),
+  EXPECT_THAT(result.err, AllOf(HasSubstr("qxsched: b: no answer, or the operation failed there (the log of this node or of "
+                                          "that one says why)"),
                                 HasSubstr("qxsched: c: 0x8004020D ")));
   EXPECT_TRUE(m_service.schedules.empty());  // what was done here stays
 }
