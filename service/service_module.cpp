@@ -81,7 +81,6 @@ std::string RunningText(std::int64_t window) {
 
 CServiceModule::CServiceModule(ServiceOptions options, INodeChannel* nodes)
     : m_options(std::move(options)),
-      m_nodes(nodes),
       m_loop(m_apartment, m_service, &m_clockWatch, nodes),
       m_timeChange(m_clockWatch),
       m_parts{m_loop, m_timeChange, nodes} {

@@ -71,7 +71,6 @@ class CServiceModule {
   [[nodiscard]] platform::BusAddress BusAddress() const;
 
   const ServiceOptions m_options;
-  INodeChannel* const m_nodes;
   bool m_filesOnly = false;  // registering for a package: of this host nothing is changed
   bool m_runsAsService = true;
   bool m_started = false;  // the first attempt at the bus is over
