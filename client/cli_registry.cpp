@@ -139,6 +139,13 @@ int ReadKeyText(std::string_view text, std::ostream& err, KeyPath& out) {
   return kExitDone;
 }
 
+// Whether it is a key that only a new store makes: without it the service can't be registered again.
+bool IsFixedKey(const KeyPath& path) {
+  if (path.hive != Hive::kLocalMachine && path.hive != Hive::kUsers) return false;
+  const std::size_t end = path.subKey.find_last_not_of(u'\\');
+  return end != std::u16string::npos && path.subKey.find(u'\\') > end;
+}
+
 int ReadName(std::string_view text, std::ostream& err, std::u16string& out) {
   return FromUtf8(text, out) ? kExitDone : Complain(err, "the value's name is not UTF-8 text", kExitUsage);
 }
@@ -389,6 +396,7 @@ int RegDelete(std::string_view keyText, const std::optional<std::string>& name, 
   KeyPath path;
   if (const int exitCode = ReadKeyText(keyText, err, path); exitCode != kExitDone) return exitCode;
   if (!name) {
+    if (IsFixedKey(path)) return ComplainOfCode(err, QuotedLine(keyText), platform::ERROR_ACCESS_DENIED);
     const ErrorCode code = platform::DeleteTree(path.hive, path.subKey);
     return code == platform::ERROR_SUCCESS ? kExitDone : ComplainOfCode(err, QuotedLine(keyText), code);
   }

@@ -254,6 +254,10 @@ TEST_F(RegCommand, DeletesAValueOrAKeyWithAllBelowIt) {
   ASSERT_EQ(Delete("HKCU\\Software\\V"), 0);
   EXPECT_EQ(List("HKCU\\Software\\V"), 3);
   EXPECT_EQ(Delete("HKCU"), 4) << "a root stays";
+  for (const char* key : {"HKLM\\SOFTWARE", "HKLM\\SYSTEM\\", "HKU\\.DEFAULT"}) {
+    EXPECT_EQ(Delete(key), 4) << key << " can't be made again";
+    EXPECT_EQ(List(key), 0) << key;
+  }
 }
 
 TEST_F(RegCommand, ReportsAStoreThatFails) {
