@@ -210,6 +210,12 @@ bool CanBeNodeName(std::string_view name) {
          });
 }
 
+// Names of hosts are the same in either case of their letters.
+std::u16string InSmallLetters(std::u16string name) {
+  for (char16_t& c : name) c += c >= u'A' && c <= u'Z' ? u'a' - u'A' : 0;
+  return name;
+}
+
 // A word so that the command line's rules give it back; a program's name with quotation marks may have no such form.
 std::string Quoted(const std::string& word, bool program) {
   // A program's name knows no backslash rule, and no marks but one in front and the next one.
@@ -244,7 +250,10 @@ bool ParseNodeList(const std::string& text, NodeNames& names, std::string& error
   names.clear();
   for (std::string_view rest = text;;) {
     const std::string_view name = rest.substr(0, rest.find(','));
-    const std::u16string wide = platform::WideFromUtf8(name);
+    std::u16string wide = platform::WideFromUtf8(name);
+    const std::u16string folded = InSmallLetters(wide);
+    // The service knows this spelling alone, and would go to itself by any other.
+    if (folded == kLocalhost) wide = folded;
     if (name.empty()) {
       error = "--nodes: a name is empty (allowed: names or addresses with commas between them)";
       return false;
@@ -254,7 +263,7 @@ bool ParseNodeList(const std::string& text, NodeNames& names, std::string& error
               "\" is no node's name (allowed: names or addresses with commas between them, without blanks)";
       return false;
     }
-    if (std::find(names.begin(), names.end(), wide) != names.end()) {
+    if (std::any_of(names.begin(), names.end(), [&](const auto& other) { return InSmallLetters(other) == folded; })) {
       error = "--nodes: \"" + std::string(name) + "\" stands twice";
       return false;
     }

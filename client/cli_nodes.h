@@ -29,7 +29,7 @@ inline constexpr std::size_t kLongestNodeBody = 4900;
 // The length of the body that performing a command sends.
 [[nodiscard]] std::size_t NodeBodySize(std::u16string_view command);
 
-// The names of a list "a,b": this node is added as "localhost" where it is missing, in front.
+// The names of a list "a,b": this node, "localhost" in whatever letters, is added where it is missing, in front.
 //   error    a sentence for a name that is empty, stands twice, isn't UTF-8, or has blanks or control characters
 //   returns  false then
 [[nodiscard]] bool ParseNodeList(const std::string& text, NodeNames& names, std::string& error);

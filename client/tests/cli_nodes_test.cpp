@@ -51,6 +51,14 @@ TEST_F(CliNodes, NamesAreReadWithThisNodeInFrontWhereItIsMissing) {
   EXPECT_EQ(error, "--nodes: \"a\" stands twice");
 }
 
+TEST_F(CliNodes, ANodeInOtherLettersIsTheSameNode) {
+  EXPECT_EQ(Ask({"nodes", "exec", "--nodes", "b,B", "x"}).exit, 2);  // the command would run twice
+  EXPECT_EQ(Ask({"nodes", "exec", "--nodes", "LocalHost", "x"}).exit, 2);
+  EXPECT_THAT(m_service.carried, IsEmpty());
+  EXPECT_EQ(Ask({"nodes", "exec", "--nodes", "B,LOCALHOST", "x"}).exit, 0);
+  EXPECT_THAT(m_service.carried, ElementsAre("perform B,localhost"));
+}
+
 TEST_F(CliNodes, ANameThatNoNodeCanHaveIsRefusedBeforeAnythingIsChanged) {
   m_service.schedules[Id(0xAB120001)].bstrName = u"nightly";
   for (const char* list : {"b, c", " b", "b\tc", "b\n", "b,c\xE4"}) {
@@ -88,8 +96,8 @@ TEST_F(CliNodes, ANodeThatDidntDoItIsToldWithItsSentenceAndTheExitIsSeven) {
   m_service.answers = {{u"b", 1}, {u"c", static_cast<std::int32_t>(0x8004020D)}};
   const Result result = Ask({"rm", "nightly", "-y", "--no-backup", "-q", "--nodes", "b,c"});
   EXPECT_EQ(result.exit, 7);
-  EXPECT_THAT(result.err, AllOf(HasSubstr("qxsched: b: no answer, or the operation failed there (the log of this node or of "
-                                          "that one says why)"),
+  EXPECT_THAT(result.err, AllOf(HasSubstr("qxsched: b: no answer, or the operation failed there (the log of this node "
+                                          "or of that one says why)"),
                                 HasSubstr("qxsched: c: 0x8004020D ")));
   EXPECT_TRUE(m_service.schedules.empty());  // what was done here stays
 }
