@@ -61,7 +61,8 @@ struct ComingWindow {
   std::int64_t day = 0;  // since 1970-01-01: the local day on which the window opens
   bool last = false;     // no further one follows
 };
-// The windows of a record, and the restarts in them, behind the instant `from`, at most `count`, in the zone of the process.
+// The windows of a record, and the restarts in them, behind the instant `from`, at most `count`, in the zone of the
+// process.
 //   status  0, or the refusal of the record's rules, then without a window
 [[nodiscard]] std::vector<ComingWindow> ComingWindows(const SCHEDULE_OBJECT& record, std::int64_t from,
                                                       std::int64_t count, Status& status);
