@@ -53,10 +53,10 @@ for preset in "${presets[@]}"; do
   cmake --preset "$preset" >"/tmp/qx-configure-$preset.$$" 2>&1 || { cat "/tmp/qx-configure-$preset.$$" >&2; exit 1; }
   rm -f "/tmp/qx-configure-$preset.$$"
   # The slow set's programs are built once, so that they stay whole, and once more only to be run.
-  target=(--target quick_tests)
-  [ "$preset" = dev ] || [ "$all" = yes ] && target=()
-  cmake --build --preset "$preset" "${target[@]}"
-  [ "$preset" = dev ] && cmake --build --preset dev --target all_verify_interface_header_sets
+  target=(quick_tests)
+  [ "$all" = yes ] && target=(all)
+  [ "$preset" = dev ] && target=(all all_verify_interface_header_sets)
+  cmake --build --preset "$preset" --target "${target[@]}"
   echo "== $preset: test" >&2
   tested+=("$preset")
   ctest --preset "$preset" "${labels[@]}" --output-on-failure
