@@ -150,7 +150,8 @@ class PageInABrowser : public testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(HeadlessBrowser::IsInstalled())
-        << HeadlessBrowser::kProgram << " isn't there (Debian package chromium): scripts/install-deps.sh chromium brings it";
+        << HeadlessBrowser::kProgram
+        << " isn't there (Debian package chromium): scripts/install-deps.sh chromium brings it";
     m_browser.emplace();
   }
   void TearDown() override {

@@ -267,7 +267,8 @@ TEST_F(CliChange, OtherCommandsLeaveAScheduleThatSomebodyElseChangedMeanwhile) {
     const Result result = Ask(words);
     service.beforeGet = {};
     EXPECT_EQ(result.exit, 1) << words[0];
-    EXPECT_THAT(result.err, HasSubstr("somebody else changed the schedule meanwhile; it stays as it is now")) << words[0];
+    EXPECT_THAT(result.err, HasSubstr("somebody else changed the schedule meanwhile; it stays as it is now"))
+        << words[0];
     EXPECT_EQ(Record().bstrDescription, u"of somebody else") << words[0];
     EXPECT_EQ(Record().bstrParameters, u"-v one");
     EXPECT_EQ(Record().stScheduleRules.alExcludeDates[0], 0);

@@ -19,8 +19,8 @@
 
 namespace {
 
-// Blocks of the schedule object's size that are in use, by the operators below: their number, and where they are, as not
-// every compiler tells the size of what is freed. More than these aren't counted.
+// Blocks of the schedule object's size that are in use, by the operators below: their number, and where they are, as
+// not every compiler tells the size of what is freed. More than these aren't counted.
 std::atomic<int> g_liveSchedules{0};
 std::array<std::atomic<void*>, 16> g_scheduleBlocks{};
 
