@@ -26,6 +26,8 @@ constexpr std::uint32_t kFirstRows = 128;
 constexpr double kPageRows = 1000;
 constexpr std::uint64_t kParts = 4;
 constexpr std::uint64_t kPlaces = std::uint64_t{1} << 32;
+// Room is made for so many rows of a part at most, however many are expected.
+constexpr double kMostRoom = 1 << 17;
 
 // IDs of a list come in upper case or lower; their order knows no case.
 bool IsBehind(std::string_view id, std::string_view other) {
@@ -73,13 +75,18 @@ struct ListWalk::Part {
 
   // How many rows are to come.
   [[nodiscard]] double Expected() const { return density * std::max(end - PlaceOf(after), 0.0); }
+  // The same, as good as never less than come where IDs lie evenly.
+  [[nodiscard]] double Most() const {
+    const double expected = Expected();
+    return expected + 3 * std::sqrt(expected) + 8;
+  }
   // Of a page that hardly reaches into the next part.
   [[nodiscard]] std::uint32_t Limit() const {
     if (after.empty()) return kFirstRows;
-    const double expected = Expected();
-    const double most = expected + 3 * std::sqrt(expected) + 8;  // nearly always enough
+    const double most = Most();
     return !isEven || density <= 0 || most >= kPageRows ? 0 : static_cast<std::uint32_t>(most);
   }
+  void MakeRoom() { list.rows.reserve(list.rows.size() + static_cast<std::size_t>(std::min(Most(), kMostRoom))); }
 };
 
 // Gives the places behind the first page to several parts.
@@ -97,6 +104,7 @@ void ListWalk::Cut(const std::shared_ptr<Part>& first) {
     m_parts.back()->upTo = part->after;
     m_parts.push_back(part);
   }
+  for (const auto& part : m_parts) part->MakeRoom();
 }
 
 Status ListWalk::AskFor(const std::shared_ptr<Part>& part) {

@@ -218,7 +218,7 @@ void AppendRecord(MessageWriter& writer, const Record& record, const Field<Recor
             if (!value) return;
           }
           writer.OpenDictEntry("sv");
-          writer.AppendTerminated(field.key);
+          writer.AppendValid(field.key);
           writer.OpenVariant(TypeOf(&value));
           AppendValue(writer, value);
           writer.Close();
@@ -446,7 +446,7 @@ void AppendListRow(MessageWriter& writer, const ListRow& row) {
 }
 
 void AppendListRow(MessageWriter& writer, const SentListRow& row) {
-  AppendRow(writer, row, [&](std::string_view text) { writer.AppendTerminated(text); });
+  AppendRow(writer, row, [&](std::string_view text) { writer.AppendValid(text); });
 }
 
 BusError ReadListRow(MessageReader& reader, ListRow& row) {
@@ -528,7 +528,7 @@ void AppendSentText(std::string& out, std::u16string_view text) {
 
 void AppendText(MessageWriter& writer, std::u16string_view text) {
   constexpr std::size_t kUsualUnits = 256;
-  char plain[kUsualUnits + 1];
+  char plain[kUsualUnits];
   std::size_t count = 0;
   if (text.size() <= kUsualUnits) {
     while (count < text.size() && text[count] >= 1 && text[count] < 0x80) {
@@ -537,8 +537,7 @@ void AppendText(MessageWriter& writer, std::u16string_view text) {
     }
   }
   if (count == text.size()) {  // nothing to be replaced or converted
-    plain[count] = '\0';
-    writer.AppendTerminated({plain, count});
+    writer.AppendValid({plain, count});
   } else {
     writer.AppendString(platform::Utf8FromWide(Sendable(text)));
   }

@@ -34,7 +34,7 @@ struct BasicListRow {
 
 // A row as a program reads it.
 using ListRow = BasicListRow<std::u16string>;
-// A row as it travels: UTF-8 texts that stand elsewhere, each with a NUL right behind it.
+// A row as it travels: UTF-8 texts without NUL that stand elsewhere.
 using SentListRow = BasicListRow<std::string_view>;
 
 // Rows with what holds their texts; copies share it. Belongs to the thread of those who made it.

@@ -108,8 +108,9 @@ class MessageWriter {
   void AppendUint64(std::uint64_t value);
   // UTF-8 without NUL; anything else fails with ERROR_NO_UNICODE_TRANSLATION (1113).
   void AppendString(std::string_view value);
-  // The same for a text with a NUL right behind it and, as the caller knows, none inside: saves a copy and a look.
-  void AppendTerminated(std::string_view value);
+  // The same for a text that the caller knows to be valid: UTF-8 without NUL and without noncharacters. Nobody looks at
+  // it again, so the bus would end the connection for any other.
+  void AppendValid(std::string_view value);
   // A whole array of numbers at once.
   void AppendArray(std::span<const std::int16_t> values);
   void AppendArray(std::span<const std::int32_t> values);
@@ -142,7 +143,6 @@ class MessageWriter {
   template <typename Held>
   bool AppendHeldNumber(char letter, Held held);
   void AppendText(char type, std::string_view value);
-  void AppendTerminated(char type, std::string_view value);
   bool AppendContainer(std::string_view type, const std::vector<BusValue>& inside);
   void Open(char type, std::string_view contents);
   void* m_message = nullptr;

@@ -1,5 +1,6 @@
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <type_traits>
 #include <utility>
@@ -103,12 +104,7 @@ void MessageWriter::AppendText(char type, std::string_view value) {
     return;
   }
   m_scratch.assign(value);
-  AppendTerminated(type, m_scratch);
-}
-
-void MessageWriter::AppendTerminated(char type, std::string_view value) {
-  if (!Begin()) return;
-  const int result = sd_bus_message_append_basic(Message(m_message), type, value.data());
+  const int result = sd_bus_message_append_basic(Message(m_message), type, m_scratch.c_str());
   // The only thing a fresh string can be refused for is its text.
   if (result == -EINVAL) {
     m_result = ERROR_NO_UNICODE_TRANSLATION;
@@ -123,7 +119,15 @@ void MessageWriter::AppendTerminated(char type, std::string_view value) {
 }
 
 void MessageWriter::AppendString(std::string_view value) { AppendText(SD_BUS_TYPE_STRING, value); }
-void MessageWriter::AppendTerminated(std::string_view value) { AppendTerminated(SD_BUS_TYPE_STRING, value); }
+
+void MessageWriter::AppendValid(std::string_view value) {
+  if (!Begin()) return;
+  char* space = nullptr;
+  const int result = sd_bus_message_append_string_space(Message(m_message), value.size(), &space);
+  if (result >= 0) std::copy(value.begin(), value.end(), space);
+  Note(result);
+  Count(4, 4 + value.size() + 1);
+}
 
 void MessageWriter::Open(char type, std::string_view contents) {
   if (!Begin()) return;

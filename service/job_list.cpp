@@ -90,6 +90,15 @@ CJobNode* CJobList::FindNode(const ScheduleGuid& id) {
   return at == m_entries.end() ? nullptr : &at->second.node;
 }
 
+void CJobList::FindNodes(std::span<const ScheduleGuid> ids, std::span<CJobNode*> nodes) {
+  auto at = m_entries.end();
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    if (at == m_entries.end() || at->first != ids[i]) at = m_entries.lower_bound(ids[i]);
+    const bool isThere = at != m_entries.end() && at->first == ids[i];
+    nodes[i] = isThere ? &(at++)->second.node : nullptr;
+  }
+}
+
 CJobList::Position CJobList::Erase(Position at) {
   Entry* const entry = *at.m_at;
   if (entry->changed) {

@@ -90,6 +90,9 @@ class CJobList {
   [[nodiscard]] Position Find(const ScheduleGuid& id) QX_REQUIRES(g_JobListLock);
   // The node of an ID without its place, at half the cost; null for none. Valid until it is erased.
   [[nodiscard]] CJobNode* FindNode(const ScheduleGuid& id) QX_REQUIRES(g_JobListLock);
+  // The same for several IDs, which cost one step each where they are neighbours in ascending order.
+  //   nodes  of the length of `ids`
+  void FindNodes(std::span<const ScheduleGuid> ids, std::span<CJobNode*> nodes) QX_REQUIRES(g_JobListLock);
   // Erases a node, its reference untouched, and gives its successor.
   Position Erase(Position at) QX_REQUIRES(g_JobListLock);
   // Tells that a node's window was changed in place: it keeps its place until Sort().

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <iterator>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -54,13 +56,32 @@ bool IsLasting(ErrorCode code) {
          code == platform::ERROR_MORE_DATA;
 }
 
-// Appends the name of a listed schedule; the lock is held.
-void AppendName(const CJobNode& node, std::string& out) {
+// Keeps a text as it travels, with its length in bytes ahead of it.
+void KeepText(std::u16string_view text, std::string& texts) {
+  std::uint32_t length = 0;
+  const std::size_t begin = texts.size();
+  texts.append(sizeof length, '\0');
+  AppendSentText(texts, text);
+  length = static_cast<std::uint32_t>(texts.size() - begin - sizeof length);
+  std::memcpy(texts.data() + begin, &length, sizeof length);
+}
+
+// The text that is kept at a place, and the place behind it.
+std::string_view KeptText(const std::string& texts, std::size_t& at) {
+  std::uint32_t length = 0;
+  std::memcpy(&length, texts.data() + at, sizeof length);
+  const std::string_view text(texts.data() + at + sizeof length, length);
+  at += sizeof length + length;
+  return text;
+}
+
+// Keeps the name of a listed schedule; the lock is held.
+void KeepName(const CJobNode& node, std::string& texts) {
   char16_t* text = nullptr;
   zepISchedule* const rules = node.ScheduleObj.m_pSchedule;
-  if (rules == nullptr || ZepFailed(rules->get_Name(&text)) || text == nullptr) return;
-  AppendSentText(out, text);
-  ZepStringFree(text);
+  const bool hasName = rules != nullptr && !ZepFailed(rules->get_Name(&text)) && text != nullptr;
+  KeepText(hasName ? std::u16string_view(text) : std::u16string_view(), texts);
+  if (hasName) ZepStringFree(text);
 }
 
 std::u16string NameFromFile(const ScheduleGuid& id, std::u16string_view xmlPath) {
@@ -79,6 +100,11 @@ std::u16string NameFromFile(const ScheduleGuid& id, std::u16string_view xmlPath)
 // Whether the first key behind `afterId` is among those that were read or the next one to be read.
 bool CListInfo::Stretch::Covers(const std::u16string& afterId) const {
   return !IsBehind(from, afterId) && (isComplete || !IsBehind(afterId, upTo));
+}
+
+std::string_view CListInfo::Stretch::IdOf(const KeptRow& row) const {
+  std::size_t at = row.texts;
+  return KeptText(texts, at);
 }
 
 std::size_t CListInfo::Stretch::FirstBehind(const std::u16string& afterId) const {
@@ -131,16 +157,12 @@ void CListInfo::Keep(const platform::SubKeyValues& key, Stretch& stretch) {
   KeptRow row;
   if (platform::ClsidFromString(key.Name(), row.id) != 0) return;
   row.texts = stretch.texts.size();
-  const auto append = [&](std::u16string_view text) {
-    AppendSentText(stretch.texts, text);
-    stretch.texts.push_back('\0');
-  };
-  append(key.Name());
+  KeepText(key.Name(), stretch.texts);
   ErrorCode rc = ERROR_SUCCESS;
   std::u16string text;
   for (std::size_t i = 0; i < kTextCount && rc == ERROR_SUCCESS; ++i) {
     rc = key.Text(i, text);
-    if (rc == ERROR_SUCCESS) append(text);
+    if (rc == ERROR_SUCCESS) KeepText(text, stretch.texts);
   }
   std::uint32_t useGuid = 0;
   if (rc == ERROR_SUCCESS) rc = key.Dword(kTaskCode, row.taskCode);
@@ -191,12 +213,14 @@ ErrorCode CListInfo::Prepare(const std::u16string& afterId, std::uint32_t limit,
 // Looks up several rows at a time: with very many schedules each node and each rule object is fetched from memory, all
 // of them at once rather than one after the other.
 void CListInfo::LookUp(const Stretch& stretch, std::size_t begin, std::size_t end) {
-  std::array<CJobNode*, kRowsAtOnce> nodes{};
+  std::array<ScheduleGuid, kRowsAtOnce> ids;
+  std::array<CJobNode*, kRowsAtOnce> found{};
+  const std::span nodes = std::span(found).first(end - begin);
+  for (std::size_t i = begin; i < end; ++i) ids[i - begin] = stretch.rows[i].id;
   m_names.clear();
   const platform::CriticalSectionGuard guard(g_JobListLock);
-  for (std::size_t i = begin; i < end; ++i) {
-    CJobNode* const node = stretch.rows[i].isDamaged ? nullptr : g_JobList.FindNode(stretch.rows[i].id);
-    nodes[i - begin] = node;
+  g_JobList.FindNodes(std::span(ids).first(nodes.size()), nodes);
+  for (const CJobNode* node : nodes) {
     if (node != nullptr) __builtin_prefetch(&node->ScheduleObj);
   }
   for (const CJobNode* node : nodes) {
@@ -204,33 +228,33 @@ void CListInfo::LookUp(const Stretch& stretch, std::size_t begin, std::size_t en
     const auto* const rules = reinterpret_cast<const char*>(node->ScheduleObj.m_pSchedule);
     for (std::size_t at = 0; at < kRulesAhead; at += kCacheLine) __builtin_prefetch(rules + at);
   }
-  for (std::size_t i = 0; i < end - begin; ++i) {
+  for (std::size_t i = 0; i < nodes.size(); ++i) {
     Listed& listed = m_listed[i];
     listed = {nodes[i] != nullptr, kNoWindow, m_names.size()};
     if (nodes[i] == nullptr) continue;
     listed.nextWindow = static_cast<std::int32_t>(nodes[i]->NextTimeWindow);
-    AppendName(*nodes[i], m_names);
-    m_names.push_back('\0');
+    KeepName(*nodes[i], m_names);
   }
 }
 
 SentListRow CListInfo::Row(const Stretch& stretch, const KeptRow& kept, const Listed& listed) {
   SentListRow row;
-  row.id = stretch.IdOf(kept);
+  std::size_t at = kept.texts;
+  row.id = KeptText(stretch.texts, at);
   if (kept.isDamaged) {
     row.nextWindow = kDamagedKey;
     return row;
   }
-  std::string_view last = row.id;
   std::string_view* const texts[] = {&row.application, &row.objectId,  &row.wrapper,   &row.xml,
                                      &row.parameters,  &row.preScript, &row.postScript};
   static_assert(std::size(texts) == kTextCount);
-  for (std::string_view* text : texts) last = *text = last.data() + last.size() + 1;
+  for (std::string_view* text : texts) *text = KeptText(stretch.texts, at);
   row.taskCode = kept.taskCode;
   row.passId = kept.passId;
   row.nextWindow = listed.nextWindow;
   if (listed.hasNode) {
-    row.name = m_names.c_str() + listed.name;
+    std::size_t name = listed.name;
+    row.name = KeptText(m_names, name);
   } else {
     m_nameFromFile.clear();
     AppendSentText(m_nameFromFile, NameFromFile(kept.id, platform::WideFromUtf8(row.xml)));

@@ -38,8 +38,8 @@ class CListInfo {
   [[nodiscard]] Status Page(const std::u16string& afterId, std::uint32_t limit, const RowSeen& row);
 
  private:
-  // A key as the store has it. Its texts stand in `texts` one behind the other as they travel, each with a terminator:
-  // the ID, then the values in their order.
+  // A key as the store has it. Its texts stand in `texts` one behind the other as they travel, each with its length
+  // ahead of it: the ID, then the values in their order.
   struct KeptRow {
     std::size_t texts = 0;
     ScheduleGuid id;
@@ -55,7 +55,7 @@ class CListInfo {
     std::vector<KeptRow> rows;
     std::string texts;
 
-    [[nodiscard]] std::string_view IdOf(const KeptRow& row) const { return texts.c_str() + row.texts; }
+    [[nodiscard]] std::string_view IdOf(const KeptRow& row) const;
     [[nodiscard]] bool Covers(const std::u16string& afterId) const;
     [[nodiscard]] std::size_t FirstBehind(const std::u16string& afterId) const;
     // Takes what another stretch has behind the end of this one; false where there is a gap.

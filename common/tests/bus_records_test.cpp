@@ -332,6 +332,28 @@ TEST(BusRecords, SendsANoncharacterAsAReplacementCharacter) {
   EXPECT_TRUE(echo.received.bstrName == schedule.bstrName);
 }
 
+// The library doesn't look at these texts again, and the bus ends a connection that sends others.
+TEST(BusRecords, MakesATextThatTheBusTakesOfAnyUnits) {
+  const auto unit = rc::gen::oneOf(rc::gen::arbitrary<std::uint16_t>(), rc::gen::inRange<std::uint16_t>(0, 0x90),
+                                   rc::gen::inRange<std::uint16_t>(0xD7F0, 0xE010),
+                                   rc::gen::inRange<std::uint16_t>(0xFDC0, 0xFE00),
+                                   rc::gen::element<std::uint16_t>(0xFFFD, 0xFFFE, 0xFFFF));
+  EXPECT_TRUE(rc::check([&] {
+    std::u16string text;
+    for (const std::uint16_t c : *rc::gen::container<std::vector<std::uint16_t>>(unit)) text += char16_t(c);
+    std::string sent;
+    AppendSentText(sent, text);
+    RC_ASSERT(platform::IsValidUtf8(sent));
+    RC_ASSERT(sent.find('\0') == std::string::npos);
+    ScheduleEcho echo;  // reads texts with a look at each
+    SCHEDULE_OBJECT schedule;
+    schedule.bstrName = text;
+    RC_PRE(text.find_first_of(u"\r\n") == std::u16string::npos);
+    RC_ASSERT(echo.Call(schedule).text == "");
+    RC_ASSERT(*echo.received.bstrName == platform::WideFromUtf8(sent));
+  }));
+}
+
 // --- the round trip ---
 
 rc::Gen<BSTR> AnyText() {

@@ -485,8 +485,28 @@ TEST_F(BusPair, RefusesToSendAMessageThatCouldNotBeBuilt) {
   EXPECT_EQ(server.NewSignal("no slash", kInterface, "S", signal), ERROR_INVALID_PARAMETER);
 }
 
+TEST_F(BusPair, CarriesAValidTextAsAnyOther) {
+  const std::string_view kTexts[] = {"", "a", "abc", "abcd", "\xC3\xA9t\xC3\xA9 \xF0\x9F\x99\x82"};
+  Serve({"Twice", {}, {{"as", "looked_at"}, {"as", "valid"}}, [&](MessageReader&, MessageWriter& reply) {
+           reply.OpenArray("s");
+           for (const std::string_view text : kTexts) reply.AppendString(text);
+           reply.Close();
+           const std::size_t first = reply.BytesSoFar();
+           reply.OpenArray("s");
+           for (const std::string_view text : kTexts) reply.AppendValid(text);
+           reply.Close();
+           EXPECT_EQ(reply.BytesSoFar(), (first + 3) / 4 * 4 + first);
+           return BusError{};
+         }});
+  const Answer answer = Call("Twice", {});
+  ASSERT_EQ(answer.values.size(), 2u);
+  EXPECT_EQ(std::get<Arguments>(answer.values[0].data).size(), std::size(kTexts));
+  EXPECT_EQ(answer.values[0], answer.values[1]);
+}
+
 TEST(MessageWriter, FailsWithoutAMessage) {
   MessageWriter writer;
+  writer.AppendValid("a");
   writer.AppendInt32(1);
   writer.OpenArray("i");
   EXPECT_EQ(writer.Result(), ERROR_INVALID_HANDLE);

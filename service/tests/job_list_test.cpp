@@ -194,4 +194,22 @@ TEST(JobList, GivesTheSuccessorOfAnErasedNode) {
   EXPECT_TRUE(list.Empty());
 }
 
+TEST(JobList, FindsSeveralIdsAsItFindsEachAlone) {
+  EXPECT_TRUE(rc::check([] {
+    CJobList list;
+    for (const std::uint32_t number : *rc::gen::unique<std::vector<std::uint32_t>>(rc::gen::inRange(0u, 20u))) {
+      (void)list.AddJob(Node(number, 0));
+    }
+    auto numbers = *rc::gen::container<std::vector<std::uint32_t>>(rc::gen::inRange(0u, 20u));
+    if (*rc::gen::arbitrary<bool>()) std::sort(numbers.begin(), numbers.end());
+    std::vector<ScheduleGuid> ids;
+    std::transform(numbers.begin(), numbers.end(), std::back_inserter(ids), Id);
+    CJobNode untouched;
+    std::vector<CJobNode*> nodes(ids.size(), &untouched);
+    const platform::CriticalSectionGuard guard(g_JobListLock);
+    list.FindNodes(ids, nodes);
+    for (std::size_t i = 0; i < ids.size(); ++i) RC_ASSERT(nodes[i] == list.FindNode(ids[i]));
+  }));
+}
+
 }  // namespace
