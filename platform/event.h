@@ -49,9 +49,11 @@ class EventSet {
   void Set(std::size_t index);
 
   // Waits until one of the events is set, at most `limitMs` milliseconds of the steady clock (0 looks and returns,
-  // kWaitForever waits without end). Under an installed ClockSource a wait that finds nothing set consumes the limit
-  // from it in this thread and times out without waiting in real time; where the source doesn't take the wait, and
-  // always for kWaitForever, the wait is real.
+  // kWaitForever waits without end). One that found nothing set and goes on beyond its limit times out, also where an
+  // event was set meanwhile: that stays set, and what is due at the limit isn't put off by an event of its moment.
+  // Under an installed ClockSource a wait that finds nothing set consumes the limit from it in this thread and times
+  // out without waiting in real time; where the source doesn't take the wait, and always for kWaitForever, the wait is
+  // real.
   //   returns  0 with kEvent or kTimeout; ERROR_INVALID_HANDLE (6) before Create(), or an injected code of
   //            Operation::kWaitForEvents, with kFailed
   //   fromSteadyNanoseconds  where the steady clock stood when the limit began to run; 0 for now

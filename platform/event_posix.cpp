@@ -76,9 +76,11 @@ ErrorCode EventSet::Wait(std::uint32_t limitMs, WaitResult& result, std::int64_t
     if (source->ConsumeWait(limitMs)) return ERROR_SUCCESS;
     lock.Lock();
   }
-  // One more look behind the deadline: an event may have come with it.
-  bool inTime = true;
-  while (!state.TakeLowest(result) && inTime) inTime = state.changed.WaitUntil(lock, deadline);
+  while (Steady::now() < deadline) {
+    if (state.TakeLowest(result)) return ERROR_SUCCESS;
+    (void)state.changed.WaitUntil(lock, deadline);
+  }
+  if (state.set != 0) state.changed.NotifyOne();  // its wake may have been spent on this wait
   return ERROR_SUCCESS;
 }
 

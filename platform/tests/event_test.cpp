@@ -215,6 +215,17 @@ TEST(EventSet, WaitsInRealTimeWhereTheClockDoesNotTakeTheWait) {
   EXPECT_EQ(WaitFor(events, 60000).kind, Kind::kEvent);
 }
 
+// Whatever was due at the limit is due, also where somebody sets an event at the same moment.
+TEST(EventSet, TimesOutOnceItsLimitHasPassedAndKeepsWhatWasSetMeanwhile) {
+  CountingClock clock(false);
+  EventSet events = SetOf(2);
+  clock.during = &events;
+  WaitResult result;
+  EXPECT_EQ(events.Wait(1, result, 1), ERROR_SUCCESS);  // its limit began when the machine did
+  EXPECT_EQ(result, (WaitResult{Kind::kTimeout, 0}));
+  EXPECT_EQ(WaitFor(events, 0), (WaitResult{Kind::kEvent, 0}));
+}
+
 TEST(EventSet, FailsTheWaitWithTheInjectedCodeAndTakesNothing) {
   EventSet events = SetOf(1);
   events.Set(0);
