@@ -27,6 +27,7 @@ bool CJobList::ById::operator()(const ScheduleGuid& a, const ScheduleGuid& b) co
 Status CJobList::AddJob(CJobNode node) {
   const platform::CriticalSectionGuard guard(g_JobListLock);
   const ScheduleGuid id = node.ScheduleID;
+  SortChanged();
   const auto [at, inserted] = m_entries.try_emplace(id);
   if (!inserted) return kStatusJobExists;
   Entry& entry = at->second;
@@ -47,6 +48,7 @@ void CJobList::AddJobs(std::span<CJobNode> nodes, const std::function<void(CJobN
   std::vector<Added> added;
   added.reserve(nodes.size());
   const platform::CriticalSectionGuard guard(g_JobListLock);
+  SortChanged();
   for (CJobNode& node : nodes) {
     const std::size_t before = m_entries.size();
     // At a start they come in the order of their IDs.
@@ -68,6 +70,11 @@ void CJobList::AddJobs(std::span<CJobNode> nodes, const std::function<void(CJobN
   auto hint = m_sequence.begin();
   for (const Added& one : added) hint = std::next(m_sequence.insert(hint, one.entry));
   m_size.store(m_entries.size(), std::memory_order_relaxed);
+}
+
+// A node that comes between a pass and its sort stands ahead of those whose new window it has.
+void CJobList::SortChanged() {
+  if (!m_changed.empty()) Sort();
 }
 
 void CJobList::RemoveJob(CJobNode node) {

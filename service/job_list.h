@@ -95,12 +95,14 @@ class CJobList {
   void FindNodes(std::span<const ScheduleGuid> ids, std::span<CJobNode*> nodes) QX_REQUIRES(g_JobListLock);
   // Erases a node, its reference untouched, and gives its successor.
   Position Erase(Position at) QX_REQUIRES(g_JobListLock);
-  // Tells that a node's window was changed in place: it keeps its place until Sort().
+  // Tells that a node's window was changed in place: it keeps its place until Sort() or until a node is added.
   void MarkChanged(Position at) QX_REQUIRES(g_JobListLock);
   // Stable, ascending by window; costs the logarithm of the length for each changed node.
   void Sort() QX_REQUIRES(g_JobListLock);
 
  private:
+  void SortChanged() QX_REQUIRES(g_JobListLock);
+
   std::map<ScheduleGuid, Entry, ById> m_entries QX_GUARDED_BY(g_JobListLock);
   Sequence m_sequence QX_GUARDED_BY(g_JobListLock);
   std::vector<Entry*> m_changed QX_GUARDED_BY(g_JobListLock);

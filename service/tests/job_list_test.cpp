@@ -122,6 +122,17 @@ void CompareWithTheToldList() {
           }
         }
         RC_ASSERT(Contents(list) == told.Contents());
+        if (*rc::gen::inRange(0, 2) == 0) {  // somebody adds ahead of the sort
+          std::vector<CJobNode> nodes = {Node(*number, *window)};
+          const Status added = told.Add(nodes.front());
+          if (*rc::gen::inRange(0, 2) == 0) {
+            RC_ASSERT(list.AddJob(nodes.front()) == added);
+          } else {
+            int refused = 0;
+            list.AddJobs(nodes, [&](const CJobNode&) { ++refused; });
+            RC_ASSERT((refused == 0) == (added == kStatusOk));
+          }
+        }
         list.Sort();
         told.Sort();
       }
