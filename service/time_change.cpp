@@ -26,12 +26,21 @@ bool IsListed(std::u16string_view keyName) {
   return g_JobList.Find(id) != g_JobList.End() && platform::GuidText(id) == keyName;
 }
 
+bool IsOutOfTheList(std::u16string_view keyName) {
+  ScheduleGuid id{};
+  if (platform::ClsidFromString(keyName, id) != 0) return false;
+  const CriticalSectionGuard guard(g_JobListLock);
+  return IsBeingModified(id);
+}
+
 bool HasKey(const RegistryKey& schedules, std::u16string_view keyName) {
   RegistryKey key;
   return platform::OpenKey(schedules, keyName, platform::KEY_READ, key) != platform::ERROR_FILE_NOT_FOUND;
 }
 
 void ReviveSchedule(const RegistryKey& schedules, std::u16string_view keyName) {
+  // Its file lies aside, and would be taken for one that is missing.
+  if (IsOutOfTheList(keyName)) return;
   CJobNode node;
   if (!BuildJobNode(schedules, keyName, kTimeChangeWords, node)) return;
   if (node.UpdateNextTimeWindow() <= 0) {

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "common/zep_factory.h"
+#include "service/tests/at_line.h"
 #include "service/tests/missing_values.h"
 #include "service/tests/service_fixture.h"
 #include "service/time_change.h"
@@ -12,7 +13,9 @@ namespace {
 
 using platform::FaultPlan;
 using platform::Operation;
+using qx::testing::AtLine;
 using qx::testing::kPresent;
+using qx::testing::Wide;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -58,24 +61,6 @@ TEST_F(Revival, TellsWhichValueIsMissingAndBringsTheOthersBack) {
   }
 }
 
-// Does something at a line of the log: between two steps of the pass.
-class AtLine final : public ZepFoundation::ServiceLogWriter {
- public:
-  AtLine(std::string end, std::function<void()> action)
-      : m_end(std::move(end)), m_action(std::move(action)), m_before(SetServiceLogWriter(this)) {}
-  ~AtLine() override { SetServiceLogWriter(m_before); }
-  AtLine(const AtLine&) = delete;
-  AtLine& operator=(const AtLine&) = delete;
-  void Write(std::uint32_t, std::string_view text) override {
-    if (text.ends_with(m_end)) std::exchange(m_action, [] {})();
-  }
-
- private:
-  std::string m_end;
-  std::function<void()> m_action;
-  ZepFoundation::ServiceLogWriter* m_before;
-};
-
 TEST_F(Revival, BringsNoScheduleBackThatIsDeletedMeanwhile) {
   const ScheduleGuid deleted = Lost();
   Status status = kStatusFailure;
@@ -99,6 +84,19 @@ TEST_F(Revival, LeavesAScheduleToTheModificationThatIsAtWorkOnIt) {
   const platform::CriticalSectionGuard guard(g_JobListLock);
   ASSERT_EQ(g_JobList.Size(), 1u);
   EXPECT_THAT(platform::Utf8FromWide(g_JobList.Find(id)->LaunchPath.view()), HasSubstr("-of-the-new"));
+}
+
+TEST_F(Revival, LeavesTheFileAloneThatAModificationHasPutAside) {
+  const ScheduleGuid id = Create(Daily());
+  SCHEDULE_OBJECT changed = Daily();
+  changed.bstrXMLFilePathName = Wide(m_folder + "/other/job.xml");
+  ASSERT_TRUE(std::filesystem::create_directory(m_folder + "/other"));
+  {
+    const AtLine line("Entered Modify Registry", [&] { Pass(); });
+    EXPECT_EQ(m_service.ModifySchedule(id, changed), kStatusOk);
+  }
+  EXPECT_TRUE(std::filesystem::exists(m_folder + "/other/" + Text(id) + ".ini"));
+  EXPECT_FALSE(std::filesystem::exists(IniFile(id)));
 }
 
 TEST_F(Revival, BringsAScheduleBackWhoseModificationHasEnded) {
