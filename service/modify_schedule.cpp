@@ -14,6 +14,7 @@
 #include "service/job_list.h"
 #include "service/node_setup.h"
 #include "service/schedule_store.h"
+#include "service/scheduler_events.h"
 
 namespace qx {
 namespace {
@@ -42,6 +43,8 @@ void RemoveCopy(const std::u16string& path) {
 
 // The schedule whose job a modification has taken out of the list.
 std::optional<ScheduleGuid> g_modified QX_GUARDED_BY(g_JobListLock);
+// Whether the scheduler thread's sleep began without that job.
+bool g_sleepsWithout QX_GUARDED_BY(g_JobListLock) = false;
 
 class Modification {
  public:
@@ -178,6 +181,7 @@ Status Modification::CaptureOld() {
 bool Modification::TakeListedJob() {
   const platform::CriticalSectionGuard guard(g_JobListLock);
   g_modified = m_old.ScheduleID;
+  g_sleepsWithout = false;
   const CJobList::Position at = g_JobList.Find(m_old.ScheduleID);
   if (at == g_JobList.End()) return false;
   m_old.ReleaseScheduler();
@@ -357,16 +361,22 @@ Status Modification::RestoreOldFile() {
   return status;
 }
 
-// Sets no event: the scheduler's sleep still counts on the old window.
+// Sets no event where the scheduler's sleep still counts on the old window. One that began meanwhile would pass over it
+// and all that follow.
 void Modification::ListOldJob() {
   if (!m_wasListed || m_old.NextTimeWindow < 1) return;
+  const platform::CriticalSectionGuard guard(g_JobListLock);
   // Refused only when the scheduler thread has listed the schedule anew meanwhile.
-  if (g_JobList.AddJob(m_old) == kStatusOk) m_old.ScheduleObj.m_pSchedule = nullptr;  // the list's now
+  if (g_JobList.AddJob(m_old) != kStatusOk) return;
+  m_old.ScheduleObj.m_pSchedule = nullptr;  // the list's now
+  if (g_sleepsWithout) g_SchedulerEvents.Set(REFRESH_EVENT);
 }
 
 }  // namespace
 
 bool IsBeingModified(const ScheduleGuid& id) { return g_modified == id; }
+
+void NoteSleep() { g_sleepsWithout = true; }
 
 Status ModifyStores(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule, bool& modified) {
   platform::AfterAnswer::DoNow();  // the copies of a change just ahead must not be taken for this one's

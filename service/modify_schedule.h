@@ -26,5 +26,8 @@ namespace qx {
 
 // Whether a modification is past its first phase with the schedule: that lists it again, nobody else. Threads: any.
 [[nodiscard]] bool IsBeingModified(const ScheduleGuid& id) QX_REQUIRES(g_JobListLock);
+// Tells that the scheduler thread sleeps by the list as it is. A modification that has a job out of it, and lists it
+// again as it was, then sets REFRESH_EVENT. Threads: any.
+void NoteSleep() QX_REQUIRES(g_JobListLock);
 
 }  // namespace qx

@@ -8,6 +8,7 @@
 #include "foundation/include/zfclog.h"
 #include "platform/event.h"
 #include "service/job_list.h"
+#include "service/modify_schedule.h"
 #include "service/scheduler_events.h"
 #include "service/time_change.h"
 
@@ -91,6 +92,7 @@ std::uint32_t CSchedulerLoop::PrepareSleep() {
   m_sleepFrom = 0;
   m_wakeUp = kNoWakeUp;
   const CriticalSectionGuard guard(g_JobListLock);
+  NoteSleep();
   if (g_JobList.Empty()) {
     SetGuard();
     ServiceLog(3, u"Service will sleep for INFINITE time");

@@ -1,6 +1,8 @@
 #include "service/modify_schedule.h"
 
 #include "platform/after_answer.h"
+#include "service/scheduler_loop.h"
+#include "service/tests/at_line.h"
 #include "service/tests/modify_fixture.h"
 
 namespace {
@@ -634,6 +636,31 @@ TEST_F(ModifySchedule, LeavesAJobThatWasListedAnewToARollback) {
   EXPECT_EQ(ListedWindow(id), kPresent + 5);
   EXPECT_EQ(Stored(id), ReadsAs(Before(), 0));
   ExpectSilence(__LINE__);
+}
+
+// --- the way back: the list ---
+
+// A sleep that began while the job was out of the list would pass over its windows.
+TEST_F(ModifySchedule, WakesTheLoopBehindARollbackOnlyWhereItsSleepDoesNotCountOnTheJob) {
+  const ScheduleGuid id = CreateQuietly(Before());
+  qx::CSchedulerLoop loop{m_apartment, m_service};
+  SCHEDULE_OBJECT after = After();
+  after.dwTaskOpCode = 5;
+  for (const bool began : {false, true, false}) {
+    const auto cycle = [&] {
+      g_SchedulerEvents.Set(DELETE_EVENT);
+      EXPECT_TRUE(loop.Step());
+    };
+    cycle();
+    {
+      const qx::testing::AtLine line("Entered Modify Registry", [&] {
+        if (began) cycle();
+      });
+      EXPECT_EQ(m_service.ModifySchedule(id, after), kStatusOk);
+    }
+    EXPECT_EQ(ListedWindow(id), kPresent + 3600);
+    EXPECT_EQ(TakeEvent(), began ? static_cast<int>(REFRESH_EVENT) : -1);
+  }
 }
 
 // --- the way back: the registry ---
