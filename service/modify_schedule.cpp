@@ -58,6 +58,7 @@ class Modification {
   ~Modification() {
     m_new.ReleaseScheduler();
     m_old.ReleaseScheduler();
+    m_spare.ReleaseScheduler();
     const platform::CriticalSectionGuard guard(g_JobListLock);
     if (g_modified == m_new.ScheduleID) g_modified.reset();
   }
@@ -80,6 +81,7 @@ class Modification {
   void ListOldJob();
   Status RevertRegistry();
   Status RestoreOldFile();
+  Status SaveOldRules();
   Status RollBackRegistry(Status cause);
   Status RollBackFile();
   void LogFailed() const { ServiceLog(1, u"Failed to Modify Schedule: %s", m_new.IdText()); }
@@ -88,6 +90,7 @@ class Modification {
   SCHEDULE_OBJECT m_oldRecord;
   CJobNode m_new;
   CJobNode m_old;
+  CJobNode m_spare;  // has the rule object that was made for the old node, while that has the listed job's
   bool m_wasListed = false;
   std::u16string m_newPath;  // the .ini files, as the clients' texts
   std::u16string m_oldPath;
@@ -184,15 +187,15 @@ bool Modification::TakeListedJob() {
   g_sleepsWithout = false;
   const CJobList::Position at = g_JobList.Find(m_old.ScheduleID);
   if (at == g_JobList.End()) return false;
-  m_old.ReleaseScheduler();
+  m_spare.ScheduleObj.m_pSchedule = m_old.ScheduleObj.m_pSchedule;
   m_old.LaunchPath = at->LaunchPath;
   m_old.NextTimeWindow = at->NextTimeWindow;
   m_old.ScheduleObj = at->ScheduleObj;
   // The list gives its count up below; a rollback needs the object until the operation ends.
   if (m_old.ScheduleObj.m_pSchedule != nullptr) m_old.ScheduleObj.m_pSchedule->AddRef();
-  // Where the file can't be read, a rollback writes the rules by which the job ran.
+  // Where the file can't be read, a rollback writes the rules by which the job ran, and gives them back to it.
   (void)at->ScheduleObj.LoadScheduleFromPropBag(&m_oldRecord);
-  (void)at->LoadScheduleFromFile(m_oldRecord);
+  if (at->LoadScheduleFromFile(m_oldRecord) != kStatusOk) m_spare.ReleaseScheduler();
   if (const Status status = at->ReleaseScheduler(); status != kStatusOk) {
     ServiceLog(1, u"ModifySchedule:Failed ReleaseScheduler, with error %x", status);
   }
@@ -344,12 +347,20 @@ Status Modification::RevertRegistry() {
   return status;
 }
 
+// A record doesn't carry every rule. Where the old file will come back by itself, another object takes the record's,
+// and the listed job's keeps its own.
+Status Modification::SaveOldRules() {
+  CJobNode& node = m_isAside && m_spare.ScheduleObj.m_pSchedule != nullptr ? m_spare : m_old;
+  (void)node.SetConfigFilePath(m_oldPath);
+  return node.SavScheduleToFile(m_oldRecord);
+}
+
 // The old rules are saved; then the old file takes their place, byte by byte as it was, also where the save failed. One
 // that can't be moved back stays aside for the next load.
 Status Modification::RestoreOldFile() {
   const std::string file = platform::NativePath(m_oldPath);
   // A schedule that had neither job nor file gets no file with the rules of an empty one.
-  const Status status = m_hasOldRules ? m_old.SavScheduleToFile(m_oldRecord) : kStatusOk;
+  const Status status = m_hasOldRules ? SaveOldRules() : kStatusOk;
   if (m_isAside) {
     const std::u16string aside = m_oldPath + std::u16string(kOldIniSuffix);
     const ErrorCode code = platform::RenameFile(platform::NativePath(aside), file);

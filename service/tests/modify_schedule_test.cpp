@@ -663,6 +663,24 @@ TEST_F(ModifySchedule, WakesTheLoopBehindARollbackOnlyWhereItsSleepDoesNotCountO
   }
 }
 
+// What a record can't carry: an anchor on the first day of all reads as none.
+TEST_F(ModifySchedule, RollsBackToAllRulesOfTheOldFile) {
+  SCHEDULE_OBJECT before = Once();
+  before.bstrXMLFilePathName = Before().bstrXMLFilePathName;
+  before.stScheduleRules.alIncludeDates = {};
+  before.stScheduleRules.bRepeatInterval = 1;
+  before.stScheduleRules.dwRepeatInterval = 7;
+  before.stScheduleRules.lAnchorDate = 3600;
+  const ScheduleGuid id = CreateQuietly(before);
+  const Kept kept = Keep(id);
+  for (const char* directory : {"a", "b"}) {
+    SCHEDULE_OBJECT after = After(directory);
+    after.dwTaskOpCode = 5;
+    EXPECT_EQ(m_service.ModifySchedule(id, after), kStatusOk);
+    EXPECT_EQ(Keep(id), kept) << directory;
+  }
+}
+
 // --- the way back: the registry ---
 
 const std::pair<Change, const char*> kIdentities[] = {
