@@ -181,7 +181,7 @@ class Pages {
   double Ours() {
     const double begin = SteadyNanoseconds();
     SentListRows list;
-    Demand(m_service.Client().ListAll(list) == kStatusOk && list.rows.size() == kManySchedules, "no list");
+    Demand(m_service.Client().ListAll(list) == kStatusOk && list.Count() == kManySchedules, "no list");
     return (SteadyNanoseconds() - begin) / 1e6;
   }
   double Reference() {

@@ -26,14 +26,14 @@ struct Entry {
   const SentListRow* row;
 };
 
-std::vector<Entry> InOrder(const std::vector<SentListRow>& rows) {
+std::vector<Entry> InOrder(const SentListRows& list) {
   constexpr std::int64_t kWithout = std::int64_t{1} << 32;
   std::vector<Entry> order;
-  order.reserve(rows.size());
-  for (const SentListRow& row : rows) {
+  order.reserve(list.Count());
+  list.ForEach([&](const SentListRow& row) {
     const std::int64_t window = row.nextWindow;
     order.push_back({window >= 0 ? window : row.nextWindow == kDamagedKey ? 2 * kWithout : kWithout + window, &row});
-  }
+  });
   std::stable_sort(order.begin(), order.end(), [](const Entry& a, const Entry& b) {
     return a.rank != b.rank ? a.rank < b.rank : a.row->name < b.row->name;
   });
@@ -200,7 +200,7 @@ int RunList(CliContext& context, const OnlineSettings& settings) {
   if (const int exit = session.Begin(); exit != kExitDone) return exit;
   SentListRows list;
   if (const int exit = session.AllRows(list); exit != kExitDone) return exit;
-  const std::vector<Entry> order = InOrder(list.rows);
+  const std::vector<Entry> order = InOrder(list);
   if (context.options.json) {
     ordered_json out = ordered_json::array();
     for (const Entry& entry : order) out.push_back(RowJson(*entry.row));

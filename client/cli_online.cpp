@@ -194,12 +194,14 @@ int RunStatus(CliContext& context, const OnlineSettings& settings) {
     if (context.options.json) WriteJson(context.out, {{"reachable", false}});
     return exit;
   }
-  const std::vector<SentListRow>& rows = list.rows;
   const ServiceProperties& properties = session.Properties();
-  const auto damaged =
-      std::count_if(rows.begin(), rows.end(), [](const SentListRow& r) { return r.nextWindow == kDamagedKey; });
-  const auto due = std::count_if(rows.begin(), rows.end(), [](const SentListRow& r) { return r.nextWindow >= 0; });
-  const auto without = static_cast<std::ptrdiff_t>(rows.size()) - due - damaged;
+  const std::size_t count = list.Count();
+  std::size_t due = 0, damaged = 0;
+  list.ForEach([&](const SentListRow& row) {
+    if (row.nextWindow >= 0) ++due;
+    if (row.nextWindow == kDamagedKey) ++damaged;
+  });
+  const std::size_t without = count - due - damaged;
   if (context.options.json) {
     ordered_json out = ordered_json::object();
     out["reachable"] = true;
@@ -209,7 +211,7 @@ int RunStatus(CliContext& context, const OnlineSettings& settings) {
     out["trace_level"] = properties.traceLevel;
     out["next_wake_up"] = properties.nextWakeUp < 0 ? ordered_json(nullptr) : ordered_json(properties.nextWakeUp);
     out["state_directory"] = properties.stateDirectory;
-    out["schedules"] = rows.size();
+    out["schedules"] = count;
     out["with_window"] = due;
     out["without_window"] = without;
     out["damaged"] = damaged;
@@ -225,7 +227,7 @@ int RunStatus(CliContext& context, const OnlineSettings& settings) {
               << "Log level:        " << properties.traceLevel << "\n"
               << "Next wake-up:     " << wakeUp << "\n"
               << "State directory:  " << Printable(properties.stateDirectory) << "\n"
-              << "Schedules:        " << rows.size() << " (" << due << " with a window to come, " << without
+              << "Schedules:        " << count << " (" << due << " with a window to come, " << without
               << " without, " << damaged << " damaged)\n";
   return kExitDone;
 }

@@ -66,7 +66,8 @@ struct ListWalk::Part {
   double end = static_cast<double>(kPlaces);
   double density = 0;  // schedules a place, as far as is known; 0: it isn't
   bool isEven = true;  // the IDs lie as evenly as was expected so far
-  SentListRows list;
+  std::vector<SentListRow> rows;
+  std::vector<std::shared_ptr<const void>> texts;
   bool isAsked = false;     // an answer is to come
   std::uint32_t limit = 0;  // of the page that was asked for
   bool isOver = false;
@@ -86,12 +87,12 @@ struct ListWalk::Part {
     const double most = Most();
     return !isEven || density <= 0 || most >= kPageRows ? 0 : static_cast<std::uint32_t>(most);
   }
-  void MakeRoom() { list.rows.reserve(list.rows.size() + static_cast<std::size_t>(std::min(Most(), kMostRoom))); }
+  void MakeRoom() { rows.reserve(rows.size() + static_cast<std::size_t>(std::min(Most(), kMostRoom))); }
 };
 
 // Gives the places behind the first page to several parts.
 void ListWalk::Cut(const std::shared_ptr<Part>& first) {
-  const bool isLong = first->list.rows.size() >= kFirstRows && first->Expected() >= 2 * kPageRows;
+  const bool isLong = first->rows.size() >= kFirstRows && first->Expected() >= 2 * kPageRows;
   if (!m_link.severalAtOnce || first->isOver || !isLong) return;
   for (std::uint64_t i = 1; i < kParts; ++i) {
     const std::uint64_t place = kPlaces / kParts * i;
@@ -136,12 +137,12 @@ Status ListWalk::Take(Part& part) {
     return m_link.fail(platform::ERROR_INVALID_DATA, BadReply("status"));
   }
   if (status != 0) return static_cast<Status>(status);
-  std::vector<SentListRow>& rows = part.list.rows;
+  std::vector<SentListRow>& rows = part.rows;
   const std::size_t before = rows.size();
   if (BusError error = ReadListRows(part.reply, rows); error.IsSet()) {
     return m_link.fail(platform::ERROR_INVALID_DATA, std::move(error));
   }
-  part.list.texts.push_back(std::make_shared<MessageReader>(std::move(part.reply)));
+  part.texts.push_back(std::make_shared<MessageReader>(std::move(part.reply)));
   const bool isFull = rows.size() - before == part.limit;
   if (isFull && part.limit != 0 && !part.after.empty()) part.isEven = false;  // many more than were expected
   // A page that begins again would never end.
@@ -180,12 +181,9 @@ Status ListWalk::Run(SentListRows& list) {
     if (status == kStatusOk && !part->isOver) status = AskFor(part);
   }
   if (status != kStatusOk) return status;
-  std::size_t count = list.rows.size();
-  for (const auto& part : m_parts) count += part->list.rows.size();
-  list.rows.reserve(count);
   for (const auto& part : m_parts) {
-    list.rows.insert(list.rows.end(), part->list.rows.begin(), part->list.rows.end());
-    std::move(part->list.texts.begin(), part->list.texts.end(), std::back_inserter(list.texts));
+    list.blocks.push_back(std::move(part->rows));
+    std::move(part->texts.begin(), part->texts.end(), std::back_inserter(list.texts));
   }
   return kStatusOk;
 }

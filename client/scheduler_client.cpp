@@ -523,8 +523,8 @@ Status SchedulerClient::ListAll(SentListRows& list) {
 Status SchedulerClient::ListAll(std::vector<ListRow>& rows) {
   SentListRows list;
   const Status status = ListAll(list);
-  rows.reserve(rows.size() + list.rows.size());
-  std::transform(list.rows.begin(), list.rows.end(), std::back_inserter(rows), WideListRow);
+  rows.reserve(rows.size() + list.Count());
+  list.ForEach([&](const SentListRow& row) { rows.push_back(WideListRow(row)); });
   return status;
 }
 

@@ -67,10 +67,11 @@ Status ServiceLink::ListRows(SentListRows& list) {
     AppendSentText(texts->emplace_back(), text);
     return texts->back();
   };
+  std::vector<SentListRow>& block = list.blocks.emplace_back();
   for (const ListRow& row : rows) {
-    list.rows.push_back({sent(row.id), sent(row.name), sent(row.application), sent(row.objectId), row.taskCode,
-                         sent(row.wrapper), sent(row.xml), sent(row.parameters), sent(row.preScript),
-                         sent(row.postScript), row.passId, row.nextWindow});
+    block.push_back({sent(row.id), sent(row.name), sent(row.application), sent(row.objectId), row.taskCode,
+                     sent(row.wrapper), sent(row.xml), sent(row.parameters), sent(row.preScript),
+                     sent(row.postScript), row.passId, row.nextWindow});
   }
   list.texts.push_back(texts);
   return kStatusOk;

@@ -3,6 +3,7 @@
 // Threads: values.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -39,8 +40,21 @@ using SentListRow = BasicListRow<std::string_view>;
 
 // Rows with what holds their texts; copies share it. Belongs to the thread of those who made it.
 struct SentListRows {
-  std::vector<SentListRow> rows;                   // in the order of the list
+  std::vector<std::vector<SentListRow>> blocks;    // one behind the other: the rows in the order of the list
   std::vector<std::shared_ptr<const void>> texts;  // the answers in which the rows' texts stand
+
+  [[nodiscard]] std::size_t Count() const {
+    std::size_t count = 0;
+    for (const auto& block : blocks) count += block.size();
+    return count;
+  }
+  // Calls with each row in turn; their places stay while `blocks` does.
+  template <typename RowSeen>
+  void ForEach(const RowSeen& seen) const {
+    for (const auto& block : blocks) {
+      for (const SentListRow& row : block) seen(row);
+    }
+  }
 };
 
 }  // namespace qx

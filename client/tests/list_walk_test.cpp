@@ -105,10 +105,10 @@ class ListWalkTest : public testing::Test {
     SentListRows rows;
     EXPECT_EQ(Walk(rows, severalAtOnce), kStatusOk) << m_error.text;
     std::vector<std::string> ids;
-    for (const SentListRow& row : rows.rows) {
+    rows.ForEach([&](const SentListRow& row) {
       ids.emplace_back(row.id);
       EXPECT_EQ(row.wrapper, row.id);  // the texts stand
-    }
+    });
     return ids;
   }
   // What runs ahead of each page, on the service's thread, and may refuse it.
@@ -285,9 +285,9 @@ TEST_F(ListWalkTest, LeavesTheListAsItWasWhenAPageFails) {
         return m_asked.size() == page ? failure.fail(status) : BusError{};
       });
       SentListRows rows;
-      rows.rows.emplace_back();
+      rows.blocks.emplace_back(1);
       EXPECT_EQ(Walk(rows), failure.expected) << failure.what << " " << page;
-      EXPECT_EQ(rows.rows.size(), 1u);
+      EXPECT_EQ(rows.Count(), 1u);
       EXPECT_THAT(rows.texts, IsEmpty());
       // What is still on its way when a walk gives up does no harm to the next one.
       SetHook(nullptr);
@@ -301,7 +301,7 @@ TEST_F(ListWalkTest, EndsWithAnErrorWhenTheConnectionIsLost) {
   Stop();
   SentListRows rows;
   EXPECT_NE(Walk(rows), kStatusOk);
-  EXPECT_THAT(rows.rows, IsEmpty());
+  EXPECT_EQ(rows.Count(), 0u);
 }
 
 }  // namespace
