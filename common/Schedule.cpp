@@ -575,7 +575,7 @@ qx::WindowRules CSchedule::RulesForSearch(std::int32_t anchorDay, std::int32_t e
   const std::int64_t startMs = m_StartTime.PresentedMilliseconds(bias);
   const bool useRestart = m_bUseRestartInterval != 0;
   return {.startMs = startMs,
-          .startExists = startMs < qx::kMillisecondsPerDay,
+          .startExists = startMs >= 0 && startMs < qx::kMillisecondsPerDay,
           .endMs = useRestart ? m_EndTime.PresentedMilliseconds(bias) : 0,
           .durationMs = SignedMilliseconds(m_TimeDuration),
           .useEffective = m_bUseEffectiveDate != 0,

@@ -19,7 +19,7 @@ namespace qx {
 // The rules of a schedule as the search sees them. References are borrowed for the life of the search.
 struct WindowRules {
   std::int64_t startMs = 0;     // time of day at which a window opens, as presented
-  bool startExists = true;      // false: no date can bear that time, which is 24 hours or more
+  bool startExists = true;      // false: no date can bear that time: below 0, or 24 hours or more
   std::int64_t endMs = 0;       // when it closes, as presented; looked at only for restarts behind midnight
   std::int64_t durationMs = 0;  // length of a window
   bool useEffective = false;

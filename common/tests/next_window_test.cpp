@@ -94,6 +94,27 @@ TEST_F(NextTimeWindow, OpensAtMidnightForAnInvalidStart) {
   EXPECT_EQ(rules->IsScheduleInTimeWindow(Local("2024-05-07 00:30")), 1);
 }
 
+// No date can bear a time of day below 0: there is no start, above all none in the past.
+TEST_F(NextTimeWindow, HasNoStartAtATimeOfDayBelowZero) {
+  const platform::ScopedZone utc("UTC");
+  for (const unsigned char sign : {0x80, 0xFA}) {  // 24 and about one day below 0
+    Rules rules;
+    rules.Daily();
+    std::uint32_t size = 0;
+    ASSERT_EQ(rules->MemorySizeMax(&size), ZEP_S_OK);
+    std::vector<unsigned char> block(size);
+    ASSERT_EQ(rules->Save(block.data(), 0, size), ZEP_S_OK);
+    constexpr std::size_t kStart = 16 + 4 + 16 + 2 * 4;  // behind class, version, identifier and two empty texts
+    block[kStart] = sign;
+    ASSERT_EQ(rules->Load(block.data(), size), ZEP_S_OK);
+
+    const Answer answer = rules.Next("2024-05-07 12:00");
+    EXPECT_EQ(answer.result, ZEP_S_OK);
+    EXPECT_EQ(Shown(answer.start), "none") << int{sign};
+    EXPECT_EQ(rules->IsScheduleInTimeWindow(Local("2024-05-07 12:00")), 0) << int{sign};
+  }
+}
+
 TEST_F(NextTimeWindow, AllowsARestartAtTheEnd) {
   Rules rules;
   rules.Daily().Restart(15);
