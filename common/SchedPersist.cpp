@@ -316,12 +316,11 @@ void ReadDaysOfWeekV1(bistream& in, CDayOfWeek& days) {
   const auto index = [](std::uint16_t fromOne) {
     return static_cast<zepByte>(std::min<std::uint32_t>(static_cast<std::uint16_t>(fromOne - 1), 255));
   };
-  CDayOfWeek read;
+  days.ClearAll();
   for (const auto& [day, week] : *pairs) {
     QX_TRACE(kTraceDebug, "\tQTX_ARRAY | QTX_I2 [" << pairs->size() << "]: day=" << day << "week=" << week);
-    read.SetDay(index(day), index(week));
+    days.SetDay(index(day), index(week));
   }
-  days = read;
 }
 
 // Reads the rows that version 1.x has otherwise; false for all others.

@@ -54,7 +54,7 @@ class SchedulePersistence {
   // stream reserve no memory.
   void LoadFromStream(ZepFoundation::bistream& in, std::span<const PersistRow> rows) const;
   // Version 1.x: flags of 32 bits, no custom data, days of the week as pairs counted from 1, and an hour off each time
-  // when daylight saving is in force now. A day or a week out of range throws std::out_of_range.
+  // when daylight saving is in force now. A day or a week out of range throws std::out_of_range; those ahead are set.
   void LoadFromStreamV1(ZepFoundation::bistream& in, std::span<const PersistRow> rows) const;
 
   // Every row as a property; what the bag answers isn't looked at.

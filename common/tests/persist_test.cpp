@@ -947,6 +947,20 @@ TEST_F(PersistV1, AWeekThatDoesNotExistEndsTheLoad) {
   EXPECT_EQ(Dirty(m_target), 1);
 }
 
+TEST_F(PersistV1, TheDaysAheadOfOneThatDoesNotExistStaySet) {
+  const std::string bytes = V1([](bostrstream& out) {
+    out << std::uint32_t{3} << std::uint16_t{2} << std::uint16_t{5} << std::uint16_t{9} << std::uint16_t{1};
+    out << std::uint16_t{3} << std::uint16_t{1};
+  });
+  EXPECT_EQ(LoadBytes(m_target, bytes), ZEP_S_OK);
+  zepByte set = 0;
+  m_target.GetDayOfWeek(1, 4, &set);
+  EXPECT_EQ(set, 1);
+  m_target.GetDayOfWeek(2, 0, &set);
+  EXPECT_EQ(set, 0);
+  EXPECT_EQ(Dirty(m_target), 1);
+}
+
 // --- the days of the week alone ---
 
 TEST(DayOfWeekForms, BytesKeepTheLowEightBitsOfEachWord) {
