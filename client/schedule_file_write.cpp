@@ -54,10 +54,11 @@ std::string DateOf(std::int32_t seconds, const platform::Zone& zone) {
 }
 
 void WriteWindow(std::string& out, const SCHEDULE_RULE& rules, const platform::Zone& zone) {
-  constexpr std::uint32_t kWholeDayMs = 86399059;  // the rule object's own window, 00:00:00.000 to 23:59:59.059
+  // The rule object's own window, 00:00:00.000 to 23:59:59.059; the service's file keeps whole seconds of it.
+  constexpr std::uint32_t kWholeDaySeconds = 86399;
   const std::int32_t start = rules.lStartTime == 0 ? 0 : LocalTimeOfDay(rules.lStartTime, zone);
   std::string body;
-  if (rules.dwTimeDuration == kWholeDayMs && start == 0) {
+  if (rules.dwTimeDuration / 1000 == kWholeDaySeconds && start == 0) {
     body += "# the whole day\n";
   } else {
     if (rules.lStartTime != 0) KeyLine(body, "start", "\"" + FormatTimeOfDay(start) + "\"");

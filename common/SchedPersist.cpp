@@ -389,6 +389,14 @@ void FromSlot(T& field, const PropertyValue& value) {
 template <typename T>
 concept HasSlot = requires(const T& field) { SlotOf(field); };
 
+template <HasSlot T>
+bool IsSameField(const T& a, const T& b) {
+  return a == b;
+}
+bool IsSameField(const WTimeSpan& a, const WTimeSpan& b) {
+  return a.GetMagnitude() == b.GetMagnitude() && a.IsNegative() == b.IsNegative();
+}
+
 PropertyValue ValueOf(ZepTag tag, const wcstring& text) {
   PropertyValue value(tag);
   value.SetText(Utf8(text));
@@ -449,13 +457,23 @@ bool ReadProperty(zepIPropertyBag& bag, const PersistRow& row, wcstring& text) {
   text = TextOf(value);
   return true;
 }
+// A bag gives the slot back as it was where it has nothing: of a number that came back so, another default tells.
+bool StandsInBag(zepIPropertyBag& bag, const PersistRow& row, std::int64_t number) {
+  PropertyValue value(row.tag, number + 1);
+  return !ZepFailed(bag.Read(row.name, &value)) && value.Wide() == number;
+}
 template <HasSlot T>
 bool ReadProperty(zepIPropertyBag& bag, const PersistRow& row, T& field) {
   PropertyValue value(row.tag, SlotOf(field));
   const std::int64_t before = value.Wide();
   if (ZepFailed(bag.Read(row.name, &value))) return false;
-  // The slot is coarser than some fields: the end of a full day keeps its milliseconds this way.
-  if (value.Wide() != before) FromSlot(field, value);
+  if (value.Wide() == before) {
+    // The slot is coarser than some fields: where the bag has nothing, the end of a full day keeps its milliseconds.
+    T read = field;
+    FromSlot(read, value);
+    if (IsSameField(read, field) || !StandsInBag(bag, row, before)) return true;
+  }
+  FromSlot(field, value);
   return true;
 }
 bool ReadProperty(zepIPropertyBag& bag, const PersistRow& row, DateSet& dates) {

@@ -59,7 +59,8 @@ class SchedulePersistence {
 
   // Every row as a property; what the bag answers isn't looked at.
   void SaveToBag(zepIPropertyBag& bag, std::span<const PersistRow> rows) const;
-  // A property that can't be read, and a value that comes back as it went in, leaves its field as it was.
+  // A property that can't be read, or that the bag hasn't (its value comes back as it went in), leaves its field as it
+  // was.
   void LoadFromBag(zepIPropertyBag& bag, std::span<const PersistRow> rows) const;
 
   // The operations of the persistence interfaces (zepSchedIUnknown.h).

@@ -124,6 +124,20 @@ TEST_F(CliChange, TellsAModificationThatBecameSomethingElse) {
   EXPECT_THAT(result.err, HasSubstr("job.parameters is \"--evil\", asked for: \"-v one\""));
 }
 
+// The service's file keeps whole seconds of a duration: of the whole day it drops 59 milliseconds.
+TEST_F(CliChange, TakesAWholeDayForOneWithoutItsMilliseconds) {
+  service.spoil = [](SCHEDULE_OBJECT& record) {
+    record.stScheduleRules.lStartTime = kTonight - 22 * 3600;
+    record.stScheduleRules.lEndTime = kTonight + 2 * 3600 - 1;
+    record.stScheduleRules.dwTimeDuration = 86399000;
+  };
+  const Result result = Ask({"set", "daily", "window.start=", "window.end=", "window.duration="});
+  EXPECT_EQ(result.exit, 0) << result.err;
+  const Result again = Ask({"set", "daily", "window.start=00:00", "window.end=23:59:59"});
+  EXPECT_EQ(again.exit, 0) << again.err;
+  EXPECT_THAT(again.err, HasSubstr("nothing to change"));
+}
+
 TEST_F(CliChange, TellsARefusedModification) {
   service.refusal = kStatusNoDirectory;
   const Result result = Ask({"set", "daily", "name=other"});

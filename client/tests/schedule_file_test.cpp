@@ -542,6 +542,9 @@ TEST(ScheduleFile, WritesTheEndWhereItSaysTheSameAsTheDuration) {
   EXPECT_EQ(window(kDay + 79200, kDay + 7200, 3600000), "start = \"22:00\"\nduration = \"1h\"\n");
   EXPECT_EQ(window(kDay + 36000, kDay + 36000, 86400000), "start = \"10:00\"\nduration = \"24h\"\n");
   EXPECT_EQ(window(kDay, kDay + 86399, 86399059), "# the whole day\n");
+  EXPECT_EQ(window(kDay, kDay + 86399, 86399000), "# the whole day\n");
+  EXPECT_EQ(window(0, 0, 86399000), "# the whole day\n");
+  EXPECT_EQ(window(kDay + 1, kDay, 86399000), "start = \"00:00:01\"\nend = \"00:00\"\n");
   EXPECT_EQ(window(0, 0, 5000), "duration = \"5s\"\n");
   EXPECT_EQ(window(0, 0, 0), "");
 }
@@ -591,7 +594,7 @@ SCHEDULE_OBJECT ArbitraryRecord(const platform::Zone& zone) {
   const std::int32_t start = rules.lStartTime == 0 ? 0 : qx::LocalTimeOfDay(rules.lStartTime, zone);
   if (rules.lEndTime != 0 && qx::LocalTimeOfDay(rules.lEndTime, zone) == start) rules.lEndTime = 0;
   // The rule object's own window is written without a duration.
-  if (rules.dwTimeDuration == 86399059) rules.dwTimeDuration = 1000;
+  if (rules.dwTimeDuration / 1000 == 86399) rules.dwTimeDuration = 1000;
   if (*gen::arbitrary<bool>()) {
     rules.bRestartInterval = 1;
     rules.dwRestartInterval = *gen::inRange<std::uint32_t>(1000, 86400001);

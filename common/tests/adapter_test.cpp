@@ -533,6 +533,26 @@ TEST_F(Adapter, AFileWithoutAnEndKeepsTheEndOfAFullDay) {
   EXPECT_EQ(Shown(Given().stScheduleRules.lEndTime), "2024-06-15 23:59:59");
 }
 
+TEST_F(Adapter, ADurationASecondShortOfADayComesBackFromTheFileAsItWas) {
+  SCHEDULE_OBJECT object = Friday();
+  object.stScheduleRules.dwTimeDuration = 86399000;
+  ASSERT_EQ(m_adapter.AddScheduleRules(&object), 0u);
+  const std::uint32_t before = ZepFoundation::ServiceLogLevel;
+  for (const std::uint32_t level : {4u, before}) {  // through the property bag, and in one go
+    ZepFoundation::ServiceLogLevel = level;
+    ASSERT_EQ(m_adapter.LoadScheduleFromFile(), 0u);
+    EXPECT_EQ(Given().stScheduleRules.dwTimeDuration, 86399000u) << level;
+  }
+}
+
+TEST_F(Adapter, AFileWithoutADurationKeepsThatOfAFullDay) {
+  SCHEDULE_OBJECT object = Friday();
+  ASSERT_EQ(m_adapter.AddScheduleRules(&object), 0u);
+  ASSERT_EQ(platform::WriteProfileString(m_adapter.m_IniFilePath, u"General", u"m_TimeDuration", nullptr), 0u);
+  ASSERT_EQ(m_adapter.LoadScheduleFromFile(), 0u);
+  EXPECT_EQ(Given().stScheduleRules.dwTimeDuration, 86399059u);
+}
+
 TEST_F(Adapter, APercentSignInThePathReachesTheLogAsItIs) {
   m_file = m_directory + "/100%d%s.ini";
   m_adapter.m_IniFilePath = ZepFoundation::wcstring(platform::WideFromUtf8(m_file));

@@ -65,6 +65,7 @@ class MemoryBag final : public zepIPropertyBag {
   ZRESULT Read(const char16_t* name, PropertyValue* value) override {
     if (m_onRead) m_onRead(name);
     const auto found = m_values.find(name);
+    if (found == m_values.end() && m_passesMissing) return ZEP_S_OK;
     if (found == m_values.end() || name == m_failing || found->second.Tag() != value->Tag()) return ZEP_E_FAIL;
     *value = Copy(found->second);
     return ZEP_S_OK;
@@ -75,6 +76,7 @@ class MemoryBag final : public zepIPropertyBag {
   std::map<std::u16string, PropertyValue> m_values;
   std::vector<std::u16string> m_names;
   std::u16string m_failing;
+  bool m_passesMissing = false;  // leaves the value of a missing name alone
   std::function<void(std::u16string_view)> m_onRead;
   std::function<void(std::u16string_view)> m_onWrite;
 };
@@ -462,14 +464,33 @@ TEST_F(Persist, ABagWithoutAnEndTimeKeepsTheEndOfAFullDay) {
   EXPECT_NE(Hex(Bytes(m_target)).find("05265853"), std::string::npos);
 }
 
-TEST_F(Persist, AValueThatComesBackAsItWentInLeavesItsFieldAlone) {
+TEST_F(Persist, AFullDayLosesItsFractionOfASecondInABagToo) {
   MemoryBag bag;
   m_source.Reset();
   m_source.Save(&bag, 0);
-  ASSERT_EQ(m_target.Load(&bag), ZEP_S_OK);  // the same day: the end is told as 23:59:59 and stays 23:59:59.059
+  ASSERT_EQ(m_target.Load(&bag), ZEP_S_OK);  // the same day: both values are those that a reset has
+  std::uint32_t duration = 0;
+  m_target.get_TimeDuration(&duration);
+  EXPECT_EQ(duration, 86399000u);
+  EXPECT_NE(Hex(Bytes(m_target)).find("05265818"), std::string::npos);  // 23:59:59.000
+  EXPECT_EQ(Hex(Bytes(m_target)).find("05265853"), std::string::npos);
+}
+
+// A bag over a file gives a missing value back as it went in, and is no failure.
+TEST_F(Persist, AValueThatIsMissingLeavesItsFieldAlone) {
+  MemoryBag bag;
+  bag.m_passesMissing = true;
+  m_source.Reset();
+  m_source.Save(&bag, 0);
+  for (const char16_t* name : {u"m_TimeDuration", u"m_EndTime", u"m_iRepeatInterval"}) bag.m_values.erase(name);
+  ASSERT_EQ(m_target.Load(&bag), ZEP_S_OK);
   std::uint32_t duration = 0;
   m_target.get_TimeDuration(&duration);
   EXPECT_EQ(duration, 86399059u);
+  EXPECT_NE(Hex(Bytes(m_target)).find("05265853"), std::string::npos);  // 23:59:59.059
+  std::int32_t days = 0;
+  m_target.get_RepeatInterval(&days);
+  EXPECT_EQ(days, 2);
 }
 
 TEST_F(Persist, ADurationLosesItsFractionOfASecondInABag) {
@@ -480,6 +501,16 @@ TEST_F(Persist, ADurationLosesItsFractionOfASecondInABag) {
   std::uint32_t duration = 0;
   m_target.get_TimeDuration(&duration);
   EXPECT_EQ(duration, 1000u);
+}
+
+TEST_F(Persist, ADurationASecondShortOfADayComesBackAsItWas) {
+  MemoryBag bag;
+  m_source.put_TimeDuration(86399000);
+  m_source.Save(&bag, 0);
+  ASSERT_EQ(m_target.Load(&bag), ZEP_S_OK);
+  std::uint32_t duration = 0;
+  m_target.get_TimeDuration(&duration);
+  EXPECT_EQ(duration, 86399000u);
 }
 
 TEST_F(Persist, AnEmptyOrMissingTextLoadsAsAnEmptyOne) {
