@@ -238,8 +238,8 @@ BusMethod CServiceBus::ChangeMethod(std::string name, std::vector<BusArgument> i
                   auto left = std::make_shared<platform::AfterAnswer>();
                   m_left = left;
                   BusError error = handler(call, reply);
-                  // The task has the last hold on it, and comes behind the reply.
-                  (void)m_apartment.Post([left = std::move(left)] {});
+                  // The timer has the last hold on it. It comes behind the reply, ahead of the notices that are queued.
+                  if (!m_apartment.HasEnded()) (void)m_apartment.StartTimer(0, [left = std::move(left)] {});
                   return error;
                 });
 }

@@ -9,6 +9,7 @@
 
 #include "common/bus_records.h"
 #include "foundation/testing/captured_log.h"
+#include "platform/after_answer.h"
 #include "platform/event.h"
 #include "platform/testing/private_bus.h"
 #include "platform/testing/virtual_clock.h"
@@ -25,6 +26,7 @@ using platform::ERROR_SUCCESS;
 using platform::MessageReader;
 using platform::MessageWriter;
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 // Notes the calls and answers what it was told to.
 class FakeService : public ISchedulerService {
@@ -233,6 +235,26 @@ TEST_F(ServiceBus, WakesWhoeverWaitsForAChangeWhenItsReplyIsSent) {
   std::thread waiter = WaitForCreation();
   EXPECT_FALSE(Call("CreateSchedule", {BusValue::Dict({})}).IsSet());
   (void)m_apartment.Step(0);
+  waiter.join();
+}
+
+// There may be a hundred thousand of them, and a new job due before they are all sent.
+TEST_F(ServiceBus, WakesWhoeverWaitsForAChangeAheadOfTheNoticesThatAreQueued) {
+  std::vector<std::string> order;
+  m_apartment.Post([&] { order.emplace_back("notice"); });
+  m_service.duringCreation = [&] { platform::AfterAnswer::LeaveFirst([&] { order.emplace_back("wake"); }); };
+  EXPECT_FALSE(Call("CreateSchedule", {BusValue::Dict({})}).IsSet());
+  EXPECT_THAT(order, IsEmpty());
+  (void)m_apartment.Step(0);
+  EXPECT_THAT(order, ElementsAre("wake", "notice"));
+}
+
+// Nobody works in the apartment any more.
+TEST_F(ServiceBus, WakesWhoeverWaitsForAChangeThatCameBehindTheEnd) {
+  m_apartment.Quit();
+  EXPECT_FALSE(m_apartment.Step(0));
+  std::thread waiter = WaitForCreation();
+  EXPECT_FALSE(Call("CreateSchedule", {BusValue::Dict({})}).IsSet());
   waiter.join();
 }
 
