@@ -15,6 +15,7 @@
 #include "service/node_setup.h"
 #include "service/schedule_store.h"
 #include "service/scheduler_events.h"
+#include "service/time_change.h"
 
 namespace qx {
 namespace {
@@ -392,9 +393,12 @@ void NoteSleep() { g_sleepsWithout = true; }
 Status ModifyStores(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule, bool& modified) {
   platform::AfterAnswer::DoNow();  // the copies of a change just ahead must not be taken for this one's
   Modification modification(id, schedule);
+  const CNewWindow window;
   if (const Status status = modification.CheckNew(); status != kStatusOk) return status;
   if (const Status status = modification.CaptureOld(); status != kStatusOk) return status;
-  return modification.Commit(modified);
+  const Status status = modification.Commit(modified);
+  window.Listed();
+  return status;
 }
 
 }  // namespace qx

@@ -16,6 +16,7 @@
 #include "service/populate.h"
 #include "service/schedule_store.h"
 #include "service/scheduler_events.h"
+#include "service/time_change.h"
 
 using platform::ErrorCode;
 using platform::ERROR_SUCCESS;
@@ -317,12 +318,14 @@ Status CSchedulerService::CreateSchedule(const SCHEDULE_OBJECT& schedule, Schedu
     node.ReleaseScheduler();
     return status;
   }
+  const qx::CNewWindow window;
   const Outcome outcome = SetUpAndStore(schedule, node);
   if (!outcome.done) {
     UndoJob(node, outcome.added);
     return outcome.status;
   }
   g_SchedulerEvents.Set(CREATE_EVENT);
+  window.Listed();
   Fire_Schedule_Add(id);
   ServiceLog(2, u"Successful Schedule Creation: %s", platform::GuidText(id));
   return kStatusOk;

@@ -1,5 +1,6 @@
 #include "service/time_change.h"
 
+#include <atomic>
 #include <vector>
 
 #include "foundation/include/zfclog.h"
@@ -10,6 +11,7 @@
 #include "service/modify_schedule.h"
 #include "service/populate.h"
 #include "service/schedule_store.h"
+#include "service/scheduler_events.h"
 
 using platform::CriticalSectionGuard;
 using platform::ERROR_SUCCESS;
@@ -18,6 +20,9 @@ using ZepFoundation::ServiceLog;
 
 namespace qx {
 namespace {
+
+// That have begun so far.
+std::atomic<std::uint32_t> g_passes{0};
 
 bool IsListed(std::u16string_view keyName) {
   ScheduleGuid id{};
@@ -204,6 +209,7 @@ Status UpdateList(std::uint32_t& count, IdArray& ids, WindowArray& windows) {
 }
 
 void TimeChangePass(platform::Apartment& apartment, ISchedulerService& service) {
+  ++g_passes;
   ServiceLog(4, u"Sleep interrupted because of system time change");
   if (!ReviveFromRegistry()) return;
   ServiceLog(5, u"Number of Schedules in the job list after reading the registry %d", g_JobList.Size());
@@ -219,6 +225,12 @@ void TimeChangePass(platform::Apartment& apartment, ISchedulerService& service) 
     }
   }
   if (count > 0) Notify(apartment, service, count, ids, windows);
+}
+
+CNewWindow::CNewWindow() : m_passes(g_passes.load()) {}
+
+void CNewWindow::Listed() const {
+  if (g_passes.load() != m_passes) g_SchedulerEvents.Set(SYSTEM_TIME_CHANGED);
 }
 
 }  // namespace qx

@@ -2,7 +2,10 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
+#include <utility>
 
+#include "service/tests/at_line.h"
 #include "service/tests/service_fixture.h"
 #include "service/time_change_thread.h"
 #include "platform/thread.h"
@@ -11,7 +14,10 @@ namespace {
 
 using platform::FaultPlan;
 using platform::Operation;
+using qx::testing::AtLine;
 using qx::testing::kPresent;
+using qx::testing::kSecondsOfDay;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -27,6 +33,11 @@ class TimeChange : public qx::testing::ServiceFixture {
   void Pass() {
     qx::TimeChangePass(m_apartment, m_service);
     (void)m_apartment.Step(0);
+  }
+  static std::vector<int> TakeEvents() {
+    std::vector<int> events;
+    for (int event = TakeEvent(); event >= 0; event = TakeEvent()) events.push_back(event);
+    return events;
   }
 };
 
@@ -85,6 +96,47 @@ TEST_F(TimeChange, DoesNothingWithoutKeysEvenWhereNodesAreListed) {
   EXPECT_TRUE(m_log.Has(4, "No Schedules in the Registry"));
   EXPECT_EQ(ListedWindow(id), kPresent + 3600);
   EXPECT_THAT(m_sink->heard, IsEmpty());
+}
+
+struct ListedBehind {
+  int line;
+  const char* step;  // behind which the clock is set back by a day
+  const ScheduleGuid* id;
+  std::function<Status()> change;
+};
+
+// The window was computed by the clock as it went before.
+TEST_F(TimeChange, IsAskedForAgainByAJobThatIsListedBehindItByAnEarlierWindow) {
+  const ScheduleGuid id = Add(Daily());
+  const SCHEDULE_OBJECT schedule = Daily();
+  SCHEDULE_OBJECT refused = schedule;
+  refused.dwTaskOpCode = 99;
+  ScheduleGuid created{};
+  const char* const kSaved = "Exited from CZEPScheduleObj::SaveScheduleToFile";
+  const ListedBehind changes[] = {
+      {__LINE__, kSaved, &created, [&] { return m_service.CreateSchedule(schedule, created); }},
+      {__LINE__, kSaved, &id, [&] { return m_service.ModifySchedule(id, schedule); }},
+      {__LINE__, "Entered Modify Registry", &id, [&] { return m_service.ModifySchedule(id, refused); }},
+  };
+  for (const ListedBehind& c : changes) {
+    {
+      const AtLine between(c.step, [&] {
+        m_clock.SetWall(kPresent - kSecondsOfDay);
+        Pass();
+      });
+      EXPECT_EQ(c.change(), kStatusOk) << c.line;
+    }
+    EXPECT_EQ(ListedWindow(*c.id), kPresent + 3600) << c.line;
+    EXPECT_THAT(TakeEvents(), Contains(int{SYSTEM_TIME_CHANGED})) << c.line;
+    Pass();
+    EXPECT_EQ(ListedWindow(*c.id), kPresent + 3600 - kSecondsOfDay) << c.line;
+    m_clock.SetWall(kPresent);
+    Pass();
+  }
+  for (const ListedBehind& c : changes) {
+    EXPECT_EQ(c.change(), kStatusOk) << c.line;
+    EXPECT_THAT(TakeEvents(), testing::Not(Contains(int{SYSTEM_TIME_CHANGED}))) << c.line;
+  }
 }
 
 TEST_F(TimeChange, SendsNoNoticeForAnEmptyList) {
