@@ -46,25 +46,29 @@ void CTimeChangeThread::OnNotice(const platform::ClockNotice& notice) {
   }
 }
 
+CTimeChangeThread::Reading CTimeChangeThread::Reading::Now() {
+  const std::uint32_t tickCount = platform::TickCount();
+  return {tickCount, platform::NowWithMilliseconds()};
+}
+
+bool CTimeChangeThread::HasDrifted(const Reading& from, const Reading& to) {
+  const auto drift = static_cast<std::int32_t>(static_cast<std::uint32_t>(MillisecondsBetween(from.wall, to.wall)) -
+                                               (to.tickCount - from.tickCount));
+  const std::int64_t magnitude = drift < 0 ? -std::int64_t{drift} : std::int64_t{drift};
+  return magnitude > kToleratedDriftMs;
+}
+
 void CTimeChangeThread::OnTimeChange(bool zoneRulesChanged) {
-  std::uint32_t tickCount = platform::TickCount();
-  const platform::WallClockReading wall = platform::NowWithMilliseconds();
+  const Reading now = Reading::Now();
   const std::int32_t bias = platform::GetTimeZoneInformation().bias;
   const bool zoneChanged = bias != m_bias || zoneRulesChanged;
   m_bias = bias;
   AnnounceTimeZone(1, u"Timezone has been changed to : %S", bias);
-  if (m_tickCount != 0 && !zoneChanged) {
-    const auto ticks = static_cast<std::int32_t>(tickCount - m_tickCount);
-    const auto drift = static_cast<std::int32_t>(static_cast<std::uint32_t>(MillisecondsBetween(m_wall, wall)) -
-                                                 static_cast<std::uint32_t>(ticks));
-    const std::int64_t magnitude = drift < 0 ? -std::int64_t{drift} : std::int64_t{drift};
-    if (magnitude <= kToleratedDriftMs) return;
-  }
+  if (m_accepted.tickCount != 0 && !zoneChanged && !HasDrifted(m_accepted, now)) return;
   ServiceLog(3, u"SYSTEM_TIME_CHANGED event has been set");
   m_watch.SetGuard(0);  // the loop looks anyway, and sets it anew
   g_SchedulerEvents.Set(SYSTEM_TIME_CHANGED);
-  m_tickCount = tickCount;
-  m_wall = wall;
+  m_accepted = now;
 }
 
 void CTimeChangeThread::Run() {
@@ -75,6 +79,8 @@ void CTimeChangeThread::Run() {
   if (const platform::ErrorCode code = m_watch.Create(); code != platform::ERROR_SUCCESS) {
     ServiceLog(1, u"Create Window failed with error = %d", code);
   }
+  // No notice tells of what came ahead of the watch.
+  if (HasDrifted(m_begin, Reading::Now())) OnTimeChange(false);
   while (true) {
     platform::ClockNotice notice;
     if (m_watch.Read(notice) != platform::ERROR_SUCCESS) {

@@ -25,14 +25,14 @@ void AnnounceTimeZone(std::uint32_t level, const char16_t* format, std::int32_t 
 
 class CTimeChangeThread {
  public:
-  // The watch is borrowed.
+  // The watch is borrowed. Made ahead of everything that computes windows.
   explicit CTimeChangeThread(platform::ClockWatch& watch) : m_watch(watch) {}
 
   // The bias that the next notice is compared with, in minutes.
   void SaveBias(std::int32_t bias) { m_bias = bias; }
 
   // The thread's body: registers, creates, reads and hands on notices until the watch is destroyed. Failures are logged
-  // and the thread goes on.
+  // and the thread goes on. A clock that was set ahead of the watch, since this object was made, counts as a kTimeChange.
   void Run();
 
   // One notice. A kTimeChange sets SYSTEM_TIME_CHANGED unless the wall clock has drifted from the tick count by at most
@@ -41,12 +41,19 @@ class CTimeChangeThread {
   void OnNotice(const platform::ClockNotice& notice);
 
  private:
+  // Both clocks at one moment.
+  struct Reading {
+    std::uint32_t tickCount = 0;
+    platform::WallClockReading wall{};
+    static Reading Now();
+  };
+  static bool HasDrifted(const Reading& from, const Reading& to);
   void OnTimeChange(bool zoneRulesChanged);
 
   platform::ClockWatch& m_watch;
   std::int32_t m_bias = 0;
-  std::uint32_t m_tickCount = 0;  // of the last accepted change; 0 for none
-  platform::WallClockReading m_wall{};
+  const Reading m_begin = Reading::Now();
+  Reading m_accepted;  // at the last accepted change; a tick count of 0 for none
 };
 
 }  // namespace qx

@@ -43,11 +43,11 @@ TEST_F(OverdueGuard, AWindowInsideThePresentSecondIsSkippedAndTheOthersGoOn) {
   const ScheduleGuid other = Create(Daily(103));
   EXPECT_EQ(TakeEvent(), CREATE_EVENT);
   m_log.Clear();
-  m_standing.SetWall(kPresent + 100, 250);
+  m_standing.Advance(100250);
   std::promise<void> wrapped, looked;
   m_standing.onWait = [&](int number) {
     if (number == 1) {
-      m_standing.SetWall(kPresent + 102);
+      m_standing.Advance(1750);
       wrapped.set_value();
     } else if (number == 2) {
       looked.set_value();

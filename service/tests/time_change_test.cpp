@@ -368,6 +368,19 @@ TEST_F(TimeChangeThread, ReadsNoticesUntilTheWatchIsDestroyed) {
   EXPECT_TRUE(m_log.Has(5, "GetMessage --- 30"));
 }
 
+TEST_F(TimeChangeThread, FindsAClockThatWasSetAheadOfTheWatch) {
+  for (const auto& [seconds, event] : {std::pair(0, -1), std::pair(1, -1), std::pair(-3600, int{SYSTEM_TIME_CHANGED}),
+                                       std::pair(3600, int{SYSTEM_TIME_CHANGED})}) {
+    platform::ClockWatch watch;
+    qx::CTimeChangeThread thread(watch);
+    m_clock.Advance(2000);
+    m_clock.SetWall(platform::NowSeconds() + seconds);
+    watch.Destroy();
+    thread.Run();
+    EXPECT_EQ(TakeEvent(), event) << seconds;
+  }
+}
+
 TEST_F(TimeChangeThread, GoesOnAfterEachFailure) {
   m_watch.Destroy();
   {
