@@ -17,8 +17,13 @@
 
 namespace {
 
-// Fixed offsets, both hemispheres with daylight saving, half-hour steps and far ends.
+// Fixed offsets, both hemispheres with daylight saving, half-hour steps, far ends, and changes at midnight.
 const char* const kZones[] = {"UTC0",
+                              "America/Havana",
+                              "Asia/Gaza",
+                              "Atlantic/Azores",
+                              "Africa/Casablanca",
+                              "Antarctica/Troll",
                               "CET-1CEST,M3.5.0,M10.5.0/3",
                               "EST5EDT,M3.2.0,M11.1.0",
                               "LHST-10:30LHDT-11,M10.1.0,M4.1.0",
@@ -34,7 +39,11 @@ constexpr int kWindows = 5;
 rc::Gen<std::int32_t> Instant() { return rc::gen::inRange<std::int32_t>(kFirstDay, kFirstDay + kDays * 86400); }
 rc::Gen<std::uint32_t> Flag() { return rc::gen::inRange<std::uint32_t>(0, 2); }
 rc::Gen<std::uint32_t> WholeSeconds() {
-  return rc::gen::map(rc::gen::inRange<std::uint32_t>(1, 86401), [](std::uint32_t s) { return s * 1000; });
+  // Those of about a day lie beside the full day of a reset, which isn't one of whole seconds.
+  const auto seconds = rc::gen::oneOf(rc::gen::inRange<std::uint32_t>(1, 86401),
+                                      rc::gen::inRange<std::uint32_t>(1, 86401),
+                                      rc::gen::inRange<std::uint32_t>(86397, 86401));
+  return rc::gen::map(seconds, [](std::uint32_t s) { return s * 1000; });
 }
 
 SCHEDULE_OBJECT RandomRecord() {
