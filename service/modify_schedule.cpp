@@ -384,6 +384,13 @@ void Modification::ListOldJob() {
   if (g_sleepsWithout) g_SchedulerEvents.Set(REFRESH_EVENT);
 }
 
+Status Modify(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule, bool& modified) {
+  Modification modification(id, schedule);
+  if (const Status status = modification.CheckNew(); status != kStatusOk) return status;
+  if (const Status status = modification.CaptureOld(); status != kStatusOk) return status;
+  return modification.Commit(modified);
+}
+
 }  // namespace
 
 bool IsBeingModified(const ScheduleGuid& id) { return g_modified == id; }
@@ -392,11 +399,8 @@ void NoteSleep() { g_sleepsWithout = true; }
 
 Status ModifyStores(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule, bool& modified) {
   platform::AfterAnswer::DoNow();  // the copies of a change just ahead must not be taken for this one's
-  Modification modification(id, schedule);
   const CNewWindow window;
-  if (const Status status = modification.CheckNew(); status != kStatusOk) return status;
-  if (const Status status = modification.CaptureOld(); status != kStatusOk) return status;
-  const Status status = modification.Commit(modified);
+  const Status status = Modify(id, schedule, modified);
   window.Listed();
   return status;
 }

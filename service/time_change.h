@@ -30,12 +30,13 @@ using WindowArray = platform::RecordArray<std::int32_t>;
 // registry, none is brought back.
 void TimeChangePass(platform::Apartment& apartment, ISchedulerService& service);
 
-// Over the time from the computing of a window until its job is listed. A pass in between hasn't seen the job.
+// Over the time from the computing of a window until its job is listed, or until a modification gives the schedule
+// free. A pass in between hasn't seen the job.
 // Threads: one at a time.
 class CNewWindow {
  public:
   CNewWindow();  // ahead of the computing
-  // The job is listed, and its key is written. Sets SYSTEM_TIME_CHANGED when a pass has begun meanwhile.
+  // The job is listed, or free, and its key is written. Sets SYSTEM_TIME_CHANGED when a pass has begun meanwhile.
   void Listed() const;
 
  private:

@@ -139,6 +139,35 @@ TEST_F(TimeChange, IsAskedForAgainByAJobThatIsListedBehindItByAnEarlierWindow) {
   }
 }
 
+TEST_F(TimeChange, IsAskedForAgainWhereAModificationKeptItFromAScheduleThatHadRunOut) {
+  const ScheduleGuid id = Add(Once());
+  m_clock.SetWall(kPresent + 7200);
+  ASSERT_EQ(m_service.Refresh(), kStatusOk);
+  ASSERT_EQ(g_JobList.Size(), 0u);
+  const SCHEDULE_OBJECT schedule = Daily();
+  SCHEDULE_OBJECT refused = schedule;
+  refused.dwTaskOpCode = 99;
+  for (const bool rollsBack : {true, false}) {  // or ends ahead of the change
+    (void)TakeEvents();
+    {
+      FaultPlan plan = FaultPlan::FailCall(Operation::kAllocate, 1, 8, platform::kOnce, "ModifySchedule old path");
+      if (rollsBack) plan.Remove();
+      const AtLine inside(rollsBack ? "Entered Modify Registry" : "ModifySchedule:calloc failed", [&] {
+        m_clock.SetWall(kPresent);
+        Pass();
+      });
+      EXPECT_EQ(m_service.ModifySchedule(id, rollsBack ? refused : schedule), rollsBack ? kStatusOk : kStatusFailure);
+    }
+    EXPECT_EQ(ListedWindow(id), -2) << rollsBack;
+    EXPECT_THAT(TakeEvents(), Contains(int{SYSTEM_TIME_CHANGED})) << rollsBack;
+    Pass();
+    EXPECT_EQ(ListedWindow(id), kPresent + 3600) << rollsBack;
+    m_clock.SetWall(kPresent + 7200);
+    Pass();
+    ASSERT_EQ(g_JobList.Size(), 0u);
+  }
+}
+
 TEST_F(TimeChange, SendsNoNoticeForAnEmptyList) {
   (void)Add(Once(100));
   m_clock.SetWall(kPresent + 1000);
