@@ -43,6 +43,7 @@ struct SentListRows {
   std::vector<std::vector<SentListRow>> blocks;    // one behind the other: the rows in the order of the list
   std::vector<std::shared_ptr<const void>> texts;  // the answers in which the rows' texts stand
 
+  // The number of rows in all blocks.
   [[nodiscard]] std::size_t Count() const {
     std::size_t count = 0;
     for (const auto& block : blocks) count += block.size();
