@@ -91,7 +91,8 @@ class CRegistry {  // the key store by paths
 
   // Reads a value.
   // As a number: four bytes of any type; 234 (more data) for more, 13 (invalid data) for fewer.
-  // As text: text of any length up to its first zero; 13 for other types and an odd size.
+  // As text: text of any length up to its first zero; 13 for other types and an odd size, 234 for one that grows while
+  // it is read.
   // As data: `size` is, in, bytes at `data`, out, bytes of the value, also with 234, for which `data` is too small.
   OsError FetchValue(const CPath& path, std::uint32_t& number);
   OsError FetchValue(const CPath& path, wcstring& text);

@@ -158,7 +158,7 @@ ErrorCode ReadText(const RegistryKey& key, std::u16string_view name, wcstring& t
   std::uint32_t type = 0;
   std::uint32_t size = kTextBuffer;
   ErrorCode code = platform::QueryValue(key, name, &type, data.data(), &size);
-  while (code == ERROR_MORE_DATA) {  // again when it grew meanwhile
+  if (code == ERROR_MORE_DATA) {  // once: a value that grows meanwhile is a failed read
     data.resize(size);
     code = platform::QueryValue(key, name, &type, data.data(), &size);
   }

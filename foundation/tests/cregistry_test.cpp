@@ -170,6 +170,21 @@ TEST_F(RegistryAccess, FetchesATextLongerThanItsFirstBuffer) {
   }
 }
 
+TEST_F(RegistryAccess, GivesUpATextThatDoesNotFitTheSecondReadingEither) {
+  ASSERT_EQ(Registry().SetValue(CPath(u"\\HKCU\\A\\text"), u"text").m_code, 0u);
+  int readings = 0;
+  FaultPlan plan = FaultPlan::Ask([&](int, Operation operation, std::string_view) -> platform::ErrorCode {
+    const bool grows = operation == Operation::kRegQueryValue && ++readings <= 5;
+    return grows ? platform::ERROR_MORE_DATA : platform::ERROR_SUCCESS;
+  });
+  wcstring text(u"kept");
+  const OsError error = Registry().FetchValue(CPath(u"\\HKCU\\A\\text"), text);
+  plan.Remove();
+  EXPECT_EQ(error.m_code, platform::ERROR_MORE_DATA);
+  EXPECT_EQ(readings, 2);
+  EXPECT_EQ(text, u"kept");
+}
+
 TEST_F(RegistryAccess, LeavesTheTargetAsItWasWhereAValueDoesNotFit) {
   CRegistry& registry = Registry();
   const unsigned char bytes[] = {1, 2, 3, 4, 5};
