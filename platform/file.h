@@ -120,7 +120,12 @@ class FileReplacement {
 // An open file, closed at the end of its life. Other openers may read, write, rename and delete it meanwhile.
 class File {
  public:
-  enum class Access { kRead, kWrite, kReadWrite };
+  enum class Access {
+    kRead,
+    kWrite,
+    kReadWrite,
+    kAppend,  // to write at the end that the file has then, whatever the position
+  };
   enum class Disposition {
     kOpenExisting,      // ERROR_FILE_NOT_FOUND (2) when missing
     kOpenAlways,        // created when missing, contents kept

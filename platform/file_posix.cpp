@@ -199,6 +199,17 @@ ErrorCode Rename(const std::string& from, const std::string& to, Durable durable
   return SyncDirectory(DirectoryOf(from));
 }
 
+struct AccessFlags {
+  File::Access access;
+  int flags;
+};
+constexpr AccessFlags kAccesses[] = {
+    {File::Access::kRead, O_RDONLY},
+    {File::Access::kWrite, O_WRONLY},
+    {File::Access::kReadWrite, O_RDWR},
+    {File::Access::kAppend, O_WRONLY | O_APPEND},
+};
+
 struct OpenFlags {
   File::Disposition disposition;
   int flags;
@@ -212,7 +223,10 @@ constexpr OpenFlags kDispositions[] = {
 };
 
 int FlagsOf(File::Access access, File::Disposition disposition) {
-  const int mode = access == File::Access::kRead ? O_RDONLY : access == File::Access::kWrite ? O_WRONLY : O_RDWR;
+  int mode = 0;
+  for (const AccessFlags& row : kAccesses) {
+    if (row.access == access) mode = row.flags;
+  }
   int flags = 0;
   for (const OpenFlags& row : kDispositions) {
     if (row.disposition == disposition) flags = row.flags;

@@ -92,13 +92,11 @@ class Scheddebugstreambuf<char> : public std::streambuf {
   // Deliberate: what is pending stays so; only the marker ends a record. The file has no buffer of its own.
   int sync() override { return 0; }
 
-  // Opens the file at its end; without a path it does nothing.
+  // Opens the file to append to it, since other processes may trace there too; without a path it does nothing.
   virtual void OpenFile() QX_REQUIRES(m_lock) {
     if (m_filePath.empty()) return;
     std::uint64_t size = 0;
-    if (m_file.Open(NativeName(m_filePath), File::Access::kWrite, File::Disposition::kOpenAlways) != ERROR_SUCCESS ||
-        m_file.SeekToEnd() != ERROR_SUCCESS) {
-      m_file.Close();
+    if (m_file.Open(NativeName(m_filePath), File::Access::kAppend, File::Disposition::kOpenAlways) != ERROR_SUCCESS) {
       m_failed = true;
       return;
     }
@@ -112,9 +110,9 @@ class Scheddebugstreambuf<char> : public std::streambuf {
   [[nodiscard]] static std::string NativeName(const std::string& path) {
     return platform::NativePath(platform::WideFromSystem(path));
   }
-  // Opens the file when needed; false where a statement's text goes nowhere.
+  // Opens the file when needed; false where a statement's text goes nowhere. A failure holds to the next statement.
   bool Ready() QX_REQUIRES(m_lock) {
-    if (!m_file.IsOpen()) OpenFile();
+    if (!m_failed && !m_file.IsOpen()) OpenFile();
     return m_file.IsOpen() && !m_failed;
   }
   [[nodiscard]] std::string_view Pending() const QX_REQUIRES(m_lock) { return {m_pending, m_pendingCount}; }
@@ -177,6 +175,7 @@ using TraceBuffer = Scheddebugstreambuf<char>;
 
 // The one stream of the process: made once, replaced by ResetDebugTrace() only.
 struct Stream {
+  CZepOSCriticalSection header;  // held while a header is written, ahead of the buffer's lock
   CZepOSCriticalSection lock;
   std::unique_ptr<TraceBuffer> buffer QX_GUARDED_BY(lock);
 };
@@ -306,6 +305,7 @@ std::ostream& DebugTrace(std::uint32_t /*area*/, std::uint16_t level, const char
     front.stream.setstate(std::ios_base::failbit);
     return front.stream;
   }
+  const CZepGateKeeper hold(TheStream().header);  // ahead of the lock that each part of it takes
   buffer.ClearFailure();
   WriteHeader(front.stream, buffer.filterFlags(), level, file, line);
   return front.stream;

@@ -73,7 +73,7 @@ TEST_F(TraceFiles, AreAsRecordedForEveryFilter) {
   }
 }
 
-// Headers of two threads may alternate; a message that is one piece stays one.
+// A message may stand between the parts of another thread's header; one that is one piece stays one.
 TEST_F(TraceFiles, TearLoseAndDoubleNoMessageWhileEightThreadsRollThemOver) {
   constexpr int kThreads = 8;
   constexpr int kRecords = 150;

@@ -165,6 +165,15 @@ TEST_F(DebugStream, AppendsToTheFileThatIsThere) {
   EXPECT_EQ(Contents(), "before\n" + std::string(kHeaderTime) + " : [ERROR]   SS after\n");
 }
 
+TEST_F(DebugStream, AppendsBehindWhatOthersWriteToTheFileMeanwhile) {
+  const std::string header = std::string(kHeaderTime) + " : [ERROR]   ";
+  Configure(kShort);
+  QX_TRACE(kTraceError, "one");
+  std::ofstream(m_root / "trace.log", std::ios::app) << "of another process\n";
+  QX_TRACE(kTraceError, "two");
+  EXPECT_EQ(Contents(), header + "SS one\nof another process\n" + header + "SS two\n");
+}
+
 TEST_F(DebugStream, RollsOverAfterEveryRecordWithASizeOfZero) {
   Configure(kShort, 0);
   QX_TRACE(kTraceError, "one");
@@ -230,6 +239,18 @@ TEST_F(DebugStream, TriesTheFileAgainAtTheNextStatement) {
   EXPECT_EQ(Contents(), std::string(kHeaderTime) + " : [ERROR]   SS kept\n");
 }
 
+TEST_F(DebugStream, DoesNothingMoreForAStatementThatCouldNotOpenTheFile) {
+  Configure(kShort);
+  {
+    const FaultPlan plan = FaultPlan::FailCall(Operation::kCreateFile, 1, platform::ERROR_ACCESS_DENIED);
+    QX_TRACE(kTraceError, "lost");
+    EXPECT_EQ(plan.hits(), 1);
+  }
+  EXPECT_FALSE(Exists("trace.log"));
+  QX_TRACE(kTraceError, "kept");
+  EXPECT_EQ(Contents(), std::string(kHeaderTime) + " : [ERROR]   SS kept\n");
+}
+
 TEST_F(DebugStream, CarriesNoFormattingIntoTheNextStatement) {
   Configure(kEverything);
   DebugTrace(4, kTraceError, "a.cpp", 10) << std::hex << 255 << '\n' << "@@@";
@@ -250,6 +271,38 @@ TEST_F(DebugStream, LosesNoCharacterOfEightThreads) {
   DebugTrace(4, kTraceError, nullptr, 0) << "@@@";
   const std::string text = Contents();
   EXPECT_EQ(std::count(text.begin(), text.end(), 'q'), 8 * 200 * 10);
+}
+
+// Lets another thread go on in the middle of each header.
+class YieldingClock final : public platform::ClockSource {
+ public:
+  YieldingClock() { platform::InstallClockSource(this); }
+  ~YieldingClock() { platform::InstallClockSource(nullptr); }
+  std::int64_t WallNanoseconds() override {
+    std::this_thread::yield();
+    return FixedClock().WallNanoseconds();
+  }
+  std::uint64_t SteadyMilliseconds() override { return 0; }
+  bool ConsumeWait(std::uint64_t) override { return true; }
+};
+
+TEST_F(DebugStream, TearsNoHeaderOfEightThreads) {
+  constexpr int kThreads = 8;
+  constexpr int kHeaders = 200;
+  Configure(kEverything, 0xFFFFF);
+  const YieldingClock clock;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([] {
+      for (int n = 0; n < kHeaders; ++n) DebugTrace(4, kTraceError, "a.cpp", 7);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  DebugTrace(4, kTraceError, "a.cpp", 7) << "@@@";
+  const std::string header = Process() + " " + Process() + " " + kHeaderTime + " a.cpp (7) : [ERROR]   ";
+  const std::string text = Contents();
+  ASSERT_EQ(text.size(), header.size() * (kThreads * kHeaders + 1));
+  for (std::size_t at = 0; at < text.size(); at += header.size()) ASSERT_EQ(text.substr(at, header.size()), header);
 }
 
 TEST_F(DebugStream, GivesRecordsToACaptureInPlaceOfTheFile) {

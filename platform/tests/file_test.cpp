@@ -144,6 +144,19 @@ TEST_F(Files, OpenByTheirDisposition) {
   }
 }
 
+TEST_F(Files, AreAppendedToAtTheirEndWhoeverWroteMeanwhile) {
+  File file;
+  ASSERT_EQ(file.Open(m_name, Access::kAppend, Disposition::kOpenAlways), ERROR_SUCCESS);
+  EXPECT_EQ(file.WriteAll("ab"), ERROR_SUCCESS);
+  File other;
+  ASSERT_EQ(other.Open(m_name, Access::kAppend, Disposition::kOpenExisting), ERROR_SUCCESS);
+  EXPECT_EQ(other.WriteAll("12"), ERROR_SUCCESS);
+  EXPECT_EQ(file.WriteAll("cd"), ERROR_SUCCESS);
+  EXPECT_EQ(other.SeekTo(0), ERROR_SUCCESS);
+  EXPECT_EQ(other.WriteAll("34"), ERROR_SUCCESS);
+  EXPECT_EQ(Get(m_name), "ab12cd34");
+}
+
 TEST_F(Files, ArePrivateWhenNew) {
   File file;
   ASSERT_EQ(file.Open(m_name, Access::kWrite, Disposition::kOpenAlways), ERROR_SUCCESS);
