@@ -58,8 +58,9 @@ void ServiceLog(std::uint32_t level, const char16_t* format, const A&... args) {
   }
 }
 
-// Makes text from outside fit for an argument of ServiceLog(): a control character becomes a blank, "%" is doubled, the
-// end cut to kForLogBytes in the system code page; neither a doubled "%" nor a surrogate pair is cut apart.
+// Makes text from outside fit for an argument of ServiceLog(): a control character becomes a blank, "%" and what the
+// system code page writes as "%" is doubled, the end cut to kForLogBytes in that page; neither a doubled "%" nor a
+// surrogate pair is cut apart.
 [[nodiscard]] std::u16string ForLog(std::u16string_view text);
 
 // What takes the lines in place of the file while it is installed.

@@ -3,6 +3,7 @@
 
 #include "foundation/include/zfcguid.h"
 #include "foundation/include/zfclog.h"
+#include "platform/text.h"
 
 namespace ZepFoundation {
 namespace {
@@ -33,7 +34,7 @@ std::u16string_view CheckedPart(const char16_t* text) {
 }
 
 void ReportInvalidGuidCharacter(char16_t character, std::size_t position) {
-  if (character == u'%') {
+  if (platform::SystemFromWide({&character, 1}) == "%") {
     // The log expands its text twice, so a percent sign of the text is doubled; the line reads the same.
     ServiceLog(0, u"IsValidGUIDString:Invalid character %s at %d in GUIDString", u"%%", static_cast<int>(position));
     return;

@@ -181,9 +181,6 @@ void WriteToFile(const std::string& text, std::span<const LogArgument> arguments
   if (file.IsOpen()) WriteLine(file, text, arguments);
 }
 
-// How many bytes a character takes in the system code page.
-std::size_t SystemBytes(std::u16string_view character) { return platform::SystemFromWide(character).size(); }
-
 // What ends a line, moves the cursor or starts a terminal's sequence: C0, DEL and C1 of ISO 6429.
 bool IsControl(char16_t unit) { return unit < 0x20 || (unit >= 0x7F && unit < 0xA0); }
 
@@ -290,8 +287,9 @@ std::u16string ForLog(std::u16string_view text) {
     }
     std::u16string_view character = text.substr(at, IsPair(text.substr(at)) ? 2 : 1);
     if (IsControl(character.front())) character = u" ";
-    const bool percent = character == u"%";
-    const std::size_t more = percent ? 2 * SystemBytes(character) : SystemBytes(character);
+    const std::string narrow = platform::SystemFromWide(character);
+    const bool percent = narrow == "%";  // also what is one by the code page's best fit
+    const std::size_t more = percent ? 2 * narrow.size() : narrow.size();
     if (bytes + more > kForLogBytes) break;
     out += character;
     if (percent) out += character;

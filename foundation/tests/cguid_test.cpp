@@ -6,6 +6,7 @@
 
 #include "foundation/include/zfcguid.h"
 #include "foundation/testing/captured_log.h"
+#include "foundation/tests/system_page.h"
 #include "platform/testing/fault.h"
 #include "platform/text.h"
 
@@ -151,6 +152,14 @@ TEST(IsValidGUIDString, LogsTheFirstWrongCharacter) {
     ASSERT_EQ(log.lines().size(), 1u);
     EXPECT_TRUE(log.Has(0, c.logged)) << log.lines()[0];
   }
+}
+
+TEST(IsValidGUIDString, LogsASignThatTheCodePageWritesAsAPercentSign) {
+  const SystemPage western(platform::kCodePageWestern);
+  const CapturedServiceLog log;
+  EXPECT_EQ(IsValidGUIDString(u"{1433\uFF05370-2F7E-45E1-91F1-683AC3056172}"), 0);
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_TRUE(log.Has(0, "IsValidGUIDString:Invalid character % at 5 in GUIDString")) << log.lines()[0];
 }
 
 }  // namespace

@@ -538,6 +538,10 @@ TEST_F(ForLogTest, DoublesPercentSignsBlanksControlCharactersAndCutsAtThreeHundr
       {__LINE__, platform::kCodePageUtf8, n(150, u"%") + u"\n", n(300, u"%")},
       {__LINE__, platform::kCodePageWestern, n(301, u"\u00e9"), n(300, u"\u00e9")},
       {__LINE__, platform::kCodePageWestern, n(301, u"\u4e2d"), n(300, u"\u4e2d")},
+      // The best fit of that page for two other percent signs is the plain one.
+      {__LINE__, platform::kCodePageWestern, u"5\uff05s \u066ad", u"5\uff05\uff05s \u066a\u066ad"},
+      {__LINE__, platform::kCodePageWestern, u"a" + n(150, u"\uff05"), u"a" + n(298, u"\uff05")},
+      {__LINE__, platform::kCodePageUtf8, u"5\uff05s \u066ad", u"5\uff05s \u066ad"},
   };
   for (const ForLogCase& c : cases) {
     ASSERT_EQ(platform::SetSystemCodePage(c.page), 0u);
@@ -550,6 +554,13 @@ TEST_F(ForLogTest, BringsTextFromOutsideThroughBothExpansionsUnchanged) {
   CapturedServiceLog log;
   ServiceLog(2, u"Successful Schedule Creation: %s", ForLog(u"%s 100% %1025d %%"));
   EXPECT_EQ(log.lines(), (std::vector<CapturedLogLine>{{2, "Successful Schedule Creation: %s 100% %1025d %%"}}));
+}
+
+TEST_F(ForLogTest, LetsNoSignThatTheCodePageWritesAsAPercentSignBeginAConversion) {
+  ASSERT_EQ(platform::SetSystemCodePage(platform::kCodePageWestern), 0u);
+  CapturedServiceLog log;
+  ServiceLog(2, u"Successful Schedule Creation: %s", ForLog(u"\uff051025s \u066ax"));
+  EXPECT_EQ(log.lines(), (std::vector<CapturedLogLine>{{2, "Successful Schedule Creation: %1025s %x"}}));
 }
 
 TEST_F(ForLogTest, LetsNobodyOutsideBeginALineOfTheLog) {
