@@ -2,7 +2,8 @@
 //
 // Integers pass in the stream's order, two's complement, in the width of their type; characters and character arrays
 // pass as they are. Errors are the stream's state, as in the standard streams: test it after a sequence of operations
-// and before a value is used. Nothing throws unless the caller has enabled exceptions of the stream.
+// and before a value is used. Nothing throws unless the caller has enabled exceptions of the stream: what a buffer
+// throws sets the bad bit.
 // Threads: a stream belongs to one thread.
 #pragma once
 
@@ -59,7 +60,7 @@ class bistream : virtual public std::ios {
   // Bytes up to and including a zero byte, without any limit: the caller answers for the size of `target`.
   // Deliberate: a byte of value 255 is stored and ends the text with the failure bit, as the end of the stream does.
   bistream& operator>>(char* target);
-  // The rest of this stream into another one; the failure bit when there was nothing to copy.
+  // The rest of this stream into another one, or once behind itself; the failure bit when there was nothing to copy.
   bistream& operator>>(std::streambuf& target);
   bistream& operator>>(bostream& target);
 
@@ -104,7 +105,7 @@ class bostream : virtual public std::ios {
   bostream& put(unsigned char c);
   bostream& flush();
 
-  // All that the source still has; the failure bit when that is nothing.
+  // All that the source still has, the stream's own buffer once; the failure bit when that is nothing.
   bostream& operator<<(std::streambuf& source);
   bostream& operator<<(bistream& source);
 

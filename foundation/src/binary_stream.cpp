@@ -5,6 +5,7 @@
 #include <new>
 #include <ostream>
 #include <stdexcept>
+#include <type_traits>
 
 #include "foundation/include/zfcbytes.h"
 #include "platform/debug_output.h"
@@ -36,17 +37,47 @@ T InOrder(T value, CByteOrder::ByteOrder order) {
   return order == CByteOrder::Native() ? value : Swapped(value);
 }
 
-// Copies until the source ends or the target takes no more; gives the number of bytes that arrived.
+// Has `ask` work on a stream's buffer. What that throws becomes the bad bit, and leaves only where the caller has
+// enabled exceptions for it, as with the standard streams.
+template <class Ask>
+auto Asked(std::ios& stream, std::invoke_result_t<Ask> failed, Ask ask) {
+  try {
+    return ask();
+  } catch (...) {
+    try {
+      stream.setstate(std::ios::badbit);
+    } catch (const std::ios::failure&) {  // what the buffer threw says more
+    }
+    if ((stream.exceptions() & std::ios::badbit) != 0) throw;
+    return failed;
+  }
+}
+
+// What is left to read; 0 where the buffer can't be positioned.
+std::streamsize LeftIn(std::streambuf& buffer) {
+  const std::streampos failed(std::streamoff(-1));
+  const std::streampos position = buffer.pubseekoff(0, std::ios_base::cur, std::ios_base::in);
+  if (position == failed) return 0;
+  const std::streampos end = buffer.pubseekoff(0, std::ios_base::end, std::ios_base::in);
+  buffer.pubseekpos(position, std::ios_base::in);
+  return end == failed ? 0 : end - position;
+}
+
+// Copies until the source ends or the target takes no more; gives the number of bytes that arrived. A buffer that is
+// copied behind itself would never end: it gives what it holds at the beginning.
 std::streamsize Copy(std::streambuf& from, std::streambuf& to) {
   std::array<char, kCopyBlock> block;
+  std::streamsize left = &from == &to ? LeftIn(from) : std::numeric_limits<std::streamsize>::max();
   std::streamsize copied = 0;
-  for (;;) {
-    const std::streamsize got = from.sgetn(block.data(), block.size());
-    if (got <= 0) return copied;
+  while (left > 0) {
+    const std::streamsize got = from.sgetn(block.data(), std::min<std::streamsize>(left, block.size()));
+    if (got <= 0) break;
     const std::streamsize put = to.sputn(block.data(), got);
     copied += put;
-    if (put != got) return copied;
+    left -= got;
+    if (put != got) break;
   }
+  return copied;
 }
 
 std::streamoff SizeOf(std::streambuf* buffer, std::ios_base::openmode which) {
@@ -76,18 +107,20 @@ bool bistream::ipfx() {
 
 int bistream::sync() {
   if (std::ios::rdbuf() == nullptr) return -1;
-  if (std::ios::rdbuf()->pubsync() != -1) return 0;
+  if (Asked(*this, -1, [this] { return std::ios::rdbuf()->pubsync(); }) != -1) return 0;
   setstate(badbit);
   return -1;
 }
 
-std::streamoff bistream::size() { return SizeOf(std::ios::rdbuf(), in); }
+std::streamoff bistream::size() {
+  return Asked(*this, -1, [this] { return SizeOf(std::ios::rdbuf(), in); });
+}
 
 bistream& bistream::read(char* buffer, std::int32_t count) {
   m_gcount = 0;
   if (!ipfx()) return *this;
   const std::streamsize wanted = std::max<std::int32_t>(count, 0);
-  const std::streamsize got = std::ios::rdbuf()->sgetn(buffer, wanted);
+  const std::streamsize got = Asked(*this, 0, [&] { return std::ios::rdbuf()->sgetn(buffer, wanted); });
   if (got == wanted) return *this;
   m_gcount += static_cast<std::int32_t>(got);
   setstate(failbit);
@@ -96,22 +129,26 @@ bistream& bistream::read(char* buffer, std::int32_t count) {
 
 int bistream::get() {
   if (!ipfx()) return Traits::eof();
-  const int c = std::ios::rdbuf()->sbumpc();
+  const int c = Asked(*this, Traits::eof(), [this] { return std::ios::rdbuf()->sbumpc(); });
   if (c == Traits::eof()) setstate(failbit);
   return c;
 }
 
-int bistream::peek() { return ipfx() ? std::ios::rdbuf()->sgetc() : Traits::eof(); }
+int bistream::peek() {
+  return ipfx() ? Asked(*this, Traits::eof(), [this] { return std::ios::rdbuf()->sgetc(); }) : Traits::eof();
+}
 
 bistream& bistream::putback(char c) {
-  if (ipfx() && std::ios::rdbuf()->sputbackc(c) == Traits::eof()) setstate(badbit);
+  if (!ipfx()) return *this;
+  const int put = Asked(*this, Traits::eof(), [&] { return std::ios::rdbuf()->sputbackc(c); });
+  if (put == Traits::eof()) setstate(badbit);
   return *this;
 }
 
 bistream& bistream::operator>>(char* target) {
   if (!ipfx()) return *this;
   for (;;) {
-    const int c = std::ios::rdbuf()->sbumpc();
+    const int c = Asked(*this, Traits::eof(), [this] { return std::ios::rdbuf()->sbumpc(); });
     if (c != Traits::eof()) *target++ = static_cast<char>(c);
     if (c == 0) return *this;
     // Deliberate: the byte 255 isn't told from the end of the stream.
@@ -123,7 +160,7 @@ bistream& bistream::operator>>(char* target) {
 }
 
 bistream& bistream::operator>>(std::streambuf& target) {
-  if (!ipfx() || Copy(*std::ios::rdbuf(), target) == 0) setstate(failbit);
+  if (!ipfx() || Asked(*this, 0, [&] { return Copy(*std::ios::rdbuf(), target); }) == 0) setstate(failbit);
   return *this;
 }
 
@@ -168,14 +205,16 @@ void bostream::osfx() {
   if ((flags() & unitbuf) != 0) flush();
 }
 
-std::streamoff bostream::size() { return SizeOf(std::ios::rdbuf(), out); }
+std::streamoff bostream::size() {
+  return Asked(*this, -1, [this] { return SizeOf(std::ios::rdbuf(), out); });
+}
 
 bostream& bostream::write(const char* buffer, std::streamsize count) {
   if (count < 0 || !opfx()) {
     setstate(badbit);
     return *this;
   }
-  if (std::ios::rdbuf()->sputn(buffer, count) != count) setstate(badbit);
+  if (Asked(*this, -1, [&] { return std::ios::rdbuf()->sputn(buffer, count); }) != count) setstate(badbit);
   osfx();
   return *this;
 }
@@ -192,12 +231,13 @@ bostream& bostream::put(char c) { return write(&c, 1); }
 bostream& bostream::put(unsigned char c) { return write(&c, 1); }
 
 bostream& bostream::flush() {
-  if (std::ios::rdbuf() != nullptr && std::ios::rdbuf()->pubsync() == -1) setstate(badbit);
+  if (std::ios::rdbuf() == nullptr) return *this;
+  if (Asked(*this, -1, [this] { return std::ios::rdbuf()->pubsync(); }) == -1) setstate(badbit);
   return *this;
 }
 
 bostream& bostream::operator<<(std::streambuf& source) {
-  if (!opfx() || Copy(source, *std::ios::rdbuf()) == 0) setstate(failbit);
+  if (!opfx() || Asked(*this, 0, [&] { return Copy(source, *std::ios::rdbuf()); }) == 0) setstate(failbit);
   osfx();
   return *this;
 }

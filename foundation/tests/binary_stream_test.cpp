@@ -285,6 +285,84 @@ TEST(BinaryStream, CopiesFromABinaryStreamAndIntoAPlainBuffer) {
   EXPECT_EQ(out.view(), "def");
 }
 
+TEST(BinaryStream, CopiesABufferIntoItselfOnce) {
+  char room[64];
+  bstrstreambuf buffer(room, sizeof room);
+  bostream out(&buffer, kBig);
+  bistream in(&buffer, kBig);
+  out.write("abc", 3);
+  EXPECT_EQ(in.get(), 'a');
+  out << buffer;  // what is left to read
+  EXPECT_TRUE(out.good());
+  EXPECT_EQ(buffer.view(), "abcbc");
+  in >> buffer;
+  EXPECT_TRUE(in.good());
+  EXPECT_EQ(buffer.view(), "abcbcbc");
+}
+
+struct Broken {};
+// Has nothing and takes nothing, and throws instead of saying so.
+class ThrowingBuffer : public std::streambuf {
+ protected:
+  int_type underflow() override { throw Broken(); }
+  int_type overflow(int_type) override { throw Broken(); }
+  int_type pbackfail(int_type) override { throw Broken(); }
+  int sync() override { throw Broken(); }
+  pos_type seekoff(off_type, std::ios_base::seekdir, std::ios_base::openmode) override { throw Broken(); }
+};
+
+struct BrokenInput {
+  const char* name;
+  void (*ask)(bistream&);
+};
+const BrokenInput kBrokenInputs[] = {
+    {"read", [](bistream& in) { char c; in.read(&c, 1); }},
+    {"integer", [](bistream& in) { std::uint32_t value; in >> value; }},
+    {"get", [](bistream& in) { EXPECT_EQ(in.get(), -1); }},
+    {"peek", [](bistream& in) { EXPECT_EQ(in.peek(), -1); }},
+    {"putback", [](bistream& in) { in.putback('a'); }},
+    {"text", [](bistream& in) { char text[4]; in >> text; }},
+    {"copy", [](bistream& in) { std::stringbuf target; in >> target; }},
+    {"sync", [](bistream& in) { EXPECT_EQ(in.sync(), -1); }},
+    {"size", [](bistream& in) { EXPECT_EQ(in.size(), -1); }},
+};
+TEST(BinaryStream, MakesTheBadBitOfWhatItsBufferThrowsUponReading) {
+  for (const BrokenInput& c : kBrokenInputs) {
+    ThrowingBuffer buffer;
+    bistream in(&buffer, kBig);
+    EXPECT_NO_THROW(c.ask(in)) << c.name;
+    EXPECT_TRUE(in.bad()) << c.name;
+    in.clear();
+    in.exceptions(std::ios::badbit);
+    EXPECT_THROW(c.ask(in), Broken) << c.name;
+    EXPECT_TRUE(in.bad()) << c.name;
+  }
+}
+
+struct BrokenOutput {
+  const char* name;
+  void (*ask)(bostream&);
+};
+const BrokenOutput kBrokenOutputs[] = {
+    {"write", [](bostream& out) { out.write("a", 1); }},
+    {"integer", [](bostream& out) { out << std::uint32_t{1}; }},
+    {"copy", [](bostream& out) { std::stringbuf source("abc"); out << source; }},
+    {"flush", [](bostream& out) { out.flush(); }},
+    {"size", [](bostream& out) { EXPECT_EQ(out.size(), -1); }},
+};
+TEST(BinaryStream, MakesTheBadBitOfWhatItsBufferThrowsUponWriting) {
+  for (const BrokenOutput& c : kBrokenOutputs) {
+    ThrowingBuffer buffer;
+    bostream out(&buffer, kBig);
+    EXPECT_NO_THROW(c.ask(out)) << c.name;
+    EXPECT_TRUE(out.bad()) << c.name;
+    out.clear();
+    out.exceptions(std::ios::badbit);
+    EXPECT_THROW(c.ask(out), Broken) << c.name;
+    EXPECT_TRUE(out.bad()) << c.name;
+  }
+}
+
 TEST(BinaryStream, EndsLinesAndTexts) {
   bostrstream out(kBig);
   out << endl << ends << flush;
