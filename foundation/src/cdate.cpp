@@ -91,10 +91,9 @@ int CDate::GetDaysInMonth() const {
 }
 
 EDAYOFWEEK CDate::GetMonthStartDay() const {
-  const auto [year, month, day] = FieldsOf(*this);
-  CDate first;
-  first.SetDate(year, month, 1);
-  return first.GetDayOfWeek();
+  // Counted back from this day: SetDate() would move a year of the first century.
+  const int start = (GetDayOfWeek() - (GetDay() - 1)) % 7;
+  return static_cast<EDAYOFWEEK>(start < 0 ? start + 7 : start);
 }
 
 int CDate::GetWeeksInMonth() const {

@@ -77,6 +77,18 @@ TEST(Date, CountsTheWeeksOfAMonth) {
   }
 }
 
+// SetDate() doesn't lead there: it takes these years as of the 20th century.
+TEST(Date, KnowsTheStartOfAMonthInTheFirst100Years) {
+  for (std::uint64_t days = 0; days < 36524; ++days) {
+    CDate date;
+    date.SetFromMilliSeconds(days * 86400000);
+    CDate first;
+    first.SetFromMilliSeconds((days - static_cast<std::uint64_t>(date.GetDay() - 1)) * 86400000);
+    ASSERT_EQ(first.GetDay(), 1);
+    ASSERT_EQ(date.GetMonthStartDay(), first.GetDayOfWeek()) << Text(date);
+  }
+}
+
 TEST(Date, GivesANegativeZeroSpanBetweenEqualDates) {
   const WTimeSpan span = Date(2024, 2, 29) - Date(2024, 2, 29);
   EXPECT_EQ(span.GetMagnitude(), 0u);
