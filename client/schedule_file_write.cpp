@@ -54,12 +54,17 @@ std::string DateOf(std::int32_t seconds, const platform::Zone& zone) {
 }
 
 void WriteWindow(std::string& out, const SCHEDULE_RULE& rules, const platform::Zone& zone) {
-  // The rule object's own window, 00:00:00.000 to 23:59:59.059; the service's file keeps whole seconds of it.
-  constexpr std::uint32_t kWholeDaySeconds = 86399;
+  // The rule object's own end is 23:59:59.059; the service's file keeps whole seconds of a duration.
+  constexpr std::uint64_t kLastSecond = 86399;
   const std::int32_t start = rules.lStartTime == 0 ? 0 : LocalTimeOfDay(rules.lStartTime, zone);
   std::string body;
-  if (rules.dwTimeDuration / 1000 == kWholeDaySeconds && start == 0) {
+  const bool toDaysEnd = rules.dwTimeDuration != 0 &&
+                         static_cast<std::uint64_t>(start) + rules.dwTimeDuration / 1000 == kLastSecond;
+  if (toDaysEnd && start == 0) {
     body += "# the whole day\n";
+  } else if (toDaysEnd) {
+    KeyLine(body, "start", "\"" + FormatTimeOfDay(start) + "\"");
+    body += "# to the end of the day\n";
   } else {
     if (rules.lStartTime != 0) KeyLine(body, "start", "\"" + FormatTimeOfDay(start) + "\"");
     const std::int32_t end = rules.lEndTime == 0 ? -1 : LocalTimeOfDay(rules.lEndTime, zone);

@@ -73,6 +73,27 @@ TEST_F(QxschedProgram, TakesAScheduleThroughItsLife) {
   EXPECT_EQ(AskJson({"list"})[0]["next_window"], list[0]["next_window"]);
 }
 
+// The service's file keeps whole seconds of the time to the day's end, 23:59:59.059.
+TEST_F(QxschedProgram, FindsNoChangeInAFileWithoutAnEndBehindARestartOfTheService) {
+  for (const char* window : {"", "start = \"23:00\"\n", "start = \"23:00\"\nend = \"23:59:59\"\n"}) {
+    SCOPED_TRACE(window);
+    const std::string file = Write("open.toml", "name = \"open\"\n[job]\nwrapper = \"/bin/true\"\n[window]\n" +
+                                                    std::string(window) + "[days]\nof_month = [1]\n");
+    EXPECT_EQ(Ask({"apply", file}).exit, 0);
+    const Result before = Ask({"diff", file});
+    EXPECT_EQ(before.exit, 0);
+    EXPECT_EQ(before.out, "qxsched: no difference\n");
+    const Result shown = Ask({"show", "open"});
+    ASSERT_EQ(m_service.Stop(), 0);
+    m_service.Start();
+    const Result behind = Ask({"diff", file});
+    EXPECT_EQ(behind.exit, 0);
+    EXPECT_EQ(behind.out, "qxsched: no difference\n");
+    EXPECT_EQ(Ask({"show", "open"}).out, shown.out);
+    EXPECT_EQ(Ask({"rm", "open"}).exit, 0);
+  }
+}
+
 TEST_F(QxschedProgram, TellsWhatTheServiceSaysAboutItself) {
   (void)Add();
   const json status = AskJson({"status"});

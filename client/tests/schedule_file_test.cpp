@@ -544,6 +544,11 @@ TEST(ScheduleFile, WritesTheEndWhereItSaysTheSameAsTheDuration) {
   EXPECT_EQ(window(kDay, kDay + 86399, 86399059), "# the whole day\n");
   EXPECT_EQ(window(kDay, kDay + 86399, 86399000), "# the whole day\n");
   EXPECT_EQ(window(0, 0, 86399000), "# the whole day\n");
+  EXPECT_EQ(window(kDay + 82800, kDay + 86399, 3599059), "start = \"23:00\"\n# to the end of the day\n");
+  EXPECT_EQ(window(kDay + 82800, kDay + 86399, 3599000), "start = \"23:00\"\n# to the end of the day\n");
+  EXPECT_EQ(window(kDay + 86399, kDay + 86399, 59), "start = \"23:59:59\"\n# to the end of the day\n");
+  EXPECT_EQ(window(kDay + 82800, kDay + 86398, 3598000), "start = \"23:00\"\nend = \"23:59:58\"\n");
+  EXPECT_EQ(window(kDay + 82800, kDay, 3600000), "start = \"23:00\"\nend = \"00:00\"\n");
   EXPECT_EQ(window(kDay + 1, kDay, 86399000), "start = \"00:00:01\"\nend = \"00:00\"\n");
   EXPECT_EQ(window(0, 0, 5000), "duration = \"5s\"\n");
   EXPECT_EQ(window(0, 0, 0), "");
@@ -593,8 +598,8 @@ SCHEDULE_OBJECT ArbitraryRecord(const platform::Zone& zone) {
   }
   const std::int32_t start = rules.lStartTime == 0 ? 0 : qx::LocalTimeOfDay(rules.lStartTime, zone);
   if (rules.lEndTime != 0 && qx::LocalTimeOfDay(rules.lEndTime, zone) == start) rules.lEndTime = 0;
-  // The rule object's own window is written without a duration.
-  if (rules.dwTimeDuration / 1000 == 86399) rules.dwTimeDuration = 1000;
+  // A window to the rule object's own end is written without a duration.
+  if (static_cast<std::uint32_t>(start) + rules.dwTimeDuration / 1000 == 86399) rules.dwTimeDuration = 1000;
   if (*gen::arbitrary<bool>()) {
     rules.bRestartInterval = 1;
     rules.dwRestartInterval = *gen::inRange<std::uint32_t>(1000, 86400001);
