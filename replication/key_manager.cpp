@@ -119,6 +119,11 @@ KeyCell CKeyManager::ImportKey(std::span<const std::uint8_t> blob, std::u16strin
   return cell;
 }
 
+void CKeyManager::ForgetKey(std::u16string_view nodeName) {
+  const MutexLock hold(m_mapLock);
+  if (const auto old = m_nodes.find(nodeName); old != m_nodes.end()) m_nodes.erase(old);
+}
+
 KeyCell CKeyManager::FindKey(std::u16string_view nodeName) {
   {
     const MutexLock hold(m_mapLock);
@@ -228,6 +233,7 @@ int CKeyManager::exchangeKey(platform::IConnection& connection, std::u16string_v
   }
   if (Send(connection, blob) == 0) {
     ServiceLog(1, u"exchangeKey: Failed to send public key %d", static_cast<std::uint32_t>(blob.size()));
+    ForgetKey(nodeName);
     return 0;
   }
   ServiceLog(3, u"exchangeKey:receive key header from server");
@@ -235,7 +241,10 @@ int CKeyManager::exchangeKey(platform::IConnection& connection, std::u16string_v
     ServiceLog(1, u"exchangeKey: Receive Failed");
     return 1;
   }
-  if (DecodeHeader(bytes, header) == 0) return 0;
+  if (DecodeHeader(bytes, header) == 0) {
+    ForgetKey(nodeName);
+    return 0;
+  }
   if (header.msgType != MSG_PUBLIC_KEY) {
     ServiceLog(1, u"exchangeKey: received header with wrong message type: 0x%x", header.msgType);
     return 1;

@@ -62,7 +62,8 @@ class CKeyManager {
 
   // The initiator's half of the exchange: sends the own key and takes the peer's under its name.
   //   returns  0, or 1. Deliberate: 0 also when the own key couldn't be sent, the reply's header couldn't be read or
-  //            the peer's key was refused: the encryption that follows finds no key.
+  //            the peer's key was refused: the encryption that follows finds no key, not even that of an earlier
+  //            exchange.
   [[nodiscard]] int exchangeKey(platform::IConnection& connection, std::u16string_view nodeName,
                                 const ScheduleGuid& id);
 
@@ -71,6 +72,8 @@ class CKeyManager {
   int GeneratePairLocked() QX_REQUIRES(m_pairLock);
   // The pair, made when there is none; empty when it can't be.
   [[nodiscard]] KeyCell OwnPair();
+  // Takes away what the map has of that name.
+  void ForgetKey(std::u16string_view nodeName);
 
   // Neither lock is taken while the other is held.
   platform::Mutex m_pairLock;

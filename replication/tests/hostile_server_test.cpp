@@ -241,6 +241,20 @@ TEST_F(HostileServerTest, CostsItsOwnEntryAndTheOtherNodeIsServed) {
   }
 }
 
+TEST_F(HostileServerTest, ThatGivesNoKeyGetsNoOperationUnderTheKeyOfAnEarlierOne) {
+  const std::string address = NewAddress();
+  {
+    HostileServer honest(address, testing::PeerKeys(), HostileServer::kKey, HostileServer::Say);
+    ASSERT_THAT(Run(honest, address).results, ElementsAre(0, 0, 1));
+  }
+  HostileServer hostile(address, testing::PeerKeys(), HostileServer::kKey, SayNoIdentifier);
+  const Outcome outcome = Run(hostile, address);
+  EXPECT_TRUE(outcome.wasReached);
+  EXPECT_THAT(outcome.results, ElementsAre(1, 0, 1));
+  EXPECT_EQ(outcome.status, 1u);
+  EXPECT_THAT(m_log.texts(), Contains(HasSubstr(kNoKeyOfNode)));
+}
+
 TEST_F(HostileServerTest, ThatClosesBehindAHeaderOfTheInitiatorCostsItsOwnEntry) {
   // Whether the payload or the wait for the answer fails is the host's choice, and with the last message the status.
   for (int message = 0; message < HostileServer::kAnswers; ++message) {

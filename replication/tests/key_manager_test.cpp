@@ -273,6 +273,34 @@ TEST(ExchangeKey, SendsTheOwnKeyAndTakesThePeers) {
   EXPECT_EQ(There().DecryptMsg(cipher, back), 1);
 }
 
+// A node's earlier key may be another service's by now: an exchange that gives none takes it away.
+TEST(ExchangeKey, ThatGivesNoKeyLeavesNoneOfAnEarlierExchange) {
+  (void)BlobOf(Here());
+  const Bytes blob = BlobOf(There());
+  const struct {
+    const char* text;
+    std::function<void(ScriptedConnection&)> script;
+  } kCases[] = {
+      {"exchangeKey: Failed to send public key 276", [](auto& c) { c.sendErrors = {0, EPIPE}; }},
+      {"Invalid length of GUID String, is 0", [](auto& c) { c.Gives(Bytes(kWireHeaderSize)); }},
+      {"exchangeKey: ImportKey Failed", [](auto& c) { c.GivesMessage(MSG_PUBLIC_KEY, BytesOf("bad"), kId); }},
+  };
+  for (const auto& c : kCases) {
+    CapturedServiceLog log;
+    ASSERT_TRUE(Here().ImportKey(blob, u"earlier"));
+    ScriptedConnection connection;
+    c.script(connection);
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(Here().exchangeKey(connection, u"earlier", kId), 0) << c.text;
+    std::fflush(stdout);
+    (void)::testing::internal::GetCapturedStdout();
+    EXPECT_THAT(log.texts(), Contains(c.text));
+    Bytes cipher;
+    EXPECT_EQ(Here().EncryptMsg(u"earlier", BytesOf("x"), cipher), 0) << c.text;
+    EXPECT_EQ(log.texts().back(), "EncryptMsg: Key Node found for Node:earlier") << c.text;
+  }
+}
+
 TEST(ExchangeKey, EndsOrGoesOnAsEachFailureSays) {
   (void)BlobOf(Here());
   const Bytes blob = BlobOf(There());
