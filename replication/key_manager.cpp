@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "foundation/include/zfclog.h"
+#include "platform/host.h"
 #include "platform/memory.h"
 #include "platform/text.h"
 #include "replication/wire.h"
@@ -111,7 +112,11 @@ KeyCell CKeyManager::ImportKey(std::span<const std::uint8_t> blob, std::u16strin
   auto cell = std::make_shared<CryptoKey>();
   if (const ErrorCode code = CryptoKey::Import(provider, blob, platform::CRYPT_EXPORTABLE, *cell);
       code != ERROR_SUCCESS) {
-    std::printf("CyptImportKey failed with error : %x\n", code);
+    // Nobody is held up by who doesn't read it, nor does a rest of it wait for the process's end.
+    if (platform::StandardOutputTakesText()) {
+      std::printf("CyptImportKey failed with error : %x\n", code);
+      std::fflush(stdout);
+    }
     return {};
   }
   if (!nodeName.empty()) m_nodes.emplace(nodeName, cell);

@@ -380,6 +380,11 @@ TEST_F(ServiceLogTest, HoldsNobodyUpWhereStandardOutputIsFullAndNobodyReadsIt) {
   std::fflush(stdout);
   const int output = dup(STDOUT_FILENO);
   dup2(ends[1], STDOUT_FILENO);
+  // What is told is there at once: nothing of it is left for the process's end, which would wait for the reader.
+  ServiceLog(0, u"before the start");
+  EXPECT_EQ(fcntl(ends[0], F_SETFL, O_NONBLOCK), 0);
+  char told[100] = {};
+  EXPECT_EQ(read(ends[0], told, sizeof told), 31);
   const std::string room(static_cast<std::size_t>(fcntl(ends[1], F_GETPIPE_SZ)), ' ');
   EXPECT_EQ(write(ends[1], room.data(), room.size()), static_cast<ssize_t>(room.size()));
   for (int i = 0; i < 1000; ++i) ServiceLog(0, u"before the start");  // eight times what the C library holds back

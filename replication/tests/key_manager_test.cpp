@@ -1,8 +1,12 @@
 #include "replication/key_manager.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -131,6 +135,28 @@ TEST(KeyManager, ARefusedKeyLeavesItsNameWithoutOne) {
   std::fflush(stdout);
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "CyptImportKey failed with error : 80090005\n");
   EXPECT_FALSE(Here().FindKey(u"broken"));
+}
+
+TEST(KeyManager, ARefusedKeyIsToldAtOnceAndHoldsNobodyUpWhereNobodyReadsIt) {
+  Bytes blob = BlobOf(There());
+  blob[0] = 7;
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  std::fflush(stdout);
+  const int output = dup(STDOUT_FILENO);
+  dup2(ends[1], STDOUT_FILENO);
+  EXPECT_FALSE(Here().ImportKey(blob, u""));
+  int told = 0;
+  EXPECT_EQ(ioctl(ends[0], FIONREAD, &told), 0);
+  EXPECT_EQ(told, 43);
+  const std::string room(static_cast<std::size_t>(fcntl(ends[1], F_GETPIPE_SZ) - told), ' ');
+  EXPECT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
+  while (write(ends[1], room.data(), room.size()) > 0) {
+  }
+  EXPECT_EQ(fcntl(ends[1], F_SETFL, 0), 0);
+  for (int i = 0; i < 1000; ++i) EXPECT_FALSE(Here().ImportKey(blob, u""));  // ten times what the C library holds back
+  dup2(output, STDOUT_FILENO);
+  for (const int descriptor : {output, ends[0], ends[1]}) close(descriptor);
 }
 
 TEST(KeyManager, APeerCalledLocalhostLeavesTheOwnPairInPlace) {
