@@ -3,7 +3,6 @@
 
 #include "foundation/include/zfcguid.h"
 #include "foundation/include/zfclog.h"
-#include "platform/text.h"
 
 namespace ZepFoundation {
 namespace {
@@ -34,12 +33,9 @@ std::u16string_view CheckedPart(const char16_t* text) {
 }
 
 void ReportInvalidGuidCharacter(char16_t character, std::size_t position) {
-  if (platform::SystemFromWide({&character, 1}) == "%") {
-    // The log expands its text twice, so a percent sign of the text is doubled; the line reads the same.
-    ServiceLog(0, u"IsValidGUIDString:Invalid character %s at %d in GUIDString", u"%%", static_cast<int>(position));
-    return;
-  }
-  ServiceLog(0, u"IsValidGUIDString:Invalid character %c at %d in GUIDString", character, static_cast<int>(position));
+  // The text may be anybody's who reaches the port of the node channel.
+  ServiceLog(0, u"IsValidGUIDString:Invalid character %s at %d in GUIDString", ForLog({&character, 1}),
+             static_cast<int>(position));
 }
 
 }  // namespace

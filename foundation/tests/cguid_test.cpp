@@ -142,6 +142,8 @@ const RefusedText kRefusedTexts[] = {
     {__LINE__, u"{14334370-2F7E-45E1-91F1-683AC305617@}", "IsValidGUIDString:Invalid character @ at 36 in GUIDString"},
     {__LINE__, u"{14334370-[F7E-45E1-91F1-683AC3056172}", "IsValidGUIDString:Invalid character [ at 10 in GUIDString"},
     {__LINE__, u"{14334370-2F7E-45E1-91F%-683AC3056172}", "IsValidGUIDString:Invalid character % at 23 in GUIDString"},
+    // A line of the log stays one line.
+    {__LINE__, u"{14334370-2F7E-45E1-91F\n-683AC3056172}", "IsValidGUIDString:Invalid character   at 23 in GUIDString"},
 };
 
 TEST(IsValidGUIDString, LogsTheFirstWrongCharacter) {
