@@ -614,12 +614,13 @@ constexpr std::string_view kNoLmHash = "XXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXX";
 ErrorCode UseCredentialsFile(const std::string& standard, std::string& file, std::string& why) {
   const char* const set = std::getenv(kUserFileVariable);
   file = set != nullptr && *set != '\0' ? set : standard;
-  if (const ErrorCode fault = FaultAt(Operation::kFileExists, file); fault != ERROR_SUCCESS) return fault;
+  ErrorCode rc = FaultAt(Operation::kFileExists, file);
   struct stat info {};
-  if (stat(file.c_str(), &info) != 0) {
-    const int error = errno;
+  if (rc == ERROR_SUCCESS && stat(file.c_str(), &info) != 0) rc = ErrorCodeFromErrno(errno);
+  if (rc != ERROR_SUCCESS) {
+    if (rc == ERROR_ACCESS_DENIED) why = file + " can't be looked at by this account";
     SetForThisProcess(kUserFileVariable, file);  // one that is made later counts at once
-    return ErrorCodeFromErrno(error);
+    return rc;
   }
   if (const std::string reason = ReasonToRefuse(info); !reason.empty()) {
     why = file + " " + reason;

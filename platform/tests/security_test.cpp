@@ -474,6 +474,11 @@ TEST_F(Security, ACredentialsFileThatOthersMayReadIsRefused) {
   EXPECT_EQ(why, m_folder + " is not a regular file");
   unsetenv("NTLM_USER_FILE");
   EXPECT_EQ(UseCredentialsFile(m_folder + "/none", file, why), ERROR_FILE_NOT_FOUND);
+  {
+    const FaultPlan plan = FaultPlan::FailCall(Operation::kFileExists, 1, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(UseCredentialsFile(m_file, file, why), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(why, m_folder + "/none can't be looked at by this account");  // the name in force goes on
+  }
   if (geteuid() != 0) return;
   ASSERT_EQ(chmod(m_file.c_str(), 0600), 0);
   ASSERT_EQ(chown(m_file.c_str(), 65534, 65534), 0);
