@@ -1,6 +1,7 @@
 #include "replication/child_session.h"
 
 #include <filesystem>
+#include <thread>
 
 #include "replication/tests/replication_fixture.h"
 
@@ -326,19 +327,23 @@ TEST_F(ChildSession, EndsAConnectionThatBreaksOff) {
 }
 
 TEST_F(ChildSession, APeerThatFallsSilentInAMessageIsGivenUpAfterSixtySeconds) {
-  Caller caller;
-  Call(caller, NewId());
-  caller.Authenticate();
-  caller.SendBytes(BytesOf("half a header"));
-  // The wait for the rest runs out at once; the seconds are the text's.
-  ASSERT_TRUE(m_listener.WaitForChildCount(1, testing::kLongestWait));
-  m_log.Clear();
+  // Header and payload of two tokens, then the half of a header: the wait for the rest runs out at once.
+  constexpr int kWaitForTheRest = 6;
+  const std::thread::id caller = std::this_thread::get_id();
+  int waits = 0;
+  const FaultPlan plan = FaultPlan::Ask([&](int, Operation operation, std::string_view detail) -> platform::ErrorCode {
+    if (operation != Operation::kSocketSelect || detail != "one" || std::this_thread::get_id() == caller) return 0;
+    return ++waits == kWaitForTheRest ? platform::ERROR_TIMEOUT : 0;
+  });
   Caller silent;
-  const FaultPlan plan =
-      FaultPlan::FailCall(Operation::kSocketSelect, 1, platform::ERROR_TIMEOUT, platform::kOnce, "one");
   Call(silent, NewId());
-  EXPECT_TRUE(m_log.WaitFor(1, "Receive: Did not receive any message for 60 secs, connection timed out."));
+  silent.Authenticate();
+  silent.SendBytes(BytesOf("half a header"));
+  EXPECT_TRUE(silent.IsClosed());
+  WaitForChildren();
   EXPECT_EQ(plan.hits(), 1);
+  EXPECT_TRUE(m_log.Has(1, "Receive: Did not receive any message for 60 secs, connection timed out."));
+  EXPECT_TRUE(m_log.Has(1, "ChildSocketThread: Failed to receive header"));
 }
 
 TEST_F(ChildSession, AKeyOfLengthZeroIsPassedOverAndTheOperationIsDoneWithoutAnAnswer) {

@@ -164,6 +164,9 @@ TEST_F(NodeOperations, OfTwoLocalhostsTheLastIsThisNode) {
   EXPECT_TRUE(m_log.Has(3, "Importing key for node localhost"));
   // The own pair is still there for the next answer.
   EXPECT_EQ(Run(Which::kDelete, {u"127.0.0.2", u"localhost"}), 0u);
+  // A command, which has no local step, tells which of them was reached.
+  EXPECT_EQ(Run(Which::kPerform, {u"localhost", u"localhost"}), 0u);
+  EXPECT_THAT(m_results, ElementsAre(0, 1));
 }
 
 TEST_F(NodeOperations, LocalhostAloneIsTheLocalStepAlone) {
@@ -239,9 +242,19 @@ TEST_F(NodeOperations, ASilentNodeRaisesNoFailure) {
   EXPECT_THAT(m_results, ElementsAre(1, 0));
 }
 
-TEST_F(NodeOperations, APeersDropLeavesTheEntryOne) {
-  // A header of another identifier than the body's, made on the way.
-  EXPECT_EQ(Run(Which::kCreate, {u"localhost", u"127.0.0.2"}), 0u);
+TEST_F(NodeOperations, APeersDropLeavesTheEntryOneAndRaisesNoFailure) {
+  // Values aren't escaped: the type that this one brings along stands ahead of the body's own.
+  SCHEDULE_OBJECT schedule = Daily();
+  schedule.bstrParameters = u"<MSG_TYPE>2</MSG_TYPE>";
+  m_results.assign(2, 77);
+  EXPECT_EQ(m_operations.CreateScheduleOnNodes(m_self, schedule, m_id, 2, {u"localhost", u"127.0.0.2"}, m_results), 0u);
+  EXPECT_THAT(m_results, ElementsAre(0, 1));
+  WaitForChildren();
+  EXPECT_TRUE(m_log.Has(1, "ChildSocketThread: Data modified, msgType in header: 1, in string: 2"));
+  EXPECT_FALSE(HasKey(m_id));
+}
+
+TEST_F(NodeOperations, APeerThatRefusesTheTokensLeavesTheEntryOneAndIsAFailure) {
   const FaultPlan plan = FaultPlan::FailCall(Operation::kAcceptSecurityContext, 1, 0x80090304);
   EXPECT_EQ(Run(Which::kDelete, {u"localhost", u"127.0.0.2"}), 1u);
   EXPECT_THAT(m_results, ElementsAre(0, 1));

@@ -103,16 +103,58 @@ TEST_F(SecureChannel, AFailureOfThePackageEndsBothSides) {
   }
 }
 
-TEST_F(SecureChannel, ATokenThatIsToBeCompletedIsCompleted) {
-  int initiator = 7, acceptor = 7;
-  SecurityContext mine, theirs;
-  {
-    const FaultPlan plan =
-        FaultPlan::FailCall(Operation::kInitializeSecurityContext, 1, platform::SEC_I_COMPLETE_AND_CONTINUE);
-    Exchange(initiator, acceptor, mine, theirs);
+// A status that this host's package never gives: it is told for one pass of either side.
+TEST_F(SecureChannel, ATokenThatIsToBeCompletedIsCompletedOrFailsWithItsLine) {
+  constexpr std::uint32_t kContinue = platform::SEC_I_COMPLETE_AND_CONTINUE;
+  constexpr std::uint32_t kLast = platform::SEC_I_COMPLETE_NEEDED;
+  const struct {
+    int line;
+    Operation operation;
+    int pass;
+    std::uint32_t status;
+    const char* text;  // of a failed completion
+  } kCases[] = {
+      {__LINE__, Operation::kInitializeSecurityContext, 1, kContinue,
+       "createContext: CompleteAuthToken failed. Error 0x80090308"},
+      {__LINE__, Operation::kInitializeSecurityContext, 3, kLast,
+       "createContext: CompleteAuthToken failed. Error 0x80090308"},
+      {__LINE__, Operation::kAcceptSecurityContext, 1, kContinue,
+       "acceptContext: CompleteAuthToken failed. Error 0x80090308"},
+      {__LINE__, Operation::kAcceptSecurityContext, 2, kLast,
+       "acceptContext: CompleteAuthToken failed. Error 0x80090308"},
+  };
+  for (const auto& c : kCases) {
+    for (const bool fails : {false, true}) {
+      m_log.Clear();
+      int initiator = 7, acceptor = 7, passes = 0, completions = 0;
+      SecurityContext mine, theirs;
+      {
+        const FaultPlan plan = FaultPlan::Ask([&](int, Operation operation, std::string_view) -> platform::ErrorCode {
+          if (operation == c.operation && ++passes == c.pass) return c.status;
+          if (operation != Operation::kCompleteAuthToken) return 0;
+          ++completions;
+          return fails ? platform::SEC_E_INVALID_TOKEN : 0;
+        });
+        Exchange(initiator, acceptor, mine, theirs);
+      }
+      EXPECT_EQ(completions, 1) << c.line;
+      const bool failsHere = fails && c.operation == Operation::kInitializeSecurityContext;
+      const bool failsThere = fails && c.operation == Operation::kAcceptSecurityContext;
+      if (!fails) {
+        EXPECT_EQ(initiator, 0) << c.line;
+        EXPECT_EQ(acceptor, 0) << c.line;
+      }
+      if (failsHere) {
+        EXPECT_EQ(initiator, 1) << c.line;
+        EXPECT_FALSE(mine) << c.line;
+      }
+      if (failsThere) {
+        EXPECT_EQ(acceptor, 1) << c.line;
+        EXPECT_FALSE(theirs) << c.line;
+      }
+      EXPECT_EQ(m_log.Count(1, c.text), fails ? 1 : 0) << c.line;
+    }
   }
-  EXPECT_EQ(initiator, 0);
-  EXPECT_EQ(acceptor, 0);
 }
 
 TEST_F(SecureChannel, AWrongSecretIsRefusedByThePeer) {
