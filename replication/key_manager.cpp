@@ -124,6 +124,11 @@ KeyCell CKeyManager::ImportKey(std::span<const std::uint8_t> blob, std::u16strin
   return cell;
 }
 
+KeyCell CKeyManager::MadePair() {
+  const MutexLock hold(m_pairLock);
+  return m_pair;
+}
+
 void CKeyManager::ForgetKey(std::u16string_view nodeName) {
   const MutexLock hold(m_mapLock);
   if (const auto old = m_nodes.find(nodeName); old != m_nodes.end()) m_nodes.erase(old);
@@ -134,9 +139,7 @@ KeyCell CKeyManager::FindKey(std::u16string_view nodeName) {
     const MutexLock hold(m_mapLock);
     if (const auto found = m_nodes.find(nodeName); found != m_nodes.end()) return found->second;
   }
-  if (nodeName != kLocalhost) return {};
-  const MutexLock hold(m_pairLock);
-  return m_pair;
+  return nodeName == kLocalhost ? MadePair() : KeyCell();
 }
 
 int CKeyManager::DestroyKey(KeyCell& cell) {
@@ -152,7 +155,8 @@ int CKeyManager::EncryptMsg(std::u16string_view nodeName, std::span<const std::u
     const MutexLock hold(m_mapLock);
     if (const auto found = m_nodes.find(nodeName); found != m_nodes.end()) return EncryptMsg(*found->second, data, out);
   }
-  if (const KeyCell own = FindKey(nodeName)) return EncryptMsg(*own, data, out);
+  // The pair alone: a key that came into the map just now is used under its lock only.
+  if (const KeyCell own = nodeName == kLocalhost ? MadePair() : KeyCell()) return EncryptMsg(*own, data, out);
   // Deliberate: the text lacks its "not".
   ServiceLog(1, u"EncryptMsg: Key Node found for Node:%S", platform::Utf8FromWide(ForLog(nodeName)));
   return 0;
@@ -184,11 +188,7 @@ int CKeyManager::EncryptMsg(const CryptoKey& key, std::span<const std::uint8_t> 
 
 int CKeyManager::DecryptMsg(std::span<const std::uint8_t> cipher, std::vector<std::uint8_t>& out) {
   out.clear();
-  KeyCell own;
-  {
-    const MutexLock hold(m_pairLock);
-    own = m_pair;
-  }
+  const KeyCell own = MadePair();
   if (!own) {
     ServiceLog(1, u"DecryptMsg: Key Node found for Node:");
     return 0;

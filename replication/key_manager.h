@@ -39,7 +39,7 @@ class CKeyManager {
   CKeyManager(const CKeyManager&) = delete;
   CKeyManager& operator=(const CKeyManager&) = delete;
 
-  // Makes the pair anew. Three tries for the provider, 100 ms apart.
+  // Makes a pair; the first one stays in use. Three tries for the provider, 100 ms apart.
   int GenerateKeyPair();
   // The blob of the pair's public half; makes the pair when there is none.
   [[nodiscard]] int ExportPublicKey(std::vector<std::uint8_t>& blob);
@@ -72,6 +72,8 @@ class CKeyManager {
   int GeneratePairLocked() QX_REQUIRES(m_pairLock);
   // The pair, made when there is none; empty when it can't be.
   [[nodiscard]] KeyCell OwnPair();
+  // The pair if there is one.
+  [[nodiscard]] KeyCell MadePair();
   // Takes away what the map has of that name.
   void ForgetKey(std::u16string_view nodeName);
 

@@ -184,6 +184,13 @@ TEST(KeyManager, SeveralFirstUsesMakeOnePair) {
   EXPECT_EQ(log.Count(3, "Key successfully generated"), 1);
 }
 
+TEST(KeyManager, TheFirstPairStaysInUse) {
+  CKeyManager keys;
+  const Bytes first = BlobOf(keys);
+  EXPECT_EQ(keys.GenerateKeyPair(), 1);
+  EXPECT_EQ(BlobOf(keys), first);
+}
+
 TEST(KeyManager, NothingIsDecryptedBeforeThereIsAPair) {
   CapturedServiceLog log;
   CKeyManager keys;
