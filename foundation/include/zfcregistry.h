@@ -73,7 +73,7 @@ class CRegistry {  // the key store by paths
   //   returns  120 where the path's root is one, 161 (bad path) where it isn't; the key itself isn't looked at
   OsError FetchKeyValue(const CPath& path, wcstring& value);
 
-  // Deletes the value of that name where there is one, else the key.
+  // Deletes the value of that name where there is one, else the key; neither where the store can't tell.
   //   recursive  with all keys below it; the first failure ends the operation, and what was deleted so far stays so
   //   returns    5 (access denied): a key with keys below it and not `recursive`
   OsError RemoveKey(const CPath& path, bool recursive);

@@ -241,11 +241,13 @@ OsError CRegistry::RemoveKey(const CPath& path, bool recursive) {
   ErrorCode code = detail::OpenPath(path, 1, parent);
   if (code != ERROR_SUCCESS) return Outcome(code);
   const std::u16string name = detail::LastName(path);
-  if (platform::QueryValue(parent, name, nullptr, nullptr, nullptr) == ERROR_SUCCESS) {
+  code = platform::QueryValue(parent, name, nullptr, nullptr, nullptr);
+  if (code == ERROR_SUCCESS) {
     code = platform::DeleteValue(parent, name);
-  } else {
-    // The store takes an empty name for the parent itself, which nobody named.
-    code = name.empty() ? platform::ERROR_FILE_NOT_FOUND : Delete(parent, name, recursive);
+  } else if (code == platform::ERROR_FILE_NOT_FOUND && !name.empty()) {
+    // No such value. Any other failure doesn't tell, and the key may not go in a value's place; the store takes an
+    // empty name for the parent itself, which nobody named.
+    code = Delete(parent, name, recursive);
   }
   return Outcome(CloseWritten(code, parent));
 }

@@ -269,6 +269,20 @@ TEST_F(RegistryAccess, RemovesTheValueWhereAPathNamesOneAndNotTheKey) {
   EXPECT_FALSE(HasKey(u"\\HKCU\\A\\name"));
 }
 
+TEST_F(RegistryAccess, RemovesNothingWhereItCantBeToldWhetherThereIsSuchAValue) {
+  ASSERT_EQ(Make(u"\\HKCU\\A\\name\\B"), 0u);
+  ASSERT_EQ(Registry().SetValue(CPath(u"\\HKCU\\A\\name"), 1u).m_code, 0u);
+  for (const bool recursive : {false, true}) {
+    FaultPlan plan = FaultPlan::FailCall(Operation::kRegQueryValue, 1, platform::ERROR_IO_DEVICE);
+    EXPECT_EQ(Registry().RemoveKey(CPath(u"\\HKCU\\A\\name"), recursive).m_code, platform::ERROR_IO_DEVICE);
+    plan.Remove();
+    EXPECT_EQ(plan.hits(), 1);
+    EXPECT_TRUE(HasKey(u"\\HKCU\\A\\name\\B"));
+  }
+  std::uint32_t number = 0;
+  EXPECT_EQ(Registry().FetchValue(CPath(u"\\HKCU\\A\\name"), number).m_code, 0u);
+}
+
 TEST_F(RegistryAccess, RefusesToRemoveAKeyWithSubKeysAlone) {
   ASSERT_EQ(Make(u"\\HKCU\\A\\B"), 0u);
   EXPECT_EQ(Registry().RemoveKey(CPath(u"\\HKCU\\A"), false).m_code, platform::ERROR_ACCESS_DENIED);
