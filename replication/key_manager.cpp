@@ -8,7 +8,6 @@
 #include "foundation/include/zfclog.h"
 #include "platform/host.h"
 #include "platform/memory.h"
-#include "platform/text.h"
 #include "replication/wire.h"
 
 namespace qx {
@@ -158,7 +157,7 @@ int CKeyManager::EncryptMsg(std::u16string_view nodeName, std::span<const std::u
   // The pair alone: a key that came into the map just now is used under its lock only.
   if (const KeyCell own = nodeName == kLocalhost ? MadePair() : KeyCell()) return EncryptMsg(*own, data, out);
   // Deliberate: the text lacks its "not".
-  ServiceLog(1, u"EncryptMsg: Key Node found for Node:%S", platform::Utf8FromWide(ForLog(nodeName)));
+  ServiceLog(1, u"EncryptMsg: Key Node found for Node:%S", ForLog(nodeName));
   return 0;
 }
 

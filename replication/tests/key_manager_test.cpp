@@ -15,6 +15,7 @@
 #include "platform/guid.h"
 #include "platform/testing/fault.h"
 #include "platform/testing/virtual_clock.h"
+#include "platform/text.h"
 #include "replication/tests/scripted_connection.h"
 #include "replication/wire.h"
 
@@ -89,9 +90,13 @@ TEST(KeyManager, AnUnknownNodeHasNoKey) {
   CapturedServiceLog log;
   Bytes cipher;
   EXPECT_EQ(Here().EncryptMsg(u"nobod\u00e4", BytesOf("x"), cipher), 0);
-  EXPECT_THAT(log.lines(), ElementsAre(ZepFoundation::CapturedLogLine{1, log.texts()[0]}));
-  EXPECT_THAT(log.texts()[0], HasSubstr("EncryptMsg: Key Node found for Node:nobod"));
   EXPECT_TRUE(cipher.empty());
+  ASSERT_EQ(platform::SetSystemCodePage(platform::kCodePageWestern), 0u);
+  EXPECT_EQ(Here().EncryptMsg(u"nobod\u00e4", BytesOf("x"), cipher), 0);
+  EXPECT_EQ(platform::SetSystemCodePage(platform::kCodePageUtf8), 0u);
+  using Line = ZepFoundation::CapturedLogLine;
+  EXPECT_THAT(log.lines(), ElementsAre(Line{1, "EncryptMsg: Key Node found for Node:nobod\u00e4"},
+                                       Line{1, "EncryptMsg: Key Node found for Node:nobod\xE4"}));
 }
 
 TEST(KeyManager, NamesCompareExactly) {
