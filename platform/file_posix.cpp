@@ -199,16 +199,19 @@ ErrorCode Rename(const std::string& from, const std::string& to, Durable durable
   return SyncDirectory(DirectoryOf(from));
 }
 
-struct AccessFlags {
-  File::Access access;
-  int flags;
-};
-constexpr AccessFlags kAccesses[] = {
-    {File::Access::kRead, O_RDONLY},
-    {File::Access::kWrite, O_WRONLY},
-    {File::Access::kReadWrite, O_RDWR},
-    {File::Access::kAppend, O_WRONLY | O_APPEND},
-};
+int FlagsOf(File::Access access) {
+  switch (access) {
+    case File::Access::kRead:
+      return O_RDONLY;
+    case File::Access::kWrite:
+      return O_WRONLY;
+    case File::Access::kReadWrite:
+      return O_RDWR;
+    case File::Access::kAppend:
+      return O_WRONLY | O_APPEND;
+  }
+  return O_RDONLY;
+}
 
 struct OpenFlags {
   File::Disposition disposition;
@@ -223,10 +226,7 @@ constexpr OpenFlags kDispositions[] = {
 };
 
 int FlagsOf(File::Access access, File::Disposition disposition) {
-  int mode = 0;
-  for (const AccessFlags& row : kAccesses) {
-    if (row.access == access) mode = row.flags;
-  }
+  const int mode = FlagsOf(access);
   int flags = 0;
   for (const OpenFlags& row : kDispositions) {
     if (row.disposition == disposition) flags = row.flags;

@@ -38,9 +38,9 @@ namespace platform {
 // is first called: then to standard error as it is, without a line end of its own.
 void DebuggerOutput(std::u16string_view text);
 
-// Whether standard output takes some text now: not where a pipe's or socket's reader has left it full, so that a write
-// would wait for him.
-[[nodiscard]] bool StandardOutputTakesText();
+// Writes a text to standard output, all of it at once: no rest waits for the process's end. Dropped where a pipe's or
+// socket's reader has left it full, since the write would wait for him. Threads: any.
+void TellOnStandardOutput(const std::string& text);
 
 // The system's sentence for a code of error_codes.h, without a line end; empty for a code that it has no text for.
 [[nodiscard]] std::u16string SystemErrorText(ErrorCode code);

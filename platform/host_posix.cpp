@@ -143,9 +143,11 @@ void DebuggerOutput([[maybe_unused]] std::u16string_view text) {
 #endif
 }
 
-bool StandardOutputTakesText() {
+void TellOnStandardOutput(const std::string& text) {
   pollfd output = {STDOUT_FILENO, POLLOUT, 0};
-  return ::poll(&output, 1, 0) > 0;
+  if (::poll(&output, 1, 0) <= 0) return;
+  std::fputs(text.c_str(), stdout);
+  std::fflush(stdout);
 }
 
 std::u16string SystemErrorText(ErrorCode code) {

@@ -111,11 +111,9 @@ KeyCell CKeyManager::ImportKey(std::span<const std::uint8_t> blob, std::u16strin
   auto cell = std::make_shared<CryptoKey>();
   if (const ErrorCode code = CryptoKey::Import(provider, blob, platform::CRYPT_EXPORTABLE, *cell);
       code != ERROR_SUCCESS) {
-    // Nobody is held up by who doesn't read it, nor does a rest of it wait for the process's end.
-    if (platform::StandardOutputTakesText()) {
-      std::printf("CyptImportKey failed with error : %x\n", code);
-      std::fflush(stdout);
-    }
+    char text[64];
+    std::snprintf(text, sizeof text, "CyptImportKey failed with error : %x\n", code);
+    platform::TellOnStandardOutput(text);
     return {};
   }
   if (!nodeName.empty()) m_nodes.emplace(nodeName, cell);

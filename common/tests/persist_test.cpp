@@ -159,6 +159,16 @@ class Persist : public testing::Test {
     EXPECT_EQ(s.SetCustomString(u"colour", u"blue"), 0);
     EXPECT_EQ(s.SetCustomString(u"a", u"1"), 0);
   }
+  // What a duration is behind a save into a bag and a load of it.
+  std::uint32_t ThroughABag(std::uint32_t milliseconds) {
+    MemoryBag bag;
+    std::uint32_t duration = 0;
+    m_source.put_TimeDuration(milliseconds);
+    m_source.Save(&bag, 0);
+    EXPECT_EQ(m_target.Load(&bag), ZEP_S_OK);
+    m_target.get_TimeDuration(&duration);
+    return duration;
+  }
 
   // Everything that the interface gives out, as one text.
   static std::string Everything(CSchedule& s) {
@@ -493,25 +503,9 @@ TEST_F(Persist, AValueThatIsMissingLeavesItsFieldAlone) {
   EXPECT_EQ(days, 2);
 }
 
-TEST_F(Persist, ADurationLosesItsFractionOfASecondInABag) {
-  MemoryBag bag;
-  m_source.put_TimeDuration(1500);
-  m_source.Save(&bag, 0);
-  ASSERT_EQ(m_target.Load(&bag), ZEP_S_OK);
-  std::uint32_t duration = 0;
-  m_target.get_TimeDuration(&duration);
-  EXPECT_EQ(duration, 1000u);
-}
+TEST_F(Persist, ADurationLosesItsFractionOfASecondInABag) { EXPECT_EQ(ThroughABag(1500), 1000u); }
 
-TEST_F(Persist, ADurationASecondShortOfADayComesBackAsItWas) {
-  MemoryBag bag;
-  m_source.put_TimeDuration(86399000);
-  m_source.Save(&bag, 0);
-  ASSERT_EQ(m_target.Load(&bag), ZEP_S_OK);
-  std::uint32_t duration = 0;
-  m_target.get_TimeDuration(&duration);
-  EXPECT_EQ(duration, 86399000u);
-}
+TEST_F(Persist, ADurationASecondShortOfADayComesBackAsItWas) { EXPECT_EQ(ThroughABag(86399000), 86399000u); }
 
 TEST_F(Persist, AnEmptyOrMissingTextLoadsAsAnEmptyOne) {
   MemoryBag bag;

@@ -168,11 +168,7 @@ void WriteLine(File& file, const std::string& format, std::span<const LogArgumen
 void WriteToFile(const std::string& text, std::span<const LogArgument> arguments) {
   File file;
   if (OpenLog(file, ServiceLogPath(), File::Disposition::kOpenAlways) != ERROR_SUCCESS) {
-    // Nobody is held up by who doesn't read it, nor does a rest of it wait for the process's end.
-    if (platform::StandardOutputTakesText()) {
-      std::fputs("Could not create the log file.\n", stdout);
-      std::fflush(stdout);
-    }
+    platform::TellOnStandardOutput("Could not create the log file.\n");
     return;
   }
   std::uint64_t size = 0;

@@ -1,4 +1,6 @@
 // service/tests/at_line.h: something that happens between two steps of an operation.
+//
+// Threads: made and destroyed on one; the action runs on the one that writes the line.
 #pragma once
 
 #include <functional>
