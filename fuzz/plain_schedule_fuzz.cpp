@@ -25,7 +25,7 @@ QX_FUZZ_TARGET(plain_schedule) {
   const std::string_view bytes = qx::fuzz::Text(data, size);
   if (!qx::LoadPlainSchedule(static_cast<zepISchedule&>(*plain), bytes)) return 0;
   const std::string fromBytes = State(*plain);
-  qx::fuzz::AskSchedule(*plain);
+  qx::fuzz::AskSchedule(*plain, qx::fuzz::Durations::kPositive);
 
   qx::fuzz::LoadedSchedule bagged;
   CZEPScheduleObj adapter;

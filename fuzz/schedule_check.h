@@ -33,15 +33,22 @@ inline std::string MemoryForm(CSchedule& schedule) {
   return bytes;
 }
 
-// Every question ends, a window starts behind the reference and ends behind its start.
-inline void AskSchedule(CSchedule& schedule) {
+// What a form can hold as the duration: a binary one has a sign.
+enum class Durations { kPositive, kOfAnySign };
+
+// Every question ends. A window of a valid schedule ends behind its start, unless its duration is below 0 or it starts
+// in the hour that the clock leaves out.
+inline void AskSchedule(CSchedule& schedule, Durations durations) {
   constexpr ZepTime kReference = 1796040000;
+  constexpr ZepTime kNoEnd = -1;
+  constexpr ZepTime kLeftOut = 3600;  // in the zone of all targets
   ZepTime start = 0, end = 0;
   zepByte last = 0;
-  (void)schedule.Validate();
+  const bool ordered = schedule.Validate() == ZEP_S_OK && durations == Durations::kPositive;
   ZepTime reference = kReference;
   for (int i = 0; i < 3; ++i) {
     if (schedule.GetNextTimeWindow(0, 0, reference, &start, &end, &last) != ZEP_S_OK || start <= reference) break;
+    Require(!ordered || end == kNoEnd || end >= start - kLeftOut, "a valid schedule's window ends behind its start");
     reference = start;
   }
   (void)schedule.IsScheduleInTimeWindow(kReference);

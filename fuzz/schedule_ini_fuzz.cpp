@@ -13,7 +13,7 @@ QX_FUZZ_TARGET(schedule_ini) {
   bag.SetFileName(path.c_str());
   qx::fuzz::LoadedSchedule schedule;
   (void)schedule->Load(&bag);
-  qx::fuzz::AskSchedule(*schedule);
+  qx::fuzz::AskSchedule(*schedule, qx::fuzz::Durations::kPositive);
 
   const std::u16string outPath = platform::WideFromUtf8(qx::fuzz::WriteScratch("out.ini", ""));
   CIniFilePropertyBag out;

@@ -8,7 +8,7 @@ QX_FUZZ_TARGET(schedule_memory) {
   std::string block(qx::fuzz::Text(data, size));
   qx::fuzz::LoadedSchedule schedule;
   const ZRESULT loaded = schedule->Load(block.data(), static_cast<std::uint32_t>(block.size()));
-  qx::fuzz::AskSchedule(*schedule);
+  qx::fuzz::AskSchedule(*schedule, qx::fuzz::Durations::kOfAnySign);
   if (loaded != ZEP_S_OK) return 0;
   std::string first = qx::fuzz::MemoryForm(*schedule);
   qx::fuzz::LoadedSchedule again;

@@ -34,7 +34,7 @@ QX_FUZZ_TARGET(schedule_stream) {
   ByteStream in{std::string(qx::fuzz::Text(data, size))};
   qx::fuzz::LoadedSchedule schedule;
   (void)schedule->Load(&in);
-  qx::fuzz::AskSchedule(*schedule);
+  qx::fuzz::AskSchedule(*schedule, qx::fuzz::Durations::kOfAnySign);
   ByteStream out{""};
   Require(schedule->Save(&out, 0) == ZEP_S_OK, "what was loaded can be saved");
   return 0;
