@@ -144,7 +144,11 @@ int CListener::SocketThread(std::uint16_t port) {
     ServiceLog(0, u"SocketThread: LoadSecurityLibrary failed");
     return -1;
   }
-  if (!SetUp(port)) return -1;
+  if (!SetUp(port)) {
+    // Bound already, it would take callers whom nobody answers.
+    m_socket.Close();
+    return -1;
+  }
   while (true) {
     bool ready = false;
     if (const SocketError error = m_socket.WaitReadable(ready); error != 0) {

@@ -1,6 +1,11 @@
 #include "replication/listener.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "replication/tests/replication_fixture.h"
 
@@ -62,6 +67,23 @@ TEST_F(Listener, EachStepOfTheSetUpCanFail) {
   }
   const FaultPlan plan = FaultPlan::FailCall(Operation::kSocketCreate, 1, 97, platform::kFromThenOn);
   EXPECT_EQ(m_listener.SocketThread(0), -1);
+}
+
+TEST_F(Listener, WhoeverCallsBehindAFailedSetUpIsRefused) {
+  const FaultPlan plan = FaultPlan::FailCall(Operation::kSocketOption, 1, 98, platform::kOnce, "non-blocking");
+  ASSERT_EQ(m_listener.SocketThread(0), -1);
+  constexpr std::string_view kListening = "Listening on port ";
+  const std::vector<std::string> lines = m_log.texts(3);
+  const auto line =
+      std::find_if(lines.begin(), lines.end(), [&](const auto& text) { return text.starts_with(kListening); });
+  ASSERT_NE(line, lines.end());
+  std::vector<platform::SocketAddress> addresses;
+  ASSERT_EQ(platform::ResolveAddress("127.0.0.1", line->substr(kListening.size()), platform::AddressFamily::kIpv4, true,
+                                     addresses),
+            0);
+  platform::Socket socket;
+  ASSERT_EQ(platform::Socket::Create(platform::AddressFamily::kIpv4, socket), 0);
+  EXPECT_EQ(socket.Connect(addresses[0]), ECONNREFUSED);
 }
 
 TEST_F(Listener, WithIpv4AloneItListensThere) {
