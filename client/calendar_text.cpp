@@ -23,13 +23,10 @@ constexpr std::size_t kMostAbreast = 4;
 constexpr std::string_view kSigns = " .:+#";
 constexpr std::array<const char*, kDaysOfWeekCount> kShortWeekdays = {"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
 
-std::string Cut(std::string text, std::size_t width) {
-  if (TextWidth(text) <= width) return text;
-  std::size_t at = 0;
-  for (std::size_t kept = 0; at < text.size(); ++at) {
-    if (!IsContinuation(text[at]) && kept++ == width - 1) break;
-  }
-  return text.substr(0, at) + "…";
+std::string Cut(std::string_view text, std::size_t width) {
+  std::string cut;
+  (void)AppendShortened(cut, text, width);
+  return cut;
 }
 
 std::string Pad(std::string text, std::size_t width) {

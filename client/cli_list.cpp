@@ -40,18 +40,9 @@ std::vector<Entry> InOrder(const SentListRows& list) {
   return order;
 }
 
-// Appends the text in exactly (pad) or at most `width` characters.
+// Appends the text in exactly (pad) or at most `width` columns.
 void AppendFit(std::string& out, std::string_view text, std::size_t width, bool pad) {
-  const std::size_t has = TextWidth(text);
-  if (has > width) {
-    std::size_t at = 0;
-    for (std::size_t kept = 0; at < text.size(); ++at) {
-      if (!IsContinuation(text[at]) && kept++ == width - 1) break;
-    }
-    out.append(text.substr(0, at)).append("…");
-    return;
-  }
-  out.append(text);
+  const std::size_t has = AppendShortened(out, text, width);
   if (pad) out.append(width - has, ' ');
 }
 

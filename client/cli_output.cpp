@@ -64,6 +64,16 @@ void PrintFinding(CliContext& context, std::string_view file, const Finding& fin
                          FormatFinding(file, finding));
 }
 
+std::size_t AppendShortened(std::string& out, std::string_view text, std::size_t width) {
+  if (const platform::TextFit whole = platform::FitText(text, width); whole.bytes == text.size()) {
+    out.append(text);
+    return whole.columns;
+  }
+  const platform::TextFit kept = platform::FitText(text, width - 1);
+  out.append(text.substr(0, kept.bytes)).append("…");
+  return kept.columns + 1;
+}
+
 int ExitCodeOf(Status status) {
   switch (status) {
     case kStatusOk:

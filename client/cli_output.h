@@ -3,7 +3,6 @@
 // Data goes to `out`, messages to `err`. Threads: a command runs on one thread.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <iosfwd>
@@ -12,6 +11,7 @@
 
 #include "client/findings.h"
 #include "interface/records.h"
+#include "platform/terminal.h"
 
 namespace qx {
 
@@ -42,7 +42,7 @@ struct CliContext {
   GlobalOptions options;
   bool colourOut = false;  // `out` is a terminal and NO_COLOR isn't set
   bool colourErr = false;
-  std::size_t columns = 0;  // characters in a line of `out`; 0: no limit
+  std::size_t columns = 0;  // of a line of `out`; 0: no limit
   bool zoneChosen = false;  // a command was told the zone to work in
   std::function<void()> startPager;  // sends what follows on `out` through a pager; empty: there is none
 };
@@ -68,14 +68,12 @@ void PrintFinding(CliContext& context, std::string_view file, const Finding& fin
 // else 1.
 [[nodiscard]] int ExitCodeOf(Status status);
 
-// A byte of UTF-8 that goes on with the character before it.
-[[nodiscard]] inline bool IsContinuation(char c) {
-  return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
-}
+// Columns that a text in UTF-8 takes on a terminal.
+[[nodiscard]] inline std::size_t TextWidth(std::string_view text) { return platform::FitText(text).columns; }
 
-// Characters of a text in UTF-8.
-[[nodiscard]] inline std::size_t TextWidth(std::string_view text) {
-  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) { return !IsContinuation(c); }));
-}
+// Appends the text, or as much of it as leaves room for a last "…".
+//   width    columns, 1 or more
+//   returns  the columns that were taken; fewer than `width` also where a wide character didn't fit
+std::size_t AppendShortened(std::string& out, std::string_view text, std::size_t width);
 
 }  // namespace qx

@@ -1,9 +1,11 @@
-// platform/terminal.h: whether somebody looks at what a program writes.
+// platform/terminal.h: whether somebody looks at what a program writes, and how much room it takes there.
 //
 // Threads: every function may be called from any thread.
 #pragma once
 
 #include <cstddef>
+#include <limits>
+#include <string_view>
 
 namespace platform {
 
@@ -13,5 +15,13 @@ enum class StandardStream { kInput, kOutput, kError };
 [[nodiscard]] bool IsTerminal(StandardStream stream);
 // Characters in a line of the terminal that a standard stream is; 0 where it is none or doesn't say.
 [[nodiscard]] std::size_t TerminalColumns(StandardStream stream);
+
+struct TextFit {
+  std::size_t bytes = 0;
+  std::size_t columns = 0;
+};
+// The longest beginning of a text in UTF-8 that takes at most so many columns, by the host's table (wcwidth(3)): a wide
+// character takes two, one that is set over the character before it none. What the table doesn't know takes one.
+[[nodiscard]] TextFit FitText(std::string_view text, std::size_t columns = std::numeric_limits<std::size_t>::max());
 
 }  // namespace platform

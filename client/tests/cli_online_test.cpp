@@ -10,6 +10,7 @@
 #include "client/schedule_json.h"
 #include "client/tests/online_fixture.h"
 #include "platform/host.h"
+#include "platform/terminal.h"
 #include "platform/text.h"
 
 namespace {
@@ -97,6 +98,20 @@ TEST_F(CliOnline, CutsWhatATerminalHasNoRoomFor) {
     EXPECT_EQ(WideFromUtf8(line).size(), columns) << line;
     EXPECT_THAT(line, AllOf(HasSubstr("2026-11-30 22:00:00 +0100"), HasSubstr("{AAAA1111"), HasSubstr("…")));
   }
+}
+
+TEST_F(CliOnline, ColumnsStandBeneathEachOtherWhateverTheLettersOfAName) {
+  Have(Id(0xAAAA1111), u"nightly", kTonight);
+  Have(Id(0xAAAA2222), u"夜間保存", kTonight);
+  Have(Id(0xAAAA3333), u"e\u0301te\u0301", kTonight);
+  const std::string list = Ask({"list", "--no-legend"}).out;
+  EXPECT_THAT(list, AllOf(HasSubstr("  nightly   {AAAA1111"), HasSubstr("  夜間保存  {AAAA2222"),
+                          HasSubstr("  e\u0301te\u0301       {AAAA3333")));
+  settings.columns = 80;
+  service.schedules.begin()->second.bstrParameters = std::u16string(200, u'保');
+  std::istringstream lines(Ask({"list", "--no-legend"}).out);
+  std::string line;
+  while (std::getline(lines, line)) EXPECT_LE(platform::FitText(line).columns, 80u) << line;
 }
 
 TEST_F(CliOnline, ShowsTimesInTheZoneOfTheService) {
