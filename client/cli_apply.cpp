@@ -16,6 +16,7 @@
 #include "common/bus_records.h"
 #include "platform/clock.h"
 #include "platform/file.h"
+#include "platform/input_file.h"
 #include "platform/text.h"
 
 namespace qx {
@@ -39,6 +40,7 @@ struct Item {
   std::string backup;
 };
 
+// The schedule files of a directory; any other path is one itself. What lies in a directory isn't waited for.
 int FilesOf(CliContext& context, const std::string& path, std::vector<std::string>& files) {
   if (!platform::DirectoryExists(path)) {
     files = {path};
@@ -53,6 +55,11 @@ int FilesOf(CliContext& context, const std::string& path, std::vector<std::strin
     if (name.ends_with(".toml") && !name.starts_with('.')) {
       files.push_back(path + (path.ends_with('/') ? "" : "/") + name);
     }
+  }
+  for (const std::string& file : files) {
+    if (!platform::IsStream(file)) continue;
+    PrintError(context, file + ": is a pipe or a device, which is read only where it is named itself");
+    return kExitNotFound;
   }
   if (!files.empty()) return kExitDone;
   PrintError(context, path + ": the directory has no file *.toml");

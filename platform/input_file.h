@@ -17,4 +17,7 @@ namespace platform {
 //             a socket; ERROR_DIRECTORY (267); the code of a failed read
 [[nodiscard]] ErrorCode ReadInput(const std::string& name, std::size_t most, std::string& contents);
 
+// Whether the name leads to a pipe, a terminal or another device, which may let a reader wait.
+[[nodiscard]] bool IsStream(const std::string& name);
+
 }  // namespace platform

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <optional>
 #include <utility>
 
 #include "platform/fault_point.h"
@@ -14,6 +15,15 @@
 
 namespace platform {
 namespace {
+
+// Nothing for a name that leads nowhere.
+std::optional<mode_t> ModeOf(const std::string& name) {
+  struct stat info {};
+  if (::stat(name.c_str(), &info) != 0) return std::nullopt;
+  return info.st_mode;
+}
+
+bool IsStreamMode(std::optional<mode_t> mode) { return mode && (S_ISFIFO(*mode) || S_ISCHR(*mode)); }
 
 ErrorCode ReadFile(const std::string& name, std::size_t most, std::string& bytes) {
   File file;
@@ -47,14 +57,14 @@ ErrorCode ReadStream(const std::string& name, std::size_t most, std::string& byt
 }  // namespace
 
 ErrorCode ReadInput(const std::string& name, std::size_t most, std::string& contents) {
-  struct stat info {};
-  const bool there = ::stat(name.c_str(), &info) == 0;
-  if (there && S_ISDIR(info.st_mode)) return ERROR_DIRECTORY;
-  const bool isStream = there && (S_ISFIFO(info.st_mode) || S_ISCHR(info.st_mode));
+  const std::optional<mode_t> mode = ModeOf(name);
+  if (mode && S_ISDIR(*mode)) return ERROR_DIRECTORY;
   std::string bytes;
-  const ErrorCode rc = isStream ? ReadStream(name, most, bytes) : ReadFile(name, most, bytes);
+  const ErrorCode rc = IsStreamMode(mode) ? ReadStream(name, most, bytes) : ReadFile(name, most, bytes);
   if (rc == ERROR_SUCCESS) contents = std::move(bytes);
   return rc;
 }
+
+bool IsStream(const std::string& name) { return IsStreamMode(ModeOf(name)); }
 
 }  // namespace platform

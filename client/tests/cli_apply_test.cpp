@@ -1,4 +1,6 @@
 // apply and diff, on a service within the process.
+#include <sys/stat.h>
+
 #include <nlohmann/json.hpp>
 
 #include "client/tests/online_fixture.h"
@@ -172,6 +174,19 @@ TEST_F(CliApply, KeepsTheAnchorOfARepeatThatNamesNone) {
 TEST_F(CliApply, SaysThatADirectoryIsEmptyOrAFileIsMissing) {
   EXPECT_EQ(Ask({"apply", Path("files")}).exit, 3);
   EXPECT_EQ(Ask({"apply", Path("none.toml")}).exit, 3);
+}
+
+TEST_F(CliApply, WaitsForNobodyWhereADirectoryHoldsAPipe) {
+  File("a.toml", "third", "-v three");
+  const std::string pipe = Path("files/pipe.toml");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  for (const char* const command : {"apply", "diff"}) {
+    const Result result = Ask({command, Path("files")});
+    EXPECT_EQ(result.exit, 3);
+    EXPECT_EQ(result.err,
+              "qxsched: " + pipe + ": is a pipe or a device, which is read only where it is named itself\n");
+  }
+  EXPECT_EQ(service.schedules.size(), 1u);
 }
 
 // --- diff ---
