@@ -10,6 +10,7 @@
 
 #include "common/bus_records.h"
 #include "fuzz/fuzz_target.h"
+#include "fuzz/plan.h"
 #include "platform/bus.h"
 
 namespace {
@@ -20,6 +21,7 @@ using platform::BusValue;
 using platform::MessageReader;
 using platform::MessageWriter;
 using qx::Reading;
+using qx::fuzz::Plan;
 using qx::fuzz::Require;
 
 constexpr std::string_view kPath = "/com/example/Fuzz";
@@ -71,29 +73,6 @@ class Wire {
   bool m_arrived = false;
   bool m_isBehind = false;
   std::function<void(MessageReader&)> m_read;
-};
-
-// The input as a plan for values; behind its end everything is 0.
-class Plan {
- public:
-  Plan(const std::uint8_t* data, std::size_t size) : m_data(data), m_size(size) {}
-  [[nodiscard]] bool AtEnd() const { return m_at >= m_size; }
-  std::uint8_t Byte() { return AtEnd() ? std::uint8_t{0} : m_data[m_at++]; }
-  std::uint64_t Number(int bytes) {
-    std::uint64_t number = 0;
-    for (int i = 0; i < bytes; ++i) number = number << 8 | Byte();
-    return number;
-  }
-  std::string Text() {
-    std::string text;
-    for (std::size_t left = Byte(); left != 0 && !AtEnd(); --left) text += static_cast<char>(Byte());
-    return text;
-  }
-
- private:
-  const std::uint8_t* m_data;
-  std::size_t m_size;
-  std::size_t m_at = 0;
 };
 
 // Keys of both records, and one of none.
@@ -184,7 +163,7 @@ void Exchange(const BusValue& value, const std::function<BusError(MessageReader&
 }  // namespace
 
 QX_FUZZ_TARGET(bus_records) {
-  Plan plan(data, size);
+  Plan plan(qx::fuzz::Text(data, size));
   const std::uint8_t which = plan.Byte();
   const Reading reading = (which & 0x80) != 0 ? Reading::kReply : Reading::kRequest;
   const bool shaped = (which & 0x40) == 0;  // of the right type as a whole
