@@ -30,11 +30,11 @@ std::string TimeZoneText(std::int32_t bias) {
   return text;
 }
 
-void AnnounceTimeZone(std::uint32_t level, const char16_t* format, std::int32_t bias) {
+bool AnnounceTimeZone(std::uint32_t level, const char16_t* format, std::int32_t bias) {
   const std::string text = TimeZoneText(bias);
   ServiceLog(level, format, text);
   (void)platform::PutEnvironment(text.c_str());
-  platform::TzSet();
+  return platform::ReloadZone();
 }
 
 void CTimeChangeThread::OnNotice(const platform::ClockNotice& notice) {
@@ -61,9 +61,11 @@ bool CTimeChangeThread::HasDrifted(const Reading& from, const Reading& to) {
 void CTimeChangeThread::OnTimeChange(bool zoneRulesChanged) {
   const Reading now = Reading::Now();
   const std::int32_t bias = platform::GetTimeZoneInformation().bias;
-  const bool zoneChanged = bias != m_bias || zoneRulesChanged;
+  const bool biasChanged = bias != m_bias;
   m_bias = bias;
-  AnnounceTimeZone(1, u"Timezone has been changed to : %S", bias);
+  // A zone that is read anew here is none to the zone file's own notice any more.
+  const bool reread = AnnounceTimeZone(1, u"Timezone has been changed to : %S", bias);
+  const bool zoneChanged = biasChanged || zoneRulesChanged || reread;
   if (m_accepted.tickCount != 0 && !zoneChanged && !HasDrifted(m_accepted, now)) return;
   ServiceLog(3, u"SYSTEM_TIME_CHANGED event has been set");
   m_watch.SetGuard(0);  // the loop looks anyway, and sets it anew
@@ -80,7 +82,8 @@ void CTimeChangeThread::Run() {
     ServiceLog(1, u"Create Window failed with error = %d", code);
   }
   // No notice tells of what came ahead of the watch.
-  if (HasDrifted(m_begin, Reading::Now())) OnTimeChange(false);
+  const bool zoneRulesChanged = platform::ReloadZone();
+  if (zoneRulesChanged || HasDrifted(m_begin, Reading::Now())) OnTimeChange(zoneRulesChanged);
   while (true) {
     platform::ClockNotice notice;
     if (m_watch.Read(notice) != platform::ERROR_SUCCESS) {

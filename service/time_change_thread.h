@@ -21,7 +21,8 @@ inline constexpr std::int64_t kToleratedDriftMs = 1000;
 
 // Reads the zone's bias, logs it behind `format` (one %S) at `level` and does the pair of calls with its text.
 // Deliberate: the text has no "TZ=" in front, so the first call refuses it, and its result isn't looked at.
-void AnnounceTimeZone(std::uint32_t level, const char16_t* format, std::int32_t bias);
+//   returns  what the second call, which reads the zone anew, found: whether its rules have changed
+bool AnnounceTimeZone(std::uint32_t level, const char16_t* format, std::int32_t bias);
 
 class CTimeChangeThread {
  public:
@@ -32,7 +33,8 @@ class CTimeChangeThread {
   void SaveBias(std::int32_t bias) { m_bias = bias; }
 
   // The thread's body: registers, creates, reads and hands on notices until the watch is destroyed. Failures are logged
-  // and the thread goes on. A clock that was set ahead of the watch, since this object was made, counts as a kTimeChange.
+  // and the thread goes on. A clock that was set and a zone that was replaced ahead of the watch, since this object was
+  // made, count as a kTimeChange.
   void Run();
 
   // One notice. A kTimeChange sets SYSTEM_TIME_CHANGED unless the wall clock has drifted from the tick count by at most

@@ -410,6 +410,30 @@ TEST_F(TimeChangeThread, FindsAClockThatWasSetAheadOfTheWatch) {
   }
 }
 
+// Both zones are an hour east of Greenwich; one has a summer time.
+TEST_F(TimeChangeThread, FindsAZoneThatWasReplacedAheadOfTheWatch) {
+  const platform::ScopedZone zone("Europe/Berlin");
+  for (const auto& [environment, event] :
+       {std::pair("TZ=Europe/Berlin", -1), std::pair("TZ=Africa/Algiers", int{SYSTEM_TIME_CHANGED})}) {
+    platform::ClockWatch watch;
+    qx::CTimeChangeThread thread(watch);
+    thread.SaveBias(platform::GetTimeZoneInformation().bias);
+    ASSERT_EQ(platform::PutEnvironment(environment), 0);
+    watch.Destroy();
+    thread.Run();
+    EXPECT_EQ(TakeEvent(), event) << environment;
+  }
+}
+
+TEST_F(TimeChangeThread, SeesAZoneThatTheNoticeOfAClockReadsFirst) {
+  const platform::ScopedZone zone("Europe/Berlin");
+  ASSERT_TRUE(Sets());
+  ASSERT_FALSE(Sets());
+  ASSERT_EQ(platform::PutEnvironment("TZ=Africa/Algiers"), 0);
+  EXPECT_TRUE(Sets());
+  EXPECT_FALSE(Sets());
+}
+
 TEST_F(TimeChangeThread, GoesOnAfterEachFailure) {
   m_watch.Destroy();
   {
