@@ -31,11 +31,9 @@ bool IsListed(std::u16string_view keyName) {
   return g_JobList.Find(id) != g_JobList.End() && platform::GuidText(id) == keyName;
 }
 
-bool IsOutOfTheList(std::u16string_view keyName) {
+bool IsOutOfTheList(std::u16string_view keyName) QX_REQUIRES(g_JobListLock) {
   ScheduleGuid id{};
-  if (platform::ClsidFromString(keyName, id) != 0) return false;
-  const CriticalSectionGuard guard(g_JobListLock);
-  return IsBeingModified(id);
+  return platform::ClsidFromString(keyName, id) == 0 && IsBeingModified(id);
 }
 
 bool HasKey(const RegistryKey& schedules, std::u16string_view keyName) {
@@ -44,7 +42,9 @@ bool HasKey(const RegistryKey& schedules, std::u16string_view keyName) {
 }
 
 void ReviveSchedule(const RegistryKey& schedules, std::u16string_view keyName) {
-  // Its file lies aside, and would be taken for one that is missing.
+  // The file of a schedule that is being modified lies aside, and would be taken for one that is missing. To the end no
+  // modification gets as far.
+  const CriticalSectionGuard guard(g_JobListLock);
   if (IsOutOfTheList(keyName)) return;
   CJobNode node;
   if (!BuildJobNode(schedules, keyName, kTimeChangeWords, node)) return;
@@ -53,10 +53,8 @@ void ReviveSchedule(const RegistryKey& schedules, std::u16string_view keyName) {
     return;
   }
   ServiceLog(2, u"%s became valid because of system time change", node.IdText());
-  const CriticalSectionGuard guard(g_JobListLock);
-  // What was read may be of yesterday. A deletion takes the key first and looks for the node last, so that it finds the
-  // node where the key is still there; a modification lists the schedule itself.
-  if (!HasKey(schedules, keyName) || IsBeingModified(node.ScheduleID)) {
+  // A deletion takes the key first and looks for the node last, so that it finds the node where the key is still there.
+  if (!HasKey(schedules, keyName)) {
     node.ReleaseScheduler();
     return;
   }

@@ -1,9 +1,11 @@
 // Schedules that have a key and no node, at a change of the clock.
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <utility>
 
 #include "common/zep_factory.h"
+#include "platform/thread.h"
 #include "service/tests/at_line.h"
 #include "service/tests/missing_values.h"
 #include "service/tests/service_fixture.h"
@@ -97,6 +99,28 @@ TEST_F(Revival, LeavesTheFileAloneThatAModificationHasPutAside) {
   }
   EXPECT_TRUE(std::filesystem::exists(m_folder + "/other/" + Text(id) + ".ini"));
   EXPECT_FALSE(std::filesystem::exists(IniFile(id)));
+}
+
+// It would find the old file put aside, and take the copy for what a kill has left.
+TEST_F(Revival, LetsNoModificationBeginWhileAScheduleIsRead) {
+  const ScheduleGuid id = Lost();
+  std::optional<bool> isFree;  // for another thread
+  const auto look = [&isFree] {
+    isFree = false;
+    if (!g_JobListLock.TryEnter()) return;
+    isFree = true;
+    g_JobListLock.Leave();
+  };
+  {
+    const AtLine line("Ini file path is " + IniFile(id), [&look] {
+      platform::Thread other;
+      ASSERT_EQ(platform::Thread::Start("other", look, other), 0u);
+      other.Join();
+    });
+    Pass();
+  }
+  EXPECT_EQ(isFree, false);
+  EXPECT_THAT(ListedIds(), ElementsAre(Text(id)));
 }
 
 TEST_F(Revival, BringsAScheduleBackWhoseModificationHasEnded) {
