@@ -38,5 +38,13 @@ QX_FUZZ_TARGET(plain_schedule) {
   adapter.m_pSchedule = nullptr;
   Require(loaded == 0, "what is plain loads through the bag");
   Require(State(*bagged) == fromBytes, "both ways load the same");
+
+  adapter.m_pSchedule = &*bagged;
+  Require(adapter.SaveScheduleToFile() == 0, "what was loaded can be saved");
+  qx::fuzz::LoadedSchedule again;
+  adapter.m_pSchedule = &*again;
+  Require(adapter.LoadScheduleFromFile() == 0, "what was saved can be loaded");
+  adapter.m_pSchedule = nullptr;
+  Require(State(*again) == fromBytes, "what was saved is loaded the same");
   return 0;
 }

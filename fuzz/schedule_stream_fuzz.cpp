@@ -37,5 +37,8 @@ QX_FUZZ_TARGET(schedule_stream) {
   qx::fuzz::AskSchedule(*schedule, qx::fuzz::Durations::kOfAnySign);
   ByteStream out{""};
   Require(schedule->Save(&out, 0) == ZEP_S_OK, "what was loaded can be saved");
+  qx::fuzz::LoadedSchedule again;
+  Require(again->Load(&out) == ZEP_S_OK, "what was saved can be loaded");
+  Require(qx::fuzz::MemoryForm(*again) == qx::fuzz::MemoryForm(*schedule), "a saved schedule comes back");
   return 0;
 }
