@@ -9,71 +9,21 @@
 #include <vector>
 
 #include "common/bus_records.h"
+#include "fuzz/bus_wire.h"
 #include "fuzz/fuzz_target.h"
 #include "fuzz/plan.h"
 #include "platform/bus.h"
 
 namespace {
 
-using platform::BusConnection;
 using platform::BusError;
 using platform::BusValue;
 using platform::MessageReader;
 using platform::MessageWriter;
 using qx::Reading;
+using qx::fuzz::BusWire;
 using qx::fuzz::Plan;
 using qx::fuzz::Require;
-
-constexpr std::string_view kPath = "/com/example/Fuzz";
-constexpr std::string_view kInterface = "com.example.Fuzz";
-
-// Two ends of a connection in this process: what one sends as a signal the other reads.
-class Wire {
- public:
-  Wire() {
-    Require(BusConnection::OpenPair(m_sender, m_receiver) == platform::ERROR_SUCCESS, "a pair of connections opens");
-    const auto received = [this](MessageReader& signal) {
-      m_arrived = true;
-      m_read(signal);
-    };
-    Require(m_receiver.Subscribe("", kPath, kInterface, "Value", received) == platform::ERROR_SUCCESS,
-            "a signal is subscribed to");
-    Require(m_receiver.Subscribe("", kPath, kInterface, "Behind", [this](MessageReader&) { m_isBehind = true; }) ==
-                platform::ERROR_SUCCESS,
-            "the signal behind it is subscribed to");
-  }
-
-  // False where no message can hold what `write` appends, or the receiver drops one whose signature it doesn't take: the
-  // signal behind it comes without it.
-  bool Send(const std::function<void(MessageWriter&)>& write, std::function<void(MessageReader&)> read) {
-    MessageWriter signal = Begin("Value");
-    write(signal);
-    if (signal.Result() != platform::ERROR_SUCCESS) return false;
-    m_arrived = m_isBehind = false;
-    m_read = std::move(read);
-    if (m_sender.Send(std::move(signal)) != platform::ERROR_SUCCESS) return false;
-    Require(m_sender.Send(Begin("Behind")) == platform::ERROR_SUCCESS, "the signal behind it is sent");
-    while (!m_isBehind) {
-      Require(m_sender.IsOpen() && m_receiver.IsOpen(), "the connection stands");
-      (void)m_sender.Process();
-      (void)m_receiver.Process();
-    }
-    return m_arrived;
-  }
-
- private:
-  MessageWriter Begin(std::string_view name) {
-    MessageWriter signal;
-    Require(m_sender.NewSignal(kPath, kInterface, name, signal) == platform::ERROR_SUCCESS, "a signal is begun");
-    return signal;
-  }
-
-  BusConnection m_sender;
-  BusConnection m_receiver;
-  bool m_arrived = false;
-  bool m_isBehind = false;
-  std::function<void(MessageReader&)> m_read;
-};
 
 // Keys of both records, and one of none.
 constexpr const char* kKeys[] = {
@@ -137,7 +87,7 @@ BusValue MakeStruct(Plan& plan, std::string_view types) {
 template <class Record>
 void Exchange(const BusValue& value, const std::function<BusError(MessageReader&, Record&)>& read,
               const std::function<void(MessageWriter&, const Record&)>& append, const Record& before) {
-  static Wire wire;
+  static BusWire wire;
   std::optional<Record> taken;
   const bool sent = wire.Send([&](MessageWriter& writer) { writer.AppendValue(value); },
                               [&](MessageReader& reader) {

@@ -1,16 +1,19 @@
 // A schedule as a start of the service finds it: any values in its key, any .ini file. What is built ahead is what the
-// calls one by one build.
+// calls one by one build, and its row of the list can be sent.
 #include <span>
 #include <string>
 #include <string_view>
 
+#include "common/bus_records.h"
 #include "common/registry_keys.h"
+#include "fuzz/bus_wire.h"
 #include "fuzz/fuzz_target.h"
 #include "fuzz/plan.h"
 #include "fuzz/schedule_check.h"
 #include "platform/registry.h"
 #include "platform/text.h"
 #include "service/ini_path.h"
+#include "service/list_info.h"
 #include "service/load_ahead.h"
 #include "service/populate.h"
 
@@ -73,6 +76,24 @@ std::string Contents(CJobNode& node) {
   return rules + platform::Utf8FromWide(texts) + "|" + std::to_string(node.NextTimeWindow);
 }
 
+// The list has a row of the one key, whatever it holds.
+void List() {
+  static qx::fuzz::BusWire wire;
+  qx::CListInfo list;
+  int rows = 0;
+  const auto send = [&rows](const qx::SentListRow& row) {
+    ++rows;
+    const auto write = [&row](platform::MessageWriter& writer) { qx::AppendListRow(writer, row); };
+    const auto read = [](platform::MessageReader& reader) {
+      qx::ListRow taken;
+      Require(!qx::ReadListRow(reader, taken).IsSet(), "a row that was sent is read");
+    };
+    Require(wire.Send(write, read), "a row can be sent");
+    return true;
+  };
+  Require(list.Page(u"", 0, send) == 0 && rows == 1, "the schedule has a row");
+}
+
 }  // namespace
 
 QX_FUZZ_TARGET(stored_schedule) {
@@ -105,5 +126,6 @@ QX_FUZZ_TARGET(stored_schedule) {
     (void)node.ReleaseScheduler();
   }
   (void)called.ReleaseScheduler();
+  List();
   return 0;
 }
