@@ -47,16 +47,13 @@ void StoreFlag(const RegistryKey& key, Plan& plan) {
           "any value can be set");
 }
 
-const RegistryKey& Schedules() {
-  static const RegistryKey schedules = [] {
-    Require(platform::IsRegistryStoreOpen() ||
-                platform::OpenRegistryStore(qx::fuzz::ScratchDirectory() + "/registry.db") == 0,
-            "a store can be opened");
-    RegistryKey key;
-    Require(CreateKey(platform::Hive::kLocalMachine, qx::kSchedulesKey, platform::KEY_ALL_ACCESS, key) == 0,
-            "the key of all schedules can be made");
-    return key;
-  }();
+RegistryKey OpenSchedules() {
+  Require(platform::IsRegistryStoreOpen() ||
+              platform::OpenRegistryStore(qx::fuzz::ScratchDirectory() + "/registry.db") == 0,
+          "a store can be opened");
+  RegistryKey schedules;
+  Require(CreateKey(platform::Hive::kLocalMachine, qx::kSchedulesKey, platform::KEY_ALL_ACCESS, schedules) == 0,
+          "the key of all schedules can be made");
   return schedules;
 }
 
@@ -102,10 +99,11 @@ QX_FUZZ_TARGET(stored_schedule) {
   Require(platform::ClsidFromString(kKeyName, id) == 0, "the key's name is an ID");
   const std::string file = platform::Utf8FromWide(qx::IniPath(id, usualPath));
   Plan plan(qx::fuzz::Text(data, size));
+  const RegistryKey schedules = OpenSchedules();
   {
-    (void)DeleteKey(Schedules(), kKeyName);
+    (void)DeleteKey(schedules, kKeyName);
     RegistryKey key;
-    Require(CreateKey(Schedules(), kKeyName, platform::KEY_ALL_ACCESS, key) == 0, "a schedule's key can be made");
+    Require(CreateKey(schedules, kKeyName, platform::KEY_ALL_ACCESS, key) == 0, "a schedule's key can be made");
     for (const std::u16string_view name : kTexts) {
       StoreText(key, name, name == kTexts[0] ? std::u16string_view(usualPath) : u"/bin/true", plan);
     }
@@ -117,7 +115,7 @@ QX_FUZZ_TARGET(stored_schedule) {
   LoadAhead ahead(platform::RegistryStoreFile(), 1);
   Require(ahead.Wait() && ahead.Size() == 1, "the one schedule is loaded ahead");
   CJobNode called;
-  const bool built = qx::BuildJobNode(Schedules(), kKeyName, qx::kPopulateWords, called);
+  const bool built = qx::BuildJobNode(schedules, kKeyName, qx::kPopulateWords, called);
   const bool further = built && called.UpdateNextTimeWindow() > 0;
   if (const LoadAhead::Outcome outcome = ahead.At(0); outcome != LoadAhead::Outcome::kAsEver) {
     Require(built && further == (outcome == LoadAhead::Outcome::kNode), "the calls come to the same");

@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <span>
@@ -75,7 +74,7 @@ struct ValueCopies {
   }
   [[nodiscard]] const Value* Find(const Bytes& fold) const {
     const auto at = std::find_if(values.begin(), values.end(), [&](const Value& value) {
-      return value.data - value.fold == fold.size() && std::memcmp(&bytes[value.fold], fold.data(), fold.size()) == 0;
+      return IsSameFold(std::span(bytes).subspan(value.fold, value.data - value.fold), std::as_bytes(std::span(fold)));
     });
     return at == values.end() ? nullptr : &*at;
   }

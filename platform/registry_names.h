@@ -3,7 +3,10 @@
 // For the files of the store alone. Threads: any.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,6 +20,10 @@ using Bytes = std::vector<unsigned char>;
 
 // A name in one case, as the file compares and orders it: each character in upper case, its high byte first.
 [[nodiscard]] Bytes Fold(std::u16string_view name);
+// Whether two folded names are the same; the default value's is empty.
+[[nodiscard]] inline bool IsSameFold(std::span<const std::byte> a, std::span<const std::byte> b) {
+  return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size()) == 0);
+}
 
 // A path's elements, which point into it; empty ones are left out.
 //   returns  ERROR_BAD_PATHNAME (161): begins with a backslash; ERROR_INVALID_PARAMETER (87): an element is too long or

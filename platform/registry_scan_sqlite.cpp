@@ -3,7 +3,6 @@
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <cstring>
 #include <iterator>
 #include <limits>
 #include <utility>
@@ -39,10 +38,6 @@ bool Execute(sqlite3* db, const char* sql) { return sqlite3_exec(db, sql, nullpt
 std::span<const unsigned char> Blob(sqlite3_stmt* row, int column) {
   const auto* data = static_cast<const unsigned char*>(sqlite3_column_blob(row, column));
   return {data, data == nullptr ? 0 : static_cast<std::size_t>(sqlite3_column_bytes(row, column))};
-}
-
-bool IsSame(std::span<const unsigned char> a, std::span<const unsigned char> b) {
-  return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size()) == 0);
 }
 
 // Whether the process's store is open, is that file, and holds nothing that isn't committed.
@@ -179,8 +174,9 @@ bool RegistryScan::Read(std::span<const std::string_view> names, std::size_t atA
         if (key > rows[at].first) break;
         if (key < rows[at].first) continue;  // of another parent
         const auto fold = Blob(values.get(), 1);
-        const auto which =
-            std::find_if(wanted.begin(), wanted.end(), [&](const auto& name) { return IsSame(name, fold); });
+        const auto which = std::find_if(wanted.begin(), wanted.end(), [&](const auto& name) {
+          return registry::IsSameFold(std::as_bytes(std::span(name)), std::as_bytes(fold));
+        });
         if (which == wanted.end()) continue;
         const auto data = Blob(values.get(), 3);
         Batch::Slice& slice = slices[which - wanted.begin()];

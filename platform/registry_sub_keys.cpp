@@ -1,6 +1,5 @@
 #include "platform/registry_sub_keys.h"
 
-#include <cstring>
 #include <utility>
 
 #include "platform/fault_point.h"
@@ -49,7 +48,7 @@ struct SubKeyReading {
   }
   void Note(std::span<const std::byte> fold, std::uint32_t type, std::span<const std::byte> data) {
     for (std::size_t i = 0; i < folds.size(); ++i) {
-      if (folds[i].size() != fold.size() || std::memcmp(folds[i].data(), fold.data(), fold.size()) != 0) continue;
+      if (!registry::IsSameFold(std::as_bytes(std::span(folds[i])), fold)) continue;
       SubKeyValues::Value& value = current.m_values[i];
       value.isThere = true;
       value.type = type;

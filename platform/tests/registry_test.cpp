@@ -289,6 +289,22 @@ TEST_F(Registry, ValuesReadBehindAQuestionAboutTheirKeyShowWhatWasWrittenMeanwhi
   EXPECT_EQ(value, 7u);
 }
 
+TEST_F(Registry, TheDefaultValueIsReadBehindAQuestionAboutItsKey) {
+  RegistryKey key = Make(u"Copies\\Default");
+  KeyInfo info;
+  for (const bool isSet : {false, true}) {
+    if (isSet) {
+      ASSERT_EQ(SetString(key, u"", u"night"), 0u);
+    }
+    ASSERT_EQ(QueryInfoKey(key, info), 0u);
+    std::u16string text;
+    EXPECT_EQ(ReadRegistryString(key, u"", text), isSet ? 0u : ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(ReadRegistryString(key, u"A", text), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(text, isSet ? u"night" : u"");
+  }
+  ASSERT_EQ(key.Close(), 0u);
+}
+
 TEST_F(Registry, AQuestionAboutAKeyIsAnsweredAnewBehindAnyChange) {
   RegistryKey key = Make(u"Asked\\Key");
   ASSERT_EQ(SetDword(key, u"A", 1), 0u);
