@@ -48,7 +48,9 @@ class Use {
   explicit Use(const Prepared& statement) : m_statement(statement.get()) {}
   Use(const Use&) = delete;
   Use& operator=(const Use&) = delete;
+  // A statement that couldn't be prepared is none: Step() says so.
   ~Use() {
+    if (m_statement == nullptr) return;
     sqlite3_reset(m_statement);
     sqlite3_clear_bindings(m_statement);
   }

@@ -104,7 +104,7 @@ ErrorCode CheckRegistryStore(const std::string& nativePath, std::string& where) 
     if (rc != SQLITE_DONE) {
       if (!found.empty()) found += '\n';
       found += nativePath + ": " + sqlite3_errmsg(db.get());
-      code = CodeFromSqlite(rc);
+      code = rc == SQLITE_ERROR ? ERROR_REGISTRY_CORRUPT : CodeFromSqlite(rc);  // the tables aren't those of a store
     }
   }
   where = found;

@@ -17,8 +17,8 @@ enum class StandardStream { kInput, kOutput, kError };
 [[nodiscard]] std::size_t TerminalColumns(StandardStream stream);
 
 struct TextFit {
-  std::size_t bytes = 0;
-  std::size_t columns = 0;
+  std::size_t bytes = 0;    // of whole characters
+  std::size_t columns = 0;  // that they take
 };
 // The longest beginning of a text in UTF-8 that takes at most so many columns, by the host's table (wcwidth(3)): a wide
 // character takes two, one that is set over the character before it none. What the table doesn't know takes one.

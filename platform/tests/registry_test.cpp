@@ -216,6 +216,16 @@ TEST_F(Registry, NamesThePlaceOfADamageAndKeepsACopy) {
   EXPECT_EQ(copy, m_path + ".damaged.2");
 }
 
+TEST_F(Registry, CallsAStoreWithOtherTablesDamaged) {
+  ASSERT_EQ(Make(u"Software\\A").Close(), 0u);
+  ASSERT_EQ(CloseRegistryStore(), 0u);
+  RunSql("PRAGMA writable_schema=ON;"
+         "UPDATE sqlite_master SET sql=replace(sql, 'REFERENCES keys(id)', 'REFERENCES keys(ie)')");
+  std::string where;
+  EXPECT_EQ(CheckRegistryStore(m_path, where), ERROR_REGISTRY_CORRUPT);
+  EXPECT_THAT(where, HasSubstr("foreign key mismatch"));
+}
+
 TEST_F(Registry, CallsAFileThatIsNoDatabaseDamaged) {
   ASSERT_EQ(CloseRegistryStore(), 0u);
   {
