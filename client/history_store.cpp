@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <limits>
 
 namespace qx {
 namespace {
@@ -224,12 +225,16 @@ ErrorCode HistoryStore::Trim(std::int64_t now) {
   ErrorCode code = old.Prepare(m_database, "DELETE FROM entries WHERE at<?");
   if (code == ERROR_SUCCESS) code = old.Bind(0, now - m_bounds.seconds).Run();
   // An eighth at a time: ends when the file fits or no entry is left.
+  std::int64_t before = std::numeric_limits<std::int64_t>::max();
   while (code == ERROR_SUCCESS) {
     std::uint64_t bytes = 0;
     std::int64_t entries = 0;
     code = Size(bytes);
     if (code == ERROR_SUCCESS) code = ReadNumber("SELECT count(*) FROM entries", entries);
     if (code != ERROR_SUCCESS || entries == 0 || bytes <= m_bounds.bytes / 100 * kFullPercent) break;
+    // Of a damaged file the index counts entries that aren't there.
+    if (entries >= before) return platform::ERROR_FILE_CORRUPT;
+    before = entries;
     Statement oldest;
     code = oldest.Prepare(m_database, "DELETE FROM entries WHERE id IN (SELECT id FROM entries ORDER BY id LIMIT ?)");
     if (code == ERROR_SUCCESS) code = oldest.Bind(0, std::max<std::int64_t>(1, entries / 8)).Run();
@@ -258,7 +263,7 @@ ErrorCode HistoryStore::Windows(std::map<std::string, KnownSchedule>& windows) {
   std::map<std::string, KnownSchedule> read;
   ErrorCode code = all.Prepare(m_database, "SELECT schedule, name, next FROM windows");
   while (code == ERROR_SUCCESS && (code = all.Step(row)) == ERROR_SUCCESS && row) {
-    read[all.Text(0)] = {all.Text(1), all.Int(2)};
+    if (IsTime(all, 2)) read[all.Text(0)] = {all.Text(1), all.Int(2)};
   }
   if (code == ERROR_SUCCESS) windows = std::move(read);
   return code;

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 
 #include "platform/testing/fault.h"
 #include "platform/testing/temporary_folder.h"
@@ -209,6 +210,47 @@ TEST_F(History, LeavesEntriesOutWhoseTimesNoClockHas) {
   HistoryStore store;
   ASSERT_EQ(store.OpenForReading(m_name), 0u);
   EXPECT_THAT(All(store), ElementsAre(Launch(kStoreNow)));
+}
+
+TEST_F(History, LeavesWindowsOutThatNoClockHas) {
+  HistoryStore store;
+  ASSERT_EQ(Open(store), 0u);
+  ASSERT_EQ(store.Append({}, {{kId, KnownSchedule{"a", 5}},
+                              {"late", KnownSchedule{"b", std::numeric_limits<std::int64_t>::max()}},
+                              {"early", KnownSchedule{"c", std::numeric_limits<std::int64_t>::min()}}}),
+            0u);
+  std::map<std::string, KnownSchedule> windows;
+  EXPECT_EQ(store.Windows(windows), 0u);
+  EXPECT_EQ(windows, (std::map<std::string, KnownSchedule>{{kId, {"a", 5}}}));
+}
+
+// The index has entries that the table lacks: no trimming makes them fewer.
+TEST_F(History, EndsTheTrimmingOfADamagedFile) {
+  const HistoryBounds bounds{kLeastHistoryBytes, std::int64_t{1} << 40};
+  {
+    HistoryStore store;
+    ASSERT_EQ(Open(store, {8 * kLeastHistoryBytes, bounds.seconds}), 0u);
+    HistoryEntry large = Launch(kStoreNow);
+    large.reason = std::string(4000, 'x');
+    ASSERT_EQ(store.Append(std::vector(400, large), {}), 0u);
+  }
+  {
+    platform::Database other;
+    ASSERT_EQ(other.Open(m_name, platform::Database::Access::kReadWrite), 0u);
+    ASSERT_EQ(other.Run("CREATE TABLE full(at INTEGER, rest TEXT); INSERT INTO full SELECT at, reason FROM entries;"
+                        "CREATE INDEX full_at ON full(at); DELETE FROM entries WHERE id>10;"
+                        "PRAGMA writable_schema=ON;"
+                        "CREATE TEMP TABLE roots AS SELECT name, rootpage FROM sqlite_schema;"
+                        "UPDATE sqlite_schema SET rootpage=(SELECT rootpage FROM roots WHERE name='full_at')"
+                        " WHERE name='entries_at';"
+                        "UPDATE sqlite_schema SET rootpage=(SELECT rootpage FROM roots WHERE name='entries_at')"
+                        " WHERE name='full_at'"),
+              0u);
+  }
+  HistoryStore store;
+  ASSERT_EQ(Open(store, bounds), 0u);
+  EXPECT_EQ(m_aside, "");
+  EXPECT_EQ(store.Trim(kStoreNow), platform::ERROR_FILE_CORRUPT);
 }
 
 TEST_F(History, HasOneWriter) {
