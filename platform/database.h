@@ -44,7 +44,7 @@ class Database {
 
   // Carries out statements, with ";" between them, that take and give nothing. Asks Operation::kWriteFile.
   [[nodiscard]] ErrorCode Run(const char* sql);
-  // Looks at every page: 0 or ERROR_FILE_CORRUPT (1392).
+  // Looks at every page, and compares each index with its table: 0 or ERROR_FILE_CORRUPT (1392).
   [[nodiscard]] ErrorCode Check();
 
  private:

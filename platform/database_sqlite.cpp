@@ -90,7 +90,7 @@ ErrorCode Database::Run(const char* sql) {
 ErrorCode Database::Check() {
   Statement check;
   bool row = false;
-  if (const ErrorCode code = check.Prepare(*this, "PRAGMA quick_check(1)"); code != ERROR_SUCCESS) return code;
+  if (const ErrorCode code = check.Prepare(*this, "PRAGMA integrity_check(1)"); code != ERROR_SUCCESS) return code;
   if (const ErrorCode code = check.Step(row); code != ERROR_SUCCESS) return code;
   return row && check.Text(0) == "ok" ? ERROR_SUCCESS : ERROR_FILE_CORRUPT;
 }

@@ -224,16 +224,13 @@ TEST_F(History, LeavesWindowsOutThatNoClockHas) {
   EXPECT_EQ(windows, (std::map<std::string, KnownSchedule>{{kId, {"a", 5}}}));
 }
 
-// The index has entries that the table lacks: no trimming makes them fewer.
-TEST_F(History, EndsTheTrimmingOfADamagedFile) {
-  const HistoryBounds bounds{kLeastHistoryBytes, std::int64_t{1} << 40};
-  {
-    HistoryStore store;
-    ASSERT_EQ(Open(store, {8 * kLeastHistoryBytes, bounds.seconds}), 0u);
-    HistoryEntry large = Launch(kStoreNow);
-    large.reason = std::string(4000, 'x');
-    ASSERT_EQ(store.Append(std::vector(400, large), {}), 0u);
-  }
+// The index gets entries that the table lacks: no trimming makes them fewer.
+TEST_F(History, EndsTheTrimmingOfADamagedFileAndSetsItAside) {
+  HistoryStore store;
+  ASSERT_EQ(Open(store, {.bytes = 8 * kLeastHistoryBytes}), 0u);
+  HistoryEntry large = Launch(kStoreNow);
+  large.reason = std::string(30000, 'x');
+  ASSERT_EQ(store.Append(std::vector(270, large), {}), 0u);
   {
     platform::Database other;
     ASSERT_EQ(other.Open(m_name, platform::Database::Access::kReadWrite), 0u);
@@ -244,13 +241,12 @@ TEST_F(History, EndsTheTrimmingOfADamagedFile) {
                         "UPDATE sqlite_schema SET rootpage=(SELECT rootpage FROM roots WHERE name='full_at')"
                         " WHERE name='entries_at';"
                         "UPDATE sqlite_schema SET rootpage=(SELECT rootpage FROM roots WHERE name='entries_at')"
-                        " WHERE name='full_at'"),
+                        " WHERE name='full_at'; PRAGMA schema_version=1000"),
               0u);
   }
-  HistoryStore store;
-  ASSERT_EQ(Open(store, bounds), 0u);
-  EXPECT_EQ(m_aside, "");
   EXPECT_EQ(store.Trim(kStoreNow), platform::ERROR_FILE_CORRUPT);
+  ASSERT_EQ(Open(store), 0u);
+  EXPECT_EQ(m_aside, m_name + ".damaged");
 }
 
 TEST_F(History, HasOneWriter) {
