@@ -311,11 +311,24 @@ class ThrowingBuffer : public std::streambuf {
   pos_type seekoff(off_type, std::ios_base::seekdir, std::ios_base::openmode) override { throw Broken(); }
 };
 
-struct BrokenInput {
+template <class Stream>
+struct BrokenUse {
   const char* name;
-  void (*ask)(bistream&);
+  void (*ask)(Stream&);
 };
-const BrokenInput kBrokenInputs[] = {
+template <class Stream>
+void ExpectTheBadBit(const BrokenUse<Stream>& c) {
+  ThrowingBuffer buffer;
+  Stream stream(&buffer, kBig);
+  EXPECT_NO_THROW(c.ask(stream)) << c.name;
+  EXPECT_TRUE(stream.bad()) << c.name;
+  stream.clear();
+  stream.exceptions(std::ios::badbit);
+  EXPECT_THROW(c.ask(stream), Broken) << c.name;
+  EXPECT_TRUE(stream.bad()) << c.name;
+}
+
+const BrokenUse<bistream> kBrokenInputs[] = {
     {"read", [](bistream& in) { char c; in.read(&c, 1); }},
     {"integer", [](bistream& in) { std::uint32_t value; in >> value; }},
     {"get", [](bistream& in) { EXPECT_EQ(in.get(), -1); }},
@@ -327,23 +340,10 @@ const BrokenInput kBrokenInputs[] = {
     {"size", [](bistream& in) { EXPECT_EQ(in.size(), -1); }},
 };
 TEST(BinaryStream, MakesTheBadBitOfWhatItsBufferThrowsUponReading) {
-  for (const BrokenInput& c : kBrokenInputs) {
-    ThrowingBuffer buffer;
-    bistream in(&buffer, kBig);
-    EXPECT_NO_THROW(c.ask(in)) << c.name;
-    EXPECT_TRUE(in.bad()) << c.name;
-    in.clear();
-    in.exceptions(std::ios::badbit);
-    EXPECT_THROW(c.ask(in), Broken) << c.name;
-    EXPECT_TRUE(in.bad()) << c.name;
-  }
+  for (const auto& c : kBrokenInputs) ExpectTheBadBit(c);
 }
 
-struct BrokenOutput {
-  const char* name;
-  void (*ask)(bostream&);
-};
-const BrokenOutput kBrokenOutputs[] = {
+const BrokenUse<bostream> kBrokenOutputs[] = {
     {"write", [](bostream& out) { out.write("a", 1); }},
     {"integer", [](bostream& out) { out << std::uint32_t{1}; }},
     {"copy", [](bostream& out) { std::stringbuf source("abc"); out << source; }},
@@ -351,16 +351,7 @@ const BrokenOutput kBrokenOutputs[] = {
     {"size", [](bostream& out) { EXPECT_EQ(out.size(), -1); }},
 };
 TEST(BinaryStream, MakesTheBadBitOfWhatItsBufferThrowsUponWriting) {
-  for (const BrokenOutput& c : kBrokenOutputs) {
-    ThrowingBuffer buffer;
-    bostream out(&buffer, kBig);
-    EXPECT_NO_THROW(c.ask(out)) << c.name;
-    EXPECT_TRUE(out.bad()) << c.name;
-    out.clear();
-    out.exceptions(std::ios::badbit);
-    EXPECT_THROW(c.ask(out), Broken) << c.name;
-    EXPECT_TRUE(out.bad()) << c.name;
-  }
+  for (const auto& c : kBrokenOutputs) ExpectTheBadBit(c);
 }
 
 TEST(BinaryStream, EndsLinesAndTexts) {
