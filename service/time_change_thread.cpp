@@ -30,11 +30,11 @@ std::string TimeZoneText(std::int32_t bias) {
   return text;
 }
 
-bool AnnounceTimeZone(std::uint32_t level, const char16_t* format, std::int32_t bias) {
+void AnnounceTimeZone(std::uint32_t level, const char16_t* format, std::int32_t bias) {
   const std::string text = TimeZoneText(bias);
   ServiceLog(level, format, text);
   (void)platform::PutEnvironment(text.c_str());
-  return platform::ReloadZone();
+  platform::TzSet();
 }
 
 void CTimeChangeThread::OnNotice(const platform::ClockNotice& notice) {
@@ -60,12 +60,12 @@ bool CTimeChangeThread::HasDrifted(const Reading& from, const Reading& to) {
 
 void CTimeChangeThread::OnTimeChange(bool zoneRulesChanged) {
   const Reading now = Reading::Now();
+  // Ahead of the zone file's own notice, maybe, to which these rules are no change any more.
+  const bool reread = platform::ReloadZone();
   const std::int32_t bias = platform::GetTimeZoneInformation().bias;
-  const bool biasChanged = bias != m_bias;
+  const bool zoneChanged = bias != m_bias || zoneRulesChanged || reread;
   m_bias = bias;
-  // A zone that is read anew here is none to the zone file's own notice any more.
-  const bool reread = AnnounceTimeZone(1, u"Timezone has been changed to : %S", bias);
-  const bool zoneChanged = biasChanged || zoneRulesChanged || reread;
+  AnnounceTimeZone(1, u"Timezone has been changed to : %S", bias);
   if (m_accepted.tickCount != 0 && !zoneChanged && !HasDrifted(m_accepted, now)) return;
   ServiceLog(3, u"SYSTEM_TIME_CHANGED event has been set");
   m_watch.SetGuard(0);  // the loop looks anyway, and sets it anew

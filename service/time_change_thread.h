@@ -21,8 +21,7 @@ inline constexpr std::int64_t kToleratedDriftMs = 1000;
 
 // Reads the zone's bias, logs it behind `format` (one %S) at `level` and does the pair of calls with its text.
 // Deliberate: the text has no "TZ=" in front, so the first call refuses it, and its result isn't looked at.
-//   returns  what the second call, which reads the zone anew, found: whether its rules have changed
-bool AnnounceTimeZone(std::uint32_t level, const char16_t* format, std::int32_t bias);
+void AnnounceTimeZone(std::uint32_t level, const char16_t* format, std::int32_t bias);
 
 class CTimeChangeThread {
  public:

@@ -429,9 +429,14 @@ TEST_F(TimeChangeThread, SeesAZoneThatTheNoticeOfAClockReadsFirst) {
   const platform::ScopedZone zone("Europe/Berlin");
   ASSERT_TRUE(Sets());
   ASSERT_FALSE(Sets());
-  ASSERT_EQ(platform::PutEnvironment("TZ=Africa/Algiers"), 0);
-  EXPECT_TRUE(Sets());
-  EXPECT_FALSE(Sets());
+  for (const auto& [environment, text] : {std::pair("TZ=Africa/Algiers", "GMT+1:0:0"),
+                                          std::pair("TZ=America/New_York", "GMT+-5:0:0")}) {
+    ASSERT_EQ(platform::PutEnvironment(environment), 0);
+    m_log.Clear();
+    EXPECT_TRUE(Sets()) << environment;
+    EXPECT_TRUE(m_log.Has(1, std::string("Timezone has been changed to : ") + text)) << environment;
+    EXPECT_FALSE(Sets()) << environment;
+  }
 }
 
 TEST_F(TimeChangeThread, GoesOnAfterEachFailure) {
