@@ -21,7 +21,8 @@ struct TextFit {
   std::size_t columns = 0;  // that they take
 };
 // The longest beginning of a text in UTF-8 that takes at most so many columns, by the host's table (wcwidth(3)): a wide
-// character takes two, one that is set over the character before it none. What the table doesn't know takes one.
+// character takes two, one that is set over the character before it none. What the table doesn't know takes one, and so
+// does each byte that isn't of UTF-8.
 [[nodiscard]] TextFit FitText(std::string_view text, std::size_t columns = std::numeric_limits<std::size_t>::max());
 
 }  // namespace platform
