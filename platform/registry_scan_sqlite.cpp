@@ -81,6 +81,7 @@ RegistryScan::~RegistryScan() = default;
 
 bool RegistryScan::Open(const std::string& nativePath, Hive hive, std::u16string_view subKey) {
   if (FaultAt(Operation::kRegOpenStore, nativePath) != ERROR_SUCCESS) return false;
+  if (registry::HasLostItsBeginning(nativePath)) return false;
   m_path = registry::PlainPath(nativePath);
   m_connection = std::make_unique<Connection>();
   // Opened for writing, or a file without its log couldn't be read; it writes nothing, and leaves the log as it is.

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "platform/registry_scan.h"
 #include "platform/testing/fault.h"
 #include "platform/testing/registry_hook.h"
 #include "platform/tests/store_fixture.h"
@@ -237,6 +238,37 @@ TEST_F(Registry, CallsAFileThatIsNoDatabaseDamaged) {
   EXPECT_EQ(OpenRegistryStore(m_path, &why), ERROR_REGISTRY_CORRUPT);
   EXPECT_EQ(CheckRegistryStore(m_path, where), ERROR_REGISTRY_CORRUPT);
   EXPECT_THAT(where, HasSubstr("not a database"));
+}
+
+TEST_F(Registry, CallsAnEmptiedFileBesideItsLogDamagedAndLeavesTheLog) {
+  const std::string before = m_folder / "before";
+  const std::string log = m_path + "-wal";
+  ASSERT_EQ(Make(u"Software\\A").Close(), 0u);
+  std::filesystem::copy_file(log, before);  // the close of the store writes the log back
+  ASSERT_EQ(CloseRegistryStore(), 0u);
+  std::filesystem::copy_file(before, log);
+  std::filesystem::resize_file(m_path, 0);
+  const auto bytes = [](const std::string& name) {
+    std::ifstream in(name, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  RegistryScan scan;
+  EXPECT_FALSE(scan.Open(m_path, Hive::kCurrentUser, u"Software"));
+  std::string where;
+  EXPECT_EQ(CheckRegistryStore(m_path, where), ERROR_REGISTRY_CORRUPT);
+  EXPECT_EQ(where, m_path + ": is empty, and its write-ahead log isn't");
+  std::string why;
+  EXPECT_EQ(OpenRegistryStore(m_path, &why), ERROR_REGISTRY_CORRUPT);
+  EXPECT_EQ(why, where);
+  std::filesystem::create_symlink(m_path, m_folder / "link.db");
+  EXPECT_EQ(OpenRegistryStore(m_folder / "link.db"), ERROR_REGISTRY_CORRUPT);
+  EXPECT_TRUE(bytes(log) == bytes(before));
+  std::string copy;
+  ASSERT_EQ(KeepDamagedCopy(m_path, copy), 0u);
+  EXPECT_TRUE(bytes(copy + "-wal") == bytes(before));
+
+  std::filesystem::resize_file(log, 0);
+  EXPECT_EQ(OpenRegistryStore(m_path, &why), 0u) << "one that was never written is made: " << why;
 }
 
 // --- Batches ---
