@@ -52,7 +52,7 @@ std::string_view WhatCantBeCarried(std::u16string_view text) {
   if (text.find_first_of(u"<&") != text.npos) return R"(a "<" or "&")";
   if (text.find(u"]]>") != text.npos) return R"(a "]]>")";
   const bool refused = std::any_of(text.begin(), text.end(), [](char16_t c) {
-    return (c < 0x20 && c != u'\t' && c != u'\n' && c != u'\r') || c >= 0xFFFE;
+    return c < 0x20 && c != u'\t' && c != u'\n' && c != u'\r';
   });
   return refused ? "a control character" : "";
 }

@@ -12,6 +12,7 @@
 
 #include "client/schedule_weekdays.h"
 #include "client/time_text.h"
+#include "common/bus_records.h"
 #include "common/zepSchedIUnknown.h"
 #include "platform/text.h"
 
@@ -232,7 +233,12 @@ class TableReader {
       Error(node, name, "holds a line end or a NUL", "text of one line");
       return nullptr;
     }
-    out = platform::WideFromUtf8(value);
+    std::u16string wide = platform::WideFromUtf8(value);
+    if (const std::string stranger = FirstNoncharacter(wide); !stranger.empty()) {
+      Error(node, name, "holds a character that the service can't be told: " + stranger, "");
+      return nullptr;
+    }
+    out = std::move(wide);
     return &*out;
   }
 

@@ -103,7 +103,11 @@ class ObjectReader {
     if (text.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) {
       return Fail(key, "holds a line end or a NUL");
     }
-    out = platform::WideFromUtf8(text);
+    std::u16string wide = platform::WideFromUtf8(text);
+    if (const std::string stranger = FirstNoncharacter(wide); !stranger.empty()) {
+      return Fail(key, "holds a character that the service can't be told: " + stranger);
+    }
+    out = std::move(wide);
   }
 
   template <typename Number>

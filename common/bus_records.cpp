@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <iterator>
 #include <span>
 #include <type_traits>
@@ -81,20 +82,30 @@ constexpr Field<S> kScheduleFields[] = {
 // plane.
 constexpr bool IsNoncharacter(std::uint32_t c) { return (c >= 0xFDD0 && c <= 0xFDEF) || (c & 0xFFFE) == 0xFFFE; }
 
+// The character at a place, a pair of surrogates as one.
+struct CharacterAt {
+  CharacterAt(std::u16string_view text, std::size_t i) : code(text[i]) {
+    isPair = (code & 0xFC00) == 0xD800 && i + 1 < text.size() && (text[i + 1] & 0xFC00) == 0xDC00;
+    if (isPair) code = 0x10000 + ((code & 0x3FF) << 10) + (text[i + 1] & 0x3FFu);
+  }
+  [[nodiscard]] std::size_t Units() const { return isPair ? 2 : 1; }
+
+  std::uint32_t code;
+  bool isPair = false;
+};
+
 // The text with U+FFFD for each character that no string of the bus holds. A lone surrogate is left to the conversion.
 std::u16string Sendable(std::u16string_view text) {
   std::u16string sent;
   sent.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const std::uint32_t high = text[i];
-    const bool pair = (high & 0xFC00) == 0xD800 && i + 1 < text.size() && (text[i + 1] & 0xFC00) == 0xDC00;
-    const std::uint32_t c = pair ? 0x10000 + ((high & 0x3FF) << 10) + (text[i + 1] & 0x3FFu) : high;
-    if (c == 0 || IsNoncharacter(c)) {
+  for (std::size_t i = 0; i < text.size();) {
+    const CharacterAt c(text, i);
+    if (c.code == 0 || IsNoncharacter(c.code)) {
       sent += u'\uFFFD';
     } else {
-      sent.append(text.substr(i, pair ? 2 : 1));
+      sent.append(text.substr(i, c.Units()));
     }
-    if (pair) ++i;
+    i += c.Units();
   }
   return sent;
 }
@@ -512,6 +523,18 @@ BusError ReadScheduleId(MessageReader& reader, std::string_view name, ScheduleGu
   if (reader.ReadString(text) != ERROR_SUCCESS) return WrongType(name, "s");
   if (ParseScheduleId(text, id)) return {};
   return BusError::InvalidArgs("key " + Quoted(name) + " is no identifier in braces");
+}
+
+std::string FirstNoncharacter(std::u16string_view text) {
+  for (std::size_t i = 0; i < text.size();) {
+    const CharacterAt c(text, i);
+    i += c.Units();
+    if (!IsNoncharacter(c.code)) continue;
+    char name[16];
+    std::snprintf(name, sizeof name, "U+%04X", static_cast<unsigned>(c.code));
+    return name;
+  }
+  return {};
 }
 
 void AppendSentText(std::string& out, std::u16string_view text) {

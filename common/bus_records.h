@@ -85,6 +85,8 @@ void AppendScheduleId(platform::MessageWriter& writer, const ScheduleGuid& id);
 // Plain strings and arrays. A lone surrogate, a NUL and a noncharacter (U+FFFE, U+FDD0), which no bus string can hold,
 // travel as U+FFFD.
 void AppendText(platform::MessageWriter& writer, std::u16string_view text);
+// The first noncharacter of a text as "U+FFFE"; empty where it has none.
+[[nodiscard]] std::string FirstNoncharacter(std::u16string_view text);
 // Appends the text as it travels.
 void AppendSentText(std::string& out, std::u16string_view text);
 [[nodiscard]] platform::BusError ReadText(platform::MessageReader& reader, Reading reading, std::string_view name,

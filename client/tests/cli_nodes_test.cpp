@@ -141,7 +141,6 @@ TEST_F(CliNodes, WhatTheOtherNodesParserRefusesIsToldAhead) {
   const Case cases[] = {{"a<b", R"("a<b" has a "<" or "&", which can't be carried)"},
                         {"x]]>y", R"("x]]>y" has a "]]>", which can't be carried: the other nodes will refuse)"},
                         {R"(x\u0001)", "has a control character, which can't be carried"},
-                        {R"(x\uFFFE)", "has a control character, which can't be carried"},
                         {R"(]] > \t\u00E4)", ""}};
   for (const Case& c : cases) {
     const std::string file = Write("job.toml", "name = \"daily\"\n[job]\nwrapper = \"/bin/true\"\nparameters = \"" +
@@ -153,6 +152,15 @@ TEST_F(CliNodes, WhatTheOtherNodesParserRefusesIsToldAhead) {
     EXPECT_THAT(result.err, HasSubstr(c.told));
     EXPECT_EQ(result.err.find("can't be carried") == std::string::npos, *c.told == '\0') << result.err;
   }
+}
+
+TEST_F(CliNodes, WhatTheServiceItselfCantBeToldIsCarriedNowhere) {
+  const std::string file = Write("job.toml", "[job]\nwrapper = \"/bin/true\"\nparameters = \"x\\uFFFE\"\n"
+                                             "[days]\nevery = [\"sun\"]\n");
+  const Result result = Ask({"add", file, "--nodes", "b"});
+  EXPECT_EQ(result.exit, 5) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("holds a character that the service can't be told: U+FFFE"));
+  EXPECT_THAT(m_service.carried, testing::IsEmpty());
 }
 
 TEST_F(CliNodes, AWrongListIsAUsageError) {

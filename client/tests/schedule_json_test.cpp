@@ -74,6 +74,7 @@ TEST(ScheduleJson, NamesTheKeyOfWhatItRefuses) {
       {R"({"bstrName": "a\nb"})", "bstrName holds a line end or a NUL"},
       {R"({"bstrName": "a\rb"})", "bstrName holds a line end or a NUL"},
       {R"({"bstrName": "a\u0000b"})", "bstrName holds a line end or a NUL"},
+      {R"({"bstrName": "a\uFFFEb"})", "bstrName holds a character that the service can't be told: U+FFFE"},
       {R"({"dwTaskOpCode": "5"})", "dwTaskOpCode isn't a whole number"},
       {R"({"dwTaskOpCode": 1.0})", "dwTaskOpCode isn't a whole number"},
       {R"({"dwTaskOpCode": true})", "dwTaskOpCode isn't a whole number"},
