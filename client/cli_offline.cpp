@@ -202,7 +202,7 @@ std::vector<ShownWindow> ComputeWindows(const SCHEDULE_OBJECT& record, std::int6
   return windows;
 }
 
-// The weeks of the month whose rule holds a day: "every tue", "second tue+last tue".
+// The weeks of the month whose rule holds a day: "every tue", "second tue+last tue"; empty where none does.
 std::string WeekdayRule(const SCHEDULE_RULE& rules, std::int64_t day) {
   const auto weekday = static_cast<std::size_t>((day % 7 + 11) % 7);  // day 0 was a Thursday
   const auto isSet = [&](std::size_t week) { return (rules.*kWeekFields[week])[weekday] != 0; };
@@ -215,16 +215,26 @@ std::string WeekdayRule(const SCHEDULE_RULE& rules, std::int64_t day) {
   std::string names;
   if (week < 4 && isSet(week)) names = std::string(kWeekKeys[week]) + " " + kWeekdayNames[weekday];
   if (isLast && isSet(4)) names += (names.empty() ? "" : "+") + std::string("last ") + kWeekdayNames[weekday];
-  return names.empty() ? std::string("weekday ") + kWeekdayNames[weekday] : names;
+  return names;
 }
 
+// The days of the month whose rule holds a day: "day 31+last day"; empty where none does.
 std::string MonthDayRule(const SCHEDULE_RULE& rules, std::int64_t day) {
   const int ofMonth = platform::CivilFromDays(day).day;
   std::string names;
   if (rules.adwDaysOfMonth[static_cast<std::size_t>(ofMonth - 1)] != 0) names = "day " + std::to_string(ofMonth);
   const bool isLast = platform::CivilFromDays(day + 1).day == 1;
   if (isLast && rules.adwDaysOfMonth[kDaysOfMonthCount - 1] != 0) names += names.empty() ? "last day" : "+last day";
-  return names.empty() ? "day of month" : names;
+  return names;
+}
+
+bool IsIncluded(const SCHEDULE_RULE& rules, std::int64_t day) {
+  const platform::Zone& zone = platform::CurrentZone();
+  for (const std::int32_t date : rules.alIncludeDates) {
+    if (date == 0) break;
+    if (LocalDay(date, zone) == day) return true;
+  }
+  return false;
 }
 
 bool HasZoneChange(const ShownWindow& window, const platform::Zone& zone) {
@@ -331,11 +341,19 @@ bool IsFileArgument(const std::string& source) {
 }
 
 std::vector<std::string> RuleNames(std::uint32_t match, std::int64_t day, const SCHEDULE_RULE& rules) {
-  if (match == 0) return {"every " + std::to_string(rules.dwRepeatInterval) + " days"};
+  // Where a day of the repeat rule comes ahead of another rule's, the match is still that of the other one: so a rule
+  // counts that holds the day itself.
   std::vector<std::string> names;
-  if ((match & ZEP_RULE_INCLUDE_DATE) != 0) names.push_back("include");
+  if ((match & ZEP_RULE_INCLUDE_DATE) != 0 && IsIncluded(rules, day)) names.push_back("include");
   if ((match & ZEP_RULE_DAY_OF_WEEK) != 0) names.push_back(WeekdayRule(rules, day));
   if ((match & ZEP_RULE_DAY_OF_MONTH) != 0) names.push_back(MonthDayRule(rules, day));
+  std::erase(names, "");
+  if (!names.empty()) return names;
+  if (match == 0 || rules.bRepeatInterval != 0) return {"every " + std::to_string(rules.dwRepeatInterval) + " days"};
+  // A day that the zone leaves out: its window stands on the one behind it.
+  if ((match & ZEP_RULE_INCLUDE_DATE) != 0) names.push_back("include");
+  if ((match & ZEP_RULE_DAY_OF_WEEK) != 0) names.push_back("weekday");
+  if ((match & ZEP_RULE_DAY_OF_MONTH) != 0) names.push_back("day of month");
   return names;
 }
 

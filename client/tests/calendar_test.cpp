@@ -133,6 +133,32 @@ TEST_F(CalendarTest, TheRepeatRuleNamesItsInterval) {
   EXPECT_EQ(calendar.days[2].entries.at(0).reason, "every 14 days");
 }
 
+TEST_F(CalendarTest, ADayOfTheRepeatRuleAheadOfOtherRulesDaysNamesTheRepeatRule) {
+  struct Case {
+    int line;
+    const char* other;
+    int ownDay;  // of the other rule, in December 2026
+    const char* ownReason;
+  };
+  const Case cases[] = {
+      {__LINE__, "every = [\"mon\"]\n", 14, "every mon"},
+      {__LINE__, "last = [\"fri\"]\n", 25, "last fri"},
+      {__LINE__, "of_month = [20]\n", 20, "day 20"},
+      {__LINE__, "of_month = [\"last\"]\n", 31, "last day"},
+      {__LINE__, "include = [2026-12-24]\n", 24, "include"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE("line " + std::to_string(c.line));
+    const Calendar calendar =
+        Of({2026, 12}, {Record(std::string("[window]\nstart = \"22:00\"\nduration = \"3h\"\nrestart = \"1h\"\n"
+                                           "[days]\nrepeat = { every = 5, anchor = 2026-12-02 }\n") +
+                               c.other)});
+    const auto reason = [&](int day) { return calendar.days[static_cast<std::size_t>(day) - 1].entries.at(0).reason; };
+    for (const int day : {2, 3, 12, 13, 17, 18, 27}) EXPECT_EQ(reason(day), "every 5 days") << day;
+    EXPECT_EQ(reason(c.ownDay), c.ownReason);
+  }
+}
+
 TEST_F(CalendarTest, AnExcludedDateThatWouldRunIsToldWithTheRuleThatItBeats) {
   const Calendar calendar = Of({2026, 12}, {Record("[window]\nstart = \"22:00\"\nduration = \"1h\"\n"
                                                    "[days]\nevery = [\"fri\"]\nexclude = [2026-12-25, 2026-12-26]\n")});
