@@ -281,6 +281,10 @@ int RunSet(CliContext& context, const OnlineSettings& settings, const SetArgumen
     }
   }
   for (Finding finding : checked.findings) {
+    // What isn't TOML has no key; the text has one a line.
+    if (finding.key.empty() && finding.position.line > 0 && finding.position.line <= keys.size()) {
+      finding.text = keys[finding.position.line - 1].name + ": " + finding.text;
+    }
     finding.position = {};
     PrintFinding(context, "set", finding);
   }
@@ -487,6 +491,10 @@ int RunRestore(CliContext& context, const OnlineSettings& settings, const Restor
   std::string text;
   if (const ErrorCode code = platform::ReadInput(arguments.file, kScheduleFileLimit + 1, text);
       code != platform::ERROR_SUCCESS) {
+    if (code == platform::ERROR_DIRECTORY) {
+      PrintError(context, arguments.file + ": is a directory");
+      return kExitNotFound;
+    }
     const int exit = FileFailure(context, arguments.file, code);
     return code == platform::ERROR_FILE_NOT_FOUND || code == platform::ERROR_PATH_NOT_FOUND ? kExitNotFound : exit;
   }
@@ -525,6 +533,7 @@ int RunRestore(CliContext& context, const OnlineSettings& settings, const Restor
     context.out << IdText(id) << "\n";
     PrintNote(context, "restored under a new ID" + (known ? "; it was " + IdText(old) : ""));
   }
+  KeepMadeId(context, IdText(id));
   return kExitDone;
 }
 

@@ -258,6 +258,7 @@ int RunAdd(CliContext& context, const OnlineSettings& settings, const std::strin
     return exit;
   }
   if (!context.options.json) context.out << IdText(id) << "\n";
+  KeepMadeId(context, IdText(id));
   return kExitDone;
 }
 

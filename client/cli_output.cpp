@@ -53,6 +53,10 @@ void PrintNote(CliContext& context, std::string_view text) {
   if (!context.options.quiet) WriteLine(context, "qxsched: " + Printable(text));
 }
 
+void KeepMadeId(CliContext& context, std::string_view id) {
+  if (!context.out.flush()) PrintError(context, "created: " + std::string(id));
+}
+
 void PrintHint(CliContext& context, std::string_view text) {
   if (!text.empty()) PrintNote(context, "hint: " + std::string(text));
 }

@@ -59,6 +59,8 @@ enum class Colour { kPlain, kRed, kYellow, kGreen, kBold };
 void PrintError(CliContext& context, std::string_view text);
 // The same for what isn't a failure; nothing with --quiet.
 void PrintNote(CliContext& context, std::string_view text);
+// Has the output written; where that fails, tells the ID of what was made as an error, so that it isn't lost.
+void KeepMadeId(CliContext& context, std::string_view id);
 // "qxsched: hint: TEXT"; nothing for an empty text or with --quiet.
 void PrintHint(CliContext& context, std::string_view text);
 // "qxsched: FILE:LINE:COL: ..." on `err`; warnings not with --quiet.

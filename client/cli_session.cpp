@@ -47,6 +47,12 @@ bool ParseFullId(const std::string& text, ScheduleGuid& id) {
   return ParseScheduleId(text, id) || ParseScheduleId("{" + text + "}", id);
 }
 
+// What to do about a schedule that can't be read; null where the status says it itself.
+const char* HintOfReading(Status status) {
+  const bool isOfTheRules = status == kStatusFailure || (status & 0xFFFF0000) == 0x80000000;
+  return isOfTheRules ? "the file of its rules, its ID with .ini, is missing or damaged; see qxsched log" : nullptr;
+}
+
 }  // namespace
 
 void WriteJson(std::ostream& out, const ordered_json& json) {
@@ -110,7 +116,7 @@ int Session::BusUnreachable(const std::string& why) {
   return kExitUnreachable;
 }
 
-int Session::Fail(Status status, const std::string& about) {
+int Session::Fail(Status status, const std::string& about, const char* hint) {
   const platform::BusError error = m_link->LastError();
   if (error.IsSet()) {
     const std::string why = error.text + " (" + HexStatus(status) + ", " + error.name + ")";
@@ -124,7 +130,7 @@ int Session::Fail(Status status, const std::string& about) {
     return error.name == platform::kBusErrorInvalidArgs ? kExitRulesRefused : kExitFailed;
   }
   PrintError(m_context, (about.empty() ? "" : about + ": ") + FormatStatus(status));
-  PrintHint(m_context, DescribeStatus(status).hint);
+  PrintHint(m_context, hint != nullptr ? hint : DescribeStatus(status).hint);
   return ExitCodeOf(status);
 }
 
@@ -219,7 +225,7 @@ int Session::Fetch(const Target& target, SCHEDULE_OBJECT& record) {
   ScheduleInfo info;
   const Status status =
       Wait("read the schedule", false, [&] { return m_link->Service().GetScheduleInfo(target.id, info); });
-  if (status != kStatusOk) return Fail(status, IdText(target.id));
+  if (status != kStatusOk) return Fail(status, IdText(target.id), HintOfReading(status));
   if (info.size() != 1) {
     PrintError(m_context, IdText(target.id) + ": the service answers without a record");
     return kExitFailed;

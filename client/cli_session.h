@@ -57,7 +57,8 @@ class Session {
   Status Wait(const std::string& doing, bool changes, const std::function<Status()>& call);
   // Tells why the last call failed.
   //   about  what it was about, ahead of the sentence; may be empty
-  int Fail(Status status, const std::string& about);
+  //   hint   in place of the status's own; null for that
+  int Fail(Status status, const std::string& about, const char* hint = nullptr);
   // Whether the last call may have been lost on its way there or back, so that nobody knows whether it was carried out.
   [[nodiscard]] bool IsLost() const;
 

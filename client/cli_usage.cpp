@@ -1,6 +1,7 @@
 #include "client/cli_usage.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -81,6 +82,11 @@ bool TellUnknownWord(CliContext& context, const CLI::App& app) {
     std::vector<std::string> options;
     AddNamesOfOptions(command, options);
     if (&command != &app) AddNamesOfOptions(app, options);
+    if (std::find(options.begin(), options.end(), word) != options.end()) {  // behind "--" it is none
+      PrintError(context, "unexpected argument \"" + word + "\"");
+      HintAt(context, "", words);
+      return true;
+    }
     PrintError(context, "unknown option \"" + word + "\"");
     HintAt(context, Suggest(word.substr(0, word.find('=')), options), words);
     return true;

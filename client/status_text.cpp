@@ -51,6 +51,8 @@ constexpr Row kRows[] = {
 
 // A failed system call: severity bit and the system facility above, the code below.
 constexpr Status kSystemFacility = 0x80070000;
+// A failure of the rules library, handed on as it is.
+constexpr Status kRulesFacility = 0x80000000;
 
 }  // namespace
 
@@ -62,6 +64,9 @@ StatusText DescribeStatus(Status status) {
     std::string text = platform::Utf8FromWide(platform::SystemErrorText(code));
     if (text.empty()) text = "A system call failed with code " + std::to_string(code) + ".";
     return {text, "see the service log for the step that failed"};
+  }
+  if ((status & 0xFFFF0000) == kRulesFacility) {
+    return {"The rules of the schedule can't be read or used.", "see the service log"};
   }
   return {"Unknown status.", "see the service log"};
 }

@@ -14,7 +14,8 @@ struct StatusText {  // a status in words
   std::string hint;      // what a user can do; may be empty
 };
 
-// The sentence of a status: 0, 1, the service's own codes, and failed system calls in the form 0x8007xxxx.
+// The sentence of a status: 0, 1, the service's own codes, failures of the rules library in the form 0x8000xxxx, and
+// failed system calls in the form 0x8007xxxx.
 [[nodiscard]] StatusText DescribeStatus(Status status);
 
 // "0x8004020C The Restart interval exceeds the size of the time-window."

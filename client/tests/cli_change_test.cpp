@@ -11,6 +11,7 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::StartsWith;
 
 class CliChange : public CliOnline {
  protected:
@@ -390,6 +391,21 @@ TEST_F(CliChange, ExportsSeveralIntoADirectory) {
   EXPECT_EQ(json::parse(Ask({"--json", "export"}).out).size(), 4u);
 }
 
+TEST_F(CliChange, SetNamesTheKeyWhoseValueIsNoToml) {
+  struct Case {
+    const char* assignment;
+    const char* message;
+  };
+  for (const Case& c : {Case{"days.include=2026-02-29", "qxsched: set: days.include: Error while parsing date: "},
+                        Case{"days.effective=2026-13-01", "qxsched: set: days.effective: Error while parsing date: "},
+                        Case{"days.of_month=007", "qxsched: set: days.of_month: Error while parsing "},
+                        Case{"description=\xff", "qxsched: set: description: Encountered invalid utf-8"}}) {
+    const Result result = Ask({"set", "daily", c.assignment});
+    EXPECT_EQ(result.exit, 5) << c.assignment;
+    EXPECT_THAT(result.err, StartsWith(c.message));
+  }
+}
+
 TEST_F(CliChange, RestoresUnderANewId) {
   ASSERT_EQ(Ask({"rm", "daily"}).exit, 0);
   ASSERT_EQ(Backups().size(), 1u);
@@ -412,6 +428,9 @@ TEST_F(CliChange, RestoresNoScheduleThatIsStillThere) {
 TEST_F(CliChange, RestoresNothingOfABadFile) {
   EXPECT_EQ(Ask({"restore", Path("none.toml")}).exit, 3);
   EXPECT_EQ(Ask({"restore", Write("bad.toml", "nonsense")}).exit, 5);
+  const Result directory = Ask({"restore", m_directory});
+  EXPECT_EQ(directory.exit, 3);
+  EXPECT_EQ(directory.err, "qxsched: " + m_directory + ": is a directory\n");
   EXPECT_EQ(service.schedules.size(), 1u);
 }
 

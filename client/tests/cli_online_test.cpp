@@ -19,6 +19,7 @@ using nlohmann::json;
 using platform::Utf8FromWide;
 using platform::WideFromUtf8;
 using testing::AllOf;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -279,6 +280,37 @@ TEST_F(CliOnline, AddsAScheduleFromAFile) {
   EXPECT_EQ(Ask({"add", Path("a.toml"), "--json"}).out,
             "{\"status\":\"0x00000000\",\"id\":\"{AB120001-0000-4001-8000-000000000000}\"}\n");
   EXPECT_EQ(Ask({"add", "-"}, kDaily).exit, 0);
+}
+
+TEST_F(CliOnline, TellsTheIdOfWhatItMadeWhereTheOutputTakesNothing) {
+  std::istringstream in;
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"-q", "add", Write("a.toml", kDaily)}, {"add", "--json", Path("a.toml")},
+        {"restore", Path("a.toml")}}) {
+    std::ostringstream out;
+    std::ostringstream err;
+    out.setstate(std::ios::badbit);
+    EXPECT_EQ(RunWith(words, in, out, err), 1);
+    const std::string id = platform::Utf8FromWide(platform::GuidText(service.schedules.rbegin()->first));
+    EXPECT_THAT(err.str(), EndsWith("qxsched: created: " + id + "\nqxsched: the output can't be written\n"));
+  }
+}
+
+TEST_F(CliOnline, SaysOfAScheduleThatCantBeReadWhatMayBeWrong) {
+  Have(Id(0xAAAA1111), u"daily", kTonight);
+  for (const Status status : {kStatusFailure, Status{0x80000006}}) {
+    service.unreadable = status;
+    for (const char* command : {"show", "next", "export", "skip", "run", "rm"}) {
+      const Result result = Ask({command, "daily"});
+      EXPECT_EQ(result.exit, 1) << command;
+      EXPECT_THAT(result.err, AllOf(HasSubstr("the file of its rules, its ID with .ini, is missing or damaged"),
+                                    HasSubstr("qxsched log"),
+                                    Not(HasSubstr("wrapper")), Not(HasSubstr("Unknown"))))
+          << command;
+    }
+    EXPECT_EQ(Ask({"rm", "daily", "--no-backup"}).exit, 0);
+    Have(Id(0xAAAA1111), u"daily", kTonight);
+  }
 }
 
 TEST_F(CliOnline, ReadsTimesOfAFileInTheZoneOfTheService) {

@@ -57,6 +57,7 @@ TEST_F(CliUsage, AnUnknownWordIsNamedWithTheOneThatWasProbablyMeant) {
       {{"--bus", "help", "list", "extra"},
        "unexpected argument \"extra\"\nqxsched: hint: see qxsched list --help\n"},
       {{"list", "extra"}, "unexpected argument \"extra\"\nqxsched: hint: see qxsched list --help\n"},
+      {{"next", "--", "x", "--json"}, "unexpected argument \"--json\"\nqxsched: hint: see qxsched next --help\n"},
       {{"log", "--since", "1h"}, "unknown option \"--since\"\nqxsched: hint: see qxsched log --help\n"},
       {{"reg", "lst"}, "unknown command \"lst\"\nqxsched: hint: did you mean list? see qxsched reg --help\n"},
   };

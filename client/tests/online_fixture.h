@@ -57,6 +57,7 @@ class FakeService : public ISchedulerService {
     if (beforeGet) beforeGet();
     const auto at = schedules.find(id);
     if (at == schedules.end()) return kStatusRegistryRead;
+    if (unreadable != kStatusOk) return unreadable;
     SCHEDULE_OBJECT* record = nullptr;
     if (info.Create(1, "record") != 0 || info.AccessData(record, "record") != 0) return kStatusFailure;
     *record = at->second;
@@ -103,6 +104,7 @@ class FakeService : public ISchedulerService {
   std::vector<std::u16string> damaged;
   std::deque<Event> events;
   Status refusal = kStatusOk;
+  Status unreadable = kStatusOk;  // what a read of a schedule that is there meets
   platform::BusError lossOnChange;
   platform::BusError error;         // what the last call met
   platform::BusError propertiesError;  // what asking for the properties meets

@@ -32,6 +32,7 @@ TEST(StatusText, HasASentenceForEveryCode) {
       {0x80040211, "0x80040211 No nodes were given.", 1},
       {0x80040212, "0x80040212 The names of the nodes lack \"localhost\".", 1},
       {0x80040214, "0x80040214 The schedule can't be found or read for deleting.", 3},
+      {0x80000006, "0x80000006 The rules of the schedule can't be read or used.", 1},
       {0x80040299, "0x80040299 Unknown status.", 1},
   };
   for (const Case& c : cases) {
