@@ -61,8 +61,8 @@ struct ScheduleFile {
 
 // The TOML text of a record, keys in a fixed order. Flags lose any value but 0 and 1. A window that ends where start
 // plus duration says is written with `end`, another one with `duration`; a whole day without either.
-// Reading the text again gives the same rules; what the file form refuses (text with a line end, a relative path) is
-// written as it stands.
+// Reading the text again gives the same rules; what the file form refuses (text with a line end or a noncharacter, a
+// relative path) is written as it stands.
 [[nodiscard]] std::string WriteScheduleFile(const SCHEDULE_OBJECT& record, const platform::Zone& zone);
 
 // The warnings about a record's values, without places: what the service would drop or change without a word, for

@@ -116,9 +116,15 @@ class zepIPersistStreamInit : public zepIUnknown {  // saves to a stream
   virtual ZRESULT GetClassID(ZepGuid* classId) = 0;                  // null: ZEP_E_POINTER
   virtual ZRESULT InitNew() = 0;                                     // always ZEP_E_NOTIMPL
   virtual ZRESULT IsDirty() = 0;                                     // 0 when dirty, 1 when not
-  virtual ZRESULT GetSizeMax(std::uint32_t* size) = 0;               // an estimate
-  virtual ZRESULT Load(zepIStream* stream) = 0;                      // big-endian; what is wrong with it: ZEP_E_FAIL
-  virtual ZRESULT Save(zepIStream* stream, zepByte clearDirty) = 0;  // as the bag's
+  // Deliberate: an estimate, which the saved form may well exceed; zepIPersistMemory tells its size.
+  virtual ZRESULT GetSizeMax(std::uint32_t* size) = 0;
+  // Big-endian. Deliberate: one Read of at most 2048 bytes; rows behind them keep the values of Reset(). What is wrong
+  // with the header is ZEP_E_FAIL; the object has the read ID then, and behind the class check it is reset. Rows aren't
+  // validated, and those that can't be read are passed over. Nothing read: the result of Read, the object unchanged.
+  virtual ZRESULT Load(zepIStream* stream) = 0;
+  // As the bag's, with the result of one Write. Deliberate: how many bytes were written isn't looked at, and the object
+  // counts as saved also where the stream refused them.
+  virtual ZRESULT Save(zepIStream* stream, zepByte clearDirty) = 0;
 
  protected:
   ~zepIPersistStreamInit() = default;
@@ -175,7 +181,8 @@ class zepISchedule : public zepIUnknown {
   virtual ZRESULT put_AnchorDate(ZepTime date) = 0;           // its local date is kept
   virtual ZRESULT get_Dirty(zepByte* dirty) = 0;              // 1 when changed since it was loaded or saved
   virtual ZRESULT put_Dirty(zepByte dirty) = 0;               // 0 or not 0
-  // Day 0 (Sunday) to 6, week 0 (first) to 4 (last).
+  // Day 0 (Sunday) to 6, week 0 (first) to 4 (last). A week above 4 and a day above 7 throw std::out_of_range; day 7
+  // can be set, but no date matches it.
   virtual ZRESULT SetDayOfWeek(zepByte day, zepByte week) = 0;
   virtual ZRESULT GetDayOfWeek(zepByte day, zepByte week, zepByte* set) = 0;  // gives 1 or 0
   virtual ZRESULT ClearDayOfWeek(zepByte day, zepByte week) = 0;              // also where it isn't set
@@ -190,7 +197,7 @@ class zepISchedule : public zepIUnknown {
   virtual ZRESULT SetSpecificDate(std::uint32_t type, ZepTime date) = 0;    // one of ZEP_SPECIFIC_..., else ZEP_E_FAIL
   virtual ZRESULT ClearSpecificDate(std::uint32_t type, ZepTime date) = 0;  // 0, also where it isn't in the set
   virtual ZRESULT ClearSpecificDates(std::uint32_t type) = 0;               // always 0
-  virtual ZRESULT GetSpecificDatesCount(std::uint32_t type, std::uint32_t* count) = 0;          // of 3 to 10: untouched
+  virtual ZRESULT GetSpecificDatesCount(std::uint32_t type, std::uint32_t* count) = 0;  // 3 to 10: 0, `count` untouched
   virtual ZRESULT GetSpecificDate(std::uint32_t type, std::uint32_t index, ZepTime* date) = 0;  // index from 0, by date
   virtual ZRESULT get_CustomBitSet(std::uint32_t* bits) = 0;  // kept for the caller, no rule reads it
   virtual ZRESULT put_CustomBitSet(std::uint32_t bits) = 0;   // not dirty by it
@@ -198,7 +205,8 @@ class zepISchedule : public zepIUnknown {
   virtual ZRESULT ClearCustomStrings() = 0;                                         // all
   virtual ZRESULT GetCustomStringCount(std::uint32_t* count) = 0;                   // of strings
   virtual ZRESULT GetCustomString(const char16_t* key, char16_t** value) = 0;       // a missing key is made, empty
-  virtual ZRESULT GetCustomStringAt(std::uint32_t index, char16_t** key, char16_t** value) = 0;  // of index 0
+  // Of index 0; without a string ZEP_E_INVALIDARG. Deliberate: any other index gives 0 with nothing written.
+  virtual ZRESULT GetCustomStringAt(std::uint32_t index, char16_t** key, char16_t** value) = 0;
   // 1 when the time lies strictly inside a window, else 0; never fails.
   virtual zepByte IsScheduleInTimeWindow(ZepTime reference) = 0;
   virtual ZRESULT Validate() = 0;  // 0; ZEP_SCHED_E_NORUNDAY; ZEP_SCHED_E_RESTARTTOOLONG
@@ -223,7 +231,8 @@ class zepISchedule2 : public zepISchedule {  // with the rule that gave a window
   // As GetNextTimeWindow, and which rule gave the day (ZEP_RULE_...).
   virtual ZRESULT GetNextTimeWindowEx(ZepTime anchor, ZepTime effective, ZepTime reference, ZepTime* nextStart,
                                       ZepTime* nextEnd, zepByte* last, std::uint32_t* ruleMatch) = 0;
-  // Seconds west of UTC of the machine that a loaded stream comes from: -46800 to 43200; -1 for no adjustment.
+  // Seconds west of UTC of the machine that a loaded stream comes from: -46800 to 43200, else ZEP_E_FAIL; -1 for no
+  // adjustment.
   virtual ZRESULT SetSenderTimeZoneOffset(std::int32_t seconds) = 0;
 
  protected:

@@ -4,7 +4,8 @@
 //   "logFilePath"        string, empty: path of the trace file; without one no file is ever opened
 //   "logFileFilterFlag"  double word, 0: bit 0 the short header, bit level + 1 enables a level
 //   "LogFileSize"        double word, 0: size in KiB from which the file is set aside; at 0 after every record
-// A record begins at DebugTrace() and ends at the marker "@@@".
+// A record begins at DebugTrace() and ends at the marker "@@@", written by itself: a text that ends in the marker is
+// dropped whole.
 // Threads: any. Each thread formats on a stream of its own over one shared buffer: headers of two threads follow one
 // another, all other parts of records that they write at the same moment may alternate.
 #pragma once

@@ -115,7 +115,7 @@ class toadstool_string<char16_t, std::char_traits<char16_t>>
   toadstool_string(const toadstool_string& other, size_type start, size_type count = npos);
   toadstool_string(string_type text) : toadstool_base(std::move(text)) {}
   explicit toadstool_string(view_type text) : toadstool_base(string_type(text)) {}
-  // By the system code page; what it can't read is U+FFFD.
+  // By the system code page, up to the first NUL; what it can't read is U+FFFD.
   explicit toadstool_string(const cstring& other);
   explicit toadstool_string(CZepUTF8& other);
   toadstool_string(size_type count, char16_t fill) : toadstool_base(string_type(count, fill)) {}
@@ -175,7 +175,7 @@ class toadstool_string<char, mbs_char_traits<char>> : public toadstool_base<char
   explicit toadstool_string(view_type text) : toadstool_base(string_type(text)) {}
   explicit toadstool_string(std::string_view text) : toadstool_base(string_type(text.data(), text.size())) {}
   explicit toadstool_string(const std::string& text) : toadstool_string(std::string_view(text)) {}
-  // Through ascii(): throws CharConversion_error.
+  // Through ascii(), up to the first NUL: throws CharConversion_error.
   explicit toadstool_string(const wcstring& other);
   explicit toadstool_string(CZepUTF8& other);
   toadstool_string(size_type count, char fill) : toadstool_base(string_type(count, fill)) {}
