@@ -74,6 +74,7 @@ class Modification {
   bool TakeListedJob();
   Status RebuildOldJob();
   void PutOldFileAside();
+  bool ClearNewDirectory();
   bool KeepCopyBesideNewFile();
   [[nodiscard]] std::vector<std::u16string> Copies() const;
   void LeaveCopiesToBeRemoved() const;
@@ -232,7 +233,7 @@ Status Modification::RebuildOldJob() {
 
 Status Modification::Commit(bool& modified) {
   PutOldFileAside();
-  const bool canSave = KeepCopyBesideNewFile();
+  const bool canSave = !m_otherDirectory || (ClearNewDirectory() && KeepCopyBesideNewFile());
   // The disk works at the new file while the key is written.
   std::optional<CScheduleFileSave> save;
   if (canSave) save.emplace(m_new.ScheduleObj).Prepare();
@@ -261,10 +262,21 @@ void Modification::PutOldFileAside() {
   m_hasOldRules = m_wasListed || !IsMissing(code);
 }
 
+// A file of the schedule that was left in the new directory, from days when it lay there, would be taken for the
+// schedule's as soon as the key names that directory. Safe from a power cut with the copy that comes there next.
+//   returns  false when it can't be taken away, and so the new file not be put there either
+bool Modification::ClearNewDirectory() {
+  const std::string file = platform::NativePath(m_newPath);
+  if (!platform::FileExists(file)) return true;
+  const ErrorCode code = platform::DeleteFile(file);
+  if (code == ERROR_SUCCESS || IsMissing(code)) return true;
+  ServiceLog(1, u"ModifySchedule: Failed to delete the earlier file %s, error = %d", ForLog(m_newPath), code);
+  return false;
+}
+
 // Before the key names another directory, the old rules lie there too, safe from a power cut.
 //   returns  false when the copy can't be written there, and so the new file neither
 bool Modification::KeepCopyBesideNewFile() {
-  if (!m_otherDirectory) return true;
   const std::u16string source = m_isAside ? m_oldPath + std::u16string(kOldIniSuffix) : m_oldPath;
   const std::u16string copy = m_newPath + std::u16string(kOldIniSuffix);
   std::string text;

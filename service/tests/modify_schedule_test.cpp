@@ -778,6 +778,43 @@ TEST_F(ModifySchedule, ReturnsTheFailureOfAKeyThatCouldNotBeWrittenBackAndListsN
   }
 }
 
+// One that was moved away from there: a power cut brings the name back that it had, or it couldn't be moved at all.
+TEST_F(ModifySchedule, TakesNoFileOfEarlierDaysForTheSchedulesWhenItComesBackToADirectory) {
+  const ScheduleGuid id = CreateQuietly(After("b"));
+  const std::string earlier = FileText(Folder(Ini(id, "b")));
+  EXPECT_EQ(m_service.ModifySchedule(id, Before()), kStatusOk);
+  std::ofstream(Folder(Ini(id, "b")), std::ios::binary) << earlier;
+  // The key names the directory when neither the new file nor the way back succeeds.
+  bool failing = false;
+  FaultPlan plan = FaultPlan::Ask([&](int, Operation operation, std::string_view) {
+    failing = failing || operation == Operation::kCommitProfiles;
+    return failing && (operation == Operation::kCommitProfiles || operation == Operation::kRegSetValue)
+               ? platform::ERROR_DISK_FULL
+               : platform::ERROR_SUCCESS;
+  });
+  EXPECT_EQ(m_service.ModifySchedule(id, After("b")), kStatusModify);
+  plan.Remove();
+  const SCHEDULE_OBJECT stored = Stored(id);
+  EXPECT_EQ(stored.bstrXMLFilePathName, After("b").bstrXMLFilePathName);
+  EXPECT_EQ(stored.bstrName, Before().bstrName);
+  EXPECT_EQ(stored.stScheduleRules, ReadsAs(Before(), 0).stScheduleRules);
+}
+
+TEST_F(ModifySchedule, RollsBackWhenAFileOfEarlierDaysCanNotBeDeleted) {
+  const ScheduleGuid id = CreateQuietly(Before());
+  const Kept before = Keep(id);
+  std::ofstream(Folder(Ini(id, "b"))) << "[General]\r\n";
+  FaultPlan plan = FaultPlan::FailCall(Operation::kDeleteFile, 1, 5);
+  EXPECT_EQ(m_service.ModifySchedule(id, After("b")), kStatusOk);
+  plan.Remove();
+  EXPECT_THAT(ErrorLines(), ElementsAre("ModifySchedule: Failed to delete the earlier file " + Folder("b/") + Text(id) +
+                                            ".ini, error = 5",
+                                        "Failed to save the new schedule rule information",
+                                        "Failed to Modify Schedule: " + Text(id)));
+  ExpectSilence(__LINE__);
+  EXPECT_EQ(Keep(id), before);
+}
+
 TEST_F(ModifySchedule, ReturnsThatTheOldRulesCouldNotBeRestoredAndKeepsTheOldFile) {
   const ScheduleGuid id = CreateQuietly(Before());
   const Kept before = Keep(id);
