@@ -240,7 +240,22 @@ std::optional<std::int64_t> ParseDecimal(std::u16string_view text) {
   return value;
 }
 
-// The lines of a section, first ones first.
+// A key of these sections: letters compare without regard to case, as everywhere in the file.
+std::u16string FoldedKey(std::u16string_view key) {
+  std::u16string folded(key);
+  for (char16_t& c : folded) {
+    if (c >= u'a' && c <= u'z') c = static_cast<char16_t>(c - u'a' + u'A');
+  }
+  return folded;
+}
+
+std::u16string_view WithoutQuotes(std::u16string_view text) {
+  const bool isQuoted =
+      text.size() >= 2 && text.front() == text.back() && (text.front() == u'"' || text.front() == u'\'');
+  return isQuoted ? text.substr(1, text.size() - 2) : text;
+}
+
+// The lines of a section by their folded keys, first ones first.
 std::map<std::u16string, std::u16string> ReadSection(std::u16string_view path, std::u16string_view section) {
   constexpr std::size_t kFirstSize = 256;  // units: most schedules have few dates of their own
   std::vector<char16_t> buffer(kFirstSize);
@@ -255,7 +270,9 @@ std::map<std::u16string, std::u16string> ReadSection(std::u16string_view path, s
     const std::u16string_view line = rest.substr(0, rest.find(u'\0'));
     rest.remove_prefix(std::min(line.size() + 1, rest.size()));
     const std::size_t equals = line.find(u'=');
-    if (equals != line.npos) lines.try_emplace(std::u16string(line.substr(0, equals)), line.substr(equals + 1));
+    if (equals != line.npos) {
+      lines.try_emplace(FoldedKey(line.substr(0, equals)), WithoutQuotes(line.substr(equals + 1)));
+    }
   }
   return lines;
 }
@@ -263,7 +280,7 @@ std::map<std::u16string, std::u16string> ReadSection(std::u16string_view path, s
 // The dates of a section; nothing when it has no count. Items are taken as they come: a count reserves nothing.
 std::optional<std::vector<ZepTime>> ReadDates(std::u16string_view path, const DateSection& section) {
   const auto lines = ReadSection(path, section.name);
-  const auto countLine = lines.find(std::u16string(kCountKey));
+  const auto countLine = lines.find(FoldedKey(kCountKey));
   if (countLine == lines.end()) return std::nullopt;
   const std::int64_t count = ParseDecimal(countLine->second).value_or(-1);
   std::vector<ZepTime> dates;
@@ -274,7 +291,7 @@ std::optional<std::vector<ZepTime>> ReadDates(std::u16string_view path, const Da
       missing += count - i + 1;
       break;
     }
-    const auto line = lines.find(ItemKey(static_cast<std::uint64_t>(i)));
+    const auto line = lines.find(FoldedKey(ItemKey(static_cast<std::uint64_t>(i))));
     const std::optional<std::int64_t> date = line != lines.end() ? ParseDecimal(line->second) : std::nullopt;
     if (date) {
       dates.push_back(*date);

@@ -505,6 +505,29 @@ TEST_F(Adapter, ADamagedDateSectionKeepsWhatItHoldsAndIsTold) {
   }
 }
 
+// As every other key and value of the file.
+TEST_F(Adapter, ADateSectionIsReadWithoutRegardToCaseAndQuotes) {
+  const struct {
+    int line;
+    const char* section;
+  } kCases[] = {
+      {__LINE__, "Count=2\r\nItem01=1735084800\r\nItem02=1735344000\r\n"},
+      {__LINE__, "count=2\r\nITEM01=1735084800\r\nitem02=1735344000\r\n"},
+      {__LINE__, "Count='2'\r\nItem01=\"1735084800\"\r\nItem02 = \"1735344000\" \r\n"},
+      {__LINE__, "COUNT=2\r\nItem01=1735084800\r\nitem01=soon\r\nItem02=1735344000\r\nCount=1\r\n"},
+  };
+  SCHEDULE_OBJECT object = Friday();
+  ASSERT_EQ(m_adapter.AddScheduleRules(&object), 0u);
+  std::string text = FileText(m_file);
+  text.resize(text.find("Count=0", text.find("[Specific Exclude Dates]")));
+  for (const auto& c : kCases) {
+    Put(text + c.section);
+    ASSERT_EQ(m_adapter.LoadScheduleFromFile(), 0u) << c.line;
+    EXPECT_THAT(Dates(1), testing::IsEmpty()) << c.line;
+    EXPECT_THAT(Dates(2), ElementsAre("2024-12-25", "2024-12-28")) << c.line;
+  }
+}
+
 TEST_F(Adapter, AFileThatCanNotBeReadFailsToLoadAndChangesNoRule) {
   const SCHEDULE_OBJECT object = Friday();
   ASSERT_EQ(m_adapter.AddScheduleRules(&object), 0u);
