@@ -59,7 +59,9 @@ bool OpenScheduleKey(const RegistryKey& schedules, std::u16string_view keyName, 
 
 bool FindIniFile(const std::u16string& keyName, const std::u16string& path, const JobBuildWords& words) {
   const std::string file = platform::NativePath(path);
-  if (platform::FileExists(file) || (RestoreOldIniFile(path) && platform::FileExists(file))) return true;
+  if (platform::FileExists(file)) return true;
+  (void)RestoreOldIniFile(path);  // or somebody else has done it meanwhile
+  if (platform::FileExists(file)) return true;
   ServiceLog(words.noIniFileLevel, words.noIniFile, ForLog(words.noIniFileNamesKey ? keyName : path));
   return false;
 }

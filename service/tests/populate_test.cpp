@@ -101,6 +101,24 @@ TEST_F(Populate, MovesACopyThatLiesAsideBackFirst) {
   EXPECT_TRUE(std::filesystem::exists(IniFile(id)));
 }
 
+// A client's query may look for the file in the same moment as a pass over a changed clock.
+TEST_F(Populate, TakesACopyThatSomebodyElseMovesBackMeanwhile) {
+  const ScheduleGuid id = Create(Daily());
+  for (const int look : {2, 3}) {
+    std::filesystem::rename(IniFile(id), IniFile(id) + ".old");
+    FaultPlan plan = FaultPlan::Ask([&, looks = 0](int, Operation operation, std::string_view) mutable {
+      if (operation == Operation::kFileExists && ++looks == look) {
+        std::filesystem::rename(IniFile(id) + ".old", IniFile(id));
+      }
+      return platform::ErrorCode{platform::ERROR_SUCCESS};
+    });
+    Reload();
+    plan.Remove();
+    EXPECT_EQ(ListedWindow(id), kPresent + 3600) << look;
+    EXPECT_THAT(m_log.texts(1), IsEmpty()) << look;
+  }
+}
+
 TEST_F(Populate, SkipsAScheduleWithAMissingValueAndLoadsTheOthers) {
   const ScheduleGuid good = Create(Daily());
   for (const auto& c : qx::testing::kMissingValues) {
