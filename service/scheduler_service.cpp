@@ -322,6 +322,7 @@ Status CSchedulerService::CreateSchedule(const SCHEDULE_OBJECT& schedule, Schedu
   const Outcome outcome = SetUpAndStore(schedule, node);
   if (!outcome.done) {
     UndoJob(node, outcome.added);
+    window.Listed();
     return outcome.status;
   }
   g_SchedulerEvents.Set(CREATE_EVENT);
@@ -332,7 +333,9 @@ Status CSchedulerService::CreateSchedule(const SCHEDULE_OBJECT& schedule, Schedu
 }
 
 Status CSchedulerService::DeleteSchedule(const ScheduleGuid& id) {
+  const qx::CNewWindow window;
   const Status status = DeleteStores(id);
+  window.Listed();
   if (status != kStatusOk) {
     ServiceLog(3, u"Exited from DeleteSchedule with error: %x", status);
     return status;

@@ -139,6 +139,46 @@ TEST_F(TimeChange, IsAskedForAgainByAJobThatIsListedBehindItByAnEarlierWindow) {
   }
 }
 
+// One job more in the list than it has keys hides one key more in the registry than it has jobs.
+TEST_F(TimeChange, IsAskedForAgainWhereAJobWithoutKeyKeptItFromAScheduleThatHadRunOut) {
+  struct JobWithoutKey {
+    int line;
+    const char* step;  // while the job has no key
+    std::function<Status()> change;
+    Status status;
+  };
+  ScheduleGuid deleted{}, created{};
+  const JobWithoutKey changes[] = {
+      {__LINE__, "Exit Delete Registry", [&] { return m_service.DeleteSchedule(deleted); }, kStatusOk},
+      {__LINE__, "Entered Write Registry", [&] { return m_service.CreateSchedule(Daily(), created); },
+       kStatusRegistryWrite},
+  };
+  const ScheduleGuid runOut = Add(Once());
+  deleted = Add(Daily());
+  for (const JobWithoutKey& c : changes) {
+    m_clock.SetWall(kPresent + 7200);
+    ASSERT_EQ(m_service.Refresh(), kStatusOk);
+    ASSERT_EQ(ListedWindow(runOut), -2) << c.line;
+    (void)TakeEvents();
+    FaultPlan plan = FaultPlan::FailCall(Operation::kRegCreateKey, 2, 5);  // of a creation: the schedule's key
+    {
+      const AtLine between(c.step, [&] {
+        m_clock.SetWall(kPresent);
+        Pass();
+      });
+      EXPECT_EQ(c.change(), c.status) << c.line;
+    }
+    plan.Remove();
+    EXPECT_EQ(ListedWindow(runOut), -2) << c.line;
+    EXPECT_THAT(TakeEvents(), Contains(int{SYSTEM_TIME_CHANGED})) << c.line;
+    Pass();
+    EXPECT_EQ(ListedWindow(runOut), kPresent + 3600) << c.line;
+  }
+  deleted = Add(Daily());
+  EXPECT_EQ(m_service.DeleteSchedule(deleted), kStatusOk);
+  EXPECT_THAT(TakeEvents(), testing::Not(Contains(int{SYSTEM_TIME_CHANGED})));
+}
+
 TEST_F(TimeChange, IsAskedForAgainWhereAModificationKeptItFromAScheduleThatHadRunOut) {
   const ScheduleGuid id = Add(Once());
   m_clock.SetWall(kPresent + 7200);
