@@ -36,8 +36,8 @@ using Prepared = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 // Gives the number in the first column of the first row; SQLITE_ERROR without a row.
 [[nodiscard]] int QueryInt(sqlite3* db, const char* sql, std::int64_t& out);
 
-// Whether the file is empty while its write-ahead log holds something, which no store of ours comes to by itself. SQLite
-// takes such a log for a leftover and removes it, so nothing may open it.
+// Whether the file is empty while its write-ahead log holds something, which no store of ours comes to by itself.
+// SQLite takes such a log for a leftover and removes it, so nothing may open the file.
 [[nodiscard]] bool HasLostItsBeginning(const std::string& path);
 
 // A file's name as SQLite takes it: it gives some names a meaning of their own.
