@@ -598,7 +598,13 @@ std::vector<Finding> CheckRecord(const SCHEDULE_OBJECT& record) {
   date("lEndTime", rules.lEndTime);
   if (rules.dwTimeDuration != 0) {
     span("dwTimeDuration", rules.dwTimeDuration, kDroppedDuration);
-    if (rules.lEndTime != 0) warn("lEndTime", "is not used: dwTimeDuration is given too and wins");
+    // What the service tells has both, and they agree.
+    const platform::Zone& zone = platform::CurrentZone();
+    const std::int64_t start = rules.lStartTime == 0 ? 0 : LocalTimeOfDay(rules.lStartTime, zone);
+    const std::int64_t end = start + rules.dwTimeDuration / 1000;
+    if (rules.lEndTime != 0 && (end - LocalTimeOfDay(rules.lEndTime, zone)) % 86400 != 0) {
+      warn("lEndTime", "is not used: dwTimeDuration is given too and wins");
+    }
   }
   flag("bEffectiveDate", rules.bEffectiveDate);
   if (rules.bEffectiveDate != 0) date("lEffectiveDate", rules.lEffectiveDate);

@@ -689,4 +689,25 @@ TEST(CheckRecord, WarnsOfEveryValueThatTheServiceWouldDrop) {
   EXPECT_TRUE(qx::CheckRecord(SCHEDULE_OBJECT{}).empty());
 }
 
+TEST(CheckRecord, HasNothingAgainstAnEndThatStandsWhereTheDurationPutsIt) {
+  struct Case {
+    int line;
+    std::int32_t start, end;
+    std::uint32_t duration;
+    bool warns;
+  };
+  const std::int32_t day = 86400;
+  for (const Case& c : {Case{__LINE__, 30 * day + 3600, 30 * day + 10800, 7200000, false},
+                        Case{__LINE__, 30 * day + 82800, 30 * day + 3600, 7200000, false},   // over midnight
+                        Case{__LINE__, 30 * day + 82800, 30 * day + 82800, 86400000, false},
+                        Case{__LINE__, 30 * day + 3600, 30 * day + 10801, 7200000, true},
+                        Case{__LINE__, 30 * day + 3600, 30 * day + 3600, 7200000, true}}) {
+    SCHEDULE_OBJECT record;
+    record.stScheduleRules.lStartTime = c.start;
+    record.stScheduleRules.lEndTime = c.end;
+    record.stScheduleRules.dwTimeDuration = c.duration;
+    EXPECT_EQ(!qx::CheckRecord(record).empty(), c.warns) << "line " << c.line;
+  }
+}
+
 }  // namespace
