@@ -84,7 +84,7 @@ bool MakeLibraryReady() {
 }  // namespace
 
 LoadAhead::LoadAhead(std::string storeFile, std::size_t worthwhile)
-    : m_worthwhile(worthwhile), m_fileChanges(platform::FileChanges()) {
+    : m_worthwhile(worthwhile), m_zone(platform::CurrentZone()), m_fileChanges(platform::FileChanges()) {
   // Without the thread nothing is built.
   (void)platform::Thread::Start(
       "load-scan", [this, storeFile = std::move(storeFile)] { Scan(storeFile); }, m_scanner);

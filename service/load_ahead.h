@@ -2,8 +2,8 @@
 //
 // One thread goes over the rows of all keys (platform/registry_scan.h), a few read the files and build the nodes of
 // those schedules where nothing is to be told: key, values and file are as this service writes them. For every other
-// one the calls are to be made as ever, in their order and with their words; so they are when anything was written
-// meanwhile. The threads write nothing anywhere.
+// one the calls are to be made as ever, in their order and with their words; so they are when anything was written, or
+// the zone replaced, meanwhile. The threads write nothing anywhere.
 // Threads: made, asked and destroyed by one thread.
 #pragma once
 
@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/clock.h"
 #include "platform/file_state.h"
 #include "platform/mutex.h"
 #include "platform/registry.h"
@@ -48,8 +49,8 @@ class LoadAhead {
   // Behind Wait(). Schedules are numbered as their keys are enumerated.
   [[nodiscard]] std::size_t Size() const { return m_entries.size(); }
   [[nodiscard]] Outcome At(std::size_t index) const { return m_entries[index].outcome; }
-  // Whether the registry is what was read.
-  [[nodiscard]] bool StoreHolds() { return m_scan.Holds(); }
+  // Whether the registry is what was read, and the zone the one that the rules were read in.
+  [[nodiscard]] bool StoreAndZoneHold() { return &platform::CurrentZone() == &m_zone && m_scan.Holds(); }
   // Whether the schedule's file is what was read.
   [[nodiscard]] bool FileHolds(std::size_t index) const;
   // The node; with kNode the caller's from now on is the reference to its rule object. Once.
@@ -73,6 +74,7 @@ class LoadAhead {
   [[nodiscard]] bool Queue(Batch&& batch);
 
   const std::size_t m_worthwhile;
+  const platform::Zone& m_zone;  // tables of zones are never freed
   platform::RegistryScan m_scan;
   std::vector<Entry> m_entries;
   std::uint64_t m_fileChanges = 0;  // when the first file was read

@@ -156,7 +156,7 @@ void RefuseListed(CJobNode& node) {
 
 // Lists the nodes that were loaded ahead and are taken from `first` to `end`, as long as they are what would be loaded
 // now.
-//   returns  false: the registry has changed, nothing is listed
+//   returns  false: the registry or the zone has changed, nothing is listed
 bool ListAhead(LoadAhead& ahead, const RegistryKey& schedules, std::uint32_t first, std::uint32_t end) {
   if (first == end) return true;
   std::vector<CJobNode> nodes;
@@ -164,7 +164,7 @@ bool ListAhead(LoadAhead& ahead, const RegistryKey& schedules, std::uint32_t fir
   // From the look at what has changed to the listing nobody else changes the list: who changed a schedule before is
   // seen, and who does it later finds its node.
   const platform::CriticalSectionGuard guard(g_JobListLock);
-  if (!ahead.StoreHolds()) return false;
+  if (!ahead.StoreAndZoneHold()) return false;
   const auto list = [&nodes] {
     g_JobList.AddJobs(nodes, RefuseListed);
     nodes.clear();
@@ -192,7 +192,7 @@ std::uint32_t PopulateFromAhead(LoadAhead& ahead, const RegistryKey& schedules, 
     if (outcome == LoadAhead::Outcome::kNode) continue;
     if (!ListAhead(ahead, schedules, listed, i)) return listed;
     listed = i;
-    if (outcome == LoadAhead::Outcome::kOver && ahead.StoreHolds() && ahead.FileHolds(i)) {
+    if (outcome == LoadAhead::Outcome::kOver && ahead.StoreAndZoneHold() && ahead.FileHolds(i)) {
       ServiceLog(2, u"NextTimeWindow is over: %s", ahead.Take(i).IdText());
     } else {
       ahead.PlaceBefore(schedules, i);

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <thread>
 
 #include "platform/guid.h"
@@ -120,7 +121,7 @@ class LoadAheadTest : public ServiceFixture {
 TEST_F(LoadAheadTest, BuildsEachScheduleThatIsAsItWasWritten) {
   const std::unique_ptr<LoadAhead> ahead = Begun();
   ASSERT_EQ(ahead->Size(), kMany);
-  EXPECT_TRUE(ahead->StoreHolds());
+  EXPECT_TRUE(ahead->StoreAndZoneHold());
   for (std::size_t i = 0; i < ahead->Size(); ++i) {
     EXPECT_EQ(ahead->At(i), LoadAhead::Outcome::kNode) << i;
     EXPECT_TRUE(ahead->FileHolds(i)) << i;
@@ -237,6 +238,7 @@ TEST_F(LoadAheadTest, SeesWhatWasWrittenMeanwhile) {
     int callByCall;
   };
   const ScheduleGuid some = Numbered(100);
+  std::optional<platform::ScopedZone> zone;
   const Case cases[] = {
       {"a value", [&] { SetText(some, u"Parameters", u"-changed"); }, kMany},
       {"a file",
@@ -251,6 +253,7 @@ TEST_F(LoadAheadTest, SeesWhatWasWrittenMeanwhile) {
        1},
       {"a file that goes", [&] { ASSERT_EQ(platform::DeleteFile(IniFile(Numbered(50))), 0u); }, 0},
       {"a schedule that goes", [&] { EXPECT_EQ(DeleteRegistry(Numbered(60)), kStatusOk); }, kMany - 2},
+      {"the zone", [&] { zone.emplace("America/New_York"); }, kMany - 2},  // where it is another day
   };
   for (const Case& c : cases) {
     std::unique_ptr<LoadAhead> ahead = Begun();
