@@ -62,10 +62,13 @@ void CTimeChangeThread::OnTimeChange(bool zoneRulesChanged) {
   const Reading now = Reading::Now();
   // Ahead of the zone file's own notice, maybe, to which these rules are no change any more.
   const bool reread = platform::ReloadZone();
+  const platform::Zone& zone = platform::CurrentZone();
   const std::int32_t bias = platform::GetTimeZoneInformation().bias;
-  const bool zoneChanged = bias != m_bias || zoneRulesChanged || reread;
-  m_bias = bias;
   AnnounceTimeZone(1, u"Timezone has been changed to : %S", bias);
+  // The second of the pair of calls reads the zone too, and may find the next one.
+  const bool isAnother = &platform::CurrentZone() != &zone;
+  const bool zoneChanged = bias != m_bias || zoneRulesChanged || reread || isAnother;
+  m_bias = bias;
   if (m_accepted.tickCount != 0 && !zoneChanged && !HasDrifted(m_accepted, now)) return;
   ServiceLog(3, u"SYSTEM_TIME_CHANGED event has been set");
   m_watch.SetGuard(0);  // the loop looks anyway, and sets it anew

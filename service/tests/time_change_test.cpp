@@ -479,6 +479,17 @@ TEST_F(TimeChangeThread, SeesAZoneThatTheNoticeOfAClockReadsFirst) {
   }
 }
 
+TEST_F(TimeChangeThread, SeesAZoneThatComesWhileItTellsOfTheOneBefore) {
+  const platform::ScopedZone zone("Europe/Berlin");
+  ASSERT_TRUE(Sets());
+  {
+    const AtLine between("Timezone has been changed to : GMT+1:0:0",
+                         [] { EXPECT_EQ(platform::PutEnvironment("TZ=Africa/Algiers"), 0); });
+    EXPECT_TRUE(Sets());
+  }
+  EXPECT_FALSE(Sets());
+}
+
 TEST_F(TimeChangeThread, GoesOnAfterEachFailure) {
   m_watch.Destroy();
   {
