@@ -5,8 +5,8 @@
 // large. The bus is one sink of the service's events: it sends them as signals, and drops them while it isn't
 // connected.
 //
-// A client is a unique bus name that called a method (Subscribe of the Manager for one that only listens) and still
-// owns its name. Introspection and properties count for nothing.
+// A client is a unique bus name that called a method (Subscribe of the Manager for one that only listens) or read a
+// property, and still owns its name. Introspection counts for nothing.
 // Threads: the apartment's thread.
 #pragma once
 
@@ -31,7 +31,8 @@ class CServiceBus {
     platform::BusAddress address;
     std::string version;                   // property Version
     std::function<std::uint16_t()> port;   // property Port
-    std::function<void()> lastClientLeft;  // after each time that the number of clients falls to 0; may be empty
+    // After each time that the number of clients falls to 0, unless the next one's call has come already; may be empty.
+    std::function<void()> lastClientLeft;
     std::function<void(platform::ErrorCode)> lost;  // the connection was lost or not made; may be empty
   };
 
@@ -83,6 +84,7 @@ class CServiceBus {
   std::set<std::string, std::less<>> m_clients;
   std::uint32_t m_cookie = 0;
   std::weak_ptr<platform::AfterAnswer> m_left;  // of the last change, until its reply is sent
+  std::shared_ptr<CServiceBus*> m_self = std::make_shared<CServiceBus*>(this);  // for what waits in the queue
 };
 
 }  // namespace qx

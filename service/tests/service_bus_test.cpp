@@ -378,6 +378,60 @@ TEST_F(ServiceBus, AReaderOfAPropertyIsAClientUntilItLeaves) {
   EXPECT_EQ(m_bus.ClientCount(), 0u);
 }
 
+// One command after the other: the second one's call has come when the first one's leaving is heard of.
+TEST_F(ServiceBus, TheLastClientHasNotLeftWhereTheNextOnesCallHasComeAlready) {
+  const platform::PrivateBus daemon;
+  CServiceBus::Options options;
+  options.address = daemon.ForClients();
+  int left = 0;
+  options.lastClientLeft = [&] { ++left; };
+  ASSERT_EQ(m_bus.Start(std::move(options)), ERROR_SUCCESS);
+  BusConnection first, second;
+  ASSERT_EQ(second.Open(daemon.ForClients()), ERROR_SUCCESS);
+  ASSERT_EQ(first.Open(daemon.ForClients()), ERROR_SUCCESS);
+  bool answered = false;
+  const auto subscribe = [&](BusConnection& client) {
+    MessageWriter call;
+    ASSERT_EQ(client.NewCall(kBusName, kBusPath, kBusManagerInterface, "Subscribe", call), ERROR_SUCCESS);
+    answered = false;
+    ASSERT_EQ(client.CallAsync(std::move(call), [&](MessageReader&, const BusError&) { answered = true; }),
+              ERROR_SUCCESS);
+  };
+  const auto await = [&](BusConnection& client) {
+    while (!answered && client.IsOpen()) {
+      ASSERT_TRUE(m_apartment.Step(0));
+      (void)client.Process();
+    }
+  };
+  // What the daemon answers lies behind what it passed on.
+  const auto ask = [&](std::string_view member, std::string_view name, bool& has) {
+    MessageWriter question;
+    MessageReader reply;
+    BusError error;
+    ASSERT_EQ(second.NewCall("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", member, question),
+              ERROR_SUCCESS);
+    question.AppendString(name);
+    ASSERT_EQ(second.Call(std::move(question), reply, error), ERROR_SUCCESS) << error.text;
+    ASSERT_EQ(reply.ReadBool(has), ERROR_SUCCESS);
+  };
+  subscribe(first);
+  await(first);
+  ASSERT_EQ(m_bus.ClientCount(), 1u);
+  const std::string name(first.UniqueName());
+  first.Close();
+  bool isThere = true;
+  while (isThere) ASSERT_NO_FATAL_FAILURE(ask("NameHasOwner", name, isThere));
+  subscribe(second);
+  ASSERT_NO_FATAL_FAILURE(ask("NameHasOwner", name, isThere));
+  await(second);
+  ASSERT_TRUE(m_apartment.Step(0));
+  EXPECT_EQ(left, 0);
+  EXPECT_EQ(m_bus.ClientCount(), 1u);
+  second.Close();
+  while (left == 0) ASSERT_TRUE(m_apartment.Step(platform::Apartment::kForever));
+  EXPECT_EQ(left, 1);
+}
+
 // A server that its last client left meets the next one's call on its way.
 TEST_F(ServiceBus, AnswersTheCallsThatTheBusPassedOnAheadOfItsEnd) {
   const platform::PrivateBus daemon;
