@@ -97,8 +97,10 @@ std::u16string_view ProgramOf(std::u16string_view wrapper) {
 const char* IniTextWarning(std::u16string_view text) {
   if (text.size() > kLongestIniText) return "is longer than 255 characters; the service would cut it at its next start";
   if (text.empty()) return "";
-  const auto loose = [](char16_t c) { return IsBlank(c) || c == u'"' || c == u'\''; };
-  if (loose(text.front()) || loose(text.back())) {
+  const auto isTrimmed = [](char16_t c) { return c == u' ' || (c >= u'\t' && c <= u'\r'); };
+  const bool isQuoted =
+      text.size() > 1 && text.front() == text.back() && (text.front() == u'"' || text.front() == u'\'');
+  if (isTrimmed(text.front()) || isTrimmed(text.back()) || isQuoted) {
     return "has blanks or quotes at its ends; the service would lose them at its next start";
   }
   return "";

@@ -11,6 +11,7 @@
 
 #include "client/time_text.h"
 #include "common/zepSchedIUnknown.h"
+#include "platform/profile.h"
 #include "platform/testing/temporary_folder.h"
 #include "platform/testing/virtual_clock.h"
 #include "platform/text.h"
@@ -656,6 +657,27 @@ TEST(ScheduleFile, GivesAnyBytesAFindingOrARecord) {
     const ScheduleFile file = Parse(text, zone);
     for (const Finding& finding : file.findings) RC_ASSERT(!finding.text.empty());
   }));
+}
+
+TEST(ScheduleFile, WarnsExactlyOfTheNameThatAFileOfRulesDoesntGiveBack) {
+  platform::TemporaryFolder folder("qxrules");
+  const std::u16string path = platform::WideFromUtf8(folder.Path() + "/rules.ini");
+  const std::u16string inside = u"a b";
+  std::vector<std::u16string> names = {u"\"", u"'", u"\"\"", u"'\""};
+  for (const std::size_t length : {255, 256}) names.emplace_back(length, u'n');
+  for (const char16_t c : std::u16string(u"\t\v\f \"'\u0001\u001f\u0085\u00a0\u2028\u3000\ufeff;=[]#\\x")) {
+    for (const std::u16string& name : {c + inside, inside + c, c + inside + c}) names.push_back(name);
+  }
+  for (const std::u16string& name : names) {
+    ASSERT_EQ(platform::WriteProfileString(path, u"General", u"m_Name", name.c_str()), 0u);
+    std::vector<char16_t> buffer(256);
+    std::uint32_t length = 0;
+    ASSERT_EQ(platform::GetProfileString(path, u"General", u"m_Name", u"", buffer, length), 0u);
+    const bool comesBack = std::u16string_view(buffer.data(), length) == name;
+    SCHEDULE_OBJECT record;
+    record.bstrName = name;
+    EXPECT_EQ(qx::CheckRecord(record).empty(), comesBack) << platform::Utf8FromWide(name);
+  }
 }
 
 // --- records ---------------------------------------------------------------------------------------------------------
