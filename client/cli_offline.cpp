@@ -337,7 +337,7 @@ ordered_json FindingJson(const Finding& finding) {
 
 bool IsFileArgument(const std::string& source) {
   return source == "-" || source.find('/') != std::string::npos || EndsWith(source, ".toml") ||
-         EndsWith(source, ".json") || platform::FileExists(source) || platform::DirectoryExists(source);
+         EndsWith(source, ".json") || platform::FileExists(source);
 }
 
 std::vector<std::string> RuleNames(std::uint32_t match, std::int64_t day, const SCHEDULE_RULE& rules) {

@@ -46,8 +46,8 @@ struct CheckArguments {
 //            kExitPermission or kExitFailed when a file can't be read
 [[nodiscard]] int RunCheck(CliContext& context, const CheckArguments& arguments);
 
-// Whether a word of the command line names a file: "-", with a separator, with the ending ".toml" or ".json", or one
-// that exists.
+// Whether a word of the command line names a file: "-", with a separator, with the ending ".toml" or ".json", or that
+// of a file that exists; a directory hides no schedule of its name.
 [[nodiscard]] bool IsFileArgument(const std::string& source);
 
 // Which rules give a run day, in the words of the schedule file: "every tue", "last day", "include", "every 14 days".

@@ -282,6 +282,22 @@ TEST_F(CliOnline, AddsAScheduleFromAFile) {
   EXPECT_EQ(Ask({"add", "-"}, kDaily).exit, 0);
 }
 
+TEST_F(CliOnline, ADirectoryOfASchedulesNameDoesntHideIt) {
+  Have(Id(0xAAAA1111), u"backup", kTonight);
+  Have(Id(0xAAAA2222), u"..", kTonight);
+  std::filesystem::create_directory(Path("backup"));
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(m_directory);
+  for (const char* name : {"backup", ".."}) {
+    EXPECT_EQ(Ask({"next", name}).exit, 0) << name;
+    EXPECT_EQ(Ask({"calendar", name}).exit, 0) << name;
+  }
+  const Result file = Ask({"next", "backup/"});
+  EXPECT_EQ(file.exit, 3);
+  EXPECT_EQ(file.err, "qxsched: backup/: is a directory\n");
+  std::filesystem::current_path(before);
+}
+
 TEST_F(CliOnline, TellsTheIdOfWhatItMadeWhereTheOutputTakesNothing) {
   std::istringstream in;
   for (const std::vector<std::string>& words :
