@@ -36,7 +36,8 @@ class Database {
 
   // Opens a file; kReadWrite makes one that is missing, with mode 0600. Asks Operation::kCreateFile.
   //   name     a kernel name
-  //   returns  0; ERROR_FILE_NOT_FOUND (2) and ERROR_PATH_NOT_FOUND (3). A damaged file may show only later.
+  //   returns  0; ERROR_FILE_NOT_FOUND (2) and ERROR_PATH_NOT_FOUND (3); ERROR_FILE_CORRUPT (1392): an empty file
+  //            beside a write-ahead log, which stays. A damaged file may show only later.
   [[nodiscard]] ErrorCode Open(const std::string& name, Access access);
   // Statements on it have to be gone.
   void Close();

@@ -1,6 +1,6 @@
 // platform/registry_connection.h: SQLite as the key store uses it: connections, prepared statements, results as codes.
 //
-// For the files of the store alone. Threads: one connection serves one thread at a time.
+// For the files of the store, and for database.h. Threads: one connection serves one thread at a time.
 #pragma once
 
 #include <sqlite3.h>

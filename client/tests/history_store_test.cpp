@@ -190,6 +190,31 @@ TEST_F(History, SetsAFileAsideWhosePagesAPowerCutHasEmptied) {
   EXPECT_EQ(m_aside, m_name + ".damaged");
 }
 
+TEST_F(History, KeepsTheLogOfAFileThatWasEmptied) {
+  const std::string log = m_name + "-wal";
+  const std::string before = m_name + ".before";
+  {
+    HistoryStore store;
+    ASSERT_EQ(Open(store), 0u);
+    ASSERT_EQ(store.Append({Launch(kStoreNow)}, {}), 0u);
+    std::filesystem::copy_file(log, before);  // the close writes the log back
+  }
+  std::filesystem::copy_file(before, log);
+  std::filesystem::resize_file(m_name, 0);
+  const auto bytes = [](const std::string& name) {
+    std::ifstream in(name, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  HistoryStore reader;
+  EXPECT_EQ(reader.OpenForReading(m_name), platform::ERROR_FILE_CORRUPT);
+  EXPECT_TRUE(bytes(log) == bytes(before)) << "a reader leaves it";
+  HistoryStore store;
+  ASSERT_EQ(Open(store), 0u);
+  EXPECT_EQ(m_aside, m_name + ".damaged");
+  EXPECT_TRUE(bytes(m_aside + "-wal") == bytes(before));
+  EXPECT_TRUE(All(store).empty());
+}
+
 TEST_F(History, LeavesEntriesOutWhoseTimesNoClockHas) {
   {
     HistoryStore store;
