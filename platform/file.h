@@ -149,10 +149,14 @@ class File {
 
   // The functions below give ERROR_INVALID_HANDLE (6) when nothing is open.
   [[nodiscard]] ErrorCode Size(std::uint64_t& bytes) const;
-  [[nodiscard]] ErrorCode SeekToEnd();
+  //   offset  when given, gets where the end is
+  [[nodiscard]] ErrorCode SeekToEnd(std::uint64_t* offset = nullptr);
   [[nodiscard]] ErrorCode SeekTo(std::uint64_t offset);
   // Writes all bytes at the position and moves it behind them; on failure a part may have been written.
   [[nodiscard]] ErrorCode WriteAll(std::string_view bytes);
+  // Takes away what lies behind `size`, as the part of a failed write; a file that is shorter stays as it is. Asks
+  // Operation::kWriteFile.
+  [[nodiscard]] ErrorCode CutBehind(std::uint64_t size);
   // Reads up to buffer.size() bytes from the position; `count` is less only at the end of the file.
   [[nodiscard]] ErrorCode Read(std::span<char> buffer, std::size_t& count);
   // Appends everything from the position to the end of the file to `bytes`.

@@ -488,9 +488,12 @@ ErrorCode File::Size(std::uint64_t& bytes) const {
   return ERROR_SUCCESS;
 }
 
-ErrorCode File::SeekToEnd() {
+ErrorCode File::SeekToEnd(std::uint64_t* offset) {
   if (const ErrorCode rc = FaultAt(Operation::kSetFilePointer); rc != ERROR_SUCCESS) return rc;
-  return ::lseek(m_descriptor, 0, SEEK_END) >= 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+  const off_t end = ::lseek(m_descriptor, 0, SEEK_END);
+  if (end < 0) return ErrorCodeFromErrno(errno);
+  if (offset != nullptr) *offset = static_cast<std::uint64_t>(end);
+  return ERROR_SUCCESS;
 }
 
 ErrorCode File::SeekTo(std::uint64_t offset) {
@@ -503,6 +506,16 @@ ErrorCode File::WriteAll(std::string_view bytes) {
   if (const ErrorCode rc = FaultAt(Operation::kWriteFile); rc != ERROR_SUCCESS) return rc;
   if (!IsOpen()) return ERROR_INVALID_HANDLE;
   return WriteBytes(m_descriptor, bytes);
+}
+
+ErrorCode File::CutBehind(std::uint64_t size) {
+  if (const ErrorCode rc = FaultAt(Operation::kWriteFile); rc != ERROR_SUCCESS) return rc;
+  if (!FitsOffset(size)) return ERROR_SUCCESS;
+  struct stat info {};
+  if (::fstat(m_descriptor, &info) != 0) return ErrorCodeFromErrno(errno);
+  const auto end = static_cast<off_t>(size);
+  if (info.st_size <= end) return ERROR_SUCCESS;
+  return Retry([&] { return ::ftruncate(m_descriptor, end); }) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
 }
 
 ErrorCode File::Read(std::span<char> buffer, std::size_t& count) {

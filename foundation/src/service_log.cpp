@@ -154,11 +154,13 @@ SecondExpansion ExpandAgain(const std::string& format, std::span<const LogArgume
 
 void WriteLine(File& file, const std::string& format, std::span<const LogArgument> arguments) {
   if (file.LockByte(0) != ERROR_SUCCESS) return;
-  if (file.SeekToEnd() != ERROR_SUCCESS) return;
+  std::uint64_t end = 0;
+  if (file.SeekToEnd(&end) != ERROR_SUCCESS) return;
   std::string line = HeaderText();
   const SecondExpansion second = ExpandAgain(format, arguments);
   if (!second.text.empty()) line += second.text + "\r\n";
-  (void)file.WriteAll(line);  // in one piece: a reader or a kill never meets half a line; there's nobody to tell
+  // In one piece: a reader or a kill never meets half a line, and a full disk leaves none. There's nobody to tell.
+  if (file.WriteAll(line) != ERROR_SUCCESS) (void)file.CutBehind(end);
   RememberLine(second.text.empty() ? line : second.text);
   // Deliberate: too long a second expansion keeps the file open and its byte locked.
   if (second.tooLong) Abandon(std::move(file));

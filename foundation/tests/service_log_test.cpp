@@ -4,10 +4,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -208,6 +210,24 @@ TEST_F(ServiceLogTest, AppendsToWhatIsThere) {
   ServiceLog(1, u"one");
   ServiceLog(1, u"two");
   EXPECT_EQ(Contents(0), Header() + "one\r\n" + Header() + "two\r\n");
+}
+
+TEST_F(ServiceLogTest, LeavesNoHalfLineWhereTheFileCantGrow) {
+  Init();
+  ServiceLog(0, u"first");
+  const std::string first = Contents(0);
+  struct rlimit before {};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+  const auto formerly = ::signal(SIGXFSZ, SIG_IGN);
+  struct rlimit tight = before;
+  tight.rlim_cur = first.size() + 20;
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &tight), 0);
+  ServiceLog(0, u"no room for it");
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+  ::signal(SIGXFSZ, formerly);
+  EXPECT_EQ(Contents(0), first);
+  ServiceLog(0, u"third");
+  EXPECT_EQ(Contents(0), first + Header() + "third\r\n");
 }
 
 TEST_F(ServiceLogTest, KeepsNoFileOpenBetweenLines) {

@@ -227,6 +227,7 @@ TEST_F(Files, AnswerInvalidHandleWhenNothingIsOpen) {
   std::string bytes;
   EXPECT_EQ(file.Size(size), ERROR_INVALID_HANDLE);
   EXPECT_EQ(file.SeekToEnd(), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(file.CutBehind(0), ERROR_INVALID_HANDLE);
   EXPECT_EQ(file.SeekTo(0), ERROR_INVALID_HANDLE);
   EXPECT_EQ(file.WriteAll(""), ERROR_INVALID_HANDLE);
   EXPECT_EQ(file.Read(byte, count), ERROR_INVALID_HANDLE);
@@ -427,6 +428,7 @@ TEST_F(Files, AskTheFaultSeamForEveryCall) {
   const Call calls[] = {
       {__LINE__, Operation::kGetFileSize, [&] { return file.Size(size); }},
       {__LINE__, Operation::kSetFilePointer, [&] { return file.SeekToEnd(); }},
+      {__LINE__, Operation::kWriteFile, [&] { return file.CutBehind(0); }},
       {__LINE__, Operation::kSetFilePointer, [&] { return file.SeekTo(0); }},
       {__LINE__, Operation::kWriteFile, [&] { return file.WriteAll("y"); }},
       {__LINE__, Operation::kReadFile, [&] { return file.Read(byte, count); }},
@@ -482,6 +484,24 @@ TEST_F(Files, LetOnlyOneServiceHaveTheStateDirectory) {
   EXPECT_FALSE(second.IsOpen());
   first.Close();
   EXPECT_EQ(LockStateDirectory(second), ERROR_SUCCESS);
+}
+
+TEST_F(Files, AreCutBehindASizeAndNeverMadeLonger) {
+  Put(m_name, "abcdef");
+  File file;
+  ASSERT_EQ(file.Open(m_name, File::Access::kAppend, File::Disposition::kOpenExisting), ERROR_SUCCESS);
+  std::uint64_t end = 0;
+  EXPECT_EQ(file.SeekToEnd(&end), ERROR_SUCCESS);
+  EXPECT_EQ(end, 6u);
+  for (const std::uint64_t size : {std::uint64_t{7}, UINT64_MAX}) {
+    EXPECT_EQ(file.CutBehind(size), ERROR_SUCCESS);
+    EXPECT_EQ(Get(m_name), "abcdef");
+  }
+  EXPECT_EQ(file.CutBehind(4), ERROR_SUCCESS);
+  EXPECT_EQ(Get(m_name), "abcd");
+  ASSERT_EQ(file.Open(m_name, File::Access::kRead, File::Disposition::kOpenExisting), ERROR_SUCCESS);
+  EXPECT_NE(file.CutBehind(0), ERROR_SUCCESS);
+  EXPECT_EQ(Get(m_name), "abcd");
 }
 
 TEST_F(Files, ListTheNamesInADirectoryInOrder) {
