@@ -88,6 +88,9 @@ class Store {
   void Join(Handle& handle);
   [[nodiscard]] ErrorCode Commit();
   void Lose(ErrorCode code);
+  // Ahead of each call: SQLite takes a transaction back on its own also where a read of any thread found no memory or
+  // a failing disk. What comes behind would each be a transaction of its own.
+  void NoticeLoss();
   [[nodiscard]] ErrorCode LimitGrowth(std::uint32_t morePages);
   [[nodiscard]] ErrorCode MakeLogRoom();
 

@@ -53,6 +53,12 @@ void Store::Lose(ErrorCode code) {
   EndBatch();
 }
 
+void Store::NoticeLoss() {
+  if (!m_batch || sqlite3_get_autocommit(m_db.get()) == 0) return;
+  const ErrorCode code = CodeFromSqlite(sqlite3_extended_errcode(m_db.get()));
+  Lose(code == ERROR_SUCCESS ? ErrorCode{ERROR_REGISTRY_IO_FAILED} : code);
+}
+
 ErrorCode Store::Commit() {
   if (const int rc = Run(kCommit); rc != SQLITE_DONE) {
     const ErrorCode code = CodeFromSqlite(rc);

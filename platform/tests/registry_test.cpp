@@ -501,6 +501,62 @@ TEST_F(Registry, LosesTheWholeBatchOnAFullDisk) {
   EXPECT_EQ(Make(u"Software\\Next").Close(), 0u);
 }
 
+// SQLite takes a whole transaction back for a read that finds no memory or that the disk fails.
+TEST_F(Registry, LosesTheWholeBatchToAReadThatTakesItBack) {
+  RegistryKey key = Make(u"Software\\Old");
+  ASSERT_EQ(SetValue(key, u"large", REG_BINARY, std::vector<std::byte>(8 << 20)), 0u);
+  ASSERT_EQ(key.Close(), 0u);
+  RegistryKey old;
+  ASSERT_EQ(OpenKey(Hive::kCurrentUser, u"Software\\Old", KEY_ALL_ACCESS, old), 0u);
+  for (const bool fromAnotherThread : {false, true}) {
+    SCOPED_TRACE(fromAnotherThread);
+    key = Make(u"Software\\New");
+    ASSERT_EQ(SetString(key, u"first", u"x"), 0u);
+    RegistryKey second = Make(u"Software\\Second");
+    const auto read = [&] {
+      sqlite3_hard_heap_limit64(sqlite3_memory_used() + (1 << 20));
+      std::uint32_t type = 0;
+      std::vector<std::byte> data;
+      EXPECT_EQ(QueryValueBytes(old, u"large", type, data), ERROR_NOT_ENOUGH_MEMORY);
+      sqlite3_hard_heap_limit64(0);
+    };
+    if (fromAnotherThread) {
+      std::thread(read).join();
+    } else {
+      read();
+    }
+    EXPECT_EQ(SetString(key, u"last", u"y"), ERROR_NOT_ENOUGH_MEMORY);
+    RegistryKey below;
+    EXPECT_EQ(CreateKey(second, u"Below", KEY_WRITE, below), ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(key.Close(), ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(second.Close(), ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(Has(u"Software\\New"), ERROR_FILE_NOT_FOUND);
+    ASSERT_EQ(SetString(old, u"half", u"z"), 0u) << "a batch of its own";
+    ASSERT_EQ(OpenKey(Hive::kCurrentUser, u"Software\\Old", KEY_ALL_ACCESS, second), 0u);
+    EXPECT_EQ(old.Close(), 0u);
+    old = std::move(second);
+    EXPECT_EQ(HasValue(u"Software\\Old", u"half"), 0u);
+  }
+}
+
+// What comes behind such a read doesn't stand alone, whoever writes it.
+TEST_F(Registry, KeepsNothingThatIsWrittenIntoABatchThatAReadTookBack) {
+  RegistryKey key = Make(u"Software\\Old");
+  ASSERT_EQ(SetValue(key, u"large", REG_BINARY, std::vector<std::byte>(8 << 20)), 0u);
+  ASSERT_EQ(key.Close(), 0u);
+  ASSERT_EQ(OpenKey(Hive::kCurrentUser, u"Software\\Old", KEY_ALL_ACCESS, key), 0u);
+  ASSERT_EQ(SetString(key, u"first", u"x"), 0u);
+  sqlite3_hard_heap_limit64(sqlite3_memory_used() + (1 << 20));
+  std::uint32_t type = 0;
+  std::vector<std::byte> data;
+  EXPECT_EQ(QueryValueBytes(key, u"large", type, data), ERROR_NOT_ENOUGH_MEMORY);
+  sqlite3_hard_heap_limit64(0);
+  (void)SetString(key, u"last", u"y");
+  EXPECT_EQ(key.Close(), ERROR_NOT_ENOUGH_MEMORY);
+  EXPECT_EQ(HasValue(u"Software\\Old", u"first"), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(HasValue(u"Software\\Old", u"last"), ERROR_FILE_NOT_FOUND) << "half of a change";
+}
+
 TEST_F(Registry, CommitsTheOpenBatchWhenTheStoreCloses) {
   RegistryKey key = Make(u"Software\\A");
   Reopen();
