@@ -20,7 +20,8 @@
 //   ERROR_BADDB (1009)             no store is open
 //   ERROR_DISK_FULL (112), ERROR_BUSY (170: another process kept the file, or another thread one batch open, for 5
 //   seconds), ERROR_ACCESS_DENIED (5: the file is read-only), ERROR_REGISTRY_CORRUPT (1015),
-//   ERROR_REGISTRY_IO_FAILED (1016), ERROR_NOT_ENOUGH_MEMORY (8)
+//   ERROR_REGISTRY_IO_FAILED (1016; also of a commit when the file or its log was removed or replaced since the store
+//   was opened: nobody would find there what is written), ERROR_NOT_ENOUGH_MEMORY (8)
 // Outputs stay untouched on failure unless told otherwise.
 // Threads: any function on any; one lock is held per call, never between calls. A RegistryKey is one's at a time.
 //

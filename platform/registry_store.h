@@ -3,6 +3,8 @@
 // For the files of the store alone. Threads: every member is called under the store's lock (registry_call.h).
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -104,10 +106,20 @@ class Store {
                                             bool withChildren, Place& out);
   [[nodiscard]] ErrorCode FailedWrite(ErrorCode code);
   void EndBatch();
+  void NoteFiles();
+  // Whether a start would find the files that this store writes into: neither removed nor replaced since it was opened.
+  [[nodiscard]] bool AreFilesInPlace() const;
   [[nodiscard]] int Run(Sql sql) { return Use(m_sql[sql]).Step(); }
 
   std::uint64_t m_number = 0;
   std::string m_path;
+  // The file and its log, as the kernel knows them.
+  struct NamedFile {
+    std::string name;
+    dev_t device = 0;
+    ino_t number = 0;
+  };
+  std::array<NamedFile, 2> m_files;
   Connection m_db;
   std::array<Prepared, kSqlCount> m_sql;
   std::shared_ptr<Batch> m_batch;

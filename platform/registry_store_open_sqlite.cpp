@@ -108,10 +108,34 @@ ErrorCode Store::Open(const std::string& path, std::string& why) {
     if (result != SQLITE_OK) return fail(CodeFromSqlite(result));
   }
   sqlite3_db_config(m_db.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
+  NoteFiles();
   static std::atomic<std::uint64_t> lastNumber{0};
   m_number = ++lastNumber;
   m_path = PlainPath(path);
   return ERROR_SUCCESS;
+}
+
+// By now the log is there: SQLite makes it with the first look into the tables.
+void Store::NoteFiles() {
+  const std::string name = sqlite3_db_filename(m_db.get(), "main");  // absolute, links followed
+  m_files = {NamedFile{name}, NamedFile{name + "-wal"}};
+  for (NamedFile& file : m_files) {
+    struct stat status {};
+    if (::stat(file.name.c_str(), &status) == 0) {
+      file.device = status.st_dev;
+      file.number = status.st_ino;
+    }
+  }
+}
+
+bool Store::AreFilesInPlace() const {
+  for (const NamedFile& file : m_files) {
+    struct stat status {};
+    if (::stat(file.name.c_str(), &status) != 0 || status.st_dev != file.device || status.st_ino != file.number) {
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace platform::registry

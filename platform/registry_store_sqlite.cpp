@@ -60,6 +60,10 @@ void Store::NoticeLoss() {
 }
 
 ErrorCode Store::Commit() {
+  if (!AreFilesInPlace()) {
+    Lose(ERROR_REGISTRY_IO_FAILED);
+    return ERROR_REGISTRY_IO_FAILED;
+  }
   if (const int rc = Run(kCommit); rc != SQLITE_DONE) {
     const ErrorCode code = CodeFromSqlite(rc);
     Lose(code);

@@ -557,6 +557,54 @@ TEST_F(Registry, KeepsNothingThatIsWrittenIntoABatchThatAReadTookBack) {
   EXPECT_EQ(HasValue(u"Software\\Old", u"last"), ERROR_FILE_NOT_FOUND) << "half of a change";
 }
 
+// A commit into files that no start finds again would be lost with the process, whoever was told that it is safe.
+TEST_F(Registry, CommitsNothingIntoFilesThatAreGone) {
+  const std::string kept = m_path + ".kept";
+  const std::string log = m_path + "-wal";
+  const auto restore = [&](const std::string& name) { std::filesystem::rename(kept, name); };
+  struct Case {
+    int line;
+    const std::string& name;
+    bool comesAnother;
+  };
+  const Case cases[] = {
+      {__LINE__, m_path, false}, {__LINE__, m_path, true}, {__LINE__, log, false}, {__LINE__, log, true}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.line);
+    RegistryKey key = Make(u"Software\\Kept");
+    ASSERT_EQ(key.Close(), 0u);
+    key = Make(u"Software\\Lost");
+    RegistryKey other;
+    ASSERT_EQ(OpenKey(Hive::kCurrentUser, u"Software", KEY_ALL_ACCESS, other), 0u);
+    std::filesystem::rename(c.name, kept);
+    if (c.comesAnother) std::filesystem::copy_file(kept, c.name);
+    EXPECT_EQ(key.Close(), ERROR_REGISTRY_IO_FAILED);
+    EXPECT_EQ(Has(u"Software\\Lost"), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(SetDword(other, u"v", 1), 0u);
+    EXPECT_EQ(other.Close(), ERROR_REGISTRY_IO_FAILED) << "the next one too";
+    EXPECT_EQ(DeleteTree(Hive::kCurrentUser, u"Software\\Kept"), ERROR_REGISTRY_IO_FAILED);
+    restore(c.name);
+    EXPECT_EQ(Has(u"Software\\Kept"), 0u);
+    key = Make(u"Software\\Behind");
+    EXPECT_EQ(key.Close(), 0u) << "they are back";
+    Reopen();
+    EXPECT_EQ(Has(u"Software\\Behind"), 0u);
+    EXPECT_EQ(DeleteTree(Hive::kCurrentUser, u"Software\\Behind"), 0u);
+  }
+}
+
+TEST_F(Registry, CommitsIntoAFileThatALinkLeadsTo) {
+  ASSERT_EQ(CloseRegistryStore(), 0u);
+  std::filesystem::create_directory(m_folder / "there");
+  std::filesystem::rename(m_path, m_folder / "there" / "store");
+  std::filesystem::create_symlink("there/store", m_path);
+  ASSERT_EQ(OpenRegistryStore(m_path), 0u);
+  RegistryKey key = Make(u"Software\\A");
+  EXPECT_EQ(key.Close(), 0u);
+  Reopen();
+  EXPECT_EQ(Has(u"Software\\A"), 0u);
+}
+
 TEST_F(Registry, CommitsTheOpenBatchWhenTheStoreCloses) {
   RegistryKey key = Make(u"Software\\A");
   Reopen();
