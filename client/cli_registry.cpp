@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <span>
@@ -13,6 +14,7 @@
 
 #include "client/cli_key_store.h"
 #include "platform/registry.h"
+#include "platform/registry_sub_keys.h"
 #include "platform/text.h"
 
 namespace qx {
@@ -34,6 +36,7 @@ constexpr TypeRow kTypes[] = {
     {platform::REG_BINARY, "REG_BINARY"},
 };
 constexpr std::string_view kTypeNames = "REG_SZ, REG_EXPAND_SZ, REG_MULTI_SZ, REG_DWORD or REG_BINARY";
+constexpr std::size_t kAllKeys = std::numeric_limits<std::int64_t>::max();
 constexpr std::string_view kRootNames = "HKLM, HKCR, HKCU, HKU or HKCC";
 
 constexpr bool IsText(std::uint32_t type) {
@@ -296,23 +299,20 @@ void PrintPlain(const nlohmann::ordered_json& listing, std::ostream& out) {
   }
 }
 
-// 0, or the code that isn't the end of the list.
+// The keys as they are at one moment, and the values likewise: the service may write meanwhile.
 ErrorCode Collect(const RegistryKey& key, nlohmann::ordered_json& listing) {
   listing["keys"] = nlohmann::ordered_json::array();
   listing["values"] = nlohmann::ordered_json::array();
-  std::u16string name;
-  ErrorCode code = platform::ERROR_SUCCESS;
-  bool isWhole = true;
-  for (std::uint32_t i = 0; (code = platform::EnumKey(key, i, name)) == platform::ERROR_SUCCESS; ++i) {
-    listing["keys"].push_back(ToUtf8(name, isWhole));
+  ErrorCode code = platform::ReadSubKeys(key, u"", kAllKeys, {}, [&](const platform::SubKeyValues& subKey) {
+    bool isWhole = true;
+    listing["keys"].push_back(ToUtf8(subKey.Name(), isWhole));
+  });
+  std::vector<platform::RegistryValue> values;
+  if (code == platform::ERROR_SUCCESS) code = platform::ReadRegistryValues(key, values);
+  for (const platform::RegistryValue& value : values) {
+    listing["values"].push_back(ShowValue(value.name, value.type, value.data));
   }
-  if (code != platform::ERROR_NO_MORE_ITEMS) return code;
-  std::uint32_t type = 0;
-  Bytes data;
-  for (std::uint32_t i = 0; (code = platform::EnumValue(key, i, name, type, data)) == platform::ERROR_SUCCESS; ++i) {
-    listing["values"].push_back(ShowValue(name, type, data));
-  }
-  return code == platform::ERROR_NO_MORE_ITEMS ? platform::ERROR_SUCCESS : code;
+  return code;
 }
 
 }  // namespace

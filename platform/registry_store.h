@@ -50,6 +50,7 @@ enum Sql : std::size_t {
   kValueAt,
   kSubKeys,
   kValues,
+  kNamedValues,
   kSqlCount
 };
 
@@ -86,6 +87,7 @@ class Store {
                                        std::span<const std::byte> data)>;
   [[nodiscard]] ErrorCode SubKeys(Place place, std::u16string_view after, std::size_t most, const ValueSeen& value,
                                   const SubKeySeen& subKey);
+  [[nodiscard]] ErrorCode Values(Place place, std::vector<Item>& out);
 
   void Join(Handle& handle);
   [[nodiscard]] ErrorCode Commit();

@@ -39,6 +39,7 @@ constexpr const char* kSqlText[] = {
     "SELECT name, fold, type, data FROM vals WHERE key=? ORDER BY fold LIMIT 1 OFFSET ?",
     "SELECT id, name FROM keys WHERE parent=? AND fold>? ORDER BY fold LIMIT ?",
     "SELECT fold, type, data FROM vals WHERE key=?",
+    "SELECT name, type, data FROM vals WHERE key=? ORDER BY fold",
 };
 static_assert(std::size(kSqlText) == kSqlCount);
 

@@ -387,6 +387,20 @@ ErrorCode Store::SubKeys(Place place, std::u16string_view after, std::size_t mos
   return any ? ErrorCode{ERROR_SUCCESS} : Exists(place);
 }
 
+ErrorCode Store::Values(Place place, std::vector<Item>& out) {
+  {
+    Use values(m_sql[kNamedValues]);
+    values.Arg(place.id);
+    int rc = SQLITE_OK;
+    while ((rc = values.Step()) == SQLITE_ROW) {
+      const auto data = values.Blob(2);
+      out.push_back({values.Name(0), static_cast<std::uint32_t>(values.Int(1)), {data.begin(), data.end()}});
+    }
+    if (rc != SQLITE_DONE) return CodeFromSqlite(rc);
+  }
+  return out.empty() ? Exists(place) : ErrorCode{ERROR_SUCCESS};
+}
+
 ErrorCode Store::LimitGrowth(std::uint32_t morePages) {
   std::int64_t pages = 0;
   if (const int rc = QueryInt(m_db.get(), "PRAGMA page_count", pages); rc != SQLITE_OK) return CodeFromSqlite(rc);

@@ -102,4 +102,19 @@ ErrorCode ReadSubKeys(const RegistryKey& key, std::u16string_view after, std::si
       [&](std::u16string name, ErrorCode failure) { reading.Tell(std::move(name), failure, seen); });
 }
 
+ErrorCode ReadRegistryValues(const RegistryKey& key, std::vector<RegistryValue>& values) {
+  const Handle* named = Handle::Of(key);
+  const ErrorCode fault =
+      AskFault(Operation::kRegEnumValue, named != nullptr ? std::u16string_view(named->name) : u"");
+  if (fault != ERROR_SUCCESS) return fault;
+  const MutexLock guard(g_lock);
+  Handle* handle = nullptr;
+  if (const ErrorCode code = EnterToRead(key, KEY_QUERY_VALUE, handle); code != ERROR_SUCCESS) return code;
+  std::vector<registry::Item> items;
+  if (const ErrorCode code = g_store->Values(handle->place, items); code != ERROR_SUCCESS) return code;
+  values.clear();
+  for (registry::Item& item : items) values.push_back({std::move(item.name), item.type, std::move(item.data)});
+  return ERROR_SUCCESS;
+}
+
 }  // namespace platform

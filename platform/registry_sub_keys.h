@@ -1,4 +1,5 @@
-// platform/registry_sub_keys.h: many sub keys of a key with some of their values in one look at the store, for lists.
+// platform/registry_sub_keys.h: many sub keys of a key with some of their values, or all values of a key, in one look
+// at the store, for lists.
 //
 // Failures as told in registry.h. Threads: any; the store's one lock is held for the whole of a look.
 #pragma once
@@ -59,5 +60,17 @@ class SubKeyValues {
 [[nodiscard]] ErrorCode ReadSubKeys(const RegistryKey& key, std::u16string_view after, std::size_t most,
                                     std::span<const std::u16string_view> names,
                                     const std::function<void(const SubKeyValues&)>& seen);
+
+// A value as it is stored.
+struct RegistryValue {
+  std::u16string name;
+  std::uint32_t type = 0;
+  std::vector<std::byte> data;
+};
+
+// Reads all values of a key, in order of names, as they are at one moment.
+//   values   gets them in the place of what it held
+//   returns  0, also when there are none; ERROR_ACCESS_DENIED (5) without KEY_QUERY_VALUE
+[[nodiscard]] ErrorCode ReadRegistryValues(const RegistryKey& key, std::vector<RegistryValue>& values);
 
 }  // namespace platform

@@ -2,11 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <span>
 #include <sstream>
 #include <string>
@@ -77,6 +79,40 @@ TEST_F(RegCommand, ListsKeysAsBareNamesAndValuesWithTheirTypes) {
             "{\"keys\":[\"Sub\"],\"values\":[{\"name\":\"Number\",\"type\":\"REG_DWORD\",\"data\":16},"
             "{\"name\":\"Text\",\"type\":\"REG_SZ\",\"data\":\"caf\xC3\xA9\"}]}\n");
   EXPECT_EQ(m_err.str(), "");
+}
+
+// The service may delete a schedule's key while the keys are listed, and set values.
+TEST_F(RegCommand, ListsWhatStaysWhileAnotherProcessDeletes) {
+  const std::string database = m_folder / "registry.db";
+  for (const platform::Operation when : {platform::Operation::kRegEnumKey, platform::Operation::kRegEnumValue}) {
+    for (const char* name : {"A", "B", "C", "D"}) {
+      ASSERT_EQ(Set("HKCU\\Software\\List\\" + std::string(name), "", "x"), 0);
+      ASSERT_EQ(Set("HKCU\\Software\\List", name, "x"), 0);
+    }
+    int asked = 0;
+    const platform::FaultPlan plan =
+        platform::FaultPlan::Ask([&](int, platform::Operation operation, std::string_view) {
+          if (operation == when && ++asked == 2) {
+            sqlite3* db = nullptr;
+            EXPECT_EQ(sqlite3_open(database.c_str(), &db), SQLITE_OK);
+            EXPECT_EQ(sqlite3_exec(db, "DELETE FROM keys WHERE fold=x'0041'; DELETE FROM vals WHERE fold=x'0041'",
+                                   nullptr, nullptr, nullptr),
+                      SQLITE_OK);
+            sqlite3_close(db);
+          }
+          return platform::ErrorCode{platform::ERROR_SUCCESS};
+        });
+    ASSERT_EQ(List("HKCU\\Software\\List"), 0);
+    const json listing = json::parse(m_out.str());
+    std::set<std::string> keys;
+    for (const json& key : listing["keys"]) keys.insert(key);
+    std::set<std::string> values;
+    for (const json& value : listing["values"]) values.insert(value["name"]);
+    for (const char* name : {"B", "C", "D"}) {
+      EXPECT_TRUE(keys.contains(name)) << name;
+      EXPECT_TRUE(values.contains(name)) << name;
+    }
+  }
 }
 
 TEST_F(RegCommand, ReachesTheClassesRootTheSameWay) {

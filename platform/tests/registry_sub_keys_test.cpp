@@ -99,6 +99,36 @@ TEST_F(RegistrySubKeys, SubKeysOfADeletedKeyOrWithoutTheRightAreRefused) {
   EXPECT_EQ(read(other), 4711u);
 }
 
+TEST_F(RegistrySubKeys, AllValuesOfAKeyComeInOrderOfNames) {
+  const RegistryKey key = Make(u"Software\\Values");
+  std::vector<RegistryValue> values(1);
+  EXPECT_EQ(ReadRegistryValues(key, values), 0u);
+  EXPECT_TRUE(values.empty());
+  for (const char16_t* name : {u"b", u"C", u"", u"a"}) ASSERT_EQ(SetString(key, name, name), 0u);
+  ASSERT_EQ(SetRawValue(key, u"empty", REG_BINARY, {}), 0u);
+  ASSERT_EQ(ReadRegistryValues(key, values), 0u);
+  std::vector<std::u16string> names;
+  for (const RegistryValue& value : values) names.push_back(value.name);
+  EXPECT_THAT(names, ElementsAre(u"", u"a", u"b", u"C", u"empty"));
+  for (const RegistryValue& value : values) {
+    std::uint32_t type = 0;
+    std::vector<std::byte> data;
+    EXPECT_EQ(QueryValueBytes(key, value.name, type, data), 0u);
+    EXPECT_EQ(value.type, type);
+    EXPECT_EQ(value.data, data);
+  }
+  RegistryKey writing;
+  ASSERT_EQ(OpenKey(key, u"", KEY_WRITE, writing), 0u);
+  EXPECT_EQ(ReadRegistryValues(writing, values), ERROR_ACCESS_DENIED);
+  {
+    const FaultPlan plan = FaultPlan::FailCall(Operation::kRegEnumValue, 1, 4711);
+    EXPECT_EQ(ReadRegistryValues(key, values), 4711u);
+  }
+  EXPECT_EQ(values.size(), 5u) << "left as they were";
+  ASSERT_EQ(DeleteKey(Hive::kCurrentUser, u"Software\\Values"), 0u);
+  EXPECT_EQ(ReadRegistryValues(key, values), ERROR_KEY_DELETED);
+}
+
 TEST_F(RegistrySubKeys, TheStampChangesWithEveryWriteOfAnybody) {
   const RegistryKey key = Make(u"Software\\A");
   RegistryStamp last;
