@@ -170,7 +170,7 @@ class AnonymousSid {
 //   why      when it is refused: a sentence
 //   returns  0; ERROR_FILE_NOT_FOUND (2): there is none; ERROR_ACCESS_DENIED (5): it isn't a file of this account's
 //            alone: owned by another one, readable or writable by others, or out of this account's sight. It isn't used
-//            then
+//            for as long as that is so; one that is no regular file isn't until the next call
 [[nodiscard]] ErrorCode UseCredentialsFile(const std::string& standard, std::string& file, std::string& why);
 
 // Writes a new credentials file with a random secret, of the account `domain`\`user`, mode 0600.

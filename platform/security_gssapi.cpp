@@ -622,13 +622,13 @@ ErrorCode UseCredentialsFile(const std::string& standard, std::string& file, std
     SetForThisProcess(kUserFileVariable, file);  // one that is made later counts at once
     return rc;
   }
-  if (const std::string reason = ReasonToRefuse(info); !reason.empty()) {
-    why = file + " " + reason;
-    SetForThisProcess(kUserFileVariable, kNoFile);
-    return ERROR_ACCESS_DENIED;
-  }
-  SetForThisProcess(kUserFileVariable, file);
-  return ERROR_SUCCESS;
+  // A refused one, too: Acquire() refuses it for as long as it is so, and takes it once it is this account's alone. But
+  // no pipe: whoever opened it would wait.
+  SetForThisProcess(kUserFileVariable, S_ISREG(info.st_mode) ? file : kNoFile);
+  const std::string reason = ReasonToRefuse(info);
+  if (reason.empty()) return ERROR_SUCCESS;
+  why = file + " " + reason;
+  return ERROR_ACCESS_DENIED;
 }
 
 ErrorCode MakeCredentialsFile(const std::string& file, std::string_view domain, std::string_view user) {

@@ -378,7 +378,7 @@ TEST_F(Security, TheNameOfTheCredentialsFileIsNoJobsBusinessUnlessTheServiceWasG
   EXPECT_EQ(InAChild(m_folder, "NTLM_USER_FILE"), given);
   ASSERT_EQ(chmod(given.c_str(), 0644), 0);
   ASSERT_EQ(UseCredentialsFile("", file, why), ERROR_ACCESS_DENIED);
-  EXPECT_STREQ(getenv("NTLM_USER_FILE"), "/dev/null");
+  EXPECT_STREQ(getenv("NTLM_USER_FILE"), given.c_str());
   EXPECT_EQ(InAChild(m_folder, "NTLM_USER_FILE"), given);
 }
 
@@ -472,6 +472,7 @@ TEST_F(Security, ACredentialsFileThatOthersMayReadIsRefused) {
   unsetenv("NTLM_USER_FILE");
   EXPECT_EQ(UseCredentialsFile(m_folder, file, why), ERROR_ACCESS_DENIED);
   EXPECT_EQ(why, m_folder + " is not a regular file");
+  EXPECT_STREQ(getenv("NTLM_USER_FILE"), "/dev/null");
   unsetenv("NTLM_USER_FILE");
   EXPECT_EQ(UseCredentialsFile(m_folder + "/none", file, why), ERROR_FILE_NOT_FOUND);
   {
@@ -485,6 +486,28 @@ TEST_F(Security, ACredentialsFileThatOthersMayReadIsRefused) {
   setenv("NTLM_USER_FILE", m_file.c_str(), 1);
   EXPECT_EQ(UseCredentialsFile("", file, why), ERROR_ACCESS_DENIED);
   EXPECT_EQ(why, m_file + " belongs to another account (user 65534)");
+}
+
+TEST_F(Security, ACredentialsFileThatWasRefusedCountsOnceItIsOfThisAccountAlone) {
+  const std::u16string why = WideFromUtf8(m_file + " can be read or written by others (its mode must be 0600)");
+  unsetenv("NTLM_USER_FILE");
+  std::string file, reason;
+  ASSERT_EQ(chmod(m_file.c_str(), 0644), 0);
+  ASSERT_EQ(UseCredentialsFile(m_file, file, reason), ERROR_ACCESS_DENIED);
+  Side refused, late;
+  EXPECT_EQ(SecurityCredentials::Acquire(CredentialsUse::kOutbound, 1, refused.credentials), SEC_E_NO_CREDENTIALS);
+  EXPECT_NE(LastSecurityErrorText().find(why), std::u16string::npos) << Utf8FromWide(LastSecurityErrorText());
+  ASSERT_EQ(SecurityCredentials::Acquire(CredentialsUse::kInbound, 1, late.credentials), SEC_E_OK);
+  ASSERT_EQ(chmod(m_file.c_str(), 0600), 0);
+  Side initiator, acceptor;
+  Acquire(initiator, acceptor);
+  // Whoever was served with the file refused is served without its secrets to the end.
+  Exchange(initiator, late);
+  EXPECT_TRUE(SecurityFailed(late.status)) << std::hex << late.status;
+  Side first, second;
+  Acquire(first, second);
+  Exchange(first, second);
+  EXPECT_EQ(second.status, SEC_E_OK) << Utf8FromWide(LastSecurityErrorText());
 }
 
 TEST_F(Security, ACredentialsFileThatIsOpenedToOthersLaterIsNotUsedEither) {

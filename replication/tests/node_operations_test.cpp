@@ -531,7 +531,7 @@ TEST_F(NodeOperations, TheChannelIsTheWayOfTheServicesObject) {
   EXPECT_EQ(m_service.PerformOperationOnNodes(u"x", 1, {u"localhost"}, m_results), kStatusNotSupported);
 }
 
-TEST_F(NodeOperations, TheChannelRefusesACredentialsFileThatOthersMayRead) {
+TEST_F(NodeOperations, TheChannelRefusesACredentialsFileForAsLongAsOthersMayReadIt) {
   ASSERT_EQ(chmod(m_credentialsFile.c_str(), 0644), 0);
   unsetenv("NTLM_USER_FILE");
   CNodeChannel channel;
@@ -541,9 +541,12 @@ TEST_F(NodeOperations, TheChannelRefusesACredentialsFileThatOthersMayRead) {
                                " can be read or written by others (its mode must be 0600)"));
   EXPECT_EQ(Run(Which::kDelete, {u"localhost", u"127.0.0.2"}), 1u);
   EXPECT_TRUE(m_log.Has(1, "DeleteScheduleOnNodes: AcquireCredentialsHandle failed. Error 0x8009030e."));
-  EXPECT_TRUE(m_log.Has(1,
-                        "AcquireCredHandle: no credentials file and no keytab: NTLM_USER_FILE is /dev/null, "
-                        "KRB5_CLIENT_KTNAME is not set"));
+  EXPECT_TRUE(m_log.Has(1, "AcquireCredHandle: the security package says: " + m_credentialsFile +
+                               " can be read or written by others (its mode must be 0600)"));
+  EXPECT_TRUE(m_log.Has(1, "AcquireCredHandle: no credentials file and no keytab: NTLM_USER_FILE is " +
+                               m_credentialsFile + ", KRB5_CLIENT_KTNAME is not set"));
+  ASSERT_EQ(chmod(m_credentialsFile.c_str(), 0600), 0);
+  EXPECT_EQ(Run(Which::kDelete, {u"localhost", u"127.0.0.2"}), 0u);
 }
 
 }  // namespace
