@@ -326,7 +326,11 @@ void CServiceModule::Run() {
                                   platform::IsTerminal(platform::StandardStream::kError));
   StartBus();
   WriteEvent(kEventStarted);
-  if (m_runsAsService) Report(ServiceState::kRunning, "running");
+  if (m_runsAsService) {
+    // The bus may have been waited for, and a stop may have come meanwhile: no state follows on that but the last.
+    const platform::MutexLock hold(m_stopLock);
+    if (!m_stopWanted) Report(ServiceState::kRunning, "running");
+  }
   // Deliberate: the level of the log isn't known yet, so that the line is never written.
   ServiceLog(1, u"Service is starting");
   if (m_runsAsService) m_loop.SetSleepNotice([this](std::int64_t window) { TellSleep(window); });

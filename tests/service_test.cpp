@@ -251,6 +251,41 @@ class Manager {
   int m_socket;
 };
 
+// A bus whose daemon admits nobody.
+class SilentBus {
+ public:
+  explicit SilentBus(const std::string& path)
+      : m_path(path), m_listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(m_listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(m_listener, 1), 0);
+  }
+  SilentBus(const SilentBus&) = delete;
+  SilentBus& operator=(const SilentBus&) = delete;
+  ~SilentBus() { HangUp(); }
+  [[nodiscard]] std::string Address() const { return "unix:path=" + m_path; }
+  bool TakeCaller() {
+    pollfd called = {m_listener, POLLIN, 0};
+    if (poll(&called, 1, static_cast<int>(kPatience)) != 1) return false;
+    m_caller = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
+    return m_caller >= 0;
+  }
+  // From now on it is no bus any more.
+  void HangUp() {
+    for (int* const descriptor : {&m_listener, &m_caller}) {
+      if (*descriptor >= 0) close(*descriptor);
+      *descriptor = -1;
+    }
+  }
+
+ private:
+  std::string m_path;
+  int m_listener;
+  int m_caller = -1;
+};
+
 TEST_F(Service, UnderAManagerItTellsItsStatesAndStays) {
   ASSERT_NO_FATAL_FAILURE(service.Register("-Service"));
   const std::string path = service.Jobs() + "/notify";
@@ -333,6 +368,22 @@ TEST_F(Service, TheStopControlDuringTheStartEndsItInOrder) {
   EXPECT_EQ(process, 0u);
   ASSERT_EQ(key.Close(), ERROR_SUCCESS);
   ASSERT_EQ(platform::CloseRegistryStore(), ERROR_SUCCESS);
+}
+
+TEST_F(Service, TheStopControlDuringAWaitForTheBusIsItsLastStateButTheEnd) {
+  ASSERT_NO_FATAL_FAILURE(service.Register("-Service"));
+  const std::string path = service.Jobs() + "/notify";
+  Manager manager(path);
+  service.AddVariable("NOTIFY_SOCKET=" + path);
+  SilentBus bus(service.Jobs() + "/bus");
+  service.Launch({"--bus", bus.Address()});
+  EXPECT_EQ(manager.Next(), "STATUS=starting");
+  ASSERT_TRUE(bus.TakeCaller());
+  service.Process().Signal(SIGTERM);
+  EXPECT_EQ(manager.Next(), "STOPPING=1\nSTATUS=stopping");
+  bus.HangUp();
+  EXPECT_EQ(service.Process().Wait(), 0) << service.Output();
+  EXPECT_EQ(manager.Next(), "STATUS=stopped");
 }
 
 struct PortCase {
