@@ -21,7 +21,7 @@ std::function<void()> g_turnListener QX_GUARDED_BY(g_lock);
 
 ErrorCode AwaitTurn(MutexLock& guard) {
   while (g_store) {
-    g_store->NoticeLoss();
+    if (const ErrorCode code = g_store->Settle(); code != ERROR_SUCCESS) return code;
     const std::shared_ptr<Batch> batch = g_store->OpenBatch();
     if (!batch || batch->thread == std::this_thread::get_id()) break;
     if (g_turnListener) g_turnListener();
@@ -37,7 +37,7 @@ ErrorCode Enter(const RegistryKey& key, Handle*& out) {
   Handle* handle = Handle::Of(key);
   if (handle == nullptr) return ERROR_INVALID_HANDLE;
   if (!g_store) return ERROR_BADDB;
-  g_store->NoticeLoss();
+  if (const ErrorCode code = g_store->Settle(); code != ERROR_SUCCESS) return code;
   if (handle->storeNumber != g_store->Number()) return ERROR_INVALID_HANDLE;
   // Its number may have been given to another key since.
   if (handle->seen && handle->seen->isLost && handle->place.id > handle->seen->lastIdBefore) return ERROR_KEY_DELETED;
@@ -59,7 +59,7 @@ ErrorCode EnterToWrite(const RegistryKey& key, std::uint32_t right, Handle*& out
 
 ErrorCode EnterRoot(Hive hive, Handle& out) {
   if (!g_store) return ERROR_BADDB;
-  g_store->NoticeLoss();
+  if (const ErrorCode code = g_store->Settle(); code != ERROR_SUCCESS) return code;
   const Root* root = FindRoot(hive);
   if (root == nullptr) return ERROR_INVALID_HANDLE;
   out.storeNumber = g_store->Number();

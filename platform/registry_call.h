@@ -24,7 +24,7 @@ extern std::unique_ptr<Store> g_store QX_GUARDED_BY(g_lock);
 [[nodiscard]] ErrorCode EnterToRead(const RegistryKey& key, std::uint32_t right, Handle*& out) QX_REQUIRES(g_lock);
 // Ahead of each call that writes: waits while another thread's batch is open, or a commit here would keep what is half
 // written there. Lets go of the lock meanwhile: handles and the store itself are looked at behind it.
-//   returns  ERROR_BUSY (170): one batch stayed open for the longest turn (registry_hook.h)
+//   returns  ERROR_BUSY (170): one batch stayed open for the longest turn (registry_hook.h); as Store::Settle()
 [[nodiscard]] ErrorCode AwaitTurn(MutexLock& guard) QX_REQUIRES(g_lock);
 // A handle whose batch was lost writes no more: what came after would stand without what came before.
 [[nodiscard]] ErrorCode EnterToWrite(const RegistryKey& key, std::uint32_t right, Handle*& out) QX_REQUIRES(g_lock);

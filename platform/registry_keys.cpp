@@ -115,7 +115,7 @@ ErrorCode RegistryKey::Close() {
   if (!state) return ERROR_INVALID_HANDLE;
   const ErrorCode fault = AskFault(Operation::kRegCloseKey, state->name);
   const MutexLock guard(g_lock);
-  if (g_store) g_store->NoticeLoss();
+  if (g_store) (void)g_store->Settle();
   const std::shared_ptr<Batch>& wrote = state->wrote;
   if (wrote && wrote->isLost) return wrote->code;
   if (!g_store || state->storeNumber != g_store->Number()) return ERROR_INVALID_HANDLE;

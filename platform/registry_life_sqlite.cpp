@@ -55,7 +55,7 @@ ErrorCode CloseRegistryStore() {
   if (!g_store) return ERROR_BADDB;
   if (code == ERROR_SUCCESS) {
     code = g_store->Shut();
-  } else {
+  } else if (g_store->OpenBatch()) {
     g_store->Lose(code);
   }
   g_store.reset();

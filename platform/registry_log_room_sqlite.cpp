@@ -28,6 +28,7 @@ int FillUpTo(sqlite3_file* file, sqlite3_int64 end) {
 // Whoever reads the log takes zeros for its end. They are written under the lock of writers: a frame of another process
 // must not come to lie where they go.
 ErrorCode Store::MakeLogRoom() {
+  if (const ErrorCode code = Settle(); code != ERROR_SUCCESS) return code;
   if (m_batch) return ERROR_BUSY;
   if (const int rc = Run(kBegin); rc != SQLITE_DONE) return CodeFromSqlite(rc);
   sqlite3_file* log = nullptr;

@@ -92,9 +92,11 @@ class Store {
   void Join(Handle& handle);
   [[nodiscard]] ErrorCode Commit();
   void Lose(ErrorCode code);
-  // Ahead of each call: SQLite takes a transaction back on its own also where a read of any thread found no memory or
-  // a failing disk. What comes behind would each be a transaction of its own.
-  void NoticeLoss();
+  // Ahead of each call. SQLite takes a transaction back on its own also where a read of any thread found no memory or a
+  // failing disk: what comes behind would each be a transaction of its own. And where memory ran out it may not have
+  // been there to take one back either: that would keep every writer out for good.
+  //   returns  why a lost batch still can't be taken back: until then nothing may be read or written
+  [[nodiscard]] ErrorCode Settle();
   [[nodiscard]] ErrorCode LimitGrowth(std::uint32_t morePages);
   [[nodiscard]] ErrorCode MakeLogRoom();
 
@@ -107,6 +109,7 @@ class Store {
   [[nodiscard]] ErrorCode LocateForDeletion(Place from, std::span<const std::u16string_view> elements,
                                             bool withChildren, Place& out);
   [[nodiscard]] ErrorCode FailedWrite(ErrorCode code);
+  [[nodiscard]] ErrorCode FailedPath(ErrorCode code);
   void EndBatch();
   void NoteFiles();
   // Whether a start would find the files that this store writes into: neither removed nor replaced since it was opened.

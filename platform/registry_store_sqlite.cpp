@@ -36,13 +36,17 @@ void Store::Join(Handle& handle) {
 // The disk may have taken the whole transaction back on its own.
 ErrorCode Store::FailedWrite(ErrorCode code) {
   if (!m_batch) return code;
-  if (sqlite3_get_autocommit(m_db.get()) != 0) {
-    Lose(code);
-  } else if (m_batch->writers == 0) {
-    (void)Run(kRollback);
+  if (sqlite3_get_autocommit(m_db.get()) != 0 || m_batch->writers == 0) Lose(code);
+  return code;
+}
+
+// Keys of a path that were made already go; the batch goes with them where they don't.
+ErrorCode Store::FailedPath(ErrorCode code) {
+  if (sqlite3_get_autocommit(m_db.get()) == 0 &&
+      Execute(m_db.get(), "ROLLBACK TO path; RELEASE path") != SQLITE_OK) {
     Lose(code);
   }
-  return code;
+  return FailedWrite(code);
 }
 
 void Store::Lose(ErrorCode code) {
@@ -53,10 +57,16 @@ void Store::Lose(ErrorCode code) {
   EndBatch();
 }
 
-void Store::NoticeLoss() {
-  if (!m_batch || sqlite3_get_autocommit(m_db.get()) == 0) return;
+ErrorCode Store::Settle() {
+  const bool isOpen = sqlite3_get_autocommit(m_db.get()) == 0;
+  if (isOpen && !m_batch) {
+    const int rc = Run(kRollback);
+    return rc == SQLITE_DONE ? ErrorCode{ERROR_SUCCESS} : CodeFromSqlite(rc);
+  }
+  if (isOpen || !m_batch) return ERROR_SUCCESS;
   const ErrorCode code = CodeFromSqlite(sqlite3_extended_errcode(m_db.get()));
   Lose(code == ERROR_SUCCESS ? ErrorCode{ERROR_REGISTRY_IO_FAILED} : code);
+  return ERROR_SUCCESS;
 }
 
 ErrorCode Store::Commit() {
@@ -163,15 +173,12 @@ ErrorCode Store::Create(Place from, std::span<const std::u16string_view> element
   for (const std::u16string_view element : elements.subspan(present)) {
     std::int64_t id = 0;
     if (code = InsertChild(out.id, element, id); code != ERROR_SUCCESS) {
-      if (several && sqlite3_get_autocommit(m_db.get()) == 0) {
-        (void)Execute(m_db.get(), "ROLLBACK TO path; RELEASE path");
-      }
-      return FailedWrite(code);
+      return several ? FailedPath(code) : FailedWrite(code);
     }
     out = {id, out.depth + 1};
   }
   if (several) {
-    if (const int rc = Execute(m_db.get(), "RELEASE path"); rc != SQLITE_OK) return FailedWrite(CodeFromSqlite(rc));
+    if (const int rc = Execute(m_db.get(), "RELEASE path"); rc != SQLITE_OK) return FailedPath(CodeFromSqlite(rc));
   }
   created = true;
   return ERROR_SUCCESS;
