@@ -80,6 +80,7 @@ struct detail::ProfileBatchState {
   ProfileText text;
   std::vector<Edit> edits;
   bool changed = false;
+  bool isUnsafe = false;  // a commit failed: the text may be in place, but not yet safe from a power cut
   bool isPrepared = false;
   std::string preparedBytes;
   ErrorCode preparedResult = ERROR_SUCCESS;
@@ -157,11 +158,12 @@ struct detail::ProfileBatchState {
     if (edits.empty()) return ERROR_SUCCESS;
     const MutexLock lock(g_writers);
     if (const ErrorCode rc = CatchUp(); rc != ERROR_SUCCESS) return rc;
-    if (changed) {
+    if (changed || isUnsafe) {
       std::string bytes = isPrepared ? std::move(preparedBytes) : Text().Serialize();
       const ErrorCode rc = Replace(bytes);
       DropPrepared();
-      if (rc != ERROR_SUCCESS) return rc;
+      isUnsafe = rc != ERROR_SUCCESS;
+      if (isUnsafe) return rc;
       original = {std::move(bytes), true};
       isParsed = false;
       readResult = ERROR_SUCCESS;

@@ -423,6 +423,25 @@ TEST_F(ProfileFile, KeepsTheWritesOfABatchWhoseCommitFailed) {
 
 constexpr char kAheadText[] = "[S]\r\na=9\r\nb=2\r\n";
 
+// The text is there, but not yet safe from a power cut.
+TEST_F(ProfileFile, IsNotTakenForSafeByTheNextCommitWhereTheSyncOfItsDirectoryFailed) {
+  ProfileBatch& batch = BeginChange();
+  {
+    const FaultPlan plan = FaultPlan::FailCall(Operation::kSyncFile, 2, ERROR_IO_DEVICE, kFromThenOn);
+    EXPECT_EQ(batch.Commit(), ERROR_IO_DEVICE);
+    EXPECT_EQ(batch.Commit(), ERROR_IO_DEVICE);
+  }
+  int syncs = 0;
+  const FaultPlan plan = FaultPlan::Ask([&](int, Operation operation, std::string_view) {
+    syncs += operation == Operation::kSyncFile ? 1 : 0;
+    return ErrorCode{ERROR_SUCCESS};
+  });
+  EXPECT_EQ(batch.Commit(), 0u);
+  EXPECT_EQ(syncs, 2) << "the file and its directory";
+  EXPECT_EQ(batch.Commit(), 0u);
+  EXPECT_EQ(syncs, 2) << "nothing is left to do";
+}
+
 TEST_F(ProfileFile, StaysAsItWasWhileTheNewFileLiesBesideIt) {
   ProfileBatch& batch = BeginChange();
   batch.Prepare();
