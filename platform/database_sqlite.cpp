@@ -69,7 +69,7 @@ ErrorCode Database::Open(const std::string& name, Access access) {
   file.Close();
   if (registry::HasLostItsBeginning(name)) return ERROR_FILE_CORRUPT;
   const int flags = (writes ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY) | SQLITE_OPEN_NOMUTEX;
-  const int result = sqlite3_open_v2(name.c_str(), &m_handle, flags, nullptr);
+  const int result = sqlite3_open_v2(registry::PlainPath(name).c_str(), &m_handle, flags, nullptr);
   if (result != SQLITE_OK) {
     Close();
     return CodeFrom(result);

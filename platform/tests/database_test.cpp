@@ -30,6 +30,21 @@ class DatabaseFile : public testing::Test {
   std::string m_name;
 };
 
+TEST_F(DatabaseFile, IsAFileUnderEveryName) {
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(m_directory);
+  for (const char* name : {":memory:", "file:other?mode=memory", "plain"}) {
+    SCOPED_TRACE(name);
+    Database database;
+    ASSERT_EQ(database.Open(name, kReadWrite), 0u);
+    EXPECT_EQ(database.Run("CREATE TABLE t(n INTEGER)"), 0u);
+    ASSERT_EQ(database.Open(name, kRead), 0u);
+    EXPECT_EQ(database.Run("SELECT n FROM t"), 0u);
+    EXPECT_GT(std::filesystem::file_size(name), 0u);
+  }
+  std::filesystem::current_path(before);
+}
+
 TEST_F(DatabaseFile, KeepsRowsForTheNextOpening) {
   {
     Database database;
