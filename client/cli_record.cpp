@@ -200,8 +200,11 @@ class Recording {
     }
   }
 
+  // May be called again for the same entries, which are appended once.
   ErrorCode Write() {
-    ErrorCode code = m_store.Append(m_recorder->Entries(), m_recorder->Changes());
+    ErrorCode code = ERROR_SUCCESS;
+    if (!m_isAppended) code = m_store.Append(m_recorder->Entries(), m_recorder->Changes());
+    m_isAppended = code == ERROR_SUCCESS;
     if (code == ERROR_SUCCESS && m_zoneChanged) code = m_store.SetFact(kZoneFact, m_zoneText);
     if (code == ERROR_SUCCESS) m_zoneChanged = false;
     const std::uint32_t tick = platform::TickCount();
@@ -222,6 +225,7 @@ class Recording {
     } else if (code == platform::ERROR_FILE_CORRUPT) {
       m_recorder->ChangeAll();
       m_zoneChanged = true;
+      m_isAppended = false;
       code = OpenStore();
       if (code == ERROR_SUCCESS) code = Write();
     }
@@ -241,6 +245,7 @@ class Recording {
     }
     const bool any = !m_recorder->Entries().empty();
     m_recorder->Clear();
+    m_isAppended = false;
     WriteMetrics(any);
   }
 
@@ -276,6 +281,7 @@ class Recording {
   std::string m_zoneText;
   platform::Zone m_zone = platform::CurrentZone();
   bool m_zoneChanged = false;
+  bool m_isAppended = false;  // what the recorder has to write is in the file
   std::optional<std::uint32_t> m_trimmedAt;  // tick counts
   std::optional<std::uint32_t> m_metricsAt;
   ErrorCode m_metricsCode = ERROR_SUCCESS;

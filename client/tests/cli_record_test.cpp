@@ -193,6 +193,32 @@ TEST_F(RecordCommand, MarksTheEndOfARecorderThatWasKilled) {
 }
 
 #ifdef QX_FAULT_SEAM
+TEST_F(RecordCommand, WritesEachEntryOnceWhereTheDiskIsFullBehindIt) {
+  for (const std::string_view refused :
+       {"INSERT OR REPLACE INTO facts", "DELETE FROM entries", "INSERT INTO entries"}) {
+    SCOPED_TRACE(refused);
+    std::filesystem::remove(Path("history.db"));
+    bool isRefused = false;
+    std::size_t entries = 0;
+    const platform::FaultPlan plan =
+        platform::FaultPlan::Ask([&](int, platform::Operation operation, std::string_view detail) {
+          if (isRefused || operation != platform::Operation::kWriteFile || !detail.starts_with(refused)) return 0u;
+          isRefused = true;
+          return platform::ERROR_DISK_FULL;
+        });
+    const Result result = Record({Nothing, Nothing});
+    EXPECT_EQ(result.exit, 0) << result.err;
+    EXPECT_TRUE(isRefused);
+    std::set<std::string> kinds;
+    for (const auto& entry : json::parse(Ask({"--json", "history"}).out)) {
+      kinds.insert(entry["kind"].get<std::string>());
+      ++entries;
+    }
+    EXPECT_GE(entries, 2u);
+    EXPECT_EQ(kinds.size(), entries);
+  }
+}
+
 TEST_F(RecordCommand, EndsWhenTheHistoryCanNotBeWritten) {
   std::optional<platform::FaultPlan> plan;
   const Result result =
