@@ -8,6 +8,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "common/bus_records.h"
 #include "platform/text.h"
 
 namespace qx {
