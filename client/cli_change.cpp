@@ -281,8 +281,9 @@ int RunSet(CliContext& context, const OnlineSettings& settings, const SetArgumen
     }
   }
   for (Finding finding : checked.findings) {
-    // What isn't TOML has no key; the text has one a line.
-    if (finding.key.empty() && finding.position.line > 0 && finding.position.line <= keys.size()) {
+    // What isn't TOML has no key; the text has one a line. What the rules answer is about all of them.
+    const bool hasLine = finding.position.line > 0 && finding.position.line <= keys.size();
+    if (checked.status == kStatusOk && finding.key.empty() && hasLine) {
       finding.text = keys[finding.position.line - 1].name + ": " + finding.text;
     }
     finding.position = {};

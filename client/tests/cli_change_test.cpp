@@ -404,6 +404,8 @@ TEST_F(CliChange, SetNamesTheKeyWhoseValueIsNoToml) {
     EXPECT_EQ(result.exit, 5) << c.assignment;
     EXPECT_THAT(result.err, StartsWith(c.message));
   }
+  EXPECT_THAT(Ask({"set", "daily", "days.every="}).err,
+              StartsWith("qxsched: set: 0x8004020A No run day rule defined.\n"));
 }
 
 TEST_F(CliChange, RestoresUnderANewId) {
