@@ -49,7 +49,7 @@ bool ParseFullId(const std::string& text, ScheduleGuid& id) {
 
 // What to do about a schedule that can't be read; null where the status says it itself.
 const char* HintOfReading(Status status) {
-  const bool isOfTheRules = status == kStatusFailure || (status & 0xFFFF0000) == 0x80000000;
+  const bool isOfTheRules = status == kStatusFailure || IsOfRulesLibrary(status);
   return isOfTheRules ? "the file of its rules, its ID with .ini, is missing or damaged; see qxsched log" : nullptr;
 }
 

@@ -14,6 +14,7 @@
 #include "client/time_text.h"
 #include "common/bus_records.h"
 #include "common/zepSchedIUnknown.h"
+#include "platform/profile.h"
 #include "platform/text.h"
 
 namespace qx {
@@ -98,8 +99,7 @@ const char* IniTextWarning(std::u16string_view text) {
   if (text.size() > kLongestIniText) return "is longer than 255 characters; the service would cut it at its next start";
   if (text.empty()) return "";
   const auto isTrimmed = [](char16_t c) { return c == u' ' || (c >= u'\t' && c <= u'\r'); };
-  const bool isQuoted =
-      text.size() > 1 && text.front() == text.back() && (text.front() == u'"' || text.front() == u'\'');
+  const bool isQuoted = platform::WithoutQuotes(text).size() != text.size();
   if (isTrimmed(text.front()) || isTrimmed(text.back()) || isQuoted) {
     return "has blanks or quotes at its ends; the service would lose them at its next start";
   }

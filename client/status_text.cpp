@@ -56,6 +56,8 @@ constexpr Status kRulesFacility = 0x80000000;
 
 }  // namespace
 
+bool IsOfRulesLibrary(Status status) { return (status & 0xFFFF0000) == kRulesFacility; }
+
 StatusText DescribeStatus(Status status) {
   const Row* row = std::find_if(std::begin(kRows), std::end(kRows), [&](const Row& r) { return r.status == status; });
   if (row != std::end(kRows)) return {row->sentence, row->hint};
@@ -65,7 +67,7 @@ StatusText DescribeStatus(Status status) {
     if (text.empty()) text = "A system call failed with code " + std::to_string(code) + ".";
     return {text, "see the service log for the step that failed"};
   }
-  if ((status & 0xFFFF0000) == kRulesFacility) {
+  if (IsOfRulesLibrary(status)) {
     return {"The rules of the schedule can't be read or used.", "see the service log"};
   }
   return {"Unknown status.", "see the service log"};

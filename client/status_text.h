@@ -18,6 +18,9 @@ struct StatusText {  // a status in words
 // failed system calls in the form 0x8007xxxx.
 [[nodiscard]] StatusText DescribeStatus(Status status);
 
+// Whether a status is a failure of the rules library.
+[[nodiscard]] bool IsOfRulesLibrary(Status status);
+
 // "0x8004020C The Restart interval exceeds the size of the time-window."
 [[nodiscard]] std::string FormatStatus(Status status);
 

@@ -16,7 +16,7 @@ set(platform_parts
   library_posix memory registry_call
   registry_connection_sqlite registry_damaged_copy_posix registry_keys registry_life_sqlite registry_names registry_save
   registry_schema_sqlite registry_store_open_sqlite registry_store_sqlite registry_value_data registry_values
-  stack_trace_posix text_case text_posix thread_posix)
+  sqlite_file_posix stack_trace_posix text_case text_posix thread_posix)
 if(QX_FAULT_SEAM)
   list(APPEND platform_parts fault kill_switch)  # of platform/testing
 endif()

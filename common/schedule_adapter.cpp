@@ -17,6 +17,7 @@
 #include "platform/clock.h"
 #include "platform/fault_point.h"
 #include "platform/profile.h"
+#include "platform/text.h"
 
 namespace {
 
@@ -243,16 +244,8 @@ std::optional<std::int64_t> ParseDecimal(std::u16string_view text) {
 // A key of these sections: letters compare without regard to case, as everywhere in the file.
 std::u16string FoldedKey(std::u16string_view key) {
   std::u16string folded(key);
-  for (char16_t& c : folded) {
-    if (c >= u'a' && c <= u'z') c = static_cast<char16_t>(c - u'a' + u'A');
-  }
+  std::transform(folded.begin(), folded.end(), folded.begin(), platform::ToUpperSimple);
   return folded;
-}
-
-std::u16string_view WithoutQuotes(std::u16string_view text) {
-  const bool isQuoted =
-      text.size() >= 2 && text.front() == text.back() && (text.front() == u'"' || text.front() == u'\'');
-  return isQuoted ? text.substr(1, text.size() - 2) : text;
 }
 
 // The lines of a section by their folded keys, first ones first.
@@ -271,7 +264,7 @@ std::map<std::u16string, std::u16string> ReadSection(std::u16string_view path, s
     rest.remove_prefix(std::min(line.size() + 1, rest.size()));
     const std::size_t equals = line.find(u'=');
     if (equals != line.npos) {
-      lines.try_emplace(FoldedKey(line.substr(0, equals)), WithoutQuotes(line.substr(equals + 1)));
+      lines.try_emplace(FoldedKey(line.substr(0, equals)), platform::WithoutQuotes(line.substr(equals + 1)));
     }
   }
   return lines;

@@ -6,7 +6,7 @@
 
 #include "platform/fault_point.h"
 #include "platform/file.h"
-#include "platform/registry_connection.h"
+#include "platform/sqlite_file.h"
 
 namespace platform {
 namespace {
@@ -67,9 +67,9 @@ ErrorCode Database::Open(const std::string& name, Access access) {
     return code;
   }
   file.Close();
-  if (registry::HasLostItsBeginning(name)) return ERROR_FILE_CORRUPT;
+  if (sqlite::HasLostItsBeginning(name)) return ERROR_FILE_CORRUPT;
   const int flags = (writes ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY) | SQLITE_OPEN_NOMUTEX;
-  const int result = sqlite3_open_v2(registry::PlainPath(name).c_str(), &m_handle, flags, nullptr);
+  const int result = sqlite3_open_v2(sqlite::PlainPath(name).c_str(), &m_handle, flags, nullptr);
   if (result != SQLITE_OK) {
     Close();
     return CodeFrom(result);

@@ -46,6 +46,9 @@ ErrorCode GetProfileInt(std::u16string_view path, std::u16string_view section, s
 ErrorCode GetProfileString(std::u16string_view path, std::u16string_view section, std::u16string_view key,
                            std::u16string_view defaultText, std::span<char16_t> buffer, std::uint32_t& length);
 
+// A text less one pair of equal quotes (' or ") around all of it, as a value is read.
+[[nodiscard]] std::u16string_view WithoutQuotes(std::u16string_view text);
+
 // What GetProfileSection found.
 struct ProfileSectionText {
   std::uint32_t length = 0;         // units in the buffer without the last NUL; size - 2 when the buffer was too small
@@ -53,7 +56,8 @@ struct ProfileSectionText {
 };
 
 // Reads all lines of a section but comments and blank lines, in file order, as strings of key, "=", value with one NUL
-// behind each and one more at the end. Quotes stay, blanks around key and value go, a line without "=" comes as it is.
+// behind each and one more at the end. Quotes stay (see WithoutQuotes()), blanks around key and value go, a line without
+// "=" comes as it is.
 //   buffer   a text that doesn't fit is cut after size - 2 units, inside a line if need be
 //   out      always set; nothing found gives 0 and 0
 //   returns  as GetProfileInt; the buffer then is empty

@@ -227,10 +227,6 @@ bool IsQuoted(std::u16string_view text) {
   return text.size() >= 2 && text.front() == text.back() && (text.front() == u'"' || text.front() == u'\'');
 }
 
-std::u16string_view WithoutQuotes(std::u16string_view text) {
-  return IsQuoted(text) ? text.substr(1, text.size() - 2) : text;
-}
-
 std::uint32_t CopyText(std::u16string_view text, std::span<char16_t> buffer) {
   if (buffer.empty()) return 0;
   const std::u16string_view plain = WithoutQuotes(text);
@@ -364,6 +360,10 @@ ErrorCode GetProfileInt(std::u16string_view path, std::u16string_view section, s
     const std::u16string_view plain = WithoutQuotes(decoded);
     if (!plain.empty()) value = static_cast<std::int32_t>(ParseInteger(plain));
   });
+}
+
+std::u16string_view WithoutQuotes(std::u16string_view text) {
+  return IsQuoted(text) ? text.substr(1, text.size() - 2) : text;
 }
 
 ErrorCode GetProfileString(std::u16string_view path, std::u16string_view section, std::u16string_view key,

@@ -33,6 +33,11 @@ ErrorCode AwaitTurn(MutexLock& guard) {
   return ERROR_SUCCESS;
 }
 
+ErrorCode AskFaultOf(const RegistryKey& key, Operation operation) {
+  const Handle* handle = Handle::Of(key);
+  return AskFault(operation, handle != nullptr ? std::u16string_view(handle->name) : u"");
+}
+
 ErrorCode Enter(const RegistryKey& key, Handle*& out) {
   Handle* handle = Handle::Of(key);
   if (handle == nullptr) return ERROR_INVALID_HANDLE;

@@ -17,6 +17,9 @@ extern Mutex g_lock;
 // Null: none is open.
 extern std::unique_ptr<Store> g_store QX_GUARDED_BY(g_lock);
 
+// Asks the fault point about a call on a key, by the name that the key was opened with.
+[[nodiscard]] ErrorCode AskFaultOf(const RegistryKey& key, Operation operation);
+
 // The key's handle, when it can be worked with.
 //   returns  ERROR_INVALID_HANDLE (6); ERROR_BADDB (1009): no store is open; ERROR_KEY_DELETED (1018)
 [[nodiscard]] ErrorCode Enter(const RegistryKey& key, Handle*& out) QX_REQUIRES(g_lock);

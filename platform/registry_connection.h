@@ -1,6 +1,6 @@
 // platform/registry_connection.h: SQLite as the key store uses it: connections, prepared statements, results as codes.
 //
-// For the files of the store, and for database.h. Threads: one connection serves one thread at a time.
+// For the files of the store alone. Threads: one connection serves one thread at a time.
 #pragma once
 
 #include <sqlite3.h>
@@ -36,15 +36,9 @@ using Prepared = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 // Gives the number in the first column of the first row; SQLITE_ERROR without a row.
 [[nodiscard]] int QueryInt(sqlite3* db, const char* sql, std::int64_t& out);
 
-// Whether the file is empty while its write-ahead log holds something, which no store of ours comes to by itself.
-// SQLite takes such a log for a leftover and removes it, so nothing may open the file.
-[[nodiscard]] bool HasLostItsBeginning(const std::string& path);
-
-// A file's name as SQLite takes it: it gives some names a meaning of their own.
-[[nodiscard]] std::string PlainPath(const std::string& path);
 // Opens a connection that leaves the file as it is: the log is not written back when it closes.
 //   why      gets the reason of a failure
-//   returns  ERROR_REGISTRY_CORRUPT (1015) where HasLostItsBeginning() says so; the codes of SQLite
+//   returns  ERROR_REGISTRY_CORRUPT (1015) where sqlite::HasLostItsBeginning() says so; the codes of SQLite
 [[nodiscard]] ErrorCode Connect(const std::string& path, Connection& db, std::string& why);
 
 // One use of a prepared statement, reset at its end. Arguments are borrowed until then.

@@ -1,21 +1,11 @@
 #include "platform/registry_connection.h"
 
-#include <sys/stat.h>
-
-#include <climits>
-#include <cstdlib>
+#include "platform/sqlite_file.h"
 
 namespace platform::registry {
 namespace {
 
 constexpr int kBusyTimeoutMs = 5000;
-constexpr off_t kLogHeaderSize = 32;  // bytes of a log ahead of its first page
-
-// -1 where there is no such file.
-off_t SizeOf(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) ? status.st_size : -1;
-}
 
 }  // namespace
 
@@ -61,24 +51,14 @@ int Execute(sqlite3* db, const char* sql) {
   return sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
 }
 
-bool HasLostItsBeginning(const std::string& path) {
-  char real[PATH_MAX];
-  // The log stands beside the file that a link leads to.
-  return SizeOf(path) == 0 && ::realpath(path.c_str(), real) != nullptr &&
-         SizeOf(std::string(real) + "-wal") > kLogHeaderSize;
-}
-
-std::string PlainPath(const std::string& path) {
-  return path.empty() || path.front() == '/' ? path : "./" + path;
-}
-
 ErrorCode Connect(const std::string& path, Connection& db, std::string& why) {
-  if (HasLostItsBeginning(path)) {
+  if (sqlite::HasLostItsBeginning(path)) {
     why = path + ": is empty, and its write-ahead log isn't";
     return ERROR_REGISTRY_CORRUPT;
   }
   sqlite3* raw = nullptr;
-  const int rc = sqlite3_open_v2(PlainPath(path).c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+  constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
+  const int rc = sqlite3_open_v2(sqlite::PlainPath(path).c_str(), &raw, kFlags, nullptr);
   db.reset(raw);
   if (rc != SQLITE_OK) {
     why = path + ": " + (raw != nullptr ? sqlite3_errmsg(raw) : sqlite3_errstr(rc));

@@ -14,6 +14,7 @@ namespace platform {
 namespace {
 
 using registry::AskFault;
+using registry::AskFaultOf;
 using registry::AwaitTurn;
 using registry::Batch;
 using registry::Enter;
@@ -187,10 +188,7 @@ ErrorCode CreateKey(const RegistryKey& parent, std::u16string_view subKey, std::
 }
 
 ErrorCode QueryInfoKey(const RegistryKey& key, KeyInfo& out) {
-  const Handle* named = Handle::Of(key);
-  const ErrorCode fault =
-      AskFault(Operation::kRegQueryInfoKey, named != nullptr ? std::u16string_view(named->name) : u"");
-  if (fault != ERROR_SUCCESS) return fault;
+  if (const ErrorCode fault = AskFaultOf(key, Operation::kRegQueryInfoKey); fault != ERROR_SUCCESS) return fault;
   const MutexLock guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToRead(key, KEY_QUERY_VALUE, handle); code != ERROR_SUCCESS) return code;

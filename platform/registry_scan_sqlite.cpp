@@ -10,6 +10,7 @@
 #include "platform/fault_point.h"
 #include "platform/registry_call.h"
 #include "platform/registry_connection.h"
+#include "platform/sqlite_file.h"
 #include "platform/registry_names.h"
 
 namespace platform {
@@ -81,8 +82,8 @@ RegistryScan::~RegistryScan() = default;
 
 bool RegistryScan::Open(const std::string& nativePath, Hive hive, std::u16string_view subKey) {
   if (FaultAt(Operation::kRegOpenStore, nativePath) != ERROR_SUCCESS) return false;
-  if (registry::HasLostItsBeginning(nativePath)) return false;
-  m_path = registry::PlainPath(nativePath);
+  if (sqlite::HasLostItsBeginning(nativePath)) return false;
+  m_path = sqlite::PlainPath(nativePath);
   m_connection = std::make_unique<Connection>();
   // Opened for writing, or a file without its log couldn't be read; it writes nothing, and leaves the log as it is.
   const int opened =

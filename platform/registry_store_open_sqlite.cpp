@@ -112,7 +112,7 @@ ErrorCode Store::Open(const std::string& path, std::string& why) {
   NoteFiles();
   static std::atomic<std::uint64_t> lastNumber{0};
   m_number = ++lastNumber;
-  m_path = PlainPath(path);
+  m_path = sqlite::PlainPath(path);
   return ERROR_SUCCESS;
 }
 

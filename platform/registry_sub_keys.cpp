@@ -11,6 +11,7 @@ namespace platform {
 namespace {
 
 using registry::AskFault;
+using registry::AskFaultOf;
 using registry::Bytes;
 using registry::Enter;
 using registry::EnterToRead;
@@ -83,10 +84,7 @@ ErrorCode SubKeyValues::Dword(std::size_t which, std::uint32_t& out) const {
 ErrorCode ReadSubKeys(const RegistryKey& key, std::u16string_view after, std::size_t most,
                       std::span<const std::u16string_view> names,
                       const std::function<void(const SubKeyValues&)>& seen) {
-  const Handle* named = Handle::Of(key);
-  const ErrorCode fault =
-      AskFault(Operation::kRegEnumKey, named != nullptr ? std::u16string_view(named->name) : u"");
-  if (fault != ERROR_SUCCESS) return fault;
+  if (const ErrorCode fault = AskFaultOf(key, Operation::kRegEnumKey); fault != ERROR_SUCCESS) return fault;
   detail::SubKeyReading reading(names);
   const MutexLock guard(g_lock);
   Handle* handle = nullptr;
@@ -103,10 +101,7 @@ ErrorCode ReadSubKeys(const RegistryKey& key, std::u16string_view after, std::si
 }
 
 ErrorCode ReadRegistryValues(const RegistryKey& key, std::vector<RegistryValue>& values) {
-  const Handle* named = Handle::Of(key);
-  const ErrorCode fault =
-      AskFault(Operation::kRegEnumValue, named != nullptr ? std::u16string_view(named->name) : u"");
-  if (fault != ERROR_SUCCESS) return fault;
+  if (const ErrorCode fault = AskFaultOf(key, Operation::kRegEnumValue); fault != ERROR_SUCCESS) return fault;
   const MutexLock guard(g_lock);
   Handle* handle = nullptr;
   if (const ErrorCode code = EnterToRead(key, KEY_QUERY_VALUE, handle); code != ERROR_SUCCESS) return code;

@@ -18,6 +18,7 @@ namespace platform {
 namespace {
 
 using registry::AskFault;
+using registry::AskFaultOf;
 using registry::AwaitTurn;
 using registry::CheckValueName;
 using registry::EnterToRead;
@@ -71,9 +72,7 @@ ErrorCode StoreValue(const RegistryKey& key, std::u16string_view name, std::uint
 }
 
 ErrorCode EnumItem(const RegistryKey& key, bool values, std::uint32_t index, Item& out) {
-  const Handle* named = Handle::Of(key);
-  const Operation operation = values ? Operation::kRegEnumValue : Operation::kRegEnumKey;
-  const ErrorCode fault = AskFault(operation, named != nullptr ? std::u16string_view(named->name) : u"");
+  const ErrorCode fault = AskFaultOf(key, values ? Operation::kRegEnumValue : Operation::kRegEnumKey);
   if (fault != ERROR_SUCCESS) return fault;
   const MutexLock guard(g_lock);
   Handle* handle = nullptr;

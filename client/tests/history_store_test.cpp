@@ -9,6 +9,7 @@
 #include <fstream>
 #include <limits>
 
+#include "platform/file.h"
 #include "platform/testing/fault.h"
 #include "platform/testing/temporary_folder.h"
 
@@ -202,8 +203,9 @@ TEST_F(History, KeepsTheLogOfAFileThatWasEmptied) {
   std::filesystem::copy_file(before, log);
   std::filesystem::resize_file(m_name, 0);
   const auto bytes = [](const std::string& name) {
-    std::ifstream in(name, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    std::string contents;
+    EXPECT_EQ(platform::ReadWholeFile(name, contents), 0u) << name;
+    return contents;
   };
   HistoryStore reader;
   EXPECT_EQ(reader.OpenForReading(m_name), platform::ERROR_FILE_CORRUPT);

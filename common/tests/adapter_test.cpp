@@ -104,6 +104,13 @@ class Adapter : public testing::Test {
     }
     return object;
   }
+  // What the adapter saves of Friday(), to the head of the exclude dates.
+  std::string SavedUpToExcludeDates() {
+    const SCHEDULE_OBJECT object = Friday();
+    EXPECT_EQ(m_adapter.AddScheduleRules(&object), 0u);
+    const std::string text = FileText(m_file);
+    return text.substr(0, text.find("Count=0", text.find("[Specific Exclude Dates]")));
+  }
   SCHEDULE_OBJECT Given() {
     SCHEDULE_OBJECT object;
     EXPECT_EQ(m_adapter.LoadScheduleFromPropBag(&object), 0u);
@@ -489,10 +496,7 @@ TEST_F(Adapter, ADamagedDateSectionKeepsWhatItHoldsAndIsTold) {
       {__LINE__, "Count=\r\n", {}},
       {__LINE__, "Count=-1\r\n", {}},
   };
-  SCHEDULE_OBJECT object = Friday();
-  ASSERT_EQ(m_adapter.AddScheduleRules(&object), 0u);
-  std::string text = FileText(m_file);
-  text.resize(text.find("Count=0", text.find("[Specific Exclude Dates]")));
+  const std::string text = SavedUpToExcludeDates();
   for (const auto& c : kCases) {
     Put(text + c.section);
     m_log.Clear();
@@ -516,10 +520,7 @@ TEST_F(Adapter, ADateSectionIsReadWithoutRegardToCaseAndQuotes) {
       {__LINE__, "Count='2'\r\nItem01=\"1735084800\"\r\nItem02 = \"1735344000\" \r\n"},
       {__LINE__, "COUNT=2\r\nItem01=1735084800\r\nitem01=soon\r\nItem02=1735344000\r\nCount=1\r\n"},
   };
-  SCHEDULE_OBJECT object = Friday();
-  ASSERT_EQ(m_adapter.AddScheduleRules(&object), 0u);
-  std::string text = FileText(m_file);
-  text.resize(text.find("Count=0", text.find("[Specific Exclude Dates]")));
+  const std::string text = SavedUpToExcludeDates();
   for (const auto& c : kCases) {
     Put(text + c.section);
     ASSERT_EQ(m_adapter.LoadScheduleFromFile(), 0u) << c.line;

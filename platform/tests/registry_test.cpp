@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "platform/file.h"
 #include "platform/registry_scan.h"
 #include "platform/testing/fault.h"
 #include "platform/testing/registry_hook.h"
@@ -249,8 +250,9 @@ TEST_F(Registry, CallsAnEmptiedFileBesideItsLogDamagedAndLeavesTheLog) {
   std::filesystem::copy_file(before, log);
   std::filesystem::resize_file(m_path, 0);
   const auto bytes = [](const std::string& name) {
-    std::ifstream in(name, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    std::string contents;
+    EXPECT_EQ(ReadWholeFile(name, contents), 0u) << name;
+    return contents;
   };
   RegistryScan scan;
   EXPECT_FALSE(scan.Open(m_path, Hive::kCurrentUser, u"Software"));
