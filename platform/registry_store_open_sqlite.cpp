@@ -10,6 +10,7 @@
 
 #include "platform/registry_schema.h"
 #include "platform/registry_store.h"
+#include "platform/sqlite_file.h"
 
 namespace platform::registry {
 namespace {
