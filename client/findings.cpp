@@ -25,13 +25,6 @@ std::uint32_t CodePoint(std::string_view character) {
   return c;
 }
 
-// What a terminal obeys in place of showing it: control characters, the separators of lines and paragraphs, and the
-// characters that turn the direction of the text around them.
-constexpr bool IsControl(std::uint32_t c) {
-  return c < 0x20 || (c >= 0x7F && c < 0xA0) || c == 0x061C || c == 0x200E || c == 0x200F ||
-         (c >= 0x2028 && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
-}
-
 }  // namespace
 
 bool HasErrors(const std::vector<Finding>& findings) {
@@ -56,6 +49,11 @@ std::string FormatFinding(std::string_view file, const Finding& finding) {
   return line;
 }
 
+bool IsTerminalControl(char32_t c) {
+  return c < 0x20 || (c >= 0x7F && c < 0xA0) || c == 0x061C || c == 0x200E || c == 0x200F ||
+         (c >= 0x2028 && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
+}
+
 bool IsPlainAscii(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
 }
@@ -67,7 +65,7 @@ std::string Printable(std::string_view text) {
   while (!text.empty()) {
     const std::size_t size = CharacterSize(text);
     const std::uint32_t c = size == 0 ? static_cast<unsigned char>(text[0]) : CodePoint(text.substr(0, size));
-    if (size != 0 && !IsControl(c)) {
+    if (size != 0 && !IsTerminalControl(c)) {
       out += text.substr(0, size);
     } else {
       char escaped[16];

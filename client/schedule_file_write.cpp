@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "client/findings.h"
 #include "client/schedule_file.h"
 #include "client/schedule_weekdays.h"
 #include "client/time_text.h"
@@ -14,23 +15,23 @@
 namespace qx {
 namespace {
 
-// A basic string of TOML.
+// A basic string of TOML; a terminal that the file is shown on obeys nothing in it.
 std::string Quoted(std::u16string_view text) {
-  std::string out = "\"";
-  for (const char c : platform::Utf8FromWide(text)) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
-      out += '\\';
+  std::u16string out = u"\"";
+  for (const char16_t c : text) {
+    if (c == u'"' || c == u'\\') {
+      out += u'\\';
       out += c;
-    } else if (byte < 0x20 || byte == 0x7F) {
+    } else if (IsTerminalControl(c)) {
       char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\u%04X", byte);
-      out += escaped;
+      std::snprintf(escaped, sizeof escaped, "\\u%04X", c);
+      const std::string_view ascii(escaped);
+      out.append(ascii.begin(), ascii.end());
     } else {
       out += c;
     }
   }
-  return out + "\"";
+  return platform::Utf8FromWide(out + u'"');
 }
 
 void KeyLine(std::string& out, const char* key, const std::string& value) {
@@ -75,7 +76,8 @@ void WriteWindow(std::string& out, const SCHEDULE_RULE& rules, const platform::Z
       KeyLine(body, "end", "\"" + FormatTimeOfDay(end) + "\"");
     }
   }
-  if ((rules.bRestartInterval & 0xFF) != 0) {
+  // An order to restart without a length is kept and does nothing.
+  if ((rules.bRestartInterval & 0xFF) != 0 && rules.dwRestartInterval != 0) {
     KeyLine(body, "restart", "\"" + FormatDuration(rules.dwRestartInterval) + "\"");
   }
   if (!body.empty()) out += "\n[window]\n" + body;

@@ -532,6 +532,24 @@ TEST(ScheduleFile, EscapesWhatTomlStringsCannotHold) {
   EXPECT_EQ(Parse(text, zone).record.bstrName, record.bstrName);
 }
 
+TEST(ScheduleFile, EscapesWhatATerminalWouldObeyAndKeepsOtherCharacters) {
+  SCHEDULE_OBJECT record;
+  record.bstrName = u"a\u009b2Jb\u202ec\u2028d\u20acz\U0001F600";
+  record.bstrWrapperBinaryName = u"w";
+  const platform::Zone zone = platform::Zone::FromTz("UTC0");
+  const std::string text = qx::WriteScheduleFile(record, zone);
+  EXPECT_THAT(text, HasSubstr("name = \"a\\u009B2Jb\\u202Ec\\u2028d\xe2\x82\xacz\xf0\x9f\x98\x80\"\n"));
+  EXPECT_EQ(Parse(text, zone).record.bstrName, record.bstrName);
+}
+
+TEST(ScheduleFile, WritesNoRestartThatTheServiceKeepsWithoutALength) {
+  SCHEDULE_OBJECT record;
+  record.bstrWrapperBinaryName = u"w";
+  record.stScheduleRules.bRestartInterval = 1;
+  const platform::Zone zone = platform::Zone::FromTz("UTC0");
+  EXPECT_THAT(qx::WriteScheduleFile(record, zone), testing::Not(HasSubstr("restart")));
+}
+
 TEST(ScheduleFile, WritesTheEndWhereItSaysTheSameAsTheDuration) {
   const platform::Zone zone = platform::Zone::FromTz("UTC0");
   const auto window = [&](std::int32_t start, std::int32_t end, std::uint32_t duration) {

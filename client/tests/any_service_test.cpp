@@ -1,0 +1,329 @@
+// A service that says anything: commands show it without obeying it, and change only what they were asked to.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <random>
+
+#include "client/cli_offline.h"
+#include "client/findings.h"
+#include "client/rule_object.h"
+#include "client/schedule_file.h"
+#include "client/schedule_keys.h"
+#include "client/tests/online_fixture.h"
+#include "common/schedule_adapter.h"
+
+namespace {
+
+constexpr std::int64_t kNow = 1796040000;  // that of the fixture
+constexpr std::int32_t kDay = 86400;
+
+// What texts are made of: letters and signs, what forms and terminals obey, what names paths, what is no character.
+const std::u16string kPieces[] = {
+    u"night", u"a", u"B", u"7", u"\u00e4", u"\u65e5\u672c", u"\U0001F600", u" ", u"  ", u"\"", u"\"\"\"", u"'", u"\\",
+    u"\\n", u",", u", ", u" = ", u"=", u"#", u"[", u"]", u"[days]", u"{", u"}", u"\t", u"\u001b[31m", u"\u0007",
+    u"\u007f", u"\u0085", u"\u009b2J", u"\u061c", u"\u202e", u"\u2028", u"\u2066", u"\ufeff",
+    u"../", u"/", u"/bin/true", u"-", u"--yes", u"%s%n", u"$(id)", u"`", u";", u"&", u"<b>", u"]]>", u"|", u"*", u"~",
+    std::u16string(300, u'x'), u"true", u"1979-05-27", u"0"};
+// No client can send these.
+const std::u16string kUnsendable[] = {u"\n", u"\r", u"\r\n", u"\uffff", u"\ufdd0", std::u16string(1, u'\xD800')};
+
+class AnyService : public CliOnline {
+ protected:
+  // QX_SEED sets the random generator's start (it is printed), QX_CASES the number of cases.
+  AnyService() {
+    const char* const seed = std::getenv("QX_SEED");
+    m_seed = seed != nullptr ? std::strtoull(seed, nullptr, 10) : 1;
+    m_random.seed(m_seed);
+    std::cout << "QX_SEED=" << m_seed << "\n";
+  }
+
+  static int Cases(int usual) {
+    const char* const cases = std::getenv("QX_CASES");
+    return cases != nullptr ? std::atoi(cases) : usual;
+  }
+  std::int64_t Below(std::int64_t end) {
+    return static_cast<std::int64_t>(m_random() % static_cast<std::uint64_t>(end));
+  }
+  bool OneIn(std::int64_t n) { return Below(n) == 0; }
+  template <class T, std::size_t N>
+  const T& OneOf(const T (&values)[N]) {
+    return values[Below(N)];
+  }
+
+  std::u16string Text(bool anyAtAll) {
+    std::u16string text;
+    for (std::int64_t left = Below(6); left > 0; --left) {
+      text += anyAtAll && OneIn(12) ? OneOf(kUnsendable) : OneOf(kPieces);
+    }
+    return text;
+  }
+  BSTR MaybeText(bool anyAtAll) { return OneIn(4) ? BSTR() : BSTR(Text(anyAtAll)); }
+  std::int32_t AnyNumber() {
+    static constexpr std::int32_t kNumbers[] = {0, 1, -1, -2, 86399, 86400, 1796040000,
+                                                std::numeric_limits<std::int32_t>::min(),
+                                                std::numeric_limits<std::int32_t>::max()};
+    return OneIn(3) ? static_cast<std::int32_t>(m_random()) : OneOf(kNumbers);
+  }
+  std::uint32_t AnyUnsigned() { return static_cast<std::uint32_t>(AnyNumber()); }
+  std::int32_t Instant() { return static_cast<std::int32_t>(kNow + (Below(800) - 400) * kDay + Below(kDay)); }
+
+  SCHEDULE_OBJECT Texts(bool anyAtAll) {
+    SCHEDULE_OBJECT record;
+    record.bstrName = MaybeText(anyAtAll);
+    record.bstrDescription = MaybeText(anyAtAll);
+    record.bstrApplication = MaybeText(anyAtAll);
+    record.bstrObjectID = MaybeText(anyAtAll);
+    record.bstrWrapperBinaryName = anyAtAll ? MaybeText(true) : BSTR(u"/bin/echo");
+    record.bstrXMLFilePathName = anyAtAll ? MaybeText(true) : BSTR(u"/tmp/x.xml");
+    record.bstrParameters = MaybeText(anyAtAll);
+    record.bstrPreScript = MaybeText(anyAtAll);
+    record.bstrPostScript = MaybeText(anyAtAll);
+    record.dwTaskOpCode = AnyUnsigned();
+    return record;
+  }
+
+  // Every value any that its type has.
+  SCHEDULE_OBJECT AnyRecord() {
+    SCHEDULE_OBJECT record = Texts(true);
+    record.bRunNow = AnyUnsigned();
+    record.bUseGUID = AnyUnsigned();
+    record.lNextTimeWindow = AnyNumber();
+    SCHEDULE_RULE& rules = record.stScheduleRules;
+    for (std::int32_t* value : {&rules.lStartTime, &rules.lEndTime, &rules.lEffectiveDate, &rules.dwRepeatInterval,
+                                &rules.lAnchorDate}) {
+      if (!OneIn(3)) *value = AnyNumber();
+    }
+    for (std::uint32_t* value : {&rules.dwTimeDuration, &rules.bEffectiveDate, &rules.bRestartInterval,
+                                 &rules.dwRestartInterval, &rules.bRepeatInterval, &rules.bLastDayOfMonth}) {
+      if (!OneIn(3)) *value = AnyUnsigned();
+    }
+    for (auto& day : rules.adwDaysOfMonth) day = static_cast<std::int16_t>(OneIn(3) ? AnyNumber() : 0);
+    for (auto* week : {&rules.dwDaysOfWeek0, &rules.dwDaysOfWeek1, &rules.dwDaysOfWeek2, &rules.dwDaysOfWeek3,
+                       &rules.dwDaysOfWeek4}) {
+      for (auto& day : *week) day = OneIn(2) ? AnyUnsigned() : 0;
+    }
+    for (auto* dates : {&rules.alIncludeDates, &rules.alExcludeDates}) {
+      const auto count = OneIn(8) ? dates->size() : static_cast<std::size_t>(Below(6));
+      for (std::size_t i = 0; i < count; ++i) (*dates)[i] = OneIn(2) ? Instant() : AnyNumber();
+    }
+    return record;
+  }
+
+  // What a client may send by the service's own interface; most of them are taken.
+  SCHEDULE_OBJECT LikelyRecord() {
+    SCHEDULE_OBJECT record = Texts(false);
+    record.bUseGUID = static_cast<std::uint32_t>(Below(2));
+    SCHEDULE_RULE& rules = record.stScheduleRules;
+    if (!OneIn(4)) rules.lStartTime = Instant();
+    if (OneIn(3)) rules.lEndTime = Instant();
+    if (OneIn(2)) rules.dwTimeDuration = static_cast<std::uint32_t>(OneIn(2) ? 1000 * Below(2 * kDay) : Below(1000 * kDay));
+    if (OneIn(3)) rules.bEffectiveDate = OneIn(2) ? 1 : AnyUnsigned();
+    if (OneIn(2)) rules.lEffectiveDate = Instant();
+    if (OneIn(3)) rules.bRestartInterval = OneIn(2) ? 1 : AnyUnsigned();
+    if (OneIn(2)) rules.dwRestartInterval = static_cast<std::uint32_t>(OneIn(2) ? 60000 * Below(600) : Below(10000000));
+    if (OneIn(3)) rules.bRepeatInterval = OneIn(2) ? 1 : AnyUnsigned();
+    if (OneIn(2)) rules.dwRepeatInterval = static_cast<std::int32_t>(Below(40));
+    if (OneIn(2)) rules.lAnchorDate = Instant();
+    if (OneIn(2)) {
+      for (auto& day : rules.adwDaysOfMonth) day = static_cast<std::int16_t>(OneIn(5) ? Below(3) : 0);
+    }
+    for (auto* week : {&rules.dwDaysOfWeek0, &rules.dwDaysOfWeek1, &rules.dwDaysOfWeek2, &rules.dwDaysOfWeek3,
+                       &rules.dwDaysOfWeek4}) {
+      if (OneIn(3)) continue;
+      for (auto& day : *week) day = OneIn(2) ? static_cast<std::uint32_t>(Below(3)) : 0;
+    }
+    for (auto* dates : {&rules.alIncludeDates, &rules.alExcludeDates}) {
+      for (std::int64_t i = 0, count = OneIn(20) ? 365 : Below(5); i < count; ++i) (*dates)[i] = Instant();
+    }
+    return record;
+  }
+  // As the service gives it back, when it takes it at all.
+  std::optional<SCHEDULE_OBJECT> KeptRecord() {
+    const SCHEDULE_OBJECT sent = LikelyRecord();
+    CZEPScheduleObj adapter;
+    const qx::RuleObject rules = qx::NewRuleObject();
+    adapter.m_pSchedule = rules.get();
+    if (adapter.Validate_ScheduleRules(&sent) != kStatusOk) return std::nullopt;
+    if (static_cast<std::int32_t>(adapter.GetNextTimeWindow()) < 0) return std::nullopt;
+    return qx::AsServiceKeeps(sent);
+  }
+
+  static std::string Windows(const SCHEDULE_OBJECT& record) {
+    std::string text;
+    for (const std::int64_t from : {kNow, kNow - 300 * kDay, kNow + 120 * kDay}) {
+      Status status = kStatusOk;
+      for (const qx::ComingWindow& window : qx::ComingWindows(record, from, 12, status)) {
+        text += std::to_string(window.start) + "-" + std::to_string(window.end) + (window.last ? " last\n" : "\n");
+      }
+      text += "status " + std::to_string(status) + "\n";
+    }
+    return text;
+  }
+  // All that the service keeps of a record beside the rules; it knows no difference between an empty text and none.
+  static SCHEDULE_OBJECT JobOf(SCHEDULE_OBJECT record) {
+    record.stScheduleRules = {};
+    record.lNextTimeWindow = 0;
+    record.bRunNow = 0;
+    for (BSTR* text : {&record.bstrName, &record.bstrDescription, &record.bstrApplication, &record.bstrObjectID,
+                       &record.bstrWrapperBinaryName, &record.bstrXMLFilePathName, &record.bstrParameters,
+                       &record.bstrPreScript, &record.bstrPostScript}) {
+      if (!*text) text->emplace();
+    }
+    return record;
+  }
+
+  // A terminal shows the text and obeys nothing in it.
+  static void ExpectPlain(const std::string& text, const std::string& what) {
+    for (std::string_view rest = text; !rest.empty();) {
+      const std::string_view line = rest.substr(0, rest.find('\n'));
+      EXPECT_EQ(qx::Printable(line), line) << what;
+      rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+    }
+  }
+
+  std::mt19937_64 m_random;
+  std::uint64_t m_seed = 1;
+};
+
+TEST_F(AnyService, IsAnsweredByAnyCommandInPlainTextAndWholeJson) {
+  const ScheduleGuid a = Id(0xAAAA1111), b = Id(0xAAAA2222);
+  (void)setenv("EDITOR", "true", 1);
+  const std::vector<std::vector<std::string>> commands = {
+      {"list"}, {"list", "--json"}, {"show", kIdA}, {"show", kIdA, "--json"}, {"status"}, {"status", "--json"},
+      {"next", kIdA}, {"next", kIdA, "--why"}, {"next", kIdA, "--why", "--json"}, {"calendar"}, {"calendar", "--json"},
+      {"calendar", kIdA, "--year", "2026"}, {"calendar", "--html", Path("page.html")}, {"export", kIdA},
+      {"export", "--json"}, {"export", "-o", Path("out"), "--force"}, {"set", kIdA, "job.parameters=x"},
+      {"set", kIdA, "job.parameters=y", "--json"}, {"set", kIdA, "name=z", "--dry-run"}, {"skip", kIdA},
+      {"skip", "--undo", kIdA}, {"run", kIdA}, {"edit", kIdA}, {"monitor"}, {"monitor", "--json"}, {"rm", kIdB},
+      {"rm", kIdA, "--json"}};
+  for (int i = 0, cases = Cases(5); i < cases; ++i) {
+    const std::uint64_t begun = m_random();
+    m_random.seed(begun);
+    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(m_seed));
+    service.schedules = {{a, AnyRecord()}, {b, OneIn(2) ? AnyRecord() : LikelyRecord()}};
+    service.damaged.clear();
+    if (OneIn(2)) service.damaged.push_back(Text(true));
+    service.properties.version = platform::Utf8FromWide(Text(true));
+    service.properties.stateDirectory = platform::Utf8FromWide(Text(true));
+    static constexpr std::int64_t kWakeUps[] = {-1, 0, kTonight, std::numeric_limits<std::int64_t>::min(),
+                                                std::numeric_limits<std::int64_t>::max()};
+    service.properties.nextWakeUp = OneIn(3) ? static_cast<std::int64_t>(m_random()) : OneOf(kWakeUps);
+    service.properties.zone = OneIn(10) ? platform::Utf8FromWide(Text(true)) : "CET-1CEST,M3.5.0,M10.5.0/3";
+    for (const std::vector<std::string>& words : commands) {
+      const auto kept = service.schedules;
+      service.Tell([&](ISchedulerServiceEvents& sink) { sink.NextTimeWindow_Modify(a, AnyNumber()); });
+      service.Tell([&](ISchedulerServiceEvents& sink) {
+        sink.SystemTime_Change(AnyNumber(), {Text(true), Text(true)}, {AnyNumber(), AnyNumber(), AnyNumber()});
+      });
+      std::string command;
+      for (const std::string& word : words) command += word + " ";
+      const Result result = Ask(words);
+      service.events.clear();
+      const bool asJson = words.back() == "--json";
+      const std::string what = command + result.Told();
+      EXPECT_GE(result.exit, qx::kExitDone) << what;
+      EXPECT_LE(result.exit, qx::kExitUnreachable) << what;
+      EXPECT_TRUE(result.exit == qx::kExitDone || !result.err.empty()) << what;
+      ExpectPlain(result.err, what);
+      if (!asJson) {
+        ExpectPlain(result.out, what);
+      } else if (result.exit == qx::kExitDone) {
+        for (std::string_view rest = result.out; !rest.empty();) {
+          const std::string_view line = rest.substr(0, rest.find('\n'));
+          EXPECT_TRUE(nlohmann::json::accept(line)) << what;
+          rest.remove_prefix(line.size() + 1);
+        }
+      }
+      service.schedules = kept;
+      if (HasFailure()) return;
+    }
+  }
+}
+
+TEST_F(AnyService, GivesSchedulesWhoseFilesBringTheSameJobAtTheSameTimes) {
+  int taken = 0;
+  for (int i = 0, cases = Cases(400); i < cases; ++i) {
+    const std::optional<SCHEDULE_OBJECT> kept = KeptRecord();
+    if (!kept) continue;
+    ++taken;
+    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(m_seed));
+    const std::string text = qx::WriteScheduleFile(*kept, platform::CurrentZone());
+    const qx::CheckedFile checked = qx::CheckText(text, true);
+    std::string findings;
+    for (const qx::Finding& finding : checked.findings) findings += qx::FormatFinding("file", finding) + "\n";
+    ASSERT_FALSE(qx::HasErrors(checked.findings)) << text << findings;
+    const SCHEDULE_OBJECT again = qx::AsServiceKeeps(checked.record);
+    EXPECT_EQ(JobOf(again), JobOf(*kept)) << text << findings;
+    EXPECT_EQ(Windows(again), Windows(*kept)) << text << findings;
+    if (HasFailure()) return;
+  }
+  EXPECT_GT(taken, Cases(400) / 10);
+}
+
+TEST_F(AnyService, KeepsEverythingOfAScheduleButTheKeyThatIsSet) {
+  const ScheduleGuid a = Id(0xAAAA1111);
+  int taken = 0;
+  for (int i = 0, cases = Cases(100); i < cases; ++i) {
+    const std::optional<SCHEDULE_OBJECT> kept = KeptRecord();
+    if (!kept) continue;
+    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(m_seed));
+    service.schedules = {{a, *kept}};
+    const Result result = Ask({"set", kIdA, "job.parameters=other " + std::to_string(i)});
+    const SCHEDULE_OBJECT after = service.schedules[a];
+    if (result.exit != qx::kExitDone) {
+      EXPECT_EQ(after, *kept) << result.Told();
+    } else {
+      ++taken;
+      SCHEDULE_OBJECT wanted = *kept;
+      wanted.bstrParameters = platform::WideFromUtf8("other " + std::to_string(i));
+      EXPECT_EQ(JobOf(after), JobOf(wanted)) << result.Told();
+      EXPECT_EQ(Windows(qx::AsServiceKeeps(after)), Windows(*kept)) << result.Told();
+    }
+    if (HasFailure()) return;
+  }
+  EXPECT_GT(taken, Cases(100) / 10);
+}
+
+TEST_F(AnyService, LeavesOutTheDayOfTheNextWindowAndNothingElseAndTakesItBack) {
+  constexpr std::int64_t kWindows = 40;
+  const ScheduleGuid a = Id(0xAAAA1111);
+  const platform::Zone& zone = platform::CurrentZone();
+  int taken = 0;
+  for (int i = 0, cases = Cases(100); i < cases; ++i) {
+    std::optional<SCHEDULE_OBJECT> kept = KeptRecord();
+    if (!kept) continue;
+    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(m_seed));
+    Status status = kStatusOk;
+    const auto before = qx::ComingWindows(*kept, kNow, kWindows, status);
+    service.schedules = {{a, *kept}};
+    const Result result = Ask({"skip", kIdA});
+    if (result.exit != qx::kExitDone) {
+      EXPECT_EQ(service.schedules[a], *kept) << result.Told();
+      continue;
+    }
+    ++taken;
+    const std::string told = qx::WriteScheduleFile(*kept, zone) + result.Told();
+    const auto after = qx::ComingWindows(service.schedules[a], kNow, kWindows, status);
+    std::vector<std::int64_t> wanted, found;
+    for (const qx::ComingWindow& window : before) {
+      if (window.day != before[0].day) wanted.push_back(window.start);
+    }
+    for (const qx::ComingWindow& window : after) found.push_back(window.start);
+    if (before.size() == kWindows) found.resize(std::min(found.size(), wanted.size()));
+    EXPECT_EQ(found, wanted) << told;
+    EXPECT_EQ(JobOf(service.schedules[a]), JobOf(*kept)) << told;
+    const auto& excluded = kept->stScheduleRules.alExcludeDates;
+    if (std::none_of(excluded.begin(), excluded.end(), [](std::int32_t date) { return date > kNow - 2 * kDay; })) {
+      const Result undone = Ask({"skip", "--undo", kIdA});
+      EXPECT_EQ(undone.exit, qx::kExitDone) << undone.Told();
+      EXPECT_EQ(Windows(service.schedules[a]), Windows(*kept)) << told << undone.Told();
+    }
+    if (HasFailure()) return;
+  }
+  EXPECT_GT(taken, Cases(100) / 10);
+}
+
+}  // namespace
