@@ -589,7 +589,12 @@ std::vector<Finding> CheckRecord(const SCHEDULE_OBJECT& record) {
     }
   };
   const auto flag = [&](const char* key, std::uint32_t value) {
-    if (value != 0 && (value & 0xFF) == 0) warn(key, "has a low byte of 0: the service would take it as off", "0, 1");
+    if (value == 0) return;
+    if ((value & 0xFF) == 0) {
+      warn(key, "has a low byte of 0: the service would take it as off", "0, 1");
+    } else if ((value & 0xFF) != 1) {
+      warn(key, "isn't 1: the service would take it as off at its next start", "0, 1");
+    }
   };
   const auto date = [&](const char* key, std::int32_t value) {
     if (value > ZEP_MAX_TIME) warn(key, "lies behind 2037; the service would not apply it");
@@ -621,6 +626,14 @@ std::vector<Finding> CheckRecord(const SCHEDULE_OBJECT& record) {
   if (rules.bLastDayOfMonth != 0) {
     warn("bLastDayOfMonth", "is not read; the last day of the month is adwDaysOfMonth[31]");
   }
+  const auto dates = [&](const char* key, const std::array<std::int32_t, kSpecificDateCount>& list) {
+    const auto* const end = std::find(list.begin(), list.end(), 0);
+    if (std::any_of(list.begin(), end, [](std::int32_t value) { return value > ZEP_MAX_TIME; })) {
+      warn(key, "has a date behind 2037; the service would not apply it");
+    }
+  };
+  dates("alIncludeDates", rules.alIncludeDates);
+  dates("alExcludeDates", rules.alExcludeDates);
   if (rules.alIncludeDates.back() != 0 &&
       std::find(rules.alIncludeDates.begin(), rules.alIncludeDates.end(), 0) == rules.alIncludeDates.end()) {
     warn("alIncludeDates", "has more than 364 dates; the service would take the exclude dates for include dates too",

@@ -45,11 +45,11 @@ struct SCHEDULE_RULE {                                           // when a sched
   std::int32_t lStartTime = 0;                                   // 0: not given
   std::int32_t lEndTime = 0;                                     // 0: not given
   std::uint32_t dwTimeDuration = 0;                              // milliseconds; 0: not given; wins over the end
-  std::uint32_t bEffectiveDate = 0;                              // not 0: the next one counts
+  std::uint32_t bEffectiveDate = 0;                              // 1: the next one counts; 2 to 255 till the next start
   std::int32_t lEffectiveDate = 0;                               // first date of validity
-  std::uint32_t bRestartInterval = 0;                            // not 0: the next one counts
+  std::uint32_t bRestartInterval = 0;                            // 1: the next one counts; 2 to 255 till the next start
   std::uint32_t dwRestartInterval = 0;                           // milliseconds
-  std::uint32_t bRepeatInterval = 0;                             // not 0: the next one counts
+  std::uint32_t bRepeatInterval = 0;                             // 1: the next one counts; 2 to 255 till the next start
   std::int32_t dwRepeatInterval = 0;                             // days. Deliberate: signed, unlike its neighbour
   std::int32_t lAnchorDate = 0;                                  // date from which the repeat counts; 0: not given
   std::array<std::int16_t, kDaysOfMonthCount> adwDaysOfMonth{};  // not 0: that day, by index

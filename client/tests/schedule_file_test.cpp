@@ -729,6 +729,30 @@ TEST(CheckRecord, WarnsOfEveryValueThatTheServiceWouldDrop) {
   EXPECT_TRUE(qx::CheckRecord(SCHEDULE_OBJECT{}).empty());
 }
 
+TEST(CheckRecord, WarnsOfAFlagThatTheServiceKeepsAsOneOnly) {
+  SCHEDULE_OBJECT record;
+  for (const std::uint32_t on : {1u, 0x101u}) {
+    record.stScheduleRules.bEffectiveDate = on;
+    EXPECT_THAT(qx::CheckRecord(record), testing::IsEmpty()) << on;
+  }
+  for (const std::uint32_t lost : {2u, 255u, 0xFFFFFFFFu}) {
+    record.stScheduleRules.bEffectiveDate = lost;
+    const std::vector<Finding> findings = qx::CheckRecord(record);
+    ASSERT_EQ(findings.size(), 1u) << lost;
+    EXPECT_EQ(findings[0].text, "bEffectiveDate isn't 1: the service would take it as off at its next start");
+  }
+}
+
+TEST(CheckRecord, WarnsOfADateOfAListThatTheServiceWouldNotApply) {
+  SCHEDULE_OBJECT record;
+  record.stScheduleRules.alExcludeDates[1] = 2147483647;  // behind the end of the list
+  EXPECT_THAT(qx::CheckRecord(record), testing::IsEmpty());
+  record.stScheduleRules.alExcludeDates[0] = 1700000000;
+  const std::vector<Finding> findings = qx::CheckRecord(record);
+  ASSERT_EQ(findings.size(), 1u);
+  EXPECT_EQ(findings[0].text, "alExcludeDates has a date behind 2037; the service would not apply it");
+}
+
 TEST(CheckRecord, HasNothingAgainstAnEndThatStandsWhereTheDurationPutsIt) {
   struct Case {
     int line;
