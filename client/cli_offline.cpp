@@ -183,6 +183,7 @@ std::vector<ShownWindow> ComputeWindows(const SCHEDULE_OBJECT& record, std::int6
     excluded.push_back(LocalDay(date, zone));
   }
   std::sort(excluded.begin(), excluded.end());
+  excluded.erase(std::unique(excluded.begin(), excluded.end()), excluded.end());
   ZepTime startTime = 0;
   (void)schedule->get_StartTime(&startTime);
   const std::int32_t opensAt = LocalTimeOfDay(startTime, zone);
