@@ -13,6 +13,9 @@ namespace {
 // The service rests from lists this many times as long as the last one took.
 constexpr std::uint32_t kListRest = 20;
 
+constexpr const char* kNotHeard = "no launch was heard";
+constexpr const char* kGone = "the schedule is gone";
+
 std::string TextOf(const ScheduleGuid& id) {
   return platform::Utf8FromWide(platform::GuidText(id));
 }
@@ -56,6 +59,16 @@ void HistoryRecorder::SetName(const std::string& schedule, const std::string& na
   m_changes[schedule] = facts;
 }
 
+void HistoryRecorder::Leave(const std::string& schedule, HistoryKind suspected, const char* reason) {
+  if (const auto seen = m_suspicions.find(schedule); seen != m_suspicions.end()) {
+    Make(suspected, schedule, seen->second.window, seen->second.next, reason);
+  }
+  const auto at = m_known.find(schedule);
+  if (at != m_known.end() && at->second.next >= 0 && at->second.next <= platform::NowSeconds()) {
+    Make(HistoryKind::kUnknown, schedule, at->second.next, std::nullopt, kGone);
+  }
+}
+
 void HistoryRecorder::Forget(const std::string& schedule) {
   m_suspicions.erase(schedule);
   const auto at = m_known.find(schedule);
@@ -88,6 +101,8 @@ void HistoryRecorder::Schedule_Modify(const ScheduleGuid& id) {
 void HistoryRecorder::Schedule_Delete(const ScheduleGuid& id) {
   const std::string schedule = TextOf(id);
   m_touched.insert(schedule);
+  // Its launch would have been heard ahead of this.
+  Leave(schedule, HistoryKind::kMissed, kNotHeard);
   Make(HistoryKind::kDeleted, schedule, std::nullopt, std::nullopt);
   Forget(schedule);
 }
@@ -224,14 +239,12 @@ void HistoryRecorder::TakeList(const std::vector<ListRow>& rows) {
     SetName(schedule, platform::Utf8FromWide(row.name));
     m_stuck |= row.nextWindow >= 0 && row.nextWindow + kGraceSeconds <= now;
   }
-  std::vector<std::pair<std::string, std::int64_t>> gone;
+  std::vector<std::string> gone;
   for (const auto& [schedule, facts] : m_known) {
-    if (!listed.contains(schedule) && !m_touched.contains(schedule)) gone.emplace_back(schedule, facts.next);
+    if (!listed.contains(schedule) && !m_touched.contains(schedule)) gone.push_back(schedule);
   }
-  for (const auto& [schedule, window] : gone) {
-    if (window >= 0 && window <= now) {
-      Make(HistoryKind::kUnknown, schedule, window, std::nullopt, "the schedule is gone");
-    }
+  for (const std::string& schedule : gone) {
+    Leave(schedule, HistoryKind::kUnknown, kGone);
     Forget(schedule);
   }
   m_absences.clear();
@@ -274,7 +287,7 @@ void HistoryRecorder::Settle() {
       ++at;
       continue;
     }
-    Make(HistoryKind::kMissed, at->first, at->second.window, at->second.next, "no launch was heard");
+    Make(HistoryKind::kMissed, at->first, at->second.window, at->second.next, kNotHeard);
     at = m_suspicions.erase(at);
   }
 }

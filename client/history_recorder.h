@@ -5,8 +5,7 @@
 //   launch that failed counts as one there, so an entry "launch" says that the service came to it, no more. Jobs that
 //   start through run_now raise no such event.
 // - A window that the service passes over without a launch raises nothing. It shows when the window that was due lies
-// in
-//   the past, no launch was heard, and the list has another window.
+//   in the past, no launch was heard, and the list has another window.
 // - A window between the leaving of one process of the service and the coming of the next can't have been launched.
 //   When it was the same process, only its link to the bus was lost, and it may have launched.
 // - What passed while nobody recorded can't be known.
@@ -109,6 +108,9 @@ class HistoryRecorder : public ISchedulerServiceEvents {
             std::optional<std::int64_t> next, std::string reason = "");
   // A window that is past, of a schedule that is about to be given `next`.
   void Judge(const std::string& schedule, std::int64_t window, std::int64_t next, std::int64_t now);
+  // Makes entries of what is open of a schedule that goes.
+  //   suspected  what a window is that seems to have passed without a launch
+  void Leave(const std::string& schedule, HistoryKind suspected, const char* reason);
   void SetNext(const std::string& schedule, std::int64_t next);
   void SetName(const std::string& schedule, const std::string& name);
   void Forget(const std::string& schedule);

@@ -121,6 +121,32 @@ TEST_F(Recorder, FindsAWindowThatTheServicePassedOver) {
   EXPECT_THAT(Take(), ElementsAre("missed 10 100 no launch was heard"));
 }
 
+TEST_F(Recorder, KeepsAWindowThatWasPassedOverWhenItsScheduleIsDeletedBeforeThatIsBelieved) {
+  Begin({Row(kRecorderNow + 10)});
+  Wait(16);
+  List({Row(kRecorderNow + 100)});
+  recorder.Schedule_Delete(Id());
+  EXPECT_THAT(Take(), ElementsAre("missed 10 100 no launch was heard", "deleted - -"));
+}
+
+TEST_F(Recorder, DoesNotKnowOfADueWindowWhoseScheduleIsDeleted) {
+  Begin({Row(kRecorderNow + 10), Row(kRecorderNow + 11, 2), Row(kRecorderNow - 1, 3)});
+  Wait(10);
+  for (const std::uint32_t number : {1, 2, 3}) recorder.Schedule_Delete(Id(number));
+  EXPECT_THAT(Take(), ElementsAre("unknown 10 - the schedule is gone", "deleted - -", "deleted - -",
+                                  "unknown -1 - the schedule is gone", "deleted - -"));
+}
+
+TEST_F(Recorder, DoesNotKnowOfAPassedWindowWhoseScheduleIsGoneUnheard) {
+  Begin({Row(kRecorderNow + 10)});
+  Wait(16);
+  List({Row(kRecorderNow + 100)});
+  List({});
+  Wait(5);
+  recorder.Settle();
+  EXPECT_THAT(Take(), ElementsAre("unknown 10 100 the schedule is gone"));
+}
+
 TEST_F(Recorder, BelievesALaunchThatIsHeardBehindTheList) {
   Begin({Row(kRecorderNow + 10)});
   Wait(16);
