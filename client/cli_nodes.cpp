@@ -47,16 +47,6 @@ void WarnOfLength(CliContext& context, std::size_t size) {
                          std::to_string(kLongestNodeBody) + ": they will refuse it");
 }
 
-// Of a value, which stands in the body as it is, what the other nodes' parser refuses; empty for nothing.
-std::string_view WhatCantBeCarried(std::u16string_view text) {
-  if (text.find_first_of(u"<&") != text.npos) return R"(a "<" or "&")";
-  if (text.find(u"]]>") != text.npos) return R"(a "]]>")";
-  const bool refused = std::any_of(text.begin(), text.end(), [](char16_t c) {
-    return c < 0x20 && c != u'\t' && c != u'\n' && c != u'\r';
-  });
-  return refused ? "a control character" : "";
-}
-
 // What the other nodes won't take is told ahead; it is sent all the same.
 void WarnOfRecord(CliContext& context, const SCHEDULE_OBJECT& schedule) {
   WarnOfLength(context, NodeBodySize(schedule));
@@ -65,7 +55,7 @@ void WarnOfRecord(CliContext& context, const SCHEDULE_OBJECT& schedule) {
     const std::string_view what = WhatCantBeCarried(text);
     if (what.empty()) continue;
     PrintNote(context, "warning: \"" + Utf8FromWide(text) + "\" has " + std::string(what) +
-                           ", which can't be carried: the other nodes will refuse the operation");
+                           ", which can't be carried: the other nodes will refuse the operation or read another text");
   }
 }
 
@@ -237,6 +227,15 @@ std::string Quoted(const std::string& word, bool program) {
 }
 
 }  // namespace
+
+std::string_view WhatCantBeCarried(std::u16string_view text) {
+  if (text.find_first_of(u"<&") != text.npos) return R"(a "<" or "&")";
+  if (text.find(u"]]>") != text.npos) return R"(a "]]>")";
+  const bool refused = std::any_of(text.begin(), text.end(), [](char16_t c) {
+    return c < 0x20 && c != u'\t' && c != u'\n' && c != u'\r';
+  });
+  return refused ? "a control character" : "";
+}
 
 std::size_t NodeBodySize(const SCHEDULE_OBJECT& schedule) {
   std::size_t size = kEmptyFormA.size() + 1 + std::to_string(schedule.dwTaskOpCode).size();

@@ -22,6 +22,10 @@ namespace qx {
 
 struct CommandChoice;
 
+// Of a value, which stands in the body as it is, what the other nodes' parser refuses or, as "&amp;", reads as another
+// text, for a message; empty for nothing.
+[[nodiscard]] std::string_view WhatCantBeCarried(std::u16string_view text);
+
 // The longest body of an operation that a node takes, in bytes of UTF-8 with its NUL.
 inline constexpr std::size_t kLongestNodeBody = 4900;
 // The length of the body that a creation or modification of this record sends.
