@@ -1,11 +1,10 @@
 // A service that says anything: commands show it without obeying it, and change only what they were asked to.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <iostream>
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <set>
 
 #include "client/cli_offline.h"
@@ -14,6 +13,7 @@
 #include "client/schedule_file.h"
 #include "client/schedule_keys.h"
 #include "client/tests/online_fixture.h"
+#include "client/tests/random_records.h"
 #include "client/time_text.h"
 #include "common/schedule_adapter.h"
 
@@ -23,131 +23,10 @@ constexpr std::int64_t kNow = 1796040000;  // that of the fixture
 constexpr std::int32_t kDay = 86400;
 constexpr std::int32_t kFirstDate = -24854 * kDay;  // 1901-12-15
 
-// What texts are made of: letters and signs, what forms and terminals obey, what names paths, what is no character.
-const std::u16string kPieces[] = {
-    u"night", u"a", u"B", u"7", u"\u00e4", u"\u65e5\u672c", u"\U0001F600", u" ", u"  ", u"\"", u"\"\"\"", u"'", u"\\",
-    u"\\n", u",", u", ", u" = ", u"=", u"#", u"[", u"]", u"[days]", u"{", u"}", u"\t", u"\u001b[31m", u"\u0007",
-    u"\u007f", u"\u0085", u"\u009b2J", u"\u061c", u"\u202e", u"\u2028", u"\u2066", u"\ufeff",
-    u"../", u"/", u"/bin/true", u"-", u"--yes", u"%s%n", u"$(id)", u"`", u";", u"&", u"<b>", u"]]>", u"|", u"*", u"~",
-    std::u16string(300, u'x'), u"true", u"1979-05-27", u"0"};
-// No client can send these.
-const std::u16string kUnsendable[] = {u"\n", u"\r", u"\r\n", u"\uffff", u"\ufdd0", std::u16string(1, u'\xD800')};
-
-class AnyService : public CliOnline {
+class AnyService : public CliOnline, protected RandomRecords {
  protected:
-  // QX_SEED sets the random generator's start (it is printed), QX_CASES the number of cases.
-  AnyService() {
-    const char* const seed = std::getenv("QX_SEED");
-    m_seed = seed != nullptr ? std::strtoull(seed, nullptr, 10) : 1;
-    m_random.seed(m_seed);
-    std::cout << "QX_SEED=" << m_seed << "\n";
-  }
+  AnyService() : RandomRecords(kNow, "/tmp") {}
 
-  static int Cases(int usual) {
-    const char* const cases = std::getenv("QX_CASES");
-    return cases != nullptr ? std::atoi(cases) : usual;
-  }
-  std::int64_t Below(std::int64_t end) {
-    return static_cast<std::int64_t>(m_random() % static_cast<std::uint64_t>(end));
-  }
-  bool OneIn(std::int64_t n) { return Below(n) == 0; }
-  template <class T, std::size_t N>
-  const T& OneOf(const T (&values)[N]) {
-    return values[Below(N)];
-  }
-
-  std::u16string Text(bool anyAtAll) {
-    std::u16string text;
-    for (std::int64_t left = Below(6); left > 0; --left) {
-      text += anyAtAll && OneIn(12) ? OneOf(kUnsendable) : OneOf(kPieces);
-    }
-    return text;
-  }
-  BSTR MaybeText(bool anyAtAll) { return OneIn(4) ? BSTR() : BSTR(Text(anyAtAll)); }
-  std::int32_t AnyNumber() {
-    static constexpr std::int32_t kNumbers[] = {0, 1, -1, -2, 86399, 86400, 1796040000,
-                                                std::numeric_limits<std::int32_t>::min(),
-                                                std::numeric_limits<std::int32_t>::max()};
-    return OneIn(3) ? static_cast<std::int32_t>(m_random()) : OneOf(kNumbers);
-  }
-  std::uint32_t AnyUnsigned() { return static_cast<std::uint32_t>(AnyNumber()); }
-  std::int32_t Instant() { return static_cast<std::int32_t>(kNow + (Below(800) - 400) * kDay + Below(kDay)); }
-
-  // Milliseconds, up to a day; whole seconds or not.
-  std::uint32_t Span() {
-    return static_cast<std::uint32_t>(OneIn(2) ? 1000 * Below(kDay) : Below(std::int64_t{1000} * kDay));
-  }
-
-  SCHEDULE_OBJECT Texts(bool anyAtAll) {
-    SCHEDULE_OBJECT record;
-    record.bstrName = MaybeText(anyAtAll);
-    record.bstrDescription = MaybeText(anyAtAll);
-    record.bstrApplication = MaybeText(anyAtAll);
-    record.bstrObjectID = MaybeText(anyAtAll);
-    record.bstrWrapperBinaryName = anyAtAll ? MaybeText(true) : BSTR(u"/bin/echo");
-    record.bstrXMLFilePathName = anyAtAll ? MaybeText(true) : BSTR(u"/tmp/x.xml");
-    record.bstrParameters = MaybeText(anyAtAll);
-    record.bstrPreScript = MaybeText(anyAtAll);
-    record.bstrPostScript = MaybeText(anyAtAll);
-    record.dwTaskOpCode = AnyUnsigned();
-    return record;
-  }
-
-  // Every value any that its type has.
-  SCHEDULE_OBJECT AnyRecord() {
-    SCHEDULE_OBJECT record = Texts(true);
-    record.bRunNow = AnyUnsigned();
-    record.bUseGUID = AnyUnsigned();
-    record.lNextTimeWindow = AnyNumber();
-    SCHEDULE_RULE& rules = record.stScheduleRules;
-    for (std::int32_t* value : {&rules.lStartTime, &rules.lEndTime, &rules.lEffectiveDate, &rules.dwRepeatInterval,
-                                &rules.lAnchorDate}) {
-      if (!OneIn(3)) *value = AnyNumber();
-    }
-    for (std::uint32_t* value : {&rules.dwTimeDuration, &rules.bEffectiveDate, &rules.bRestartInterval,
-                                 &rules.dwRestartInterval, &rules.bRepeatInterval, &rules.bLastDayOfMonth}) {
-      if (!OneIn(3)) *value = AnyUnsigned();
-    }
-    for (auto& day : rules.adwDaysOfMonth) day = static_cast<std::int16_t>(OneIn(3) ? AnyNumber() : 0);
-    for (auto* week : {&rules.dwDaysOfWeek0, &rules.dwDaysOfWeek1, &rules.dwDaysOfWeek2, &rules.dwDaysOfWeek3,
-                       &rules.dwDaysOfWeek4}) {
-      for (auto& day : *week) day = OneIn(2) ? AnyUnsigned() : 0;
-    }
-    for (auto* dates : {&rules.alIncludeDates, &rules.alExcludeDates}) {
-      const auto count = OneIn(8) ? dates->size() : static_cast<std::size_t>(Below(6));
-      for (std::size_t i = 0; i < count; ++i) (*dates)[i] = OneIn(2) ? Instant() : AnyNumber();
-    }
-    return record;
-  }
-
-  // What a client may send by the service's own interface; most of them are taken.
-  SCHEDULE_OBJECT LikelyRecord() {
-    SCHEDULE_OBJECT record = Texts(false);
-    record.bUseGUID = static_cast<std::uint32_t>(Below(2));
-    SCHEDULE_RULE& rules = record.stScheduleRules;
-    if (!OneIn(4)) rules.lStartTime = Instant();
-    if (OneIn(3)) rules.lEndTime = Instant();
-    if (OneIn(2)) rules.dwTimeDuration = Span();
-    if (OneIn(3)) rules.bEffectiveDate = OneIn(2) ? 1 : AnyUnsigned();
-    if (OneIn(2)) rules.lEffectiveDate = Instant();
-    if (OneIn(3)) rules.bRestartInterval = OneIn(2) ? 1 : AnyUnsigned();
-    if (OneIn(2)) rules.dwRestartInterval = Span() / 8;
-    if (OneIn(3)) rules.bRepeatInterval = OneIn(2) ? 1 : AnyUnsigned();
-    if (OneIn(2)) rules.dwRepeatInterval = static_cast<std::int32_t>(Below(40));
-    if (OneIn(2)) rules.lAnchorDate = Instant();
-    if (OneIn(2)) {
-      for (auto& day : rules.adwDaysOfMonth) day = static_cast<std::int16_t>(OneIn(5) ? Below(3) : 0);
-    }
-    for (auto* week : {&rules.dwDaysOfWeek0, &rules.dwDaysOfWeek1, &rules.dwDaysOfWeek2, &rules.dwDaysOfWeek3,
-                       &rules.dwDaysOfWeek4}) {
-      if (OneIn(3)) continue;
-      for (auto& day : *week) day = OneIn(2) ? static_cast<std::uint32_t>(Below(3)) : 0;
-    }
-    for (auto* dates : {&rules.alIncludeDates, &rules.alExcludeDates}) {
-      for (std::int64_t i = 0, count = OneIn(20) ? 365 : Below(5); i < count; ++i) (*dates)[i] = Instant();
-    }
-    return record;
-  }
   // As the service gives it back, when it takes it at all.
   std::optional<SCHEDULE_OBJECT> KeptRecord() {
     const SCHEDULE_OBJECT sent = LikelyRecord();
@@ -191,9 +70,6 @@ class AnyService : public CliOnline {
       rest.remove_prefix(std::min(line.size() + 1, rest.size()));
     }
   }
-
-  std::mt19937_64 m_random;
-  std::uint64_t m_seed = 1;
 };
 
 TEST_F(AnyService, IsAnsweredByAnyCommandInPlainTextAndWholeJson) {
@@ -208,9 +84,7 @@ TEST_F(AnyService, IsAnsweredByAnyCommandInPlainTextAndWholeJson) {
       {"skip", "--undo", kIdA}, {"run", kIdA}, {"edit", kIdA}, {"monitor"}, {"monitor", "--json"}, {"rm", kIdB},
       {"rm", kIdA, "--json"}};
   for (int i = 0, cases = Cases(5); i < cases; ++i) {
-    const std::uint64_t begun = m_random();
-    m_random.seed(begun);
-    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(m_seed));
+    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(Seed()));
     service.schedules = {{a, AnyRecord()}, {b, OneIn(2) ? AnyRecord() : LikelyRecord()}};
     service.damaged.clear();
     if (OneIn(2)) service.damaged.push_back(Text(true));
@@ -218,7 +92,7 @@ TEST_F(AnyService, IsAnsweredByAnyCommandInPlainTextAndWholeJson) {
     service.properties.stateDirectory = platform::Utf8FromWide(Text(true));
     static constexpr std::int64_t kWakeUps[] = {-1, 0, kTonight, std::numeric_limits<std::int64_t>::min(),
                                                 std::numeric_limits<std::int64_t>::max()};
-    service.properties.nextWakeUp = OneIn(3) ? static_cast<std::int64_t>(m_random()) : OneOf(kWakeUps);
+    service.properties.nextWakeUp = OneIn(3) ? static_cast<std::int64_t>(Next()) : OneOf(kWakeUps);
     service.properties.zone = OneIn(10) ? platform::Utf8FromWide(Text(true)) : "CET-1CEST,M3.5.0,M10.5.0/3";
     for (const std::vector<std::string>& words : commands) {
       const auto kept = service.schedules;
@@ -257,7 +131,7 @@ TEST_F(AnyService, GivesSchedulesWhoseFilesBringTheSameJobAtTheSameTimes) {
     const std::optional<SCHEDULE_OBJECT> kept = KeptRecord();
     if (!kept) continue;
     ++taken;
-    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(m_seed));
+    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(Seed()));
     const std::string text = qx::WriteScheduleFile(*kept, platform::CurrentZone());
     const qx::CheckedFile checked = qx::CheckText(text, true);
     std::string findings;
@@ -324,7 +198,7 @@ TEST_F(AnyService, KeepsOfARecordWhatNoWarningTellsOfAlsoOverARestart) {
     for (auto* dates : {&sentRules.alIncludeDates, &sentRules.alExcludeDates}) {
       for (std::int32_t& date : *dates) date = std::max(date, kFirstDate);
     }
-    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(m_seed));
+    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(Seed()));
     CZEPScheduleObj adapter;
     const qx::RuleObject rules = qx::NewRuleObject();
     adapter.m_pSchedule = rules.get();
@@ -364,7 +238,7 @@ TEST_F(AnyService, KeepsEverythingOfAScheduleButTheKeyThatIsSet) {
   for (int i = 0, cases = Cases(100); i < cases; ++i) {
     const std::optional<SCHEDULE_OBJECT> kept = KeptRecord();
     if (!kept) continue;
-    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(m_seed));
+    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(Seed()));
     service.schedules = {{a, *kept}};
     const Result result = Ask({"set", kIdA, "job.parameters=other " + std::to_string(i)});
     const SCHEDULE_OBJECT after = service.schedules[a];
@@ -390,7 +264,7 @@ TEST_F(AnyService, LeavesOutTheDayOfTheNextWindowAndNothingElseAndTakesItBack) {
   for (int i = 0, cases = Cases(100); i < cases; ++i) {
     std::optional<SCHEDULE_OBJECT> kept = KeptRecord();
     if (!kept) continue;
-    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(m_seed));
+    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(Seed()));
     Status status = kStatusOk;
     const auto before = qx::ComingWindows(*kept, kNow, kWindows, status);
     service.schedules = {{a, *kept}};
@@ -436,7 +310,7 @@ TEST_F(AnyService, IsToldWhyEachOfItsWindowsComesAndWhatIsLeftOutAheadOfIt) {
   for (int i = 0, cases = Cases(60); i < cases; ++i) {
     std::optional<SCHEDULE_OBJECT> kept = KeptRecord();
     if (!kept) continue;
-    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(m_seed));
+    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(Seed()));
     // A restart behind midnight may be of a day that is left out, too; a full list of include dates runs on into these.
     kept->stScheduleRules.bRestartInterval = 0;
     if (kept->stScheduleRules.alIncludeDates.back() != 0) continue;
