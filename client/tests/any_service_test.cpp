@@ -295,6 +295,42 @@ TEST_F(AnyService, LeavesOutTheDayOfTheNextWindowAndNothingElseAndTakesItBack) {
   EXPECT_GT(taken, Cases(100) / 10);
 }
 
+TEST_F(AnyService, HasSchedulesWhoseExportedFilesDifferInNothingAndBringThemAllToAnEmptyOne) {
+  const std::string directory = Path("exported");
+  std::size_t taken = 0;
+  for (int i = 0, cases = Cases(5); i < cases; ++i) {
+    SCOPED_TRACE("case " + std::to_string(i) + " of QX_SEED=" + std::to_string(Seed()));
+    std::filesystem::remove_all(directory);
+    service.schedules.clear();
+    std::vector<SCHEDULE_OBJECT> jobs;
+    for (std::uint32_t n = 0; n < 6; ++n) {
+      std::optional<SCHEDULE_OBJECT> kept = KeptRecord();
+      if (!kept) continue;
+      // Files are matched by name; some names make the same name of a file.
+      kept->bstrName = kept->bstrName.value_or(u"") + (OneIn(2) ? u"-" : u"+") + std::u16string(1 + n / 2, u' ') +
+                       std::u16string(1, static_cast<char16_t>(u'a' + n));
+      service.schedules[Id(0xAAAA0000 + n)] = *kept;
+      jobs.push_back(JobOf(*kept));
+    }
+    if (service.schedules.empty()) continue;
+    taken += service.schedules.size();
+    const Result exported = Ask({"export", "-o", directory});
+    ASSERT_EQ(exported.exit, qx::kExitDone) << exported.Told();
+    const Result same = Ask({"diff", "--exit-code", "--allow-relative-paths", directory});
+    EXPECT_EQ(same.exit, qx::kExitDone) << same.Told();
+    service.schedules.clear();
+    const Result applied = Ask({"apply", "--allow-relative-paths", directory});
+    ASSERT_EQ(applied.exit, qx::kExitDone) << applied.Told();
+    std::vector<SCHEDULE_OBJECT> made;
+    for (const auto& [id, record] : service.schedules) made.push_back(JobOf(record));
+    EXPECT_THAT(made, testing::UnorderedElementsAreArray(jobs)) << applied.Told();
+    const Result again = Ask({"diff", "--exit-code", "--allow-relative-paths", directory});
+    EXPECT_EQ(again.exit, qx::kExitDone) << again.Told();
+    if (HasFailure()) return;
+  }
+  EXPECT_GT(taken, 0u);
+}
+
 // The record without one of its exclude dates.
 SCHEDULE_OBJECT WithoutExclusion(SCHEDULE_OBJECT record, std::int64_t day) {
   auto& dates = record.stScheduleRules.alExcludeDates;
