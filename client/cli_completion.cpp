@@ -23,11 +23,16 @@ constexpr const char* kFiles = ":files";
 constexpr const char* kBashScript = R"script(# bash completion of qxsched; load it with: source <(qxsched completion bash)
 _qxsched() {
   local current=${COMP_WORDS[COMP_CWORD]} line value
+  local tick=\' ticked="'\\''" banged="\"'!'\""
   local -a words=("${COMP_WORDS[@]:1:COMP_CWORD}")
   COMPREPLY=()
   # The program wants the word itself, without the shell's quoting.
-  local bare=${current#[\"\']}
-  words[COMP_CWORD - 1]=${bare//\\/}
+  local bare=$current
+  case $current in
+    \'*) bare=${current#?} ;;
+    *) bare=${current#\"} bare=${bare//\\\\/$'\1'} bare=${bare//\\/} bare=${bare//$'\1'/\\} ;;
+  esac
+  words[COMP_CWORD - 1]=$bare
   while IFS= read -r line; do
     if [[ $line == :files ]]; then
       compopt -o default
@@ -35,11 +40,15 @@ _qxsched() {
     fi
     value=${line%%$'\t'*}
     [[ $value == *= ]] && compopt -o nospace
-    if [[ $current == [\"\']* ]]; then
-      COMPREPLY+=("$value")
-    else
-      COMPREPLY+=("$(printf %q "$value")")
-    fi
+    # Whatever a name holds, it is one word and nothing that the shell runs.
+    case $current in
+      \"*)
+        value=${value//\\/\\\\} value=${value//\"/\\\"} value=${value//\$/\\\$} value=${value//\`/\\\`}
+        COMPREPLY+=("${value//!/$banged}")
+        ;;
+      \'*) COMPREPLY+=("${value//$tick/$ticked}") ;;
+      *) COMPREPLY+=("$(printf %q "$value")") ;;
+    esac
   done < <("${1:-qxsched}" __complete "${words[@]}" 2>/dev/null)
 }
 complete -F _qxsched qxsched
@@ -62,7 +71,7 @@ _qxsched() {
     else
       shown+=("$value")
     fi
-  done < <("${words[1]}" __complete "${(@Q)words[2,CURRENT]}" 2>/dev/null)
+  done < <("${words[1]}" __complete "${(@Q)words[2,CURRENT-1]}" "${(Q)PREFIX}" 2>/dev/null)
   if (( ${#values} )); then
     if [[ ${values[1]} == *= ]]; then
       compadd -S '' -l -d shown -a values
@@ -87,7 +96,7 @@ function __qxsched_complete
         if test "$line" = :files
             __fish_complete_path "$current"
         else
-            echo $line
+            printf '%s\n' $line
         end
     end
 end

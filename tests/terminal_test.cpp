@@ -234,6 +234,50 @@ TEST_F(InAShell, BashCompletesCommandsOptionsAndNames) {
   ASSERT_TRUE(bash.WaitFor("window.start=")) << bash.Shown();
 }
 
+// A name that a shell would run, expand or end a word at, and its text in a schedule file.
+std::string HostileName(const std::string& mark) {
+  return "pay $(touch " + mark + ") `touch " + mark + "` $HOME !! \"d\" 's' \\w \\\\ &;|*";
+}
+std::string InToml(const std::string& text) {
+  std::string quoted;
+  for (const char c : text) {
+    if (c == '"' || c == '\\') quoted += '\\';
+    quoted += c;
+  }
+  return quoted;
+}
+
+TEST_F(InAShell, BashTakesANameForAWordHoweverItWasQuoted) {
+  const std::string mark = m_service.Jobs() + "/mark";
+  const std::string name = InToml(HostileName(mark));
+  (void)Add(name);
+  Terminal bash("/bin/bash", {"--norc", "--noprofile", "-i"}, ShellEnvironment(), 1000);
+  bash.Type("bind 'set bell-style none'; bind 'set enable-bracketed-paste off'; source <(qxsched completion bash); echo LOA''DED\n");
+  ASSERT_TRUE(bash.WaitFor("LOADED")) << bash.Shown();
+  for (const std::string open : {"", "\"", "'"}) {
+    bash.Type("qxsched --bus session show " + open + "pa\t\necho SHO''WN\n");
+    EXPECT_TRUE(bash.WaitFor("name = \"" + name + "\"")) << open << bash.Shown();
+    ASSERT_TRUE(bash.WaitFor("SHOWN")) << open << bash.Shown();
+    ASSERT_FALSE(std::filesystem::exists(mark)) << open << bash.Shown();
+  }
+}
+
+TEST_F(InAShell, ZshTakesANameForAWordHoweverItWasQuoted) {
+  ASSERT_TRUE(std::filesystem::exists("/usr/bin/zsh")) << "zsh isn't installed";
+  const std::string mark = m_service.Jobs() + "/mark";
+  const std::string name = InToml(HostileName(mark));
+  (void)Add(name);
+  Terminal zsh("/usr/bin/zsh", {"-f", "-i"}, ShellEnvironment(), 1000);
+  zsh.Type("unsetopt beep prompt_sp; autoload -U compinit; compinit -u -D; source <(qxsched completion zsh); echo LOA''DED\n");
+  ASSERT_TRUE(zsh.WaitFor("LOADED")) << zsh.Shown();
+  for (const std::string open : {"", "\"", "'"}) {
+    zsh.Type("qxsched --bus session show " + open + "pa\t\necho SHO''WN\n");
+    EXPECT_TRUE(zsh.WaitFor("name = \"" + name + "\"")) << open << zsh.Shown();
+    ASSERT_TRUE(zsh.WaitFor("SHOWN")) << open << zsh.Shown();
+    ASSERT_FALSE(std::filesystem::exists(mark)) << open << zsh.Shown();
+  }
+}
+
 TEST_F(InAShell, ZshCompletesCommandsAndNames) {
   ASSERT_TRUE(std::filesystem::exists("/usr/bin/zsh")) << "zsh isn't installed";
   (void)Add("nightly backup");
