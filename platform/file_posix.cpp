@@ -425,6 +425,14 @@ bool FileReplacement::IsBegun() const {
          own.st_dev == named.st_dev && own.st_ino == named.st_ino;
 }
 
+ErrorCode FileReplacement::LetAllRead() {
+  if (m_descriptor < 0) return ERROR_INVALID_HANDLE;
+  ErrorCode rc = FaultAt(Operation::kWriteFile, m_fresh);
+  if (rc == ERROR_SUCCESS && ::fchmod(m_descriptor, 0644) != 0) rc = ErrorCodeFromErrno(errno);
+  if (rc != ERROR_SUCCESS) Discard();
+  return rc;
+}
+
 ErrorCode FileReplacement::Finish() {
   if (m_descriptor < 0) return ERROR_INVALID_HANDLE;
   ErrorCode rc = ERROR_SUCCESS;

@@ -238,13 +238,14 @@ bool HasMode(const std::string& name, mode_t mode) {
 
 ErrorCode WriteFile(const std::string& name, const std::string& contents) {
   std::string present;
-  if (ReadWholeFile(name, present) != ERROR_SUCCESS || present != contents) {
-    if (const ErrorCode rc = ReplaceWholeFile(name, contents, Durable::kNo); rc != ERROR_SUCCESS) return rc;
-  } else if (HasMode(name, kFileMode)) {  // else an installation ended between text and mode
+  if (ReadWholeFile(name, present) == ERROR_SUCCESS && present == contents && HasMode(name, kFileMode)) {
     return ERROR_SUCCESS;
   }
-  if (const ErrorCode rc = FaultAt(Operation::kWriteFile, name); rc != ERROR_SUCCESS) return rc;
-  return chmod(name.c_str(), kFileMode) == 0 ? ERROR_SUCCESS : ErrorCodeFromErrno(errno);
+  FileReplacement file;
+  ErrorCode rc = file.Begin(name, contents, Durable::kNo);
+  // A bus daemon looks at a file as soon as it is there, and not again when its mode changes.
+  if (rc == ERROR_SUCCESS) rc = file.LetAllRead();
+  return rc == ERROR_SUCCESS ? file.Finish() : rc;
 }
 
 ErrorCode WriteLink(const std::string& name, const std::string& target) {

@@ -1,13 +1,16 @@
 #include "platform/service_files.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include "platform/file.h"
 #include "platform/testing/fault.h"
@@ -109,12 +112,48 @@ TEST_F(ServiceFiles, OthersReadTheFilesWhateverTheMaskOfTheInstallerIs) {
   }
 }
 
-TEST_F(ServiceFiles, AnInstallationThatFailedBehindAFilesTextIsMadeWholeByTheNextOne) {
+// A bus daemon looks at a file as soon as it bears its name, and not again when its mode changes.
+TEST_F(ServiceFiles, AFileCanBeReadByOthersBeforeItBearsItsName) {
+  std::map<std::string, mode_t> modes;
   {
-    const auto plan = FaultPlan::FailCall(Operation::kWriteFile, 1, ERROR_IO_DEVICE, kFromThenOn, m_folder + kPolicy);
+    const auto plan = FaultPlan::Ask([&](int, Operation operation, std::string_view) {
+      if (operation == Operation::kRenameFile) {
+        for (const std::string& name : Names()) {
+          if (name.ends_with(".new")) modes[name] = Mode(m_folder + name);
+        }
+      }
+      return ERROR_SUCCESS;
+    });
+    ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
+    ASSERT_EQ(InstallAccount(m_installation, "daemon", m_failed), ERROR_SUCCESS);
+  }
+  EXPECT_EQ(modes.size(), 6u);
+  for (const auto& [name, mode] : modes) EXPECT_EQ(mode, 0644u) << name;
+}
+
+TEST_F(ServiceFiles, AFileThatOthersCannotReadIsReplaced) {
+  ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
+  const std::string policy = m_folder + kPolicy;
+  ASSERT_EQ(chmod(policy.c_str(), 0600), 0);
+  struct stat before {}, after {};
+  ASSERT_EQ(stat(policy.c_str(), &before), 0);
+  const int held = open(policy.c_str(), O_RDONLY | O_CLOEXEC);  // so that its number isn't given again
+  ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
+  ASSERT_EQ(stat(policy.c_str(), &after), 0);
+  close(held);
+  EXPECT_EQ(after.st_mode & 07777, 0644u);
+  EXPECT_NE(after.st_ino, before.st_ino);
+}
+
+TEST_F(ServiceFiles, AFileWhoseModeCannotBeSetIsNotThere) {
+  const std::string fresh = m_folder + "/usr/share/dbus-1/system.d/.com.example.Sched1.conf.new";
+  {
+    const auto plan = FaultPlan::FailCall(Operation::kWriteFile, 2, ERROR_IO_DEVICE, kOnce, fresh);
     EXPECT_EQ(InstallFiles(m_installation, m_failed), ERROR_IO_DEVICE);
     EXPECT_EQ(m_failed, m_folder + kPolicy);
   }
+  EXPECT_FALSE(fs::exists(m_folder + kPolicy));
+  EXPECT_FALSE(fs::exists(fresh));
   ASSERT_EQ(InstallFiles(m_installation, m_failed), ERROR_SUCCESS);
   EXPECT_EQ(Mode(m_folder + kPolicy), 0644u);
 }
