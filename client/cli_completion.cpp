@@ -91,7 +91,8 @@ fi
 constexpr const char* kFishScript = R"script(# fish completion of qxsched; load it with: qxsched completion fish | source
 function __qxsched_complete
     set -l typed (commandline -opc)
-    set -l current (commandline -ct)
+    # The program wants the word itself, without the shell's quoting.
+    set -l current (commandline -ct | string replace -r '^["\']' '' | string unescape)
     for line in ($typed[1] __complete $typed[2..] "$current" 2>/dev/null)
         if test "$line" = :files
             __fish_complete_path "$current"

@@ -102,8 +102,8 @@ class FileReplacement {
   void HaveDiskBegin() const;
   // False when nothing was begun, or another writer of the name took the new file's name meanwhile.
   [[nodiscard]] bool IsBegun() const;
-  // Lets everybody read the new file (mode 0644), whatever the old one's mode is: ahead of Finish(), so that nobody finds
-  // it under its name and can't. On failure it goes, as with Discard().
+  // Lets everybody read the new file (mode 0644), whatever the old one's mode is: ahead of Finish(), so that nobody
+  // finds it under its name and can't. On failure it goes, as with Discard().
   //   returns  as ReplaceWholeFile; ERROR_INVALID_HANDLE (6) when nothing was begun
   [[nodiscard]] ErrorCode LetAllRead();
   // Puts the new file in place. On failure it goes, as with Discard().

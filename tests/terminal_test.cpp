@@ -309,6 +309,8 @@ TEST_F(InAShell, FishCompletesCommandsOptionsAndNames) {
   EXPECT_THAT(complete("qxsched --bus session sho"), HasSubstr("show\tShow a schedule"));
   EXPECT_THAT(complete("qxsched --bus session show nigh"), HasSubstr("nightly backup\t/bin/true"));
   EXPECT_THAT(complete("qxsched list --no-le"), HasSubstr("--no-legend"));
+  EXPECT_THAT(complete("qxsched --bus session show \"nigh"), HasSubstr("nightly backup"));
+  EXPECT_THAT(complete("qxsched --bus session show nightly\\ ba"), HasSubstr("nightly backup"));
 }
 
 }  // namespace
