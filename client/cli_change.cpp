@@ -236,10 +236,7 @@ std::string FileNameOf(const Target& target, const SCHEDULE_OBJECT& record, std:
   const std::string id = IdText(target.id);
   const std::string digits = id.substr(1, id.size() - 2);
   if (stem.empty() || stem.size() > kLongestStem) stem = digits;
-  if (!taken.insert(stem).second) {
-    stem += "-" + digits;
-    taken.insert(stem);
-  }
+  while (!taken.insert(stem).second) stem += "-" + digits;  // a name may end in another's digits
   return stem + ".toml";
 }
 

@@ -374,6 +374,17 @@ TEST_F(CliChange, ExportsOneScheduleToTheOutput) {
   EXPECT_EQ(Ask({"check", Write("exported.toml", result.out)}).exit, 0);
 }
 
+TEST_F(CliChange, ExportsEachScheduleToAFileOfItsOwnWhateverItsName) {
+  Have(Id(0xAAAA1111), u"a-AAAA3333-0000-4001-8000-000000000000", kTonight);
+  Have(Id(0xAAAA2222), u"a", kTonight);
+  Have(Id(0xAAAA3333), u"a", kTonight);
+  const Result result = Ask({"export", "-o", Path("out")});
+  EXPECT_EQ(result.exit, 0) << result.Told();
+  std::size_t files = 0;
+  for ([[maybe_unused]] const auto& file : std::filesystem::directory_iterator(Path("out"))) ++files;
+  EXPECT_EQ(files, service.schedules.size()) << result.Told();
+}
+
 TEST_F(CliChange, ExportsSeveralIntoADirectory) {
   Have(Id(0xBBBB1111), u"daily", -1);
   Have(Id(0xCCCC1111), u"../we/ird \u00E4", -1);
