@@ -66,6 +66,12 @@ int FilesOf(CliContext& context, const std::string& path, std::vector<std::strin
   return kExitNotFound;
 }
 
+// Whether the service would have another name of the schedule after a start: the file would find it no more.
+bool HasPassingName(const SCHEDULE_OBJECT& record) {
+  const std::vector<Finding> findings = CheckRecord(record);
+  return std::any_of(findings.begin(), findings.end(), [](const Finding& f) { return f.key == "bstrName"; });
+}
+
 // Reads and checks every file; all findings are told.
 int ReadFiles(CliContext& context, const std::vector<std::string>& files, bool allowRelativePaths,
               std::vector<Item>& items) {
@@ -89,6 +95,10 @@ int ReadFiles(CliContext& context, const std::vector<std::string>& files, bool a
     const std::u16string name = checked.record.bstrName.value_or(u"");
     if (name.empty()) {
       PrintError(context, file + ": has no name: a file belongs to the schedule that bears its name");
+      refuse(kExitRulesRefused);
+    } else if (HasPassingName(checked.record)) {
+      PrintError(context, file + ": has a name that the service would change at its next start: a file belongs to the "
+                                 "schedule that bears its name");
       refuse(kExitRulesRefused);
     } else if (const auto [at, fresh] = names.emplace(name, file); !fresh) {
       PrintError(context, file + ": has the name of " + at->second + ": \"" + Utf8FromWide(name) + "\"");

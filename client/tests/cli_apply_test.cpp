@@ -90,6 +90,19 @@ TEST_F(CliApply, TakesNoTwoFilesOfOneNameAndNoneWithout) {
   EXPECT_EQ(service.schedules.at(Id(0xAAAA1111)).bstrParameters, u"-v one");
 }
 
+// The next apply would find no schedule of the file's name, and make another one.
+TEST_F(CliApply, TakesNoNameThatTheServiceWouldChangeAtItsNextStart) {
+  for (const std::string& name : {std::string("blank "), std::string("'quoted'"), std::string(256, 'n')}) {
+    const std::string file = File("a.toml", name, "-v two");
+    for (const char* command : {"apply", "diff"}) {
+      const Result result = Ask({command, file});
+      EXPECT_EQ(result.exit, 5) << name;
+      EXPECT_THAT(result.err, HasSubstr("a file belongs to the schedule that bears its name")) << name;
+    }
+  }
+  EXPECT_EQ(service.schedules.size(), 1u);
+}
+
 TEST_F(CliApply, RefusesAChangeOfAFixedKey) {
   service.schedules.at(Id(0xAAAA1111)).bstrApplication = u"other";
   const Result result = Ask({"apply", File("a.toml", "daily", "-v two")});
