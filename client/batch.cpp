@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <streambuf>
 
+#include "client/json_text.h"
 #include "client/rule_object.h"
 #include "client/schedule_json.h"
 #include "common/schedule_adapter.h"
@@ -149,7 +150,7 @@ std::string ErrorLine(const json& id, const std::string& text) {
   ordered_json out = ordered_json::object();
   out["id"] = ordered_json(id);
   out["error"] = text;
-  return out.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+  return JsonText(out);
 }
 
 // The next line of a stream; what goes beyond the limit is read and dropped.
@@ -184,7 +185,7 @@ std::string AnswerBatchLine(std::string_view line) {
     ordered_json out = ordered_json::object();
     out["id"] = ordered_json(id);
     out.update(Answer(ReadQuery(query)));
-    return out.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+    return JsonText(out);
   } catch (const json::parse_error& error) {
     return ErrorLine(id, "the line isn't JSON, byte " + std::to_string(error.byte));
   } catch (const QueryError& error) {

@@ -10,6 +10,7 @@
 #include "client/backup.h"
 #include "client/cli_offline.h"
 #include "client/cli_session.h"
+#include "client/json_text.h"
 #include "client/schedule_file.h"
 #include "client/schedule_keys.h"
 #include "client/status_text.h"

@@ -13,6 +13,7 @@
 #include "client/calendar_text.h"
 #include "client/cli_offline.h"
 #include "client/cli_session.h"
+#include "client/json_text.h"
 #include "client/status_text.h"
 #include "client/time_text.h"
 #include "platform/file.h"

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "client/cli_key_store.h"
+#include "client/json_text.h"
 #include "client/status_text.h"
 #include "common/registry_keys.h"
 #include "common/service_install.h"
@@ -108,7 +109,7 @@ int Show(CliContext& context) {
     shown["filter"] = words;
     shown["flags"] = stored.flags;
     shown["size_kib"] = stored.kibibytes;
-    context.out << shown.dump() << "\n";
+    WriteJson(context.out, shown);
     return kExitDone;
   }
   std::string filter;
@@ -321,9 +322,7 @@ int RunConfigGet(CliContext& context, const std::string& name) {
         context.out << padded << (value.empty() ? "-" : Printable(value)) << "\n";
       }
     }
-    if (context.options.json) {
-      context.out << listing.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
-    }
+    if (context.options.json) WriteJson(context.out, listing);
     return static_cast<int>(kExitDone);
   });
 }

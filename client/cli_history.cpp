@@ -11,6 +11,7 @@
 #include "client/cli_session.h"
 #include "client/history_store.h"
 #include "client/history_text.h"
+#include "client/json_text.h"
 #include "client/schedule_word.h"
 #include "client/time_text.h"
 #include "platform/clock.h"

@@ -12,6 +12,7 @@
 
 #include "client/cli_session.h"
 #include "client/findings.h"
+#include "client/json_text.h"
 #include "client/time_text.h"
 #include "platform/clock.h"
 

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "client/cli_session.h"
+#include "client/json_text.h"
 #include "client/status_text.h"
 #include "platform/clock.h"
 #include "platform/event.h"

@@ -8,6 +8,7 @@
 
 #include "client/cli_app.h"
 #include "client/cli_session.h"
+#include "client/json_text.h"
 #include "client/output_lock.h"
 #include "client/schedule_json.h"
 #include "client/status_text.h"
@@ -90,7 +91,7 @@ bool ShowResults(CliContext& context, const NodeNames& names, const NodeResults&
   }
   if (context.options.json) {
     const platform::MutexLock hold(OutputLock());
-    context.out << ordered_json{{"nodes", list}}.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << "\n";
+    WriteJson(context.out, ordered_json{{"nodes", list}});
   }
   return all;
 }

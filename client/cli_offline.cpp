@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "client/batch.h"
+#include "client/json_text.h"
 #include "client/rule_object.h"
 #include "client/schedule_file.h"
 #include "client/schedule_json.h"
@@ -318,7 +319,7 @@ void PrintWindowJson(CliContext& context, const std::vector<ShownWindow>& window
   ordered_json out = ordered_json::object();
   out["zone"] = ZoneName(platform::CurrentZone());
   out["windows"] = std::move(list);
-  context.out << out.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << "\n";
+  WriteJson(context.out, out);
 }
 
 // --- check -----------------------------------------------------------------------------------------------------------
@@ -485,7 +486,7 @@ int RunCheck(CliContext& context, const CheckArguments& arguments) {
     }
   }
   if (context.options.json) {
-    context.out << report.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << "\n";
+    WriteJson(context.out, report);
   }
   return exit;
 }

@@ -19,6 +19,7 @@
 #include "client/history_recorder.h"
 #include "client/history_store.h"
 #include "client/history_text.h"
+#include "client/json_text.h"
 #include "client/status_text.h"
 #include "client/time_text.h"
 #include "platform/clock.h"

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "client/cli_key_store.h"
+#include "client/json_text.h"
 #include "platform/registry.h"
 #include "platform/registry_sub_keys.h"
 #include "platform/text.h"
@@ -326,7 +327,7 @@ int RegList(std::string_view keyText, bool json, std::ostream& out, std::ostream
   if (code == platform::ERROR_SUCCESS) code = Collect(key, listing);
   if (code != platform::ERROR_SUCCESS) return ComplainOfCode(err, QuotedLine(keyText), code);
   if (json) {
-    out << listing.dump() << '\n';
+    WriteJson(out, listing);
   } else {
     PrintPlain(listing, out);
   }
@@ -347,7 +348,7 @@ int RegGet(std::string_view keyText, std::string_view name, bool json, std::ostr
   if (code != platform::ERROR_SUCCESS) return ComplainOfCode(err, QuotedLine(keyText) + " " + QuotedLine(name), code);
   const nlohmann::ordered_json value = ShowValue(wideName, type, bytes);
   if (json) {
-    out << value.dump() << '\n';
+    WriteJson(out, value);
     return kExitDone;
   }
   const auto& data = value["data"];

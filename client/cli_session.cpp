@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <ostream>
 #include <utility>
@@ -22,7 +21,6 @@
 namespace qx {
 namespace {
 
-using nlohmann::ordered_json;
 using platform::Utf8FromWide;
 
 bool IsGone(const platform::BusError& error) {
@@ -54,10 +52,6 @@ const char* HintOfReading(Status status) {
 }
 
 }  // namespace
-
-void WriteJson(std::ostream& out, const ordered_json& json) {
-  out << json.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << "\n";
-}
 
 std::string IdText(const ScheduleGuid& id) {
   return Utf8FromWide(platform::GuidText(id));

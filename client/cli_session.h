@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -20,7 +19,6 @@ namespace qx {
 
 // --- how things are written ---
 
-void WriteJson(std::ostream& out, const nlohmann::ordered_json& json);
 // With braces.
 [[nodiscard]] std::string IdText(const ScheduleGuid& id);
 // Name of the zone in force.
