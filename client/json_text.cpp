@@ -11,7 +11,7 @@
 namespace qx {
 namespace {
 
-// Of well-formed UTF-8 the character of two or three bytes, or U+007F, that begins at `at`; all controls are among them.
+// Of well-formed UTF-8 the character of one to three bytes that begins at `at`; all controls are among them.
 char32_t ShortCharacter(const std::string& text, std::size_t at, std::size_t& size) {
   const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[at + i]); };
   size = byte(0) < 0x80 ? 1 : byte(0) < 0xE0 ? 2 : byte(0) < 0xF0 ? 3 : 4;
