@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "client/cli_output.h"
+#include "client/terminal_text.h"
 #include "client/time_text.h"
 
 namespace qx {

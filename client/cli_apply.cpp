@@ -14,6 +14,7 @@
 #include "client/schedule_file.h"
 #include "client/schedule_keys.h"
 #include "client/status_text.h"
+#include "client/terminal_text.h"
 #include "common/bus_records.h"
 #include "platform/clock.h"
 #include "platform/file.h"

@@ -15,6 +15,7 @@
 #include "client/schedule_json.h"
 #include "client/schedule_keys.h"
 #include "client/status_text.h"
+#include "client/terminal_text.h"
 #include "client/time_text.h"
 #include "platform/clock.h"
 #include "platform/file.h"

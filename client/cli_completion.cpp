@@ -11,6 +11,7 @@
 #include "client/cli_config.h"
 #include "client/cli_session.h"
 #include "client/schedule_keys.h"
+#include "client/terminal_text.h"
 #include "platform/file.h"
 #include "platform/state_home.h"
 #include "platform/text.h"

@@ -10,6 +10,7 @@
 #include "client/cli_key_store.h"
 #include "client/json_text.h"
 #include "client/status_text.h"
+#include "client/terminal_text.h"
 #include "common/registry_keys.h"
 #include "common/service_install.h"
 #include "platform/file.h"

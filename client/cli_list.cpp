@@ -13,6 +13,7 @@
 #include "client/cli_session.h"
 #include "client/findings.h"
 #include "client/json_text.h"
+#include "client/terminal_text.h"
 #include "client/time_text.h"
 #include "platform/clock.h"
 

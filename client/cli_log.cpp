@@ -12,6 +12,7 @@
 #include "client/cli_session.h"
 #include "client/json_text.h"
 #include "client/status_text.h"
+#include "client/terminal_text.h"
 #include "platform/clock.h"
 #include "platform/event.h"
 #include "platform/file.h"

@@ -16,6 +16,7 @@
 #include "client/schedule_json.h"
 #include "client/schedule_weekdays.h"
 #include "client/status_text.h"
+#include "client/terminal_text.h"
 #include "client/time_text.h"
 #include "common/schedule_adapter.h"
 #include "platform/clock.h"

@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "client/output_lock.h"
+#include "client/terminal_text.h"
 #include "platform/error_codes.h"
 
 namespace qx {

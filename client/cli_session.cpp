@@ -10,6 +10,7 @@
 #include "client/schedule_json.h"
 #include "client/schedule_word.h"
 #include "client/status_text.h"
+#include "client/terminal_text.h"
 #include "client/time_text.h"
 #include "common/bus_records.h"
 #include "platform/clock.h"

@@ -38,14 +38,4 @@ void SortFindings(std::vector<Finding>& findings);
 // "FILE:LINE:COL: text (allowed: ...)", with "warning: " ahead of a warning's text; no line end.
 [[nodiscard]] std::string FormatFinding(std::string_view file, const Finding& finding);
 
-// What a terminal obeys in place of showing it: control characters, the separators of lines and paragraphs, and the
-// characters that turn the direction of the text around them. All of them are below 0x10000.
-[[nodiscard]] bool IsTerminalControl(char32_t c);
-// Text for a terminal or a log line, so that text from outside can't write lines of its own, move the cursor or turn
-// the direction of writing: control characters and bytes that are no UTF-8 become "\xNN", what else a terminal obeys
-// "\uNNNN".
-[[nodiscard]] std::string Printable(std::string_view text);
-// Whether it is ASCII without control characters, which Printable() leaves as it is.
-[[nodiscard]] bool IsPlainAscii(std::string_view text);
-
 }  // namespace qx

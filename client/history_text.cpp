@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "client/status_text.h"
+#include "client/terminal_text.h"
 #include "client/time_text.h"
 #include "platform/file.h"
 

@@ -9,8 +9,8 @@
 
 namespace qx {
 
-// One line without its end. Bytes that are no UTF-8 are replaced by U+FFFD; what a terminal obeys in place of showing
-// it (IsTerminalControl()) is written as \uNNNN, which reads as the same text.
+// One line without its end. Bytes that are no UTF-8 are replaced by U+FFFD; what a terminal obeys is escaped, as
+// UnicodeEscaped() does.
 [[nodiscard]] std::string JsonText(const nlohmann::ordered_json& json);
 
 // The same with the line's end.

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "client/findings.h"
 #include "client/schedule_file.h"
 #include "client/schedule_weekdays.h"
+#include "client/terminal_text.h"
 #include "client/time_text.h"
 #include "platform/text.h"
 
@@ -17,21 +17,12 @@ namespace {
 
 // A basic string of TOML; a terminal that the file is shown on obeys nothing in it.
 std::string Quoted(std::u16string_view text) {
-  std::u16string out = u"\"";
-  for (const char16_t c : text) {
-    if (c == u'"' || c == u'\\') {
-      out += u'\\';
-      out += c;
-    } else if (IsTerminalControl(c)) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\u%04X", c);
-      const std::string_view ascii(escaped);
-      out.append(ascii.begin(), ascii.end());
-    } else {
-      out += c;
-    }
+  std::string out = "\"";
+  for (const char c : platform::Utf8FromWide(text)) {
+    if (c == '"' || c == '\\') out += '\\';
+    out += c;
   }
-  return platform::Utf8FromWide(out + u'"');
+  return UnicodeEscaped(out + "\"");
 }
 
 void KeyLine(std::string& out, const char* key, const std::string& value) {

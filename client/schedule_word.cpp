@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "client/cli_online.h"
+#include "client/terminal_text.h"
 
 namespace qx {
 namespace {

@@ -10,8 +10,8 @@
 #include "platform/fault_point.h"
 #include "platform/registry_call.h"
 #include "platform/registry_connection.h"
-#include "platform/sqlite_file.h"
 #include "platform/registry_names.h"
+#include "platform/sqlite_file.h"
 
 namespace platform {
 namespace {

@@ -18,11 +18,6 @@ class KeptRecord : public qx::testing::ServiceFixture, protected RandomRecords {
  protected:
   KeptRecord() : ServiceFixture("CET-1CEST,M3.5.0,M10.5.0/3"), RandomRecords(kPresent, m_folder) {}
 
-  SCHEDULE_OBJECT Read(const ScheduleGuid& id) {
-    ScheduleInfo info;
-    EXPECT_EQ(m_service.GetScheduleInfo(id, info), kStatusOk);
-    return info.size() == 1 ? info.records()[0] : SCHEDULE_OBJECT();
-  }
   void StartAnew() {
     DoCleanUp();
     ASSERT_EQ(platform::CloseRegistryStore(), 0u);
@@ -31,12 +26,8 @@ class KeptRecord : public qx::testing::ServiceFixture, protected RandomRecords {
   }
   static std::string Shown(const SCHEDULE_OBJECT& record) { return qx::RecordToJson(record).dump(1); }
   // The texts of a key come back empty where they weren't given.
-  static SCHEDULE_OBJECT WithTexts(SCHEDULE_OBJECT record) {
-    for (BSTR* text : {&record.bstrName, &record.bstrDescription, &record.bstrApplication, &record.bstrObjectID,
-                       &record.bstrWrapperBinaryName, &record.bstrXMLFilePathName, &record.bstrParameters,
-                       &record.bstrPreScript, &record.bstrPostScript}) {
-      if (!*text) text->emplace();
-    }
+  static SCHEDULE_OBJECT AsTold(const SCHEDULE_OBJECT& sent) {
+    SCHEDULE_OBJECT record = WithAllTexts(qx::AsServiceKeeps(sent));
     record.bRunNow = 0;
     record.stScheduleRules.bLastDayOfMonth = 0;  // nobody reads it
     return record;
@@ -66,8 +57,8 @@ TEST_F(KeptRecord, IsTakenOrRefusedAndGivenBackAsTheCommandLineSays) {
       EXPECT_EQ(status, checked.status) << text;
     }
     if (status == kStatusOk) {
-      SCHEDULE_OBJECT told = WithTexts(qx::AsServiceKeeps(sent));
-      const SCHEDULE_OBJECT read = Read(id);
+      SCHEDULE_OBJECT told = AsTold(sent);
+      const SCHEDULE_OBJECT read = ReadBack(id);
       EXPECT_EQ(Shown(read), Shown(told)) << text;
       const std::int64_t window = ListedWindow(id);
       EXPECT_EQ(window, told.lNextTimeWindow) << text;
@@ -76,7 +67,7 @@ TEST_F(KeptRecord, IsTakenOrRefusedAndGivenBackAsTheCommandLineSays) {
         // The end of a day that nobody gave is 23:59:59.059; the file keeps whole seconds.
         std::uint32_t& duration = told.stScheduleRules.dwTimeDuration;
         if (sent.stScheduleRules.dwTimeDuration == 0) duration -= duration % 1000;
-        EXPECT_EQ(Shown(Read(id)), Shown(told)) << text;
+        EXPECT_EQ(Shown(ReadBack(id)), Shown(told)) << text;
         EXPECT_EQ(ListedWindow(id), window) << text;
       }
       EXPECT_EQ(m_service.DeleteSchedule(id), kStatusOk);

@@ -213,12 +213,33 @@ class InAShell : public InATerminal {
     return Environment({"QXSVC_ROOT=" + m_service.Root(), "DBUS_SESSION_BUS_ADDRESS=" + m_service.Bus().Address(),
                         "PS1=READY ", "PAGER=cat", "INPUTRC=/dev/null", "HISTFILE=/dev/null"});
   }
+  // Completes the name of a schedule, which a shell would run, expand or end a word at, behind each quotation mark.
+  //   load  has the shell load its completion
+  void ExpectOneWordInAnyQuotes(const std::string& program, const std::vector<std::string>& arguments,
+                                const std::string& load) {
+    const std::string mark = m_service.Jobs() + "/mark";
+    const std::string name = "pay $(touch " + mark + ") `touch " + mark + R"(` $HOME !! \"d\" 's' \\w \\\\ &;|*)";
+    (void)Add(name);
+    Terminal shell(program, arguments, ShellEnvironment(), 1000);
+    shell.Type(load + "; echo LOA''DED\n");
+    ASSERT_TRUE(shell.WaitFor("LOADED")) << shell.Shown();
+    for (const std::string open : {"", "\"", "'"}) {
+      shell.Type("qxsched --bus session show " + open + "pa\t\necho SHO''WN\n");
+      EXPECT_TRUE(shell.WaitFor("name = \"" + name + "\"")) << open << shell.Shown();
+      ASSERT_TRUE(shell.WaitFor("SHOWN")) << open << shell.Shown();
+      ASSERT_FALSE(std::filesystem::exists(mark)) << open << shell.Shown();
+    }
+  }
+  static constexpr const char* kLoadInBash =
+      "bind 'set bell-style none'; bind 'set enable-bracketed-paste off'; source <(qxsched completion bash)";
+  static constexpr const char* kLoadInZsh =
+      "unsetopt beep prompt_sp; autoload -U compinit; compinit -u -D; source <(qxsched completion zsh)";
 };
 
 TEST_F(InAShell, BashCompletesCommandsOptionsAndNames) {
   (void)Add("nightly backup");
   Terminal bash("/bin/bash", {"--norc", "--noprofile", "-i"}, ShellEnvironment(), 200);
-  bash.Type("bind 'set bell-style none'; bind 'set enable-bracketed-paste off'; source <(qxsched completion bash); echo LOA''DED\n");
+  bash.Type(std::string(kLoadInBash) + "; echo LOA''DED\n");
   ASSERT_TRUE(bash.WaitFor("LOADED")) << bash.Shown();
   bash.Type("echo qx; qxsched --bus session sho\t");
   ASSERT_TRUE(bash.WaitFor("session show ")) << bash.Shown();
@@ -234,55 +255,20 @@ TEST_F(InAShell, BashCompletesCommandsOptionsAndNames) {
   ASSERT_TRUE(bash.WaitFor("window.start=")) << bash.Shown();
 }
 
-// A name that a shell would run, expand or end a word at, and its text in a schedule file.
-std::string HostileName(const std::string& mark) {
-  return "pay $(touch " + mark + ") `touch " + mark + "` $HOME !! \"d\" 's' \\w \\\\ &;|*";
-}
-std::string InToml(const std::string& text) {
-  std::string quoted;
-  for (const char c : text) {
-    if (c == '"' || c == '\\') quoted += '\\';
-    quoted += c;
-  }
-  return quoted;
-}
-
 TEST_F(InAShell, BashTakesANameForAWordHoweverItWasQuoted) {
-  const std::string mark = m_service.Jobs() + "/mark";
-  const std::string name = InToml(HostileName(mark));
-  (void)Add(name);
-  Terminal bash("/bin/bash", {"--norc", "--noprofile", "-i"}, ShellEnvironment(), 1000);
-  bash.Type("bind 'set bell-style none'; bind 'set enable-bracketed-paste off'; source <(qxsched completion bash); echo LOA''DED\n");
-  ASSERT_TRUE(bash.WaitFor("LOADED")) << bash.Shown();
-  for (const std::string open : {"", "\"", "'"}) {
-    bash.Type("qxsched --bus session show " + open + "pa\t\necho SHO''WN\n");
-    EXPECT_TRUE(bash.WaitFor("name = \"" + name + "\"")) << open << bash.Shown();
-    ASSERT_TRUE(bash.WaitFor("SHOWN")) << open << bash.Shown();
-    ASSERT_FALSE(std::filesystem::exists(mark)) << open << bash.Shown();
-  }
+  ExpectOneWordInAnyQuotes("/bin/bash", {"--norc", "--noprofile", "-i"}, kLoadInBash);
 }
 
 TEST_F(InAShell, ZshTakesANameForAWordHoweverItWasQuoted) {
   ASSERT_TRUE(std::filesystem::exists("/usr/bin/zsh")) << "zsh isn't installed";
-  const std::string mark = m_service.Jobs() + "/mark";
-  const std::string name = InToml(HostileName(mark));
-  (void)Add(name);
-  Terminal zsh("/usr/bin/zsh", {"-f", "-i"}, ShellEnvironment(), 1000);
-  zsh.Type("unsetopt beep prompt_sp; autoload -U compinit; compinit -u -D; source <(qxsched completion zsh); echo LOA''DED\n");
-  ASSERT_TRUE(zsh.WaitFor("LOADED")) << zsh.Shown();
-  for (const std::string open : {"", "\"", "'"}) {
-    zsh.Type("qxsched --bus session show " + open + "pa\t\necho SHO''WN\n");
-    EXPECT_TRUE(zsh.WaitFor("name = \"" + name + "\"")) << open << zsh.Shown();
-    ASSERT_TRUE(zsh.WaitFor("SHOWN")) << open << zsh.Shown();
-    ASSERT_FALSE(std::filesystem::exists(mark)) << open << zsh.Shown();
-  }
+  ExpectOneWordInAnyQuotes("/usr/bin/zsh", {"-f", "-i"}, kLoadInZsh);
 }
 
 TEST_F(InAShell, ZshCompletesCommandsAndNames) {
   ASSERT_TRUE(std::filesystem::exists("/usr/bin/zsh")) << "zsh isn't installed";
   (void)Add("nightly backup");
   Terminal zsh("/usr/bin/zsh", {"-f", "-i"}, ShellEnvironment(), 200);
-  zsh.Type("unsetopt beep prompt_sp; autoload -U compinit; compinit -u -D; source <(qxsched completion zsh); echo LOA''DED\n");
+  zsh.Type(std::string(kLoadInZsh) + "; echo LOA''DED\n");
   ASSERT_TRUE(zsh.WaitFor("LOADED")) << zsh.Shown();
   zsh.Type("qxsched --bus session sho\t");
   ASSERT_TRUE(zsh.WaitFor("session show")) << zsh.Shown();

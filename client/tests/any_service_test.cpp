@@ -4,14 +4,18 @@
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "client/cli_offline.h"
 #include "client/findings.h"
 #include "client/rule_object.h"
 #include "client/schedule_file.h"
 #include "client/schedule_keys.h"
+#include "client/terminal_text.h"
 #include "client/tests/online_fixture.h"
 #include "client/tests/random_records.h"
 #include "client/time_text.h"
@@ -25,7 +29,8 @@ constexpr std::int32_t kFirstDate = -24854 * kDay;  // 1901-12-15
 
 class AnyService : public CliOnline, protected RandomRecords {
  protected:
-  AnyService() : RandomRecords(kNow, "/tmp") {}
+  AnyService() : RandomRecords(kNow, "/tmp") { (void)setenv("VISUAL", "true", 1); }
+  ~AnyService() override { (void)unsetenv("VISUAL"); }
 
   // As the service gives it back, when it takes it at all.
   std::optional<SCHEDULE_OBJECT> KeptRecord() {
@@ -50,15 +55,11 @@ class AnyService : public CliOnline, protected RandomRecords {
     return text;
   }
   // All that the service keeps of a record beside the rules; it knows no difference between an empty text and none.
-  static SCHEDULE_OBJECT JobOf(SCHEDULE_OBJECT record) {
+  static SCHEDULE_OBJECT JobOf(const SCHEDULE_OBJECT& kept) {
+    SCHEDULE_OBJECT record = WithAllTexts(kept);
     record.stScheduleRules = {};
     record.lNextTimeWindow = 0;
     record.bRunNow = 0;
-    for (BSTR* text : {&record.bstrName, &record.bstrDescription, &record.bstrApplication, &record.bstrObjectID,
-                       &record.bstrWrapperBinaryName, &record.bstrXMLFilePathName, &record.bstrParameters,
-                       &record.bstrPreScript, &record.bstrPostScript}) {
-      if (!*text) text->emplace();
-    }
     return record;
   }
 
@@ -74,7 +75,6 @@ class AnyService : public CliOnline, protected RandomRecords {
 
 TEST_F(AnyService, IsAnsweredByAnyCommandInPlainTextAndWholeJson) {
   const ScheduleGuid a = Id(0xAAAA1111), b = Id(0xAAAA2222);
-  (void)setenv("EDITOR", "true", 1);
   const std::vector<std::vector<std::string>> commands = {
       {"list"}, {"list", "--json"}, {"show", kIdA}, {"show", kIdA, "--json"}, {"status"}, {"status", "--json"},
       {"next", kIdA}, {"next", kIdA, "--why"}, {"next", kIdA, "--why", "--json"}, {"calendar"}, {"calendar", "--json"},

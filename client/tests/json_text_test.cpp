@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "client/findings.h"
+#include "client/terminal_text.h"
 #include "platform/text.h"
 
 namespace {

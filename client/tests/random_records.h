@@ -22,6 +22,16 @@ inline const std::u16string kTextPieces[] = {
 // No client can send these.
 inline const std::u16string kUnsendable[] = {u"\n", u"\r", u"\r\n", u"\uffff", u"\ufdd0", std::u16string(1, u'\xD800')};
 
+// The record with an empty text in the place of each that isn't given.
+inline SCHEDULE_OBJECT WithAllTexts(SCHEDULE_OBJECT record) {
+  for (BSTR* text : {&record.bstrName, &record.bstrDescription, &record.bstrApplication, &record.bstrObjectID,
+                     &record.bstrWrapperBinaryName, &record.bstrXMLFilePathName, &record.bstrParameters,
+                     &record.bstrPreScript, &record.bstrPostScript}) {
+    if (!*text) text->emplace();
+  }
+  return record;
+}
+
 class RandomRecords {
  public:
   //   now        seconds: dates lie around it

@@ -522,24 +522,20 @@ exclude = [2026-12-25]
 )");
 }
 
-TEST(ScheduleFile, EscapesWhatTomlStringsCannotHold) {
-  SCHEDULE_OBJECT record;
-  record.bstrName = u"a\"b\\c\td\u00e9\x7f";
-  record.bstrWrapperBinaryName = u"w";
+TEST(ScheduleFile, EscapesWhatTomlStringsCannotHoldAndWhatATerminalWouldObey) {
   const platform::Zone zone = platform::Zone::FromTz("UTC0");
-  const std::string text = qx::WriteScheduleFile(record, zone);
-  EXPECT_THAT(text, HasSubstr("name = \"a\\\"b\\\\c\\u0009d\xc3\xa9\\u007F\"\n"));
-  EXPECT_EQ(Parse(text, zone).record.bstrName, record.bstrName);
-}
-
-TEST(ScheduleFile, EscapesWhatATerminalWouldObeyAndKeepsOtherCharacters) {
   SCHEDULE_OBJECT record;
-  record.bstrName = u"a\u009b2Jb\u202ec\u2028d\u20acz\U0001F600";
   record.bstrWrapperBinaryName = u"w";
-  const platform::Zone zone = platform::Zone::FromTz("UTC0");
-  const std::string text = qx::WriteScheduleFile(record, zone);
-  EXPECT_THAT(text, HasSubstr("name = \"a\\u009B2Jb\\u202Ec\\u2028d\xe2\x82\xacz\xf0\x9f\x98\x80\"\n"));
-  EXPECT_EQ(Parse(text, zone).record.bstrName, record.bstrName);
+  for (const auto& [name, line] : {
+           std::pair(u"a\"b\\c\td\u00e9\x7f", "name = \"a\\\"b\\\\c\\u0009d\xc3\xa9\\u007F\"\n"),
+           std::pair(u"a\u009b2Jb\u202ec\u2028d\u20acz\U0001F600",
+                     "name = \"a\\u009B2Jb\\u202Ec\\u2028d\xe2\x82\xacz\xf0\x9f\x98\x80\"\n"),
+       }) {
+    record.bstrName = name;
+    const std::string text = qx::WriteScheduleFile(record, zone);
+    EXPECT_THAT(text, HasSubstr(line));
+    EXPECT_EQ(Parse(text, zone).record.bstrName, record.bstrName);
+  }
 }
 
 TEST(ScheduleFile, WritesNoRestartThatTheServiceKeepsWithoutALength) {

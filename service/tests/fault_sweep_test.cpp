@@ -25,7 +25,7 @@ TEST_F(ServiceSweep, CreateMakesAWholeScheduleOrSaysThatItFailed) {
         // Told so: the refused memory of the directory ends it with status 0 and nothing created.
         const bool nothingTold = LogHas("Failed calloc(wcConfigPath)");
         if (status == kStatusOk && !nothingTold) {
-          const SCHEDULE_OBJECT record = Record(id);
+          const SCHEDULE_OBJECT record = ReadBack(id);
           if (fault == nullptr) expected = record;
           EXPECT_TRUE(record == expected);
           EXPECT_EQ(ListedWindow(id), kPresent + 3600);
@@ -34,7 +34,7 @@ TEST_F(ServiceSweep, CreateMakesAWholeScheduleOrSaysThatItFailed) {
           // It is in the files too, not only in the list.
           EXPECT_EQ(m_service.Refresh(), kStatusOk);
           EXPECT_EQ(ListedWindow(id), kPresent + 3600);
-          EXPECT_TRUE(Record(id) == expected);
+          EXPECT_TRUE(ReadBack(id) == expected);
           return;
         }
         ASSERT_NE(fault, nullptr);
@@ -123,10 +123,10 @@ TEST_P(ServiceSweepOfAModification, MakesTheChangeOrPutsTheOldScheduleBack) {
             EXPECT_THAT(m_sink->heard, ElementsAre("modify " + Text(m_subject)));
             EXPECT_EQ(status, kStatusOk);
             EXPECT_EQ(TakeEvent(), MODIFY_EVENT);
-            if (fault == nullptr) expected = Record(m_subject);
+            if (fault == nullptr) expected = ReadBack(m_subject);
             for (int round = 0; round < 2; ++round) {  // in the list, and in the stores
               EXPECT_EQ(ListedWindow(m_subject), kPresent + 3660);
-              EXPECT_TRUE(Record(m_subject) == expected);
+              EXPECT_TRUE(ReadBack(m_subject) == expected);
               EXPECT_EQ(m_service.Refresh(), kStatusOk);
             }
             return;
@@ -137,13 +137,13 @@ TEST_P(ServiceSweepOfAModification, MakesTheChangeOrPutsTheOldScheduleBack) {
           EXPECT_EQ(TakeEvent(), -1);
           if (fault->mode == platform::kOnce) {
             EXPECT_EQ(ListedWindow(m_subject), kPresent + 3600);
-            EXPECT_TRUE(Record(m_subject) == old);
+            EXPECT_TRUE(ReadBack(m_subject) == old);
             EXPECT_EQ(FileText(IniFile(m_subject)), m_before.files.at(Text(m_subject) + ".ini"));
           }
           // Never none: after a start it is the old schedule. Where the way back was barred too it may be old rules
           // beside new values, or the new schedule, whose very last step failed.
           EXPECT_EQ(m_service.Refresh(), kStatusOk);
-          const SCHEDULE_OBJECT found = Record(m_subject);
+          const SCHEDULE_OBJECT found = ReadBack(m_subject);
           const bool isNew = found == expected;
           EXPECT_EQ(ListedWindow(m_subject), isNew ? kPresent + 3660 : kPresent + 3600);
           EXPECT_TRUE(isNew || withoutKey(found) == withoutKey(old));
@@ -184,7 +184,7 @@ TEST_P(ServiceSweepOfALoad, TakesEachScheduleWholeOrSkipsItWithALine) {
             ++loaded;
             if (goesOnWithout) continue;
             EXPECT_EQ(ListedWindow(id), kPresent + 3600);
-            EXPECT_TRUE(Record(id) == m_records.at(id)) << "loaded with other rules";
+            EXPECT_TRUE(ReadBack(id) == m_records.at(id)) << "loaded with other rules";
           }
           EXPECT_EQ(ListedIds().size(), static_cast<std::size_t>(loaded));
           if (loaded < 3) {
@@ -200,7 +200,7 @@ TEST_P(ServiceSweepOfALoad, TakesEachScheduleWholeOrSkipsItWithALine) {
           // The next load finds everything.
           EXPECT_EQ(m_service.Refresh(), kStatusOk);
           EXPECT_EQ(ListedIds().size(), 3u);
-          for (const ScheduleGuid& id : {m_first, m_subject, m_second}) EXPECT_TRUE(Record(id) == m_records.at(id));
+          for (const ScheduleGuid& id : {m_first, m_subject, m_second}) EXPECT_TRUE(ReadBack(id) == m_records.at(id));
         },
         false);
 }

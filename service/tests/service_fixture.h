@@ -154,6 +154,12 @@ class ServiceFixture : public ::testing::Test {
     EXPECT_EQ(m_service.CreateSchedule(schedule, id), kStatusOk);
     return id;
   }
+  // The whole record, as a client reads it; an empty one, told as a failure, where it can't be read.
+  SCHEDULE_OBJECT ReadBack(const ScheduleGuid& id) {
+    ScheduleInfo info;
+    EXPECT_EQ(m_service.GetScheduleInfo(id, info), kStatusOk);
+    return info.size() == 1 ? info.records()[0] : SCHEDULE_OBJECT();
+  }
   std::string IniFile(const ScheduleGuid& id) const { return m_folder + "/" + Text(id) + ".ini"; }
   static std::string Text(const ScheduleGuid& id) { return Narrow(platform::GuidText(id)); }
   static std::string FileText(const std::string& name) {

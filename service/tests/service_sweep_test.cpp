@@ -33,7 +33,7 @@ TEST_F(ServiceSweep, ARefreshTakesEachScheduleWholeOrSkipsItWithALine) {
           }
           EXPECT_EQ(m_service.Refresh(), kStatusOk);
           EXPECT_EQ(ListedIds().size(), 3u);
-          for (const ScheduleGuid& id : {m_first, m_subject, m_second}) EXPECT_TRUE(Record(id) == m_records.at(id));
+          for (const ScheduleGuid& id : {m_first, m_subject, m_second}) EXPECT_TRUE(ReadBack(id) == m_records.at(id));
         });
 }
 
@@ -52,7 +52,7 @@ TEST_F(ServiceSweep, ARunAtOnceChangesNothingAndStartsTheJobAtMostOnce) {
           if (status != kStatusOk) ExpectTold();
           EXPECT_EQ(m_service.Refresh(), kStatusOk);
           EXPECT_EQ(ListedWindow(m_subject), kPresent + 3600);
-          EXPECT_TRUE(Record(m_subject) == m_records.at(m_subject));
+          EXPECT_TRUE(ReadBack(m_subject) == m_records.at(m_subject));
         });
 }
 

@@ -22,7 +22,7 @@ class ServiceSweep : public ServiceFixture {
     m_second = Create(Named("second"));
     m_before = ReadStoredState(m_folder);
     ASSERT_EQ(m_before.failure, "");
-    for (const ScheduleGuid& id : {m_first, m_subject, m_second}) m_records[id] = Record(id);
+    for (const ScheduleGuid& id : {m_first, m_subject, m_second}) m_records[id] = ReadBack(id);
     m_keep = m_folder + "-kept";
     std::filesystem::create_directory(m_folder + "/other");
     KeepStores();
@@ -38,11 +38,6 @@ class ServiceSweep : public ServiceFixture {
     schedule.bUseGUID = 1;
     schedule.stScheduleRules.alExcludeDates[0] = schedule.stScheduleRules.lStartTime + 5 * 86400;
     return schedule;
-  }
-  SCHEDULE_OBJECT Record(const ScheduleGuid& id) {
-    ScheduleInfo info;
-    EXPECT_EQ(m_service.GetScheduleInfo(id, info), kStatusOk);
-    return info.size() == 1 ? info.records()[0] : SCHEDULE_OBJECT();
   }
 
   // Takes the stores as they are for those that each run begins with.

@@ -910,11 +910,11 @@ class ServiceSoak : public ::testing::Test {
         StartPeer();
       }
       ClientActs();
-      (void)m_listener.WaitForEvents(0);
+      // Between two acts of the client passes up to a fifth of a second, or the time to an event.
+      (void)m_listener.WaitForEvents(static_cast<std::uint32_t>(m_dice.Below(200)));
       m_events->events.clear();
       Look();
       m_flatness.Sample(Steady());
-      std::this_thread::sleep_for(std::chrono::milliseconds(m_dice.Below(200)));
       if (Steady() >= nextJudgement) {
         JudgeLaunches();
         nextJudgement = Steady() + kJudgeEverySeconds;

@@ -1,4 +1,4 @@
-#include "client/findings.h"
+#include "client/terminal_text.h"
 
 #include <gtest/gtest.h>
 
