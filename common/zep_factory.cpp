@@ -83,7 +83,7 @@ ZRESULT zepFactory::InitializeZEP(const char* searchPath, bool searchEnvPath, co
   BuildSearchList(path, searchEnvPath);
   for (std::uint32_t i = 0; i < libraryCount; ++i) AddPending(table[i]);
   const ZRESULT result = LoadPending();
-  if (ZepFailed(result)) TearDown();
+  if (ZepFailed(result) && result != ZEP_E_ALREADYINITIALIZED) TearDown();
   return result;
 }
 

@@ -133,7 +133,8 @@ class zepFactory {
 //   returns  0; ZEP_E_INVALIDARG: a count without a table, or a search path that can't be converted;
 //            ZEP_E_OUTOFMEMORY; ZEP_E_ALREADYINITIALIZED: nothing changed, no failure;
 //            ZEP_E_ENTRYNOTFOUND: a library isn't found, or lacks an entry; the negative result of a library's
-//            Initialize. After any failure the factory is as it was before.
+//            Initialize. After any failure the factory is as it was before; but a library's Initialize that answers
+//            ZEP_E_ALREADYINITIALIZED leaves it initialised, with the libraries that were loaded by then.
 ZRESULT InitializeZEP(const char* searchPath, bool searchEnvPath, const LibraryTableEntry* table,
                       std::uint32_t libraryCount, std::uint32_t flag);
 

@@ -27,7 +27,7 @@ constexpr LibraryTableEntry kDependents[] = {{PROBE_TEXT(PROBE_NEEDS), 1, nullpt
 PROBE_ENTRY ZRESULT PROBE_JOIN(PROBE_NAME, Initialize)(ZepClassFactoryFunction classFactory, std::uint32_t* version,
                                                        const LibraryTableEntry** dependents, std::uint32_t* count) {
 #ifdef PROBE_FAILS
-  return ZEP_E_FAIL;
+  return PROBE_FAILS;
 #endif
   *version = 7;
   *dependents = nullptr;

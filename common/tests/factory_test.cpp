@@ -258,6 +258,15 @@ TEST_F(Factory, AFailingInitializeEndsTheBind) {
   EXPECT_EQ(ProbeLog(), "");
 }
 
+TEST_F(Factory, ALibraryThatSaysItIsInitialisedAlreadyDoesNotTearTheFactoryDown) {
+  EXPECT_EQ(LoadProbes({{"ProbeAlone", 1, nullptr}, {"ProbeThereAlready", 1, nullptr}}), ZEP_E_ALREADYINITIALIZED);
+  EXPECT_TRUE(m_factory.IsInitialized());
+  EXPECT_EQ(m_factory.ReferenceCount("ProbeThereAlready"), 0u);
+  EXPECT_EQ(Ask(ClassNumber(1), 42), 42);  // what was loaded ahead of it serves
+  EXPECT_EQ(LoadProbes({{"ProbeAlone", 1, nullptr}}), ZEP_E_ALREADYINITIALIZED);
+  EXPECT_EQ(m_factory.ReferenceCount("ProbeAlone"), 1u);
+}
+
 TEST_F(Factory, AMissingDependentTakesItsLibraryWithIt) {
   EXPECT_EQ(LoadProbes({{"ProbeOrphan", 1, nullptr}}), ZEP_E_ENTRYNOTFOUND);
   EXPECT_EQ(ProbeLog(), "+ProbeOrphan -ProbeOrphan ");
