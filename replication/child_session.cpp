@@ -152,7 +152,8 @@ CChildSession::Step CChildSession::ExchangeKeys() {
       ServiceLog(1, u"ChildSocketThread :Failed ExportPublicKey");
       return Step::kClose;
     }
-    MessageHeader reply = {static_cast<std::uint32_t>(blob.size()), MSG_PUBLIC_KEY, 0, m_header.scheduleId};
+    MessageHeader reply = {static_cast<std::uint32_t>(blob.size()), MSG_PUBLIC_KEY, m_header.reserved,
+                           m_header.scheduleId};
     std::array<std::uint8_t, kWireHeaderSize> bytes{};
     // A reply that can't be sent is only logged; the wait for the operation then runs out.
     if (EncodeHeader(reply, bytes) == 0 || Send(m_socket, bytes) == 0) {

@@ -39,7 +39,7 @@ inline constexpr std::size_t kAckTextSize = 22;
 struct MessageHeader {
   std::uint32_t msgLen = 0;    // payload bytes
   std::uint32_t msgType = 0;
-  std::uint32_t reserved = 0;  // written as 0, read, never used
+  std::uint32_t reserved = 0;  // written as 0; the answer to a key bears it as it came
   ScheduleGuid scheduleId{};   // all zero for MSG_PERFORM
 };
 

@@ -1,5 +1,8 @@
 #include "replication/child_session.h"
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <filesystem>
 #include <thread>
 
@@ -344,6 +347,83 @@ TEST_F(ChildSession, APeerThatFallsSilentInAMessageIsGivenUpAfterSixtySeconds) {
   EXPECT_EQ(plan.hits(), 1);
   EXPECT_TRUE(m_log.Has(1, "Receive: Did not receive any message for 60 secs, connection timed out."));
   EXPECT_TRUE(m_log.Has(1, "ChildSocketThread: Failed to receive header"));
+}
+
+// Fails a call of the child alone: the initiator's stand on the test's own thread.
+FaultPlan FailTheChilds(Operation wanted, int call, platform::ErrorCode code) {
+  return FaultPlan::Ask([=, caller = std::this_thread::get_id(), calls = 0](
+                            int, Operation operation, std::string_view) mutable -> platform::ErrorCode {
+    if (operation != wanted || std::this_thread::get_id() == caller) return 0;
+    return ++calls == call ? code : 0;
+  });
+}
+
+TEST_F(ChildSession, AKeyThatCannotBeSentIsLoggedAndTheOperationIsWaitedFor) {
+  Caller earlier;
+  Call(earlier, NewId());
+  earlier.Authenticate();
+  earlier.ExchangeKeys();  // for the peer's key
+  earlier.socket.Close();
+  WaitForChildren();
+  Bytes blob;
+  ASSERT_EQ(testing::OwnKeys().ExportPublicKey(blob), 1);
+  // Behind header and payload of two tokens.
+  const struct {
+    int send;
+    const char* text;
+    std::size_t arrives;
+  } kCases[] = {{5, "ChildSocketThread: Failed to send keyheader msgLen: 276", 0},
+                {6, "ChildSocketThread: Failed to send key data msgLen: 276", kWireHeaderSize}};
+  for (const auto& c : kCases) {
+    m_log.Clear();
+    const ScheduleGuid id = NewId();
+    Caller caller;
+    Call(caller, id);
+    const FaultPlan plan = FailTheChilds(Operation::kSocketSend, c.send, EPIPE);
+    caller.Authenticate();
+    caller.SendBytes(Message(MSG_PUBLIC_KEY, static_cast<std::uint32_t>(blob.size()), id));
+    caller.SendBytes(blob);
+    Bytes reply(kWireHeaderSize);
+    ASSERT_EQ(Receive(caller.socket, reply.data(), c.arrives), 1);
+    caller.SendOperation(MSG_CREATE, CreateBody(Daily(), id));
+    const auto answer = caller.ReceiveAnswer();
+    ASSERT_TRUE(answer) << c.text;
+    EXPECT_EQ(answer->result, 0u);
+    EXPECT_TRUE(m_log.Has(1, c.text)) << c.text;
+    caller.socket.Close();
+    WaitForChildren();
+  }
+}
+
+TEST_F(ChildSession, AnOwnKeyThatCannotBeHadEndsTheConnection) {
+  Bytes blob;
+  ASSERT_EQ(testing::OwnKeys().ExportPublicKey(blob), 1);
+  Caller caller;
+  Call(caller, NewId());
+  const FaultPlan plan = FailTheChilds(Operation::kCryptExportKey, 1, 0x80090020);
+  caller.Authenticate();
+  caller.SendBytes(Message(MSG_PUBLIC_KEY, static_cast<std::uint32_t>(blob.size()), caller.id));
+  caller.SendBytes(blob);
+  EXPECT_TRUE(caller.IsClosed());
+  WaitForChildren();
+  EXPECT_TRUE(m_log.Has(1, "ChildSocketThread :Failed ExportPublicKey"));
+}
+
+TEST_F(ChildSession, TheReplyWithTheKeyBearsReservedAndIdentifierAsTheyCame) {
+  Bytes blob;
+  ASSERT_EQ(testing::OwnKeys().ExportPublicKey(blob), 1);
+  const ScheduleGuid id = NewId();
+  Caller caller;
+  Call(caller, NewId());
+  caller.Authenticate();
+  Bytes request = Message(MSG_PUBLIC_KEY, static_cast<std::uint32_t>(blob.size()), id);
+  const std::array<std::uint8_t, 4> reserved = {0xDE, 0xAD, 0xBE, 0xEF};
+  std::copy(reserved.begin(), reserved.end(), request.begin() + 8);
+  caller.SendBytes(request);
+  caller.SendBytes(blob);
+  Bytes reply(kWireHeaderSize);
+  ASSERT_EQ(Receive(caller.socket, reply.data(), reply.size()), 1);
+  EXPECT_EQ(testing::Hex(reply), testing::Hex(request));  // both blobs are of one length
 }
 
 TEST_F(ChildSession, AKeyOfLengthZeroIsPassedOverAndTheOperationIsDoneWithoutAnAnswer) {

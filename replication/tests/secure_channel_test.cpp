@@ -1,5 +1,6 @@
 #include "replication/secure_channel.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <optional>
 #include <thread>
@@ -184,6 +185,22 @@ TEST_F(SecureChannel, AnEmptyFirstTokenGoesToThePackage) {
   EXPECT_EQ(header.msgType, MSG_CONTEXT_REPLY);
   EXPECT_EQ(header.msgLen, connection.sent.size() - kWireHeaderSize);
   EXPECT_EQ(header.scheduleId, kChannelId);
+}
+
+TEST_F(SecureChannel, AReplyWhoseTokenCannotBeSentFailsAndOneWithoutItsHeaderGoesUnnoticed) {
+  for (const bool header : {true, false}) {
+    m_log.Clear();
+    ScriptedConnection connection;
+    connection.Gives(Message(MSG_CONTEXT_REQUEST, 0, kChannelId));
+    connection.sendErrors = {header ? EPIPE : 0, EPIPE};
+    SecurityContext context;
+    EXPECT_EQ(acceptContext(connection, Credentials(platform::CredentialsUse::kInbound), context), 1);
+    EXPECT_FALSE(context);
+    EXPECT_EQ(m_log.Count(1, "acceptContext: Failed sendMessage"), header ? 0 : 1);
+    // The next request is waited for, and the token of a header that wasn't sent stays.
+    EXPECT_EQ(m_log.Count(1, "acceptContext: Failed to receive header of context"), header ? 1 : 0);
+    EXPECT_EQ(connection.sends, header ? 1 : 2);
+  }
 }
 
 TEST_F(SecureChannel, TheAcceptorRefusesWhatIsNoToken) {
