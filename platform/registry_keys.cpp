@@ -24,17 +24,15 @@ using registry::EnterToWrite;
 using registry::g_lock;
 using registry::g_store;
 using registry::Handle;
-using registry::Place;
 using registry::SplitPath;
 
-std::unique_ptr<Handle> MakeHandle(Place place, std::uint32_t access, std::span<const std::u16string_view> elements)
-    QX_REQUIRES(g_lock) {
+// Ahead of the work, as memory may run out for it. Its place is told when that is done.
+std::unique_ptr<Handle> MakeHandle(const Handle& parent, std::uint32_t access,
+                                   std::span<const std::u16string_view> elements) QX_REQUIRES(g_lock) {
   auto handle = std::make_unique<Handle>();
   handle->storeNumber = g_store->Number();
-  handle->place = place;
   handle->access = access;
-  if (!elements.empty()) handle->name = elements.back();
-  handle->seen = g_store->OpenBatch();
+  handle->name = elements.empty() ? parent.name : std::u16string(elements.back());
   return handle;
 }
 
@@ -42,10 +40,11 @@ ErrorCode OpenBelow(const Handle& parent, std::u16string_view subKey, std::uint3
                     std::unique_ptr<Handle>& out) QX_REQUIRES(g_lock) {
   std::vector<std::u16string_view> elements;
   if (const ErrorCode code = SplitPath(subKey, elements); code != ERROR_SUCCESS) return code;
-  Place place;
-  if (const ErrorCode code = g_store->Locate(parent.place, elements, place); code != ERROR_SUCCESS) return code;
-  out = MakeHandle(place, access, elements);
-  if (elements.empty()) out->name = parent.name;
+  auto handle = MakeHandle(parent, access, elements);
+  const ErrorCode code = g_store->Locate(parent.place, elements, handle->place);
+  if (code != ERROR_SUCCESS) return code;
+  handle->seen = g_store->OpenBatch();
+  out = std::move(handle);
   return ERROR_SUCCESS;
 }
 
@@ -53,16 +52,12 @@ ErrorCode CreateBelow(const Handle& parent, std::u16string_view subKey, std::uin
                       std::unique_ptr<Handle>& out, bool& created) QX_REQUIRES(g_lock) {
   std::vector<std::u16string_view> elements;
   if (const ErrorCode code = SplitPath(subKey, elements); code != ERROR_SUCCESS) return code;
-  Place place;
-  if (const ErrorCode code = g_store->Create(parent.place, elements, place, created); code != ERROR_SUCCESS) {
-    return code;
-  }
-  out = MakeHandle(place, access, elements);
-  if (elements.empty()) {
-    out->name = parent.name;
-  } else if (created) {
-    g_store->Join(*out);
-  }
+  auto handle = MakeHandle(parent, access, elements);
+  const ErrorCode code = g_store->Create(parent.place, elements, handle->place, created);
+  if (code != ERROR_SUCCESS) return code;
+  handle->seen = g_store->OpenBatch();
+  if (created && !elements.empty()) g_store->Join(*handle);
+  out = std::move(handle);
   return ERROR_SUCCESS;
 }
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <new>
 #include <optional>
 
 namespace platform {
@@ -78,10 +79,16 @@ Bytes Fold(std::u16string_view name) {
   return out;
 }
 
-// Narrows only when a plan is installed.
+// Narrows only when a plan is installed; a name for which there's no memory is left out.
 ErrorCode AskFault([[maybe_unused]] Operation operation, [[maybe_unused]] std::u16string_view name) {
 #ifdef QX_FAULT_SEAM
-  if (detail::g_faultSeamArmed.load(std::memory_order_relaxed)) return FaultAt(operation, Narrow(name));
+  if (detail::g_faultSeamArmed.load(std::memory_order_relaxed)) {
+    try {
+      return FaultAt(operation, Narrow(name));
+    } catch (const std::bad_alloc&) {
+      return FaultAt(operation);
+    }
+  }
 #endif
   return ERROR_SUCCESS;
 }

@@ -101,6 +101,7 @@ class Store {
   [[nodiscard]] ErrorCode MakeLogRoom();
 
  private:
+  class Undoing;
   [[nodiscard]] ErrorCode Begin();
   [[nodiscard]] ErrorCode Exists(Place place);
   [[nodiscard]] ErrorCode LocateAnew(Place from, std::span<const std::u16string_view> elements, Place& out);

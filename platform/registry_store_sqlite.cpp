@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <exception>
 #include <utility>
 
 #include "platform/registry_names.h"
@@ -16,8 +17,8 @@ namespace platform::registry {
 // Joins the open batch or begins one. A batch that nobody joins is taken back by FailedWrite().
 ErrorCode Store::Begin() {
   if (m_batch) return ERROR_SUCCESS;
-  if (const int rc = Run(kBegin); rc != SQLITE_DONE) return CodeFromSqlite(rc);
   auto batch = std::make_shared<Batch>();
+  if (const int rc = Run(kBegin); rc != SQLITE_DONE) return CodeFromSqlite(rc);
   {
     Use use(m_sql[kLastId]);
     const int rc = use.Step();
@@ -48,6 +49,25 @@ ErrorCode Store::FailedPath(ErrorCode code) {
   }
   return FailedWrite(code);
 }
+
+// What a writing call began ends with it, too, where no memory was left for it: nobody else would end the batch, and
+// every other thread would wait for that.
+class Store::Undoing {
+ public:
+  explicit Undoing(Store& store) : m_store(store) {}
+  Undoing(const Undoing&) = delete;
+  Undoing& operator=(const Undoing&) = delete;
+  ~Undoing() {
+    if (std::uncaught_exceptions() == m_before) return;
+    (void)(m_hasPath ? m_store.FailedPath(ERROR_NOT_ENOUGH_MEMORY) : m_store.FailedWrite(ERROR_NOT_ENOUGH_MEMORY));
+  }
+  void PathBegins() { m_hasPath = true; }
+
+ private:
+  Store& m_store;
+  const int m_before = std::uncaught_exceptions();
+  bool m_hasPath = false;
+};
 
 void Store::Lose(ErrorCode code) {
   if (sqlite3_get_autocommit(m_db.get()) == 0) (void)Run(kRollback);
@@ -157,6 +177,7 @@ ErrorCode Store::Create(Place from, std::span<const std::u16string_view> element
   if (from.depth + elements.size() > kMaxKeyDepth) return ERROR_INVALID_PARAMETER;
   if (out.depth == 0 && RefusesNewChildren(out.id)) return ERROR_INVALID_PARAMETER;
   if (code = Begin(); code != ERROR_SUCCESS) return code;
+  Undoing undoing(*this);
   // Once more: another process may have changed the keys until the batch began.
   code = Locate(from, elements, out);
   if (code == ERROR_SUCCESS) {
@@ -169,6 +190,7 @@ ErrorCode Store::Create(Place from, std::span<const std::u16string_view> element
   const bool several = elements.size() - present > 1;
   if (several) {
     if (const int rc = Execute(m_db.get(), "SAVEPOINT path"); rc != SQLITE_OK) return FailedWrite(CodeFromSqlite(rc));
+    undoing.PathBegins();
   }
   for (const std::u16string_view element : elements.subspan(present)) {
     std::int64_t id = 0;
@@ -200,6 +222,7 @@ ErrorCode Store::Delete(Handle& parent, std::span<const std::u16string_view> ele
   ErrorCode code = LocateForDeletion(parent.place, elements, withChildren, place);
   if (code != ERROR_SUCCESS) return code;
   if (code = Begin(); code != ERROR_SUCCESS) return code;
+  const Undoing undoing(*this);
   if (code = LocateForDeletion(parent.place, elements, withChildren, place); code != ERROR_SUCCESS) {
     return FailedWrite(code);
   }
@@ -279,8 +302,8 @@ ErrorCode Store::Find(Place place, std::u16string_view name, Item& out) {
 }
 
 ErrorCode Store::Set(Handle& handle, std::u16string_view name, std::uint32_t type, const void* data, std::size_t size) {
-  if (const ErrorCode code = Begin(); code != ERROR_SUCCESS) return code;
   const Bytes fold = Fold(name);
+  if (const ErrorCode code = Begin(); code != ERROR_SUCCESS) return code;
   const int rc =
       Use(m_sql[kSetValue]).Arg(handle.place.id).Arg(fold).Arg(name).Arg(std::int64_t{type}).Arg(data, size).Step();
   if (rc != SQLITE_DONE) return FailedWrite(CodeFromSqlite(rc));
@@ -290,8 +313,8 @@ ErrorCode Store::Set(Handle& handle, std::u16string_view name, std::uint32_t typ
 }
 
 ErrorCode Store::Remove(Handle& handle, std::u16string_view name) {
-  if (const ErrorCode code = Begin(); code != ERROR_SUCCESS) return code;
   const Bytes fold = Fold(name);
+  if (const ErrorCode code = Begin(); code != ERROR_SUCCESS) return code;
   const int rc = Use(m_sql[kDeleteValue]).Arg(handle.place.id).Arg(fold).Step();
   if (rc != SQLITE_DONE) return FailedWrite(CodeFromSqlite(rc));
   if (sqlite3_changes(m_db.get()) == 0) {
