@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "platform/clock.h"
@@ -369,11 +370,12 @@ class SecurityCredentials::IdlePool {
     }
     return nullptr;
   }
-  void GiveBack(std::unique_ptr<State> state) {
-    if (!state || state->spoiled || !state->stamp.IsSettled()) return;
-    // Freed in between, the package isn't kept for them.
-    const MutexLock hold(m_lock);
-    if (CurrentTable() == state->table) m_idle.push_back(std::move(state));
+  // Keeps it for the next one. Where no memory is left for that it is given up: destructors come here.
+  static void Return(std::unique_ptr<State> state) noexcept {
+    try {
+      Instance().GiveBack(std::move(state));
+    } catch (const std::bad_alloc&) {
+    }
   }
   void Drop() {
     std::vector<std::unique_ptr<State>> dropped;
@@ -382,6 +384,13 @@ class SecurityCredentials::IdlePool {
   }
 
  private:
+  void GiveBack(std::unique_ptr<State> state) {
+    if (!state || state->spoiled || !state->stamp.IsSettled()) return;
+    // Freed in between, the package isn't kept for them.
+    const MutexLock hold(m_lock);
+    if (CurrentTable() == state->table) m_idle.push_back(std::move(state));
+  }
+
   Mutex m_lock;  // g_tableLock is taken while it is held, never the other way
   std::vector<std::unique_ptr<State>> m_idle QX_GUARDED_BY(m_lock);
 };
@@ -390,12 +399,12 @@ SecurityCredentials::SecurityCredentials() = default;
 SecurityCredentials::SecurityCredentials(SecurityCredentials&&) noexcept = default;
 SecurityCredentials& SecurityCredentials::operator=(SecurityCredentials&& other) noexcept {
   if (this == &other) return *this;
-  IdlePool::Instance().GiveBack(std::move(m_state));
+  IdlePool::Return(std::move(m_state));
   m_state = std::move(other.m_state);
   return *this;
 }
 SecurityCredentials::~SecurityCredentials() {
-  IdlePool::Instance().GiveBack(std::move(m_state));
+  IdlePool::Return(std::move(m_state));
 }
 
 void FreeSecurityPackage() {

@@ -27,7 +27,7 @@ class Thread {
   // Starts `function` on a new thread.
   //   name     for the host's tools, which show the first 15 bytes; also what a test fails the start by
   //   out      untouched on failure, else what it held is joined first
-  //   returns  0; ERROR_NO_PROC_SLOTS (89) when the host has no room for another thread
+  //   returns  0; ERROR_NO_PROC_SLOTS (89) when the host has no room for another thread; ERROR_NOT_ENOUGH_MEMORY (8)
   [[nodiscard]] static ErrorCode Start(std::string_view name, std::function<void()> function, Thread& out);
 
   // Waits for the end; nothing on an empty object. Never called on the thread itself.

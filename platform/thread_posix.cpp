@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <new>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -46,6 +47,8 @@ ErrorCode Launch(std::string_view name, std::function<void()> function, std::thr
     out = std::move(started);
   } catch (const std::system_error& error) {
     return ErrorCodeFromErrno(error.code().value());
+  } catch (const std::bad_alloc&) {
+    return ERROR_NOT_ENOUGH_MEMORY;
   }
   return ERROR_SUCCESS;
 }

@@ -1,6 +1,7 @@
 #include "replication/listener.h"
 
 #include <exception>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,6 +27,14 @@ using ZepFoundation::ServiceLog;
 bool SetUpFailed(const char16_t* step, SocketError error) {
   ServiceLog(0, u"SocketThread: %s failed with error: %d; nothing can be received from other nodes", step, error);
   return false;
+}
+
+// Where memory has run out it may be told of or not.
+void TellCaught(const char16_t* thread, const std::exception& error) noexcept {
+  try {
+    ServiceLog(0, u"%s: an exception was caught: %s", thread, ForLog(platform::WideFromUtf8(error.what())));
+  } catch (const std::exception&) {
+  }
 }
 
 }  // namespace
@@ -117,7 +126,8 @@ void CListener::Refuse(SocketCell& cell) {
 // Takes one connection that is ready; false when the thread has to end.
 bool CListener::TakeConnection() {
   if (!platform::NamedBuffer<std::uint8_t>(sizeof(Socket), "SocketThread cell")) return true;
-  SocketCell cell = std::make_unique<Socket>();
+  SocketCell cell(new (std::nothrow) Socket);
+  if (!cell) return true;
   if (const SocketError error = m_socket.Accept(*cell); error != 0) {
     ServiceLog(0, u"SocketThread: Accept failed with error: %d\n", error);
     return false;
@@ -144,7 +154,13 @@ int CListener::SocketThread(std::uint16_t port) {
     ServiceLog(0, u"SocketThread: LoadSecurityLibrary failed");
     return -1;
   }
-  if (!SetUp(port)) {
+  bool isSetUp = false;
+  try {
+    isSetUp = SetUp(port);
+  } catch (const std::exception& error) {
+    TellCaught(u"SocketThread", error);
+  }
+  if (!isSetUp) {
     // Bound already, it would take callers whom nobody answers.
     m_socket.Close();
     return -1;
@@ -179,8 +195,7 @@ int CListener::ChildSocketThread(SocketCell cell) {
   try {
     session.Run();
   } catch (const std::exception& error) {
-    // Whatever a peer sent, the service goes on.
-    ServiceLog(0, u"ChildSocketThread: an exception was caught: %s", ForLog(platform::WideFromUtf8(error.what())));
+    TellCaught(u"ChildSocketThread", error);  // whatever a peer sent, the service goes on
   }
   session.Close();
   ChildHasEnded();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <functional>
+#include <new>
 #include <optional>
 #include <span>
 #include <string>
@@ -112,13 +113,26 @@ class CNodeOperations::Call {
     Status status = localStep ? DoLocalStep(localStep) : kStatusOk;
     if (status == kStatusOk && m_count >= 2) {
       m_id = id();
-      status = CarryToOthers(build);
+      // What was done here is told in any case, and with it the identifier of what was created.
+      if (!HasMemory([&] { status = CarryToOthers(build); })) status = kNotDone;
     }
     ServiceLog(4, u"Exited from %s", m_operation.name);
     return status;
   }
 
  private:
+  // False, which is logged, where memory ran out in the work.
+  template <class Work>
+  bool HasMemory(const Work& work) {
+    try {
+      work();
+      return true;
+    } catch (const std::bad_alloc&) {
+      ServiceLog(1, u"%s: Calloc failed", m_operation.name);
+      return false;
+    }
+  }
+
   Status DoLocalStep(const std::function<Status()>& localStep) {
     const Status status = localStep();
     m_results[m_local] = static_cast<std::int32_t>(status);
@@ -156,10 +170,10 @@ class CNodeOperations::Call {
     std::vector<platform::SecurityContext> contexts(m_count);
     Status status = kStatusOk;
     for (std::size_t node = 0; node < m_count; ++node) {
-      if (node != m_local && !SendTo(node, credentials, contexts[node])) {
-        m_sockets[node].Close();
-        status = kNotDone;
-      }
+      bool sent = false;
+      if (node == m_local || (HasMemory([&] { sent = SendTo(node, credentials, contexts[node]); }) && sent)) continue;
+      m_sockets[node].Close();
+      status = kNotDone;
     }
     ServiceLog(3, u"%s:Successfully sent Registry information to %d clients ", m_operation.name,
                static_cast<std::uint32_t>(m_waiting.size()));

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <new>
 #include <string>
 
 #include "foundation/include/zfclog.h"
@@ -23,8 +24,9 @@ std::int64_t SecondsSince(std::uint32_t begun) {
   return (platform::TickCount() - begun) / 1000;
 }
 
-// Reads one node's answer; true when it told a failure.
+// Reads one node's answer; true when it told a failure. Where memory runs out the result stays.
 bool TakeAnswer(CKeyManager& keys, Socket& socket, std::u16string_view name, std::int32_t& result) {
+  const std::u16string shown = ForLog(name);
   std::array<std::uint8_t, kWireHeaderSize> bytes{};
   if (Receive(socket, bytes.data(), bytes.size()) == 0) {
     ServiceLog(1, u"ReceiveAck: Receive(Header_ACK) failed");
@@ -48,7 +50,7 @@ bool TakeAnswer(CKeyManager& keys, Socket& socket, std::u16string_view name, std
         return false;
     }
     if (keys.DecryptMsg(cipher, plain) == 0) {
-      ServiceLog(1, u"ReceiveAck: DecryptMsg from node: %s failed", ForLog(name));
+      ServiceLog(1, u"ReceiveAck: DecryptMsg from node: %s failed", shown);
       return false;
     }
     plain.pop_back();  // the NUL of the decryption
@@ -58,7 +60,7 @@ bool TakeAnswer(CKeyManager& keys, Socket& socket, std::u16string_view name, std
   result = static_cast<std::int32_t>(ParseDecimal(text));
   if (result == 0) return false;
   ServiceLog(1, u"ReceiveAck: ACK received is %x", result);
-  ServiceLog(1, u"ReceiveAck: Failed to do the requested operation on node: %s", ForLog(name));
+  ServiceLog(1, u"ReceiveAck: Failed to do the requested operation on node: %s", shown);
   return true;
 }
 
@@ -99,7 +101,11 @@ int ReceiveAck(CKeyManager& keys, std::vector<Socket>& sockets, std::vector<std:
     for (std::size_t i = 0; i < waiting.size(); ++i) {
       if (!ready[i]) continue;
       const std::size_t node = waiting[i];
-      failed |= TakeAnswer(keys, sockets[node], names[node], results[node]);
+      try {
+        failed |= TakeAnswer(keys, sockets[node], names[node], results[node]);
+      } catch (const std::bad_alloc&) {
+        ServiceLog(1, u"ReceiveAck: no memory is left for the ACK");
+      }
       sockets[node].Close();
     }
     waiting = ValidSockets(sockets);

@@ -1,6 +1,7 @@
 // The local step of an operation on several nodes: notes what it was asked and answers what it was told to.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -41,9 +42,11 @@ class NotingService : public ISchedulerService {
 
   Status Note(const char* what) {
     calls.push_back(what);
+    if (onCall) onCall();
     return answer;
   }
   std::vector<std::string> calls;
+  std::function<void()> onCall;
   Status answer = 0;
 };
 
