@@ -1,6 +1,7 @@
 #include "client/history_recorder.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "common/bus_records.h"
 #include "platform/clock.h"
@@ -15,6 +16,7 @@ constexpr std::uint32_t kListRest = 20;
 
 constexpr const char* kNotHeard = "no launch was heard";
 constexpr const char* kGone = "the schedule is gone";
+constexpr const char* kLeft = "the service left the bus";
 
 std::string TextOf(const ScheduleGuid& id) {
   return platform::Utf8FromWide(platform::GuidText(id));
@@ -60,17 +62,24 @@ void HistoryRecorder::SetName(const std::string& schedule, const std::string& na
 }
 
 void HistoryRecorder::Leave(const std::string& schedule, HistoryKind suspected, const char* reason) {
-  if (const auto seen = m_suspicions.find(schedule); seen != m_suspicions.end()) {
-    Make(suspected, schedule, seen->second.window, seen->second.next, reason);
-  }
+  if (const auto seen = m_suspicions.find(schedule); seen != m_suspicions.end()) (void)Close(seen, suspected, reason);
   const auto at = m_known.find(schedule);
   if (at != m_known.end() && at->second.next >= 0 && at->second.next <= platform::NowSeconds()) {
     Make(HistoryKind::kUnknown, schedule, at->second.next, std::nullopt, kGone);
   }
 }
 
+HistoryRecorder::Suspicions::iterator HistoryRecorder::Close(Suspicions::iterator seen, HistoryKind kind,
+                                                             const char* reason) {
+  Make(kind, seen->first, seen->second.window, seen->second.next, reason);
+  return m_suspicions.erase(seen);
+}
+
+bool HistoryRecorder::PassedUnheard(std::int64_t window) const {
+  return !m_absences.empty() && window <= m_absences.back().to.value_or(platform::NowSeconds());
+}
+
 void HistoryRecorder::Forget(const std::string& schedule) {
-  m_suspicions.erase(schedule);
   const auto at = m_known.find(schedule);
   if (at == m_known.end()) return;
   m_due.erase({at->second.next, schedule});
@@ -112,13 +121,20 @@ void HistoryRecorder::NextTimeWindow_Modify(const ScheduleGuid& id, std::int32_t
   const std::int64_t now = platform::NowSeconds();
   m_touched.insert(schedule);
   std::optional<std::int64_t> window;
-  if (const auto seen = m_suspicions.find(schedule); seen != m_suspicions.end()) {
+  const auto seen = m_suspicions.find(schedule);
+  const auto at = m_known.find(schedule);
+  const bool isDue = at != m_known.end() && at->second.next >= 0 && at->second.next <= now;
+  if (seen != m_suspicions.end() && (!isDue || seen->second.next == nextTimeWindow)) {
     // The list was ahead of the event: the window was launched, only late.
     window = seen->second.window;
     m_suspicions.erase(seen);
-  } else if (const auto at = m_known.find(schedule);
-             at != m_known.end() && at->second.next >= 0 && at->second.next <= now) {
-    window = at->second.next;
+  } else if (isDue) {
+    if (seen != m_suspicions.end()) (void)Close(seen, HistoryKind::kMissed, kNotHeard);
+    if (PassedUnheard(at->second.next)) {
+      Judge(schedule, at->second.next, nextTimeWindow, now);  // this is the launch of a later one
+    } else {
+      window = at->second.next;
+    }
   }
   Make(HistoryKind::kLaunch, schedule, window, nextTimeWindow);
   m_lastLaunch = now;
@@ -175,8 +191,8 @@ void HistoryRecorder::EndHearing(const std::string& reason) {
   if (!m_hearing) return;
   m_hearing = false;
   m_up = false;
-  // What was seen stands: its proof would have come.
   Settle();
+  while (!m_suspicions.empty()) (void)Close(m_suspicions.begin(), HistoryKind::kUnknown, "the record ended");
   Make(HistoryKind::kRecordEnd, "", std::nullopt, std::nullopt, reason);
 }
 
@@ -197,6 +213,9 @@ void HistoryRecorder::ServiceUp(std::uint32_t process) {
 void HistoryRecorder::ServiceDown() {
   if (!m_up) return;
   m_up = false;
+  Settle();
+  // Its last words may have been unsaid.
+  while (!m_suspicions.empty()) (void)Close(m_suspicions.begin(), HistoryKind::kUnknown, kLeft);
   m_absences.push_back({platform::NowSeconds(), std::nullopt, false});
   Make(HistoryKind::kServiceDown, "", std::nullopt, std::nullopt);
 }
@@ -266,7 +285,7 @@ void HistoryRecorder::Judge(const std::string& schedule, std::int64_t window, st
     const std::int64_t to = absence.to.value_or(now);
     // The launch of the second in which it left may have had no time to be told of.
     if (window <= absence.from) {
-      Make(HistoryKind::kUnknown, schedule, window, next, "the service left the bus");
+      Make(HistoryKind::kUnknown, schedule, window, next, kLeft);
       return;
     }
     if (window > to) continue;
@@ -277,18 +296,16 @@ void HistoryRecorder::Judge(const std::string& schedule, std::int64_t window, st
     }
     return;
   }
+  if (const auto seen = m_suspicions.find(schedule); seen != m_suspicions.end()) {
+    (void)Close(seen, HistoryKind::kMissed, kNotHeard);
+  }
   m_suspicions[schedule] = {window, next, platform::TickCount()};
 }
 
 void HistoryRecorder::Settle() {
   const std::uint32_t tick = platform::TickCount();
   for (auto at = m_suspicions.begin(); at != m_suspicions.end();) {
-    if (m_hearing && tick - at->second.seen < kConfirmMs) {
-      ++at;
-      continue;
-    }
-    Make(HistoryKind::kMissed, at->first, at->second.window, at->second.next, kNotHeard);
-    at = m_suspicions.erase(at);
+    at = tick - at->second.seen < kConfirmMs ? std::next(at) : Close(at, HistoryKind::kMissed, kNotHeard);
   }
 }
 

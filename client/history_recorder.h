@@ -103,6 +103,7 @@ class HistoryRecorder : public ISchedulerServiceEvents {
     std::int64_t next = 0;
     std::uint32_t seen = 0;  // tick count
   };
+  using Suspicions = std::map<std::string, Suspicion>;
 
   void Make(HistoryKind kind, const std::string& schedule, std::optional<std::int64_t> window,
             std::optional<std::int64_t> next, std::string reason = "");
@@ -111,13 +112,17 @@ class HistoryRecorder : public ISchedulerServiceEvents {
   // Makes entries of what is open of a schedule that goes.
   //   suspected  what a window is that seems to have passed without a launch
   void Leave(const std::string& schedule, HistoryKind suspected, const char* reason);
+  // Makes an entry of a suspicion, which ends with it. Returns the next one.
+  Suspicions::iterator Close(Suspicions::iterator seen, HistoryKind kind, const char* reason);
+  // Whether the service was away, or nobody listened, until the window was past; since the last list.
+  [[nodiscard]] bool PassedUnheard(std::int64_t window) const;
   void SetNext(const std::string& schedule, std::int64_t next);
   void SetName(const std::string& schedule, const std::string& name);
   void Forget(const std::string& schedule);
 
   std::map<std::string, KnownSchedule> m_known;
   std::set<std::pair<std::int64_t, std::string>> m_due;  // windows that aren't negative
-  std::map<std::string, Suspicion> m_suspicions;
+  Suspicions m_suspicions;
   std::vector<Absence> m_absences;  // since the last list
   std::int64_t m_heardSince = 0;
   bool m_hearing = false;

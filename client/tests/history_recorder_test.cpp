@@ -157,6 +157,47 @@ TEST_F(Recorder, BelievesALaunchThatIsHeardBehindTheList) {
   EXPECT_THAT(Take(), ElementsAre("launch 10 100"));
 }
 
+TEST_F(Recorder, TellsAWindowThatWasPassedOverFromTheLaunchOfTheNextOne) {
+  Begin({Row(kRecorderNow + 10)});
+  Wait(16);
+  List({Row(kRecorderNow + 17)});
+  Wait(1);
+  recorder.NextTimeWindow_Modify(Id(), kRecorderNow + 24);
+  EXPECT_THAT(Take(), ElementsAre("missed 10 17 no launch was heard", "launch 17 24"));
+}
+
+TEST_F(Recorder, TellsOfEachWindowOfManyThatWerePassedOver) {
+  Begin({Row(kRecorderNow + 10)});
+  for (std::int64_t window = 17; window < 29; window += 4) {
+    Wait(window == 17 ? 16 : 4);
+    recorder.BeginList();
+    recorder.TakeList({Row(kRecorderNow + window)});
+  }
+  Wait(2);
+  recorder.Settle();
+  EXPECT_THAT(Take(), ElementsAre("missed 10 17 no launch was heard", "missed 17 21 no launch was heard",
+                                  "missed 21 25 no launch was heard"));
+}
+
+TEST_F(Recorder, TakesNoLaunchForAWindowThatPassedBeforeTheServiceCame) {
+  Begin({Row(kRecorderNow + 10)});
+  Wait(5);
+  recorder.ServiceDown();
+  Wait(10);
+  recorder.ServiceUp(101);
+  Wait(1);
+  recorder.NextTimeWindow_Modify(Id(), kRecorderNow + 100);  // ahead of the list
+  EXPECT_THAT(Take(), ElementsAre("service-down", "service-up", "missed 10 100 the service was down", "launch - 100"));
+}
+
+TEST_F(Recorder, DoesNotKnowOfAWindowBehindWhichTheServiceLeft) {
+  Begin({Row(kRecorderNow + 10)});
+  Wait(16);
+  List({Row(kRecorderNow + 100)});
+  recorder.ServiceDown();
+  EXPECT_THAT(Take(), ElementsAre("unknown 10 100 the service left the bus", "service-down"));
+}
+
 TEST_F(Recorder, WaitsWhileAWindowThatIsPastStaysInTheList) {
   Begin({Row(kRecorderNow + 10)});
   Wait(16);
@@ -309,7 +350,7 @@ TEST_F(Recorder, EndsOnceAndSaysWhy) {
   List({Row(kRecorderNow + 100)});
   recorder.EndHearing("the bus was lost");
   recorder.EndHearing("stopped");
-  EXPECT_THAT(Take(), ElementsAre("missed 10 100 no launch was heard", "record-end the bus was lost"));
+  EXPECT_THAT(Take(), ElementsAre("unknown 10 100 the record ended", "record-end the bus was lost"));
   EXPECT_FALSE(recorder.IsUp());
 }
 
