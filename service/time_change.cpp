@@ -21,14 +21,22 @@ using ZepFoundation::ServiceLog;
 namespace qx {
 namespace {
 
-// That have begun so far.
+// Goes on when a pass begins, when it has counted keys and jobs, and with each schedule that it finds in the hands of a
+// modification. Odd until a pass that has begun has counted.
 std::atomic<std::uint32_t> g_passes{0};
 
-bool IsListed(std::u16string_view keyName) {
+class PassUntilItHasCounted {
+ public:
+  PassUntilItHasCounted() { ++g_passes; }
+  ~PassUntilItHasCounted() { ++g_passes; }
+  PassUntilItHasCounted(const PassUntilItHasCounted&) = delete;
+  PassUntilItHasCounted& operator=(const PassUntilItHasCounted&) = delete;
+};
+
+bool IsListed(std::u16string_view keyName) QX_REQUIRES(g_JobListLock) {
   ScheduleGuid id{};
-  if (platform::ClsidFromString(keyName, id) != 0) return false;
-  const CriticalSectionGuard guard(g_JobListLock);
-  return g_JobList.Find(id) != g_JobList.End() && platform::GuidText(id) == keyName;
+  return platform::ClsidFromString(keyName, id) == 0 && g_JobList.FindNode(id) != nullptr &&
+         platform::GuidText(id) == keyName;
 }
 
 bool IsOutOfTheList(std::u16string_view keyName) QX_REQUIRES(g_JobListLock) {
@@ -41,11 +49,7 @@ bool HasKey(const RegistryKey& schedules, std::u16string_view keyName) {
   return platform::OpenKey(schedules, keyName, platform::KEY_READ, key) != platform::ERROR_FILE_NOT_FOUND;
 }
 
-void ReviveSchedule(const RegistryKey& schedules, std::u16string_view keyName) {
-  // The file of a schedule that is being modified lies aside, and would be taken for one that is missing. To the end no
-  // modification gets as far.
-  const CriticalSectionGuard guard(g_JobListLock);
-  if (IsOutOfTheList(keyName)) return;
+void ReviveSchedule(const RegistryKey& schedules, std::u16string_view keyName) QX_REQUIRES(g_JobListLock) {
   CJobNode node;
   if (!BuildJobNode(schedules, keyName, kTimeChangeWords, node)) return;
   if (node.UpdateNextTimeWindow() <= 0) {
@@ -64,9 +68,24 @@ void ReviveSchedule(const RegistryKey& schedules, std::u16string_view keyName) {
   }
 }
 
+// Brings the schedule of a key back that has no job.
+//   returns  whether it has none
+bool ReviveMissing(const RegistryKey& schedules, std::u16string_view keyName) {
+  // The file of a schedule that is being modified lies aside, and would be taken for one that is missing. To the end no
+  // modification gets as far.
+  const CriticalSectionGuard guard(g_JobListLock);
+  if (IsListed(keyName)) return false;
+  if (IsOutOfTheList(keyName)) {
+    // Its job may have been counted as listed. The modification asks for another pass.
+    g_passes += 2;
+    return false;
+  }
+  ReviveSchedule(schedules, keyName);
+  return true;
+}
+
 // False when the pass is to end here.
-bool ReviveExpired(const RegistryKey& schedules, const platform::KeyInfo& info) {
-  const auto difference = info.subKeyCount - static_cast<std::uint32_t>(g_JobList.Size());  // Deliberate: unsigned.
+bool ReviveExpired(const RegistryKey& schedules, const platform::KeyInfo& info, std::uint32_t difference) {
   if (difference == 0) return true;
   platform::NamedBuffer<char16_t> name(std::size_t{info.maxSubKeyLength} + 1, "TimeChangePass name");
   if (!name) {
@@ -82,17 +101,15 @@ bool ReviveExpired(const RegistryKey& schedules, const platform::KeyInfo& info) 
       ServiceLog(1, u"Failed RegEnumKey for %d key", i);
       break;
     }
-    const std::u16string_view keyName(name.get(), length);
-    if (IsListed(keyName)) continue;
-    ++missing;
-    ReviveSchedule(schedules, keyName);
+    if (ReviveMissing(schedules, {name.get(), length})) ++missing;
   }
   return true;
 }
 
-// Opens the keys and brings schedules back; false when the pass is to end here.
-bool ReviveFromRegistry() {
-  RegistryKey version, schedules;
+// Opens the key of all schedules and counts; false when the pass is to end here.
+//   difference  keys that have no job, as long as no job lacks its key
+bool CountKeysAndJobs(RegistryKey& schedules, platform::KeyInfo& info, std::uint32_t& difference) {
+  RegistryKey version;
   if (platform::OpenKey(platform::Hive::kLocalMachine, kCurrentVersionKey, platform::KEY_ALL_ACCESS, version) !=
       ERROR_SUCCESS) {
     ServiceLog(1, u"Failed to open HKEY_LOCAL_MACHINE\\SOFTWARE\\KORVANE\\QxSvc\\CurrentVersion key");
@@ -104,7 +121,6 @@ bool ReviveFromRegistry() {
     ServiceLog(1, u"schedules which are valid bacause of system time change were not considered");
     return false;
   }
-  platform::KeyInfo info;
   if (platform::QueryInfoKey(schedules, info) != ERROR_SUCCESS) {
     ServiceLog(1, u"Failed to query the 'Schedules' Registry key for number of schedules");
     return false;
@@ -115,7 +131,21 @@ bool ReviveFromRegistry() {
   }
   ServiceLog(4, u"SystemTimeChange: Number of schedules in the joblist: %d", g_JobList.Size());
   ServiceLog(5, u"SystemTimeChange: Number of Schedules in the registry = %d", info.subKeyCount);
-  return ReviveExpired(schedules, info);
+  difference = info.subKeyCount - static_cast<std::uint32_t>(g_JobList.Size());  // Deliberate: unsigned.
+  return true;
+}
+
+// False when the pass is to end here.
+bool ReviveFromRegistry() {
+  RegistryKey schedules;
+  platform::KeyInfo info;
+  std::uint32_t difference = 0;
+  {
+    const PassUntilItHasCounted mark;
+    ServiceLog(4, u"Sleep interrupted because of system time change");
+    if (!CountKeysAndJobs(schedules, info, difference)) return false;
+  }
+  return ReviveExpired(schedules, info, difference);
 }
 
 bool MakeArrays(std::size_t count, IdArray& ids, WindowArray& windows) {
@@ -207,8 +237,6 @@ Status UpdateList(std::uint32_t& count, IdArray& ids, WindowArray& windows) {
 }
 
 void TimeChangePass(platform::Apartment& apartment, ISchedulerService& service) {
-  ++g_passes;
-  ServiceLog(4, u"Sleep interrupted because of system time change");
   if (!ReviveFromRegistry()) return;
   ServiceLog(5, u"Number of Schedules in the job list after reading the registry %d", g_JobList.Size());
   IdArray ids;
@@ -228,7 +256,8 @@ void TimeChangePass(platform::Apartment& apartment, ISchedulerService& service) 
 CNewWindow::CNewWindow() : m_passes(g_passes.load()) {}
 
 void CNewWindow::Listed() const {
-  if (g_passes.load() != m_passes) g_SchedulerEvents.Set(SYSTEM_TIME_CHANGED);
+  const bool beganWhileAPassCounted = m_passes % 2 != 0;
+  if (beganWhileAPassCounted || g_passes.load() != m_passes) g_SchedulerEvents.Set(SYSTEM_TIME_CHANGED);
 }
 
 }  // namespace qx

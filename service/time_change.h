@@ -31,14 +31,15 @@ using WindowArray = platform::RecordArray<std::int32_t>;
 void TimeChangePass(platform::Apartment& apartment, ISchedulerService& service);
 
 // Over the time from the computing of a window until its job is listed, or until a modification gives the schedule
-// free: a pass in between hasn't seen the job. Also over the time in which a job is listed that has no key yet, or none
-// any more: by the numbers of both, a pass in between misses a schedule that it should bring back.
+// free: a pass that begins in between hasn't seen the job, and one that meets the schedule leaves it alone. Also over
+// the time in which a job is listed that has no key yet, or none any more: by the numbers of both, a pass that counts in
+// between misses a schedule that it should bring back.
 // Threads: one at a time.
 class CNewWindow {
  public:
   CNewWindow();  // ahead of the computing, or of the key's end
-  // The job is listed, or free, and its key is written; or both are gone. Sets SYSTEM_TIME_CHANGED when a pass has
-  // begun meanwhile.
+  // The job is listed, or free, and its key is written; or both are gone. Sets SYSTEM_TIME_CHANGED when a pass has done
+  // one of these meanwhile.
   void Listed() const;
 
  private:

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <utility>
 
 #include "service/tests/at_line.h"
@@ -206,6 +207,90 @@ TEST_F(TimeChange, IsAskedForAgainWhereAModificationKeptItFromAScheduleThatHadRu
     Pass();
     ASSERT_EQ(g_JobList.Size(), 0u);
   }
+}
+
+// A change that begins behind a step of the pass, and is in its midst while the pass goes on to its end.
+class OverlappedTimeChange : public TimeChange {
+ protected:
+  static constexpr const char* kBegins = "Sleep interrupted because of system time change";
+  static constexpr const char* kHasCounted = "Entered into loop for 0 time,No of expired schedules became valid = 0";
+  // A schedule that has run out and, by the clock as it goes now, hasn't.
+  ScheduleGuid RunOut() {
+    const ScheduleGuid id = Add(Once());
+    RunOutAgain();
+    return id;
+  }
+  void RunOutAgain() {
+    m_clock.SetWall(kPresent + 7200);
+    ASSERT_EQ(m_service.Refresh(), kStatusOk);
+    m_clock.SetWall(kPresent);
+    (void)TakeEvents();
+  }
+  // Has `change` begin where the pass writes `behind`, and stand where it writes `at` until the pass has ended.
+  void PassOver(const char* behind, const char* at, const std::function<Status()>& change) {
+    std::promise<void> reached, passed;
+    Status status = kStatusFailure;
+    platform::Thread changing;
+    const AtLine lines({{behind,
+                         [&] {
+                           ASSERT_EQ(platform::Thread::Start("change", [&] { status = change(); }, changing), 0u);
+                           reached.get_future().wait();
+                         }},
+                        {at,
+                         [&] {
+                           reached.set_value();
+                           passed.get_future().wait();
+                         }}});
+    Pass();
+    passed.set_value();
+    changing.Join();
+    EXPECT_EQ(status, kStatusOk);
+  }
+};
+
+TEST_F(OverlappedTimeChange, IsAskedForAgainWhereItCountsInTheMidstOfAChangeThatBeganBehindIt) {
+  const ScheduleGuid deleted = Add(Daily());
+  const ScheduleGuid runOut = RunOut();
+  ScheduleGuid created{};
+  struct Change {
+    int line;
+    const char* at;
+    std::function<Status()> change;
+  };
+  const Change changes[] = {
+      {__LINE__, "Exit Delete Registry", [&] { return m_service.DeleteSchedule(deleted); }},
+      {__LINE__, "Entered Write Registry", [&] { return m_service.CreateSchedule(Daily(), created); }},
+  };
+  for (const Change& c : changes) {
+    RunOutAgain();
+    PassOver(kBegins, c.at, c.change);
+    EXPECT_EQ(ListedWindow(runOut), -2) << c.line;
+    EXPECT_THAT(TakeEvents(), Contains(int{SYSTEM_TIME_CHANGED})) << c.line;
+    Pass();
+    EXPECT_EQ(ListedWindow(runOut), kPresent + 3600) << c.line;
+  }
+}
+
+TEST_F(OverlappedTimeChange, LooksOnBehindAScheduleThatAModificationTookOutOfTheList) {
+  const ScheduleGuid runOut = RunOut();
+  ScheduleGuid modified{};
+  do {
+    modified = Add(Daily());
+  } while (Text(runOut) < Text(modified));  // its key comes first
+  PassOver(kHasCounted, "Entered Modify Registry", [&] { return m_service.ModifySchedule(modified, Daily()); });
+  EXPECT_EQ(ListedWindow(modified), kPresent + 3600);
+  EXPECT_EQ(ListedWindow(runOut), kPresent + 3600);
+}
+
+TEST_F(OverlappedTimeChange, IsAskedForAgainByAModificationThatBeganBehindItAndLeavesTheScheduleWithoutAJob) {
+  const ScheduleGuid runOut = RunOut();
+  SCHEDULE_OBJECT refused = Daily();
+  refused.dwTaskOpCode = 99;
+  PassOver(kHasCounted, "Entered Modify Registry", [&] { return m_service.ModifySchedule(runOut, refused); });
+  EXPECT_EQ(ListedWindow(runOut), -2);
+  EXPECT_THAT(TakeEvents(), Contains(int{SYSTEM_TIME_CHANGED}));
+  Pass();
+  EXPECT_EQ(ListedWindow(runOut), kPresent + 3600);
 }
 
 TEST_F(TimeChange, SendsNoNoticeForAnEmptyList) {
