@@ -132,6 +132,28 @@ TEST_F(Populate, SkipsAScheduleWithAMissingValueAndLoadsTheOthers) {
   }
 }
 
+// Of several that are missing, the one that is read first is told of.
+TEST_F(Populate, ReadsTheValuesInOneOrder) {
+  const ScheduleGuid id = Create(Daily());
+  for (auto value = std::rbegin(qx::testing::kMissingValues); value != std::rend(qx::testing::kMissingValues);
+       ++value) {
+    RemoveValue(id, value->name);
+    Reload();
+    EXPECT_THAT(m_log.texts(1), ElementsAre(value->text));
+  }
+}
+
+TEST_F(Populate, LooksForTheFileBetweenThePathAndTheFlag) {
+  const ScheduleGuid id = Create(Daily());
+  std::filesystem::remove(IniFile(id));
+  RemoveValue(id, u"UseGUID");
+  Reload();
+  EXPECT_THAT(m_log.texts(1), ElementsAre("Ini file does not exists: " + IniFile(id)));
+  RemoveValue(id, u"XMLFilePathName");
+  Reload();
+  EXPECT_THAT(m_log.texts(1), ElementsAre("Query Value of XML file path failed"));
+}
+
 TEST_F(Populate, RefusesAFlagOfAnotherType) {
   const ScheduleGuid id = Create(Daily());
   SetText(id, u"UseGUID", u"1");

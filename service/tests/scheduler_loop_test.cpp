@@ -208,6 +208,35 @@ TEST_F(SchedulerLoop, StartsAllJobsOfOneSecondInOnePassNewestFirst) {
   EXPECT_THAT(ListedIds(), ElementsAre(Text(later), Text(second), Text(first)));
 }
 
+TEST_F(SchedulerLoop, StartsInOnePassAlsoWhatFallsDueWhileItRuns) {
+  const ScheduleGuid due = Add(Daily());
+  const ScheduleGuid meanwhile = Add(Daily(3601));
+  const ScheduleGuid later = Add(Daily(3603));
+  FaultPlan plan = FaultPlan::Ask([this](int, Operation operation, std::string_view) {
+    if (operation == Operation::kCreateProcess) m_clock.Advance(1000);  // so long a start takes
+    return platform::ErrorCode{platform::ERROR_SUCCESS};
+  });
+  EXPECT_TRUE(m_loop.Step());
+  EXPECT_THAT(Launches(), ElementsAre(Text(due), Text(meanwhile)));
+  EXPECT_TRUE(m_loop.Step());
+  plan.Remove();
+  EXPECT_THAT(Launches(), ElementsAre(Text(due), Text(meanwhile), Text(later)));
+}
+
+// Both were listed during the sleep, and the wait was over before their event was seen.
+TEST_F(SchedulerLoop, EndsThePassAtAWindowAheadOfTheOneThatItSleptUntil) {
+  const ScheduleGuid sleptUntil = Add(Daily());
+  std::vector<ScheduleGuid> listed;
+  m_loop.SetSleepNotice([&](std::int64_t) {
+    if (listed.empty()) listed = {Add(Daily(3000)), Add(Daily(3100))};
+  });
+  EXPECT_TRUE(m_loop.Step());
+  EXPECT_THAT(Launches(), ElementsAre(Text(listed[0])));
+  EXPECT_TRUE(m_loop.Step());
+  EXPECT_THAT(Launches(), ElementsAre(Text(listed[0]), Text(sleptUntil)));
+  EXPECT_EQ(ListedWindow(listed[1]), kPresent + 3100 + kSecondsOfDay);
+}
+
 TEST_F(SchedulerLoop, AdvancesTheWindowOfAJobThatCanNotBeStarted) {
   SCHEDULE_OBJECT schedule = Daily();
   schedule.bstrWrapperBinaryName = Wide(m_folder + "/absent");
@@ -374,28 +403,35 @@ TEST_F(SchedulerLoop, EndsForGoodAfterAFailedWait) {
   EXPECT_THAT(m_log.texts(0), ElementsAre("Wait error: 6"));
 }
 
-// Writes down what is asked of it.
+// Writes down what is asked of it, and whether the watch had ended before.
 class RecordingChannel : public qx::INodeChannel {
  public:
+  explicit RecordingChannel(platform::ClockWatch& watch) : m_watch(watch) {}
   Security LoadSecurityLibrary(platform::ErrorCode&) override { return Security::kLoaded; }
-  void FreeSecurityLibrary() override { calls.push_back("free"); }
+  void FreeSecurityLibrary() override {
+    m_watch.NotifyForTest();  // else the look at a living watch has no end
+    platform::ClockNotice notice{1, true};
+    EXPECT_EQ(m_watch.Read(notice), 0u);
+    if (notice.message == 0) calls.push_back("watch ended");
+    calls.push_back("free");
+  }
   platform::ErrorCode StartSockets() override { return 0; }
   void Serve(std::uint16_t) override {}
   void CloseListener() override { calls.push_back("close"); }
   void CleanUpSockets() override { calls.push_back("clean"); }
   std::vector<std::string> calls;
+
+ private:
+  platform::ClockWatch& m_watch;
 };
 
 TEST_F(SchedulerLoop, ShutsDownInOrderAndKeepsTheList) {
   const ScheduleGuid id = Add(Daily());
-  RecordingChannel channel;
+  RecordingChannel channel(m_watch);
   qx::CSchedulerLoop loop(m_apartment, m_service, &m_watch, &channel);
   g_SchedulerEvents.Set(SHUTDOWN_EVENT);
   EXPECT_EQ(qx::ThreadProcedure(loop), 0u);
-  EXPECT_THAT(channel.calls, ElementsAre("free", "close", "clean"));
-  platform::ClockNotice notice{1, true};
-  EXPECT_EQ(m_watch.Read(notice), 0u);
-  EXPECT_EQ(notice.message, 0u);
+  EXPECT_THAT(channel.calls, ElementsAre("watch ended", "free", "close", "clean"));
   EXPECT_THAT(ListedIds(), ElementsAre(Text(id)));
 }
 

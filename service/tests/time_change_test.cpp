@@ -453,6 +453,28 @@ TEST_F(TimeChangeThread, IgnoresADriftOfAtMostOneSecond) {
   EXPECT_TRUE(Sets());
 }
 
+TEST_F(TimeChangeThread, ReckonsTheDriftIn32BitsAlsoAfterMonths) {
+  ASSERT_TRUE(Sets());
+  constexpr std::int64_t kWrapSeconds = 4'294'967;  // with 296 milliseconds all of 32 bits
+  m_clock.Advance(60 * kSecondsOfDay * 1000);
+  EXPECT_FALSE(Sets());
+  m_clock.SetWall(platform::NowSeconds() + kWrapSeconds, 296);
+  EXPECT_FALSE(Sets());
+  m_clock.SetWall(platform::NowSeconds() + 2);
+  EXPECT_TRUE(Sets());
+}
+
+// Deliberate: a tick count of 0 stands for none.
+TEST_F(TimeChangeThread, TakesANoticeAtATickCountOfZeroForNone) {
+  m_clock.Advance((std::uint64_t{1} << 32) - 5000);
+  ASSERT_EQ(platform::TickCount(), 0u);
+  EXPECT_TRUE(Sets());
+  EXPECT_TRUE(Sets());
+  m_clock.Advance(1);
+  EXPECT_TRUE(Sets());
+  EXPECT_FALSE(Sets());
+}
+
 TEST_F(TimeChangeThread, AlwaysAcceptsAChangeOfTheZone) {
   ASSERT_TRUE(Sets());
   EXPECT_FALSE(Sets());
