@@ -381,6 +381,26 @@ TEST_F(ScheduleObject, SetsAFullDayAndChangesNothingWhereItIsSetAlready) {
   EXPECT_FALSE(IsDirty(&*rules));
 }
 
+TEST_F(ScheduleObject, DerivesTheDurationOfAFullDayAnewOnlyWhereItIsDirty) {
+  Fresh schedule;
+  std::uint32_t size = 0;
+  ASSERT_EQ(schedule->MemorySizeMax(&size), ZEP_S_OK);
+  std::string block(size, '\0');
+  ASSERT_EQ(schedule->Save(block.data(), 0, size), ZEP_S_OK);
+  const std::size_t at = block.find("\x05\x26\x58\x53");  // 23:59:59.059 in milliseconds, and none of the times
+  ASSERT_NE(at, block.npos);
+  block.replace(at, 4, std::string("\0\0\x03\xE8", 4));
+  ASSERT_EQ(schedule->Load(block.data(), size), ZEP_S_OK);
+  std::uint32_t duration = 0;
+  EXPECT_EQ(schedule->SetFullDay(), ZEP_S_OK);
+  schedule->get_TimeDuration(&duration);
+  EXPECT_EQ(duration, 1000u);
+  schedule->put_Dirty(1);
+  EXPECT_EQ(schedule->SetFullDay(), ZEP_S_OK);
+  schedule->get_TimeDuration(&duration);
+  EXPECT_EQ(duration, 86399059u);
+}
+
 TEST_F(ScheduleObject, DerivesTheDurationFromStartAndEnd) {
   struct Case {
     int line;
@@ -400,6 +420,20 @@ TEST_F(ScheduleObject, DerivesTheDurationFromStartAndEnd) {
     rules->get_TimeDuration(&duration);
     EXPECT_EQ(duration, c.duration) << c.line;
   }
+}
+
+// Present is a day whose clock leaves the start out, and puts it behind the end.
+TEST_F(ScheduleObject, DerivesTheDurationOnTheDateOfWhatIsSet) {
+  m_clock.SetWall(Local("2024-03-10 12:00"), 0);
+  Rules rules;
+  rules.Window("02:45", "03:15");
+  std::uint32_t duration = 0;
+  rules->get_TimeDuration(&duration);
+  EXPECT_EQ(duration, 1800000u);
+  rules.Window("02:30", "03:15");
+  EXPECT_EQ(rules->put_StartTime(Local("2024-01-10 02:45")), ZEP_S_OK);  // with the end there
+  rules->get_TimeDuration(&duration);
+  EXPECT_EQ(duration, 1800000u);
 }
 
 TEST_F(ScheduleObject, MovesTheEndWithTheDurationPastMidnight) {
