@@ -61,7 +61,8 @@ class Apartment {
   bool Send(Task task);
 
   // One turn: waits at most `limitMs` for something to do, works on the sources (bounded, so that tasks don't starve),
-  // then runs the timers that are due and the tasks that are queued. Tests call Step(0).
+  // ahead of each piece of work running the tasks that are queued by then, and runs the timers that are due and the
+  // tasks that are queued at the end. Tests call Step(0).
   //   returns  false when Quit() was called; the tasks queued until then have run and the queue is closed
   bool Step(std::uint32_t limitMs);
 
@@ -71,7 +72,8 @@ class Apartment {
   // Ends Run() after the present turn.
   void Quit();
 
-  // Runs a task once after `delayMs` of the steady clock. Only on the apartment's thread.
+  // Runs a task once after `delayMs` of the steady clock; with 0 behind the work of the present turn. Only on the
+  // apartment's thread.
   TimerId StartTimer(std::uint32_t delayMs, Task task);
   // Takes a timer out; nothing when it already ran.
   void StopTimer(TimerId id);

@@ -123,12 +123,17 @@ struct Apartment::State {
     return std::find(sources.begin(), sources.end(), source) != sources.end();
   }
 
+  // A task that was put in ahead of a piece of work runs ahead of it: callers see what happened in its order.
   void WorkOnSources() {
     more = false;
     const std::vector<PollSource*> present = sources;
     for (PollSource* source : present) {
       bool again = true;
-      for (int i = 0; again && i < kSourceBurst && IsSource(source); ++i) again = source->Process();
+      for (int i = 0; again && i < kSourceBurst; ++i) {
+        if (HasQueued()) (void)RunQueued();
+        if (!IsSource(source)) break;
+        again = source->Process();
+      }
       more = more || (again && IsSource(source));
     }
   }

@@ -213,7 +213,7 @@ void CServiceBus::ForgetClient(std::string_view name) {
   m_clients.erase(at);
   if (!m_clients.empty()) return;
   // Behind the calls that have come with it: a server that ended then would leave a client that just made itself one.
-  m_apartment.Post([self = std::weak_ptr(m_self)] {
+  (void)m_apartment.StartTimer(0, [self = std::weak_ptr(m_self)] {
     const auto bus = self.lock();
     if (bus && (*bus)->m_clients.empty() && (*bus)->m_options.lastClientLeft) (*bus)->m_options.lastClientLeft();
   });

@@ -240,6 +240,46 @@ TEST(Apartment, RunsItsTasksBesideASourceThatAlwaysHasMore) {
   apartment.RemoveSource(&source);
 }
 
+// Has three pieces of work; in the midst of the first one a task is put in.
+class OrderedSource : public PollSource {
+ public:
+  OrderedSource(Apartment& apartment, std::string& order) : m_apartment(apartment), m_order(order) {}
+  bool Process() override {
+    if (m_left == 0) return false;
+    m_order += 'w';
+    if (--m_left == 2) m_apartment.Post([this] { m_order += 't'; });
+    return m_left > 0;
+  }
+  int PollDescriptor() const override { return -1; }
+  short PollEvents() const override { return 0; }
+  std::optional<std::uint32_t> PollLimit() const override { return 0; }
+
+ private:
+  Apartment& m_apartment;
+  std::string& m_order;
+  int m_left = 3;
+};
+
+TEST(Apartment, RunsATaskAheadOfTheWorkThatWasBegunBehindIt) {
+  std::string order;
+  Apartment apartment;
+  OrderedSource source(apartment, order);
+  apartment.AddSource(&source);
+  apartment.Post([&] { order += 't'; });
+  apartment.Step(0);
+  EXPECT_EQ(order, "twtww");
+  apartment.RemoveSource(&source);
+}
+
+TEST(Apartment, LetsATaskTakeOutTheSourceThatIsBeingWorkedOn) {
+  BusySource source;
+  Apartment apartment;
+  apartment.AddSource(&source);
+  apartment.Post([&] { apartment.RemoveSource(&source); });
+  apartment.Step(0);
+  EXPECT_EQ(source.calls, 0);
+}
+
 TEST(Apartment, WorksWithoutADescriptorForWaking) {
   rlimit before = {};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
