@@ -24,7 +24,10 @@ using SteadyClock = std::chrono::steady_clock;
 std::atomic<GuardReport> g_guardReport{nullptr};
 
 void ReportCaught(std::string_view where, std::string_view what) noexcept {
-  if (const GuardReport report = g_guardReport.load()) report(where, what);
+  try {
+    if (const GuardReport report = g_guardReport.load()) report(where, what);
+  } catch (...) {  // no memory to tell it in
+  }
 }
 
 // A source may work this often in one turn, so that a busy one doesn't starve the tasks.

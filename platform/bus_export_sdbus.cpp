@@ -1,6 +1,7 @@
 #include <systemd/sd-bus.h>
 
 #include <cerrno>
+#include <exception>
 #include <utility>
 
 #include "platform/bus_export.h"
@@ -32,7 +33,17 @@ BusError HandleGuarded(const ExportedMember& member, sd_bus_message* call, Messa
   return {};
 }
 
-int OnMethod(sd_bus_message* call, void* userData, sd_bus_error*) noexcept {
+// What the library calls. Where no memory is left for the answer's words either, the library refuses by the number.
+template <class Answer>
+int Answered(const Answer& answer) noexcept {
+  try {
+    return answer();
+  } catch (const std::exception&) {
+    return -ENOMEM;
+  }
+}
+
+int AnswerMethod(sd_bus_message* call, void* userData) {
   const auto& member = *static_cast<const ExportedMember*>(userData);
   sd_bus_message* raw = nullptr;
   if (const int result = sd_bus_message_new_method_return(call, &raw); result < 0) return result;
@@ -43,14 +54,22 @@ int OnMethod(sd_bus_message* call, void* userData, sd_bus_error*) noexcept {
   return result == -ENOTCONN || result >= 0 ? 1 : result;
 }
 
-int OnProperty(sd_bus*, const char*, const char*, const char* name, sd_bus_message* reply, void* userData,
-               sd_bus_error* error) noexcept {
+int OnMethod(sd_bus_message* call, void* userData, sd_bus_error*) noexcept {
+  return Answered([&] { return AnswerMethod(call, userData); });
+}
+
+int AnswerProperty(const char* name, sd_bus_message* reply, void* userData, sd_bus_error* error) {
   const auto& member = *static_cast<const ExportedMember*>(userData);
   MessageWriter writer = BusInternals::Writer(sd_bus_message_ref(reply));
   const bool done =
       RunGuarded(name, [&] { member.property->get(OrEmpty(sd_bus_message_get_destination(reply)), writer); });
   if (done && writer.Result() == ERROR_SUCCESS) return 1;
   return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "the property could not be read");
+}
+
+int OnProperty(sd_bus*, const char*, const char*, const char* name, sd_bus_message* reply, void* userData,
+               sd_bus_error* error) noexcept {
+  return Answered([&] { return AnswerProperty(name, reply, userData, error); });
 }
 
 }  // namespace
