@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <thread>
 #include <utility>
 
@@ -140,6 +141,7 @@ SocketError ResolveAddress(const std::string& node, const std::string& service, 
   hints.ai_flags = numeric ? AI_NUMERICHOST : AI_ALL | AI_ADDRCONFIG | AI_V4MAPPED;
   addrinfo* list = nullptr;
   if (const int result = getaddrinfo(node.c_str(), service.c_str(), &hints, &list); result != 0) return result;
+  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(list, &freeaddrinfo);
   std::vector<SocketAddress> found;
   for (const addrinfo* at = list; at != nullptr; at = at->ai_next) {
     SocketAddress address;
@@ -147,7 +149,6 @@ SocketError ResolveAddress(const std::string& node, const std::string& service, 
     std::memcpy(address.m_storage, at->ai_addr, address.m_length);
     found.push_back(address);
   }
-  freeaddrinfo(list);
   out = std::move(found);
   return 0;
 }

@@ -1,5 +1,8 @@
 #include "replication/receive_ack.h"
 
+#include <chrono>
+#include <string>
+
 #include "replication/child_session.h"
 #include "replication/tests/replication_fixture.h"
 
@@ -99,6 +102,29 @@ TEST_F(ReceiveAckTest, ASilentNodeKeepsItsResultAndRaisesNoFailure) {
   EXPECT_THAT(m_results, ElementsAre(1, 0));
   EXPECT_TRUE(m_log.Has(1, "ReceiveAck: Select returned because time limit expired\n"));
   EXPECT_TRUE(AllClosed());
+}
+
+// The time of this test's clock that passes in the wait for one node is lost to the others.
+TEST_F(ReceiveAckTest, TheSixtySecondsAreOneBudgetForAllNodes) {
+  for (const int seconds : {59, 60}) {
+    m_sockets.clear(), m_peers.clear(), m_waiting.clear(), m_results.clear(), m_names.clear();
+    AddNodes(2);
+    Acknowledge(0, 0);
+    int waits = 0;
+    const FaultPlan plan = FaultPlan::Ask([&](int, Operation operation, std::string_view detail) {
+      const bool isWait = operation == Operation::kSocketSelect && detail == "any";
+      if (isWait && ++waits == 1) m_clock.Advance(static_cast<std::uint64_t>(seconds) * 1000);
+      return platform::ErrorCode{platform::ERROR_SUCCESS};
+    });
+    const auto begun = std::chrono::steady_clock::now();
+    EXPECT_EQ(Collect(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(30)) << "the second one's wait is a new one";
+    EXPECT_THAT(m_results, ElementsAre(0, 1));
+    EXPECT_EQ(waits, seconds == 59 ? 2 : 1);
+    EXPECT_EQ(m_log.Count(1, "ReceiveAck: Select returned because time limit expired\n"), seconds == 59 ? 1 : 0);
+    EXPECT_TRUE(m_log.Has(3, "ReceivedAck: Total elapsed time in seconds is:     " + std::to_string(seconds)));
+    EXPECT_TRUE(AllClosed());
+  }
 }
 
 TEST_F(ReceiveAckTest, AFailedWaitEndsIt) {
