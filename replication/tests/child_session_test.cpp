@@ -409,6 +409,41 @@ TEST_F(ChildSession, AnOwnKeyThatCannotBeHadEndsTheConnection) {
   EXPECT_TRUE(m_log.Has(1, "ChildSocketThread :Failed ExportPublicKey"));
 }
 
+TEST_F(ChildSession, AFirstHeaderThatCannotBeReadEndsTheConnectionWithoutAWordOfItsOwn) {
+  Caller caller;
+  Call(caller, NewId());
+  caller.Authenticate();
+  Bytes bytes = Message(MSG_PUBLIC_KEY, 276, caller.id);
+  bytes[12] = '(';
+  caller.SendBytes(bytes);
+  EXPECT_TRUE(caller.IsClosed());
+  WaitForChildren();
+  EXPECT_TRUE(m_log.Has(1, "DecodeHeader:Received invalid ScheduleID"));
+  EXPECT_THAT(m_log.texts(), Not(Contains(HasSubstr("ChildSocketThread: Decode Header failed"))));
+  EXPECT_THAT(m_log.texts(), Not(Contains(HasSubstr("ChildSocketThread: Failed to receive header"))));
+}
+
+TEST_F(ChildSession, AnAnswerThatCannotBeSentEndsTheConnectionAtOnce) {
+  // Behind header and payload of two tokens and of the key.
+  for (const int send : {7, 8}) {
+    m_log.Clear();
+    const ScheduleGuid id = NewId();
+    Caller caller;
+    Call(caller, id);
+    const FaultPlan plan = FailTheChilds(Operation::kSocketSend, send, EPIPE);
+    caller.Authenticate();
+    caller.ExchangeKeys();
+    caller.SendOperation(MSG_CREATE, CreateBody(Daily(), id));
+    EXPECT_FALSE(caller.ReceiveAnswer());
+    WaitForChildren();
+    EXPECT_TRUE(HasKey(id)) << "what was done stays";
+    EXPECT_EQ(m_log.Count(3, "Successfully sent the header of ACK"), send == 8 ? 1 : 0);
+    EXPECT_EQ(m_log.Count(3, "ChildSocketThread: Successfully sent the ACK"), 0);
+    EXPECT_EQ(m_log.Count(3, "Received FD_CLOSE event"), 0);
+    EXPECT_EQ(m_log.Count(3, "WSAWaitForMultipleEvents returned with WSA_WAIT_TIMEOUT"), 0);
+  }
+}
+
 TEST_F(ChildSession, TheReplyWithTheKeyBearsReservedAndIdentifierAsTheyCame) {
   Bytes blob;
   ASSERT_EQ(testing::OwnKeys().ExportPublicKey(blob), 1);
