@@ -43,10 +43,12 @@ class CDateTime : public CDate, public WTime {  // a date with a time of day
   std::int64_t AsANSITime() const override;
   // The presented fields with the daylight flag they have as local time; null when `out` is, or when there are none.
   std::tm* AsANSICalendarTime(std::tm* out) const override;
+  // The present instant. The first sets the local flag, the second clears it.
   void SetToSystemCurrent() override;
   void SetToUtcCurrent() override;
   // Keeps the time of day. No field is carried and no year is moved: what doesn't exist is refused.
   bool SetDate(int year, int month, int day) override;
+  // An invalid value stays as it is; one whose fields are all zero, which have no date, becomes invalid.
   // Deliberate: days are borrowed from no month, a day of 0 or below makes the value invalid.
   void IncrementDay(int days) override;
   bool GetTime(int* hour, int* minute, int* second, int* millisecond) const override;  // as GetDateTime()

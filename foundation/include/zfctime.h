@@ -36,7 +36,7 @@ class WTime {  // a time of day
   WTime(double date, bool local);
   WTime(const WTime&) = default;
   // Takes the local flag and then the presented fields.
-  // Deliberate: an invalid time has all fields 0 and arrives as a valid one.
+  // Deliberate: an invalid time has all fields 0 and arrives as a valid one, also where it is assigned to itself.
   WTime& operator=(const WTime& other);
 
   virtual bool IsValid() const;
@@ -58,9 +58,10 @@ class WTime {  // a time of day
   virtual std::tm* AsANSICalendarTime(std::tm* out) const;
   // Deliberate: today's UTC date with this time of day, not a bare fraction of a day.
   virtual double AsOLEDATE() const;
-  // Modulo one day.
+  // The presented fields as milliseconds: taken modulo one day, given as PresentedMilliseconds() gives them.
   virtual void SetFromMilliSeconds(std::uint64_t milliseconds);
   virtual std::uint64_t AsMilliSeconds() const;
+  // The present time of day. The first sets the local flag, the second clears it.
   virtual void SetToSystemCurrent();
   virtual void SetToUtcCurrent();
   // False, and invalid, for a negative field; fields above their range carry, whole days are dropped.
@@ -80,7 +81,8 @@ class WTime {  // a time of day
   virtual void Print(char* text) const;
   virtual void Print(std::ostream& stream) const;
   // Hour, minute, second, millisecond in decimal with one character between them that isn't looked at, then up to two
-  // characters, "AM" or "PM". Not the form printed. A stream that fails leaves the time as it was.
+  // characters: "AM" makes hour 12 into 0, "PM" adds 12 to any other hour, all else does nothing. Not the form printed.
+  // A stream that fails leaves the time as it was.
   virtual void Read(std::istream& stream);
   // The stored milliseconds as one 32-bit integer, without the local flag; a stream that fails leaves the time as it
   // was.

@@ -148,8 +148,8 @@ void CDateTime::IncrementDay(int days) {
   int year = 0, month = 0, day = 0;
   if (!GetDate(&year, &month, &day)) return;
   const std::int64_t target = std::int64_t{day} + days;
-  // Deliberate: nothing is borrowed from the month before.
-  if (target < 1) {
+  // Deliberate: nothing is borrowed from the month before. Month 0 is a value without fields.
+  if (target < 1 || month < 1) {
     Invalidate();
     return;
   }

@@ -86,7 +86,6 @@ WTime::WTime(double date, bool local) : m_milliseconds(-1), m_local(local) {
 }
 
 WTime& WTime::operator=(const WTime& other) {
-  if (this == &other) return *this;
   const Fields f = FieldsOf(other);
   if (other.IsLocal()) {
     SetLocal();

@@ -116,16 +116,17 @@ struct AnsiCase {
   const char* zone;
   int y, mo, d, h, mi;
   std::int64_t seconds;
+  int isDst = 0;
 };
 const AnsiCase kAnsi[] = {
     {"UTC", 2024, 2, 29, 12, 0, Utc(2024, 2, 29, 12)},
     {"UTC", 1960, 2, 29, 12, 0, Utc(1960, 2, 29, 12)},
     {"UTC", 1700, 2, 28, 12, 0, Utc(1700, 2, 28, 12)},
     {"America/New_York", 2024, 1, 1, 0, 0, Utc(2024, 1, 1, 5)},
-    {"America/New_York", 2024, 7, 1, 0, 0, Utc(2024, 7, 1, 4)},
-    {"America/New_York", 2024, 3, 10, 2, 30, Utc(2024, 3, 10, 7, 30)},
+    {"America/New_York", 2024, 7, 1, 0, 0, Utc(2024, 7, 1, 4), 1},
+    {"America/New_York", 2024, 3, 10, 2, 30, Utc(2024, 3, 10, 7, 30), 1},
     {"America/New_York", 2024, 11, 3, 1, 30, Utc(2024, 11, 3, 6, 30)},
-    {"Europe/Berlin", 2024, 3, 31, 2, 30, Utc(2024, 3, 31, 1, 30)},
+    {"Europe/Berlin", 2024, 3, 31, 2, 30, Utc(2024, 3, 31, 1, 30), 1},
     {"Europe/Berlin", 2024, 10, 27, 2, 30, Utc(2024, 10, 27, 1, 30)},
     {"Asia/Kolkata", 2024, 7, 1, 0, 0, Utc(2024, 6, 30, 18, 30)},
     {"Asia/Tokyo", 2024, 7, 1, 0, 0, Utc(2024, 6, 30, 15)},
@@ -141,6 +142,7 @@ TEST(DateTimeInZones, LeavesAsTheSecondsOfItsLocalFields) {
       ASSERT_EQ(value.AsANSICalendarTime(&fields), &fields);
       EXPECT_EQ(fields.tm_hour, c.h);
       EXPECT_EQ(fields.tm_mday, c.d);
+      EXPECT_EQ(fields.tm_isdst, c.isDst) << c.zone << " " << c.mo;
     }
   }
 }
@@ -165,6 +167,13 @@ TEST_F(DateTime, HasNoCalendarTimeWhenItIsInvalid) {
   std::tm fields{};
   EXPECT_EQ(CDateTime().AsANSICalendarTime(&fields), nullptr);
   EXPECT_EQ(At(2024, 1, 1).AsANSICalendarTime(nullptr), nullptr);
+  // Nor has the one second whose number stands for "none".
+  CDateTime lastSecond;
+  ASSERT_TRUE(lastSecond.SetFromANSITime(-1));
+  EXPECT_EQ(lastSecond.AsANSICalendarTime(&fields), nullptr);
+  std::ostringstream out;
+  lastSecond.PrintDateTime(out);
+  EXPECT_EQ(out.str(), "12/31/1969 -0:00:00 XX");
 }
 
 TEST_F(DateTime, TakesTheFieldsOfAnInstant) {
@@ -351,6 +360,14 @@ TEST_F(DateTime, HasAllFieldsZeroWhereItHasNoLocalForm) {
   std::int64_t seconds = 0;
   ASSERT_TRUE(platform::SecondsFromLocal(fields, seconds));
   EXPECT_EQ(early.AsANSITime(), seconds);
+}
+
+TEST_F(DateTime, IsNotMovedByDaysToADateFromWhereItHasNone) {
+  for (const int days : {0, 1, 600'000, 740'000}) {
+    CDateTime early(FILETIME{1, 0}, false);
+    early.IncrementDay(days);
+    EXPECT_EQ(Shown(early), "invalid") << days;
+  }
 }
 
 TEST_F(DateTime, PrintsDateAndTime) {

@@ -56,6 +56,15 @@ TEST(TimeOfDay, KeepsAWrappedMagnitudeForANegativeDifference) {
   EXPECT_FALSE((Plain(2) - Plain(2)).IsNegative());
 }
 
+TEST(TimeOfDay, LosesTheDayAboveHour23InADifference) {
+  const ScopedZone zone("Asia/Tokyo");
+  WTime above = Plain(20, 30);
+  above.SetLocal();  // 29:30
+  EXPECT_EQ((above - Plain(1)).GetMagnitude(), 4u * 3600000 + 1800000);
+  EXPECT_FALSE((above - Plain(1)).IsNegative());
+  EXPECT_TRUE((above - Plain(6)).IsNegative());
+}
+
 TEST(TimeOfDay, IsInvalidInTheLastMillisecondBeforeMidnightUtc) {
   const ScopedZone zone("Europe/Berlin");  // bias -60
   WTime time;
@@ -228,6 +237,21 @@ TEST(TimeOfDay, ArrivesAsMidnightWhenAnInvalidTimeIsAssigned) {
   EXPECT_EQ(Shown(time), "0:0:0.0");
 }
 
+TEST(TimeOfDay, IsAssignedToItselfAsToAnother) {
+  const ScopedZone zone("Asia/Tokyo");
+  WTime time;
+  WTime& same = time;
+  time.Invalidate();
+  time = same;
+  EXPECT_EQ(Shown(time), "0:0:0.0");
+  time = Plain(20);
+  time.SetLocal();  // 29:00
+  time = same;
+  EXPECT_EQ(Shown(time), "5:0:0.0");
+  time = same;
+  EXPECT_EQ(Shown(time), "5:0:0.0");
+}
+
 TEST(TimeOfDay, ComparesThePresentedFields) {
   const ScopedZone zone("America/New_York");
   EXPECT_TRUE(Local(12) == Plain(12));
@@ -277,6 +301,15 @@ TEST(TimeOfDay, LeavesAsAnInstantOfThePresentDate) {
     EXPECT_EQ(fields.tm_min, 30);
   }
   EXPECT_EQ(Local(9).AsANSICalendarTime(nullptr), nullptr);
+}
+
+// The present's own daylight flag has no part in it: a time of day that comes twice is the later one.
+TEST(TimeOfDay, LeavesAsTheLaterOfTwoInstantsOnBothSidesOfTheChange) {
+  const ScopedZone zone("America/New_York");
+  for (const int hour : {4, 5, 6, 7, 20}) {  // the clock goes back at 6:00 UTC
+    const VirtualClock clock(Utc(2024, 11, 3, hour, 45));
+    EXPECT_EQ(Local(1, 30).AsANSITime(), Utc(2024, 11, 3, 6, 30)) << hour;
+  }
 }
 
 TEST(TimeOfDay, CarriesTodaysDateInItsOleDate) {
@@ -330,7 +363,9 @@ struct TimeRead {
 const TimeRead kTimeReads[] = {
     {"10:20:30:40", "10:20:30.40"},  {"12:20:30:40 AM", "0:20:30.40"},  {"12:20:30:40 PM", "12:20:30.40"},
     {"1:20:30:40PM", "13:20:30.40"}, {"11:20:30:40 AM", "11:20:30.40"}, {"1-2x3.4 P", "1:2:3.4"},
-    {"1:2:3:4 xy", "1:2:3.4"},       {"-1:2:3:4", "invalid"},
+    {"1:2:3:4 xy", "1:2:3.4"},       {"-1:2:3:4", "invalid"},         {"0:20:30:40 PM", "12:20:30.40"},
+    {"13:20:30:40 PM", "1:20:30.40"},  // 25:20, a day later
+    {"13:20:30:40 AM", "13:20:30.40"},
 };
 TEST(TimeOfDay, ReadsFourNumbersAndAHalfOfTheDay) {
   const ScopedZone zone("America/New_York");
@@ -341,6 +376,10 @@ TEST(TimeOfDay, ReadsFourNumbersAndAHalfOfTheDay) {
     EXPECT_EQ(Shown(time), c.shown) << c.text;
     EXPECT_FALSE(in.fail()) << c.text;
   }
+  WTime time;
+  std::istringstream in("1:2:3:4 PMx");  // two characters are taken, no more
+  time.Read(in);
+  EXPECT_EQ(in.get(), 'x');
 }
 
 TEST(TimeOfDay, StaysAsItWasWhenAStreamFails) {
