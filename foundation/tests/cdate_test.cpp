@@ -102,12 +102,27 @@ TEST(Date, GivesTheSpanBetweenTwoDates) {
   EXPECT_TRUE((Date(2024, 2, 1) - Date(2024, 3, 1)).IsNegative());
 }
 
+TEST(Date, CountsAnInvalidDateAboveEveryOtherInASpan) {
+  CDate invalid;
+  invalid.Invalidate();
+  const CDate date = Date(2024, 3, 1);
+  const std::uint64_t apart = (0xFFFFFFFFu - date.AsMilliSeconds() / 86400000) * 86400000;
+  EXPECT_EQ((invalid - date).GetMagnitude(), apart);
+  EXPECT_FALSE((invalid - date).IsNegative());
+  EXPECT_EQ((date - invalid).GetMagnitude(), apart);
+  EXPECT_TRUE((date - invalid).IsNegative());
+}
+
 TEST(Date, MovesByTheWholeDaysOfASpan) {
   const WTimeSpan twoAndAHalf(5 * 43200000, false);
   EXPECT_EQ(Text(Date(2024, 2, 28) + twoAndAHalf), "3/1/2024");
   EXPECT_EQ(Text(Date(2024, 3, 1) - twoAndAHalf), "2/28/2024");
   EXPECT_EQ(Text(Date(2024, 3, 1) + WTimeSpan(86400000, true)), "2/29/2024");
   EXPECT_EQ(Text(Date(2024, 3, 1) - WTimeSpan(86400000, true)), "3/2/2024");
+  CDate early;
+  early.SetFromMilliSeconds(Date(100, 1, 1).AsMilliSeconds() - 86400000);
+  EXPECT_EQ(Text(early), "12/31/99");
+  EXPECT_EQ(Text(early + WTimeSpan(86400000, false)), "1/1/2000");  // copied by SetDate()
 }
 
 struct RefusedDate {
@@ -151,6 +166,7 @@ const MonthCase kMonths[] = {
     {2024, 1, 15, 11, "12/15/2024"},  {2024, 1, 15, 12, "1/15/2025"},   {2024, 1, 15, -1, "12/15/2023"},
     {2024, 1, 15, -12, "1/15/2023"},  {2024, 1, 15, -13, "12/15/2022"}, {2024, 3, 31, -1, "2/29/2024"},
     {2024, 12, 31, 2, "2/28/2025"},   {2024, 5, 31, -24, "5/31/2022"},  {2024, 6, 30, 30, "12/30/2026"},
+    {100, 1, 15, -1200, "1/15/1900"},  // the year 0, as SetDate() takes it
 };
 TEST(Date, MovesByMonths) {
   for (const MonthCase& c : kMonths) {
@@ -158,6 +174,9 @@ TEST(Date, MovesByMonths) {
     date.IncrementMonth(c.add);
     EXPECT_EQ(Text(date), c.text) << c.add;
   }
+  CDate date = Date(100, 1, 15);
+  date.IncrementMonth(-1201);
+  EXPECT_FALSE(date.IsValid());
 }
 
 TEST(Date, TakesAnyIncrementWithoutOverflow) {
@@ -228,6 +247,7 @@ const MidnightCase kMidnights[] = {
     {"Asia/Kolkata", 2024, 7, 1, Utc(2024, 6, 30, 18) + 1800},
     {"Asia/Tokyo", 2024, 7, 1, Utc(2024, 6, 30, 15)},
     {"America/Sao_Paulo", 2017, 10, 15, Utc(2017, 10, 15, 3)},  // no midnight: the clock goes from 0:00 to 1:00
+    {"America/Havana", 2024, 11, 3, Utc(2024, 11, 3, 5)},       // two of them: from 1:00 back to 0:00
 };
 TEST(Date, LeavesAsLocalMidnight) {
   for (const MidnightCase& c : kMidnights) {

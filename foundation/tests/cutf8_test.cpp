@@ -172,6 +172,41 @@ TEST(CZepUTF8, AFailedConversionLeavesTheObjectAsItWas) {
   EXPECT_EQ(Text(text.Utf8()), "\xE2\x82\xAC");
 }
 
+TEST(CZepUTF8, RefusedMemoryLeavesTheObjectAsItWas) {
+  CZepUTF8 text(u"\u20AC", 1);
+  const char* const ansi = text.Ansi().second;
+  const CZepUTF8 other("b", 1, kCodePageUtf8);
+  const struct {
+    int allocations;
+    void (*use)(CZepUTF8& text, const CZepUTF8& other);
+  } uses[] = {
+      {1, [](CZepUTF8& t, const CZepUTF8&) { (void)t.Unicode(); }},
+      {2, [](CZepUTF8& t, const CZepUTF8&) { (void)t.Utf7(); }},
+      {2, [](CZepUTF8& t, const CZepUTF8&) { (void)t.MultibyteStr(kCodePageWestern); }},
+      {1, [](CZepUTF8& t, const CZepUTF8& o) { t.Append(o); }},
+      {1, [](CZepUTF8& t, const CZepUTF8& o) { t = o; }},
+  };
+  for (const auto& c : uses) {
+    for (int call = 1; call <= c.allocations; ++call) {
+      const auto plan = platform::FaultPlan::FailCall(platform::Operation::kAllocate, call,
+                                                      platform::ERROR_OUTOFMEMORY, platform::kOnce, "CZepUTF8");
+      EXPECT_THROW(c.use(text, other), CZepUTFError) << &c - uses << ' ' << call;
+      EXPECT_EQ(text.cachedKind(), CZepUTF8::kAnsi);
+      EXPECT_EQ(text.Ansi().second, ansi);
+      EXPECT_EQ(Text(text.Utf8()), "\xE2\x82\xAC");
+    }
+  }
+}
+
+TEST(CZepUTF8, IsAssignedToItself) {
+  CZepUTF8 text(u"\u20AC", 1);
+  CZepUTF8& same = text;
+  text = same;
+  EXPECT_EQ(Text(text.Utf8()), "\xE2\x82\xAC");
+  text = std::move(same);
+  EXPECT_EQ(Text(text.Utf8()), "\xE2\x82\xAC");
+}
+
 TEST(CZepUTF8, TextOfShiftCharactersAloneIsEmpty) {
   EXPECT_EQ(CZepUTF8("+", 1, kCodePageUtf7).Utf8().first, 0u);
 }

@@ -45,6 +45,7 @@ const VolumeCase kVolumeCases[] = {
     {__LINE__, u"sm://h/x", CVolume::eURL, eURLSm, "h", "", "//h"},
     {__LINE__, u"gopher://h/x", CVolume::eURL, eURLNone, "h", "", "//h"},
     {__LINE__, u"http:\\\\host\\dir", CVolume::eURL, eURLHttp, "host", "", "http:\\\\host"},
+    {__LINE__, u"http://host/dir\\\\name\\x", CVolume::eURL, eURLHttp, "name", "", "http:\\\\name"},
     {__LINE__, u"file://C|/a|b", CVolume::eURL, eURLFile, "C:", "", "file://C:"},
     {__LINE__, u"http://C|/a", CVolume::eURL, eURLHttp, "C|", "", "http://C|"},
     {__LINE__, u"file:///C|/a", CVolume::eURL, eURLFile, "", "", "file://"},

@@ -339,6 +339,12 @@ TEST_F(ServiceLogTest, LosesAPercentSignThatTheFirstPassLeft) {
   EXPECT_EQ(Contents(0), Header() + "100\r\n");
 }
 
+TEST_F(ServiceLogTest, EndsItsTextAtAZeroCharacter) {
+  Init();
+  ServiceLog(1, u"one%ctwo", 0);
+  EXPECT_EQ(Contents(0), Header() + "one\r\n");
+}
+
 TEST_F(ServiceLogTest, WritesTheHeaderAloneForAnEmptyText) {
   Init();
   ServiceLog(1, u"");

@@ -251,6 +251,23 @@ TEST_F(DebugStream, DoesNothingMoreForAStatementThatCouldNotOpenTheFile) {
   EXPECT_EQ(Contents(), std::string(kHeaderTime) + " : [ERROR]   SS kept\n");
 }
 
+TEST_F(DebugStream, DoesNothingMoreForAStatementThatCouldNotBeginTheFileAnew) {
+  Configure(kShort, 0);
+  const std::string header = std::string(kHeaderTime) + " : [ERROR]   ";
+  {
+    std::ostream& out = DebugTrace(4, kTraceError, nullptr, 0);
+    // The probe for a free name is the first opening.
+    const FaultPlan plan = FaultPlan::FailCall(Operation::kCreateFile, 2, platform::ERROR_ACCESS_DENIED);
+    out << std::string(1023, 'a') << std::string(10, 'b') << "@@@";
+    EXPECT_EQ(plan.hits(), 1);
+  }
+  EXPECT_EQ(Contents("trace_4_1_1970_1.log"), header);
+  EXPECT_FALSE(Exists("trace.log"));
+  fs::remove(m_root / "trace_4_1_1970_1.log");
+  QX_TRACE(kTraceError, "kept");
+  EXPECT_EQ(Contents("trace_4_1_1970_1.log"), header + "SS kept\n");  // a file that is opened anew counts from 1
+}
+
 TEST_F(DebugStream, CarriesNoFormattingIntoTheNextStatement) {
   Configure(kEverything);
   DebugTrace(4, kTraceError, "a.cpp", 10) << std::hex << 255 << '\n' << "@@@";
