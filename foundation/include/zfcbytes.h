@@ -57,7 +57,8 @@ class bistream : virtual public std::ios {
   int peek();
   bistream& putback(char c);
 
-  // Bytes up to and including a zero byte, without any limit: the caller answers for the size of `target`.
+  // Bytes up to and including a zero byte, without any limit: the caller answers for the size of `target`. A text that
+  // ends otherwise gets no zero byte.
   // Deliberate: a byte of value 255 is stored and ends the text with the failure bit, as the end of the stream does.
   bistream& operator>>(char* target);
   // The rest of this stream into another one, or once behind itself; the failure bit when there was nothing to copy.

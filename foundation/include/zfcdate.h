@@ -77,12 +77,13 @@ class CDate {  // a date of the calendar
   virtual std::tm* AsANSICalendarTime(std::tm* out) const;
   // 0.0 when the date has none.
   virtual double AsOLEDATE() const;
+  // The present date, local and UTC.
   virtual void SetToSystemCurrent();
   virtual void SetToUtcCurrent();
   // False, and invalid, for a year below 0 and a month or day that doesn't exist.
   // Deliberate: years 0 to 99 have 1900 added, so that year 1 becomes 1901.
   virtual bool SetDate(int year, int month, int day);
-  // 29 February becomes the 28th where the year has none.
+  // 29 February becomes the 28th where the year has none; else as SetDate().
   virtual bool SetYear(int year);
   // Clamps to 1 to 12, and the day to the new month's length.
   virtual bool SetMonth(int month);
@@ -92,6 +93,7 @@ class CDate {  // a date of the calendar
   virtual void IncrementYear(int years);
   // The day is clamped to the new month's length.
   virtual void IncrementMonth(int months);
+  // Adds to the day number, whatever comes of it: an invalid date is moved too.
   virtual void IncrementDay(int days);
   // Month, day and year in decimal with "/" between them, without padding. The stream is left at decimal base.
   virtual void Print(std::ostream& stream) const;

@@ -63,7 +63,8 @@ class DebugTraceSink {
   //   text  the statement without header, "SS ", final newline and marker
   virtual void Write(std::uint16_t level, std::string_view text) = 0;
 };
-// Installs a sink for the whole process, null for the file; returns the one before. For tests.
+// Installs a sink for the whole process, null for the file; returns the one before. The caller keeps ownership and
+// takes the sink out before it goes. Write() is called on the thread that traces, at a statement's end. For tests.
 DebugTraceSink* SetDebugTraceSink(DebugTraceSink* sink);
 // For tests: back to the state before ConfigureDebugTrace(); what is pending is dropped.
 void ResetDebugTrace();

@@ -1,7 +1,7 @@
 // foundation/include/zfclog.h: the service log, a plain text file of dated lines.
 //
 // Written by all code of the service proper; the schedule rules library writes the trace of zfcdbg.h instead. A line
-// reads "Thu Jan 01 00:00:00 1970 (PID:   42, TID:  43): text" and ends in "\r\n". Three files of 1 MiB form a ring.
+// reads "Thu Jan  1 00:00:00 1970 (PID:   42, TID:   43): text" and ends in "\r\n". Three files of 1 MiB form a ring.
 // No handle is open between calls: the file is opened, locked by one byte, written and closed for every line.
 // Threads: every function may be called from any thread. The byte lock alone orders the writers, also those of other
 // processes; rotation runs unlocked, and two threads may rotate one behind the other.

@@ -145,7 +145,7 @@ class toadstool_string<char16_t, std::char_traits<char16_t>>
   [[nodiscard]] toadstool_string tolower() const;
   [[nodiscard]] toadstool_string toupper() const;
 
-  // Inserts ascii(), or "Unicode to ascii failure" when that throws; throws nothing itself.
+  // Inserts ascii(), or "Unicode to ascii failure" when that throws CharConversion_error.
   void Print(std::ostream& stream) const;
   // Clears the string, takes characters up to and including the first white space (blank, \t, \n, \v, \f, \r) or to the
   // end of the stream, and widens what stands before it. Leading white space is not skipped: it ends an empty text.
@@ -216,7 +216,7 @@ class toadstool_string<char, mbs_char_traits<char>> : public toadstool_base<char
   void BinaryIn(bistream& stream);
 };
 
-// Comparison and ordering are those of the text.
+// Comparison and ordering are those of the text. A pointer that is compared with or appended is never null.
 inline bool operator==(const wcstring& a, const wcstring& b) {
   return a.view() == b.view();
 }

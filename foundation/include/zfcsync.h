@@ -49,7 +49,8 @@ class QX_CAPABILITY("mutex") CCriticalSection final : public CControlledObject {
 
   // Always 0.
   CSynchro::ESYNCH_ERROR Enter() QX_ACQUIRE() override;
-  // Always 0; without an entry before it nothing happens.
+  // Always 0; without an entry before it nothing happens. For the thread that entered: another one's call takes an
+  // entry off the count, and the section stays entered.
   CSynchro::ESYNCH_ERROR Leave() QX_RELEASE() override;
   // Deliberate: does nothing and answers ESYNCH_NOT_AVAILABLE, also where the platform could.
   CSynchro::ESYNCH_ERROR TryEnter() { return CSynchro::ESYNCH_NOT_AVAILABLE; }

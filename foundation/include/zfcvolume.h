@@ -38,7 +38,8 @@ class CVolume {  // where a path begins: drive, share, volume
   //   "C:..."                   a drive, whatever its letter
   //   "\\server\share..."       a server and its share
   //   "scheme://host..."        a URL, in any case; an unknown scheme is type 0 and lost. The separator may be "\" as
-  //                             well. Of the type "file" the first "|" counts as ":", as in "file://C|/x"
+  //                             well: the host is what stands behind the first "\\", only where there is none behind
+  //                             "//". Of the type "file" the first "|" counts as ":", as in "file://C|/x"
   //   anything else             no volume: kind 0, empty
   CVolume(const wcstring& text = {}, unsigned char flag = 0);
   // A server's share.
