@@ -190,11 +190,12 @@ bool Modification::TakeListedJob() {
   const CJobList::Position at = g_JobList.Find(m_old.ScheduleID);
   if (at == g_JobList.End()) return false;
   m_spare.ScheduleObj.m_pSchedule = m_old.ScheduleObj.m_pSchedule;
+  m_old.ScheduleObj.m_pSchedule = nullptr;
+  // The list gives its count up below; a rollback needs the object until the operation ends.
+  if (at->ScheduleObj.m_pSchedule != nullptr) at->ScheduleObj.m_pSchedule->AddRef();
   m_old.LaunchPath = at->LaunchPath;
   m_old.NextTimeWindow = at->NextTimeWindow;
   m_old.ScheduleObj = at->ScheduleObj;
-  // The list gives its count up below; a rollback needs the object until the operation ends.
-  if (m_old.ScheduleObj.m_pSchedule != nullptr) m_old.ScheduleObj.m_pSchedule->AddRef();
   // Where the file can't be read, a rollback writes the rules by which the job ran, and gives them back to it.
   (void)at->ScheduleObj.LoadScheduleFromPropBag(&m_oldRecord);
   if (at->LoadScheduleFromFile(m_oldRecord) != kStatusOk) m_spare.ReleaseScheduler();

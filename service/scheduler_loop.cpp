@@ -7,6 +7,7 @@
 
 #include "foundation/include/zfclog.h"
 #include "platform/event.h"
+#include "platform/reserved_memory.h"
 #include "service/job_list.h"
 #include "service/modify_schedule.h"
 #include "service/scheduler_events.h"
@@ -218,8 +219,8 @@ bool CSchedulerLoop::HeadIsOverdue(std::int64_t nowSeconds) {
 
 std::uint32_t ThreadProcedure(CSchedulerLoop& loop) {
   loop.EnableGuard();
-  while (loop.Step()) {
-  }
+  platform::ReservedMemory memory(std::nothrow);
+  while (loop.Step()) memory.Refill();
   return 0;
 }
 

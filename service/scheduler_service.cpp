@@ -9,6 +9,7 @@
 #include "platform/guid.h"
 #include "platform/memory.h"
 #include "platform/registry.h"
+#include "platform/reserved_memory.h"
 #include "service/ini_path.h"
 #include "service/job_list.h"
 #include "service/modify_schedule.h"
@@ -305,6 +306,7 @@ Status MakeInfo(const ScheduleGuid& id, ScheduleInfo& out) {
 }  // namespace
 
 Status CSchedulerService::CreateSchedule(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id) {
+  const platform::ReservedMemory memory;
   ServiceLog(4, u"Entered CreateSchedule");
   if (const ErrorCode code = platform::CreateGuid(id); code != ERROR_SUCCESS) {
     const Status status = platform::StatusFromErrorCode(code);
@@ -333,6 +335,7 @@ Status CSchedulerService::CreateSchedule(const SCHEDULE_OBJECT& schedule, Schedu
 }
 
 Status CSchedulerService::DeleteSchedule(const ScheduleGuid& id) {
+  const platform::ReservedMemory memory;
   const qx::CNewWindow window;
   const Status status = DeleteStores(id);
   window.Listed();
@@ -365,6 +368,7 @@ Status CSchedulerService::GetScheduleInfo(const ScheduleGuid& id, ScheduleInfo& 
 }
 
 Status CSchedulerService::Refresh() {
+  const platform::ReservedMemory memory;
   DoCleanUp();
   const Status status = PopulateJobList();
   if (status != kStatusOk) ServiceLog(1, u"Refresh:Failed PopulateJobList with error: %x", status);
@@ -404,6 +408,7 @@ Status CSchedulerService::UpdateList(std::int32_t type, const BSTR& value, std::
 }
 
 Status CSchedulerService::ModifySchedule(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule) {
+  const platform::ReservedMemory memory;
   bool modified = false;
   const Status status = qx::ModifyStores(id, schedule, modified);
   // Deliberate: a modification that was rolled back whole returns 0 too; only the missing event tells it.

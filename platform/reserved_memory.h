@@ -1,0 +1,36 @@
+// platform/reserved_memory.h: memory that is set aside ahead of a change, so that what takes its first step takes its
+// last one too.
+//
+// While a thread has some set aside, an allocation of C++ code on that thread for which the host has no memory gives it
+// back first and is tried again (std::set_new_handler). What malloc() refuses is refused.
+// Threads: an object belongs to one thread; each thread has its own.
+#pragma once
+
+#include <cstddef>
+#include <new>
+
+namespace platform {
+
+inline constexpr std::size_t kReservedBytes = std::size_t{1} << 20;
+
+class ReservedMemory {
+ public:
+  // Sets kReservedBytes aside; inside of another one it does nothing. Throws std::bad_alloc where they aren't there:
+  // nothing should be begun.
+  ReservedMemory();
+  // The same without an exception: what has to be done is begun anyway.
+  explicit ReservedMemory(const std::nothrow_t&) noexcept;
+  ~ReservedMemory();
+  ReservedMemory(const ReservedMemory&) = delete;
+  ReservedMemory& operator=(const ReservedMemory&) = delete;
+
+  // Sets it aside anew where it was used, as far as the host has memory again.
+  void Refill() noexcept;
+
+ private:
+  void Begin() noexcept;
+
+  bool m_isOutermost = false;
+};
+
+}  // namespace platform

@@ -1,0 +1,151 @@
+// Memory runs out at each allocation of an operation: it isn't begun, or done whole, and the next one works.
+#include <functional>
+#include <new>
+
+#include "platform/testing/counting_launcher.h"
+#include "platform/testing/refused_memory.h"
+#include "service/scheduler_loop.h"
+#include "service/tests/sweep_fixture.h"
+
+namespace qx::testing {
+namespace {
+
+using ::testing::SizeIs;
+
+class ServiceMemory : public ServiceSweep, public ::testing::WithParamInterface<platform::FaultMode> {
+ protected:
+  // Runs the operation with each of its allocations refused in turn.
+  //   operation  returns 0 when it was done
+  void RefuseInTurn(const std::function<Status()>& operation, const std::function<void(bool isDone)>& judge) {
+    for (long ahead = 0;; ++ahead) {
+      ASSERT_NO_FATAL_FAILURE(Reset());
+      (void)platform::TakeRefusedCount();
+      bool isDone = false;
+      platform::RefuseMemory(ahead, GetParam());
+      try {
+        isDone = operation() == kStatusOk;
+      } catch (const std::bad_alloc&) {
+      }
+      platform::AllowMemory();
+      const long refused = platform::TakeRefusedCount();
+      EXPECT_TRUE(isDone || ahead == 0) << "begun and not done";
+      judge(isDone);
+      LifeGoesOn();
+      if (HasFailure()) FAIL() << "the allocation behind " << ahead << "\n" << LogText();
+      if (refused == 0) {
+        EXPECT_GT(ahead, 30) << "the refusals met nobody";
+        return;
+      }
+    }
+  }
+};
+
+TEST_P(ServiceMemory, ACreationIsDoneOrNotBegun) {
+  ScheduleGuid id{};
+  const SCHEDULE_OBJECT schedule = Named("created");
+  RefuseInTurn([&] { return m_service.CreateSchedule(schedule, id); },
+               [&](bool isDone) {
+                 ExpectOthersUntouched(id);
+                 ExpectSubjectUntouched();
+                 EXPECT_THAT(m_sink->heard, SizeIs(isDone ? 1 : 0));
+                 EXPECT_EQ(ListedIds().size(), isDone ? 4u : 3u);
+                 EXPECT_EQ(m_service.Refresh(), kStatusOk);
+                 EXPECT_EQ(ListedIds().size(), isDone ? 4u : 3u);
+                 if (isDone) (void)m_service.DeleteSchedule(id);
+               });
+}
+
+TEST_P(ServiceMemory, AModificationIsDoneOrNotBegun) {
+  SCHEDULE_OBJECT schedule = Named("modified");
+  schedule.stScheduleRules.lStartTime += 60;
+  schedule.bstrXMLFilePathName = Wide(m_folder + "/other/job.xml");
+  RefuseInTurn([&] { return m_service.ModifySchedule(m_subject, schedule); },
+               [&](bool isDone) {
+                 ExpectOthersUntouched(m_subject);
+                 if (!isDone) ExpectSubjectUntouched();
+                 EXPECT_THAT(m_sink->heard, SizeIs(isDone ? 1 : 0));
+                 const std::int64_t window = isDone ? kPresent + 3660 : kPresent + 3600;
+                 EXPECT_EQ(ListedWindow(m_subject), window);
+                 EXPECT_EQ(m_service.Refresh(), kStatusOk);
+                 EXPECT_EQ(ListedWindow(m_subject), window);
+               });
+}
+
+TEST_P(ServiceMemory, ADeletionIsDoneOrNotBegun) {
+  RefuseInTurn([&] { return m_service.DeleteSchedule(m_subject); },
+               [&](bool isDone) {
+                 ExpectOthersUntouched(m_subject);
+                 if (!isDone) ExpectSubjectUntouched();
+                 EXPECT_THAT(m_sink->heard, SizeIs(isDone ? 1 : 0));
+                 EXPECT_EQ(ListedIds().size(), isDone ? 2u : 3u);
+                 EXPECT_EQ(m_service.Refresh(), kStatusOk);
+                 EXPECT_EQ(ListedIds().size(), isDone ? 2u : 3u);
+               });
+}
+
+TEST_P(ServiceMemory, ARefreshLoadsAllOrLeavesTheListAsItWas) {
+  RefuseInTurn([&] { return m_service.Refresh(); }, [&](bool) { EXPECT_EQ(ListedIds().size(), 3u); });
+}
+
+// The thread's body, up to a sleep. Where not even its first step finds memory the process ends, and is started anew.
+class LoopMemory : public ServiceMemory {
+ protected:
+  // Ends ahead of the sleep behind `sleeps` others.
+  Status RunLoop(int sleeps) {
+    CSchedulerLoop loop(m_apartment, m_service);
+    loop.SetSleepNotice([&](std::int64_t) {
+      if (sleeps-- == 0) g_SchedulerEvents.Set(SHUTDOWN_EVENT);
+    });
+    return ThreadProcedure(loop);
+  }
+};
+
+TEST_P(LoopMemory, APassStartsEachDueJobOnceAndTellsOfIt) {
+  int started = 0;
+  const platform::CountingLauncher launcher([&](std::u16string_view) {
+    ++started;
+    return platform::ErrorCode{0};
+  });
+  RefuseInTurn(
+      [&] {
+        started = 0;
+        return RunLoop(1);
+      },
+      [&](bool isDone) {
+        m_clock.SetWall(kPresent);
+        if (!isDone) return;
+        (void)m_apartment.Step(0);
+        EXPECT_EQ(started, 3);
+        EXPECT_THAT(m_sink->heard, SizeIs(3));
+        for (const ScheduleGuid& id : {m_first, m_subject, m_second}) {
+          EXPECT_EQ(ListedWindow(id), kPresent + 3600 + kSecondsOfDay);
+        }
+      });
+}
+
+TEST_P(LoopMemory, AChangeOfTheClockIsFollowed) {
+  RefuseInTurn(
+      [&] {
+        m_clock.SetWall(kPresent + 7200);
+        g_SchedulerEvents.Set(SYSTEM_TIME_CHANGED);
+        return RunLoop(1);
+      },
+      [&](bool isDone) {
+        m_clock.SetWall(kPresent);
+        if (!isDone) return;
+        (void)m_apartment.Step(0);
+        EXPECT_THAT(m_sink->heard, SizeIs(1));
+        for (const ScheduleGuid& id : {m_first, m_subject, m_second}) {
+          EXPECT_EQ(ListedWindow(id), kPresent + 3600 + kSecondsOfDay);
+        }
+      });
+}
+
+constexpr auto kModeName = [](const ::testing::TestParamInfo<platform::FaultMode>& which) {
+  return which.param == platform::kOnce ? "Once" : "ForGood";
+};
+INSTANTIATE_TEST_SUITE_P(RunsOut, ServiceMemory, ::testing::Values(platform::kOnce, platform::kFromThenOn), kModeName);
+INSTANTIATE_TEST_SUITE_P(RunsOut, LoopMemory, ::testing::Values(platform::kOnce, platform::kFromThenOn), kModeName);
+
+}  // namespace
+}  // namespace qx::testing
