@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "platform/bus_export.h"
@@ -21,9 +22,16 @@ int ReplyError(sd_bus_message* call, const BusError& error) {
 BusError HandleGuarded(const ExportedMember& member, sd_bus_message* call, MessageWriter& reply) {
   MessageReader reader = BusInternals::Reader(call);
   BusError error;
-  if (!RunGuarded(member.method->name, [&] { error = member.method->handler(reader, reply); })) {
-    return BusError::Failed("an internal error ended the call");
-  }
+  const char* ended = "an internal error ended the call";
+  const bool isDone = RunGuarded(member.method->name, [&] {
+    try {
+      error = member.method->handler(reader, reply);
+    } catch (const std::bad_alloc&) {
+      ended = "no memory is left for this call";
+      throw;
+    }
+  });
+  if (!isDone) return BusError::Failed(ended);
   if (error.IsSet()) return error;
   if (reply.Result() == ERROR_NO_UNICODE_TRANSLATION) return BusError::Failed("a text of the reply is not valid UTF-8");
   if (reply.Result() != ERROR_SUCCESS) return BusError::Failed("the reply could not be built");

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <new>
 
 #include "foundation/include/zfclog.h"
 
@@ -34,7 +35,12 @@ Status CJobList::AddJob(CJobNode node) {
   entry.node = std::move(node);
   entry.listedWindow = SignExtended(entry.node.NextTimeWindow);
   entry.rank = --m_firstRank;
-  m_sequence.insert(&entry);
+  try {
+    m_sequence.insert(&entry);
+  } catch (const std::bad_alloc&) {  // the caller keeps the rule object, and no node of the list may point to it
+    m_entries.erase(at);
+    throw;
+  }
   m_size.store(m_entries.size(), std::memory_order_relaxed);
   return kStatusOk;
 }

@@ -254,6 +254,8 @@ TEST_F(BusPair, AnswersEveryHandlerThatGoesWrongWithAnError) {
        "an internal error ended the call"},
       {"throws a number", [](MessageReader&, MessageWriter&) -> BusError { throw 3; },
        "an internal error ended the call"},
+      {"finds no memory", [](MessageReader&, MessageWriter&) -> BusError { throw std::bad_alloc(); },
+       "no memory is left for this call"},
       {"writes nothing", [](MessageReader&, MessageWriter&) { return BusError{}; },
        "the reply is not of the declared type"},
       {"writes another type",

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <new>
 #include <thread>
 
@@ -14,7 +13,7 @@ namespace {
 // Whether the thread gets `bytes`.
 bool Gets(std::size_t bytes) {
   try {
-    (void)std::make_unique<char[]>(bytes);
+    ::operator delete(::operator new(bytes));
     return true;
   } catch (const std::bad_alloc&) {
     return false;
