@@ -158,7 +158,4 @@ class ListeningSocket {
   std::unique_ptr<State> m_state;
 };
 
-// Lets the calling thread rest, or a test's clock run on.
-void PauseThread(std::uint32_t milliseconds);
-
 }  // namespace platform

@@ -16,10 +16,8 @@
 #include <cstring>
 #include <limits>
 #include <memory>
-#include <thread>
 #include <utility>
 
-#include "platform/clock.h"
 #include "platform/fault_point.h"
 #include "platform/mutex.h"
 
@@ -356,12 +354,6 @@ void ListeningSocket::Close() {
   (void)!write(state.closing, &one, sizeof one);
   // The listening thread may be about to use the number: the connection queue is shut, the number is kept to the end.
   if (state.descriptor >= 0) (void)shutdown(state.descriptor, SHUT_RDWR);
-}
-
-void PauseThread(std::uint32_t milliseconds) {
-  ClockSource* const clock = InstalledClockSource();
-  if (clock != nullptr && clock->ConsumeWait(milliseconds)) return;
-  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
 }  // namespace platform

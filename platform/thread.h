@@ -43,6 +43,9 @@ class Thread {
 // Starts a thread that nobody waits for; as Thread::Start.
 [[nodiscard]] ErrorCode StartThread(std::string_view name, std::function<void()> function);
 
+// Lets the calling thread rest, or a test's clock run on.
+void PauseThread(std::uint32_t milliseconds);
+
 // The numbers that the host gives to this process and to the calling thread.
 [[nodiscard]] std::uint32_t CurrentProcessId();
 [[nodiscard]] std::uint32_t CurrentThreadId();

@@ -4,11 +4,14 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <new>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 
+#include "platform/clock.h"
 #include "platform/fault_point.h"
 
 namespace platform {
@@ -82,6 +85,12 @@ ErrorCode StartThread(std::string_view name, std::function<void()> function) {
   if (const ErrorCode rc = Thread::Start(name, std::move(function), thread); rc != ERROR_SUCCESS) return rc;
   thread.Detach();
   return ERROR_SUCCESS;
+}
+
+void PauseThread(std::uint32_t milliseconds) {
+  ClockSource* const clock = InstalledClockSource();
+  if (clock != nullptr && clock->ConsumeWait(milliseconds)) return;
+  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
 std::uint32_t CurrentProcessId() {

@@ -7,6 +7,7 @@
 #include "foundation/include/zfclog.h"
 #include "platform/memory.h"
 #include "platform/text.h"
+#include "platform/thread.h"
 #include "replication/message_body.h"
 #include "replication/secure_channel.h"
 #include "service/run_command.h"

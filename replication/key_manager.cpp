@@ -8,6 +8,7 @@
 #include "foundation/include/zfclog.h"
 #include "platform/host.h"
 #include "platform/memory.h"
+#include "platform/thread.h"
 #include "replication/wire.h"
 
 namespace qx {

@@ -9,6 +9,7 @@
 #include "foundation/include/zfclog.h"
 #include "platform/memory.h"
 #include "platform/text.h"
+#include "platform/thread.h"
 #include "service/schedule_store.h"
 
 namespace qx {

@@ -11,6 +11,7 @@
 #include "platform/clock.h"
 #include "platform/testing/fault.h"
 #include "platform/testing/virtual_clock.h"
+#include "platform/thread.h"
 
 namespace platform {
 namespace {
