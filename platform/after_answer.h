@@ -2,7 +2,7 @@
 #pragma once
 
 #include <functional>
-#include <utility>
+#include <new>
 
 namespace platform {
 
@@ -18,18 +18,16 @@ class AfterAnswer {
   ~AfterAnswer() { End(); }
   void End();  // again: nothing
 
-  // Has `work` done behind the answer, in the order in which it was left; at once where the thread gathers nothing. A
-  // process that ends before leaves it undone: nothing may rest on it.
+  // Has `work` done behind the answer, in the order in which it was left; at once where the thread gathers nothing, or
+  // there is no memory to keep it in. A process that ends before leaves it undone: nothing may rest on it.
   template <typename Work>
   static void Leave(Work work) {
-    if (!Gathers()) return work();
-    Keep(When::kLast, std::move(work));
+    LeaveAs(When::kLast, work);
   }
   // The same for what is short and may be urgent: ahead of all that Leave() was given.
   template <typename Work>
   static void LeaveFirst(Work work) {
-    if (!Gathers()) return work();
-    Keep(When::kFirst, std::move(work));
+    LeaveAs(When::kFirst, work);
   }
   // Does what was left so far, for work that would meet it.
   static void DoNow();
@@ -38,6 +36,15 @@ class AfterAnswer {
   enum class When { kFirst, kLast };
   [[nodiscard]] static bool Gathers();
   static void Keep(When when, std::function<void()> work);
+  template <typename Work>
+  static void LeaveAs(When when, Work& work) {
+    if (!Gathers()) return work();
+    try {
+      Keep(when, work);
+    } catch (const std::bad_alloc&) {
+      work();
+    }
+  }
 
   bool m_gathers = true;
 };

@@ -7,11 +7,13 @@
 // one that last called Run() or Step(), before that the one that made the object.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <type_traits>
 
 #include "platform/error_codes.h"
 
@@ -24,6 +26,12 @@ void SetGuardReport(GuardReport report);
 
 // Runs `body` and catches whatever it throws, reporting it. True when nothing was thrown.
 bool RunGuarded(std::string_view where, const std::function<void()>& body) noexcept;
+// The same for anything that can be called, whatever it has captured: the guard itself takes no memory.
+template <typename Body>
+  requires(!std::same_as<std::remove_cvref_t<Body>, std::function<void()>>)
+bool RunGuarded(std::string_view where, Body&& body) noexcept {
+  return RunGuarded(where, std::function<void()>(std::ref(body)));
+}
 
 // Something the apartment listens to besides its queue.
 class PollSource {
