@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <new>
 
 #include "foundation/include/zfclog.h"
 
@@ -29,18 +28,19 @@ Status CJobList::AddJob(CJobNode node) {
   const platform::CriticalSectionGuard guard(g_JobListLock);
   const ScheduleGuid id = node.ScheduleID;
   SortChanged();
+  ReserveChanges(1);
   const auto [at, inserted] = m_entries.try_emplace(id);
   if (!inserted) return kStatusJobExists;
   Entry& entry = at->second;
-  entry.node = std::move(node);
-  entry.listedWindow = SignExtended(entry.node.NextTimeWindow);
+  entry.listedWindow = SignExtended(node.NextTimeWindow);
   entry.rank = --m_firstRank;
   try {
     m_sequence.insert(&entry);
-  } catch (const std::bad_alloc&) {  // the caller keeps the rule object, and no node of the list may point to it
+  } catch (...) {  // the caller keeps the rule object, and no node of the list may point to it
     m_entries.erase(at);
     throw;
   }
+  entry.node = std::move(node);
   m_size.store(m_entries.size(), std::memory_order_relaxed);
   return kStatusOk;
 }
@@ -50,32 +50,49 @@ void CJobList::AddJobs(std::span<CJobNode> nodes, const std::function<void(CJobN
     std::int64_t window;
     std::int64_t rank;
     Entry* entry;
+    CJobNode* from;
   };
   std::vector<Added> added;
   added.reserve(nodes.size());
   const platform::CriticalSectionGuard guard(g_JobListLock);
   SortChanged();
-  for (CJobNode& node : nodes) {
-    const std::size_t before = m_entries.size();
-    // At a start they come in the order of their IDs.
-    const auto at = m_entries.try_emplace(m_entries.end(), node.ScheduleID);
-    if (m_entries.size() == before) {
-      refused(node);
-      continue;
+  ReserveChanges(nodes.size());
+  std::size_t placed = 0;
+  try {
+    for (CJobNode& node : nodes) {
+      const std::size_t before = m_entries.size();
+      // At a start they come in the order of their IDs.
+      const auto at = m_entries.try_emplace(m_entries.end(), node.ScheduleID);
+      if (m_entries.size() == before) {
+        refused(node);
+        continue;
+      }
+      Entry& entry = at->second;
+      entry.listedWindow = SignExtended(node.NextTimeWindow);
+      entry.rank = --m_firstRank;
+      added.push_back({entry.listedWindow, entry.rank, &entry, &node});
     }
-    Entry& entry = at->second;
-    entry.node = std::move(node);
-    entry.listedWindow = SignExtended(entry.node.NextTimeWindow);
-    entry.rank = --m_firstRank;
-    added.push_back({entry.listedWindow, entry.rank, &entry});
+    std::sort(added.begin(), added.end(), [](const Added& a, const Added& b) {
+      return a.window != b.window ? a.window < b.window : a.rank < b.rank;
+    });
+    // Each place is searched from the one before: in an empty list it is found there.
+    auto hint = m_sequence.begin();
+    for (; placed < added.size(); ++placed) hint = std::next(m_sequence.insert(hint, added[placed].entry));
+  } catch (...) {
+    for (std::size_t i = 0; i < added.size(); ++i) {
+      if (i < placed) m_sequence.erase(added[i].entry);
+      m_entries.erase(added[i].from->ScheduleID);
+    }
+    throw;
   }
-  std::sort(added.begin(), added.end(), [](const Added& a, const Added& b) {
-    return a.window != b.window ? a.window < b.window : a.rank < b.rank;
-  });
-  // Each place is searched from the one before: in an empty list it is found there.
-  auto hint = m_sequence.begin();
-  for (const Added& one : added) hint = std::next(m_sequence.insert(hint, one.entry));
+  for (const Added& one : added) one.entry->node = std::move(*one.from);
   m_size.store(m_entries.size(), std::memory_order_relaxed);
+}
+
+// Marking takes no memory: what was changed in place and isn't marked would never find its place.
+void CJobList::ReserveChanges(std::size_t more) {
+  const std::size_t wanted = m_entries.size() + more;
+  if (m_changed.capacity() < wanted) m_changed.reserve(std::max(wanted, 2 * m_changed.capacity()));
 }
 
 // A node that comes between a pass and its sort stands ahead of those whose new window it has.
@@ -139,21 +156,20 @@ void CJobList::Sort() {
   // What a stable sort does with a changed node: among the equals of its new window it stands first when it came from
   // further ahead, last when it came from further behind, and nodes that moved together keep their order.
   std::sort(m_changed.begin(), m_changed.end(), InOrder());
-  for (Entry* const entry : m_changed) m_sequence.erase(entry);
+  // Takes no memory: a node that has left its place must come to the next.
   const auto place = [this](Entry* entry, std::int64_t rank) QX_REQUIRES(g_JobListLock) {
+    Sequence::node_type taken = m_sequence.extract(entry);
     entry->listedWindow = entry->node.NextTimeWindow;
     entry->rank = rank;
     entry->changed = false;
-    m_sequence.insert(entry);
+    m_sequence.insert(std::move(taken));
   };
-  std::vector<Entry*> later;
   for (Entry* const entry : m_changed) {
-    if (entry->node.NextTimeWindow > entry->listedWindow) {
-      later.push_back(entry);
-    } else {
-      place(entry, entry->node.NextTimeWindow < entry->listedWindow ? ++m_lastRank : entry->rank);
-    }
+    if (entry->node.NextTimeWindow > entry->listedWindow) continue;
+    place(entry, entry->node.NextTimeWindow < entry->listedWindow ? ++m_lastRank : entry->rank);
   }
-  for (auto entry = later.rbegin(); entry != later.rend(); ++entry) place(*entry, --m_firstRank);
+  for (auto entry = m_changed.rbegin(); entry != m_changed.rend(); ++entry) {
+    if ((*entry)->changed) place(*entry, --m_firstRank);
+  }
   m_changed.clear();
 }

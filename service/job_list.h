@@ -72,10 +72,12 @@ class CJobList {
   // Inserts before the first node whose window is not earlier (the new one taken as its low 32 bits, sign-extended).
   //   node     on success the list's copy owns the rule object's reference
   //   returns  0; kStatusJobExists: list and reference unchanged. Takes g_JobListLock itself.
+  //   throws   std::bad_alloc: as kStatusJobExists
   [[nodiscard]] Status AddJob(CJobNode node);
   // Adds many, each as AddJob() would, one after the other. Takes g_JobListLock itself.
   //   nodes    as for AddJob(); those of the list are moved from
-  //   refused  called for each that AddJob() would refuse, in order
+  //   refused  called for each that AddJob() would refuse, in order; throws nothing
+  //   throws   std::bad_alloc: list and nodes unchanged, but for those that were refused
   void AddJobs(std::span<CJobNode> nodes, const std::function<void(CJobNode& node)>& refused);
   // Erases the node of the same ID without touching its reference; logs when there is none. Takes g_JobListLock itself.
   void RemoveJob(CJobNode node);
@@ -95,13 +97,15 @@ class CJobList {
   void FindNodes(std::span<const ScheduleGuid> ids, std::span<CJobNode*> nodes) QX_REQUIRES(g_JobListLock);
   // Erases a node, its reference untouched, and gives its successor.
   Position Erase(Position at) QX_REQUIRES(g_JobListLock);
-  // Tells that a node's window was changed in place: it keeps its place until Sort() or until a node is added.
+  // Tells that a node's window was changed in place: it keeps its place until Sort() or until a node is added. Throws
+  // nothing, no more than Sort() does.
   void MarkChanged(Position at) QX_REQUIRES(g_JobListLock);
   // Stable, ascending by window; costs the logarithm of the length for each changed node.
   void Sort() QX_REQUIRES(g_JobListLock);
 
  private:
   void SortChanged() QX_REQUIRES(g_JobListLock);
+  void ReserveChanges(std::size_t more) QX_REQUIRES(g_JobListLock);
 
   std::map<ScheduleGuid, Entry, ById> m_entries QX_GUARDED_BY(g_JobListLock);
   Sequence m_sequence QX_GUARDED_BY(g_JobListLock);

@@ -7,6 +7,7 @@
 #include "common/ini_recovery.h"
 #include "common/plain_schedule_file.h"
 #include "foundation/include/zfclog.h"
+#include "platform/apartment.h"
 #include "platform/file.h"
 #include "platform/guid.h"
 #include "platform/memory.h"
@@ -140,13 +141,16 @@ void PopulateOne(const RegistryKey& schedules, std::u16string_view keyName) {
   }
 }
 
+// Memory that runs out is the failure of one schedule, as any other.
 void PopulateAt(const RegistryKey& schedules, std::uint32_t index) {
-  std::u16string name;
-  if (platform::EnumKey(schedules, index, name) != ERROR_SUCCESS) {
-    ServiceLog(1, u" Failed RegEnumKey for %d key", index);
-    return;
-  }
-  PopulateOne(schedules, name);
+  (void)platform::RunGuarded("PopulateJobList", [&] {
+    std::u16string name;
+    if (platform::EnumKey(schedules, index, name) != ERROR_SUCCESS) {
+      ServiceLog(1, u" Failed RegEnumKey for %d key", index);
+      return;
+    }
+    PopulateOne(schedules, name);
+  });
 }
 
 void RefuseListed(CJobNode& node) {
@@ -154,44 +158,58 @@ void RefuseListed(CJobNode& node) {
   node.ReleaseScheduler();
 }
 
-// Lists the nodes that were loaded ahead and are taken from `first` to `end`, as long as they are what would be loaded
-// now.
+// Nodes on their way into the list. What the list hasn't taken gives its rule objects up.
+class NodesToList {
+ public:
+  explicit NodesToList(std::size_t most) { m_nodes.reserve(most); }
+  NodesToList(const NodesToList&) = delete;
+  NodesToList& operator=(const NodesToList&) = delete;
+  ~NodesToList() {
+    for (CJobNode& node : m_nodes) node.ReleaseScheduler();
+  }
+  void Add(CJobNode&& node) { m_nodes.push_back(std::move(node)); }
+  void List() {
+    g_JobList.AddJobs(m_nodes, RefuseListed);
+    m_nodes.clear();
+  }
+
+ private:
+  std::vector<CJobNode> m_nodes;
+};
+
+// Lists the nodes that were loaded ahead and are taken up to `end`, as long as they are what would be loaded now.
+//   listed   in: the first of them; out: behind the last one that is done
 //   returns  false: the registry or the zone has changed, nothing is listed
-bool ListAhead(LoadAhead& ahead, const RegistryKey& schedules, std::uint32_t first, std::uint32_t end) {
-  if (first == end) return true;
-  std::vector<CJobNode> nodes;
-  nodes.reserve(end - first);
+bool ListAhead(LoadAhead& ahead, const RegistryKey& schedules, std::uint32_t& listed, std::uint32_t end) {
+  if (listed == end) return true;
+  NodesToList nodes(end - listed);
   // From the look at what has changed to the listing nobody else changes the list: who changed a schedule before is
   // seen, and who does it later finds its node.
   const platform::CriticalSectionGuard guard(g_JobListLock);
   if (!ahead.StoreAndZoneHold()) return false;
-  const auto list = [&nodes] {
-    g_JobList.AddJobs(nodes, RefuseListed);
-    nodes.clear();
-  };
-  for (std::uint32_t i = first; i < end; ++i) {
+  for (std::uint32_t i = listed; i < end; ++i) {
     if (ahead.FileHolds(i)) {
-      nodes.push_back(ahead.Take(i));
+      nodes.Add(ahead.Take(i));
       continue;
     }
-    list();
+    nodes.List();
     ahead.PlaceBefore(schedules, i);
     PopulateAt(schedules, i);
+    listed = i + 1;
   }
-  list();
+  nodes.List();
+  listed = end;
   return true;
 }
 
 // Fills the list from what was loaded ahead.
-//   returns  the number of keys that are done; the others are to be loaded call by call
-std::uint32_t PopulateFromAhead(LoadAhead& ahead, const RegistryKey& schedules, std::uint32_t count) {
-  if (!ahead.Wait() || ahead.Size() != count || IsLoadingTold()) return 0;
-  std::uint32_t listed = 0;  // all in front of it are done
+//   listed  out: the number of keys that are done; the others are to be loaded call by call
+void PopulateFromAhead(LoadAhead& ahead, const RegistryKey& schedules, std::uint32_t count, std::uint32_t& listed) {
+  if (!ahead.Wait() || ahead.Size() != count || IsLoadingTold()) return;
   for (std::uint32_t i = 0; i < count; ++i) {
     const LoadAhead::Outcome outcome = ahead.At(i);
     if (outcome == LoadAhead::Outcome::kNode) continue;
-    if (!ListAhead(ahead, schedules, listed, i)) return listed;
-    listed = i;
+    if (!ListAhead(ahead, schedules, listed, i)) return;
     if (outcome == LoadAhead::Outcome::kOver && ahead.StoreAndZoneHold() && ahead.FileHolds(i)) {
       ServiceLog(2, u"NextTimeWindow is over: %s", ahead.Take(i).IdText());
     } else {
@@ -200,7 +218,7 @@ std::uint32_t PopulateFromAhead(LoadAhead& ahead, const RegistryKey& schedules, 
     }
     listed = i + 1;
   }
-  return ListAhead(ahead, schedules, listed, count) ? count : listed;
+  (void)ListAhead(ahead, schedules, listed, count);
 }
 
 // Makes the key when it is missing. A key that wrote is closed before anything else: its close says whether it stands.
@@ -254,10 +272,12 @@ Status PopulateJobList(std::unique_ptr<qx::LoadAhead> ahead) {
   if (info.subKeyCount == 0) return kStatusOk;
   std::uint32_t done = 0;
   if (!qx::IsLoadingTold()) {
-    if (!ahead && info.subKeyCount >= qx::kWorthLoadingAhead) {
-      ahead = std::make_unique<qx::LoadAhead>(platform::RegistryStoreFile());
-    }
-    if (ahead) done = qx::PopulateFromAhead(*ahead, schedules, info.subKeyCount);
+    (void)platform::RunGuarded("PopulateJobList", [&] {
+      if (!ahead && info.subKeyCount >= qx::kWorthLoadingAhead) {
+        ahead = std::make_unique<qx::LoadAhead>(platform::RegistryStoreFile());
+      }
+      if (ahead) qx::PopulateFromAhead(*ahead, schedules, info.subKeyCount, done);
+    });
   }
   ahead.reset();
   for (std::uint32_t i = done; i < info.subKeyCount; ++i) qx::PopulateAt(schedules, i);

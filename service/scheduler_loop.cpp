@@ -3,11 +3,11 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <string>
 
 #include "foundation/include/zfclog.h"
 #include "platform/event.h"
 #include "platform/reserved_memory.h"
+#include "platform/thread.h"
 #include "service/job_list.h"
 #include "service/modify_schedule.h"
 #include "service/scheduler_events.h"
@@ -22,20 +22,26 @@ namespace {
 
 std::int64_t SignExtended(std::int64_t window) { return static_cast<std::int32_t>(window); }
 
-// The clock's text form, "Thu Jan  1 00:00:00 1970".
-std::string ClockText(std::int64_t seconds) {
+// The clock's text form, "Thu Jan  1 00:00:00 1970", empty where it has none. In place: a sleep needs no memory.
+struct ClockText {
+  char text[64];  // all NUL behind the text
+};
+ClockText ClockTextOf(std::int64_t seconds) {
   std::tm local{};
-  char text[64] = "";
+  ClockText out{};
   if (platform::LocalBreakdown(seconds, local)) {
     static constexpr char kDays[][4] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
     static constexpr char kMonths[][4] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    std::snprintf(text, sizeof text, "%.3s %.3s%3d %.2d:%.2d:%.2d %d", kDays[local.tm_wday], kMonths[local.tm_mon],
-                  local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, 1900 + local.tm_year);
+    std::snprintf(out.text, sizeof out.text, "%.3s %.3s%3d %.2d:%.2d:%.2d %d", kDays[local.tm_wday],
+                  kMonths[local.tm_mon], local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                  1900 + local.tm_year);
   }
-  return text;
+  return out;
 }
 
+// Between a cycle for which there was no memory and the next one.
+constexpr std::uint32_t kPauseWithoutMemoryMs = 100;
 constexpr std::size_t kYearPart = 20;  // where the year begins in the clock's text form
 
 // A head that has passed by more than this counts as overlooked.
@@ -68,7 +74,9 @@ void CSchedulerLoop::SkipPassedWindows(std::int64_t now) {
   // The list is in order here: behind the first window that hasn't passed there is nothing to be found.
   while (at != g_JobList.End() && at->NextTimeWindow < now) {
     if (at->NextTimeWindow > 0) {
-      ServiceLog(2, u"Something wrong, next time window can't be earlier than current time: %s", at->IdText());
+      (void)platform::RunGuarded("passed window", [&] {
+        ServiceLog(2, u"Something wrong, next time window can't be earlier than current time: %s", at->IdText());
+      });
       const std::int64_t window = at->UpdateNextTimeWindow();
       g_JobList.MarkChanged(at);
       if (window < 0) {
@@ -94,6 +102,7 @@ std::uint32_t CSchedulerLoop::PrepareSleep() {
   m_wakeUp = kNoWakeUp;
   const CriticalSectionGuard guard(g_JobListLock);
   NoteSleep();
+  g_JobList.Sort();  // a pass that was cut short hasn't
   if (g_JobList.Empty()) {
     SetGuard();
     ServiceLog(3, u"Service will sleep for INFINITE time");
@@ -109,9 +118,8 @@ std::uint32_t CSchedulerLoop::PrepareSleep() {
     ServiceLog(3, u"Service will sleep for INFINITE time");
     return platform::kWaitForever;
   }
-  const std::string text = ClockText(clock.seconds);
-  ServiceLog(4, u"The time before sleep is %.19S.%u %S", text, clock.milliseconds,
-             text.size() > kYearPart ? text.substr(kYearPart) : std::string());
+  const ClockText shown = ClockTextOf(clock.seconds);
+  ServiceLog(4, u"The time before sleep is %.19S.%u %S", shown.text, clock.milliseconds, shown.text + kYearPart);
   const std::int64_t head = g_JobList.Begin()->NextTimeWindow;
   const std::uint32_t sleep = SleepBefore(head, clock);
   m_wakeUp = SignExtended(head);
@@ -124,10 +132,13 @@ std::uint32_t CSchedulerLoop::PrepareSleep() {
 void CSchedulerLoop::LaunchDueJobs(Status instance, std::vector<Notification>& notifications) {
   CJobList::Position at = g_JobList.Begin();
   while (at != g_JobList.End()) {
-    (void)at->Launch();  // a job that couldn't be started counts as run
+    // A job that couldn't be started counts as run.
+    (void)platform::RunGuarded("launch", [&] { (void)at->Launch(); });
     const std::int64_t window = at->UpdateNextTimeWindow();
     g_JobList.MarkChanged(at);
-    notifications.push_back({at->ScheduleID, static_cast<std::int32_t>(window)});
+    (void)platform::RunGuarded("launch notice", [&] {
+      notifications.push_back({at->ScheduleID, static_cast<std::int32_t>(window)});
+    });
     if (window < 0) {
       // Deliberate: the line tells of the instance that couldn't be made, not of the release.
       at = EraseEndedJob(at, u" ReleaseScheduler failed with error %x", instance);
@@ -153,8 +164,10 @@ void CSchedulerLoop::LaunchPass() {
   }
   if (proxy) {
     for (const Notification& note : notifications) {
-      proxy.Post([service = &m_service, note] {
-        (void)service->Notify_NextTimeWindow_Modify(note.id, note.nextTimeWindow);
+      (void)platform::RunGuarded("launch notice", [&] {
+        proxy.Post([service = &m_service, note] {
+          (void)service->Notify_NextTimeWindow_Modify(note.id, note.nextTimeWindow);
+        });
       });
     }
   }
@@ -203,7 +216,10 @@ bool CSchedulerLoop::Step() {
       Shutdown();
       return false;
     case SYSTEM_TIME_CHANGED:
-      TimeChangePass(m_apartment, m_service);
+      if (!platform::RunGuarded("time change", [this] { TimeChangePass(m_apartment, m_service); })) {
+        platform::PauseThread(kPauseWithoutMemoryMs);
+        g_SchedulerEvents.Set(SYSTEM_TIME_CHANGED);  // the rest of the pass is still to be done
+      }
       return true;
     default:  // REFRESH_EVENT
       return true;
@@ -220,7 +236,14 @@ bool CSchedulerLoop::HeadIsOverdue(std::int64_t nowSeconds) {
 std::uint32_t ThreadProcedure(CSchedulerLoop& loop) {
   loop.EnableGuard();
   platform::ReservedMemory memory(std::nothrow);
-  while (loop.Step()) memory.Refill();
+  bool goesOn = true;
+  while (goesOn) {
+    // Where what was set aside is used up, too.
+    if (!platform::RunGuarded("ThreadProcedure", [&] { goesOn = loop.Step(); })) {
+      platform::PauseThread(kPauseWithoutMemoryMs);
+    }
+    memory.Refill();
+  }
   return 0;
 }
 

@@ -81,7 +81,7 @@ class CSchedulerLoop {
   std::int64_t m_sleepFrom = 0;    // steady nanoseconds from which the sleep runs, so that it ends on the second
 };
 
-// The body of the scheduler thread, with the guard. Always 0.
+// The body of the scheduler thread, with the guard. Memory that runs out ends a cycle and not the thread. Always 0.
 std::uint32_t ThreadProcedure(CSchedulerLoop& loop);
 
 }  // namespace qx

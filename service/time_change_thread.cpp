@@ -4,6 +4,8 @@
 
 #include "foundation/include/zfclog.h"
 #include "foundation/include/zfclogformat.h"
+#include "platform/apartment.h"
+#include "platform/thread.h"
 #include "service/scheduler_events.h"
 #include "service/scheduler_loop.h"
 
@@ -12,6 +14,9 @@ using ZepFoundation::ServiceLog;
 namespace qx {
 namespace {
 
+constexpr const char* kGuardName = "TimeChangeThread";
+// Between the times at which a notice is handed on for which there was no memory.
+constexpr std::uint32_t kPauseWithoutMemoryMs = 100;
 constexpr std::size_t kTimeZoneTextSize = 30;  // characters, the final NUL included
 
 // Milliseconds from `from` to `to`, in 32 bits as the comparison wants them.
@@ -89,13 +94,24 @@ void CTimeChangeThread::Run() {
   if (zoneRulesChanged || HasDrifted(m_begin, Reading::Now())) OnTimeChange(zoneRulesChanged);
   while (true) {
     platform::ClockNotice notice;
-    if (m_watch.Read(notice) != platform::ERROR_SUCCESS) {
+    platform::ErrorCode code = platform::ERROR_SUCCESS;
+    if (!platform::RunGuarded(kGuardName, [&] { code = m_watch.Read(notice); })) {
+      notice = {platform::ClockNotice::kTimeChange, false};  // whatever it was
+    }
+    if (code != platform::ERROR_SUCCESS) {
       ServiceLog(1, u"Error in GetMessage");
       continue;
     }
     if (notice.message == 0) return;  // destroyed: the process is about to end
     ServiceLog(5, u"GetMessage --- %d", notice.message);
-    m_watch.Dispatch(notice);
+    HandOn(notice);
+  }
+}
+
+void CTimeChangeThread::HandOn(const platform::ClockNotice& notice) {
+  while (!platform::RunGuarded(kGuardName, [&] { m_watch.Dispatch(notice); })) {
+    if (notice.message == platform::ClockNotice::kTimeChange) g_SchedulerEvents.Set(SYSTEM_TIME_CHANGED);
+    platform::PauseThread(kPauseWithoutMemoryMs);
   }
 }
 

@@ -36,6 +36,10 @@ class CTimeChangeThread {
   // made, count as a kTimeChange.
   void Run();
 
+  // Hands a notice on to the watch's procedure. Where memory runs out on the way, a kTimeChange counts as accepted, and
+  // the notice is handed on again and again.
+  void HandOn(const platform::ClockNotice& notice);
+
   // One notice. A kTimeChange sets SYSTEM_TIME_CHANGED unless the wall clock has drifted from the tick count by at most
   // kToleratedDriftMs since the last accepted one and the zone is the same; the first is always accepted. A kGuard sets
   // REFRESH_EVENT, with one log line, when the head of the job list is overdue (scheduler_loop.h).

@@ -19,6 +19,7 @@ class ServiceMemory : public ServiceSweep, public ::testing::WithParamInterface<
   void RefuseInTurn(const std::function<Status()>& operation, const std::function<void(bool isDone)>& judge) {
     for (long ahead = 0;; ++ahead) {
       ASSERT_NO_FATAL_FAILURE(Reset());
+      m_isNeverThere = ahead == 0 && GetParam() == platform::kFromThenOn;
       (void)platform::TakeRefusedCount();
       bool isDone = false;
       platform::RefuseMemory(ahead, GetParam());
@@ -38,6 +39,8 @@ class ServiceMemory : public ServiceSweep, public ::testing::WithParamInterface<
       }
     }
   }
+
+  bool m_isNeverThere = false;  // nothing was set aside, and nothing comes
 };
 
 TEST_P(ServiceMemory, ACreationIsDoneOrNotBegun) {
@@ -87,7 +90,7 @@ TEST_P(ServiceMemory, ARefreshLoadsAllOrLeavesTheListAsItWas) {
   RefuseInTurn([&] { return m_service.Refresh(); }, [&](bool) { EXPECT_EQ(ListedIds().size(), 3u); });
 }
 
-// The thread's body, up to a sleep. Where not even its first step finds memory the process ends, and is started anew.
+// The thread's body, up to a sleep. It goes on also where there never is memory: jobs start, and nobody hears of it.
 class LoopMemory : public ServiceMemory {
  protected:
   // Ends ahead of the sleep behind `sleeps` others.
@@ -113,10 +116,10 @@ TEST_P(LoopMemory, APassStartsEachDueJobOnceAndTellsOfIt) {
       },
       [&](bool isDone) {
         m_clock.SetWall(kPresent);
-        if (!isDone) return;
+        EXPECT_TRUE(isDone);
         (void)m_apartment.Step(0);
         EXPECT_EQ(started, 3);
-        EXPECT_THAT(m_sink->heard, SizeIs(3));
+        EXPECT_THAT(m_sink->heard, SizeIs(m_isNeverThere ? 0 : 3));
         for (const ScheduleGuid& id : {m_first, m_subject, m_second}) {
           EXPECT_EQ(ListedWindow(id), kPresent + 3600 + kSecondsOfDay);
         }
@@ -132,9 +135,9 @@ TEST_P(LoopMemory, AChangeOfTheClockIsFollowed) {
       },
       [&](bool isDone) {
         m_clock.SetWall(kPresent);
-        if (!isDone) return;
+        EXPECT_TRUE(isDone);
         (void)m_apartment.Step(0);
-        EXPECT_THAT(m_sink->heard, SizeIs(1));
+        EXPECT_THAT(m_sink->heard, SizeIs(m_isNeverThere ? 0 : 1));
         for (const ScheduleGuid& id : {m_first, m_subject, m_second}) {
           EXPECT_EQ(ListedWindow(id), kPresent + 3600 + kSecondsOfDay);
         }
