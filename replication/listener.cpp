@@ -8,6 +8,7 @@
 
 #include "foundation/include/zfclog.h"
 #include "platform/memory.h"
+#include "platform/reserved_memory.h"
 #include "platform/security.h"
 #include "platform/text.h"
 #include "platform/thread.h"
@@ -193,6 +194,7 @@ int CListener::ChildSocketThread(SocketCell cell) {
   }
   CChildSession session(*cell, m_keys);
   try {
+    const platform::ReservedMemory memory;
     session.Run();
   } catch (const std::exception& error) {
     TellCaught(u"ChildSocketThread", error);  // whatever a peer sent, the service goes on
