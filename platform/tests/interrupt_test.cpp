@@ -10,7 +10,16 @@ namespace {
 
 using platform::InterruptWatch;
 
-TEST(InterruptWatch, CallsBackForEachInterrupt) {
+// Who runs the tests in a shell's background has them ignore interrupts.
+class InterruptWatchTest : public testing::Test {
+ protected:
+  ~InterruptWatchTest() override { (void)::signal(SIGINT, m_before); }
+
+ private:
+  void (*m_before)(int) = ::signal(SIGINT, SIG_DFL);
+};
+
+TEST_F(InterruptWatchTest, CallsBackForEachInterrupt) {
   std::counting_semaphore<> heard(0);
   InterruptWatch watch(InterruptWatch::kNever, {}, [&] { heard.release(); });
   for (int i = 0; i < 2; ++i) {
@@ -19,7 +28,7 @@ TEST(InterruptWatch, CallsBackForEachInterrupt) {
   }
 }
 
-TEST(InterruptWatch, SaysOnceThatTheWaitIsLong) {
+TEST_F(InterruptWatchTest, SaysOnceThatTheWaitIsLong) {
   std::counting_semaphore<> late(0);
   std::counting_semaphore<> heard(0);
   InterruptWatch watch(0, [&] { late.release(); }, [&] { heard.release(); });
@@ -29,7 +38,7 @@ TEST(InterruptWatch, SaysOnceThatTheWaitIsLong) {
   EXPECT_FALSE(late.try_acquire());
 }
 
-TEST(InterruptWatch, LeavesTheMaskAsItWas) {
+TEST_F(InterruptWatchTest, LeavesTheMaskAsItWas) {
   sigset_t before, after;
   sigemptyset(&before);
   sigemptyset(&after);
@@ -39,7 +48,7 @@ TEST(InterruptWatch, LeavesTheMaskAsItWas) {
   EXPECT_EQ(sigismember(&after, SIGINT), sigismember(&before, SIGINT));
 }
 
-TEST(InterruptWatch, GoesOnIgnoringWhatIsIgnored) {
+TEST_F(InterruptWatchTest, GoesOnIgnoringWhatIsIgnored) {
   const auto before = ::signal(SIGINT, SIG_IGN);
   bool called = false;
   {
