@@ -20,7 +20,8 @@
 namespace platform {
 
 // What the guards of the apartment and of the bus report: where an exception was caught (a member name, "task") and
-// its text. Called on the thread that caught it; what it throws itself is dropped. For the whole process, null for none.
+// its text. Called on the thread that caught it; what it throws itself is dropped. For the whole process, null for
+// none.
 using GuardReport = void (*)(std::string_view where, std::string_view what);
 void SetGuardReport(GuardReport report);
 

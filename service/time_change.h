@@ -32,8 +32,8 @@ void TimeChangePass(platform::Apartment& apartment, ISchedulerService& service);
 
 // Over the time from the computing of a window until its job is listed, or until a modification gives the schedule
 // free: a pass that begins in between hasn't seen the job, and one that meets the schedule leaves it alone. Also over
-// the time in which a job is listed that has no key yet, or none any more: by the numbers of both, a pass that counts in
-// between misses a schedule that it should bring back.
+// the time in which a job is listed that has no key yet, or none any more: by the numbers of both, a pass that counts
+// in between misses a schedule that it should bring back.
 // Threads: one at a time.
 class CNewWindow {
  public:

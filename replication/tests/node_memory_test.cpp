@@ -8,15 +8,11 @@
 #include <thread>
 #include <utility>
 
-#include "platform/event_log.h"
-#include "platform/service_record.h"
 #include "platform/testing/fault.h"
 #include "platform/testing/refused_memory.h"
-#include "replication/node_operations.h"
 #include "replication/tests/noting_service.h"
-#include "replication/tests/replication_fixture.h"
+#include "replication/tests/served_node.h"
 #include "service/schedule_store.h"
-#include "service/service_registration.h"
 
 namespace qx::testing {
 namespace {
@@ -25,24 +21,8 @@ using platform::ErrorCode;
 using platform::FaultPlan;
 using platform::Operation;
 
-class NodeMemory : public ReplicationFixture, public ::testing::WithParamInterface<platform::FaultMode> {
+class NodeMemory : public ServedNode, public ::testing::WithParamInterface<platform::FaultMode> {
  protected:
-  void SetUp() override {
-    ReplicationFixture::SetUp();
-    platform::InstallEventSink([](const platform::LoggedEvent&) {});
-    platform::ServiceRecord record;
-    record.displayName = kServiceTitle;
-    record.binaryPath = u"\"/x\"";
-    record.account = u"cluster";
-    ASSERT_EQ(platform::CreateServiceRecord(kServiceName, record), 0u);
-    Listen();
-    m_operations.SetPort(m_listener.Port());
-  }
-  void TearDown() override {
-    platform::InstallEventSink({});
-    ReplicationFixture::TearDown();
-  }
-
   void Carry(std::uint32_t type) {
     const NodeNames names = {u"localhost", u"127.0.0.2"};
     m_self.calls.clear();
@@ -72,7 +52,6 @@ class NodeMemory : public ReplicationFixture, public ::testing::WithParamInterfa
 
   static constexpr std::uint32_t kTypes[] = {MSG_CREATE, MSG_MODIFY, MSG_PERFORM, MSG_DELETE};
   NotingService m_self;
-  CNodeOperations m_operations{OwnKeys()};
   ScheduleGuid m_id = platform::GuidConstant(u"{11111111-2222-3333-4444-555555555555}");
   SCHEDULE_OBJECT m_schedule = Daily();
   BSTR m_command = u"/bin/true";

@@ -1,12 +1,8 @@
 // Every platform call of an operation on another node fails: on the side that asks, and on the side that is asked.
-#include "platform/event_log.h"
-#include "platform/service_record.h"
 #include "platform/testing/fault_sweep.h"
-#include "replication/node_operations.h"
 #include "replication/tests/noting_service.h"
-#include "replication/tests/replication_fixture.h"
+#include "replication/tests/served_node.h"
 #include "service/schedule_store.h"
-#include "service/service_registration.h"
 #include "service/tests/stored_state.h"
 
 namespace qx::testing {
@@ -23,26 +19,14 @@ const char* NameOf(Which which) {
   return kNames[static_cast<int>(which)];
 }
 
-class NodeSweep : public ReplicationFixture, public ::testing::WithParamInterface<Which> {
+class NodeSweep : public ServedNode, public ::testing::WithParamInterface<Which> {
  protected:
   void SetUp() override {
-    ReplicationFixture::SetUp();
-    platform::InstallEventSink([](const platform::LoggedEvent&) {});
-    platform::ServiceRecord record;
-    record.displayName = kServiceTitle;
-    record.binaryPath = u"\"/x\"";
-    record.account = u"cluster";
-    ASSERT_EQ(platform::CreateServiceRecord(kServiceName, record), 0u);
-    Listen();
-    m_operations.SetPort(m_listener.Port());
+    ServedNode::SetUp();
     m_old = Daily();
     m_new = Daily();
     m_new.bstrParameters = u"-changed";
     m_asker = std::this_thread::get_id();
-  }
-  void TearDown() override {
-    platform::InstallEventSink({});
-    ReplicationFixture::TearDown();
   }
 
   // The stores and the command's trace as they are ahead of each run.
@@ -157,7 +141,6 @@ class NodeSweep : public ReplicationFixture, public ::testing::WithParamInterfac
   }
 
   NotingService m_self;
-  CNodeOperations m_operations{OwnKeys()};
   ScheduleGuid m_id = platform::GuidConstant(u"{11111111-2222-3333-4444-555555555555}");
   SCHEDULE_OBJECT m_old, m_new;
   NodeResults m_results;

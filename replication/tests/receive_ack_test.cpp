@@ -1,6 +1,5 @@
 #include "replication/receive_ack.h"
 
-#include <chrono>
 #include <string>
 
 #include "replication/child_session.h"
@@ -116,9 +115,7 @@ TEST_F(ReceiveAckTest, TheSixtySecondsAreOneBudgetForAllNodes) {
       if (isWait && ++waits == 1) m_clock.Advance(static_cast<std::uint64_t>(seconds) * 1000);
       return platform::ErrorCode{platform::ERROR_SUCCESS};
     });
-    const auto begun = std::chrono::steady_clock::now();
     EXPECT_EQ(Collect(), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(30)) << "the second one's wait is a new one";
     EXPECT_THAT(m_results, ElementsAre(0, 1));
     EXPECT_EQ(waits, seconds == 59 ? 2 : 1);
     EXPECT_EQ(m_log.Count(1, "ReceiveAck: Select returned because time limit expired\n"), seconds == 59 ? 1 : 0);

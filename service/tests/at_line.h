@@ -1,7 +1,7 @@
 // service/tests/at_line.h: something that happens between two steps of an operation.
 //
-// Threads: made and destroyed on one; an action runs on the one that writes the line. Several write at a time only where
-// no two of them write the line of one action.
+// Threads: made and destroyed on one; an action runs on the one that writes the line. Several write at a time only
+// where no two of them write the line of one action.
 #pragma once
 
 #include <functional>
