@@ -40,8 +40,6 @@ ClockText ClockTextOf(std::int64_t seconds) {
   return out;
 }
 
-// Between a cycle for which there was no memory and the next one.
-constexpr std::uint32_t kPauseWithoutMemoryMs = 100;
 constexpr std::size_t kYearPart = 20;  // where the year begins in the clock's text form
 
 // A head that has passed by more than this counts as overlooked.
@@ -177,13 +175,15 @@ void CSchedulerLoop::LaunchPass() {
 
 // The list is neither emptied nor are references released, as the process is about to end. The lock counts as deleted
 // from here on; its storage lives as long as the threads that may still take it.
+// Each step is taken, whatever the one ahead of it met: the service ends.
 void CSchedulerLoop::Shutdown() {
-  ServiceLog(3, u"Shutting down now");
-  if (m_watch != nullptr) m_watch->Destroy();
+  const auto take = [](auto step) { (void)platform::RunGuarded("shutdown", step); };
+  take([] { ServiceLog(3, u"Shutting down now"); });
+  if (m_watch != nullptr) take([this] { m_watch->Destroy(); });
   if (m_nodes == nullptr) return;
-  m_nodes->FreeSecurityLibrary();
-  m_nodes->CloseListener();
-  m_nodes->CleanUpSockets();
+  take([this] { m_nodes->FreeSecurityLibrary(); });
+  take([this] { m_nodes->CloseListener(); });
+  take([this] { m_nodes->CleanUpSockets(); });
 }
 
 bool CSchedulerLoop::Step() {

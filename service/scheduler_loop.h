@@ -31,6 +31,9 @@ namespace qx {
 
 inline constexpr std::int64_t kNoWakeUp = -1;
 
+// Between a try for which there was no memory and the next one, on the scheduler thread and the clock watch's.
+inline constexpr std::uint32_t kPauseWithoutMemoryMs = 100;
+
 class CSchedulerLoop {
  public:
   // All are borrowed and outlive the loop.

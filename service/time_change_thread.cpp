@@ -15,8 +15,6 @@ namespace qx {
 namespace {
 
 constexpr const char* kGuardName = "TimeChangeThread";
-// Between the times at which a notice is handed on for which there was no memory.
-constexpr std::uint32_t kPauseWithoutMemoryMs = 100;
 constexpr std::size_t kTimeZoneTextSize = 30;  // characters, the final NUL included
 
 // Milliseconds from `from` to `to`, in 32 bits as the comparison wants them.

@@ -414,12 +414,17 @@ class RecordingChannel : public qx::INodeChannel {
     EXPECT_EQ(m_watch.Read(notice), 0u);
     if (notice.message == 0) calls.push_back("watch ended");
     calls.push_back("free");
+    if (hasNoMemory) throw std::bad_alloc();
   }
   platform::ErrorCode StartSockets() override { return 0; }
   void Serve(std::uint16_t) override {}
-  void CloseListener() override { calls.push_back("close"); }
+  void CloseListener() override {
+    calls.push_back("close");
+    if (hasNoMemory) throw std::bad_alloc();
+  }
   void CleanUpSockets() override { calls.push_back("clean"); }
   std::vector<std::string> calls;
+  bool hasNoMemory = false;
 
  private:
   platform::ClockWatch& m_watch;
@@ -433,6 +438,15 @@ TEST_F(SchedulerLoop, ShutsDownInOrderAndKeepsTheList) {
   EXPECT_EQ(qx::ThreadProcedure(loop), 0u);
   EXPECT_THAT(channel.calls, ElementsAre("watch ended", "free", "close", "clean"));
   EXPECT_THAT(ListedIds(), ElementsAre(Text(id)));
+}
+
+TEST_F(SchedulerLoop, ShutsDownWholeWhereItsStepsFindNoMemory) {
+  RecordingChannel channel(m_watch);
+  channel.hasNoMemory = true;
+  qx::CSchedulerLoop loop(m_apartment, m_service, &m_watch, &channel);
+  g_SchedulerEvents.Set(SHUTDOWN_EVENT);
+  EXPECT_FALSE(loop.Step());
+  EXPECT_THAT(channel.calls, ElementsAre("watch ended", "free", "close", "clean"));
 }
 
 class SchedulerLoopInNewYork : public qx::testing::ServiceFixture {
