@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <new>
 #include <optional>
 #include <ostream>
@@ -356,9 +357,8 @@ std::string Utf8(const wcstring& text) {
 wcstring TextOf(const PropertyValue& value) {
   char16_t* wide = nullptr;
   (void)ZepFoundation::ZepUtf8ToWcs(&wide, value.Text());
-  const wcstring text(wide);
-  ZepFoundation::ZepFreeString(wide);
-  return text;
+  const std::unique_ptr<char16_t, decltype(&ZepFoundation::ZepFreeString)> owner(wide, ZepFoundation::ZepFreeString);
+  return wcstring(wide);
 }
 
 // What the slot of a number holds for a field.

@@ -145,7 +145,8 @@ Status LoadAndValidate(zepISchedule& schedule, const SCHEDULE_OBJECT& object) {
 // A property bag over a file with one reference, given up at the end; null when memory is exhausted.
 class BagHolder {
  public:
-  explicit BagHolder(const ZepFoundation::wcstring& path) {
+  BagHolder() = default;
+  explicit BagHolder(const ZepFoundation::wcstring& path) : BagHolder() {
     if (platform::FaultAt(platform::Operation::kAllocate, "CIniFilePropertyBag") != platform::ERROR_SUCCESS) return;
     m_bag = new (std::nothrow) CIniFilePropertyBag();  // counted: its Release() deletes it
     if (m_bag == nullptr) return;

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <climits>
 #include <cstdlib>
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -44,11 +45,8 @@ NamedFile Cut(const std::string& path) {
 
 // Where the links of a path lead; the path itself where they lead nowhere.
 std::string Target(const std::string& path) {
-  char* const resolved = realpath(path.c_str(), nullptr);
-  if (resolved == nullptr) return path;
-  std::string out = resolved;
-  free(resolved);
-  return out;
+  const std::unique_ptr<char, decltype(&free)> resolved(realpath(path.c_str(), nullptr), free);
+  return resolved != nullptr ? resolved.get() : path;
 }
 
 void Raise(int fd) {

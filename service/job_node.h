@@ -54,3 +54,16 @@ class CJobNode {
   // The braced, upper-case ID: also the name of the registry key and of the .ini file.
   [[nodiscard]] std::u16string IdText() const;
 };
+
+// Gives the rule object of a function's own node up at the end, whatever happened. One that the list took over is to be
+// cleared in the node.
+class CReleaseAtEnd {
+ public:
+  explicit CReleaseAtEnd(CJobNode& node) : m_node(node) {}
+  ~CReleaseAtEnd() { m_node.ReleaseScheduler(); }
+  CReleaseAtEnd(const CReleaseAtEnd&) = delete;
+  CReleaseAtEnd& operator=(const CReleaseAtEnd&) = delete;
+
+ private:
+  CJobNode& m_node;
+};

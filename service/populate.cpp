@@ -129,16 +129,17 @@ bool SetUpNode(const StoredJob& job, const std::u16string& iniPath, const JobBui
 
 void PopulateOne(const RegistryKey& schedules, std::u16string_view keyName) {
   CJobNode node;
+  const CReleaseAtEnd release(node);
   if (!BuildJobNode(schedules, keyName, kPopulateWords, node)) return;
   if (node.UpdateNextTimeWindow() <= 0) {
     ServiceLog(2, u"NextTimeWindow is over: %s", node.IdText());
-    node.ReleaseScheduler();
     return;
   }
   if (const Status status = g_JobList.AddJob(node); status != kStatusOk) {
     ServiceLog(1, u"Failed to add the job to the job list, error = %x", status);
-    node.ReleaseScheduler();
+    return;
   }
+  node.ScheduleObj.m_pSchedule = nullptr;  // the list's now
 }
 
 // Memory that runs out is the failure of one schedule, as any other.

@@ -263,6 +263,7 @@ Status FillRecord(const ScheduleGuid& id, SCHEDULE_OBJECT& record) {
   }
   if (const std::optional<Status> listed = ReadFromList(id, record)) return *listed;
   CJobNode node;
+  const CReleaseAtEnd release(node);
   node.ScheduleID = id;
   const Status status = ReadFromFile(record, node);
   const Status released = node.ReleaseScheduler();

@@ -51,21 +51,17 @@ bool HasKey(const RegistryKey& schedules, std::u16string_view keyName) {
 
 void ReviveSchedule(const RegistryKey& schedules, std::u16string_view keyName) QX_REQUIRES(g_JobListLock) {
   CJobNode node;
+  const CReleaseAtEnd release(node);
   if (!BuildJobNode(schedules, keyName, kTimeChangeWords, node)) return;
-  if (node.UpdateNextTimeWindow() <= 0) {
-    node.ReleaseScheduler();
-    return;
-  }
+  if (node.UpdateNextTimeWindow() <= 0) return;
   ServiceLog(2, u"%s became valid because of system time change", node.IdText());
   // A deletion takes the key first and looks for the node last, so that it finds the node where the key is still there.
-  if (!HasKey(schedules, keyName)) {
-    node.ReleaseScheduler();
-    return;
-  }
+  if (!HasKey(schedules, keyName)) return;
   if (const Status status = g_JobList.AddJob(node); status != kStatusOk) {
     ServiceLog(1, u"Failed to add the job to the job list, error = %x", status);
-    node.ReleaseScheduler();
+    return;
   }
+  node.ScheduleObj.m_pSchedule = nullptr;  // the list's now
 }
 
 // Brings the schedule of a key back that has no job.

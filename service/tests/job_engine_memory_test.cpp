@@ -133,6 +133,12 @@ class JobEngineMemory : public qx::testing::ServiceFixture, public testing::With
     for (const ScheduleGuid& id : m_ids) windows.push_back(ListedWindow(id));
     return windows;
   }
+  static void RemoveFromList(const ScheduleGuid& id) {
+    const platform::CriticalSectionGuard guard(g_JobListLock);
+    const auto at = g_JobList.Find(id);
+    at->ReleaseScheduler();
+    g_JobList.Erase(at);
+  }
   void Settle() {
     while (TakeEvent() >= 0) {
     }
@@ -172,6 +178,38 @@ TEST_P(JobEngineMemory, ARefreshSkipsWhatItCanNotLoadAndTheNextOneLoadsIt) {
     }
     ASSERT_EQ(m_service.Refresh(), kStatusOk) << ahead;
     ASSERT_EQ(Windows(), m_expected) << ahead;
+  }
+}
+
+// Also where nothing is set aside; what it can't load leaves nothing behind.
+TEST_P(JobEngineMemory, ALoadSkipsWhatItCanNotLoadAndTheNextOneLoadsIt) {
+  for (long ahead = 0;; ++ahead) {
+    DoCleanUp();
+    (void)Throws(ahead, GetParam(), [] { (void)PopulateJobList(); });
+    const bool refused = TakeRefusedCount() != 0;
+    if (!refused) {
+      EXPECT_EQ(Windows(), m_expected);
+      EXPECT_GT(ahead, 30) << "the refusals met nobody";
+      break;
+    }
+    DoCleanUp();
+    ASSERT_EQ(PopulateJobList(), kStatusOk) << ahead;
+    ASSERT_EQ(Windows(), m_expected) << ahead;
+  }
+}
+
+TEST_P(JobEngineMemory, AScheduleWithoutAJobIsToldWholeOrNotAtAll) {
+  RemoveFromList(m_ids[1]);
+  for (long ahead = 0;; ++ahead) {
+    ScheduleInfo info;
+    Status status = kStatusFailure;
+    if (Throws(ahead, GetParam(), [&] { status = m_service.GetScheduleInfo(m_ids[1], info); })) status = kStatusFailure;
+    if (TakeRefusedCount() == 0) {
+      EXPECT_EQ(status, kStatusOk);
+      EXPECT_GT(ahead, 30) << "the refusals met nobody";
+      break;
+    }
+    EXPECT_EQ(status == kStatusOk, static_cast<bool>(info)) << ahead;
   }
 }
 
@@ -220,12 +258,7 @@ TEST_P(JobEngineMemory, APassOverAChangedClockIsMadeUntilItIsDone) {
   for (long ahead = 0;; ++ahead) {
     m_clock.SetWall(kPresent);
     ASSERT_EQ(m_service.Refresh(), kStatusOk);
-    {
-      const platform::CriticalSectionGuard guard(g_JobListLock);
-      const auto at = g_JobList.Find(m_ids[1]);  // has to come back
-      at->ReleaseScheduler();
-      g_JobList.Erase(at);
-    }
+    RemoveFromList(m_ids[1]);  // has to come back
     Settle();
     m_clock.SetWall(kPresent - kSecondsOfDay);
     g_SchedulerEvents.Set(SYSTEM_TIME_CHANGED);
