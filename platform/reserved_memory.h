@@ -12,12 +12,14 @@
 namespace platform {
 
 inline constexpr std::size_t kReservedBytes = std::size_t{1} << 20;
+// How often the bytes of its texts a change allocates at most, one copy behind the other.
+inline constexpr std::size_t kCopiesOfATextInAChange = 16;
 
 class ReservedMemory {
  public:
-  // Sets kReservedBytes aside; inside of another one it does nothing. Throws std::bad_alloc where they aren't there:
-  // nothing should be begun.
-  ReservedMemory();
+  // Sets kReservedBytes aside, or more where the copies of `textBytes` need it; inside of another one it does nothing.
+  // Throws std::bad_alloc where they aren't there: nothing should be begun.
+  explicit ReservedMemory(std::size_t textBytes = 0);
   // The same without an exception: what has to be done is begun anyway.
   explicit ReservedMemory(const std::nothrow_t&) noexcept;
   ~ReservedMemory();
@@ -26,9 +28,12 @@ class ReservedMemory {
 
   // Sets it aside anew where it was used, as far as the host has memory again.
   void Refill() noexcept;
+  // Sets as much aside for the calling thread as its ReservedMemory would have for `textBytes`; nothing where it has
+  // none, or as much already. Throws std::bad_alloc where that isn't there; what was set aside is then gone.
+  static void Raise(std::size_t textBytes);
 
  private:
-  void Begin() noexcept;
+  void Begin(std::size_t bytes) noexcept;
 
   bool m_isOutermost = false;
 };

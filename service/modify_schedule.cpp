@@ -10,6 +10,7 @@
 #include "platform/after_answer.h"
 #include "platform/file.h"
 #include "platform/registry.h"
+#include "platform/reserved_memory.h"
 #include "service/ini_path.h"
 #include "service/job_list.h"
 #include "service/node_setup.h"
@@ -34,6 +35,19 @@ bool SameIdentity(const SCHEDULE_OBJECT& a, const SCHEDULE_OBJECT& b) {
 
 bool IsMissing(ErrorCode code) {
   return code == platform::ERROR_FILE_NOT_FOUND || code == platform::ERROR_PATH_NOT_FOUND;
+}
+
+// At most, of a file that is there; it has texts that the key hasn't.
+std::size_t OldFileTextBytes(const SCHEDULE_OBJECT& record, const ScheduleGuid& id) {
+  const std::u16string path = OldIniPath(id, TextOf(record.bstrXMLFilePathName));
+  platform::File file;
+  std::uint64_t bytes = 0;
+  if (file.Open(platform::NativePath(path), platform::File::Access::kRead,
+                platform::File::Disposition::kOpenExisting) != ERROR_SUCCESS ||
+      file.Size(bytes) != ERROR_SUCCESS) {
+    return 0;
+  }
+  return bytes * sizeof(char16_t);
 }
 
 void RemoveCopy(const std::u16string& path) {
@@ -170,6 +184,8 @@ Status Modification::CaptureOld() {
     ServiceLog(1, u"Failed to modify the schedule");
     return status;
   }
+  platform::ReservedMemory::Raise(TextBytes(m_schedule) + TextBytes(m_oldRecord) +
+                                  OldFileTextBytes(m_oldRecord, m_old.ScheduleID));
   if (const Status status = m_old.InitializeScheduler(); status != kStatusOk) {
     ServiceLog(1, u"Failed to initiallise ZEP scheduler, error = %x", status);
   }

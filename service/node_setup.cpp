@@ -9,6 +9,16 @@ namespace qx {
 
 std::u16string_view TextOf(const BSTR& text) { return text ? std::u16string_view(*text) : std::u16string_view(); }
 
+std::size_t TextBytes(const SCHEDULE_OBJECT& schedule) {
+  std::size_t units = 0;
+  for (const BSTR* text : {&schedule.bstrName, &schedule.bstrDescription, &schedule.bstrApplication,
+                           &schedule.bstrObjectID, &schedule.bstrWrapperBinaryName, &schedule.bstrXMLFilePathName,
+                           &schedule.bstrParameters, &schedule.bstrPreScript, &schedule.bstrPostScript}) {
+    units += TextOf(*text).size();
+  }
+  return units * sizeof(char16_t);
+}
+
 bool HasMemoryFor(std::u16string_view path, std::string_view name) {
   return static_cast<bool>(platform::NamedBuffer<char16_t>(path.size() + 1, name));
 }

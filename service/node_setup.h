@@ -3,6 +3,7 @@
 // Nothing here is logged: each operation has words of its own. Threads: any; functions over their arguments.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,9 @@ namespace qx {
 
 // The text of a counted string; an absent one is empty.
 [[nodiscard]] std::u16string_view TextOf(const BSTR& text);
+
+// The bytes of a record's texts; what sets memory aside for a change of it (platform::ReservedMemory) counts with them.
+[[nodiscard]] std::size_t TextBytes(const SCHEDULE_OBJECT& schedule);
 
 // Asks for the memory of a path.
 //   name     what the memory is for; a test makes the allocation of that name fail

@@ -307,7 +307,7 @@ Status MakeInfo(const ScheduleGuid& id, ScheduleInfo& out) {
 }  // namespace
 
 Status CSchedulerService::CreateSchedule(const SCHEDULE_OBJECT& schedule, ScheduleGuid& id) {
-  const platform::ReservedMemory memory;
+  const platform::ReservedMemory memory(qx::TextBytes(schedule));
   ServiceLog(4, u"Entered CreateSchedule");
   if (const ErrorCode code = platform::CreateGuid(id); code != ERROR_SUCCESS) {
     const Status status = platform::StatusFromErrorCode(code);
@@ -409,7 +409,7 @@ Status CSchedulerService::UpdateList(std::int32_t type, const BSTR& value, std::
 }
 
 Status CSchedulerService::ModifySchedule(const ScheduleGuid& id, const SCHEDULE_OBJECT& schedule) {
-  const platform::ReservedMemory memory;
+  const platform::ReservedMemory memory(qx::TextBytes(schedule));
   bool modified = false;
   const Status status = qx::ModifyStores(id, schedule, modified);
   // Deliberate: a modification that was rolled back whole returns 0 too; only the missing event tells it.

@@ -1,10 +1,10 @@
 #include "platform/testing/refused_memory.h"
 
+#include <malloc.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <new>
-
-#include "platform/reserved_memory.h"
 
 namespace platform {
 namespace {
@@ -14,6 +14,7 @@ struct Refusal {
   FaultMode mode;
   long ahead;
   std::size_t left;  // bytes that the host got back meanwhile
+  bool isGivenBack;  // what is freed just now counts for `left`
 };
 thread_local constinit Refusal t_refusal = {};
 std::atomic<long> g_refused{0};
@@ -30,12 +31,23 @@ bool IsRefused(std::size_t size) {
   return true;
 }
 
+// While it lives, what is freed is there again.
+struct GivingBack {
+  GivingBack() { t_refusal.isGivenBack = true; }
+  ~GivingBack() { t_refusal.isGivenBack = false; }
+};
+
+void Free(void* memory) noexcept {
+  if (t_refusal.isGivenBack) t_refusal.left += malloc_usable_size(memory);
+  std::free(memory);
+}
+
 void* Allocate(std::size_t size) {
   while (IsRefused(size)) {
     const std::new_handler handler = std::get_new_handler();
     if (handler == nullptr) throw std::bad_alloc();
+    const GivingBack counts;
     handler();
-    t_refusal.left += kReservedBytes;
   }
   void* const memory = std::malloc(size != 0 ? size : 1);
   if (memory == nullptr) throw std::bad_alloc();
@@ -44,7 +56,7 @@ void* Allocate(std::size_t size) {
 
 }  // namespace
 
-void RefuseMemory(long ahead, FaultMode mode) { t_refusal = {true, mode, ahead, 0}; }
+void RefuseMemory(long ahead, FaultMode mode) { t_refusal = {true, mode, ahead, 0, false}; }
 void AllowMemory() { t_refusal = {}; }
 long TakeRefusedCount() { return g_refused.exchange(0); }
 
@@ -58,5 +70,5 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return nullptr;
   }
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void* memory) noexcept { platform::Free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { platform::Free(memory); }

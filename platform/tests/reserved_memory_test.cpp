@@ -30,7 +30,38 @@ TEST_F(Reserved, ServesWhereTheHostHasNoMemoryUntilItIsUsed) {
   RefuseMemory(0, kFromThenOn);
   EXPECT_TRUE(Gets(kReservedBytes / 2));
   EXPECT_TRUE(Gets(kReservedBytes / 2));
+  EXPECT_FALSE(Gets(kReservedBytes / 2));
+}
+
+TEST_F(Reserved, HasRoomForTheCopiesOfTheTextsOfAChange) {
+  constexpr std::size_t kText = 300'000;
+  const ReservedMemory memory(kText);
+  RefuseMemory(0, kFromThenOn);
+  for (std::size_t i = 0; i < kCopiesOfATextInAChange; ++i) EXPECT_TRUE(Gets(kText)) << i;
+}
+
+TEST_F(Reserved, IsRaisedWhereTheTextsTurnOutToBeLonger) {
+  constexpr std::size_t kText = 300'000;
+  const ReservedMemory memory(100);
+  ReservedMemory::Raise(kText);
+  RefuseMemory(0, kFromThenOn);
+  for (std::size_t i = 0; i < kCopiesOfATextInAChange; ++i) EXPECT_TRUE(Gets(kText)) << i;
+}
+
+TEST_F(Reserved, IsNotRaisedWhereItSufficesAndWhereThereIsNone) {
+  {
+    const ReservedMemory memory(300'000);
+    RefuseMemory(0, kFromThenOn);
+    EXPECT_NO_THROW(ReservedMemory::Raise(300'000));
+  }
+  EXPECT_NO_THROW(ReservedMemory::Raise(300'000));
   EXPECT_FALSE(Gets(1));
+}
+
+TEST_F(Reserved, TellsWhereItCannotBeRaised) {
+  const ReservedMemory memory;
+  RefuseMemory(0, kFromThenOn);
+  EXPECT_THROW(ReservedMemory::Raise(300'000), std::bad_alloc);
 }
 
 TEST_F(Reserved, EndsWithItsObject) {
