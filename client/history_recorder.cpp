@@ -15,6 +15,7 @@ namespace {
 constexpr std::uint32_t kListRest = 20;
 
 constexpr const char* kNotHeard = "no launch was heard";
+constexpr const char* kChanged = "the schedule was changed";
 constexpr const char* kGone = "the schedule is gone";
 constexpr const char* kLeft = "the service left the bus";
 
@@ -99,11 +100,21 @@ void HistoryRecorder::Schedule_Add(const ScheduleGuid& id) {
 void HistoryRecorder::Schedule_Modify(const ScheduleGuid& id) {
   const std::string schedule = TextOf(id);
   m_touched.insert(schedule);
-  Make(HistoryKind::kModified, schedule, std::nullopt, std::nullopt);
-  // The window that was known may be none of its windows any more.
-  if (const auto at = m_known.find(schedule); at != m_known.end() && at->second.next > platform::NowSeconds()) {
+  const std::int64_t now = platform::NowSeconds();
+  // Its launch would have been heard ahead of this.
+  if (const auto seen = m_suspicions.find(schedule); seen != m_suspicions.end()) {
+    (void)Close(seen, HistoryKind::kMissed, kNotHeard);
+  }
+  // The window that was known may be none of its windows any more. The change may have been made ahead of one that is
+  // past now.
+  if (const auto at = m_known.find(schedule); at != m_known.end() && at->second.next >= 0) {
+    if (at->second.next <= now) Judge(schedule, at->second.next, std::nullopt, now);
+    if (const auto seen = m_suspicions.find(schedule); seen != m_suspicions.end()) {
+      (void)Close(seen, HistoryKind::kUnknown, kChanged);
+    }
     SetNext(schedule, -1);
   }
+  Make(HistoryKind::kModified, schedule, std::nullopt, std::nullopt);
   m_listNeeded = true;
 }
 
@@ -276,7 +287,8 @@ void HistoryRecorder::ListFailed() {
   m_lastList = platform::TickCount();
 }
 
-void HistoryRecorder::Judge(const std::string& schedule, std::int64_t window, std::int64_t next, std::int64_t now) {
+void HistoryRecorder::Judge(const std::string& schedule, std::int64_t window, std::optional<std::int64_t> next,
+                            std::int64_t now) {
   if (window <= m_heardSince) {
     Make(HistoryKind::kUnknown, schedule, window, next, "nobody recorded");
     return;

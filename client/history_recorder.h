@@ -100,15 +100,15 @@ class HistoryRecorder : public ISchedulerServiceEvents {
   // A window that seems to have passed without a launch.
   struct Suspicion {
     std::int64_t window = 0;
-    std::int64_t next = 0;
+    std::optional<std::int64_t> next;
     std::uint32_t seen = 0;  // tick count
   };
   using Suspicions = std::map<std::string, Suspicion>;
 
   void Make(HistoryKind kind, const std::string& schedule, std::optional<std::int64_t> window,
             std::optional<std::int64_t> next, std::string reason = "");
-  // A window that is past, of a schedule that is about to be given `next`.
-  void Judge(const std::string& schedule, std::int64_t window, std::int64_t next, std::int64_t now);
+  // A window that is past, of a schedule that is about to be given `next`, when that is known.
+  void Judge(const std::string& schedule, std::int64_t window, std::optional<std::int64_t> next, std::int64_t now);
   // Makes entries of what is open of a schedule that goes.
   //   suspected  what a window is that seems to have passed without a launch
   void Leave(const std::string& schedule, HistoryKind suspected, const char* reason);

@@ -335,6 +335,43 @@ TEST_F(Recorder, TakesNoWindowOfOldRulesForMissed) {
   EXPECT_THAT(Take(), ElementsAre("modified - -"));
 }
 
+// A launch would have been heard ahead of the change; but that may have been made ahead of the window.
+TEST_F(Recorder, DoesNotKnowOfAWindowThatAChangeIsHeardBehind) {
+  Begin({Row(kRecorderNow + 10)});
+  Wait(12);
+  recorder.Schedule_Modify(Id());
+  Wait(1);
+  recorder.NextTimeWindow_Modify(Id(), kRecorderNow + 100);  // of a window that no list has told yet
+  List({Row(kRecorderNow + 100)});
+  Wait(2);
+  recorder.Settle();
+  EXPECT_THAT(Take(), ElementsAre("unknown 10 - the schedule was changed", "modified - -", "launch - 100"));
+}
+
+TEST_F(Recorder, TakesAWindowThatTheListHadPassedAheadOfAChangeForMissed) {
+  Begin({Row(kRecorderNow + 10)});
+  Wait(15);
+  List({Row(kRecorderNow + 100)});
+  recorder.Schedule_Modify(Id());
+  EXPECT_THAT(Take(), ElementsAre("missed 10 100 no launch was heard", "modified - -"));
+}
+
+TEST_F(Recorder, DoesNotLoseAWindowOverAChangeAndAClockThatIsSetBack) {
+  Begin({Row(kRecorderNow + 10)});
+  recorder.ServiceDown();
+  Wait(20);
+  recorder.ServiceUp(101);
+  recorder.BeginList();
+  recorder.Schedule_Modify(Id());
+  recorder.TakeList({Row(kRecorderNow + 500)});
+  clock.SetWall(kRecorderNow - 5000);
+  Wait(2);
+  List({Row(kRecorderNow + 500)});
+  Wait(2);
+  recorder.Settle();
+  EXPECT_THAT(Take(), ElementsAre("service-down", "service-up", "missed 10 - the service was down", "modified - -"));
+}
+
 TEST_F(Recorder, KeepsWhatItKnowsOfADamagedKey) {
   Begin({Row(kRecorderNow + 10)});
   ListRow damaged = Row(kDamagedKey);
