@@ -34,7 +34,7 @@ namespace platform {
   X(CryptDestroyKey)                                                                                         \
   X(CoInitialize) X(XmlCreate) X(XmlLoad) X(XmlFind) X(XmlText)                                              \
   X(SocketCreate) X(SocketOption) X(SocketBind) X(SocketListen) X(SocketAccept) X(SocketConnect)             \
-  X(SocketReceive) X(SocketSend) X(SocketSelect) X(SocketEvents) X(ResolveAddress)                           \
+  X(SocketReceive) X(SocketSend) X(SocketSelect) X(SocketSelectAny) X(SocketEvents) X(ResolveAddress)        \
   X(OpenProcessToken) X(GetTokenInformation) X(AcquireCredentials) X(GetUserName)                            \
   X(InitializeSecurityContext) X(AcceptSecurityContext) X(CompleteAuthToken) X(ImpersonateContext)           \
   X(AllocateSid) X(CheckTokenMembership)

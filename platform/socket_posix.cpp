@@ -16,6 +16,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <string>
 #include <utility>
 
 #include "platform/fault_point.h"
@@ -249,7 +250,7 @@ SocketError WaitForAnyReadable(std::span<Socket* const> sockets, std::int64_t li
                                std::size_t& count) {
   count = 0;
   ready.assign(sockets.size(), false);
-  if (const SocketError fault = Fault(Operation::kSocketSelect, "any"); fault != 0) {
+  if (const SocketError fault = Fault(Operation::kSocketSelectAny, std::to_string(limitMs)); fault != 0) {
     return fault == kLimitRanOut ? 0 : fault;
   }
   std::vector<pollfd> watched;

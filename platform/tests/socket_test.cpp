@@ -204,7 +204,7 @@ TEST(Socket, FailsByTheSeam) {
       {Operation::kSocketReceive, [&] { return pair.client.ReceiveSome(buffer, count); }},
       {Operation::kSocketSend, [&] { return pair.client.SendSome(buffer, count); }},
       {Operation::kSocketSelect, [&] { return pair.client.WaitReadable(1, ready); }},
-      {Operation::kSocketSelect, [&] { return WaitForAnyReadable(sockets, 1, flags, count); }},
+      {Operation::kSocketSelectAny, [&] { return WaitForAnyReadable(sockets, 1, flags, count); }},
       {Operation::kSocketSelect, [&] { return pair.listener.WaitReadable(ready); }},
       {Operation::kSocketEvents, [&] { return pair.client.WaitForClose(1, end); }},
       {Operation::kSocketOption, [&] { return pair.listener.SetReuseAddress(); }},

@@ -312,8 +312,9 @@ TEST_F(HostileServerTest, ThatFallsSilentIsGivenUpAtEachPoint) {
     {
       const FaultPlan plan =
           FaultPlan::Ask([&](int, Operation operation, std::string_view detail) -> platform::ErrorCode {
-            if (operation != Operation::kSocketSelect || std::this_thread::get_id() != initiator) return 0;
-            if (wait <= kWaitsOfAnOperation ? detail == "one" && ++seen == wait : detail == "any") {
+            if (std::this_thread::get_id() != initiator) return 0;
+            const bool isOne = operation == Operation::kSocketSelect && detail == "one";
+            if (wait <= kWaitsOfAnOperation ? isOne && ++seen == wait : operation == Operation::kSocketSelectAny) {
               return platform::ERROR_TIMEOUT;
             }
             return 0;
@@ -344,14 +345,15 @@ class DrippingServerTest : public HostileServerTest {
     int waits = 0;
     const FaultPlan plan =
         FaultPlan::Ask([&](int, Operation operation, std::string_view detail) -> platform::ErrorCode {
-          if (operation != Operation::kSocketSelect || std::this_thread::get_id() != initiator) return 0;
-          if (detail == "one" && m_dripping) {
+          if (std::this_thread::get_id() != initiator) return 0;
+          if (operation == Operation::kSocketSelect && detail == "one" && m_dripping) {
             m_clock.Advance(1000);
             const std::lock_guard hold(m_lock);
             ++m_wanted;
             m_changed.notify_all();
           }
-          return detail == "any" && ++waits == 2 && m_secondWaitRunsOut ? platform::ERROR_TIMEOUT : 0;
+          if (operation != Operation::kSocketSelectAny || ++waits != 2 || !m_secondWaitRunsOut) return 0;
+          return platform::ERROR_TIMEOUT;
         });
     const std::string address = NewAddress();
     HostileServer hostile(address, testing::PeerKeys(), at,

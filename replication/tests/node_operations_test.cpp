@@ -236,8 +236,7 @@ TEST_F(NodeOperations, ALinkLocalAddressIsNeverTried) {
 }
 
 TEST_F(NodeOperations, ASilentNodeRaisesNoFailure) {
-  const FaultPlan plan =
-      FaultPlan::FailCall(Operation::kSocketSelect, 1, platform::ERROR_TIMEOUT, platform::kOnce, "any");
+  const FaultPlan plan = FaultPlan::FailCall(Operation::kSocketSelectAny, 1, platform::ERROR_TIMEOUT);
   EXPECT_EQ(Run(Which::kDelete, {u"127.0.0.2", u"localhost"}), 0u);
   EXPECT_THAT(m_results, ElementsAre(1, 0));
 }

@@ -128,8 +128,9 @@ class NodeSweep : public ServedNode, public ::testing::WithParamInterface<Which>
         // Who couldn't send a header waits for the answer all the same; here the minute is over at once.
         .afterwards =
             [](const platform::SweptFault& fault, Operation operation) {
-              const bool isWait = fault.operation == Operation::kSocketSend && operation == Operation::kSocketSelect;
-              return isWait ? platform::ErrorCode{platform::ERROR_TIMEOUT} : platform::ErrorCode{platform::ERROR_SUCCESS};
+              const bool isWait = operation == Operation::kSocketSelect || operation == Operation::kSocketSelectAny;
+              return isWait && fault.operation == Operation::kSocketSend ? platform::ERROR_TIMEOUT
+                                                                         : platform::ERROR_SUCCESS;
             },
         .explain =
             [&] {
