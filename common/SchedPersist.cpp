@@ -4,7 +4,6 @@
 #include <array>
 #include <cstring>
 #include <exception>
-#include <memory>
 #include <new>
 #include <optional>
 #include <ostream>
@@ -355,10 +354,9 @@ std::string Utf8(const wcstring& text) {
 
 // An empty or unconvertible text is an empty one.
 wcstring TextOf(const PropertyValue& value) {
-  char16_t* wide = nullptr;
-  (void)ZepFoundation::ZepUtf8ToWcs(&wide, value.Text());
-  const std::unique_ptr<char16_t, decltype(&ZepFoundation::ZepFreeString)> owner(wide, ZepFoundation::ZepFreeString);
-  return wcstring(wide);
+  ZepFoundation::ZepOwnedText<char16_t> wide;
+  (void)ZepFoundation::ZepUtf8ToWcs(wide.Out(), value.Text());
+  return wcstring(wide.Get());
 }
 
 // What the slot of a number holds for a field.

@@ -53,17 +53,6 @@ ZRESULT GiveText(char16_t** out, const wcstring& text, Place at = Place::Current
   return *out != nullptr ? ZEP_S_OK : ZEP_E_OUTOFMEMORY;
 }
 
-// A string that a getter handed out, freed at the end.
-class OwnedText {
- public:
-  ~OwnedText() { ZepStringFree(m_text); }
-  char16_t** Out() { return &m_text; }
-  const char16_t* Get() const { return m_text; }
-
- private:
-  char16_t* m_text = nullptr;
-};
-
 std::int64_t SignedMilliseconds(const WTimeSpan& span) {
   constexpr std::uint64_t kLimit = std::uint64_t{1} << 55;
   const auto magnitude = static_cast<std::int64_t>(std::min(span.GetMagnitude(), kLimit));
@@ -497,7 +486,7 @@ ZRESULT CSchedule::CopyFrom(zepISchedule* source) {
   if (source == nullptr) return RefusePointer();
   Reset();
 
-  OwnedText name, description;
+  ZepFoundation::ZepOwnedText<char16_t> name, description;
   zepByte flag = 0;
   ZepTime time = 0;
   std::uint32_t span = 0;

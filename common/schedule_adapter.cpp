@@ -14,6 +14,7 @@
 #include "common/ini_recovery.h"
 #include "common/plain_schedule_file.h"
 #include "foundation/include/zfclog.h"
+#include "foundation/include/zfctext.h"
 #include "platform/clock.h"
 #include "platform/fault_point.h"
 #include "platform/profile.h"
@@ -317,17 +318,6 @@ void LoadDateSections(zepISchedule& schedule, std::u16string_view path) {
 
 // --- from the schedule into the record ---
 
-// A string that a getter handed out.
-class GivenText {
- public:
-  ~GivenText() { ZepStringFree(m_text); }
-  char16_t** Out() { return &m_text; }
-  [[nodiscard]] BSTR Take() const { return BSTR(m_text != nullptr ? m_text : u""); }
-
- private:
-  char16_t* m_text = nullptr;
-};
-
 struct TextField {
   ZRESULT (zepISchedule::*get)(char16_t** text);
   BSTR SCHEDULE_OBJECT::* field;
@@ -455,12 +445,12 @@ Status CZEPScheduleObj::LoadScheduleFromPropBag(SCHEDULE_OBJECT* schedule) {
   zepISchedule& source = *m_pSchedule;
   SCHEDULE_RULE& rule = schedule->stScheduleRules;
   for (const TextField& row : kTextFields) {
-    GivenText text;
+    ZepFoundation::ZepOwnedText<char16_t> text;
     if (const ZRESULT result = (source.*row.get)(text.Out()); ZepFailed(result)) {
       ServiceLog(kLogFailure, row.failure, result);
       return static_cast<Status>(result);
     }
-    schedule->*row.field = text.Take();
+    schedule->*row.field = text.Get() != nullptr ? text.Get() : u"";
   }
   for (const TimeField& row : kTimeFields) {
     ZepTime time = 0;

@@ -1,7 +1,6 @@
 #include "common/zep_factory.h"
 
 #include <algorithm>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -27,19 +26,15 @@ constexpr LibraryTableEntry kScheduleLibraries[] = {kClassServers[0].library};
 constexpr char kScheduleSearchPath[] = ".;lib;..\\lib";
 constexpr std::uint32_t kContextInProcess = 1;
 
-struct FreeText {
-  void operator()(void* text) const { ZepFoundation::ZepFreeString(text); }
-};
-using OwnedText = std::unique_ptr<char, FreeText>;
+using OwnedText = ZepFoundation::ZepOwnedText<char>;
 
 // UTF-8 to the system code page. An empty text is no failure.
 ZRESULT MultibyteFromUtf8(const char* text, std::string& out) {
   if (text == nullptr || *text == '\0') return ZEP_S_OK;
-  char* converted = nullptr;
-  const int count = ZepFoundation::ZepUtf8ToMbs(&converted, text);
-  const OwnedText owner(converted);
-  if (count < 0 || converted == nullptr) return count == -2 ? ZEP_E_OUTOFMEMORY : ZEP_E_INVALIDARG;
-  out = converted;
+  OwnedText converted;
+  const int count = ZepFoundation::ZepUtf8ToMbs(converted.Out(), text);
+  if (count < 0 || converted.Get() == nullptr) return count == -2 ? ZEP_E_OUTOFMEMORY : ZEP_E_INVALIDARG;
+  out = converted.Get();
   return ZEP_S_OK;
 }
 
@@ -47,10 +42,9 @@ ZRESULT MultibyteFromUtf8(const char* text, std::string& out) {
 std::string EnvironmentPath() {
   const std::optional<std::u16string> value = platform::EnvironmentVariable(u"PATH");
   if (!value) return {};
-  char* converted = nullptr;
-  if (ZepFoundation::ZepWcsToMbs(&converted, value->c_str()) <= 0) return {};
-  const OwnedText owner(converted);
-  return converted;
+  OwnedText converted;
+  if (ZepFoundation::ZepWcsToMbs(converted.Out(), value->c_str()) <= 0) return {};
+  return converted.Get();
 }
 
 }  // namespace

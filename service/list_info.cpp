@@ -10,6 +10,7 @@
 
 #include "common/ini_recovery.h"
 #include "foundation/include/zfclog.h"
+#include "foundation/include/zfctext.h"
 #include "platform/profile.h"
 #include "platform/registry.h"
 #include "platform/registry_sub_keys.h"
@@ -77,11 +78,10 @@ std::string_view KeptText(const std::string& texts, std::size_t& at) {
 
 // Keeps the name of a listed schedule; the lock is held.
 void KeepName(const CJobNode& node, std::string& texts) {
-  char16_t* text = nullptr;
+  ZepFoundation::ZepOwnedText<char16_t> text;
   zepISchedule* const rules = node.ScheduleObj.m_pSchedule;
-  const bool hasName = rules != nullptr && !ZepFailed(rules->get_Name(&text)) && text != nullptr;
-  KeepText(hasName ? std::u16string_view(text) : std::u16string_view(), texts);
-  if (hasName) ZepStringFree(text);
+  const bool hasName = rules != nullptr && !ZepFailed(rules->get_Name(text.Out())) && text.Get() != nullptr;
+  KeepText(hasName ? std::u16string_view(text.Get()) : std::u16string_view(), texts);
 }
 
 std::u16string NameFromFile(const ScheduleGuid& id, std::u16string_view xmlPath) {

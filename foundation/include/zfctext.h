@@ -34,4 +34,26 @@ char* ZepDuplicateString(const char* text);
 void ZepFreeString(void* text);
 
 }  // extern "C"
+
+// Owns a text that one of these functions, or a getter of the rules library, hands out through a pointer.
+template <class Unit>
+class ZepOwnedText {
+ public:
+  ZepOwnedText() = default;
+  ~ZepOwnedText() { ZepFreeString(m_text); }
+  ZepOwnedText(const ZepOwnedText&) = delete;
+  ZepOwnedText& operator=(const ZepOwnedText&) = delete;
+
+  // Where the call is to put the text; what was owned ahead of it is freed.
+  [[nodiscard]] Unit** Out() {
+    ZepFreeString(m_text);
+    m_text = nullptr;
+    return &m_text;
+  }
+  // Null where no text was handed out.
+  [[nodiscard]] const Unit* Get() const { return m_text; }
+
+ private:
+  Unit* m_text = nullptr;
+};
 }  // namespace ZepFoundation

@@ -40,12 +40,6 @@ class Result {
   platform::NamedBuffer<T> m_buffer;
 };
 
-// An intermediate text of the conversions that go through UTF-8.
-struct Owned {
-  ~Owned() { ZepFreeString(text); }
-  char* text = nullptr;
-};
-
 // The text's length, terminator included, as the platform's calls count it; 0 when they can't.
 template <class T>
 int CountWithTerminator(const T* text) {
@@ -111,35 +105,31 @@ int ZepMbsToUtf8(char** out, const char* in) {
 int ZepUtf8ToMbs(char** out, const char* in) {
   if (out == nullptr || in == nullptr) return kFailed;
   *out = nullptr;
-  char16_t* converted = nullptr;
-  if (const int rc = ZepUtf8ToWcs(&converted, in); rc < 0) return rc;
-  const struct Wide {
-    ~Wide() { ZepFreeString(text); }
-    char16_t* text;
-  } wide{converted};
+  ZepOwnedText<char16_t> wide;
+  if (const int rc = ZepUtf8ToWcs(wide.Out(), in); rc < 0) return rc;
   int error = 0;
-  const std::size_t count = platform::Wcstombs(nullptr, wide.text, 0, error);
+  const std::size_t count = platform::Wcstombs(nullptr, wide.Get(), 0, error);
   if (count == platform::kRuntimeFailure || count == 0 || count >= static_cast<std::size_t>(INT_MAX)) return kFailed;
   Result<char> narrow(count + 1, "ZepUtf8ToMbs");
   if (!narrow) return kNoMemory;
-  if (platform::Wcstombs(narrow.get(), wide.text, count + 1, error) != count) return kFailed;
+  if (platform::Wcstombs(narrow.get(), wide.Get(), count + 1, error) != count) return kFailed;
   return narrow.HandOver(out, static_cast<int>(count));
 }
 
 int ZepMbsToWcs(char16_t** out, const char* in) {
   if (out == nullptr || in == nullptr) return kFailed;
   *out = nullptr;
-  Owned utf8;
-  if (const int rc = ZepMbsToUtf8(&utf8.text, in); rc < 1) return rc;
-  return ZepUtf8ToWcs(out, utf8.text);
+  ZepOwnedText<char> utf8;
+  if (const int rc = ZepMbsToUtf8(utf8.Out(), in); rc < 1) return rc;
+  return ZepUtf8ToWcs(out, utf8.Get());
 }
 
 int ZepWcsToMbs(char** out, const char16_t* in) {
   if (out == nullptr || in == nullptr) return kFailed;
   *out = nullptr;
-  Owned utf8;
-  if (const int rc = ZepWcsToUtf8(&utf8.text, in); rc < 1) return rc;
-  return ZepUtf8ToMbs(out, utf8.text);
+  ZepOwnedText<char> utf8;
+  if (const int rc = ZepWcsToUtf8(utf8.Out(), in); rc < 1) return rc;
+  return ZepUtf8ToMbs(out, utf8.Get());
 }
 
 bool ZepIsStringAscii(const char* text) {
