@@ -23,6 +23,9 @@
 
 namespace platform {
 
+// The longest file that is read: twice what a message of the bus can bring into one.
+inline constexpr std::uint64_t kMostProfileBytes = std::uint64_t{256} << 20;
+
 namespace detail {
 struct ProfileBatchState;
 }
@@ -34,7 +37,7 @@ struct ProfileBatchState;
 //   returns  ERROR_SUCCESS (0), also for a missing section or key;
 //            ERROR_FILE_NOT_FOUND (2) or ERROR_PATH_NOT_FOUND (3): no such file or directory;
 //            ERROR_ACCESS_DENIED (5): not readable, or no regular file;
-//            ERROR_FILE_TOO_LARGE (223): above 256 MiB, more than any call writes
+//            ERROR_FILE_TOO_LARGE (223): above kMostProfileBytes, more than any call writes
 ErrorCode GetProfileInt(std::u16string_view path, std::u16string_view section, std::u16string_view key,
                         std::int32_t defaultValue, std::int32_t& value);
 

@@ -25,7 +25,6 @@ using Section = detail::ProfileSection;
 using Edit = detail::ProfileEdit;
 
 constexpr std::size_t kUsualEdits = 64;         // of a batch: those of a schedule's save
-constexpr off_t kMostBytes = off_t{256} << 20;  // twice what a message of the bus can bring into a file
 constexpr std::uint32_t kWholeSectionTail = 2;  // NULs behind the last line: its own and the end's
 
 std::string_view Trim(std::string_view text) { return detail::TrimProfile(text); }
@@ -51,7 +50,7 @@ ErrorCode ReadFileText(const std::string& name, ReadText& out) {
   out = {};
   if (name.empty()) return ERROR_ACCESS_DENIED;
   struct stat info {};
-  if (::stat(name.c_str(), &info) == 0 && info.st_size > kMostBytes) return ERROR_FILE_TOO_LARGE;
+  if (::stat(name.c_str(), &info) == 0 && static_cast<std::uint64_t>(info.st_size) > kMostProfileBytes) return ERROR_FILE_TOO_LARGE;
   const ErrorCode rc = ReadWholeFile(name, out.bytes);
   out.exists = rc == ERROR_SUCCESS;
   return rc;

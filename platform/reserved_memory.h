@@ -12,7 +12,8 @@
 namespace platform {
 
 inline constexpr std::size_t kReservedBytes = std::size_t{1} << 20;
-// How often the bytes of its texts a change allocates at most, one copy behind the other.
+// For how many copies there is room, of the bytes of a change's texts and of its old file. It makes about five of the
+// texts and at most ten of the file, one behind the other.
 inline constexpr std::size_t kCopiesOfATextInAChange = 16;
 
 class ReservedMemory {

@@ -9,6 +9,7 @@
 #include "foundation/include/zfclog.h"
 #include "platform/after_answer.h"
 #include "platform/file.h"
+#include "platform/profile.h"
 #include "platform/registry.h"
 #include "platform/reserved_memory.h"
 #include "service/ini_path.h"
@@ -37,9 +38,8 @@ bool IsMissing(ErrorCode code) {
   return code == platform::ERROR_FILE_NOT_FOUND || code == platform::ERROR_PATH_NOT_FOUND;
 }
 
-// At most, of a file that is there; it has texts that the key hasn't.
-std::size_t OldFileTextBytes(const SCHEDULE_OBJECT& record, const ScheduleGuid& id) {
-  const std::u16string path = OldIniPath(id, TextOf(record.bstrXMLFilePathName));
+// In bytes; 0 where there is no file that can be read.
+std::uint64_t LengthOf(const std::u16string& path) {
   platform::File file;
   std::uint64_t bytes = 0;
   if (file.Open(platform::NativePath(path), platform::File::Access::kRead,
@@ -47,7 +47,16 @@ std::size_t OldFileTextBytes(const SCHEDULE_OBJECT& record, const ScheduleGuid& 
       file.Size(bytes) != ERROR_SUCCESS) {
     return 0;
   }
-  return bytes * sizeof(char16_t);
+  return bytes;
+}
+
+// A file of rules that no call can have written, and that none reads.
+bool IsTooLong(std::uint64_t bytes) { return bytes > platform::kMostProfileBytes; }
+
+// How much of the old file is read; it has texts that the key hasn't.
+std::size_t OldFileBytes(const SCHEDULE_OBJECT& record, const ScheduleGuid& id) {
+  const std::uint64_t bytes = LengthOf(OldIniPath(id, TextOf(record.bstrXMLFilePathName)));
+  return IsTooLong(bytes) ? 0 : bytes;
 }
 
 void RemoveCopy(const std::u16string& path) {
@@ -185,7 +194,7 @@ Status Modification::CaptureOld() {
     return status;
   }
   platform::ReservedMemory::Raise(TextBytes(m_schedule) + TextBytes(m_oldRecord) +
-                                  OldFileTextBytes(m_oldRecord, m_old.ScheduleID));
+                                  OldFileBytes(m_oldRecord, m_old.ScheduleID));
   if (const Status status = m_old.InitializeScheduler(); status != kStatusOk) {
     ServiceLog(1, u"Failed to initiallise ZEP scheduler, error = %x", status);
   }
@@ -296,6 +305,7 @@ bool Modification::ClearNewDirectory() {
 bool Modification::KeepCopyBesideNewFile() {
   const std::u16string source = m_isAside ? m_oldPath + std::u16string(kOldIniSuffix) : m_oldPath;
   const std::u16string copy = m_newPath + std::u16string(kOldIniSuffix);
+  if (IsTooLong(LengthOf(source))) return true;  // no load takes old rules from it
   std::string text;
   ErrorCode code = platform::ReadWholeFile(platform::NativePath(source), text);
   if (IsMissing(code)) return true;  // there are no old rules

@@ -89,13 +89,13 @@ ErrorCode SaveNewText(std::u16string_view path) {
 // A file that somebody made so large would be read for minutes, and fill the memory.
 TEST_F(ProfileFile, AFileThatNoCallCanHaveWrittenIsRefused) {
   Put(kOldText);
-  std::filesystem::resize_file(m_file, (std::uintmax_t{256} << 20) + 1);
+  std::filesystem::resize_file(m_file, kMostProfileBytes + 1);
   std::u16string buffer(10, u'#');
   std::uint32_t length = 9;
   EXPECT_EQ(GetProfileString(m_path, u"S", u"a", u"def", buffer, length), ERROR_FILE_TOO_LARGE);
   EXPECT_EQ(length, 3u);
   EXPECT_EQ(Write(u"S", u"a", u"9"), ERROR_FILE_TOO_LARGE);
-  EXPECT_EQ(std::filesystem::file_size(m_file), (std::uintmax_t{256} << 20) + 1) << "left as it is";
+  EXPECT_EQ(std::filesystem::file_size(m_file), kMostProfileBytes + 1) << "left as it is";
 }
 
 TEST_F(ProfileFile, HoldsTheOldTextOrTheNewWhicheverPlatformCallFails) {

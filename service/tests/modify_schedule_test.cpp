@@ -533,6 +533,21 @@ TEST_F(ModifySchedule, TakesAFileThatAnEarlierModificationLeftAside) {
   }
 }
 
+// Somebody made it so; no load takes rules from it, and its length is none that memory is wanted for.
+TEST_F(ModifySchedule, ReplacesAnOldFileThatIsTooLongToBeRead) {
+  for (const char* directory : {"a", "b"}) {
+    const ScheduleGuid id = CreateQuietly(Before());
+    std::filesystem::resize_file(Folder(Ini(id)), std::uintmax_t{1} << 36);  // most of it without a block on the disk
+    EXPECT_EQ(m_service.ModifySchedule(id, After(directory)), kStatusOk) << directory;
+    ExpectTold(id, __LINE__);
+    EXPECT_EQ(Stored(id), ReadsAs(After(directory), 0)) << directory;
+    EXPECT_EQ(Listed(id), ReadsAs(After(directory), 0)) << directory;
+    EXPECT_EQ(FileNames(), std::vector{Ini(id, directory)});
+    ASSERT_EQ(m_service.DeleteSchedule(id), kStatusOk);
+    Quiet();
+  }
+}
+
 TEST_F(ModifySchedule, WritesAMissingFileOfAListedJobAgainInARollback) {
   const ScheduleGuid id = CreateQuietly(Before());
   std::filesystem::remove(Folder(Ini(id)));

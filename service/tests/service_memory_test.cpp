@@ -37,6 +37,7 @@ class ServiceMemory : public ServiceSweep, public ::testing::WithParamInterface<
       LifeGoesOn();
       if (HasFailure()) FAIL() << "the allocation behind " << ahead << "\n" << LogText();
       if (refused == 0) {
+        EXPECT_TRUE(isDone);
         EXPECT_GT(ahead, 30) << "the refusals met nobody";
         return;
       }
