@@ -62,11 +62,20 @@ void HistoryRecorder::SetName(const std::string& schedule, const std::string& na
   m_changes[schedule] = facts;
 }
 
-void HistoryRecorder::Leave(const std::string& schedule, HistoryKind suspected, const char* reason) {
-  if (const auto seen = m_suspicions.find(schedule); seen != m_suspicions.end()) (void)Close(seen, suspected, reason);
+std::optional<std::int64_t> HistoryRecorder::PastWindow(const std::string& schedule, std::int64_t now) const {
   const auto at = m_known.find(schedule);
-  if (at != m_known.end() && at->second.next >= 0 && at->second.next <= platform::NowSeconds()) {
-    Make(HistoryKind::kUnknown, schedule, at->second.next, std::nullopt, kGone);
+  if (at == m_known.end() || at->second.next < 0 || at->second.next > now) return std::nullopt;
+  return at->second.next;
+}
+
+void HistoryRecorder::CloseWindow(const std::string& schedule, const char* why) {
+  if (const auto seen = m_suspicions.find(schedule); seen != m_suspicions.end()) {
+    (void)Close(seen, HistoryKind::kMissed, kNotHeard);
+  }
+  const std::int64_t now = platform::NowSeconds();
+  if (const auto window = PastWindow(schedule, now)) Judge(schedule, *window, std::nullopt, now);
+  if (const auto seen = m_suspicions.find(schedule); seen != m_suspicions.end()) {
+    (void)Close(seen, HistoryKind::kUnknown, why);
   }
 }
 
@@ -100,20 +109,9 @@ void HistoryRecorder::Schedule_Add(const ScheduleGuid& id) {
 void HistoryRecorder::Schedule_Modify(const ScheduleGuid& id) {
   const std::string schedule = TextOf(id);
   m_touched.insert(schedule);
-  const std::int64_t now = platform::NowSeconds();
-  // Its launch would have been heard ahead of this.
-  if (const auto seen = m_suspicions.find(schedule); seen != m_suspicions.end()) {
-    (void)Close(seen, HistoryKind::kMissed, kNotHeard);
-  }
-  // The window that was known may be none of its windows any more. The change may have been made ahead of one that is
-  // past now.
-  if (const auto at = m_known.find(schedule); at != m_known.end() && at->second.next >= 0) {
-    if (at->second.next <= now) Judge(schedule, at->second.next, std::nullopt, now);
-    if (const auto seen = m_suspicions.find(schedule); seen != m_suspicions.end()) {
-      (void)Close(seen, HistoryKind::kUnknown, kChanged);
-    }
-    SetNext(schedule, -1);
-  }
+  CloseWindow(schedule, kChanged);
+  // The window that was known may be none of its windows any more.
+  if (m_known.contains(schedule)) SetNext(schedule, -1);
   Make(HistoryKind::kModified, schedule, std::nullopt, std::nullopt);
   m_listNeeded = true;
 }
@@ -121,8 +119,7 @@ void HistoryRecorder::Schedule_Modify(const ScheduleGuid& id) {
 void HistoryRecorder::Schedule_Delete(const ScheduleGuid& id) {
   const std::string schedule = TextOf(id);
   m_touched.insert(schedule);
-  // Its launch would have been heard ahead of this.
-  Leave(schedule, HistoryKind::kMissed, kNotHeard);
+  CloseWindow(schedule, kGone);
   Make(HistoryKind::kDeleted, schedule, std::nullopt, std::nullopt);
   Forget(schedule);
 }
@@ -133,18 +130,17 @@ void HistoryRecorder::NextTimeWindow_Modify(const ScheduleGuid& id, std::int32_t
   m_touched.insert(schedule);
   std::optional<std::int64_t> window;
   const auto seen = m_suspicions.find(schedule);
-  const auto at = m_known.find(schedule);
-  const bool isDue = at != m_known.end() && at->second.next >= 0 && at->second.next <= now;
-  if (seen != m_suspicions.end() && (!isDue || seen->second.next == nextTimeWindow)) {
+  const std::optional<std::int64_t> due = PastWindow(schedule, now);
+  if (seen != m_suspicions.end() && (!due || seen->second.next == nextTimeWindow)) {
     // The list was ahead of the event: the window was launched, only late.
     window = seen->second.window;
     m_suspicions.erase(seen);
-  } else if (isDue) {
+  } else if (due) {
     if (seen != m_suspicions.end()) (void)Close(seen, HistoryKind::kMissed, kNotHeard);
-    if (PassedUnheard(at->second.next)) {
-      Judge(schedule, at->second.next, nextTimeWindow, now);  // this is the launch of a later one
+    if (PassedUnheard(*due)) {
+      Judge(schedule, *due, nextTimeWindow, now);  // this is the launch of a later one
     } else {
-      window = at->second.next;
+      window = due;
     }
   }
   Make(HistoryKind::kLaunch, schedule, window, nextTimeWindow);
@@ -274,7 +270,13 @@ void HistoryRecorder::TakeList(const std::vector<ListRow>& rows) {
     if (!listed.contains(schedule) && !m_touched.contains(schedule)) gone.push_back(schedule);
   }
   for (const std::string& schedule : gone) {
-    Leave(schedule, HistoryKind::kUnknown, kGone);
+    // Nobody heard when it went, and so what of its windows were still to come.
+    if (const auto seen = m_suspicions.find(schedule); seen != m_suspicions.end()) {
+      (void)Close(seen, HistoryKind::kUnknown, kGone);
+    }
+    if (const auto window = PastWindow(schedule, now)) {
+      Make(HistoryKind::kUnknown, schedule, window, std::nullopt, kGone);
+    }
     Forget(schedule);
   }
   m_absences.clear();

@@ -109,9 +109,12 @@ class HistoryRecorder : public ISchedulerServiceEvents {
             std::optional<std::int64_t> next, std::string reason = "");
   // A window that is past, of a schedule that is about to be given `next`, when that is known.
   void Judge(const std::string& schedule, std::int64_t window, std::optional<std::int64_t> next, std::int64_t now);
-  // Makes entries of what is open of a schedule that goes.
-  //   suspected  what a window is that seems to have passed without a launch
-  void Leave(const std::string& schedule, HistoryKind suspected, const char* reason);
+  // The known window, where it is past.
+  [[nodiscard]] std::optional<std::int64_t> PastWindow(const std::string& schedule, std::int64_t now) const;
+  // Makes entries of what is open of a schedule that is changed or goes, as an event tells; a launch would have been
+  // heard ahead of that.
+  //   why  of a window that is past now: the schedule may have been changed, or gone, ahead of it
+  void CloseWindow(const std::string& schedule, const char* why);
   // Makes an entry of a suspicion, which ends with it. Returns the next one.
   Suspicions::iterator Close(Suspicions::iterator seen, HistoryKind kind, const char* reason);
   // Whether the service was away, or nobody listened, until the window was past; since the last list.

@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <utility>
 
 #include "client/history_recorder.h"
 #include "client/tests/random_records.h"
@@ -94,7 +95,12 @@ class RecordedHistory : public qx::testing::SimulatedMachine, protected RandomRe
       m_busyUntil = m_clock.SteadyMilliseconds() + kBusyMs;
       ++m_passedOver[{id, window}];
       const auto known = m_known.find(id);
-      if (m_recorder && known != m_known.end() && known->second.next == window) ++m_owed[{id, window}];
+      if (known == m_known.end() || known->second.next != window) continue;
+      if (m_recorder) {
+        ++m_owed[{id, window}];
+      } else {
+        m_passedAlone.insert({id, window});
+      }
     }
     m_windows = std::move(windows);
   }
@@ -227,6 +233,11 @@ class RecordedHistory : public qx::testing::SimulatedMachine, protected RandomRe
 
   void StartRecorder() {
     Lose();
+    for (const Window& window : std::exchange(m_passedAlone, {})) {
+      const auto at = m_windows.find(window.first);
+      const bool isToCome = at != m_windows.end() && at->second == window.second;  // a clock that was set back
+      if (window.second <= platform::NowSeconds() && !isToCome) ++m_owed[window];
+    }
     m_recorder.emplace(m_known);
     m_recorder->BeginHearing();
     m_recorder->ServiceUp(m_process);
@@ -324,7 +335,8 @@ class RecordedHistory : public qx::testing::SimulatedMachine, protected RandomRe
   std::map<std::string, std::deque<std::int64_t>> m_started;  // and not yet told of
   Counts m_heard;       // launches that the recorder was told of
   Counts m_passedOver;  // windows that came and went without a launch
-  Counts m_owed;        // of these the ones that the recorder knew
+  Counts m_owed;        // of these the ones that the recorder knew; once for all the time in which nobody recorded
+  std::set<Window> m_passedAlone;  // known ones, since the last recorder
   Counts m_inDoubt;     // launches that it wasn't told of, and windows that a change took back
   std::optional<HistoryRecorder> m_recorder;
   std::map<std::string, KnownSchedule> m_known;  // what the recorder keeps

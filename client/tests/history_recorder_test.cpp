@@ -134,7 +134,7 @@ TEST_F(Recorder, DoesNotKnowOfADueWindowWhoseScheduleIsDeleted) {
   Wait(10);
   for (const std::uint32_t number : {1, 2, 3}) recorder.Schedule_Delete(Id(number));
   EXPECT_THAT(Take(), ElementsAre("unknown 10 - the schedule is gone", "deleted - -", "deleted - -",
-                                  "unknown -1 - the schedule is gone", "deleted - -"));
+                                  "unknown -1 - nobody recorded", "deleted - -"));
 }
 
 TEST_F(Recorder, DoesNotKnowOfAPassedWindowWhoseScheduleIsGoneUnheard) {
@@ -370,6 +370,17 @@ TEST_F(Recorder, DoesNotLoseAWindowOverAChangeAndAClockThatIsSetBack) {
   Wait(2);
   recorder.Settle();
   EXPECT_THAT(Take(), ElementsAre("service-down", "service-up", "missed 10 - the service was down", "modified - -"));
+}
+
+TEST_F(Recorder, TellsWhatBecameOfAPastWindowWhoseScheduleIsDeletedAheadOfTheList) {
+  Begin({Row(kRecorderNow + 10), Row(kRecorderNow, 2)});
+  recorder.ServiceDown();
+  Wait(20);
+  recorder.ServiceUp(101);
+  recorder.Schedule_Delete(Id());
+  recorder.Schedule_Delete(Id(2));
+  EXPECT_THAT(Take(), ElementsAre("service-down", "service-up", "missed 10 - the service was down", "deleted - -",
+                                  "unknown 0 - nobody recorded", "deleted - -"));
 }
 
 TEST_F(Recorder, KeepsWhatItKnowsOfADamagedKey) {
