@@ -244,9 +244,7 @@ bool BuildJobNode(const RegistryKey& schedules, std::u16string_view keyName, con
   if (!words.idBeforeKey && !ParseId(name, words, node)) return false;
   StoredJob job;
   std::u16string iniPath;
-  if (ReadJob(key, name, words, node, job, iniPath) && SetUpNode(job, iniPath, words, node)) return true;
-  node.ReleaseScheduler();
-  return false;
+  return ReadJob(key, name, words, node, job, iniPath) && SetUpNode(job, iniPath, words, node);
 }
 
 }  // namespace qx

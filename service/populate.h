@@ -42,8 +42,8 @@ extern const JobBuildWords kTimeChangeWords;
 // Builds a node from one key of "Schedules" and its .ini file; the window is not computed.
 //   schedules  the open "Schedules" key
 //   keyName    the schedule's key
-//   node       on success owns the reference to its rule object
-//   returns    false after a failure, which is logged; the reference is given up
+//   node       may own the reference to a rule object afterwards, behind a failure too: the caller gives it up
+//   returns    false after a failure, which is logged
 [[nodiscard]] bool BuildJobNode(const platform::RegistryKey& schedules, std::u16string_view keyName,
                                 const JobBuildWords& words, CJobNode& node);
 
