@@ -42,7 +42,7 @@ struct ShownWindow {
   std::vector<std::int64_t> skipped;  // excluded dates that would have been run days ahead of it
 };
 
-// --- files -----------------------------------------------------------------------------------------------------------
+// --- files ---
 
 bool FileNamed(std::u16string_view clientPath) {
   return platform::FileExists(platform::NativePath(clientPath));
@@ -142,7 +142,7 @@ std::vector<Finding> CheckDirectories(const ScheduleFile& file) {
   return {PlaceWarning(file, "job.xml", "lies in a directory that doesn't exist on this machine: " + directory)};
 }
 
-// --- windows ---------------------------------------------------------------------------------------------------------
+// --- windows ---
 
 // The excluded dates in (ref, start] that a schedule without exclusions would run on.
 std::vector<std::int64_t> SkippedDates(zepISchedule2& unexcluded, const std::vector<std::int64_t>& excluded,
@@ -323,7 +323,7 @@ void PrintWindowJson(CliContext& context, const std::vector<ShownWindow>& window
   WriteJson(context.out, out);
 }
 
-// --- check -----------------------------------------------------------------------------------------------------------
+// --- check ---
 
 ordered_json FindingJson(const Finding& finding) {
   ordered_json out = ordered_json::object();

@@ -32,7 +32,7 @@ constexpr const char* kDroppedRestart = "the service would switch the restart of
 constexpr const char* kDroppedDuration = "the service would not apply it";
 constexpr const char* kDroppedRepeat = "the service would repeat every 2 days";
 
-// --- places and small checks -----------------------------------------------------------------------------------------
+// --- places and small checks ---
 
 TextPosition PositionOf(const toml::source_region& region) {
   return {static_cast<std::uint32_t>(region.begin.line), static_cast<std::uint32_t>(region.begin.column)};
@@ -153,7 +153,7 @@ std::optional<TextPosition> DeepKey(std::string_view text) {
   return std::nullopt;
 }
 
-// --- reading ---------------------------------------------------------------------------------------------------------
+// --- reading ---
 
 class TableReader {
  public:

@@ -492,7 +492,7 @@ std::uint32_t CZEPScheduleObj::GetNextTimeWindow() {
   return static_cast<std::uint32_t>(start);
 }
 
-// --- saves -----------------------------------------------------------------------------------------------------------
+// --- saves ---
 
 struct CScheduleFileSave::State {
   explicit State(CZEPScheduleObj& object) : schedule(object) {}

@@ -403,7 +403,7 @@ std::vector<std::string> CopyEnvironment() {
   return copy;
 }
 
-// --- now -------------------------------------------------------------------------------------------------------------
+// --- now ---
 
 namespace {
 
@@ -545,7 +545,7 @@ TimeZoneInformation GetTimeZoneInformation() {
 
 std::int32_t OffsetInForceNow() { return CurrentZone().OffsetAt(NowSeconds()); }
 
-// --- conversions -----------------------------------------------------------------------------------------------------
+// --- conversions ---
 
 bool SystemTimeToFileTime(const SYSTEMTIME& in, FILETIME& out) {
   if (in.wYear < 1601 || in.wYear > 30827 || in.wMonth < 1 || in.wMonth > 12) return false;

@@ -21,7 +21,7 @@
 
 namespace platform {
 
-// --- names -----------------------------------------------------------------------------------------------------------
+// --- names ---
 
 // The directory below which the system keeps its own files, an absolute kernel name without a separator at its end.
 // Set once at the start of a program (tests: per test); empty until then.
@@ -45,7 +45,7 @@ void SetStateDirectory(std::string directory);
 // The part of a kernel name in front of its last "/": "." for a name without one, "/" for names in the root.
 [[nodiscard]] std::string DirectoryOf(const std::string& name);
 
-// --- whole files and directories -------------------------------------------------------------------------------------
+// --- whole files and directories ---
 
 // Whether a file (anything but a directory) or a directory of that name exists; links are followed. What can't be
 // looked at doesn't exist.
@@ -119,7 +119,7 @@ class FileReplacement {
   Durable m_durable = Durable::kNo;
 };
 
-// --- open files ----------------------------------------------------------------------------------------------------
+// --- open files ---
 
 // An open file, closed at the end of its life. Other openers may read, write, rename and delete it meanwhile.
 class File {

@@ -248,7 +248,7 @@ bool FitsOffset(std::uint64_t offset) { return offset < static_cast<std::uint64_
 
 }  // namespace
 
-// --- names -----------------------------------------------------------------------------------------------------------
+// --- names ---
 
 void SetStateDirectory(std::string directory) {
   while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
@@ -294,7 +294,7 @@ std::string DirectoryOf(const std::string& name) {
   return slash == 0 ? "/" : name.substr(0, slash);
 }
 
-// --- whole files and directories -------------------------------------------------------------------------------------
+// --- whole files and directories ---
 
 bool FileExists(const std::string& name) {
   if (FaultAt(Operation::kFileExists, name) != ERROR_SUCCESS) return false;
@@ -397,7 +397,7 @@ ErrorCode ReplaceWholeFile(const std::string& name, std::string_view contents, D
   return rc == ERROR_SUCCESS ? replacement.Finish() : rc;
 }
 
-// --- replacements ----------------------------------------------------------------------------------------------------
+// --- replacements ---
 
 ErrorCode FileReplacement::Begin(const std::string& name, std::string_view contents, Durable durable) {
   Discard();
@@ -455,7 +455,7 @@ void FileReplacement::Discard() {
   ::close(std::exchange(m_descriptor, -1));
 }
 
-// --- open files ----------------------------------------------------------------------------------------------------
+// --- open files ---
 
 File& File::operator=(File&& other) noexcept {
   if (this != &other) {

@@ -42,7 +42,7 @@ struct ReadText {
   bool exists = false;
 };
 
-// --- the file and the batches ----------------------------------------------------------------------------------------
+// --- the file and the batches ---
 
 bool IsMissing(ErrorCode rc) { return rc == ERROR_FILE_NOT_FOUND || rc == ERROR_PATH_NOT_FOUND; }
 
@@ -340,7 +340,7 @@ ErrorCode MakeEdit(std::u16string_view section, std::u16string_view key, const c
 
 }  // namespace
 
-// --- the calls -------------------------------------------------------------------------------------------------------
+// --- the calls ---
 
 ErrorCode GetProfileInt(std::u16string_view path, std::u16string_view section, std::u16string_view key,
                         std::int32_t defaultValue, std::int32_t& value) {

@@ -73,7 +73,7 @@ constexpr bool IsLow(char16_t unit) {
   return unit >= 0xDC00 && unit < 0xE000;
 }
 
-// --- UTF-8 -----------------------------------------------------------------------------------------------------------
+// --- UTF-8 ---
 
 constexpr char32_t kIllFormed = 0xFFFFFFFF;
 
@@ -191,7 +191,7 @@ bool WideToUtf8(const char16_t* text, std::size_t size, Sink<char>& sink) {
   return wellFormed;
 }
 
-// --- UTF-8 of strings ------------------------------------------------------------------------------------------------
+// --- UTF-8 of strings ---
 //
 // The same conversions for text that goes into a string: most of it is ASCII, and room is made before the loop.
 
@@ -306,7 +306,7 @@ char* NarrowToUtf8(const char16_t* text, std::size_t size, std::size_t& at, std:
   return out;
 }
 
-// --- Code page 1252 --------------------------------------------------------------------------------------------------
+// --- Code page 1252 ---
 
 // The units of the bytes 0x80 to 0x9F; the five that the page leaves undefined stand for the controls of their number.
 constexpr char16_t kWesternHigh[32] = {0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021,
@@ -450,7 +450,7 @@ bool WideToWestern(const char16_t* text, std::size_t size, std::uint32_t flags, 
   return usedDefault;
 }
 
-// --- UTF-7 -----------------------------------------------------------------------------------------------------------
+// --- UTF-7 ---
 
 constexpr std::string_view kBase64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 // What stands for itself. NUL is one of them, hence the length by the array.
@@ -515,7 +515,7 @@ void WideToUtf7(const char16_t* text, std::size_t size, SinkType& sink) {
   }
 }
 
-// --- The two calls ---------------------------------------------------------------------------------------------------
+// --- The two calls ---
 
 int Fail(ErrorCode code, ErrorCode& lastError) {
   lastError = code;
@@ -641,7 +641,7 @@ int WideCharToMultiByte(CodePage codePage, std::uint32_t flags, const char16_t* 
   return result;
 }
 
-// --- The runtime's functions -----------------------------------------------------------------------------------------
+// --- The runtime's functions ---
 
 std::size_t Wcstombs(char* out, const char16_t* in, std::size_t outBytes, int& error, RuntimeLocale locale) {
   const std::size_t size = std::char_traits<char16_t>::length(in);
@@ -708,7 +708,7 @@ std::size_t Mbstowcs(char16_t* out, const char* in, std::size_t outUnits, int& e
   return count;
 }
 
-// --- Views to strings ------------------------------------------------------------------------------------------------
+// --- Views to strings ---
 
 std::u16string WideFromUtf8(std::string_view text) {
   std::u16string wide(text.size(), u'\0');  // no character has more units than bytes

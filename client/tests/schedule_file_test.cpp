@@ -365,7 +365,7 @@ TEST(ScheduleFile, BoundsTheSizeAndDepthOfWhatItReads) {
             "");
 }
 
-// --- times of day ----------------------------------------------------------------------------------------------------
+// --- times of day ---
 
 TEST(ScheduleFile, LetsTimesOfDayTravelOnAQuietDate) {
   const platform::Zone zone = platform::Zone::FromTz(kWinterAndSummer);
@@ -488,7 +488,7 @@ TEST(TimeText, TakesAZoneFileOfAServiceByItsPathAndNothingElse) {
   EXPECT_FALSE(qx::IsToldZone("::UTC"));
 }
 
-// --- writing ---------------------------------------------------------------------------------------------------------
+// --- writing ---
 
 TEST(ScheduleFile, IsWrittenWithItsKeysInOrder) {
   const platform::Zone zone = platform::Zone::FromTz(kWinterAndSummer);
@@ -694,7 +694,7 @@ TEST(ScheduleFile, WarnsExactlyOfTheNameThatAFileOfRulesDoesntGiveBack) {
   }
 }
 
-// --- records ---------------------------------------------------------------------------------------------------------
+// --- records ---
 
 TEST(CheckRecord, WarnsOfEveryValueThatTheServiceWouldDrop) {
   SCHEDULE_OBJECT record;

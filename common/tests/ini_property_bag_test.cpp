@@ -565,7 +565,7 @@ TEST_F(IniFileBag, DestroysItselfWhenTheLastReferenceGoes) {
   EXPECT_TRUE(gone);
 }
 
-// --- values ------------------------------------------------------------------------------------------------------------
+// --- values ---
 
 TEST(TaggedValue, LeavesElementsBehindThe65535thOut) {
   PropertyValue value;
@@ -593,7 +593,7 @@ TEST(TaggedValue, MovesWhatItOwns) {
   EXPECT_EQ(other.Text(), nullptr);
 }
 
-// --- what is saved comes back --------------------------------------------------------------------------------------------
+// --- what is saved comes back ---
 
 TEST_F(IniFileBag, GivesEveryNumberBackThatFitsItsTag) {
   const char16_t* names[] = {kFlag, kGeneralFlag};

@@ -93,7 +93,7 @@ std::streamoff SizeOf(std::streambuf* buffer, std::ios_base::openmode which) {
 
 }  // namespace
 
-// --- bistream --------------------------------------------------------------------------------------------------------
+// --- bistream ---
 
 bistream::bistream(std::streambuf* buffer, CByteOrder::ByteOrder order) : m_byteOrder(OrderOfStream(order)) {
   init(buffer);
@@ -190,7 +190,7 @@ bistream& bistream::operator>>(std::uint32_t& value) { return Extract(value); }
 bistream& bistream::operator>>(std::int64_t& value) { return Extract(value); }
 bistream& bistream::operator>>(std::uint64_t& value) { return Extract(value); }
 
-// --- bostream --------------------------------------------------------------------------------------------------------
+// --- bostream ---
 
 bostream::bostream(std::streambuf* buffer, CByteOrder::ByteOrder order) : m_byteOrder(OrderOfStream(order)) {
   init(buffer);
@@ -270,7 +270,7 @@ bostream& endl(bostream& stream) { return stream.put('\n').flush(); }
 bostream& ends(bostream& stream) { return stream.put('\0'); }
 bostream& flush(bostream& stream) { return stream.flush(); }
 
-// --- bstrstreambuf ---------------------------------------------------------------------------------------------------
+// --- bstrstreambuf ---
 
 bstrstreambuf::bstrstreambuf() : m_kind(Kind::kGrowing) {}
 
@@ -379,7 +379,7 @@ bstrstreambuf::pos_type bstrstreambuf::seekpos(pos_type position, std::ios_base:
   return seekoff(off_type(position), std::ios_base::beg, which);
 }
 
-// --- memory streams --------------------------------------------------------------------------------------------------
+// --- memory streams ---
 
 // The buffer is a member and comes to life after the base, so it is put in afterwards.
 bistrstream::bistrstream(const char* buffer, std::streamsize size, CByteOrder::ByteOrder order)

@@ -53,8 +53,7 @@ void CAbsolutePath::Text(const wcstring& text) {
   Path(rest, VolumeKind() == eURL ? VolumeSeparator() : separator);
 }
 
-// --- forms
-// -------------------------------------------------------------------------------------------------------------
+// --- forms ---
 
 CAbsolutePath CAbsolutePath::InForm(const CVolume& volume, const CPath& path, char16_t separator) const {
   CPath formed(wcstring(), path.Flag(), separator);
@@ -105,8 +104,7 @@ CAbsolutePath CAbsolutePath::AsURL(const wcstring& server) const {
   return InForm(volume, path, u'/');
 }
 
-// --- relations
-// ---------------------------------------------------------------------------------------------------------
+// --- relations ---
 
 bool CAbsolutePath::operator==(const CAbsolutePath& other) const {
   return SameVolume(other) && CPath::operator==(other);
@@ -130,8 +128,7 @@ bool CAbsolutePath::RemoveRoot(const CAbsolutePath& root) {
   return true;
 }
 
-// --- streams
-// -----------------------------------------------------------------------------------------------------------
+// --- streams ---
 
 void CAbsolutePath::BinaryIn2(bistream& stream) {
   wcstring text;

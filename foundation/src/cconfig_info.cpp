@@ -79,8 +79,7 @@ unsigned char CConfigInfo::Print(std::ostream& stream) const {
   return stream.good() ? 1 : 0;
 }
 
-// --- values
-// --------------------------------------------------------------------------------------------------------------
+// --- values ---
 
 unsigned char CConfigInfo::GetUserValue(const CPath& path, std::uint32_t& value) {
   return Done(CRegistry::Instance().FetchValue(UserPath(path), value));
@@ -119,8 +118,7 @@ unsigned char CConfigInfo::SetSystemValue(const CPath& path, const void* data, s
   return Done(CRegistry::Instance().SetValue(SystemPath(path), data, size));
 }
 
-// --- keys
-// ----------------------------------------------------------------------------------------------------------------
+// --- keys ---
 
 unsigned char CConfigInfo::CreateUserKey(const CPath& path) {
   return Done(CRegistry::Instance().CreateKey(UserPath(path), wcstring()));
@@ -154,8 +152,7 @@ unsigned char CConfigInfo::EnumerateSystemKeys(const CPath& path, std::vector<Ke
   return Done(CRegistry::Instance().EnumerateKeys(SystemPath(path), keys));
 }
 
-// --- steps
-// ---------------------------------------------------------------------------------------------------------------
+// --- steps ---
 
 unsigned char CConfigInfo::BeginSteps(const CPath& base, const CPath& whole) {
   m_stepKey = RegistryKey();

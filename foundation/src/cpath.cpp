@@ -23,7 +23,7 @@ std::size_t ExtensionPoint(std::u16string_view text) {
 
 }  // namespace
 
-// --- CPathElement ----------------------------------------------------------------------------------------------------
+// --- CPathElement ---
 
 void CPathElement::Extension(const wcstring& extension, unsigned char replace) {
   const std::size_t point = ExtensionPoint(m_text.view());
@@ -42,7 +42,7 @@ wcstring CPathElement::Name() const {
   return m_text.substr(0, ExtensionPoint(m_text.view()));
 }
 
-// --- CPath: making and parsing ---------------------------------------------------------------------------------------
+// --- CPath: making and parsing ---
 
 CPath::CPath(const wcstring& text, unsigned char flag, char16_t separator)
     : m_separator(separator), m_elementFlag(flag) {
@@ -106,8 +106,7 @@ void CPath::BuildAnnotationMap(std::u16string_view text) const {
   }
 }
 
-// --- CPath: text
-// -------------------------------------------------------------------------------------------------------
+// --- CPath: text ---
 
 wcstring CPath::BuildText(unsigned char flag) const {
   Parse();
@@ -164,8 +163,7 @@ char16_t CPath::Separator() const {
   return m_separator;
 }
 
-// --- CPath: elements
-// ---------------------------------------------------------------------------------------------------
+// --- CPath: elements ---
 
 std::size_t CPath::Count() const {
   Parse();
@@ -236,8 +234,7 @@ CPath operator+(const CPath& a, const CPath& b) {
   return joined;
 }
 
-// --- CPath: comparing
-// --------------------------------------------------------------------------------------------------
+// --- CPath: comparing ---
 
 std::size_t CPath::CommonElements(const CPath& other) const {
   Parse();
@@ -287,8 +284,7 @@ bool CPath::EfficientOrder(const CPath& other) const {
                                       other.m_elements.rend());
 }
 
-// --- CPath: annotations
-// ------------------------------------------------------------------------------------------------
+// --- CPath: annotations ---
 
 bool CPath::AddAnnotation(const wcstring& key, const wcstring& value) {
   if (key.view().find_first_of(u"=&") != kNotFound || value.find(u'&') != kNotFound) return false;
@@ -318,8 +314,7 @@ const CPath::AnnotationMap& CPath::Annotations() const {
   return m_annotations;
 }
 
-// --- streams
-// -----------------------------------------------------------------------------------------------------------
+// --- streams ---
 
 bistream& operator>>(bistream& stream, CPath& path) {
   return ReadPathText(stream, [&](const wcstring& text) { path.Path(text, path.Separator()); });

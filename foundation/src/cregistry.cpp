@@ -128,8 +128,7 @@ ErrorCode Delete(const RegistryKey& parent, std::u16string_view name, bool recur
 
 }  // namespace
 
-// --- what CConfigInfo shares
-// -------------------------------------------------------------------------------------------
+// --- what CConfigInfo shares ---
 
 namespace detail {
 
@@ -211,8 +210,7 @@ ErrorCode ReadValue(const RegistryKey& key, std::uint32_t index, RegValue& recor
 
 }  // namespace detail
 
-// --- CRegistry
-// -----------------------------------------------------------------------------------------------------------
+// --- CRegistry ---
 
 CRegistry& CRegistry::Instance() {
   if (CRegistry* const made = g_registry.load(std::memory_order_acquire)) return *made;

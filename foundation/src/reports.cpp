@@ -129,8 +129,7 @@ void Assert(const char* file, int line, const char16_t* message, const std::uint
 
 }  // namespace
 
-// --- CErrorReport
-// --------------------------------------------------------------------------------------------------------
+// --- CErrorReport ---
 
 CErrorReport::CErrorReport(const wcstring& title, const wcstring& message, const wcstring& source)
     : m_title(title), m_message(message), m_source(source) {
@@ -165,8 +164,7 @@ wcstring CErrorReport::ReportFileName() {
   return report.name;
 }
 
-// --- assertions and error texts
-// --------------------------------------------------------------------------------------------
+// --- assertions and error texts ---
 
 void ZFCDBG_Assert(const char* file, int line, const char16_t* message) {
   Assert(file, line, message, nullptr);
@@ -186,8 +184,7 @@ void PrintSystemError(const char16_t* text, unsigned int code, std::ostream& str
   stream << '\n';
 }
 
-// --- CStackWalk
-// ------------------------------------------------------------------------------------------------------------
+// --- CStackWalk ---
 
 void CStackWalk::GenerateExceptionReport(EXCEPTION_POINTERS* exception, std::ostream& stream) {
   if (exception == nullptr || exception->ExceptionRecord == nullptr) return;

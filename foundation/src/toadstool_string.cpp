@@ -39,7 +39,7 @@ std::u16string WideText(CZepUTF8& text) {
 
 }  // namespace
 
-// --- wcstring --------------------------------------------------------------------------------------------------------
+// --- wcstring ---
 
 wcstring::toadstool_string(const char16_t* text) : toadstool_base(FromPointer<string_type>(text)) {}
 wcstring::toadstool_string(const char16_t* text, size_type length)
@@ -116,7 +116,7 @@ void wcstring::Read(std::istream& stream) {
   m_text = narrow.unicode();
 }
 
-// --- cstring ---------------------------------------------------------------------------------------------------------
+// --- cstring ---
 
 cstring::toadstool_string(const char* text) : toadstool_base(FromPointer<string_type>(text)) {}
 cstring::toadstool_string(const char* text, size_type length)

@@ -135,8 +135,7 @@ TEST_F(ConfigInfo, FetchesTheDefaultValueOfAKey) {
   EXPECT_EQ(Config().LastError(), platform::ERROR_FILE_NOT_FOUND);
 }
 
-// --- steps
-// -----------------------------------------------------------------------------------------------------------------
+// --- steps ---
 
 TEST_F(ConfigInfo, StepsThroughKeysUntilNoMoreItems) {
   EXPECT_EQ(Config().CreateUserKey(CPath(u"A\\1")) + Config().CreateUserKey(CPath(u"A\\2")), 2);

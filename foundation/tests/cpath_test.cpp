@@ -24,8 +24,7 @@ std::vector<std::string> Elements(const CPath& path) {
   for (std::size_t i = 0; i < path.Count(); ++i) texts.emplace_back(path[i].Text().ascii());
   return texts;
 }
-// --- reading a text
-// ------------------------------------------------------------------------------------------------------
+// --- reading a text ---
 
 struct ReadCase {
   int line;
@@ -88,8 +87,7 @@ TEST(Path, TakesNullForAnEmptyText) {
   EXPECT_TRUE(CPath(static_cast<const char16_t*>(nullptr)).Empty());
 }
 
-// --- annotations
-// -----------------------------------------------------------------------------------------------------------
+// --- annotations ---
 
 TEST(Path, BeginsItsAnnotationsAtAQuestionMarkWithAnEqualsSignBehindIt) {
   const CPath path(u"\\a\\b?k=v&n=1=2");
@@ -200,8 +198,7 @@ TEST(Path, AddsFindsAndDeletesAnnotations) {
   EXPECT_EQ(path.PathWithAnnotations(), u"a");
 }
 
-// --- text
-// --------------------------------------------------------------------------------------------------------------------
+// --- text ---
 
 TEST(Path, IsEmptyTextForABareRootWhereTheFlagAsksForIt) {
   CPath path(u"\\a");
@@ -231,8 +228,7 @@ TEST(Path, TakesItsOwnTextAsANewOne) {
   EXPECT_EQ(path.PathWithAnnotations(), u"\\a");
 }
 
-// --- changing
-// ----------------------------------------------------------------------------------------------------------------
+// --- changing ---
 
 struct LopCase {
   int line;
@@ -320,8 +316,7 @@ TEST(Path, IsCopiedWhetherItWasReadOrNot) {
   EXPECT_EQ(copyOfChanged.Path(1), u"\\a");
 }
 
-// --- relations
-// ---------------------------------------------------------------------------------------------------------------
+// --- relations ---
 
 struct RelationCase {
   int line;
@@ -409,8 +404,7 @@ TEST(Path, OrdersForVisitingStrictly) {
   }
 }
 
-// --- elements
-// ------------------------------------------------------------------------------------------------------------------
+// --- elements ---
 
 struct ElementCase {
   int line;
@@ -454,8 +448,7 @@ TEST(PathElement, ComparesByItsTextAlone) {
   EXPECT_LT(CPathElement(u"A"), CPathElement(u"a"));
 }
 
-// --- streams
-// -------------------------------------------------------------------------------------------------------------------
+// --- streams ---
 
 TEST(Path, IsItsTextAsAWideStringInABinaryStream) {
   bostrstream out(CByteOrder::kBigEndian);

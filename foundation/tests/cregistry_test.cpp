@@ -47,8 +47,7 @@ TEST_F(RegistryAccess, TellsItsPlatformAndNoTextWithEveryCode) {
   EXPECT_TRUE(error.Succeeded());
 }
 
-// --- paths
-// ---------------------------------------------------------------------------------------------------------------
+// --- paths ---
 
 TEST_F(RegistryAccess, AnswersBadPathNameWithoutARootInFront) {
   for (const char16_t* text : {u"\\NOROOT\\a", u"\\hklm\\a", u"HKCU\\a", u"", u"\\", u"a"}) {
@@ -137,8 +136,7 @@ TEST_F(RegistryAccess, DoesNotFetchTheValueOfAKeyThatExists) {
   EXPECT_EQ(value, u"kept");
 }
 
-// --- values
-// --------------------------------------------------------------------------------------------------------------
+// --- values ---
 
 TEST_F(RegistryAccess, SetsAndFetchesEachKindOfValueAndMakesTheKey) {
   CRegistry& registry = Registry();
@@ -255,8 +253,7 @@ TEST_F(RegistryAccess, AnswersThatNoStoreIsOpen) {
   EXPECT_EQ(Make(u"\\HKCU\\A"), platform::ERROR_BADDB);
 }
 
-// --- removing
-// ------------------------------------------------------------------------------------------------------------
+// --- removing ---
 
 TEST_F(RegistryAccess, RemovesTheValueWhereAPathNamesOneAndNotTheKey) {
   ASSERT_EQ(Make(u"\\HKCU\\A\\name"), 0u);
@@ -315,8 +312,7 @@ TEST_F(RegistryAccess, RemovesNothingThatHasNoName) {
   EXPECT_TRUE(HasKey(u"\\HKCU\\A\\B"));
 }
 
-// --- enumerating
-// -----------------------------------------------------------------------------------------------------------
+// --- enumerating ---
 
 TEST_F(RegistryAccess, ListsSubKeysWithTheirDefaultValues) {
   CPath defaultOfB(u"\\HKCU\\A\\b");
@@ -374,8 +370,7 @@ TEST_F(RegistryAccess, EndsAListAtWhatIsLongerThanItsRecords) {
   EXPECT_EQ(keys.size(), 1u);
 }
 
-// --- saving
-// ----------------------------------------------------------------------------------------------------------------
+// --- saving ---
 
 TEST_F(RegistryAccess, SavesAKeyWithAllBelowIt) {
   ASSERT_EQ(Registry().SetValue(CPath(u"\\HKCU\\A\\B\\v"), 5u).m_code, 0u);

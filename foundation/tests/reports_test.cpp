@@ -60,8 +60,7 @@ class Reports : public WithRegistryStore {
   platform::DebugSink m_before;
 };
 
-// --- assertions
-// ------------------------------------------------------------------------------------------------------------
+// --- assertions ---
 
 TEST_F(Reports, AnAssertionTellsMessagePlaceAndStackAndGoesOn) {
   ZFCDBG_Assert("some.cpp", 17, u"it should be so");
@@ -112,8 +111,7 @@ TEST_F(Reports, TellsThatTheReportFileCannotBeWritten) {
   EXPECT_TRUE(CErrorReport(u"", u"", u"").Deliver());
 }
 
-// --- error texts
-// -------------------------------------------------------------------------------------------------------------
+// --- error texts ---
 
 TEST_F(Reports, AnErrorTextIsTheSystemsSentence) {
   EXPECT_EQ(SystemError(u"Opening: ", 2), "Opening: The system cannot find the file specified.\n");
@@ -134,8 +132,7 @@ TEST_F(Reports, AnErrorTextTellsThatNobodyKnowsTheCode) {
   EXPECT_EQ(SystemError(u"Failed: ", 0xE0000001), "Failed: Could not format message: 3758096385\n");
 }
 
-// --- exceptions
-// --------------------------------------------------------------------------------------------------------------
+// --- exceptions ---
 
 struct StatusCase {
   std::uint32_t code;
@@ -194,8 +191,7 @@ TEST_F(Reports, AnExceptionReportOfNothingIsEmpty) {
   EXPECT_EQ(out.str(), "");
 }
 
-// --- stacks
-// --------------------------------------------------------------------------------------------------------------------
+// --- stacks ---
 
 // The C library exports the name of what calls main().
 TEST_F(Reports, AStackNamesTheFunctionsThatAreExported) {

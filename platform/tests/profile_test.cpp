@@ -361,7 +361,7 @@ TEST_F(ProfileFile, KeepsAWideFileWide) {
   EXPECT_EQ(Get(), wide);
 }
 
-// --- batches -----------------------------------------------------------------------------------------------------------
+// --- batches ---
 
 TEST_F(ProfileFile, StaysAsItWasUntilTheBatchIsCommitted) {
   ProfileBatch& batch = BeginChange();
