@@ -19,10 +19,6 @@ void FromText(std::u16string_view text, platform::GUID& guid) {
   if (platform::ClsidFromString(text, guid) != 0) guid = platform::GUID();
 }
 
-bool IsLetterOrDigit(char16_t c) {
-  return (c >= u'0' && c <= u'9') || (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z');
-}
-
 }  // namespace
 
 CGUID::CGUID() {
@@ -49,7 +45,7 @@ wcstring CGUID::GUIDAsString(unsigned char strip) const {
   char16_t buffer[kGuidTextBuffer] = {};
   (void)platform::StringFromGuid2(*this, buffer, kGuidTextBuffer);
   std::u16string text(buffer);
-  if (strip == 1) std::erase_if(text, [](char16_t c) { return !IsLetterOrDigit(c); });
+  if (strip == 1) std::erase_if(text, [](char16_t c) { return c == u'{' || c == u'-' || c == u'}'; });
   return wcstring(std::move(text));
 }
 

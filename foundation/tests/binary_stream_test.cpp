@@ -177,6 +177,9 @@ TEST(BinaryStream, FlushesAfterEachWriteWhenItIsUnitBuffered) {
   out.setf(std::ios::unitbuf);
   out << std::uint32_t{2} << 'a';
   EXPECT_EQ(buffer.m_synced, 2);
+  std::stringbuf source("all of it");
+  out << source;
+  EXPECT_EQ(buffer.m_synced, 3);
 }
 
 TEST(BinaryStream, FlushesATiedStreamAheadOfInputAndOutput) {
@@ -198,6 +201,19 @@ TEST(BinaryStream, TakesWhatALimitedTargetHolds) {
   bostrstream out(room, sizeof room, kBig);
   in >> out;
   EXPECT_EQ(out.view(), "abcd");
+  EXPECT_FALSE(in.fail());
+  bistrstream rest("gh", 2, kBig);
+  rest >> out;
+  EXPECT_TRUE(rest.fail()) << "nothing was copied";
+}
+
+TEST(BinaryStream, TakesNoMoreOfItsSourceOnceTheTargetIsFull) {
+  const std::string text(2000, 'q');
+  bistrstream in(text.data(), static_cast<std::streamsize>(text.size()), kBig);
+  char room[4];
+  bostrstream out(room, sizeof room, kBig);
+  in >> out;
+  EXPECT_EQ(in.get(), 'q');
 }
 
 TEST(BinaryStream, KeepsTheCountOfAReadThatRunsOverTheEnd) {
@@ -208,6 +224,10 @@ TEST(BinaryStream, KeepsTheCountOfAReadThatRunsOverTheEnd) {
   EXPECT_FALSE(in.bad());
   EXPECT_EQ(in.gcount(), 3);
   EXPECT_STREQ(buffer, "abc");
+  in.clear();
+  in.rdbuf()->pubseekpos(0, std::ios::in);
+  in.read(buffer, 2);
+  EXPECT_EQ(in.gcount(), 0) << "of the last one";
 }
 
 TEST(BinaryStream, CountsNothingWhenAReadGetsAll) {
@@ -251,6 +271,16 @@ TEST(BinaryStream, RefusesToPutBackWhatMayNotBeWritten) {
   in.get();
   in.putback('z');
   EXPECT_TRUE(in.bad());
+}
+
+TEST(BinaryStream, PutsAnotherByteBackWhereItMayBeWritten) {
+  bstrstreambuf buffer;
+  bostream(&buffer, kBig).write("ab", 2);
+  bistream in(&buffer, kBig);
+  in.get();
+  in.putback('z');
+  EXPECT_EQ(in.get(), 'z');
+  EXPECT_EQ(in.get(), 'b');
 }
 
 TEST(BinaryStream, CopiesTheRestOfOneStreamIntoAnother) {
@@ -430,6 +460,17 @@ TEST(MemoryBuffer, RefusesPositionsOutsideWhatIsThere) {
   EXPECT_EQ(buffer->pubseekoff(0, std::ios::beg, std::ios::out), std::streampos(-1));
   EXPECT_EQ(buffer->pubseekoff(-1, std::ios::end, std::ios::in), std::streampos(2));
   EXPECT_EQ(in.get(), 'c');
+}
+
+TEST(MemoryBuffer, HasNoOnePositionToMoveBothFrom) {
+  bstrstreambuf buffer;
+  bostream(&buffer, kBig).write("abc", 3);
+  const auto both = std::ios::in | std::ios::out;
+  EXPECT_EQ(buffer.pubseekoff(1, std::ios::cur, both), std::streampos(-1));
+  EXPECT_EQ(buffer.pubseekoff(1, std::ios::beg, both), std::streampos(1));
+  EXPECT_EQ(buffer.sgetc(), 'b');
+  EXPECT_EQ(buffer.sputc('x'), 'x');
+  EXPECT_EQ(buffer.view(), "axc");
 }
 
 }  // namespace

@@ -127,7 +127,7 @@ TEST(Path, WritesItsAnnotationsSoThatTheyAreReadAgain) {
 }
 
 TEST(Path, KeepsASeparatorAtTheEndOfItsLastAnnotation) {
-  for (const char16_t* const value : {u"C:\\", u"usr/", u"\\", u"x"}) {
+  for (const char16_t* const value : {u"C:\\", u"usr/", u"\\", u"x", u"C:"}) {
     for (const char16_t separator : {u'\\', u'/', u':'}) {
       CPath path(u"a", 0, separator);
       ASSERT_TRUE(path.AddAnnotation(u"k", value));
@@ -298,6 +298,12 @@ TEST(Path, JoinsAnotherPathAndItsAnnotationsToItsEnd) {
   EXPECT_EQ(path.PathWithAnnotations(), u"\\a\\b\\c?k=3&m=2");
   const CPath third = CPath(u"\\x") + CPath(u"y");
   EXPECT_EQ(third.Path(), u"\\x\\y");
+}
+
+TEST(Path, TakesItsTextFromOneOfItsElements) {
+  CPath path(u"\\some\\element of many characters");
+  path.Path(path[1].Text(), u'\\');
+  EXPECT_EQ(path.Path(), u"element of many characters");
 }
 
 TEST(Path, JoinsItselfToItsEnd) {

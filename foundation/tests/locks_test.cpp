@@ -115,6 +115,14 @@ TEST(CZepOSCriticalSection, LocksRecursively) {
   });
 }
 
+TEST(CZepOSCriticalSection, StaysTheOneThatItIsWhenItIsInitializedAgain) {
+  CZepOSCriticalSection section;
+  EXPECT_EQ(section.Lock(), 1);
+  section.Initialize();
+  Elsewhere([&] { EXPECT_EQ(section.TryLock(), 0); });
+  EXPECT_EQ(section.Unlock(), 1);
+}
+
 TEST(CZepOSCriticalSection, AnswersMinusOneOnceDestroyed) {
   CZepOSCriticalSection section;
   EXPECT_EQ(section.Destroy(), 1);
