@@ -66,9 +66,11 @@ TEST_F(Foreground, FailsWhenNoProcessCanBeStarted) {
 
 // The interrupt from the keyboard reaches every process of the terminal: here the program sends it to both.
 TEST_F(Foreground, LeavesAnInterruptToTheProgram) {
+  const auto before = ::signal(SIGINT, SIG_DFL);  // a shell starts what runs in its background with it ignored
   std::uint32_t code = 0;
   EXPECT_EQ(RunInForeground({"sh", "-c", "kill -INT $PPID; kill -INT $$; exit 3"}, code), 0u);
   EXPECT_EQ(code, 128u + SIGINT);
+  ::signal(SIGINT, before);
 }
 
 TEST_F(Foreground, SendsTheOutputThroughAPager) {
