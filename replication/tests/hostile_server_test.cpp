@@ -42,6 +42,12 @@ class HostileServerTest : public testing::ReplicationFixture {
     ++last;
     return "127.1." + std::to_string(last / 250) + "." + std::to_string(last % 250 + 1);
   }
+  // The honest node's: this process' own, so that no other one has taken the port there which the host gave the hostile
+  // node.
+  static std::string HonestAddress() {
+    const int self = ::getpid();
+    return "127.2." + std::to_string(self / 250 % 250) + "." + std::to_string(self % 250 + 1);
+  }
   // A command on two nodes, the hostile one first; the other one is this test's own listener, reached at the same port.
   struct Outcome {
     Status status = 77;
@@ -52,13 +58,13 @@ class HostileServerTest : public testing::ReplicationFixture {
   Outcome Run(HostileServer& hostile, const std::string& address, const std::string& command = "/bin/true",
               const std::function<void()>& behind = {}) {
     m_log.Clear();
-    testing::WireTap honest("127.0.0.9", hostile.Port(), "127.0.0.1", m_listener.Port());
+    testing::WireTap honest(HonestAddress(), hostile.Port(), "127.0.0.1", m_listener.Port());
     CNodeOperations operations(testing::OwnKeys());
     operations.SetPort(hostile.Port());
     Outcome outcome;
     outcome.results.assign(3, 77);
-    outcome.status = operations.PerformOperationOnNodes(
-        testing::Wide(command), 3, {testing::Wide(address), u"127.0.0.9", u"localhost"}, outcome.results);
+    const std::vector<std::u16string> nodes = {testing::Wide(address), testing::Wide(HonestAddress()), u"localhost"};
+    outcome.status = operations.PerformOperationOnNodes(testing::Wide(command), 3, nodes, outcome.results);
     if (behind) behind();
     outcome.wasReached = hostile.WasReached();
     WaitForChildren();
