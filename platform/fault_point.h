@@ -55,7 +55,8 @@ extern std::atomic<bool> g_faultSeamArmed;
 }  // namespace detail
 
 // What the call is to fail with, 0 for "go on".
-//   detail  what the call works on (an allocation's name, a value's name); only compared with a plan's own detail
+//   detail  what the call works on (an allocation's name, a value's name, the milliseconds of a wait for any of several
+//           sockets); only compared with a plan's own detail
 [[nodiscard]] inline ErrorCode FaultAt([[maybe_unused]] Operation operation,
                                        [[maybe_unused]] std::string_view detail = {}) {
 #ifdef QX_FAULT_SEAM

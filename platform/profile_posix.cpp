@@ -50,7 +50,9 @@ ErrorCode ReadFileText(const std::string& name, ReadText& out) {
   out = {};
   if (name.empty()) return ERROR_ACCESS_DENIED;
   struct stat info {};
-  if (::stat(name.c_str(), &info) == 0 && static_cast<std::uint64_t>(info.st_size) > kMostProfileBytes) return ERROR_FILE_TOO_LARGE;
+  if (::stat(name.c_str(), &info) == 0 && static_cast<std::uint64_t>(info.st_size) > kMostProfileBytes) {
+    return ERROR_FILE_TOO_LARGE;
+  }
   const ErrorCode rc = ReadWholeFile(name, out.bytes);
   out.exists = rc == ERROR_SUCCESS;
   return rc;

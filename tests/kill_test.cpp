@@ -6,8 +6,8 @@
 namespace qx::testing {
 namespace {
 
-// How often in a row a change has to come through, until its calls count as done: from one time to the next it takes some
-// more or fewer of them, because other threads call as well.
+// How often in a row a change has to come through, until its calls count as done: from one time to the next it takes
+// some more or fewer of them, because other threads call as well.
 constexpr int kTimesThrough = 8;
 
 class KillAtEveryCall : public ::testing::TestWithParam<Change> {};

@@ -36,6 +36,7 @@ void ZepFreeString(void* text);
 }  // extern "C"
 
 // Owns a text that one of these functions, or a getter of the rules library, hands out through a pointer.
+// One thread at a time.
 template <class Unit>
 class ZepOwnedText {
  public:
